@@ -1,0 +1,362 @@
+#include "kesp/platform/File.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <string>
+
+#include "kesp/platform/SystemCalls.h"
+
+namespace {
+
+constexpr unsigned kNewFileMode = 0666;  // less the process's umask
+constexpr std::uint64_t kLargestOffset = std::numeric_limits<std::int64_t>::max();
+
+int OpenRetrying(const char* path, int flags) {
+  int fd = -1;
+  do {
+    fd = kesp::System().Open(path, flags, kNewFileMode);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// Null means that no lock is wanted.
+int LockOperation(unsigned openFlags, bool writable) {
+  if ((openFlags & (CFile::shareDenyWrite | CFile::shareExclusive)) != 0) {
+    const bool alone = writable || (openFlags & CFile::shareExclusive) != 0;
+    return alone ? LOCK_EX : LOCK_SH;
+  }
+  // Who writes without restriction shares the file with others like it, and fails while somebody denies writing.
+  return writable ? LOCK_SH : 0;
+}
+
+}  // namespace
+
+CFile::CFile(const CString& path, unsigned openFlags) {
+  CFileException error(CFileException::none, path);
+  if (!Open(path, openFlags, &error)) throw error;
+}
+
+CFile::~CFile() { Abort(); }
+
+bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error) {
+  Abort();
+  const std::string name = path.ToPathBytes();
+  const bool writable = (openFlags & (modeWrite | modeReadWrite)) != 0;
+  const bool create = (openFlags & modeCreate) != 0;
+  // Not blocking, so that a pipe in the file's place can't hold the caller up. Everything is opened for reading too:
+  // the buffer needs it.
+  int flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (writable ? O_RDWR : O_RDONLY);
+  bool created = false;
+
+  const auto fail = [&](CFileException reason) {
+    if (error != nullptr) *error = std::move(reason);
+    Abort();
+    return false;
+  };
+  if (create) {
+    m_fd = OpenRetrying(name.c_str(), flags | O_CREAT | O_EXCL);
+    created = m_fd >= 0;
+    // Not emptied here: the lock comes first.
+    if (m_fd < 0 && errno == EEXIST) m_fd = OpenRetrying(name.c_str(), flags | O_CREAT);
+  } else {
+    // Only a file's owner may ask for its access time to be left alone.
+    if (!writable) m_fd = OpenRetrying(name.c_str(), flags | O_NOATIME);
+    if (m_fd < 0) m_fd = OpenRetrying(name.c_str(), flags);
+  }
+  if (m_fd < 0) return fail(CFileException(errno, path));
+
+  struct stat info {};
+  if (kesp::System().FileStat(m_fd, &info) != 0) return fail(CFileException(errno, path));
+  if (!S_ISREG(info.st_mode)) return fail(CFileException(CFileException::invalidFile, path));
+  if (const int operation = LockOperation(openFlags, writable); operation != 0) {
+    int result = 0;
+    do {
+      result = kesp::System().Lock(m_fd, operation | LOCK_NB);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) return fail(CFileException(errno, path));
+  }
+  m_length = static_cast<std::uint64_t>(info.st_size);
+  if (create && !created) {
+    if (kesp::System().Truncate(m_fd, 0) != 0) return fail(CFileException(errno, path));
+    m_length = 0;
+  } else if (kesp::System().FileStat(m_fd, &info) == 0) {
+    m_length = static_cast<std::uint64_t>(info.st_size);  // it may have grown until the lock was ours
+  } else {
+    return fail(CFileException(errno, path));
+  }
+  m_path = path;
+  m_writable = writable;
+  m_directoryUnsynced = created;
+  return true;
+}
+
+void CFile::Close() {
+  if (m_fd < 0) return;
+  CommitGathered();
+  const int fd = m_fd;
+  const CString path = m_path;
+  Reset();
+  // Not tried again when interrupted: the descriptor is gone all the same.
+  if (kesp::System().Close(fd) != 0 && errno != EINTR) throw CFileException(errno, path);
+}
+
+void CFile::Abort() noexcept {
+  if (m_fd >= 0) kesp::System().Close(m_fd);
+  Reset();
+}
+
+void CFile::Reset() noexcept {
+  m_fd = -1;
+  m_writable = m_gathering = m_syncFailed = m_directoryUnsynced = false;
+  m_path.Empty();
+  m_position = m_length = m_bufferStart = m_gatherStart = 0;
+  m_bufferSize = 0;
+  m_buffer.reset();
+  m_nextRead = kFirstRead;
+  m_gathered.clear();
+}
+
+std::size_t CFile::Read(void* to, std::size_t count) {
+  auto* out = static_cast<std::byte*>(to);
+  std::size_t total = 0;
+  while (total < count) {
+    if (count - total >= kBufferSize && (m_position < m_bufferStart || m_position - m_bufferStart >= m_bufferSize)) {
+      // Large and not in the buffer: straight into the caller's memory.
+      RequireOpen();
+      CommitGathered();
+      const std::size_t got = ReadSystem(out + total, count - total, count - total, m_position);
+      m_position += got;
+      return total + got;
+    }
+    const std::size_t wanted = std::min(count - total, kMaxView);
+    const std::span<const std::byte> bytes = ReadView(wanted);
+    std::copy(bytes.begin(), bytes.end(), out + total);
+    total += bytes.size();
+    if (bytes.size() < wanted) break;
+  }
+  return total;
+}
+
+std::span<const std::byte> CFile::ReadViewSlow(std::size_t count) {
+  RequireOpen();
+  CommitGathered();
+  if (count > kMaxView) throw CInvalidArgException();
+  if (!m_buffer) m_buffer = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
+  const bool follows = m_position >= m_bufferStart && m_position - m_bufferStart <= m_bufferSize;
+  const std::size_t offset = follows ? static_cast<std::size_t>(m_position - m_bufferStart) : 0;
+  const std::size_t kept = follows ? m_bufferSize - offset : 0;
+  if (kept < count) {
+    // What is left moves to the front, where there is room for all that is read ahead.
+    if (kept != 0) std::memmove(m_buffer.get(), m_buffer.get() + offset, kept);
+    m_bufferStart = m_position;
+    m_bufferSize = kept;
+    m_nextRead = follows ? std::min(2 * m_nextRead, kBufferSize) : kFirstRead;
+    const std::size_t most = std::min(kBufferSize - kept, std::max(m_nextRead, count - kept));
+    m_bufferSize += ReadSystem(m_buffer.get() + kept, count - kept, most, m_position + kept);
+  }
+  const auto at = static_cast<std::size_t>(m_position - m_bufferStart);
+  const std::size_t handed = std::min(count, m_bufferSize - at);
+  m_position += handed;
+  return {m_buffer.get() + at, handed};
+}
+
+// Reads until at least `least` bytes are there or the file ends, and up to `most` while the system gives them.
+std::size_t CFile::ReadSystem(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position) {
+  std::size_t total = 0;
+  while (total < least && position + total <= kLargestOffset) {
+    const ssize_t got =
+        kesp::System().Read(m_fd, to + total, most - total, static_cast<std::int64_t>(position + total));
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      Raise(errno);
+    }
+    if (got == 0) break;
+    total += static_cast<std::size_t>(got);
+  }
+  if (total != 0) m_length = std::max(m_length, position + total);
+  return total;
+}
+
+void CFile::Write(const void* from, std::size_t count) {
+  RequireOpen();
+  if (!m_writable) throw CFileException(CFileException::accessDenied, m_path);
+  if (count == 0) return;
+  const auto* const bytes = static_cast<const std::byte*>(from);
+  if (m_gathering) {
+    if (m_gathered.empty()) m_gatherStart = m_position;
+    m_gathered.insert(m_gathered.end(), bytes, bytes + count);
+    m_position += count;
+    return;
+  }
+  WriteOut(bytes, count, m_position);
+  m_position += count;
+}
+
+void CFile::WriteOut(const std::byte* from, std::size_t count, std::uint64_t position) {
+  if (m_syncFailed) Raise(EIO);
+  if (position > kLargestOffset - count) Raise(EFBIG);
+  std::size_t total = 0;
+  while (total < count) {
+    const ssize_t put =
+        kesp::System().Write(m_fd, from + total, count - total, static_cast<std::int64_t>(position + total));
+    if (put <= 0) {
+      const int reason = put < 0 ? errno : ENOSPC;  // a device that takes nothing is full
+      if (reason == EINTR) continue;
+      UpdateBuffer(from, total, position);
+      Raise(reason);
+    }
+    total += static_cast<std::size_t>(put);
+  }
+  UpdateBuffer(from, count, position);
+}
+
+// Keeps the read buffer true after a write: overlapping bytes are replaced, bytes that follow it are added, and a
+// write elsewhere becomes the buffer's new content, since what was just written is what is read next.
+void CFile::UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept {
+  m_length = std::max(m_length, position + count);
+  if (count == 0) return;
+  if (!m_buffer) {
+    m_buffer.reset(new (std::nothrow) std::byte[kBufferSize]);
+    if (!m_buffer) return;
+  }
+  const std::uint64_t bufferEnd = m_bufferStart + m_bufferSize;
+  const bool fits = position >= m_bufferStart && position + count <= m_bufferStart + kBufferSize;
+  if (m_bufferSize != 0 && position <= bufferEnd && position + count >= m_bufferStart) {
+    if (fits) {
+      std::memcpy(m_buffer.get() + (position - m_bufferStart), from, count);
+      m_bufferSize = std::max(m_bufferSize, static_cast<std::size_t>(position - m_bufferStart) + count);
+      return;
+    }
+  }
+  if (count <= kBufferSize) {
+    std::memcpy(m_buffer.get(), from, count);
+    m_bufferStart = position;
+    m_bufferSize = count;
+  } else {
+    m_bufferSize = 0;
+  }
+}
+
+void CFile::CommitGathered() {
+  if (m_gathered.empty()) return;
+  const std::uint64_t resume = m_position;
+  // Whatever comes of it, it is not tried again.
+  std::vector<std::byte> bytes;
+  bytes.swap(m_gathered);
+  m_position = m_gatherStart;
+  WriteOut(bytes.data(), bytes.size(), m_gatherStart);
+  m_position = resume;
+  bytes.clear();
+  m_gathered.swap(bytes);  // keeps the room for the next record
+}
+
+std::uint64_t CFile::Seek(std::int64_t offset, SeekPosition from) {
+  RequireOpen();
+  CommitGathered();
+  const std::uint64_t base = from == begin ? 0 : from == current ? m_position : GetLength();
+  const auto distance = static_cast<std::uint64_t>(offset);  // adding it wraps for a negative one, as meant
+  if (offset < 0 ? base < 0 - distance : base > kLargestOffset - distance) {
+    throw CFileException(CFileException::badSeek, m_path);
+  }
+  m_position = base + distance;
+  return m_position;
+}
+
+std::uint64_t CFile::GetPosition() const {
+  RequireOpen();
+  return m_position;
+}
+
+std::uint64_t CFile::GetLength() {
+  RequireOpen();
+  CommitGathered();
+  struct stat info {};
+  if (kesp::System().FileStat(m_fd, &info) != 0) Raise(errno);
+  m_length = static_cast<std::uint64_t>(info.st_size);
+  return m_length;
+}
+
+bool CFile::ReachesTo(std::uint64_t position) { return position <= m_length || position <= GetLength(); }
+
+void CFile::SetLength(std::uint64_t length) {
+  RequireOpen();
+  CommitGathered();
+  if (!m_writable) throw CFileException(CFileException::accessDenied, m_path);
+  if (length > kLargestOffset) Raise(EFBIG);
+  if (kesp::System().Truncate(m_fd, static_cast<std::int64_t>(length)) != 0) Raise(errno);
+  m_length = length;
+  m_bufferSize = 0;
+}
+
+void CFile::Flush() {
+  RequireOpen();
+  CommitGathered();
+  if (!m_writable) return;
+  if (m_syncFailed) Raise(EIO);
+  int result = 0;
+  do {
+    result = kesp::System().DataSync(m_fd);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0) {
+    const int reason = errno;
+    m_syncFailed = true;
+    Raise(reason);
+  }
+  if (m_directoryUnsynced) SyncDirectory();
+}
+
+// A new file is found again after a power cut only once its directory is on the disk. Some file systems can't be asked
+// that of a directory, and some directories may not be opened: nothing is known to be lost then.
+void CFile::SyncDirectory() {
+  m_directoryUnsynced = false;
+  const std::string name = m_path.ToPathBytes();
+  const std::size_t slash = name.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : name.substr(0, slash + 1);
+  const int fd = OpenRetrying(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  int result = 0;
+  do {
+    result = kesp::System().FullSync(fd);
+  } while (result != 0 && errno == EINTR);
+  const int reason = errno;
+  kesp::System().Close(fd);
+  if (result != 0 && (reason == EIO || reason == ENOSPC || reason == EDQUOT)) {
+    m_syncFailed = true;
+    Raise(reason);
+  }
+}
+
+void CFile::TouchModified() noexcept {
+  if (m_fd >= 0 && m_writable) kesp::System().TouchModified(m_fd);
+}
+
+void CFile::Remove(const CString& path) {
+  if (kesp::System().Unlink(path.ToPathBytes().c_str()) != 0) throw CFileException(errno, path);
+}
+
+void CFile::Raise(int osError) const { throw CFileException(osError, m_path); }
+
+void CFile::RequireOpen() const {
+  if (m_fd < 0) throw CFileException(CFileException::invalidFile, m_path);
+}
+
+CFile::Gather::Gather(CFile& file) : m_file(file) {
+  m_file.CommitGathered();
+  m_file.m_gathering = true;
+}
+
+CFile::Gather::~Gather() {
+  if (!m_file.m_gathered.empty()) {
+    m_file.m_position = m_file.m_gatherStart;
+    m_file.m_gathered.clear();
+  }
+  m_file.m_gathering = false;
+}
+
+void CFile::Gather::Commit() { m_file.CommitGathered(); }

@@ -1,0 +1,141 @@
+// The binary file through which everything is read and written.
+//
+//   CFile file(L"survey.kesp", CFile::modeReadWrite | CFile::shareDenyWrite);
+//   file.Seek(50, CFile::begin);
+//   std::uint32_t type = 0;
+//   if (file.Read(&type, sizeof type) != sizeof type) ...  // the end of the file
+//
+// Positions and lengths are 64-bit byte counts. Reading goes through a buffer of up to 256 KiB that grows with
+// sequential reading; writing goes to the system at once (see Gather) and the buffer follows it, so what was written
+// through this object is what it reads. A read at the end of the file asks the system again each time: what another
+// process appended meanwhile is found.
+//
+// Sharing is kept by an advisory lock on the whole file, taken when it is opened and before anything is truncated; it
+// ends with Close or with the process. Plain readers are never in the way. An object is used by one thread at a time.
+//
+// Errors: CFileException, except where an operation says otherwise. The position then is where the failure came.
+// A failed Flush is final: what the system lost at that moment a later Flush can't bring back, so every later Write and
+// Flush raises hardIO until the file is opened anew.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "kesp/platform/Exception.h"
+#include "kesp/platform/Export.h"
+#include "kesp/platform/String.h"
+
+class KESP_EXPORT CFile {
+ public:
+  enum OpenFlags : unsigned {
+    modeRead = 0x0000,
+    modeWrite = 0x0001,
+    modeReadWrite = 0x0002,
+    shareExclusive = 0x0010,  // nobody else may hold the file; taken as shareDenyWrite by who does not ask for a lock
+    shareDenyWrite = 0x0020,  // others may read, not write
+    shareDenyNone = 0x0040,   // no restriction; to write still fails while somebody else denies it
+    modeCreate = 0x1000,      // creates the file; one that exists is emptied, once the lock is held
+  };
+  enum SeekPosition { begin = 0, current = 1, end = 2 };
+
+  CFile() noexcept = default;
+  // Opens; raises CFileException when Open would answer false.
+  CFile(const CString& path, unsigned openFlags);
+  // Closes without a flush; what closing reports is lost.
+  virtual ~CFile();
+  CFile(const CFile&) = delete;
+  CFile& operator=(const CFile&) = delete;
+
+  // Answers false when the file can't be opened, is not a regular file, or is held by somebody who denies it; `error`
+  // then receives the reason. An object that is open already is closed first. Raises nothing.
+  bool Open(const CString& path, unsigned openFlags, CFileException* error = nullptr);
+  bool IsOpen() const noexcept { return m_fd >= 0; }
+  bool IsWritable() const noexcept { return m_writable; }
+  // Closes; nothing on a closed object. The object is closed even when this raises.
+  void Close();
+  // Close without raising.
+  void Abort() noexcept;
+
+  // Reads up to `count` bytes and answers how many there were; fewer only at the end of the file.
+  std::size_t Read(void* to, std::size_t count);
+  // The same without copying: the bytes stay in the read buffer and are valid until the next operation of this
+  // object. `count` is at most kMaxView.
+  static constexpr std::size_t kMaxView = 64 * 1024;
+  std::span<const std::byte> ReadView(std::size_t count) {
+    if (m_position >= m_bufferStart && m_position - m_bufferStart + count <= m_bufferSize && m_gathered.empty()) {
+      const std::byte* const bytes = m_buffer.get() + (m_position - m_bufferStart);
+      m_position += count;
+      return {bytes, count};
+    }
+    return ReadViewSlow(count);
+  }
+  // Writes all of it or raises. Past the end, the gap reads as zeros.
+  void Write(const void* from, std::size_t count);
+
+  // Answers the new position. It may lie behind the end of the file.
+  std::uint64_t Seek(std::int64_t offset, SeekPosition from);
+  void SeekToBegin() { Seek(0, begin); }
+  std::uint64_t SeekToEnd() { return Seek(0, end); }
+  std::uint64_t GetPosition() const;
+  std::uint64_t GetLength();
+  void SetLength(std::uint64_t length);
+  // Whether the file reaches at least to `position`. Asks the system only when the length last seen is below that,
+  // which makes it cheap enough to be asked for every record.
+  bool ReachesTo(std::uint64_t position);
+  // The length as last seen, without asking the system.
+  std::uint64_t KnownLength() const noexcept { return m_length; }
+  const CString& GetFilePath() const noexcept { return m_path; }
+
+  // On the disk, with all that is needed to find it again: returns when the device has it. Nothing on a file that is
+  // open for reading.
+  void Flush();
+  // The modification time becomes now; a failure is ignored.
+  void TouchModified() noexcept;
+  // Deletes a file by its path.
+  static void Remove(const CString& path);
+
+  // While one of these lives, writes are collected, and go to the system as one write when it is committed; anything
+  // but Write commits too. Destroyed uncommitted, it drops what it holds, and the position is where it began.
+  class KESP_EXPORT Gather {
+   public:
+    explicit Gather(CFile& file);
+    ~Gather();
+    Gather(const Gather&) = delete;
+    Gather& operator=(const Gather&) = delete;
+    void Commit();
+
+   private:
+    CFile& m_file;
+  };
+
+ private:
+  static constexpr std::size_t kBufferSize = 256 * 1024;
+  static constexpr std::size_t kFirstRead = 4 * 1024;  // what a read somewhere new asks for; doubled while it goes on
+
+  [[noreturn]] void Raise(int osError) const;
+  void RequireOpen() const;
+  void CommitGathered();
+  void WriteOut(const std::byte* from, std::size_t count, std::uint64_t position);
+  std::size_t ReadSystem(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position);
+  std::span<const std::byte> ReadViewSlow(std::size_t count);
+  void UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept;
+  void SyncDirectory();
+  void Reset() noexcept;
+
+  int m_fd = -1;
+  bool m_writable = false;
+  bool m_gathering = false;
+  bool m_syncFailed = false;
+  bool m_directoryUnsynced = false;  // the file was created and its directory not yet told to keep it
+  CString m_path;
+  std::uint64_t m_position = 0;
+  std::uint64_t m_length = 0;  // as last seen
+  std::unique_ptr<std::byte[]> m_buffer;
+  std::uint64_t m_bufferStart = 0;  // where in the file the buffer's first byte stands
+  std::size_t m_bufferSize = 0;     // bytes in it
+  std::size_t m_nextRead = kFirstRead;
+  std::vector<std::byte> m_gathered;
+  std::uint64_t m_gatherStart = 0;
+};

@@ -1,0 +1,124 @@
+// The text type of the whole interface: a growable string of 16-bit units.
+//
+//   CString name(L"Oak");            // also u"Oak", or "Oak" in UTF-8
+//   name += u"/Red";
+//   std::string utf8 = name.ToUtf8();
+//
+// The units are UTF-16 in general, but any sequence is kept as it is: lone surrogates, non-characters and zero
+// units survive a round trip through a record field or through UTF-8. Comparing goes unit by unit; folding letter
+// case touches A to Z only, whatever the locale.
+//
+// Texts of up to 11 units live inside the object and cost no allocation.
+//
+// Errors: CMemoryException when a longer text can't be allocated; the text is then as it was. Positions and counts
+// are in units and cut to what the text holds.
+#pragma once
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "kesp/platform/Export.h"
+
+class KESP_EXPORT CString {
+ public:
+  CString() noexcept { SetSmallLength(0); }
+  CString(const char* utf8);  // null counts as empty, here and below
+  CString(const wchar_t* text);
+  CString(const char16_t* text);
+  CString(const std::string& utf8);
+  CString(std::u16string_view units);
+  CString(const char16_t* units, std::size_t count);
+  CString(const CString& other);
+  CString(CString&& other) noexcept;
+  CString& operator=(const CString& other);
+  CString& operator=(CString&& other) noexcept;
+  ~CString() {
+    if (IsLong()) Release();
+  }
+
+  // UTF-8 in, and out again. A byte that is not UTF-8 becomes the unit 0xDC00 + byte; a lone surrogate goes out in
+  // the three bytes that UTF-8 would give its number, and those come back as that surrogate.
+  static CString FromUtf8(std::string_view utf8);
+  std::string ToUtf8() const;
+  // The name that the system knows a file by: UTF-8, with the units made of stray bytes turned back into them.
+  std::string ToPathBytes() const;
+  // Each byte becomes the character of the same value.
+  static CString FromLatin1(std::string_view bytes);
+
+  // Replaces the text by `count` units. The units may be part of this very text.
+  void Assign(const char16_t* units, std::size_t count);
+  // Makes room for `count` units whose values are then the caller's to write through the pointer returned.
+  char16_t* Resize(std::size_t count);
+
+  int GetLength() const noexcept { return static_cast<int>(Size()); }
+  std::size_t Size() const noexcept { return IsLong() ? m_long.size : kInline - m_small[kInline]; }
+  bool IsEmpty() const noexcept { return Size() == 0; }
+  void Empty() noexcept;
+  // The units with a zero behind them; valid until the text changes.
+  const char16_t* GetString() const noexcept { return IsLong() ? m_long.data : m_small; }
+  std::u16string_view View() const noexcept { return {GetString(), Size()}; }
+  // The unit at `index`, 0 .. GetLength(); the last one is the zero behind the text.
+  char16_t operator[](int index) const noexcept { return GetString()[index]; }
+  char16_t GetAt(int index) const noexcept { return GetString()[index]; }
+  void SetAt(int index, char16_t unit) noexcept { Data()[index] = unit; }
+
+  CString& operator+=(const CString& other);
+  CString& operator+=(char16_t unit);
+  friend CString operator+(const CString& a, const CString& b) {
+    CString sum(a);
+    sum += b;
+    return sum;
+  }
+
+  // Below 0, 0 or above 0. NoCase folds both sides to lower case first.
+  int Compare(const CString& other) const noexcept;
+  int CompareNoCase(const CString& other) const noexcept;
+  friend bool operator==(const CString& a, const CString& b) noexcept { return a.View() == b.View(); }
+  friend std::strong_ordering operator<=>(const CString& a, const CString& b) noexcept { return a.Compare(b) <=> 0; }
+
+  // Position of the first occurrence at or behind `start`, -1 if there is none. An empty text is found at `start`.
+  int Find(const CString& wanted, int start = 0) const noexcept;
+  int Find(char16_t unit, int start = 0) const noexcept;
+  int ReverseFind(char16_t unit) const noexcept;
+
+  CString Left(int count) const;
+  CString Right(int count) const;
+  CString Mid(int first) const;
+  CString Mid(int first, int count) const;
+  CString& MakeUpper() noexcept;  // a to z only
+  CString& MakeLower() noexcept;  // A to Z only
+  CString& Trim();                // white space at both ends, of all of Unicode's basic plane
+
+ private:
+  static constexpr std::size_t kInline = 11;             // units that fit into the object
+  static constexpr char16_t kLongMark = 0x8000;          // in the last unit; a short text has 11 - length there
+  static constexpr std::size_t kMaxLength = 0x3FFFFFFF;  // units
+
+  // A long text's last two bytes are the top of `capacity` on a little-endian machine and the low end of it on a
+  // big-endian one, so the mark is kept in a member of its own.
+  struct Long {
+    char16_t* data;
+    std::uint64_t size;
+    std::uint32_t capacity;  // units, without the closing zero
+    std::uint16_t unused;
+    char16_t mark;
+  };
+
+  bool IsLong() const noexcept { return (m_small[kInline] & kLongMark) != 0; }
+  char16_t* Data() noexcept { return IsLong() ? m_long.data : m_small; }
+  void SetSmallLength(std::size_t length) noexcept {
+    m_small[length] = 0;
+    m_small[kInline] = static_cast<char16_t>(kInline - length);  // 0 for a full one: its closing zero
+  }
+  void SetLength(std::size_t length) noexcept;
+  std::size_t Capacity() const noexcept { return IsLong() ? m_long.capacity : kInline; }
+  void Grow(std::size_t capacity);  // keeps the text
+  void Release() noexcept;
+
+  union {
+    char16_t m_small[kInline + 1];
+    Long m_long;
+  };
+};

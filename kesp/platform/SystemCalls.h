@@ -1,0 +1,41 @@
+// Every call that the library makes to the system goes through this one interface, so that a test can make the n-th
+// of them fail, come up short, or be recorded.
+//
+// Each function behaves as the call it is named after: a result below 0 means failure, with errno set. CFile deals
+// with interrupted and short calls. Not installed; hosts have no use for it.
+#pragma once
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+
+struct stat;
+
+namespace kesp {
+
+class SystemCalls {
+ public:
+  virtual ~SystemCalls() = default;
+  virtual int Open(const char* path, int flags, unsigned mode);
+  virtual int Close(int fd);
+  virtual int Stat(const char* path, struct stat* info);
+  virtual int FileStat(int fd, struct stat* info);
+  virtual int Lock(int fd, int operation);  // flock
+  virtual ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset);
+  virtual ssize_t Write(int fd, const void* from, std::size_t count, std::int64_t offset);
+  virtual int Truncate(int fd, std::int64_t length);
+  virtual int DataSync(int fd);
+  virtual int FullSync(int fd);       // for directories
+  virtual int TouchModified(int fd);  // the modification time becomes now, the access time stays
+  virtual int Unlink(const char* path);
+  virtual void SleepMs(unsigned milliseconds);
+  // Whether the device lost power since it was last asked. No system says so: always false.
+  virtual bool PowerEventHappened() { return false; }
+};
+
+// The one in use. A test puts its own in place and takes it out again by passing null; not while another thread is
+// inside the library.
+SystemCalls& System() noexcept;
+void SetSystemCalls(SystemCalls* calls) noexcept;
+
+}  // namespace kesp

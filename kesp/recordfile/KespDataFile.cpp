@@ -1,0 +1,187 @@
+#include "kesp/recordfile/KespDataFile.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "kesp/platform/SystemCalls.h"
+#include "kesp/recordfile/FileHeader.h"
+#include "kesp/util/Fields.h"
+#include "kesp/util/StringTable.h"
+#include "kesp/util/Utilities.h"
+
+namespace {
+
+constexpr unsigned long kNoPosition = 0xFFFFFFFF;
+
+}  // namespace
+
+CKespDataFile::CKespDataFile() {
+  for (std::size_t code = 0; code < m_errorStrings.size(); ++code) {
+    m_errorStrings[code] = GetStringRes(kesp::kFirstErrorText + static_cast<int>(code));
+  }
+}
+
+CKespDataFile::~CKespDataFile() = default;
+
+bool CKespDataFile::Open(const wchar_t* path) {
+  return path != nullptr && OpenWith(path, CFile::modeReadWrite | CFile::shareDenyWrite);
+}
+
+bool CKespDataFile::Open(const CString& path) { return OpenWith(path, CFile::modeReadWrite | CFile::shareDenyWrite); }
+
+bool CKespDataFile::OpenReadOnly(const wchar_t* path) {
+  return path != nullptr && OpenWith(path, CFile::modeRead | CFile::shareDenyNone);
+}
+
+bool CKespDataFile::OpenReadOnly(const CString& path) { return OpenWith(path, CFile::modeRead | CFile::shareDenyNone); }
+
+bool CKespDataFile::OpenWith(const CString& path, unsigned openFlags) {
+  m_error = KESP_ERROR_NONE;
+  if (IsOpen()) {
+    m_error = KESP_ERROR_OPEN;
+    return false;
+  }
+  m_systemError = 0;
+  CFileException failure(CFileException::none, path);
+  if (!m_file.Open(path, openFlags, &failure)) {
+    NoteFailure(failure);
+    m_error = KESP_ERROR_OPEN;
+    return false;
+  }
+  try {
+    if (ReadFileHeader()) {
+      m_path = path;
+      return true;
+    }
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+  }
+  m_file.Abort();
+  return false;
+}
+
+bool CKespDataFile::ReadFileHeader() {
+  const auto fail = [this](KESP_ERROR_TYPE error) {
+    m_error = error;
+    return false;
+  };
+  // A file too short for the signature is compared as it stands.
+  std::array<char, kesp::kSignature.size()> signature{};
+  (void)m_file.Read(signature.data(), signature.size());
+  if (!std::equal(signature.begin(), signature.end(), kesp::kSignature.begin())) return fail(KESP_ERROR_SIGNATURE);
+
+  kesp::FieldReader version(m_file.ReadView(2));
+  version.U16(m_version);
+  if (version.Failed()) return fail(KESP_ERROR_EOF);
+
+  std::uint32_t headerLength = 0;
+  kesp::FieldReader length(m_file.ReadView(4));
+  length.U32(headerLength);
+  if (length.Failed()) return fail(KESP_ERROR_EOF);
+  m_firstRecordOffset = kesp::kHeaderLengthCountsFrom + headerLength;  // kept to 32 bits
+  if (!m_file.ReachesTo(m_firstRecordOffset)) return fail(KESP_ERROR_FILE_HEADER);
+
+  // Read whatever the header length says, also where a length below 2 lets the records begin inside it.
+  std::uint16_t headerWord = 0;
+  kesp::FieldReader word(m_file.ReadView(2));
+  word.U16(headerWord);
+  if (word.Failed()) return fail(KESP_ERROR_EOF);
+  m_headerWord = headerWord;
+  return true;
+}
+
+bool CKespDataFile::Create(const wchar_t* path) { return path != nullptr && Create(CString(path)); }
+
+bool CKespDataFile::Create(const CString& path) {
+  if (IsOpen()) return false;
+  m_systemError = 0;
+  CFileException failure(CFileException::none, path);
+  if (!m_file.Open(path, CFile::modeCreate | CFile::modeReadWrite | CFile::shareDenyWrite, &failure)) {
+    NoteFailure(failure);
+    return false;
+  }
+  try {
+    std::array<std::byte, kesp::kFileHeaderSize> header;
+    std::transform(kesp::kSignature.begin(), kesp::kSignature.end(), header.begin(),
+                   [](char c) { return static_cast<std::byte>(c); });
+    kesp::FieldWriter writer(header.data() + kesp::kSignature.size());
+    writer.U16(m_version);
+    writer.U32(kesp::kOwnHeaderLength);
+    writer.U16(m_headerWord);
+    m_file.Write(header.data(), header.size());
+    m_firstRecordOffset = kesp::kHeaderLengthCountsFrom + kesp::kOwnHeaderLength;
+    m_path = path;
+    return true;
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+    m_file.Abort();
+    return false;
+  }
+}
+
+bool CKespDataFile::Close() {
+  try {
+    m_file.Close();
+    return true;
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+    return false;
+  }
+}
+
+bool CKespDataFile::Seek(unsigned long position) {
+  if (!IsOpen()) return false;
+  try {
+    m_file.Seek(static_cast<std::uint32_t>(position), CFile::begin);
+    return true;
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+    return false;
+  }
+}
+
+bool CKespDataFile::SeekToFirstRecord() { return Seek(m_firstRecordOffset); }
+
+unsigned long CKespDataFile::GetLength() {
+  if (!IsOpen()) return kNoPosition;
+  try {
+    return static_cast<std::uint32_t>(m_file.GetLength());
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+    return kNoPosition;
+  }
+}
+
+unsigned long CKespDataFile::GetPosition() {
+  return IsOpen() ? static_cast<std::uint32_t>(m_file.GetPosition()) : kNoPosition;
+}
+
+CString CKespDataFile::GetErrorString() const {
+  return m_error < m_errorStrings.size() ? m_errorStrings[m_error] : CString();
+}
+
+bool CKespDataFile::CanAttemptRepair() const noexcept {
+  return m_error == KESP_ERROR_EOF || m_error == KESP_ERROR_RECORD_TYPE || m_error == KESP_ERROR_BAD_RECORD ||
+         m_error == KESP_ERROR_RECORD_HEADER;
+}
+
+bool CKespDataFile::Flush() {
+  if (!IsOpen()) return false;
+  try {
+    m_file.Flush();
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+    throw;
+  }
+  UpdateLastModifiedStatus();
+  return true;
+}
+
+void CKespDataFile::UpdateLastModifiedStatus() noexcept { m_file.TouchModified(); }
+
+bool CKespDataFile::DidPowerEventHappen() { return kesp::System().PowerEventHappened(); }
+
+void CKespDataFile::NoteFailure(const CFileException& failure) noexcept {
+  if (m_systemError == 0) m_systemError = failure.m_lOsError != 0 ? failure.m_lOsError : EIO;
+}

@@ -1,0 +1,142 @@
+// The record container: one object owns one open Kesp data file, walks its records and puts records into it.
+//
+//   CKespDataFile file;
+//   if (!file.OpenReadOnly(L"survey.kesp")) return Complain(file.GetErrorString());
+//   file.SeekToFirstRecord();
+//   while (std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) Show(*record);
+//   if (file.GetError() != KESP_ERROR_NORMAL_EOF) Complain(file.GetErrorString());
+//
+// On disk (little-endian, unsigned):
+//
+//   0   42  signature, without a terminator
+//   42   2  file version: 1, 2 or 3
+//   44   4  header length: bytes from offset 48 to the first record; 2 in a file made by Create
+//   48   2  header word, kept and not interpreted
+//   48 + header length: the records, each of them
+//     0   4  record type         6   4  flags (KESP_FLAG)
+//     4   2  record version     10   4  body length, at least 1
+//     14     body
+//
+// Records never move. A deletion is a flag rewritten in place; an append is on the disk when it answers true. Positions
+// and lengths are the low 32 bits of 64-bit ones.
+//
+// Sharing: while a file is open for writing, other processes and objects may read it and not write it.
+//
+// Ownership: records that are read belong to the caller, who deletes them; records that are written stay the caller's.
+//
+// Errors: the operations answer false, null or 0xFFFFFFFF. Those that read leave the reason in m_error, which each of
+//   them resets first; those that write don't touch it. GetSystemError has what the system reported, whoever met it.
+//   Exceptions of the file object stay inside, except where an operation says so.
+//
+// A failed append leaves the file as it was, if the system lets it be cut back; else a part of a record may stand at
+// the end, where a reader finds "EOF Error" or "Corrupt Record Header". After a failed sync nothing more is written
+// until the file is opened again: no later success may hide what was lost.
+//
+// One thread at a time. Open and Create want a closed object and fail on an open one, which keeps its file.
+#pragma once
+#include <array>
+#include <cstdint>
+
+#include "kesp/platform/Export.h"
+#include "kesp/platform/File.h"
+#include "kesp/platform/String.h"
+#include "kesp/records/KespError.h"
+#include "kesp/records/KespRecord.h"
+
+class KESP_EXPORT CKespDataFile {
+ public:
+  CKespDataFile();
+  // Closes the file without a flush and without touching its times.
+  virtual ~CKespDataFile();
+  CKespDataFile(const CKespDataFile&) = delete;
+  CKespDataFile& operator=(const CKespDataFile&) = delete;
+
+  // Opens an existing file for reading and writing and checks its header. False leaves the object closed, with the
+  // reason in m_error: KESP_ERROR_OPEN, _SIGNATURE, _FILE_HEADER, _EOF, or 0 when reading failed. A null path is
+  // answered with false alone. Positions the file at offset 50; SeekToFirstRecord goes to the records.
+  bool Open(const wchar_t* path);
+  bool Open(const CString& path);
+  // The same for looking only: takes no lock and never writes, so that the file's bytes and times stay as they are.
+  // Every write on the object then fails.
+  bool OpenReadOnly(const wchar_t* path);
+  bool OpenReadOnly(const CString& path);
+  // Creates the file with m_version and m_headerWord, or empties the one that exists, unless somebody holds it open for
+  // writing. Leaves m_error alone, also when it fails.
+  bool Create(const wchar_t* path);
+  bool Create(const CString& path);
+  bool Close();  // true when nothing was open
+  bool IsOpen() const noexcept { return m_file.IsOpen(); }
+
+  bool Seek(unsigned long position);
+  bool SeekToFirstRecord();
+  unsigned long GetLength();    // 0xFFFFFFFF on failure
+  unsigned long GetPosition();  // 0xFFFFFFFF on failure
+
+  KESP_ERROR_TYPE GetError() const noexcept { return m_error; }
+  CString GetErrorString() const;
+  // The system's error number (errno) of the first failure since the file was opened or created; 0 without one.
+  int GetSystemError() const noexcept { return m_systemError; }
+  // Whether the last error is one that CopyVerify can leave behind: 2, 4, 5 or 6.
+  bool CanAttemptRepair() const noexcept;
+
+  // Kept for hosts; no operation asks for it.
+  void SetFlush(bool enabled) noexcept { m_flushEnabled = enabled; }
+  // Everything on the disk, and the modification time set to now. A failure of the system is raised (CFileException).
+  // On a file that is open for reading only there is nothing to do.
+  bool Flush();
+  void UpdateLastModifiedStatus() noexcept;
+  // The hook by which an append would learn that the device lost power meanwhile. Always false.
+  bool DidPowerEventHappen();
+
+  // Reads the 14 bytes of a record header and leaves the file at the body. All outputs are 0 where nothing was read.
+  bool ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short& version, unsigned long& flags,
+                            unsigned long& length);
+  bool ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short& version, std::uint32_t& flags,
+                            std::uint32_t& length);
+  // The next record, or null at the end (m_error is then KESP_ERROR_NORMAL_EOF) and at damage. `position` becomes the
+  // offset of the last record header looked at. Records of unassigned and unknown types are stepped over, and so are
+  // deleted ones when they are to be skipped. The flags pass the filter of CKespRecord::SetSourceFlag.
+  // Nothing finds a way past damage: the walk ends there, and the file stays where it was met.
+  // Raises CFileException when a version-1 feature body is cut short.
+  CKespRecord* ReadNextRecord(unsigned long& position, bool skipDeleted);
+  CKespRecord* ReadNextRecord(std::uint32_t& position, bool skipDeleted);
+  CKespRecord* ReadNextRecord(bool skipDeleted);
+
+  // Appends and answers true once the record is on the disk. m_filePosition of the record becomes its place. The
+  // source flag is put into the record: 0 for a new file, 2 for an existing one. A CKespBrokenRecord is passed over.
+  bool AppendRecord(CKespRecord* record, unsigned long sourceFlag);
+  // The same with the body in record version 1 or 2 and the flags as they stand. The record header still gives the
+  // record's own version and length: it is the caller who sets m_recordVersion to fit, nothing is converted.
+  bool AppendRecordVersion1(CKespRecord* record, unsigned long sourceFlag);
+  bool AppendRecordVersion2(CKespRecord* record, unsigned long sourceFlag);
+  // Writes over the record at the file's position, in the record version that it has there. False, and nothing
+  // written, for another type, or when the version there is newer than the record's. Not flushed, and the lengths are
+  // not compared: the record must be as long as the one it replaces.
+  bool OverwriteRecord(CKespRecord* record, unsigned long sourceFlag);
+  // OverwriteRecord at `position` with source flag 2. A failed seek is raised.
+  bool CopyRecord(CKespRecord* record, unsigned long position);
+  // Finds the record that is the same as this one, from the file's position on and then from the first record, or from
+  // the first record at once, and overwrites it. The file then stands at its header.
+  bool UpdateRecord(CKespRecord* record, unsigned long sourceFlag, bool continueSearch);
+  // Reads the record at the file's position (not at `position`; a `position` other than 0 also passes over deleted
+  // records), marks it deleted and writes it at `position`. `type` is the type it must have, or 0. A failed read or
+  // seek is raised.
+  bool DeleteRecord(unsigned long position, KESP_RECORD_TYPE type);
+
+  CString m_path;               // of the file opened last
+  std::uint16_t m_version = 1;  // file version, what Create writes
+  std::uint16_t m_headerWord = 0;
+  CFile m_file;
+  bool m_flushEnabled = true;
+  std::uint32_t m_firstRecordOffset = 0;
+  KESP_ERROR_TYPE m_error = KESP_ERROR_NONE;
+  std::array<CString, 13> m_errorStrings;  // by error code
+  int m_systemError = 0;
+
+ private:
+  bool OpenWith(const CString& path, unsigned openFlags);
+  bool ReadFileHeader();
+  bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
+  void ReopenAfterPowerEvent();
+  void NoteFailure(const CFileException& failure) noexcept;
+};

@@ -1,0 +1,156 @@
+// The walk over the records of an open file, and the factory that turns record types into objects.
+#include <memory>
+
+#include "kesp/recordfile/KespDataFile.h"
+#include "kesp/recordfile/RecordHeader.h"
+#include "kesp/records/KespAttribute.h"
+#include "kesp/records/KespFeature.h"
+#include "kesp/records/KespFeatureEnd.h"
+#include "kesp/records/KespNote.h"
+#include "kesp/records/KespPoint.h"
+#include "kesp/records/KespTag.h"
+#include "kesp/records/KespTavoHeader.h"
+
+namespace {
+
+constexpr std::uint32_t kFirstWideType = 10;  // types 10 to 14 are kept for records with wide-character text
+constexpr std::uint32_t kLastWideType = 14;
+
+std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
+  switch (type) {
+    case KESP_RECORD_FEATURE:
+      return std::make_unique<CKespFeature>();
+    case KESP_RECORD_POINT:
+      return std::make_unique<CKespPoint>();
+    case KESP_RECORD_HEADER:
+      return std::make_unique<CKespTavoHeader>();
+    case KESP_RECORD_FEATURE_END:
+      return std::make_unique<CKespFeatureEnd>();
+    case KESP_RECORD_ATTRIBUTE:
+      return std::make_unique<CKespAttribute>();
+    case KESP_RECORD_NOTE:
+      return std::make_unique<CKespNote>();
+    case KESP_RECORD_TAG:
+      return std::make_unique<CKespTag>();
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short& version, std::uint32_t& flags,
+                                         std::uint32_t& length) {
+  m_error = KESP_ERROR_NONE;
+  if (!IsOpen()) return false;
+  const auto fail = [this](KESP_ERROR_TYPE error) {
+    m_error = error;
+    return false;
+  };
+  kesp::RecordHeader header;
+  const auto handOut = [&] {
+    type = static_cast<KESP_RECORD_TYPE>(header.type);
+    version = header.version;
+    flags = header.flags;
+    length = header.length;
+  };
+  handOut();
+  try {
+    const std::span<const std::byte> bytes = m_file.ReadView(kesp::kRecordHeaderSize);
+    if (bytes.empty()) return fail(KESP_ERROR_NORMAL_EOF);
+    kesp::FieldReader reader(bytes);
+    kesp::DescribeRecordHeader(reader, header);
+    handOut();
+    if (reader.Failed()) return fail(KESP_ERROR_EOF);
+    if (header.length == 0) return fail(KESP_ERROR_RECORD_HEADER);
+
+    // Compared in 32 bits, as positions are kept: a length so large that the sum wraps passes, and the walk then ends
+    // behind the end of the file. Asking the system for the length is left to bodies that seem to go past it.
+    const auto bodyEnd = static_cast<std::uint32_t>(m_file.GetPosition() + header.length);
+    if (bodyEnd > static_cast<std::uint32_t>(m_file.KnownLength()) &&
+        bodyEnd > static_cast<std::uint32_t>(m_file.GetLength())) {
+      return fail(KESP_ERROR_RECORD_HEADER);
+    }
+    return true;
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+    return false;
+  }
+}
+
+bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short& version, unsigned long& flags,
+                                         unsigned long& length) {
+  std::uint32_t flags32 = 0;
+  std::uint32_t length32 = 0;
+  if (!IsOpen()) {
+    m_error = KESP_ERROR_NONE;
+    return false;
+  }
+  const bool good = ReadNextRecordHeader(type, version, flags32, length32);
+  flags = flags32;
+  length = length32;
+  return good;
+}
+
+CKespRecord* CKespDataFile::ReadNextRecord(std::uint32_t& position, bool skipDeleted) {
+  m_error = KESP_ERROR_NONE;
+  if (!IsOpen()) return nullptr;
+  std::unique_ptr<CKespRecord> record;
+  try {
+    while (!record && m_error == KESP_ERROR_NONE) {
+      position = static_cast<std::uint32_t>(m_file.GetPosition());
+      KESP_RECORD_TYPE type = KESP_RECORD_NONE;
+      unsigned short version = 0;
+      std::uint32_t flags = 0;
+      std::uint32_t length = 0;
+      // A header that the system fails to give leaves no code and ends the walk all the same.
+      if (!ReadNextRecordHeader(type, version, flags, length)) return nullptr;
+
+      // Before the type is looked at: a deleted record of any type is passed over.
+      if ((flags & KESP_FLAG_DELETED) != 0 && skipDeleted) {
+        m_file.Seek(length, CFile::current);
+        continue;
+      }
+      if (type == KESP_RECORD_NONE) {
+        m_error = KESP_ERROR_RECORD_TYPE;
+      } else if (type >= kFirstWideType && type <= kLastWideType) {
+        m_error = KESP_ERROR_UNICODE;  // refused rather than misread
+      } else {
+        record = MakeRecord(type);
+        if (!record) m_file.Seek(length, CFile::current);
+      }
+      if (record && version > record->m_recordVersion) {
+        m_error = KESP_ERROR_VERSION;
+      } else if (record) {
+        record->m_recordType = type;
+        record->m_recordVersion = version;
+        record->SetSourceFlag(flags);
+        record->m_filePosition = position;
+      }
+    }
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+    return nullptr;
+  }
+  if (m_error != KESP_ERROR_NONE) return nullptr;
+  // Outside the guard: the version-1 body of a feature raises the end of the file to the caller.
+  if (record->Read(m_file)) return record.release();
+  m_error = record->GetError();
+  return nullptr;
+}
+
+CKespRecord* CKespDataFile::ReadNextRecord(unsigned long& position, bool skipDeleted) {
+  auto position32 = static_cast<std::uint32_t>(position);
+  // Handed out also when the read raises.
+  struct HandOut {
+    unsigned long& to;
+    const std::uint32_t& from;
+    ~HandOut() { to = from; }
+  } const handOut{position, position32};
+  return ReadNextRecord(position32, skipDeleted);
+}
+
+CKespRecord* CKespDataFile::ReadNextRecord(bool skipDeleted) {
+  std::uint32_t position = 0;
+  return ReadNextRecord(position, skipDeleted);
+}

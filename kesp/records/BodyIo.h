@@ -1,0 +1,47 @@
+// How a record class gets its body out of a file and into it, given the body's description (see kesp/util/Fields.h).
+#pragma once
+#include <array>
+#include <cstddef>
+
+#include "kesp/platform/File.h"
+#include "kesp/records/KespRecord.h"
+#include "kesp/util/Fields.h"
+
+namespace kesp {
+
+// The longest fixed body, the header record's.
+constexpr std::size_t kLongestBody = 4086;
+
+template <class Record, class Describe>
+unsigned long BodyLength(const Record& record, Describe describe) {
+  FieldCounter counter;
+  describe(counter, record);
+  return static_cast<unsigned long>(counter.Length());
+}
+
+// Reads the fields of `record`. When the file ends inside the body, nothing is stored but `shortBodyError` in m_error,
+// the file stands at its end, and an end-of-file CFileException is raised.
+template <class Record, class Describe>
+void ReadBody(CFile& file, Record& record, Describe describe, KESP_ERROR_TYPE shortBodyError) {
+  const std::size_t length = BodyLength(record, describe);
+  const std::span<const std::byte> bytes = file.ReadView(length);
+  if (bytes.size() < length) {
+    record.m_error = shortBodyError;
+    throw CFileException(CFileException::endOfFile, file.GetFilePath());
+  }
+  FieldReader reader(bytes);
+  describe(reader, record);
+}
+
+// Raises what the file object raises.
+template <class Record, class Describe>
+void WriteBody(CFile& file, const Record& record, Describe describe) {
+  std::array<std::byte, kLongestBody> body;
+  const std::size_t length = BodyLength(record, describe);
+  std::fill_n(body.begin(), length, std::byte{0});
+  FieldWriter writer(body.data());
+  describe(writer, record);
+  file.Write(body.data(), length);
+}
+
+}  // namespace kesp

@@ -1,0 +1,99 @@
+// A mapped object: a point feature, a line or an area, with the points, attributes and end mark that belong to it.
+//
+// In the file a feature is a record of its own; its points, attributes and end follow as records that carry its number.
+//
+// Ownership: the feature owns the points and attributes in its lists and its end, and deletes them in Clear and when
+// destroyed. AddPoint, AddAttribute and SetFeatureEnd take ownership; RemovePoint and RemoveAttribute give it back to
+// the caller, who got the pointer from GetPoint or GetAttribute before.
+// Positions in the lists count from 0; outside 0 .. count - 1 the getters answer null and the removers do nothing.
+//
+// Errors: a body with a type other than 1, 2 and 3 is filled whole but answered with KESP_ERROR_BAD_RECORD. Reading and
+// writing version 1 through Read and Write lets a CFileException of the file object out (the end of the file
+// included); versions 2 and 3 answer false. Writing a version that nobody knows writes nothing and answers true.
+//
+// The name is cut to 20 characters in versions 1 and 2, to 255 in version 3. The display values are in no body.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "kesp/geometry/Rect2D.h"
+#include "kesp/platform/String.h"
+#include "kesp/records/KespAttribute.h"
+#include "kesp/records/KespFeatureEnd.h"
+#include "kesp/records/KespPoint.h"
+#include "kesp/records/KespRecord.h"
+
+// Written to the file: never renumber.
+enum KESP_FEATURE_TYPE : std::uint32_t { KESP_FEATURE_POINT = 1, KESP_FEATURE_LINE = 2, KESP_FEATURE_AREA = 3 };
+
+class KESP_EXPORT CKespFeature : public CKespRecord {
+ public:
+  CKespFeature() noexcept : CKespRecord(KESP_RECORD_FEATURE, 3) {}
+  CKespFeature(const CKespFeature& other);  // deep: every point, every attribute and the end are copied
+  CKespFeature& operator=(const CKespFeature&) = delete;
+  // Takes over what describes the other feature (colour, name, type, symbol, display values) and nothing else: the
+  // number, the common fields, the points, the attributes and the end stay. False for null.
+  bool operator=(CKespFeature* other);
+  ~CKespFeature() override;
+
+  unsigned long GetFeatureNumber() const noexcept { return FeatureNumber; }
+  bool SetFeatureNumber(unsigned long featureNumber, unsigned long = 0, bool = false) noexcept;  // others are ignored
+  void SetColor(unsigned long color) noexcept { Color = static_cast<std::uint32_t>(color); }
+  unsigned long GetColor() const noexcept { return Color; }
+  void SetSymbolIndex(unsigned short index) noexcept { SymbolIndex = index; }
+  unsigned short GetSymbolIndex() const noexcept { return SymbolIndex; }
+  CKespFeatureEnd* GetFeatureEnd() const noexcept { return m_pFeatureEnd.get(); }  // null without one
+  // A previous end is not deleted: it belongs to whoever still knows it.
+  void SetFeatureEnd(CKespFeatureEnd* end) noexcept;
+
+  int GetNumPoints() const noexcept { return static_cast<int>(m_pointList.size()); }
+  int GetNumAttributes() const noexcept { return static_cast<int>(m_attributeList.size()); }
+  bool AddPoint(CKespPoint* point);
+  bool AddAttribute(CKespAttribute* attribute);
+  CKespPoint* GetPoint(int index) const noexcept;
+  CKespAttribute* GetAttribute(int index) const noexcept;
+  // The first attribute of that name, ignoring case; null without one.
+  CKespAttribute* GetAttribute(const CString& name) const noexcept;
+  void RemovePoint(int index);
+  void RemoveAttribute(int index);
+  bool RemoveAllAttributes();  // deletes them; always true
+  bool Clear();                // deletes points, attributes and end; always true
+
+  // Whether both features carry the same layout: attributes of exactly the same names and kinds in the same order.
+  // Values are not compared.
+  bool CompareAttributeList(const CKespFeature* other) const;
+  // The extent of the points; four zeros and false when there are none.
+  bool GetExtents(CRect2D& extents) const;
+  CString GetTypeString() const;  // "Point", "Line", "Area", or empty
+
+  unsigned long GetLength(unsigned short version) override;  // 34, 54 or 524; 0 for an unknown version
+  bool Read(CFile& file) override;
+  bool Write(CFile& file, unsigned long sourceFlag, unsigned short version) override;
+  bool IsSameKespRecord(CKespRecord* other) override;  // a feature with the same number
+  unsigned short GetRecordVersionFromKespVersion(unsigned short kespVersion) override;
+  bool GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) override;
+
+  std::uint16_t DisplayWord1 = 1;
+  std::uint16_t DisplayWord2 = 0;
+  CString DisplayText;
+  std::vector<std::unique_ptr<CKespAttribute>> m_attributeList;
+  std::vector<std::unique_ptr<CKespPoint>> m_pointList;
+  CString FeatureName;
+  KESP_FEATURE_TYPE FeatureType = KESP_FEATURE_POINT;  // low 16 bits on disk
+  std::uint32_t Color = 0;
+  std::uint16_t SymbolIndex = 0;
+  std::unique_ptr<CKespFeatureEnd> m_pFeatureEnd;
+  std::uint32_t FeatureNumber = 0;
+
+ protected:
+  bool ReadVersion1(CFile& file);
+  bool ReadVersion2(CFile& file);
+  bool ReadVersion3(CFile& file);
+  bool WriteVersion1(CFile& file, unsigned short version);
+  bool WriteVersion2(CFile& file, unsigned long sourceFlag, unsigned short version);
+  bool WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned short version);
+
+ private:
+  bool CheckType() noexcept;
+};

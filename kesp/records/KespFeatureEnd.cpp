@@ -1,0 +1,50 @@
+#include "kesp/records/KespFeatureEnd.h"
+
+#include "kesp/records/BodyIo.h"
+
+namespace {
+
+constexpr auto kBody = [](auto& v, auto& end) { v.U32(end.FeatureNumber); };
+
+}  // namespace
+
+bool CKespFeatureEnd::SetFeatureNumber(unsigned long featureNumber, unsigned long) noexcept {
+  FeatureNumber = static_cast<std::uint32_t>(featureNumber);
+  return true;
+}
+
+unsigned long CKespFeatureEnd::GetLength(unsigned short /*version*/) { return kesp::BodyLength(*this, kBody); }
+
+bool CKespFeatureEnd::Read(CFile& file) {
+  m_error = KESP_ERROR_NONE;
+  try {
+    kesp::ReadBody(file, *this, kBody, KESP_ERROR_EOF);
+    return true;
+  } catch (const CFileException&) {
+    return false;
+  }
+}
+
+bool CKespFeatureEnd::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short /*version*/) {
+  try {
+    kesp::WriteBody(file, *this, kBody);
+    return true;
+  } catch (const CFileException&) {
+    return false;
+  }
+}
+
+bool CKespFeatureEnd::IsSameKespRecord(CKespRecord* other) {
+  if (other == nullptr || other->m_recordType != m_recordType) return false;
+  const auto* const end = dynamic_cast<const CKespFeatureEnd*>(other);
+  return end != nullptr && end->FeatureNumber == FeatureNumber;
+}
+
+unsigned short CKespFeatureEnd::GetRecordVersionFromKespVersion(unsigned short /*kespVersion*/) { return 1; }
+
+bool CKespFeatureEnd::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion,
+                                                             unsigned short recordVersion) {
+  if (OwnVersionIfZero(recordVersion) != 1) return false;
+  kespVersion = 1;
+  return true;
+}

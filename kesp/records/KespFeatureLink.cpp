@@ -1,0 +1,46 @@
+#include "kesp/records/KespFeatureLink.h"
+
+#include <algorithm>
+
+#include "kesp/platform/Exception.h"
+
+namespace {
+
+bool Joins(const CKespFeatureLink& link, unsigned long first, unsigned long second) {
+  return link.m_featureNumber1 == first && link.m_featureNumber2 == second;
+}
+
+}  // namespace
+
+CKespFeatureLink* CKespLinkList::GetAt(int index) const {
+  if (index < 0 || static_cast<std::size_t>(index) >= m_links.size()) throw CInvalidArgException();
+  return m_links[static_cast<std::size_t>(index)];
+}
+
+bool CKespLinkList::HasLink(unsigned long a, unsigned long b) const noexcept {
+  return std::any_of(m_links.begin(), m_links.end(),
+                     [a, b](const CKespFeatureLink* link) { return Joins(*link, a, b) || Joins(*link, b, a); });
+}
+
+bool CKespLinkList::RemoveLink(unsigned long a, unsigned long b) {
+  for (int i = 0; i < static_cast<int>(m_links.size()); ++i) {
+    const CKespFeatureLink& link = *m_links[static_cast<std::size_t>(i)];
+    const bool forward = Joins(link, a, b);
+    const bool backward = Joins(link, b, a);
+    if (forward) RemoveAt(i--);
+    if (backward) RemoveAt(i--);
+  }
+  return true;
+}
+
+bool CKespLinkList::RemoveLink(unsigned long feature) noexcept {
+  std::erase_if(m_links, [feature](const CKespFeatureLink* link) {
+    return link->m_featureNumber1 == feature || link->m_featureNumber2 == feature;
+  });
+  return true;
+}
+
+void CKespLinkList::RemoveAt(int index) {
+  (void)GetAt(index);
+  m_links.erase(m_links.begin() + index);
+}

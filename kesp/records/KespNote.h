@@ -1,0 +1,26 @@
+// A free-text record. It belongs to no feature.
+//
+// In files of version 1, notes that begin with "BMC:" and "ZOM:" right behind the header carry what its header has no
+// room for.
+#pragma once
+#include "kesp/platform/String.h"
+#include "kesp/records/KespRecord.h"
+
+class KESP_EXPORT CKespNote : public CKespRecord {
+ public:
+  CKespNote() noexcept : CKespRecord(KESP_RECORD_NOTE, 2) {}
+
+  unsigned long GetLength(unsigned short version) override;  // 256 or 512; 0 for an unknown version
+  bool Read(CFile& file) override;
+  bool Write(CFile& file, unsigned long sourceFlag, unsigned short version) override;
+  // A note whose text begins with the same four characters, whatever follows: a tagged note replaces the stored one.
+  bool IsSameKespRecord(CKespRecord* other) override;
+  unsigned short GetRecordVersionFromKespVersion(unsigned short kespVersion) override;
+  bool GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) override;
+
+  CString NoteText;  // at most 255 characters reach the file; in version 1 up to the first above U+00FF
+
+ protected:
+  bool ReadOldVersions(CFile& file);
+  bool WriteOldVersions(CFile& file, unsigned short version);
+};

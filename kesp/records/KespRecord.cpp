@@ -1,0 +1,61 @@
+#include "kesp/records/KespRecord.h"
+
+#include <bit>
+
+namespace {
+
+std::uint32_t Low32(unsigned long value) { return static_cast<std::uint32_t>(value); }
+
+}  // namespace
+
+bool CKespRecord::IsSameKespRecord(CKespRecord* /*other*/) { return false; }
+
+void CKespRecord::SetDelete() noexcept {
+  if (!IsDeleted()) m_flags |= KESP_SRC_DELETED;
+  m_flags |= KESP_FLAG_DELETED;
+  m_flags = Low32(FilterSourceFlagsForZelk(m_flags));
+}
+
+void CKespRecord::ClearDelete() noexcept {
+  if (IsDeleted()) m_flags |= KESP_SRC_RESTORED;
+  m_flags &= ~std::uint32_t{KESP_FLAG_DELETED};
+  m_flags = Low32(FilterSourceFlagsForZelk(RestoreHistoricalFlags(m_flags)));
+}
+
+void CKespRecord::SetSourceFlag(unsigned long flag) noexcept {
+  m_flags = Low32(RestoreHistoricalFlags(m_flags)) | Low32(flag);
+  m_flags = Low32(FilterSourceFlagsForZelk(m_flags));
+}
+
+unsigned long CKespRecord::RestoreHistoricalFlags(unsigned long flags) const noexcept {
+  std::uint32_t v = Low32(flags);
+  if ((v & KESP_SRC_HIST_MODIFIED) != 0) v |= KESP_SRC_MODIFIED;
+  if ((v & KESP_SRC_HIST_ADDED) != 0) v |= KESP_SRC_ADDED;
+  if ((v & KESP_SRC_HIST_CHANGE_B) != 0) v |= KESP_SRC_CHANGE_B;
+  if ((v & KESP_SRC_HIST_CHANGE_A) != 0) v |= KESP_SRC_CHANGE_A;
+  if ((v & KESP_SRC_HIST_CHANGE_AB) != 0) v |= KESP_SRC_CHANGE_AB;
+  return v;
+}
+
+unsigned long CKespRecord::FilterSourceFlagsForZelk(unsigned long flags) const noexcept {
+  constexpr std::uint32_t kChanged = KESP_SRC_MODIFIED | KESP_SRC_CHANGE_A | KESP_SRC_CHANGE_B | KESP_SRC_CHANGE_AB;
+  std::uint32_t v = Low32(flags);
+  if (v == 0 || v == 0xFFFFFFFF) return v;
+  if (v <= KESP_SRC_CHANGE_AB && std::has_single_bit(v)) return v;
+
+  // Deleted and then restored; or restored and deleted again.
+  if ((v & KESP_SRC_RESTORED) != 0 && (v & KESP_SRC_DELETED) != 0 && (v & KESP_FLAG_DELETED) == 0) {
+    v &= ~std::uint32_t{KESP_SRC_RESTORED | KESP_SRC_DELETED};
+  }
+  if ((v & KESP_FLAG_DELETED) != 0 && (v & KESP_SRC_RESTORED) != 0) v &= ~std::uint32_t{KESP_SRC_RESTORED};
+
+  // An added record that is deleted keeps no other mark.
+  if ((v & KESP_FLAG_DELETED) != 0 && (v & KESP_SRC_ADDED) != 0) return KESP_FLAG_DELETED;
+  if ((v & KESP_SRC_ADDED) != 0 && (v & kChanged) != 0) return (v & ~kChanged) | KESP_SRC_HIST_ADDED;
+  if ((v & KESP_SRC_DELETED) != 0 && (v & kChanged) != 0) return v & ~kChanged;
+  if ((v & KESP_SRC_CHANGE_A) != 0 && (v & KESP_SRC_CHANGE_B) != 0) {
+    v &= ~std::uint32_t{KESP_SRC_CHANGE_A | KESP_SRC_CHANGE_B};
+    return v | KESP_SRC_CHANGE_AB | KESP_SRC_HIST_CHANGE_AB;
+  }
+  return v;
+}

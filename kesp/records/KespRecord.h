@@ -1,0 +1,98 @@
+// The base of every record: what all records share, and the operations by which the container sizes, reads, writes and
+// compares them without knowing their classes.
+//
+// On disk a record is a header of 14 bytes (type, version, flags, body length; see kesp/recordfile/KespDataFile.h) and
+// a body whose layout belongs to its class and version.
+//
+// Ownership: who receives a record from the container owns it and deletes it through the virtual destructor. The
+// `file` of Read and Write stays the caller's.
+// Errors: Read answers false and leaves its reason in m_error, or leaves 0 there when the class refuses the version
+// or the file object failed; Write answers false. Neither raises, except the version-1 body of a feature.
+#pragma once
+#include <cstdint>
+
+#include "kesp/platform/Export.h"
+#include "kesp/records/KespError.h"
+
+class CFile;
+
+// Written to the file: never renumber. 7 and 8 are unassigned and stepped over, 10 to 14 are kept for records with
+// wide-character text and refused.
+enum KESP_RECORD_TYPE : std::uint32_t {
+  KESP_RECORD_NONE = 0,
+  KESP_RECORD_FEATURE = 1,
+  KESP_RECORD_POINT = 2,
+  KESP_RECORD_HEADER = 3,
+  KESP_RECORD_FEATURE_END = 4,
+  KESP_RECORD_ATTRIBUTE = 5,
+  KESP_RECORD_NOTE = 6,
+  KESP_RECORD_TAG = 9,
+  KESP_RECORD_BROKEN = 15  // a placeholder in memory, never in a file
+};
+
+// Bits of the flag word. Written to the file: never renumber.
+enum KESP_FLAG : std::uint32_t {
+  KESP_FLAG_DELETED = 0x0001,
+  KESP_SRC_ADDED = 0x0002,     // appended after the file was first written
+  KESP_SRC_DELETED = 0x0004,   // a deletion was recorded
+  KESP_SRC_MODIFIED = 0x0008,  // rewritten in place
+  KESP_SRC_RESTORED = 0x0010,  // a deletion was undone
+  KESP_SRC_CHANGE_A = 0x0020,
+  KESP_SRC_CHANGE_B = 0x0040,
+  KESP_SRC_CHANGE_AB = 0x0080,  // A and B together
+  // The historical forms.
+  KESP_SRC_HIST_MODIFIED = 0x0100,
+  KESP_SRC_HIST_ADDED = 0x0200,
+  KESP_SRC_HIST_CHANGE_B = 0x0400,
+  KESP_SRC_HIST_CHANGE_A = 0x0800,
+  KESP_SRC_HIST_CHANGE_AB = 0x1000
+};
+
+class KESP_EXPORT CKespRecord {
+ public:
+  CKespRecord() noexcept = default;
+  CKespRecord(const CKespRecord& other) noexcept = default;
+  CKespRecord& operator=(const CKespRecord& other) noexcept = default;
+  virtual ~CKespRecord() = default;
+
+  // Body length in bytes that Write produces for a record version; 0 stands for the record's own, here and below.
+  virtual unsigned long GetLength(unsigned short version) = 0;
+  // Reads the body at the file's position in the layout of m_recordVersion.
+  virtual bool Read(CFile& file) = 0;
+  // Writes the body at the file's position in the given version. The source flag is the container's; only attributes
+  // look at it.
+  virtual bool Write(CFile& file, unsigned long sourceFlag, unsigned short version) = 0;
+  // Whether the other record is this one, by the key of the class; how a record is found again in a file. False for
+  // classes without a key, and for null.
+  virtual bool IsSameKespRecord(CKespRecord* other);
+  // The record version for a file of the given version (1, 2 or 3; others count as the newest).
+  virtual unsigned short GetRecordVersionFromKespVersion(unsigned short kespVersion) = 0;
+  // The oldest file version that holds the given record version; false, and nothing stored, for an unknown one.
+  virtual bool GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) = 0;
+
+  bool IsDeleted() const noexcept { return (m_flags & KESP_FLAG_DELETED) != 0; }
+  // Marks the record deleted in memory. Unlike the two below it does not revive historical flags.
+  void SetDelete() noexcept;
+  void ClearDelete() noexcept;
+  // Adds the mark of an operation (0, 2, 4 or 8) or of a host, and reduces the flag word to its canonical form.
+  void SetSourceFlag(unsigned long flag) noexcept;
+  KESP_ERROR_TYPE GetError() const noexcept { return m_error; }
+
+  KESP_RECORD_TYPE m_recordType = KESP_RECORD_NONE;
+  std::uint16_t m_recordVersion = 0;          // of the body's layout, not of the file
+  KESP_ERROR_TYPE m_error = KESP_ERROR_NONE;  // of the last Read
+  std::uint32_t m_filePosition = 0;           // low 32 bits of the offset of the record header
+  std::uint32_t m_flags = 0;                  // KESP_FLAG bits
+
+ protected:
+  CKespRecord(KESP_RECORD_TYPE type, std::uint16_t version) noexcept : m_recordType(type), m_recordVersion(version) {}
+
+  // The argument itself where it is not 0, else the record's own version.
+  unsigned short OwnVersionIfZero(unsigned short version) const noexcept {
+    return version == 0 ? m_recordVersion : version;
+  }
+  // Adds the mark that each historical mark stands for; the historical ones stay.
+  unsigned long RestoreHistoricalFlags(unsigned long flags) const noexcept;
+  // The canonical combination of a flag word.
+  unsigned long FilterSourceFlagsForZelk(unsigned long flags) const noexcept;
+};

@@ -1,0 +1,469 @@
+#include "kesp/records/KespTag.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <new>
+#include <span>
+#include <vector>
+
+#include "kesp/platform/File.h"
+#include "kesp/records/VersionTables.h"
+#include "kesp/util/Fields.h"
+
+namespace {
+
+constexpr std::size_t kFixedPart = 8;   // kind and block length, before the block
+constexpr std::size_t kBlockWords = 8;  // the two lengths inside the block
+constexpr std::uint32_t kEmptyDataLength = 8;
+
+std::unique_ptr<unsigned char[]> AllocateBytes(std::size_t count) {
+  std::unique_ptr<unsigned char[]> bytes(new (std::nothrow) unsigned char[count]);
+  if (!bytes) throw CMemoryException();
+  return bytes;
+}
+
+std::byte* Bytes(unsigned char* at) { return reinterpret_cast<std::byte*>(at); }
+
+// What fits no integer, NaN included, is 0; the rest loses its fraction.
+std::uint32_t ToUnsigned(float value) {
+  return value > -1.0F && value < 4294967296.0F ? static_cast<std::uint32_t>(std::max(value, 0.0F)) : 0;
+}
+std::int32_t ToSigned(float value) {
+  return value >= -2147483648.0F && value < 2147483648.0F ? static_cast<std::int32_t>(value) : 0;
+}
+
+// The little-endian bytes of some 32-bit words, and back.
+template <std::size_t Count>
+std::array<std::byte, 4 * Count> Pack(const std::array<std::uint32_t, Count>& words) {
+  std::array<std::byte, 4 * Count> bytes;
+  for (std::size_t i = 0; i < Count; ++i) kesp::StoreLittle(bytes.data() + 4 * i, words[i]);
+  return bytes;
+}
+template <std::size_t Count>
+std::array<std::byte, 4 * Count> PackFloats(const std::array<float, Count>& values) {
+  std::array<std::uint32_t, Count> words;
+  std::transform(values.begin(), values.end(), words.begin(), [](float f) { return std::bit_cast<std::uint32_t>(f); });
+  return Pack(words);
+}
+template <std::size_t Count>
+std::array<std::byte, 8 * Count> PackDoubles(const std::array<double, Count>& values) {
+  std::array<std::byte, 8 * Count> bytes;
+  for (std::size_t i = 0; i < Count; ++i) {
+    kesp::StoreLittle(bytes.data() + 8 * i, std::bit_cast<std::uint64_t>(values[i]));
+  }
+  return bytes;
+}
+std::uint32_t Low32(unsigned long value) { return static_cast<std::uint32_t>(value); }
+std::uint32_t WordAt(const std::byte* payload, std::size_t index) {
+  return kesp::LoadLittle<std::uint32_t>(payload + 4 * index);
+}
+float FloatAt(const std::byte* payload, std::size_t index) { return std::bit_cast<float>(WordAt(payload, index)); }
+double DoubleAt(const std::byte* payload, std::size_t index) {
+  return std::bit_cast<double>(kesp::LoadLittle<std::uint64_t>(payload + 8 * index));
+}
+
+// Where a block's name and payload stand, as far as they lie inside it.
+struct BlockParts {
+  bool hasName = false;
+  bool hasPayload = false;
+  std::span<const std::byte> name;
+  std::span<const std::byte> payload;
+};
+
+BlockParts PartsOf(const CKespTag& tag) {
+  BlockParts parts;
+  if (tag.m_pData == nullptr || tag.m_dataLength < 4) return parts;
+  const std::span<const std::byte> rest(Bytes(tag.m_pData) + 4, tag.m_dataLength - 4);
+  const std::uint32_t nameBytes = kesp::LoadLittle<std::uint32_t>(Bytes(tag.m_pData));
+  if (nameBytes > rest.size()) return parts;
+  parts.hasName = true;
+  parts.name = rest.first(nameBytes);
+  const std::span<const std::byte> behind = rest.subspan(nameBytes);
+  if (behind.size() < 4) return parts;
+  const std::uint32_t payloadLength = kesp::LoadLittle<std::uint32_t>(behind.data());
+  if (payloadLength > behind.size() - 4) return parts;
+  parts.hasPayload = true;
+  parts.payload = behind.subspan(4, payloadLength);
+  return parts;
+}
+
+// The payload of a tag of the wanted kind when it has at least `size` bytes, else null. The name is assigned as soon
+// as it is known to lie inside the block.
+const std::byte* PayloadOf(const CKespTag& tag, KESP_TAG kind, std::size_t size, CString* name) {
+  if (tag.m_tagType != kind) return nullptr;
+  const BlockParts parts = PartsOf(tag);
+  if (parts.hasName && name != nullptr) kesp::LoadText16(*name, parts.name.data(), parts.name.size() / 2);
+  return parts.hasPayload && !parts.payload.empty() && parts.payload.size() >= size ? parts.payload.data() : nullptr;
+}
+
+// Runs a getter that hands numbers out as unsigned long for a caller who keeps them in 32 bits.
+template <class Get, class... Narrow>
+bool GetNarrow(Get get, Narrow&... out) {
+  std::array<unsigned long, sizeof...(Narrow)> wide{static_cast<unsigned long>(out)...};
+  const bool good = std::apply(get, wide);
+  std::size_t i = 0;
+  ((out = static_cast<std::uint32_t>(wide[i++])), ...);
+  return good;
+}
+
+}  // namespace
+
+CKespTag::CKespTag(const CKespTag& other) : CKespRecord() {
+  Init();
+  Set(other);
+}
+
+CKespTag& CKespTag::operator=(const CKespTag& other) {
+  Set(other);
+  return *this;
+}
+
+CKespTag::~CKespTag() { delete[] m_pData; }
+
+void CKespTag::Init() noexcept {
+  m_recordType = KESP_RECORD_TAG;
+  m_recordVersion = 2;
+  m_flags = 0;
+  m_tagType = KESP_TAG_BLOB;
+  m_dataLength = kEmptyDataLength;
+  m_dataPosition = 0;
+}
+
+void CKespTag::ReplaceBlock(unsigned char* block) noexcept {
+  delete[] m_pData;
+  m_pData = block;
+}
+
+bool CKespTag::Set(const CKespTag& other) {
+  if (this == &other) return true;
+  std::unique_ptr<unsigned char[]> block;
+  if (other.m_dataLength != 0 && other.m_pData != nullptr) {
+    block = AllocateBytes(other.m_dataLength);
+    std::memcpy(block.get(), other.m_pData, other.m_dataLength);
+  }
+  CKespRecord::operator=(other);
+  m_dataPosition = other.m_dataPosition;
+  m_dataLength = other.m_dataLength;
+  m_tagType = other.m_tagType;
+  if (m_dataLength != 0) ReplaceBlock(block.release());
+  return true;
+}
+
+bool CKespTag::Set(KESP_TAG type, const CString& name, const void* data, unsigned long length) {
+  m_tagType = type;
+  const std::size_t nameUnits = name.Size() + 1;
+  const std::size_t nameBytes = (2 * nameUnits + 3) & ~std::size_t{3};
+  if (length > std::numeric_limits<std::uint32_t>::max() - nameBytes - kBlockWords) throw CMemoryException();
+  const std::size_t blockLength = nameBytes + length + kBlockWords;
+  std::unique_ptr<unsigned char[]> block = AllocateBytes(blockLength);
+  std::memset(block.get(), 0, blockLength);
+  kesp::StoreLittle(Bytes(block.get()), static_cast<std::uint32_t>(nameBytes));
+  kesp::StoreUnits(Bytes(block.get()) + 4, name.GetString(), name.Size());
+  kesp::StoreLittle(Bytes(block.get()) + 4 + nameBytes, Low32(length));
+  if (length != 0 && data != nullptr) std::memcpy(block.get() + 8 + nameBytes, data, length);
+  m_dataLength = static_cast<std::uint32_t>(blockLength);
+  ReplaceBlock(block.release());
+  return true;
+}
+
+bool CKespTag::Set(const CString& name, int value) {
+  const auto payload = Pack<1>({static_cast<std::uint32_t>(value)});
+  return Set(KESP_TAG_INTEGER, name, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(const CString& name, double value) {
+  const auto payload = PackDoubles<1>({value});
+  return Set(KESP_TAG_DOUBLE, name, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(const CString& name, const CString& value) {
+  std::vector<std::byte> payload(2 * (value.Size() + 1), std::byte{0});
+  kesp::StoreUnits(payload.data(), value.GetString(), value.Size());
+  return Set(KESP_TAG_STRING, name, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(const CString& name, const CPoint3D& point) {
+  const auto payload = PackDoubles<3>({point.x, point.y, point.z});
+  return Set(KESP_TAG_POINT, name, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(const CString& name, const CRect2D& rect) {
+  const auto payload = PackDoubles<4>({rect.minX, rect.minY, rect.maxX, rect.maxY});
+  return Set(KESP_TAG_RECT, name, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(const CString& name, const unsigned long& color) {
+  const auto payload = Pack<1>({Low32(color)});
+  return Set(KESP_TAG_COLOR, name, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(const CString& name, const std::uint32_t& color) {
+  return Set(name, static_cast<unsigned long>(color));
+}
+
+bool CKespTag::Set(const CString& name, unsigned long featureNumber, unsigned long pointNumber,
+                   unsigned long timeFirstPart, unsigned long timeSecondPart) {
+  const auto payload = Pack<4>({Low32(featureNumber), Low32(pointNumber), Low32(timeFirstPart), Low32(timeSecondPart)});
+  return Set(KESP_TAG_GPS_MARK, name, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(unsigned long number, const CString& fileName) {
+  const auto payload = Pack<1>({Low32(number)});
+  return Set(KESP_TAG_FILE_LINK, fileName, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(unsigned long number, float value1, float value2, float value3, float value4) {
+  const auto payload = PackFloats<5>({static_cast<float>(Low32(number)), value1, value2, value3, value4});
+  return Set(KESP_TAG_QUALITY_MARK, CString(), payload.data(), payload.size());
+}
+
+bool CKespTag::Set(const CKespFeatureLink& link) {
+  const auto payload = Pack<6>({link.m_featureNumber1, link.m_qualifier1, link.m_featureNumber2, link.m_qualifier2,
+                                link.m_linkValue, link.m_spare});
+  return Set(KESP_TAG_FEATURE_LINK, CString(), payload.data(), payload.size());
+}
+
+bool CKespTag::Set(unsigned long number, float value1, float value2, float value3, float value4, int integer) {
+  const auto payload =
+      PackFloats<6>({static_cast<float>(Low32(number)), value1, value2, value3, value4, static_cast<float>(integer)});
+  return Set(KESP_TAG_QUALITY_MARK_EX, CString(), payload.data(), payload.size());
+}
+
+bool CKespTag::Set(unsigned long number, float value1, float value2, float value3) {
+  const auto payload = PackFloats<4>({static_cast<float>(Low32(number)), value1, value2, value3});
+  return Set(KESP_TAG_POS_ERR_MARK, CString(), payload.data(), payload.size());
+}
+
+bool CKespTag::Set(unsigned long first, unsigned long second, const CString& name) {
+  const auto payload = Pack<2>({Low32(first), Low32(second)});
+  return Set(KESP_TAG_NAMED_FLAG, name, payload.data(), payload.size());
+}
+
+bool CKespTag::Set(unsigned long first, unsigned long second, CString& name) {
+  return Set(first, second, static_cast<const CString&>(name));
+}
+
+bool CKespTag::GetBinary(CString& name, void** data, int& length) {
+  if (data == nullptr) return false;
+  *data = nullptr;
+  length = 0;
+  const BlockParts parts = PartsOf(*this);
+  if (parts.hasName) kesp::LoadText16(name, parts.name.data(), parts.name.size() / 2);
+  constexpr auto kLargest = static_cast<std::size_t>(std::numeric_limits<int>::max());
+  if (!parts.hasPayload || parts.payload.empty() || parts.payload.size() > kLargest) return false;
+  std::unique_ptr<unsigned char[]> copy = AllocateBytes(parts.payload.size());
+  std::memcpy(copy.get(), parts.payload.data(), parts.payload.size());
+  length = static_cast<int>(parts.payload.size());
+  *data = copy.release();
+  return true;
+}
+
+bool CKespTag::GetInteger(CString& name, int& value) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_INTEGER, 4, &name);
+  if (payload == nullptr) return false;
+  value = static_cast<int>(WordAt(payload, 0));
+  return true;
+}
+
+bool CKespTag::GetDouble(CString& name, double& value) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_DOUBLE, 8, &name);
+  if (payload == nullptr) return false;
+  value = DoubleAt(payload, 0);
+  return true;
+}
+
+bool CKespTag::GetString(CString& name, CString& value) {
+  if (PayloadOf(*this, KESP_TAG_STRING, 2, &name) == nullptr) return false;
+  const std::span<const std::byte> payload = PartsOf(*this).payload;
+  kesp::LoadText16(value, payload.data(), payload.size() / 2);
+  return true;
+}
+
+bool CKespTag::GetPoint(CString& name, CPoint3D& point) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_POINT, 24, &name);
+  if (payload == nullptr) return false;
+  point.x = DoubleAt(payload, 0);
+  point.y = DoubleAt(payload, 1);
+  return true;
+}
+
+bool CKespTag::GetRect(CString& name, CRect2D& rect) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_RECT, 32, &name);
+  if (payload == nullptr) return false;
+  rect = CRect2D(DoubleAt(payload, 0), DoubleAt(payload, 1), DoubleAt(payload, 2), DoubleAt(payload, 3));
+  return true;
+}
+
+bool CKespTag::GetColor(CString& name, unsigned long& color) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_COLOR, 4, &name);
+  if (payload == nullptr) return false;
+  color = WordAt(payload, 0);
+  return true;
+}
+
+bool CKespTag::GetColor(CString& name, std::uint32_t& color) {
+  return GetNarrow([&](unsigned long& c) { return GetColor(name, c); }, color);
+}
+
+bool CKespTag::GetGPSMark(CString& name, unsigned long& featureNumber, unsigned long& pointNumber,
+                          unsigned long& timeFirstPart, unsigned long& timeSecondPart) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_GPS_MARK, 16, &name);
+  if (payload == nullptr) return false;
+  featureNumber = WordAt(payload, 0);
+  pointNumber = WordAt(payload, 1);
+  timeFirstPart = WordAt(payload, 2);
+  timeSecondPart = WordAt(payload, 3);
+  return true;
+}
+
+bool CKespTag::GetGPSMark(CString& name, std::uint32_t& featureNumber, std::uint32_t& pointNumber,
+                          std::uint32_t& timeFirstPart, std::uint32_t& timeSecondPart) {
+  return GetNarrow([&](auto&... out) { return GetGPSMark(name, out...); }, featureNumber, pointNumber, timeFirstPart,
+                   timeSecondPart);
+}
+
+bool CKespTag::GetFileLink(unsigned long& number, CString& fileName) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_FILE_LINK, 4, &fileName);
+  if (payload == nullptr) return false;
+  number = WordAt(payload, 0);
+  return true;
+}
+
+bool CKespTag::GetFileLink(std::uint32_t& number, CString& fileName) {
+  return GetNarrow([&](unsigned long& n) { return GetFileLink(n, fileName); }, number);
+}
+
+bool CKespTag::GetQualityMark(unsigned long& number, float& value1, float& value2, float& value3, float& value4) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_QUALITY_MARK, 20, nullptr);
+  if (payload == nullptr) return false;
+  number = ToUnsigned(FloatAt(payload, 0));
+  value1 = FloatAt(payload, 1);
+  value2 = FloatAt(payload, 2);
+  value3 = FloatAt(payload, 3);
+  value4 = FloatAt(payload, 4);
+  return true;
+}
+
+bool CKespTag::GetQualityMark(std::uint32_t& number, float& value1, float& value2, float& value3, float& value4) {
+  return GetNarrow([&](unsigned long& n) { return GetQualityMark(n, value1, value2, value3, value4); }, number);
+}
+
+bool CKespTag::GetFeatureLink(CKespFeatureLink& link) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_FEATURE_LINK, 24, nullptr);
+  if (payload == nullptr) return false;
+  link.m_featureNumber1 = WordAt(payload, 0);
+  link.m_qualifier1 = WordAt(payload, 1);
+  link.m_featureNumber2 = WordAt(payload, 2);
+  link.m_qualifier2 = WordAt(payload, 3);
+  link.m_linkValue = WordAt(payload, 4);
+  link.m_spare = WordAt(payload, 5);
+  link.m_tagRecordPosition = m_filePosition;
+  return true;
+}
+
+bool CKespTag::GetQualityMarkEx(unsigned long& number, float& value1, float& value2, float& value3, float& value4,
+                                int& integer) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_QUALITY_MARK_EX, 24, nullptr);
+  if (payload == nullptr) return false;
+  number = ToUnsigned(FloatAt(payload, 0));
+  value1 = FloatAt(payload, 1);
+  value2 = FloatAt(payload, 2);
+  value3 = FloatAt(payload, 3);
+  value4 = FloatAt(payload, 4);
+  integer = ToSigned(FloatAt(payload, 5));
+  return true;
+}
+
+bool CKespTag::GetQualityMarkEx(std::uint32_t& number, float& value1, float& value2, float& value3, float& value4,
+                                int& integer) {
+  return GetNarrow([&](unsigned long& n) { return GetQualityMarkEx(n, value1, value2, value3, value4, integer); },
+                   number);
+}
+
+bool CKespTag::GetPosErrMark(unsigned long& number, float& value1, float& value2, float& value3) {
+  value1 = value2 = value3 = 0.0F;
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_POS_ERR_MARK, 16, nullptr);
+  if (payload == nullptr) return false;
+  number = ToUnsigned(FloatAt(payload, 0));
+  value1 = FloatAt(payload, 1);
+  value2 = FloatAt(payload, 2);
+  value3 = FloatAt(payload, 3);
+  return true;
+}
+
+bool CKespTag::GetPosErrMark(std::uint32_t& number, float& value1, float& value2, float& value3) {
+  return GetNarrow([&](unsigned long& n) { return GetPosErrMark(n, value1, value2, value3); }, number);
+}
+
+bool CKespTag::GetNamedFlag(unsigned long& first, unsigned long& second, CString& name) {
+  const std::byte* const payload = PayloadOf(*this, KESP_TAG_NAMED_FLAG, 8, &name);
+  if (payload == nullptr) return false;
+  first = WordAt(payload, 0);
+  second = WordAt(payload, 1);
+  return true;
+}
+
+bool CKespTag::GetNamedFlag(std::uint32_t& first, std::uint32_t& second, CString& name) {
+  return GetNarrow([&](unsigned long& a, unsigned long& b) { return GetNamedFlag(a, b, name); }, first, second);
+}
+
+unsigned long CKespTag::GetLength(unsigned short /*version*/) {
+  return static_cast<std::uint32_t>(m_dataLength + kFixedPart);
+}
+
+bool CKespTag::Read(CFile& file) {
+  m_error = KESP_ERROR_NONE;
+  try {
+    const auto endOfFile = [&] {
+      file.SeekToEnd();
+      m_error = KESP_ERROR_EOF;
+      return CFileException(CFileException::endOfFile, file.GetFilePath());
+    };
+    const std::span<const std::byte> fixed = file.ReadView(kFixedPart);
+    if (fixed.size() < kFixedPart) throw endOfFile();
+    m_tagType = static_cast<KESP_TAG>(kesp::LoadLittle<std::uint32_t>(fixed.data()));
+    m_dataLength = kesp::LoadLittle<std::uint32_t>(fixed.data() + 4);
+    const std::uint64_t start = file.GetPosition();
+    m_dataPosition = static_cast<std::uint32_t>(start);
+    if (m_dataLength != 0) {
+      ReplaceBlock(nullptr);
+      if (!file.ReachesTo(start + m_dataLength)) throw endOfFile();
+      std::unique_ptr<unsigned char[]> block = AllocateBytes(m_dataLength);
+      if (file.Read(block.get(), m_dataLength) < m_dataLength) throw endOfFile();
+      ReplaceBlock(block.release());
+    }
+    return true;
+  } catch (const CException&) {
+    return false;
+  }
+}
+
+bool CKespTag::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short /*version*/) {
+  if (m_pData == nullptr) return false;
+  try {
+    const auto fixed = Pack<2>({m_tagType, m_dataLength});
+    file.Write(fixed.data(), fixed.size());
+    file.Write(m_pData, m_dataLength);
+    return true;
+  } catch (const CException&) {
+    return false;
+  }
+}
+
+bool CKespTag::IsSameKespRecord(CKespRecord* other) {
+  if (other == nullptr || other->m_recordType != m_recordType) return false;
+  const auto* const tag = dynamic_cast<const CKespTag*>(other);
+  return tag != nullptr && tag->m_dataLength == m_dataLength && tag->m_tagType == m_tagType &&
+         tag->m_dataPosition == m_dataPosition;
+}
+
+unsigned short CKespTag::GetRecordVersionFromKespVersion(unsigned short kespVersion) {
+  return kesp::RecordVersionUpTo2(kespVersion);
+}
+
+bool CKespTag::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) {
+  return kesp::MinimumKespVersionUpTo2(kespVersion, OwnVersionIfZero(recordVersion));
+}

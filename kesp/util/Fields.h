@@ -1,0 +1,186 @@
+// Takes record fields out of memory and puts them there: the three visitors that a body description is written
+// against, so that reading, writing and length can't drift apart.
+//
+//   template <class Visitor, class Record>
+//   void DescribeVersion1(Visitor& v, Record& r) {
+//     v.U32(r.FeatureNumber);    // offset 0
+//     v.Text8(r.FeatureName, 22);
+//   }
+//
+// Numbers are little-endian and packed: 4 bytes may start at an odd offset. A member wider than its field is cut to
+// the field's width when written, and widened without sign when read, unless it is signed and the field a signed one.
+#pragma once
+#include <algorithm>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <type_traits>
+
+#include "kesp/platform/String.h"
+
+namespace kesp {
+
+// `T` out of its little-endian bytes, and back.
+template <class T>
+T LoadLittle(const std::byte* from) noexcept {
+  static_assert(std::is_unsigned_v<T>);
+  T value{};
+  std::memcpy(&value, from, sizeof value);
+  if constexpr (std::endian::native == std::endian::big) {
+    T swapped{};
+    for (std::size_t i = 0; i < sizeof(T); ++i) swapped = static_cast<T>(swapped << 8 | (value >> 8 * i & 0xFF));
+    value = swapped;
+  }
+  return value;
+}
+template <class T>
+void StoreLittle(std::byte* to, T value) noexcept {
+  static_assert(std::is_unsigned_v<T>);
+  if constexpr (std::endian::native == std::endian::big) {
+    for (std::size_t i = 0; i < sizeof(T); ++i) to[i] = static_cast<std::byte>(value >> 8 * i & 0xFF);
+  } else {
+    std::memcpy(to, &value, sizeof value);
+  }
+}
+
+// Makes `text` of the `units` code units at `from`, up to the first zero unit.
+inline void LoadText16(CString& text, const std::byte* from, std::size_t units) {
+  std::size_t length = 0;
+  while (length < units && LoadLittle<std::uint16_t>(from + 2 * length) != 0) ++length;
+  char16_t* const out = text.Resize(length);
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(out, from, 2 * length);
+  } else {
+    for (std::size_t i = 0; i < length; ++i) out[i] = LoadLittle<std::uint16_t>(from + 2 * i);
+  }
+}
+inline void StoreUnits(std::byte* to, const char16_t* from, std::size_t units) noexcept {
+  for (std::size_t i = 0; i < units; ++i) StoreLittle<std::uint16_t>(to + 2 * i, from[i]);
+}
+
+// Reads. Borrows the bytes, which must outlive the reader. A field cut short by the end is left as it was, and so is
+// every later one; Failed() tells.
+class FieldReader {
+ public:
+  explicit FieldReader(std::span<const std::byte> bytes) noexcept : m_bytes(bytes) {}
+
+  template <class T>
+  void U16(T& field) noexcept {
+    if (const std::byte* at = Take(2)) field = static_cast<T>(LoadLittle<std::uint16_t>(at));
+  }
+  template <class T>
+  void U32(T& field) noexcept {
+    if (const std::byte* at = Take(4)) field = static_cast<T>(LoadLittle<std::uint32_t>(at));
+  }
+  void F64(double& field) noexcept {  // every bit pattern passes
+    if (const std::byte* at = Take(8)) field = std::bit_cast<double>(LoadLittle<std::uint64_t>(at));
+  }
+  // `units` code units, 2 * units bytes. The text ends at the first zero unit, or fills the field.
+  void Text16(CString& field, std::size_t units) {
+    if (const std::byte* at = Take(2 * units)) LoadText16(field, at, units);
+  }
+  // `bytes` 8-bit characters, each of which becomes the character of the same value; the same end. How many of them a
+  // writer fills (`most`) does not matter to a reader.
+  void Text8(CString& field, std::size_t bytes, std::size_t /*most*/ = 0) {
+    const std::byte* const at = Take(bytes);
+    if (at == nullptr) return;
+    const auto* const text = reinterpret_cast<const char*>(at);
+    field = CString::FromLatin1({text, static_cast<std::size_t>(std::find(text, text + bytes, '\0') - text)});
+  }
+  void Raw(std::span<std::uint8_t> field) noexcept {
+    if (const std::byte* at = Take(field.size())) std::memcpy(field.data(), at, field.size());
+  }
+  // Bytes that mean nothing.
+  void Skip(std::size_t bytes) noexcept { (void)Take(bytes); }
+
+  std::size_t Offset() const noexcept { return m_offset; }
+  [[nodiscard]] bool Failed() const noexcept { return m_failed; }
+
+ private:
+  const std::byte* Take(std::size_t width) noexcept {
+    if (m_failed || m_bytes.size() - m_offset < width) {
+      m_failed = true;
+      return nullptr;
+    }
+    const std::byte* const at = m_bytes.data() + m_offset;
+    m_offset += width;
+    return at;
+  }
+
+  std::span<const std::byte> m_bytes;
+  std::size_t m_offset = 0;
+  bool m_failed = false;
+};
+
+// Writes into a buffer that is as long as the body and all zero, so that every text and every skipped byte ends up
+// zero-filled. Texts are cut to one unit less than their field, which keeps a closing zero, and end at a zero inside.
+class FieldWriter {
+ public:
+  explicit FieldWriter(std::byte* zeroed) noexcept : m_at(zeroed) {}
+
+  template <class T>
+  void U16(const T& field) noexcept {
+    StoreLittle(m_at, static_cast<std::uint16_t>(field));
+    m_at += 2;
+  }
+  template <class T>
+  void U32(const T& field) noexcept {
+    StoreLittle(m_at, static_cast<std::uint32_t>(field));
+    m_at += 4;
+  }
+  void F64(const double& field) noexcept {
+    StoreLittle(m_at, std::bit_cast<std::uint64_t>(field));
+    m_at += 8;
+  }
+  void Text16(const CString& field, std::size_t units) noexcept {
+    const char16_t* const text = field.GetString();
+    std::size_t length = 0;
+    while (length < units - 1 && text[length] != 0) ++length;
+    StoreUnits(m_at, text, length);
+    m_at += 2 * units;
+  }
+  // A character above U+00FF ends the text. Where a field keeps more than one spare byte, `most` limits the characters.
+  void Text8(const CString& field, std::size_t bytes) noexcept { Text8(field, bytes, bytes - 1); }
+  void Text8(const CString& field, std::size_t bytes, std::size_t most) noexcept {
+    const char16_t* const text = field.GetString();
+    for (std::size_t i = 0; i < most && text[i] != 0 && text[i] <= 0xFF; ++i) {
+      m_at[i] = static_cast<std::byte>(text[i]);
+    }
+    m_at += bytes;
+  }
+  void Raw(std::span<const std::uint8_t> field) noexcept {
+    std::memcpy(m_at, field.data(), field.size());
+    m_at += field.size();
+  }
+  void Skip(std::size_t bytes) noexcept { m_at += bytes; }
+
+ private:
+  std::byte* m_at;
+};
+
+// Adds up the widths.
+class FieldCounter {
+ public:
+  template <class T>
+  constexpr void U16(const T&) noexcept {
+    m_length += 2;
+  }
+  template <class T>
+  constexpr void U32(const T&) noexcept {
+    m_length += 4;
+  }
+  constexpr void F64(const double&) noexcept { m_length += 8; }
+  constexpr void Text16(const CString&, std::size_t units) noexcept { m_length += 2 * units; }
+  constexpr void Text8(const CString&, std::size_t bytes, std::size_t = 0) noexcept { m_length += bytes; }
+  constexpr void Raw(std::span<const std::uint8_t> field) noexcept { m_length += field.size(); }
+  constexpr void Skip(std::size_t bytes) noexcept { m_length += bytes; }
+
+  constexpr std::size_t Length() const noexcept { return m_length; }
+
+ private:
+  std::size_t m_length = 0;
+};
+
+}  // namespace kesp
