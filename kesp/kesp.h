@@ -1,6 +1,9 @@
 // Everything that a host includes.
 #pragma once
 
+#include "kesp/dataset/ErrorEnum.h"
+#include "kesp/dataset/KespFile.h"
+#include "kesp/dataset/LogicFlag.h"
 #include "kesp/geometry/BoundingBox.h"
 #include "kesp/geometry/Point2D.h"
 #include "kesp/geometry/Point3D.h"
@@ -25,4 +28,5 @@
 #include "kesp/records/KespRecord.h"
 #include "kesp/records/KespTag.h"
 #include "kesp/records/KespTavoHeader.h"
+#include "kesp/search/KespSearch.h"
 #include "kesp/util/Utilities.h"

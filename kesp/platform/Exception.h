@@ -5,6 +5,7 @@
 #pragma once
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "kesp/platform/Export.h"
 #include "kesp/platform/String.h"

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <string>
 
 #include "kesp/platform/SystemCalls.h"
@@ -17,19 +18,31 @@ namespace {
 constexpr unsigned kNewFileMode = 0666;  // less the process's umask
 constexpr std::uint64_t kLargestOffset = std::numeric_limits<std::int64_t>::max();
 
+// What a call answers once no signal interrupts it any more.
+template <class Call>
+auto Uninterrupted(Call call) {
+  for (;;) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
+
 int OpenRetrying(const char* path, int flags) {
-  int fd = -1;
-  do {
-    fd = kesp::System().Open(path, flags, kNewFileMode);
-  } while (fd < 0 && errno == EINTR);
-  return fd;
+  return Uninterrupted([&] { return kesp::System().Open(path, flags, kNewFileMode); });
+}
+
+int StatRetrying(int fd, struct stat& info) {
+  return Uninterrupted([&] { return kesp::System().FileStat(fd, &info); });
+}
+
+int TruncateRetrying(int fd, std::int64_t length) {
+  return Uninterrupted([&] { return kesp::System().Truncate(fd, length); });
 }
 
 // Null means that no lock is wanted.
 int LockOperation(unsigned openFlags, bool writable) {
   if ((openFlags & (CFile::shareDenyWrite | CFile::shareExclusive)) != 0) {
-    const bool alone = writable || (openFlags & CFile::shareExclusive) != 0;
-    return alone ? LOCK_EX : LOCK_SH;
+    return LOCK_EX;
   }
   // Who writes without restriction shares the file with others like it, and fails while somebody denies writing.
   return writable ? LOCK_SH : 0;
@@ -39,14 +52,20 @@ int LockOperation(unsigned openFlags, bool writable) {
 
 CFile::CFile(const CString& path, unsigned openFlags) {
   CFileException error(CFileException::none, path);
-  if (!Open(path, openFlags, &error)) throw error;
+  if (!Open(path, openFlags, &error)) throw CFileException(error);
 }
 
 CFile::~CFile() { Abort(); }
 
 bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error) {
+  const CString wanted = path;  // which may be this object's own
   Abort();
-  const std::string name = path.ToPathBytes();
+  const std::string name = wanted.ToPathBytes();
+  if (name.find('\0') != std::string::npos) {
+    // Would name another file, up to there.
+    if (error != nullptr) *error = CFileException(CFileException::badPath, EINVAL, wanted);
+    return false;
+  }
   const bool writable = (openFlags & (modeWrite | modeReadWrite)) != 0;
   const bool create = (openFlags & modeCreate) != 0;
   // Not blocking, so that a pipe in the file's place can't hold the caller up. Everything is opened for reading too:
@@ -69,28 +88,27 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
     if (!writable) m_fd = OpenRetrying(name.c_str(), flags | O_NOATIME);
     if (m_fd < 0) m_fd = OpenRetrying(name.c_str(), flags);
   }
-  if (m_fd < 0) return fail(CFileException(errno, path));
+  if (m_fd < 0) return fail(CFileException(errno, wanted));
 
   struct stat info {};
-  if (kesp::System().FileStat(m_fd, &info) != 0) return fail(CFileException(errno, path));
-  if (!S_ISREG(info.st_mode)) return fail(CFileException(CFileException::invalidFile, path));
+  if (StatRetrying(m_fd, info) != 0) return fail(CFileException(errno, wanted));
+  if (!S_ISREG(info.st_mode)) {
+    return fail(CFileException(CFileException::invalidFile, S_ISDIR(info.st_mode) ? EISDIR : EINVAL, wanted));
+  }
   if (const int operation = LockOperation(openFlags, writable); operation != 0) {
-    int result = 0;
-    do {
-      result = kesp::System().Lock(m_fd, operation | LOCK_NB);
-    } while (result != 0 && errno == EINTR);
-    if (result != 0) return fail(CFileException(errno, path));
+    const int result = Uninterrupted([&] { return kesp::System().Lock(m_fd, operation | LOCK_NB); });
+    if (result != 0) return fail(CFileException(errno, wanted));
   }
   m_length = static_cast<std::uint64_t>(info.st_size);
   if (create && !created) {
-    if (kesp::System().Truncate(m_fd, 0) != 0) return fail(CFileException(errno, path));
+    if (TruncateRetrying(m_fd, 0) != 0) return fail(CFileException(errno, wanted));
     m_length = 0;
-  } else if (kesp::System().FileStat(m_fd, &info) == 0) {
+  } else if (StatRetrying(m_fd, info) == 0) {
     m_length = static_cast<std::uint64_t>(info.st_size);  // it may have grown until the lock was ours
   } else {
-    return fail(CFileException(errno, path));
+    return fail(CFileException(errno, wanted));
   }
-  m_path = path;
+  m_path = wanted;
   m_writable = writable;
   m_directoryUnsynced = created;
   return true;
@@ -98,7 +116,12 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
 
 void CFile::Close() {
   if (m_fd < 0) return;
-  CommitGathered();
+  try {
+    CommitGathered();
+  } catch (...) {
+    Abort();
+    throw;
+  }
   const int fd = m_fd;
   const CString path = m_path;
   Reset();
@@ -113,6 +136,7 @@ void CFile::Abort() noexcept {
 
 void CFile::Reset() noexcept {
   m_fd = -1;
+  m_lastSystemError = 0;
   m_writable = m_gathering = m_syncFailed = m_directoryUnsynced = false;
   m_path.Empty();
   m_position = m_length = m_bufferStart = m_gatherStart = 0;
@@ -147,7 +171,10 @@ std::span<const std::byte> CFile::ReadViewSlow(std::size_t count) {
   RequireOpen();
   CommitGathered();
   if (count > kMaxView) throw CInvalidArgException();
-  if (!m_buffer) m_buffer = std::make_unique_for_overwrite<std::byte[]>(kBufferSize);
+  if (!m_buffer) {
+    m_buffer.reset(new (std::nothrow) std::byte[kBufferSize]);
+    if (!m_buffer) throw CMemoryException();
+  }
   const bool follows = m_position >= m_bufferStart && m_position - m_bufferStart <= m_bufferSize;
   const std::size_t offset = follows ? static_cast<std::size_t>(m_position - m_bufferStart) : 0;
   const std::size_t kept = follows ? m_bufferSize - offset : 0;
@@ -168,8 +195,12 @@ std::span<const std::byte> CFile::ReadViewSlow(std::size_t count) {
 
 // Reads until at least `least` bytes are there or the file ends, and up to `most` while the system gives them.
 std::size_t CFile::ReadSystem(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position) {
+  if (position >= kLargestOffset) return 0;
+  const std::uint64_t room = kLargestOffset - position;
+  least = static_cast<std::size_t>(std::min<std::uint64_t>(least, room));
+  most = static_cast<std::size_t>(std::min<std::uint64_t>(most, room));
   std::size_t total = 0;
-  while (total < least && position + total <= kLargestOffset) {
+  while (total < least) {
     const ssize_t got =
         kesp::System().Read(m_fd, to + total, most - total, static_cast<std::int64_t>(position + total));
     if (got < 0) {
@@ -190,7 +221,11 @@ void CFile::Write(const void* from, std::size_t count) {
   const auto* const bytes = static_cast<const std::byte*>(from);
   if (m_gathering) {
     if (m_gathered.empty()) m_gatherStart = m_position;
-    m_gathered.insert(m_gathered.end(), bytes, bytes + count);
+    try {
+      m_gathered.insert(m_gathered.end(), bytes, bytes + count);
+    } catch (const std::bad_alloc&) {
+      throw CMemoryException();
+    }
     m_position += count;
     return;
   }
@@ -219,8 +254,8 @@ void CFile::WriteOut(const std::byte* from, std::size_t count, std::uint64_t pos
 // Keeps the read buffer true after a write: overlapping bytes are replaced, bytes that follow it are added, and a
 // write elsewhere becomes the buffer's new content, since what was just written is what is read next.
 void CFile::UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept {
-  m_length = std::max(m_length, position + count);
   if (count == 0) return;
+  m_length = std::max(m_length, position + count);
   if (!m_buffer) {
     m_buffer.reset(new (std::nothrow) std::byte[kBufferSize]);
     if (!m_buffer) return;
@@ -268,17 +303,13 @@ std::uint64_t CFile::Seek(std::int64_t offset, SeekPosition from) {
   return m_position;
 }
 
-std::uint64_t CFile::GetPosition() const {
-  RequireOpen();
-  return m_position;
-}
-
 std::uint64_t CFile::GetLength() {
   RequireOpen();
   CommitGathered();
-  struct stat info {};
-  if (kesp::System().FileStat(m_fd, &info) != 0) Raise(errno);
-  m_length = static_cast<std::uint64_t>(info.st_size);
+  // Nothing here uses the descriptor's own position.
+  const std::int64_t end = Uninterrupted([&] { return kesp::System().End(m_fd); });
+  if (end < 0) Raise(errno);
+  m_length = static_cast<std::uint64_t>(end);
   return m_length;
 }
 
@@ -289,7 +320,7 @@ void CFile::SetLength(std::uint64_t length) {
   CommitGathered();
   if (!m_writable) throw CFileException(CFileException::accessDenied, m_path);
   if (length > kLargestOffset) Raise(EFBIG);
-  if (kesp::System().Truncate(m_fd, static_cast<std::int64_t>(length)) != 0) Raise(errno);
+  if (TruncateRetrying(m_fd, static_cast<std::int64_t>(length)) != 0) Raise(errno);
   m_length = length;
   m_bufferSize = 0;
 }
@@ -299,11 +330,7 @@ void CFile::Flush() {
   CommitGathered();
   if (!m_writable) return;
   if (m_syncFailed) Raise(EIO);
-  int result = 0;
-  do {
-    result = kesp::System().DataSync(m_fd);
-  } while (result != 0 && errno == EINTR);
-  if (result != 0) {
+  if (Uninterrupted([&] { return kesp::System().DataSync(m_fd); }) != 0) {
     const int reason = errno;
     m_syncFailed = true;
     Raise(reason);
@@ -320,10 +347,7 @@ void CFile::SyncDirectory() {
   const std::string directory = slash == std::string::npos ? "." : name.substr(0, slash + 1);
   const int fd = OpenRetrying(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return;
-  int result = 0;
-  do {
-    result = kesp::System().FullSync(fd);
-  } while (result != 0 && errno == EINTR);
+  const int result = Uninterrupted([&] { return kesp::System().FullSync(fd); });
   const int reason = errno;
   kesp::System().Close(fd);
   if (result != 0 && (reason == EIO || reason == ENOSPC || reason == EDQUOT)) {
@@ -333,14 +357,30 @@ void CFile::SyncDirectory() {
 }
 
 void CFile::TouchModified() noexcept {
-  if (m_fd >= 0 && m_writable) kesp::System().TouchModified(m_fd);
+  if (m_fd >= 0 && m_writable) Uninterrupted([this] { return kesp::System().TouchModified(m_fd); });
+}
+
+bool CFile::IsSameFile(const CString& path) const {
+  struct stat mine {};
+  struct stat other {};
+  return m_fd >= 0 && kesp::System().FileStat(m_fd, &mine) == 0 &&
+         kesp::System().Stat(path.ToPathBytes().c_str(), &other) == 0 && mine.st_dev == other.st_dev &&
+         mine.st_ino == other.st_ino;
+}
+
+void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
+  const auto block = std::make_unique_for_overwrite<std::byte[]>(blockSize);
+  while (const std::size_t count = source.Read(block.get(), blockSize)) Write(block.get(), count);
 }
 
 void CFile::Remove(const CString& path) {
   if (kesp::System().Unlink(path.ToPathBytes().c_str()) != 0) throw CFileException(errno, path);
 }
 
-void CFile::Raise(int osError) const { throw CFileException(osError, m_path); }
+void CFile::Raise(int osError) {
+  m_lastSystemError = osError;
+  throw CFileException(osError, m_path);
+}
 
 void CFile::RequireOpen() const {
   if (m_fd < 0) throw CFileException(CFileException::invalidFile, m_path);

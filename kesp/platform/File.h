@@ -33,8 +33,8 @@ class KESP_EXPORT CFile {
     modeRead = 0x0000,
     modeWrite = 0x0001,
     modeReadWrite = 0x0002,
-    shareExclusive = 0x0010,  // nobody else may hold the file; taken as shareDenyWrite by who does not ask for a lock
-    shareDenyWrite = 0x0020,  // others may read, not write
+    shareExclusive = 0x0010,  // both take the lock for this object alone: nobody else may deny or write, while
+    shareDenyWrite = 0x0020,  // readers that ask for no lock go on reading
     shareDenyNone = 0x0040,   // no restriction; to write still fails while somebody else denies it
     modeCreate = 0x1000,      // creates the file; one that exists is emptied, once the lock is held
   };
@@ -64,8 +64,9 @@ class KESP_EXPORT CFile {
   // object. `count` is at most kMaxView.
   static constexpr std::size_t kMaxView = 64 * 1024;
   std::span<const std::byte> ReadView(std::size_t count) {
-    if (m_position >= m_bufferStart && m_position - m_bufferStart + count <= m_bufferSize && m_gathered.empty()) {
-      const std::byte* const bytes = m_buffer.get() + (m_position - m_bufferStart);
+    const std::uint64_t offset = m_position - m_bufferStart;  // huge when the position is before the buffer
+    if (offset <= m_bufferSize && count <= m_bufferSize - offset && m_gathered.empty()) {
+      const std::byte* const bytes = m_buffer.get() + offset;
       m_position += count;
       return {bytes, count};
     }
@@ -78,7 +79,10 @@ class KESP_EXPORT CFile {
   std::uint64_t Seek(std::int64_t offset, SeekPosition from);
   void SeekToBegin() { Seek(0, begin); }
   std::uint64_t SeekToEnd() { return Seek(0, end); }
-  std::uint64_t GetPosition() const;
+  std::uint64_t GetPosition() const {
+    if (m_fd < 0) RequireOpen();
+    return m_position;
+  }
   std::uint64_t GetLength();
   void SetLength(std::uint64_t length);
   // Whether the file reaches at least to `position`. Asks the system only when the length last seen is below that,
@@ -93,6 +97,13 @@ class KESP_EXPORT CFile {
   void Flush();
   // The modification time becomes now; a failure is ignored.
   void TouchModified() noexcept;
+  // Whether the path leads to the very file that is open, by whatever name or link. False on a closed object.
+  bool IsSameFile(const CString& path) const;
+  // Writes all that the source holds from its position on, `blockSize` bytes at a time at the most.
+  void CopyFrom(CFile& source, std::size_t blockSize);
+  // The system's error number of the last failure since the file was opened, also where a record swallowed the
+  // exception; 0 without one.
+  int LastSystemError() const noexcept { return m_lastSystemError; }
   // Deletes a file by its path.
   static void Remove(const CString& path);
 
@@ -114,7 +125,7 @@ class KESP_EXPORT CFile {
   static constexpr std::size_t kBufferSize = 256 * 1024;
   static constexpr std::size_t kFirstRead = 4 * 1024;  // what a read somewhere new asks for; doubled while it goes on
 
-  [[noreturn]] void Raise(int osError) const;
+  [[noreturn]] void Raise(int osError);
   void RequireOpen() const;
   void CommitGathered();
   void WriteOut(const std::byte* from, std::size_t count, std::uint64_t position);
@@ -128,6 +139,7 @@ class KESP_EXPORT CFile {
   bool m_writable = false;
   bool m_gathering = false;
   bool m_syncFailed = false;
+  int m_lastSystemError = 0;
   bool m_directoryUnsynced = false;  // the file was created and its directory not yet told to keep it
   CString m_path;
   std::uint64_t m_position = 0;

@@ -36,7 +36,7 @@ void ShowMessage(const CString& text) {
   if (hook) {
     hook(text);
   } else {
-    std::fprintf(stderr, "%s\n", text.ToUtf8().c_str());
+    (void)std::fprintf(stderr, "%s\n", text.ToUtf8().c_str());
   }
 }
 

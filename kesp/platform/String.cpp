@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
-#include <new>
 
 #include "kesp/platform/Exception.h"
+#include "kesp/platform/ObjectPool.h"
 
 namespace {
 
@@ -13,6 +13,8 @@ constexpr char16_t kFirstHigh = 0xD800;
 constexpr char16_t kFirstLow = 0xDC00;
 constexpr char16_t kPastLow = 0xE000;
 
+// Whether the character takes two units. What is no character at all becomes U+FFFD.
+bool IsPair(wchar_t c) { return static_cast<std::uint32_t>(c) > 0xFFFF && static_cast<std::uint32_t>(c) <= 0x10FFFF; }
 bool IsHigh(char16_t unit) { return unit >= kFirstHigh && unit < kFirstLow; }
 bool IsLow(char16_t unit) { return unit >= kFirstLow && unit < kPastLow; }
 
@@ -40,8 +42,8 @@ char16_t* PutCodePoint(char16_t* out, std::uint32_t code) {
   return out;
 }
 
-// The number of bytes of the UTF-8 sequence at `at`, and its code point; 0 when there is none. Surrogates pass.
-std::size_t DecodeUtf8(std::string_view text, std::size_t at, std::uint32_t& code) {
+// The number of bytes of the UTF-8 sequence at `at`, and its code point; 0 when there is none.
+std::size_t DecodeUtf8(std::string_view text, std::size_t at, bool surrogatesPass, std::uint32_t& code) {
   const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
   const unsigned char first = byte(0);
   if (first < 0x80) {
@@ -50,11 +52,12 @@ std::size_t DecodeUtf8(std::string_view text, std::size_t at, std::uint32_t& cod
   }
   const std::size_t count = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
   if (first < 0xC2 || first > 0xF4 || text.size() - at < count) return 0;
-  code = first & (0x7Fu >> count);
+  code = first & (0x7FU >> count);
   for (std::size_t i = 1; i < count; ++i) {
     if ((byte(i) & 0xC0) != 0x80) return 0;
-    code = code << 6 | (byte(i) & 0x3Fu);
+    code = code << 6 | (byte(i) & 0x3FU);
   }
+  if (!surrogatesPass && code >= kFirstHigh && code < kPastLow) return 0;
   const bool tooLong = (count == 3 && code < 0x800) || (count == 4 && (code < 0x10000 || code > 0x10FFFF));
   return tooLong ? 0 : count;
 }
@@ -84,7 +87,7 @@ std::string EncodeUtf8(std::u16string_view text, bool strayBytes) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     std::uint32_t code = text[i];
     if (IsHigh(text[i]) && i + 1 < text.size() && IsLow(text[i + 1])) {
-      code = 0x10000u + ((code - kFirstHigh) << 10) + (text[i + 1] - std::uint32_t{kFirstLow});
+      code = 0x10000U + ((code - kFirstHigh) << 10) + (text[i + 1] - std::uint32_t{kFirstLow});
       ++i;
     } else if (strayBytes && code >= 0xDC80 && code <= 0xDCFF) {
       out += static_cast<char>(static_cast<unsigned char>(code & 0xFF));
@@ -107,9 +110,12 @@ CString::CString(const wchar_t* text) : CString() {
   if (text == nullptr) return;
   const std::size_t length = std::wcslen(text);
   std::size_t units = length;
-  for (std::size_t i = 0; i < length; ++i) units += static_cast<std::uint32_t>(text[i]) > 0xFFFF;
+  for (std::size_t i = 0; i < length; ++i) units += IsPair(text[i]) ? 1 : 0;
   char16_t* out = Resize(units);
-  for (std::size_t i = 0; i < length; ++i) out = PutCodePoint(out, static_cast<std::uint32_t>(text[i]));
+  for (std::size_t i = 0; i < length; ++i) {
+    const auto code = static_cast<std::uint32_t>(text[i]);
+    out = PutCodePoint(out, code <= 0x10FFFF ? code : 0xFFFD);
+  }
 }
 
 CString::CString(const char16_t* text) : CString() {
@@ -139,17 +145,27 @@ CString& CString::operator=(CString&& other) noexcept {
 
 CString CString::FromUtf8(std::string_view utf8) {
   CString text;
-  char16_t* const begin = text.Resize(utf8.size());  // never more units than bytes
+  text.Decode(utf8, true);
+  return text;
+}
+
+CString CString::FromPathBytes(std::string_view bytes) {
+  CString text;
+  text.Decode(bytes, false);
+  return text;
+}
+
+void CString::Decode(std::string_view bytes, bool surrogatesPass) {
+  char16_t* const begin = Resize(bytes.size());  // never more units than bytes
   char16_t* out = begin;
-  for (std::size_t at = 0; at < utf8.size();) {
+  for (std::size_t at = 0; at < bytes.size();) {
     std::uint32_t code = 0;
-    const std::size_t count = DecodeUtf8(utf8, at, code);
-    if (count == 0) code = kFirstLow + std::uint32_t{static_cast<unsigned char>(utf8[at])};
+    const std::size_t count = DecodeUtf8(bytes, at, surrogatesPass, code);
+    if (count == 0) code = kFirstLow + std::uint32_t{static_cast<unsigned char>(bytes[at])};
     out = PutCodePoint(out, code);
     at += std::max<std::size_t>(count, 1);
   }
-  text.SetLength(static_cast<std::size_t>(out - begin));
-  return text;
+  SetLength(static_cast<std::size_t>(out - begin));
 }
 
 std::string CString::ToUtf8() const { return EncodeUtf8(View(), false); }
@@ -176,12 +192,6 @@ void CString::Assign(const char16_t* units, std::size_t count) {
   *this = std::move(fresh);
 }
 
-char16_t* CString::Resize(std::size_t count) {
-  if (count > Capacity()) Grow(count);
-  SetLength(count);
-  return Data();
-}
-
 void CString::Empty() noexcept {
   if (IsLong()) Release();
   SetSmallLength(0);
@@ -190,7 +200,7 @@ void CString::Empty() noexcept {
 CString& CString::operator+=(const CString& other) {
   const std::size_t size = Size();
   const std::size_t added = other.Size();
-  if (size + added > Capacity()) Grow(std::max(size + added, 2 * size));
+  if (size + added > Capacity()) Grow(std::max(size + added, std::min(2 * size, kMaxLength)));
   std::memmove(Data() + size, other.GetString(), added * sizeof(char16_t));
   SetLength(size + added);
   return *this;
@@ -239,7 +249,7 @@ CString CString::Mid(int first) const { return Mid(first, GetLength()); }
 CString CString::Mid(int first, int count) const {
   const int from = std::clamp(first, 0, GetLength());
   const int kept = std::clamp(count, 0, GetLength() - from);
-  return CString(GetString() + from, static_cast<std::size_t>(kept));
+  return {GetString() + from, static_cast<std::size_t>(kept)};
 }
 
 CString& CString::MakeUpper() noexcept {
@@ -262,23 +272,13 @@ CString& CString::Trim() {
   return *this;
 }
 
-void CString::SetLength(std::size_t length) noexcept {
-  if (IsLong()) {
-    m_long.size = length;
-    m_long.data[length] = 0;
-  } else {
-    SetSmallLength(length);
-  }
-}
-
 void CString::Grow(std::size_t capacity) {
   if (capacity > kMaxLength) throw CMemoryException();
-  auto* const data = static_cast<char16_t*>(::operator new((capacity + 1) * sizeof(char16_t), std::nothrow));
-  if (data == nullptr) throw CMemoryException();
+  auto* const data = static_cast<char16_t*>(kesp::PoolAllocate((capacity + 1) * sizeof(char16_t)));
   const std::size_t size = Size();
   std::memcpy(data, GetString(), (size + 1) * sizeof(char16_t));
   if (IsLong()) Release();
   m_long = {data, size, static_cast<std::uint32_t>(capacity), 0, kLongMark};
 }
 
-void CString::Release() noexcept { ::operator delete(m_long.data); }
+void CString::Release() noexcept { kesp::PoolFree(m_long.data, (m_long.capacity + std::size_t{1}) * sizeof(char16_t)); }

@@ -42,7 +42,8 @@ class KESP_EXPORT CString {
   // the three bytes that UTF-8 would give its number, and those come back as that surrogate.
   static CString FromUtf8(std::string_view utf8);
   std::string ToUtf8() const;
-  // The name that the system knows a file by: UTF-8, with the units made of stray bytes turned back into them.
+  // The same for the names of files, which may be any bytes: every name comes back as it was.
+  static CString FromPathBytes(std::string_view bytes);
   std::string ToPathBytes() const;
   // Each byte becomes the character of the same value.
   static CString FromLatin1(std::string_view bytes);
@@ -50,7 +51,11 @@ class KESP_EXPORT CString {
   // Replaces the text by `count` units. The units may be part of this very text.
   void Assign(const char16_t* units, std::size_t count);
   // Makes room for `count` units whose values are then the caller's to write through the pointer returned.
-  char16_t* Resize(std::size_t count);
+  char16_t* Resize(std::size_t count) {
+    if (count > Capacity()) Grow(count);
+    SetLength(count);
+    return Data();
+  }
 
   int GetLength() const noexcept { return static_cast<int>(Size()); }
   std::size_t Size() const noexcept { return IsLong() ? m_long.size : kInline - m_small[kInline]; }
@@ -112,8 +117,16 @@ class KESP_EXPORT CString {
     m_small[length] = 0;
     m_small[kInline] = static_cast<char16_t>(kInline - length);  // 0 for a full one: its closing zero
   }
-  void SetLength(std::size_t length) noexcept;
+  void SetLength(std::size_t length) noexcept {
+    if (IsLong()) {
+      m_long.size = length;
+      m_long.data[length] = 0;
+    } else {
+      SetSmallLength(length);
+    }
+  }
   std::size_t Capacity() const noexcept { return IsLong() ? m_long.capacity : kInline; }
+  void Decode(std::string_view bytes, bool surrogatesPass);
   void Grow(std::size_t capacity);  // keeps the text
   void Release() noexcept;
 

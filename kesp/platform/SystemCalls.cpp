@@ -20,6 +20,7 @@ int SystemCalls::Open(const char* path, int flags, unsigned mode) { return ::ope
 int SystemCalls::Close(int fd) { return ::close(fd); }
 int SystemCalls::Stat(const char* path, struct stat* info) { return ::stat(path, info); }
 int SystemCalls::FileStat(int fd, struct stat* info) { return ::fstat(fd, info); }
+std::int64_t SystemCalls::End(int fd) { return ::lseek(fd, 0, SEEK_END); }
 int SystemCalls::Lock(int fd, int operation) { return ::flock(fd, operation); }
 ssize_t SystemCalls::Read(int fd, void* to, std::size_t count, std::int64_t offset) {
   return ::pread(fd, to, count, offset);

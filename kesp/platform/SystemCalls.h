@@ -20,6 +20,7 @@ class SystemCalls {
   virtual int Close(int fd);
   virtual int Stat(const char* path, struct stat* info);
   virtual int FileStat(int fd, struct stat* info);
+  virtual std::int64_t End(int fd);         // lseek to the end: a file's length for half the price of FileStat
   virtual int Lock(int fd, int operation);  // flock
   virtual ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset);
   virtual ssize_t Write(int fd, const void* from, std::size_t count, std::int64_t offset);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 
 #include "kesp/platform/SystemCalls.h"
 #include "kesp/recordfile/FileHeader.h"
@@ -51,6 +50,7 @@ bool CKespDataFile::OpenWith(const CString& path, unsigned openFlags) {
   }
   try {
     if (ReadFileHeader()) {
+      m_tornFrom.reset();
       m_path = path;
       return true;
     }
@@ -112,6 +112,7 @@ bool CKespDataFile::Create(const CString& path) {
     m_file.Write(header.data(), header.size());
     m_firstRecordOffset = kesp::kHeaderLengthCountsFrom + kesp::kOwnHeaderLength;
     m_path = path;
+    m_tornFrom.reset();
     return true;
   } catch (const CFileException& e) {
     NoteFailure(e);
@@ -121,6 +122,7 @@ bool CKespDataFile::Create(const CString& path) {
 }
 
 bool CKespDataFile::Close() {
+  m_tornFrom.reset();
   try {
     m_file.Close();
     return true;
@@ -183,5 +185,5 @@ void CKespDataFile::UpdateLastModifiedStatus() noexcept { m_file.TouchModified()
 bool CKespDataFile::DidPowerEventHappen() { return kesp::System().PowerEventHappened(); }
 
 void CKespDataFile::NoteFailure(const CFileException& failure) noexcept {
-  if (m_systemError == 0) m_systemError = failure.m_lOsError != 0 ? failure.m_lOsError : EIO;
+  if (m_systemError == 0) m_systemError = failure.m_lOsError;
 }

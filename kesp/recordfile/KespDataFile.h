@@ -36,6 +36,7 @@
 #pragma once
 #include <array>
 #include <cstdint>
+#include <optional>
 
 #include "kesp/platform/Export.h"
 #include "kesp/platform/File.h"
@@ -123,6 +124,23 @@ class KESP_EXPORT CKespDataFile {
   // seek is raised.
   bool DeleteRecord(unsigned long position, KESP_RECORD_TYPE type);
 
+  // Copies the open file byte by byte to a file that is created, or emptied if it exists. False when the destination
+  // can't be opened, is held by somebody, or is this file itself: nothing has changed then. False, and the destination
+  // deleted, when reading or writing fails or no file is open.
+  bool Copy(const wchar_t* destination);
+  bool Copy(const CString& destination);
+  // Rebuilds the open file in file version 1 or 2 (0 and others count as 2): writes every record that reads back and is
+  // not deleted, up to the first damage. True whatever ended the walk; GetError tells what did, KESP_ERROR_NORMAL_EOF
+  // when all was copied. False when the destination can't be opened or is this file itself, when a record can't be
+  // written (its error is in GetError, the destination stays as far as it got), and when the system failed.
+  // The file header is copied unchanged, with the file version of the source; the records are taken to begin at offset
+  // 50. In the copy of a version-2 file the record headers of features and attributes have the length of a version-2
+  // body, and version-3 bodies follow: readers read bodies by their layout.
+  bool CopyVerify(const CString& destination, unsigned short kespVersion);
+  // Closes this object, opens `source` in it so that nobody else may, without a look at its header, and rebuilds it.
+  // The source stays open.
+  bool CopyVerify(const CString& source, const CString& destination, unsigned short kespVersion);
+
   CString m_path;               // of the file opened last
   std::uint16_t m_version = 1;  // file version, what Create writes
   std::uint16_t m_headerWord = 0;
@@ -137,6 +155,12 @@ class KESP_EXPORT CKespDataFile {
   bool OpenWith(const CString& path, unsigned openFlags);
   bool ReadFileHeader();
   bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
+  bool WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);
   void ReopenAfterPowerEvent();
+  void TakeBackTornRecord();
   void NoteFailure(const CFileException& failure) noexcept;
+
+  // Where half a record begins that a failed append could not take back. The next append tries again first, so that
+  // it does not put its record where no reader gets to.
+  std::optional<std::uint64_t> m_tornFrom;
 };

@@ -136,6 +136,7 @@ CKespRecord* CKespDataFile::ReadNextRecord(std::uint32_t& position, bool skipDel
   // Outside the guard: the version-1 body of a feature raises the end of the file to the caller.
   if (record->Read(m_file)) return record.release();
   m_error = record->GetError();
+  if (m_systemError == 0) m_systemError = m_file.LastSystemError();  // the record kept the exception to itself
   return nullptr;
 }
 

@@ -31,10 +31,29 @@ bool CKespDataFile::AppendRecordVersion2(CKespRecord* record, unsigned long sour
 }
 
 void CKespDataFile::ReopenAfterPowerEvent() {
+  const bool writable = m_file.IsWritable();
   m_file.Abort();
   kesp::System().SleepMs(kPowerEventWaitMs);
   // What comes of it shows in the next step, which needs the file.
-  (void)m_file.Open(m_path, CFile::modeReadWrite | CFile::shareDenyWrite);
+  (void)m_file.Open(m_path,
+                    writable ? CFile::modeReadWrite | CFile::shareDenyWrite : CFile::modeRead | CFile::shareDenyNone);
+}
+
+void CKespDataFile::TakeBackTornRecord() {
+  if (!m_tornFrom) return;
+  m_file.SetLength(*m_tornFrom);
+  m_tornFrom.reset();
+}
+
+// The record's header and body in one write, and on the disk. `begun` becomes true once something may be in the file.
+bool CKespDataFile::WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun) {
+  CFile::Gather gather(m_file);
+  // Version and length are the record's own whatever version the body is written in.
+  WriteRecordHeader(m_file, record, record.m_recordVersion, record.GetLength(kOwnVersion));
+  if (!record.Write(m_file, sourceFlag, bodyVersion)) return false;
+  begun = true;
+  gather.Commit();
+  return Flush();
 }
 
 bool CKespDataFile::Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion) {
@@ -43,26 +62,23 @@ bool CKespDataFile::Append(CKespRecord* record, unsigned long sourceFlag, unsign
   bool begun = false;
   try {
     if (DidPowerEventHappen()) ReopenAfterPowerEvent();
+    TakeBackTornRecord();
     start = m_file.SeekToEnd();
     record->m_filePosition = static_cast<std::uint32_t>(start);
     if (bodyVersion == kOwnVersion) record->SetSourceFlag(sourceFlag);
     if (record->m_recordType == KESP_RECORD_BROKEN) return true;
-    for (;;) {
-      CFile::Gather gather(m_file);
-      // Version and length are the record's own whatever version the body is written in.
-      WriteRecordHeader(m_file, *record, record->m_recordVersion, record->GetLength(kOwnVersion));
-      if (!record->Write(m_file, sourceFlag, bodyVersion)) return false;  // nothing has reached the file
-      begun = true;
-      gather.Commit();
-      Flush();
-      if (!DidPowerEventHappen()) break;
+    while (WriteWhole(*record, sourceFlag, bodyVersion, begun)) {
+      if (!DidPowerEventHappen()) {
+        // The last byte is looked at once more, which leaves the file at its end.
+        m_file.Seek(-1, CFile::current);
+        (void)m_file.ReadView(1);
+        return true;
+      }
       ReopenAfterPowerEvent();
       m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
     }
-    // The last byte is looked at once more, which leaves the file at its end.
-    m_file.Seek(-1, CFile::current);
-    (void)m_file.ReadView(1);
-    return true;
+    // A record that can't write itself: as a rule nothing of it has reached the file.
+    begun = begun || m_file.GetLength() > start;
   } catch (const CFileException& e) {
     NoteFailure(e);
   } catch (const std::exception&) {
@@ -70,10 +86,11 @@ bool CKespDataFile::Append(CKespRecord* record, unsigned long sourceFlag, unsign
   }
   if (begun) {
     // Taken back, so that a later record does not stand behind half a one, where no reader would find it.
+    m_tornFrom = start;
     try {
-      m_file.SetLength(start);
+      TakeBackTornRecord();
     } catch (const CFileException&) {
-      // The system won't have it; a reader stops at the partial record.
+      // The system won't have it now; a reader stops at the partial record.
     }
   }
   return false;

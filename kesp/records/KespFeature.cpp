@@ -29,21 +29,23 @@ constexpr auto kVersion3 = [](auto& v, auto& f) {
   kBehindName(v, f);             // 516
 };
 
+constexpr std::size_t kFirstRoom = 4;  // entries that a list makes room for when it gets its first
+
 template <class Item>
-Item* At(const std::vector<std::unique_ptr<Item>>& list, int index) noexcept {
+Item* At(const CKespFeature::List<Item>& list, int index) noexcept {
   return index >= 0 && static_cast<std::size_t>(index) < list.size() ? list[static_cast<std::size_t>(index)].get()
                                                                      : nullptr;
 }
 
 template <class Item>
-void Unlink(std::vector<std::unique_ptr<Item>>& list, int index) {
+void Unlink(CKespFeature::List<Item>& list, int index) {
   if (index < 0 || static_cast<std::size_t>(index) >= list.size()) return;
   (void)list[static_cast<std::size_t>(index)].release();  // the caller's from now on
   list.erase(list.begin() + index);
 }
 
 template <class Item>
-void CopyList(const std::vector<std::unique_ptr<Item>>& from, std::vector<std::unique_ptr<Item>>& to) {
+void CopyList(const CKespFeature::List<Item>& from, CKespFeature::List<Item>& to) {
   to.reserve(from.size());
   for (const auto& item : from) to.push_back(item ? std::make_unique<Item>(*item) : nullptr);
 }
@@ -90,11 +92,13 @@ void CKespFeature::SetFeatureEnd(CKespFeatureEnd* end) noexcept {
 }
 
 bool CKespFeature::AddPoint(CKespPoint* point) {
+  if (m_pointList.empty()) m_pointList.reserve(kFirstRoom);
   m_pointList.emplace_back(point);
   return true;
 }
 
 bool CKespFeature::AddAttribute(CKespAttribute* attribute) {
+  if (m_attributeList.empty()) m_attributeList.reserve(kFirstRoom);
   m_attributeList.emplace_back(attribute);
   return true;
 }
@@ -143,10 +147,11 @@ bool CKespFeature::GetExtents(CRect2D& extents) const {
   extents = CRect2D(first.CoordX, first.CoordY, first.CoordX, first.CoordY);
   for (const auto& point : m_pointList) {
     if (!point) continue;
-    extents.maxX = extents.maxX > point->CoordX ? extents.maxX : point->CoordX;
-    extents.minX = extents.minX < point->CoordX ? extents.minX : point->CoordX;
-    extents.maxY = extents.maxY > point->CoordY ? extents.maxY : point->CoordY;
-    extents.minY = extents.minY < point->CoordY ? extents.minY : point->CoordY;
+    // A NaN behind the first point is passed over.
+    extents.maxX = point->CoordX > extents.maxX ? point->CoordX : extents.maxX;
+    extents.minX = point->CoordX < extents.minX ? point->CoordX : extents.minX;
+    extents.maxY = point->CoordY > extents.maxY ? point->CoordY : extents.maxY;
+    extents.minY = point->CoordY < extents.minY ? point->CoordY : extents.minY;
   }
   return true;
 }

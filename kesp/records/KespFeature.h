@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "kesp/geometry/Rect2D.h"
+#include "kesp/platform/ObjectPool.h"
 #include "kesp/platform/String.h"
 #include "kesp/records/KespAttribute.h"
 #include "kesp/records/KespFeatureEnd.h"
@@ -29,6 +30,9 @@ enum KESP_FEATURE_TYPE : std::uint32_t { KESP_FEATURE_POINT = 1, KESP_FEATURE_LI
 
 class KESP_EXPORT CKespFeature : public CKespRecord {
  public:
+  template <class Item>
+  using List = std::vector<std::unique_ptr<Item>, kesp::PoolAllocator<std::unique_ptr<Item>>>;
+
   CKespFeature() noexcept : CKespRecord(KESP_RECORD_FEATURE, 3) {}
   CKespFeature(const CKespFeature& other);  // deep: every point, every attribute and the end are copied
   CKespFeature& operator=(const CKespFeature&) = delete;
@@ -77,8 +81,8 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
   std::uint16_t DisplayWord1 = 1;
   std::uint16_t DisplayWord2 = 0;
   CString DisplayText;
-  std::vector<std::unique_ptr<CKespAttribute>> m_attributeList;
-  std::vector<std::unique_ptr<CKespPoint>> m_pointList;
+  List<CKespAttribute> m_attributeList;
+  List<CKespPoint> m_pointList;
   CString FeatureName;
   KESP_FEATURE_TYPE FeatureType = KESP_FEATURE_POINT;  // low 16 bits on disk
   std::uint32_t Color = 0;

@@ -6,8 +6,10 @@
 
 namespace {
 
+// Numbers are 32 bits wide, whatever an unsigned long has.
 bool Joins(const CKespFeatureLink& link, unsigned long first, unsigned long second) {
-  return link.m_featureNumber1 == first && link.m_featureNumber2 == second;
+  return link.m_featureNumber1 == static_cast<std::uint32_t>(first) &&
+         link.m_featureNumber2 == static_cast<std::uint32_t>(second);
 }
 
 }  // namespace
@@ -34,8 +36,9 @@ bool CKespLinkList::RemoveLink(unsigned long a, unsigned long b) {
 }
 
 bool CKespLinkList::RemoveLink(unsigned long feature) noexcept {
-  std::erase_if(m_links, [feature](const CKespFeatureLink* link) {
-    return link->m_featureNumber1 == feature || link->m_featureNumber2 == feature;
+  const auto number = static_cast<std::uint32_t>(feature);
+  std::erase_if(m_links, [number](const CKespFeatureLink* link) {
+    return link->m_featureNumber1 == number || link->m_featureNumber2 == number;
   });
   return true;
 }

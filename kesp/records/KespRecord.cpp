@@ -2,11 +2,20 @@
 
 #include <bit>
 
+#include "kesp/platform/Exception.h"
+#include "kesp/platform/ObjectPool.h"
+
 namespace {
 
 std::uint32_t Low32(unsigned long value) { return static_cast<std::uint32_t>(value); }
 
 }  // namespace
+
+void* CKespRecord::operator new(std::size_t size) { return kesp::PoolAllocate(size); }
+
+void CKespRecord::operator delete(void* record, std::size_t size) noexcept {
+  if (record != nullptr) kesp::PoolFree(record, size);
+}
 
 bool CKespRecord::IsSameKespRecord(CKespRecord* /*other*/) { return false; }
 
@@ -22,7 +31,7 @@ void CKespRecord::ClearDelete() noexcept {
   m_flags = Low32(FilterSourceFlagsForZelk(RestoreHistoricalFlags(m_flags)));
 }
 
-void CKespRecord::SetSourceFlag(unsigned long flag) noexcept {
+void CKespRecord::ApplySourceFlag(unsigned long flag) noexcept {
   m_flags = Low32(RestoreHistoricalFlags(m_flags)) | Low32(flag);
   m_flags = Low32(FilterSourceFlagsForZelk(m_flags));
 }

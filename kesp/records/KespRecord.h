@@ -9,6 +9,7 @@
 // Errors: Read answers false and leaves its reason in m_error, or leaves 0 there when the class refuses the version
 // or the file object failed; Write answers false. Neither raises, except the version-1 body of a feature.
 #pragma once
+#include <cstddef>
 #include <cstdint>
 
 #include "kesp/platform/Export.h"
@@ -55,6 +56,12 @@ class KESP_EXPORT CKespRecord {
   CKespRecord& operator=(const CKespRecord& other) noexcept = default;
   virtual ~CKespRecord() = default;
 
+  // Records come out of a pool of the library's; plain new and delete go on working for every class derived from this.
+  static void* operator new(std::size_t size);
+  static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
+  static void operator delete(void* record, std::size_t size) noexcept;
+  static void operator delete(void* /*record*/, void* /*place*/) noexcept {}
+
   // Body length in bytes that Write produces for a record version; 0 stands for the record's own, here and below.
   virtual unsigned long GetLength(unsigned short version) = 0;
   // Reads the body at the file's position in the layout of m_recordVersion.
@@ -75,7 +82,9 @@ class KESP_EXPORT CKespRecord {
   void SetDelete() noexcept;
   void ClearDelete() noexcept;
   // Adds the mark of an operation (0, 2, 4 or 8) or of a host, and reduces the flag word to its canonical form.
-  void SetSourceFlag(unsigned long flag) noexcept;
+  void SetSourceFlag(unsigned long flag) noexcept {
+    if (m_flags != 0 || static_cast<std::uint32_t>(flag) != 0) ApplySourceFlag(flag);  // mostly there is none
+  }
   KESP_ERROR_TYPE GetError() const noexcept { return m_error; }
 
   KESP_RECORD_TYPE m_recordType = KESP_RECORD_NONE;
@@ -95,4 +104,7 @@ class KESP_EXPORT CKespRecord {
   unsigned long RestoreHistoricalFlags(unsigned long flags) const noexcept;
   // The canonical combination of a flag word.
   unsigned long FilterSourceFlagsForZelk(unsigned long flags) const noexcept;
+
+ private:
+  void ApplySourceFlag(unsigned long flag) noexcept;
 };

@@ -77,13 +77,13 @@ BlockParts PartsOf(const CKespTag& tag) {
   BlockParts parts;
   if (tag.m_pData == nullptr || tag.m_dataLength < 4) return parts;
   const std::span<const std::byte> rest(Bytes(tag.m_pData) + 4, tag.m_dataLength - 4);
-  const std::uint32_t nameBytes = kesp::LoadLittle<std::uint32_t>(Bytes(tag.m_pData));
+  const auto nameBytes = kesp::LoadLittle<std::uint32_t>(Bytes(tag.m_pData));
   if (nameBytes > rest.size()) return parts;
   parts.hasName = true;
   parts.name = rest.first(nameBytes);
   const std::span<const std::byte> behind = rest.subspan(nameBytes);
   if (behind.size() < 4) return parts;
-  const std::uint32_t payloadLength = kesp::LoadLittle<std::uint32_t>(behind.data());
+  const auto payloadLength = kesp::LoadLittle<std::uint32_t>(behind.data());
   if (payloadLength > behind.size() - 4) return parts;
   parts.hasPayload = true;
   parts.payload = behind.subspan(4, payloadLength);
@@ -111,13 +111,13 @@ bool GetNarrow(Get get, Narrow&... out) {
 
 }  // namespace
 
-CKespTag::CKespTag(const CKespTag& other) : CKespRecord() {
+CKespTag::CKespTag(const CKespTag& other) : CKespRecord(other) {
   Init();
   Set(other);
 }
 
 CKespTag& CKespTag::operator=(const CKespTag& other) {
-  Set(other);
+  if (this != &other) Set(other);
   return *this;
 }
 
@@ -418,8 +418,8 @@ bool CKespTag::Read(CFile& file) {
   m_error = KESP_ERROR_NONE;
   try {
     const auto endOfFile = [&] {
-      file.SeekToEnd();
       m_error = KESP_ERROR_EOF;
+      file.SeekToEnd();
       return CFileException(CFileException::endOfFile, file.GetFilePath());
     };
     const std::span<const std::byte> fixed = file.ReadView(kFixedPart);

@@ -67,7 +67,7 @@ constexpr auto kVersion2 = [](auto& v, auto& h) {
 
 }  // namespace
 
-CKespTavoHeader::CKespTavoHeader() : CKespRecord(KESP_RECORD_HEADER, 2), KespVersion(2) { Init(); }
+CKespTavoHeader::CKespTavoHeader() : CKespRecord(KESP_RECORD_HEADER, 2) { Init(); }
 
 void CKespTavoHeader::Init() {
   StatusFlags = 0;

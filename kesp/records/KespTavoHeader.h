@@ -35,10 +35,10 @@ class KESP_EXPORT CKespTavoHeader : public CKespRecord {
   CString HeaderText3;         // 255
   CString HeaderText4;         // 255
   std::uint16_t HeaderShort;
-  CString HeaderText6;        // 255; version 2 only, like all that follows but HeaderText5
-  CString HeaderText7;        // 255
-  std::uint32_t KespVersion;  // of the file: 1, 2 or 3
-  double ExtentMinX;          // the extent given by the host
+  CString HeaderText6;            // 255; version 2 only, like all that follows but HeaderText5
+  CString HeaderText7;            // 255
+  std::uint32_t KespVersion = 2;  // of the file: 1, 2 or 3
+  double ExtentMinX;              // the extent given by the host
   double ExtentMaxX;
   double ExtentMinY;
   double ExtentMaxY;

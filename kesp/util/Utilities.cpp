@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -11,20 +10,13 @@
 
 #include "kesp/platform/MessageHook.h"
 #include "kesp/platform/SystemCalls.h"
+#include "kesp/util/NumberText.h"
 #include "kesp/util/SplitPath.h"
 #include "kesp/util/StringTable.h"
 
 std::int32_t FixedNotationMaxLength = 20;
 
 namespace {
-
-std::string Digits(double value, std::chars_format format, int precision) {
-  // Fixed notation: up to 309 digits before the point, a sign, the point.
-  std::string text(static_cast<std::size_t>(precision) + 330, '\0');
-  const auto result = std::to_chars(text.data(), text.data() + text.size(), value, format, precision);
-  text.resize(static_cast<std::size_t>(result.ptr - text.data()));
-  return text;
-}
 
 // "e+17" becomes "e+017".
 void WidenExponent(std::string& text) {
@@ -51,7 +43,7 @@ std::string Grouped(const std::string& text) {
 template <class Unit>
 void ToChar8(char* destination, const Unit* source, unsigned int length) {
   for (unsigned int i = 0; i < length; ++i) {
-    const auto character = static_cast<std::uint32_t>(source[i]);
+    const auto character = static_cast<std::make_unsigned_t<Unit>>(source[i]);
     if (character > 0xFF) break;
     destination[i] = static_cast<char>(static_cast<unsigned char>(character));
     if (character == 0) break;
@@ -73,7 +65,7 @@ constexpr double kSecondsPerDay = 86400;
 
 }  // namespace
 
-bool FileExists(CString path) {
+bool FileExists(CString path) {  // NOLINT(performance-unnecessary-value-param): by value, as hosts link to it
   struct stat info {};
   return kesp::System().Stat(path.ToPathBytes().c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
 }
@@ -87,9 +79,9 @@ CString GetStringRes(int id) {
 
 CString FormatDouble(double value, int precision, bool noGrouping) {
   const int decimals = precision < 0 ? 6 : precision;
-  std::string text = Digits(value, std::chars_format::fixed, decimals);
+  std::string text = kesp::FixedNotation(value, decimals);
   if (static_cast<std::int64_t>(text.size()) > FixedNotationMaxLength) {
-    text = Digits(value, std::chars_format::scientific, decimals);
+    text = kesp::ExponentNotation(value, decimals);
     WidenExponent(text);
   } else if (!noGrouping) {
     text = Grouped(text);

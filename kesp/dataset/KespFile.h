@@ -1,0 +1,285 @@
+// The data set: one whole Kesp data file in memory, indexed, answered, edited and written back.
+//
+//   CKespFile survey;
+//   CString message;
+//   if (survey.OpenKesp(L"survey.kesp", message) != ERR_NONE || survey.ReadKespFile(false) != ERR_NONE) ...
+//   int count = 0;
+//   ErrorEnum error = ERR_NONE;
+//   const std::unique_ptr<CKespFeature*[]> oaks(survey.GetFeaturesWhereName(LOGIC_EQUAL, L"Oak", count, error));
+//   survey.CloseKesp();
+//
+// Who owns what, and until when it lives. "Cleared" is what ReadKespFile, both ValidateKesp and the destructor begin
+// with.
+//
+//   what                                            deleted by
+//   ----------------------------------------------  ---------------------------------------------------------------
+//   features, notes, tags, headers, feature ends    the data set, when it is cleared. That holds for each record that
+//   that ReadKespFile made                          reading made, also for one that left the indexes since: a feature
+//                                                   whose number a later one took, one that was deleted, a feature
+//                                                   end that a later one replaced.
+//   points, attributes, the end of a feature        their feature; DeletePoint... deletes the one point
+//   links and link lists that reading made          the data set, when it is cleared
+//   what the factories make                         the caller, until it is attached to a feature
+//   what a caller queued                            the caller, who keeps it alive while it stands in the queue; but
+//     a header                                      the data set, when cleared while the header stands in the list
+//     a feature, by AddRecordsToWriteQueue          the data set, when cleared while the feature index holds it
+//   the array that a query answers                  the caller, with delete[]; never what it points to
+//   m_pDataFile, m_pBmcText                         the data set
+//
+// Errors: every operation answers an ErrorEnum. The writers don't look at the answers of single appends and rewrites;
+// m_pDataFile->GetSystemError() tells whether any of them failed since the file was opened. CMemoryException and
+// std::bad_alloc get out, and so does, from whatever reads records, the CFileException of a version-1 feature that is
+// cut short; the data set then holds what it had read by then.
+//
+// One thread at a time.
+#pragma once
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "kesp/dataset/ErrorEnum.h"
+#include "kesp/dataset/KespMap.h"
+#include "kesp/dataset/LogicFlag.h"
+#include "kesp/dataset/RecordList.h"
+#include "kesp/geometry/BoundingBox.h"
+#include "kesp/geometry/Point3D.h"
+#include "kesp/geometry/Rect2D.h"
+#include "kesp/platform/Export.h"
+#include "kesp/platform/String.h"
+#include "kesp/platform/Time.h"
+#include "kesp/recordfile/KespDataFile.h"
+#include "kesp/records/GpsTime.h"
+#include "kesp/records/KespAttribute.h"
+#include "kesp/records/KespFeature.h"
+#include "kesp/records/KespFeatureEnd.h"
+#include "kesp/records/KespFeatureLink.h"
+#include "kesp/records/KespNote.h"
+#include "kesp/records/KespPoint.h"
+#include "kesp/records/KespTag.h"
+#include "kesp/records/KespTavoHeader.h"
+
+class KESP_EXPORT CKespFile {
+ public:
+  CKespFile();
+  ~CKespFile();
+  CKespFile(const CKespFile&) = delete;
+  CKespFile& operator=(const CKespFile&) = delete;
+
+  // --- Opening, reading, closing ---------------------------------------------------------------------------------
+
+  // Opens the file for reading and writing; the store is not touched. A path that is open already, in whatever letter
+  // case, stays open. `message` is a text for a person, empty unless something can be said. A file that the container
+  // refuses is answered with ERR_NONE all the same, and the next operation with ERR_FILE_NOT_OPEN.
+  ErrorEnum OpenKesp(CString path, CString& message);
+  // The same for looking only: no lock, and the file's bytes and times stay as they are, also when it is closed.
+  ErrorEnum OpenKespReadOnly(CString path, CString& message);
+  // Marks the file as cleanly closed, flushes and closes it. The store keeps its content.
+  ErrorEnum CloseKesp();
+  // Clears the store and reads the whole open file into it, with or without the records marked deleted. Points,
+  // attributes and ends whose feature did not come before them are dropped. Point offsets are cleared: a data set
+  // that was read holds none. After ERR_READ_FAILED and ERR_OLD_VERSION the store holds what was read.
+  ErrorEnum ReadKespFile(bool readDeleted);
+  // The file version that the header record on disk names.
+  ErrorEnum GetKespVersion(unsigned long& version);
+  ErrorEnum GetKespVersion(std::uint32_t& version);
+
+  // --- The header record on disk ---------------------------------------------------------------------------------
+
+  // Rewrites the header in place: its texts (HeaderText4, 2, 3, 1, 6, 5 in this order), the extent (minimum and maximum
+  // Y, minimum and maximum X; an invalid one leaves the old), the summary of the data set in memory, and the
+  // clean-close mark. `flag` goes into SlotWord1. A version-1 header takes texts and mark only; its notes "BMC:" and
+  // "ZOM:", where the file has them, take text5 and the extent.
+  // The rewritten body is of record version 2, whose writer stores 2 for the file version also where the content needs
+  // 3: readers of old look for no more there, and this library takes what the content needs from the records.
+  ErrorEnum UpdateKespHeader(CString text1, CString text2, CString text3, CString text4, CString text5, CString text6,
+                             double minY, double maxY, double minX, double maxX, bool flag);
+  // Rewrites the two notes behind a version-1 header that begin with "BMC:" and "ZOM:". Nothing is appended.
+  ErrorEnum UpdateKespHeaderVersion1(CString bmcText, CBoundingBox extent);
+  // Sets or clears the clean-close mark. A version-1 header has none.
+  ErrorEnum SetCleanKespClose(bool clean);
+  // Hands the source flags of attributes, points and "FeatureChanges" tags up to the features in memory.
+  void PropigateSourceCtrlFlagsToFeatures();
+  // The flag word of a feature; 0xFFFFFFFF when there is none of that number.
+  unsigned long GetSrcCtrlFlagsForFeat(unsigned long featureNumber) const;
+
+  // --- Deleting and validating -----------------------------------------------------------------------------------
+
+  // Takes the feature out of the index and marks its points and attributes deleted, in memory and on disk. The feature
+  // itself and its end are marked in memory only. Nothing is deleted in the sense of memory. Always ERR_NONE.
+  ErrorEnum DeleteFeatureAndAssociatedRec(CKespFeature* feature);
+  // Marks the record deleted in memory. Always ERR_NONE.
+  ErrorEnum DeleteRecord(CKespRecord* record);
+  // Whether the file can be read and each of its features has a point. Reads it into the store. The first form opens
+  // and closes the file unless it is open, and never writes `message`.
+  ErrorEnum ValidateKesp(CString path, CString& message);
+  ErrorEnum ValidateKesp();
+
+  // --- Making records --------------------------------------------------------------------------------------------
+  // What is made is the caller's. Numbers are the caller's business: nothing checks or reserves them.
+
+  CKespFeature* CreateFeature(CString name, KESP_FEATURE_TYPE type, unsigned long featureNumber);  // symbol index 34
+  CKespPoint* CreatePoint(unsigned long pointNumber, CString text, std::int32_t time, double coordY, double coordX,
+                          double coordZ, unsigned long featureNumber);
+  CKespNote* CreateNote(CString text);
+  CKespFeatureEnd* CreateFeatureEnd(unsigned long featureNumber);
+  CKespAttribute* CreateStringAttribute(CString name, unsigned long featureNumber, CString value);
+  CKespAttribute* CreateMenuAttribute(CString name, unsigned long featureNumber, CString value);
+  // The last two numbers are taken and dropped, here and for dates: only the value has a place.
+  CKespAttribute* CreateNumericAttribute(CString name, unsigned long featureNumber, double value, double second,
+                                         double third);
+  CKespAttribute* CreateDateAttribute(CString name, unsigned long featureNumber, double date, double second,
+                                      double third);
+  CKespTag* CreateTag(CString name, unsigned long featureNumber, unsigned long pointNumber, unsigned long timeFirstPart,
+                      unsigned long timeSecondPart);       // GPS mark
+  CKespTag* CreateTag(unsigned long color, CString name);  // colour, like the next two
+  CKespTag* CreateTag(CString name, unsigned long color);
+  CKespTag* CreateTag(CString name, std::uint32_t color);
+  CKespTag* CreateTag(CString name, CRect2D rect);
+  CKespTag* CreateTag(CString name, CPoint3D point);
+  CKespTag* CreateTag(CString name, CString value);
+  CKespTag* CreateTag(CString name, double value);
+  CKespTag* CreateTag(CString name, int value);
+  CKespTag* CreateTagGps(unsigned long number, unsigned long value1, unsigned long value2, unsigned long value3,
+                         unsigned long value4);  // quality mark; the values become floats
+  CKespTag* CreateTagGpsEx(unsigned long number, float value1, float value2, float value3, float value4, int integer);
+  CKespTag* CreateTagFeatureLink(unsigned long featureNumber1, unsigned long qualifier1, unsigned long featureNumber2,
+                                 unsigned long qualifier2, unsigned long linkValue);
+  CKespTag* CreateTagBlob(CString name, const void* data, int length);
+
+  // Always ERR_NONE. The feature must not be null.
+  ErrorEnum AddGpsInfoToPoint(CKespPoint& point, double value, int number, KESP_SIGNAL_STATUS status);
+  ErrorEnum AddOffsetToPoint(CKespPoint& point, double first, double second);
+  ErrorEnum AddDisplayInfoToFeature(CKespFeature* feature, unsigned long color, unsigned short symbolIndex,
+                                    unsigned short displayWord1, unsigned short displayWord2, CString displayText);
+
+  // --- The write queue -------------------------------------------------------------------------------------------
+  // The queue is m_recordList: what was read from a file stands in it, and what is queued goes behind.
+
+  ErrorEnum AddTavoHeaderToWriteQueue(CKespTavoHeader* header);
+  ErrorEnum AddFeatureEndToWriteQueue(CKespFeatureEnd* end);
+  ErrorEnum AddTagToWriteQueue(CKespTag* tag);
+  ErrorEnum AddNoteToWriteQueue(CKespNote* note);
+  ErrorEnum AddFeatureRecOnlyToWriteQueue(CKespFeature* feature);
+  // The feature, its attributes, its points, its end.
+  ErrorEnum AddFeatureAndAssociatedRecToWriteQueue(CKespFeature* feature);
+  ErrorEnum AddFeaturesToWriteQueue(CKespFeature** features, int count);  // a null one is passed over
+  // Also enters points and features into their indexes and counts the points. Headers and points are not entered as
+  // features: they have no feature number of their own to stand under, and would be deleted twice.
+  ErrorEnum AddRecordsToWriteQueue(CKespRecord** records, int count);
+  ErrorEnum ClearQueueWithoutWriting();
+  // Write all that is queued to a new file of file version 3, 2 or 1, which then is the data set's open file; the one
+  // that was open is closed as it stands. For versions 1 and 2 the record versions of the queued records must have been
+  // set to fit (CKespRecord::GetRecordVersionFromKespVersion): nothing is converted.
+  ErrorEnum WriteNewKespFileFromQueue(CString path);
+  ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
+  ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);
+  // Appends all that is queued to the file, which is opened if no file is.
+  ErrorEnum AppendToKespFileFromQueue(CString path);
+
+  // --- Queries ---------------------------------------------------------------------------------------------------
+  // Each answers an array, empty but never null, in the order of the record list, writes the number of entries and
+  // ERR_NONE or ERR_NOT_FOUND.
+
+  CKespRecord** GetRecordsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
+  CKespFeature** GetFeaturesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
+  CKespPoint** GetPointsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
+  CKespAttribute** GetAttributesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
+  CKespNote** GetNotesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
+  CKespTag** GetTagsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
+  // Types are compared by their names: all types but 1 to 3 have the empty name and are one.
+  CKespFeature** GetFeaturesWhereType(LogicFlag logic, KESP_FEATURE_TYPE type, int& count, ErrorEnum& error);
+  CKespFeature** GetFeaturesWhereName(LogicFlag logic, CString name, int& count, ErrorEnum& error);
+  // By the first attribute of that name (ignoring case): its Value, or its TextValue. Features without it are left out.
+  CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, double value, int& count,
+                                           ErrorEnum& error);
+  CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, CString text, int& count,
+                                           ErrorEnum& error);
+  CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, int value, int& count,
+                                           ErrorEnum& error) {
+    return GetFeaturesWhereAttribute(std::move(attribute), logic, static_cast<double>(value), count, error);
+  }
+  // The same over an array of the caller's.
+  CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount, CString attribute,
+                                                       LogicFlag logic, double value, int& count, ErrorEnum& error);
+  CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount, CString attribute,
+                                                       LogicFlag logic, CString text, int& count, ErrorEnum& error);
+  CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount, CString attribute,
+                                                       LogicFlag logic, int value, int& count, ErrorEnum& error) {
+    return GetFeaturesFromFeaturesWhereAttribute(features, featureCount, std::move(attribute), logic,
+                                                 static_cast<double>(value), count, error);
+  }
+  // Both arrays one behind the other, in a new one. The two stay the caller's.
+  CKespFeature** JoinTwoArrays(CKespFeature** first, int firstCount, CKespFeature** second, int secondCount,
+                               int& count);
+  // The string tags of that name, ignoring case. Reads the open file first if the record list is empty.
+  CKespTag** GetStringToStringTags(CString name, int& count);
+  // By number. They want an open file.
+  ErrorEnum GetPoint(unsigned long pointNumber, CKespPoint*& point);
+  ErrorEnum GetFeature(unsigned long featureNumber, CKespFeature*& feature);
+  // Of the features in the index. Without points the first time is 10000 days ahead and the last is local time
+  // 2 January 1970, 01:01:01. Among points of the same last time the first in the index's order gives the text.
+  ErrorEnum GetKespDataSummary(unsigned long& numPoints, unsigned long& numFeatures, CBoundingBox& extent,
+                               CTime& firstTime, CTime& lastTime, CString& lastPointText);
+  ErrorEnum GetKespDataSummary(std::uint32_t& numPoints, std::uint32_t& numFeatures, CBoundingBox& extent,
+                               CTime& firstTime, CTime& lastTime, CString& lastPointText);
+
+  // --- The store -------------------------------------------------------------------------------------------------
+
+  kesp::RecordList m_recordList;                                  // in file order, then what was queued
+  kesp::KespMap<std::uint32_t, CKespFeature*> m_featureIndex;     // by feature number
+  kesp::KespMap<std::uint32_t, CKespPoint*> m_pointIndex;         // by point number
+  kesp::KespMap<std::uint32_t, CKespTag*> m_qualityMarkIndex;     // (extended) quality marks by their number
+  kesp::KespMap<std::uint32_t, CKespTag*> m_featureChangesIndex;  // flags named "FeatureChanges" by feature number
+  std::vector<CKespTag*> m_tagList;                               // in file order
+  std::vector<CKespFeatureLink*> m_featureLinks;                  // in file order
+  kesp::KespMap<CGPSTime, CKespFeaturePtPair> m_gpsMarkIndex;     // which point was taken at a GPS time
+  kesp::KespMap<std::uint32_t, CKespLinkList*> m_linkListIndex;   // the links that touch a feature
+  CKespDataFile* m_pDataFile;                                     // the container
+  CTime m_firstPointTime;
+  CTime m_lastPointTime;
+  CBoundingBox m_extent;            // from the header, or from a version-1 extent note
+  std::uint32_t m_numPoints = 0;    // in all features; 0 when not counted
+  std::uint32_t m_kespVersion = 0;  // file version that the content needs
+  CString* m_pBmcText = nullptr;    // text of a version-1 "BMC:" note
+
+ private:
+  void ClearStorage();
+  bool ProcessTag(CKespTag* tag);
+  bool AddFeatureLink(const CKespFeatureLink& link);
+  bool ReadKespHeaderVersion1(CKespRecord** next);
+  ErrorEnum CheckTavoFileIntegrity();
+  ErrorEnum CheckFileOpenIfClosed(bool& wasOpen, CString path);
+  CKespFeature* GetKespFeature(CKespPoint* point) const;
+  std::uint32_t GetNumberOfPoints();
+  void DeletePoint(CKespPoint* point);
+  int DeletePointInFeature(CKespPoint* point, CKespFeature* feature);
+  friend struct CKespFileTestAccess;
+
+  ErrorEnum OpenWith(const CString& path, CString& message, bool readOnly);
+  bool IsFileOpen() const noexcept { return m_pDataFile != nullptr && m_pDataFile->IsOpen(); }
+  // What the reader keeps in mind from record to record.
+  struct Reading {
+    CKespFeature* lastFeature = nullptr;   // records of one feature follow one another
+    std::vector<CKespFeature*> withMarks;  // features that have, or own what has, a flag word other than 0
+  };
+  // Files one record that was read, and answers whether it is kept.
+  bool FileRecord(CKespRecord* record, Reading& reading);
+  void HandUpFlags(Reading& reading);
+  void HandUpFlags(CKespFeature& feature);
+  void HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& feature);
+  void TakeExtentNote(const CString& numbers);
+  void MarkDeletedOnDisk(CKespRecord& record);
+  void RemovePointFromStore(CKespPoint* point, CKespFeature& feature, int index);
+  ErrorEnum Queue(CKespRecord* record);
+  using Appender = bool (CKespDataFile::*)(CKespRecord*, unsigned long);
+  ErrorEnum WriteNew(const CString& path, std::uint16_t version, Appender append);
+
+  // What reading made and no feature owns, to be deleted when cleared; the features apart, since the index has them
+  // too.
+  std::vector<CKespFeature*> m_ownFeatures;
+  std::vector<CKespRecord*> m_ownRecords;
+  std::vector<CKespTavoHeader*> m_queuedHeaders;
+  std::deque<CKespFeatureLink> m_ownLinks;
+  std::deque<CKespLinkList> m_ownLinkLists;
+};

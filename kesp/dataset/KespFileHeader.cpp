@@ -1,0 +1,128 @@
+// Keeping the header record true on disk, and handing source flags up to the features.
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "kesp/dataset/KespFile.h"
+#include "kesp/util/NumberText.h"
+
+namespace {
+
+// The children's deletion state is their own.
+constexpr std::uint32_t kDeletionState = KESP_FLAG_DELETED | KESP_SRC_DELETED | KESP_SRC_RESTORED;
+
+template <class Records>
+void HandUp(const Records& records, CKespFeature& feature) {
+  for (const auto& record : records) {
+    if (record) feature.SetSourceFlag(record->m_flags & ~kDeletionState);
+  }
+}
+
+CString Fixed8(double value) { return CString::FromLatin1(kesp::FixedNotation(value, 8)); }
+
+}  // namespace
+
+ErrorEnum CKespFile::UpdateKespHeader(CString text1, CString text2, CString text3, CString text4, CString text5,
+                                      CString text6, double minY, double maxY, double minX, double maxX, bool flag) {
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
+  if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
+  const CBoundingBox box(minX, maxX, minY, maxY);
+  const std::unique_ptr<CKespRecord> first(m_pDataFile->ReadNextRecord(true));
+  if (!first || first->m_recordType != KESP_RECORD_HEADER) return ERR_READ_FAILED;
+  auto& header = static_cast<CKespTavoHeader&>(*first);
+
+  header.HeaderText4 = text1;
+  header.HeaderText2 = text2;
+  header.HeaderText3 = text3;
+  header.HeaderText1 = text4;
+  header.HeaderText6 = text5;
+  header.HeaderText5 = text6;
+  if (header.m_recordVersion > 1) {
+    if (box.IsValid()) box.Get(header.ExtentMinX, header.ExtentMaxX, header.ExtentMinY, header.ExtentMaxY);
+    CBoundingBox dataExtent;
+    CTime firstTime;
+    CTime lastTime;
+    GetKespDataSummary(header.PointCount, header.FeatureCount, dataExtent, firstTime, lastTime, header.LastPointText);
+    header.FirstPointTime = static_cast<std::uint32_t>(firstTime.GetTime());
+    header.LastPointTime = static_cast<std::uint32_t>(lastTime.GetTime());
+    dataExtent.Get(header.DataExtent1, header.DataExtent2, header.DataExtent3, header.DataExtent4);
+    header.KespVersion = m_kespVersion;
+    header.SlotWord1 = flag ? 1 : 0;
+  }
+  header.SetCleanClose(true);
+  (void)(m_pDataFile->SeekToFirstRecord() && m_pDataFile->OverwriteRecord(&header, KESP_SRC_MODIFIED));
+  if (header.m_recordVersion == 1) (void)UpdateKespHeaderVersion1(text5, box);
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::UpdateKespHeaderVersion1(CString bmcText, CBoundingBox extent) {
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  // Found among the stored notes by its first four characters.
+  CKespNote note;
+  note.NoteText = u"BMC:" + bmcText;
+  (void)m_pDataFile->UpdateRecord(&note, KESP_SRC_MODIFIED, false);
+  if (extent.IsValid()) {
+    CKespNote zom;
+    zom.NoteText = u"ZOM:" + Fixed8(extent.MinX()) + u"," + Fixed8(extent.MaxX()) + u"," + Fixed8(extent.MinY()) +
+                   u"," + Fixed8(extent.MaxY());
+    (void)m_pDataFile->UpdateRecord(&zom, KESP_SRC_MODIFIED, false);
+  }
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::SetCleanKespClose(bool clean) {
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  // A closed file counts as one that can't be positioned.
+  if (!m_pDataFile->IsOpen() || !m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
+  const std::unique_ptr<CKespRecord> first(m_pDataFile->ReadNextRecord(true));
+  if (!first || first->m_recordType != KESP_RECORD_HEADER || first->m_recordVersion <= 1) return ERR_NONE;
+  static_cast<CKespTavoHeader&>(*first).SetCleanClose(clean);
+  (void)(m_pDataFile->SeekToFirstRecord() && m_pDataFile->OverwriteRecord(first.get(), KESP_SRC_MODIFIED));
+  return ERR_NONE;
+}
+
+void CKespFile::PropigateSourceCtrlFlagsToFeatures() {
+  for (const auto& entry : m_featureIndex) HandUpChangesFlag(entry.key, *entry.value);
+  for (const auto& entry : m_featureIndex) HandUpFlags(*entry.value);
+}
+
+// The same for what was just read, leaving alone the features in which every flag word is 0: they stay so.
+void CKespFile::HandUpFlags(Reading& reading) {
+  for (const auto& entry : m_featureChangesIndex) {
+    CKespFeature* feature = nullptr;
+    if (!m_featureIndex.Lookup(entry.key, feature)) continue;
+    HandUpChangesFlag(entry.key, *feature);
+    reading.withMarks.push_back(feature);
+  }
+  std::vector<CKespFeature*>& features = reading.withMarks;
+  std::sort(features.begin(), features.end());
+  features.erase(std::unique(features.begin(), features.end()), features.end());
+  for (CKespFeature* feature : features) {
+    // Not the features whose number a later one took.
+    CKespFeature* indexed = nullptr;
+    if (m_featureIndex.Lookup(feature->FeatureNumber, indexed) && indexed == feature) HandUpFlags(*feature);
+  }
+}
+
+void CKespFile::HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& feature) {
+  CKespTag* tag = nullptr;
+  if (!m_featureChangesIndex.Lookup(featureNumber, tag)) return;
+  std::uint32_t number = 0;
+  std::uint32_t flags = 0;
+  CString name;
+  (void)tag->GetNamedFlag(number, flags, name);
+  feature.SetSourceFlag(flags);
+}
+
+// One by one: restoring and filtering between two marks is not the same as adding both.
+void CKespFile::HandUpFlags(CKespFeature& feature) {
+  HandUp(feature.m_attributeList, feature);
+  HandUp(feature.m_pointList, feature);
+  feature.SetSourceFlag(0);
+}
+
+unsigned long CKespFile::GetSrcCtrlFlagsForFeat(unsigned long featureNumber) const {
+  CKespFeature* feature = nullptr;
+  return m_featureIndex.Lookup(static_cast<std::uint32_t>(featureNumber), feature) ? feature->m_flags : 0xFFFFFFFF;
+}

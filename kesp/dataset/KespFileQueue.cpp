@@ -1,0 +1,111 @@
+// The write queue, and writing it to files.
+#include <sys/stat.h>
+
+#include "kesp/dataset/KespFile.h"
+#include "kesp/platform/SystemCalls.h"
+#include "kesp/util/Utilities.h"
+
+namespace {
+
+// Whatever it is: a directory is in the way of a new file too.
+bool SomethingExists(const CString& path) {
+  struct stat info {};
+  return kesp::System().Stat(path.ToPathBytes().c_str(), &info) == 0;
+}
+
+}  // namespace
+
+ErrorEnum CKespFile::Queue(CKespRecord* record) {
+  m_recordList.AddTail(record);
+  if (record != nullptr && record->m_recordType == KESP_RECORD_HEADER) {
+    if (auto* const header = dynamic_cast<CKespTavoHeader*>(record)) m_queuedHeaders.push_back(header);
+  }
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::AddTavoHeaderToWriteQueue(CKespTavoHeader* header) { return Queue(header); }
+ErrorEnum CKespFile::AddFeatureEndToWriteQueue(CKespFeatureEnd* end) { return Queue(end); }
+ErrorEnum CKespFile::AddTagToWriteQueue(CKespTag* tag) { return Queue(tag); }
+ErrorEnum CKespFile::AddNoteToWriteQueue(CKespNote* note) { return Queue(note); }
+ErrorEnum CKespFile::AddFeatureRecOnlyToWriteQueue(CKespFeature* feature) { return Queue(feature); }
+
+ErrorEnum CKespFile::AddFeatureAndAssociatedRecToWriteQueue(CKespFeature* feature) {
+  if (feature == nullptr) return ERR_BAD_FEATURE;
+  Queue(feature);
+  for (const auto& attribute : feature->m_attributeList) Queue(attribute.get());
+  for (const auto& point : feature->m_pointList) Queue(point.get());
+  if (CKespFeatureEnd* const end = feature->GetFeatureEnd()) Queue(end);
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::AddFeaturesToWriteQueue(CKespFeature** features, int count) {
+  try {
+    for (int i = 0; i < count; ++i) (void)AddFeatureAndAssociatedRecToWriteQueue(features[i]);
+    return ERR_NONE;
+  } catch (...) {
+    return ERR_QUEUE_FAILED;
+  }
+}
+
+ErrorEnum CKespFile::AddRecordsToWriteQueue(CKespRecord** records, int count) {
+  try {
+    for (int i = 0; i < count; ++i) {
+      CKespRecord* const record = records[i];
+      Queue(record);
+      if (record == nullptr) continue;
+      if (record->m_recordType == KESP_RECORD_POINT) {
+        ++m_numPoints;
+        auto* const point = dynamic_cast<CKespPoint*>(record);
+        if (point != nullptr) m_pointIndex.SetAt(point->PointNumber, point);
+      } else if (record->m_recordType == KESP_RECORD_FEATURE) {
+        auto* const feature = dynamic_cast<CKespFeature*>(record);
+        if (feature != nullptr) m_featureIndex.SetAt(feature->FeatureNumber, feature);
+      }
+    }
+    return ERR_NONE;
+  } catch (...) {
+    return ERR_QUEUE_FAILED;
+  }
+}
+
+ErrorEnum CKespFile::ClearQueueWithoutWriting() {
+  m_recordList.RemoveAll();
+  m_queuedHeaders.clear();  // they are their callers' again
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::WriteNewKespFileFromQueue(CString path) { return WriteNew(path, 3, &CKespDataFile::AppendRecord); }
+
+ErrorEnum CKespFile::WriteNewKespFileFromQueueVersion2(CString path) {
+  return WriteNew(path, 2, &CKespDataFile::AppendRecordVersion2);
+}
+
+ErrorEnum CKespFile::WriteNewKespFileFromQueueVersion1(CString path) {
+  return WriteNew(path, 1, &CKespDataFile::AppendRecordVersion1);
+}
+
+ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Appender append) {
+  if (SomethingExists(path)) return ERR_FILE_EXISTS;
+  if (m_pDataFile != nullptr) {
+    (void)m_pDataFile->Close();
+    delete m_pDataFile;
+    m_pDataFile = nullptr;
+  }
+  m_pDataFile = new CKespDataFile;
+  m_pDataFile->m_version = version;
+  // A failure shows in the next step, which then opens what there is.
+  (void)m_pDataFile->Create(path);
+  bool wasOpen = false;
+  const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
+  if (opened != ERR_NONE) return opened;
+  for (CKespRecord* record : m_recordList) (void)(m_pDataFile->*append)(record, 0);
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::AppendToKespFileFromQueue(CString path) {
+  bool wasOpen = false;
+  const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
+  if (opened != ERR_NONE) return opened;
+  for (CKespRecord* record : m_recordList) (void)m_pDataFile->AppendRecord(record, KESP_SRC_ADDED);
+  return ERR_NONE;
+}

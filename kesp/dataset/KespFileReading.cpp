@@ -1,0 +1,378 @@
+// The store: opening, closing, clearing, and reading a whole file into it.
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <new>
+
+#include "kesp/dataset/KespFile.h"
+#include "kesp/util/NumberText.h"
+#include "kesp/util/Utilities.h"
+
+namespace {
+
+constexpr double kSmallestExtent = 1e-7;  // sides of an extent that is taken over are longer than this
+constexpr int kMessageLimit = 255;        // characters of a system message that are handed on
+constexpr int kNoteTagLength = 4;
+constexpr std::u16string_view kBmcTag = u"BMC:";
+constexpr std::u16string_view kZomTag = u"ZOM:";
+
+// The note of a record that is one and begins with the tag; null otherwise.
+const CKespNote* AsTaggedNote(const CKespRecord* record, std::u16string_view tag) {
+  if (record->m_recordType != KESP_RECORD_NOTE) return nullptr;
+  const auto* const note = static_cast<const CKespNote*>(record);
+  return note->NoteText.View().substr(0, kNoteTagLength) == tag ? note : nullptr;
+}
+
+}  // namespace
+
+CKespFile::CKespFile() : m_pDataFile(new CKespDataFile) {}
+
+CKespFile::~CKespFile() {
+  ClearStorage();
+  delete m_pDataFile;
+  delete m_pBmcText;
+}
+
+void CKespFile::ClearStorage() {
+  m_numPoints = 0;
+  m_firstPointTime = CTime::GetCurrentTime();
+  m_lastPointTime = CTime();
+  m_extent.Invalidate();
+  m_kespVersion = 0;
+  delete m_pBmcText;
+  m_pBmcText = nullptr;
+  m_pBmcText = new CString;
+
+  // Features that callers entered into the index, and headers that they queued, go with what reading made. Each object
+  // is deleted once however often it was entered.
+  std::sort(m_ownFeatures.begin(), m_ownFeatures.end());
+  std::vector<CKespRecord*> entered;
+  for (const auto& entry : m_featureIndex) {
+    if (!std::binary_search(m_ownFeatures.begin(), m_ownFeatures.end(), entry.value)) entered.push_back(entry.value);
+  }
+  if (!m_queuedHeaders.empty()) {
+    std::sort(m_ownRecords.begin(), m_ownRecords.end());
+    for (CKespTavoHeader* header : m_queuedHeaders) {
+      if (!std::binary_search(m_ownRecords.begin(), m_ownRecords.end(), header)) entered.push_back(header);
+    }
+  }
+  std::sort(entered.begin(), entered.end());
+  entered.erase(std::unique(entered.begin(), entered.end()), entered.end());
+
+  for (CKespRecord* record : entered) delete record;
+  for (CKespFeature* feature : m_ownFeatures) delete feature;
+  for (CKespRecord* record : m_ownRecords) delete record;
+  m_ownFeatures = {};
+  m_ownRecords = {};
+  m_queuedHeaders = {};
+  m_featureIndex.RemoveAll();
+  m_pointIndex.RemoveAll();
+  m_qualityMarkIndex.RemoveAll();
+  m_featureChangesIndex.RemoveAll();
+  m_tagList = {};
+  m_recordList.RemoveAll();
+  m_featureLinks = {};
+  m_gpsMarkIndex.RemoveAll();
+  m_linkListIndex.RemoveAll();
+  m_ownLinks.clear();
+  m_ownLinkLists.clear();
+}
+
+ErrorEnum CKespFile::OpenKesp(CString path, CString& message) { return OpenWith(path, message, false); }
+
+ErrorEnum CKespFile::OpenKespReadOnly(CString path, CString& message) { return OpenWith(path, message, true); }
+
+ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOnly) {
+  message.Empty();
+  if (!FileExists(path)) return ERR_FILE_NOT_FOUND;
+  if (m_pDataFile == nullptr) {
+    message = u"Memory allocation failed. Free some memory and try again.";
+    return ERR_MEMORY;
+  }
+  if (m_pDataFile->IsOpen()) {
+    if (m_pDataFile->m_path.CompareNoCase(path) == 0) return ERR_NONE;
+    message = u"Please close the already open file.";
+    return ERR_OTHER_FILE_OPEN;
+  }
+  try {
+    // A file that the container refuses leaves it closed, and the next operation says so.
+    (void)(readOnly ? m_pDataFile->OpenReadOnly(path) : m_pDataFile->Open(path));
+    return ERR_NONE;
+  } catch (const CMemoryException& e) {
+    message = e.GetErrorMessage().Left(kMessageLimit);
+    return ERR_MEMORY;
+  } catch (const std::bad_alloc&) {
+    message = CMemoryException().GetErrorMessage();
+    return ERR_MEMORY;
+  } catch (const CFileException& e) {
+    message = e.GetErrorMessage().Left(kMessageLimit);
+    return ERR_FILE_EXCEPTION;
+  } catch (...) {
+    return ERR_UNKNOWN_EXCEPTION;
+  }
+}
+
+ErrorEnum CKespFile::CloseKesp() {
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  if (!m_pDataFile->IsOpen()) return ERR_NONE;
+  if (m_pDataFile->m_file.IsWritable()) {
+    (void)SetCleanKespClose(true);
+    m_pDataFile->Flush();
+  }
+  (void)m_pDataFile->Close();
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::CheckFileOpenIfClosed(bool& wasOpen, CString path) {
+  wasOpen = false;
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  if (m_pDataFile->IsOpen()) {
+    wasOpen = true;
+    return m_pDataFile->m_path.CompareNoCase(path) == 0 ? ERR_NONE : ERR_OTHER_FILE_OPEN;
+  }
+  CString message;
+  return OpenKesp(path, message);
+}
+
+ErrorEnum CKespFile::GetKespVersion(unsigned long& version) {
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
+  if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
+  const std::unique_ptr<CKespRecord> first(m_pDataFile->ReadNextRecord(true));
+  if (!first || first->m_recordType != KESP_RECORD_HEADER) return ERR_READ_FAILED;
+  version = static_cast<const CKespTavoHeader&>(*first).KespVersion;
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::GetKespVersion(std::uint32_t& version) {
+  unsigned long wide = version;
+  const ErrorEnum result = GetKespVersion(wide);
+  version = static_cast<std::uint32_t>(wide);
+  return result;
+}
+
+ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
+  ClearStorage();
+  if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
+  const bool skipDeleted = !readDeleted;
+
+  std::unique_ptr<CKespRecord> next(m_pDataFile->ReadNextRecord(skipDeleted));
+  if (!next || next->m_recordType != KESP_RECORD_HEADER) return ERR_NO_HEADER;
+  m_ownRecords.push_back(next.get());
+  const auto* const header = static_cast<const CKespTavoHeader*>(next.release());
+  m_recordList.AddTail(m_ownRecords.back());
+  if (std::fabs(header->ExtentMinX - header->ExtentMaxX) > kSmallestExtent &&
+      std::fabs(header->ExtentMinY - header->ExtentMaxY) > kSmallestExtent) {
+    m_extent.Set(header->ExtentMinX, header->ExtentMaxX, header->ExtentMinY, header->ExtentMaxY);
+  }
+  m_kespVersion = header->KespVersion;
+
+  if (header->m_recordVersion == 1) {
+    CKespRecord* behindNotes = nullptr;
+    const bool good = ReadKespHeaderVersion1(&behindNotes);
+    next.reset(behindNotes);
+    if (!good) return ERR_BAD_VERSION1_HEADER;
+  } else {
+    next.reset(m_pDataFile->ReadNextRecord(skipDeleted));
+  }
+  if (!next && m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF) return ERR_NONE;
+
+  Reading reading;
+  // Damage right behind the header reads as a file that ends there; further on it is reported.
+  while (next) {
+    unsigned short needed = 0;
+    if (next->GetMinimumKespVersionFromRecordVersion(needed, 0)) {
+      m_kespVersion = std::max(m_kespVersion, std::uint32_t{needed});
+    }
+    CKespRecord* const record = next.release();
+    if (FileRecord(record, reading)) m_recordList.AddTail(record);
+    next.reset(m_pDataFile->ReadNextRecord(skipDeleted));
+    if (!next && m_pDataFile->GetError() != KESP_ERROR_NORMAL_EOF) return ERR_READ_FAILED;
+  }
+  HandUpFlags(reading);
+  if (m_kespVersion < 2 && !m_featureIndex.IsEmpty()) return ERR_OLD_VERSION;
+  (void)GetNumberOfPoints();
+  return ERR_NONE;
+}
+
+bool CKespFile::FileRecord(CKespRecord* record, Reading& reading) {
+  std::unique_ptr<CKespRecord> own(record);
+  const auto featureOf = [&](std::uint32_t number) {
+    CKespFeature* feature = reading.lastFeature;
+    if (feature != nullptr && feature->FeatureNumber == number) return feature;
+    feature = nullptr;
+    if (m_featureIndex.Lookup(number, feature)) reading.lastFeature = feature;
+    return feature;
+  };
+  const auto noteMarks = [&](CKespFeature* feature) {
+    if (record->m_flags != 0) reading.withMarks.push_back(feature);
+  };
+  switch (record->m_recordType) {
+    case KESP_RECORD_FEATURE: {
+      auto* const feature = static_cast<CKespFeature*>(record);
+      m_ownFeatures.push_back(feature);
+      (void)own.release();
+      m_featureIndex.SetAt(feature->FeatureNumber, feature);
+      reading.lastFeature = feature;
+      noteMarks(feature);
+      return true;
+    }
+    case KESP_RECORD_POINT: {
+      auto* const point = static_cast<CKespPoint*>(record);
+      CKespFeature* const feature = featureOf(point->FeatureNumber);
+      // Only a point that stays is indexed: one that belongs to nothing must not take the place of another.
+      if (feature == nullptr) return false;
+      feature->AddPoint(point);
+      (void)own.release();
+      m_pointIndex.SetAt(point->PointNumber, point);
+      noteMarks(feature);
+      point->Offset1 = 0;
+      point->Offset2 = 0;
+      point->HasOffset = 0;
+      const CTime time(point->PointTime);
+      if (time < m_firstPointTime) m_firstPointTime = time;
+      if (time > m_lastPointTime) m_lastPointTime = time;
+      return true;
+    }
+    case KESP_RECORD_FEATURE_END: {
+      auto* const end = static_cast<CKespFeatureEnd*>(record);
+      CKespFeature* const feature = featureOf(end->FeatureNumber);
+      if (feature == nullptr) return false;
+      if (CKespFeatureEnd* const replaced = feature->GetFeatureEnd()) m_ownRecords.push_back(replaced);
+      feature->SetFeatureEnd(end);
+      (void)own.release();
+      return true;
+    }
+    case KESP_RECORD_ATTRIBUTE: {
+      auto* const attribute = static_cast<CKespAttribute*>(record);
+      CKespFeature* const feature = featureOf(attribute->FeatureNumber);
+      if (feature == nullptr) return false;
+      feature->AddAttribute(attribute);
+      (void)own.release();
+      noteMarks(feature);
+      return true;
+    }
+    case KESP_RECORD_NOTE:
+      m_ownRecords.push_back(record);
+      (void)own.release();
+      return true;
+    case KESP_RECORD_TAG:
+      m_ownRecords.push_back(record);
+      (void)own.release();
+      ProcessTag(static_cast<CKespTag*>(record));
+      m_tagList.push_back(static_cast<CKespTag*>(record));
+      return true;
+    default:
+      return false;  // a second header
+  }
+}
+
+bool CKespFile::ReadKespHeaderVersion1(CKespRecord** next) {
+  *next = nullptr;
+  m_extent.Invalidate();  // an extent in the header itself never counts in such a file
+  const auto read = [this] { return std::unique_ptr<CKespRecord>(m_pDataFile->ReadNextRecord(true)); };
+  const auto cleanEnd = [this] { return m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF; };
+
+  std::unique_ptr<CKespRecord> record = read();
+  if (!record) return cleanEnd();
+  m_pBmcText->Empty();
+  if (const CKespNote* const note = AsTaggedNote(record.get(), kBmcTag)) {
+    *m_pBmcText = note->NoteText.Mid(kNoteTagLength);
+    record = read();
+    if (!record) return cleanEnd();
+  }
+  // Looked for behind the other only: a "BMC:" note behind it is an ordinary one.
+  if (const CKespNote* const note = AsTaggedNote(record.get(), kZomTag)) {
+    TakeExtentNote(note->NoteText.Mid(kNoteTagLength));
+    record = read();
+    if (!record) return cleanEnd();
+  }
+  *next = record.release();
+  return true;
+}
+
+void CKespFile::TakeExtentNote(const CString& numbers) {
+  double values[4] = {0, 0, 0, 0};
+  CString rest = numbers;
+  for (double& value : values) {
+    if (rest.IsEmpty()) break;
+    const int comma = rest.Find(u',');
+    value = kesp::NumberFromText(comma < 0 ? rest.View() : rest.View().substr(0, static_cast<std::size_t>(comma)));
+    rest = comma < 0 ? CString() : rest.Mid(comma + 1);
+  }
+  if (std::fabs(values[0] - values[1]) > kSmallestExtent && std::fabs(values[2] - values[3]) > kSmallestExtent) {
+    m_extent.Set(values[0], values[1], values[2], values[3]);
+  }
+}
+
+bool CKespFile::ProcessTag(CKespTag* tag) {
+  std::uint32_t first = 0;
+  std::uint32_t second = 0;
+  CString name;
+  float unused = 0;
+  switch (tag->GetType()) {
+    case KESP_TAG_GPS_MARK: {
+      std::uint32_t time1 = 0;
+      std::uint32_t time2 = 0;
+      if (tag->GetGPSMark(name, first, second, time1, time2)) {
+        m_gpsMarkIndex.SetAt(CGPSTime(time1, time2), CKespFeaturePtPair(first, second));
+      }
+      break;
+    }
+    case KESP_TAG_QUALITY_MARK:
+      // Entered under 0 when the mark can't be read.
+      (void)tag->GetQualityMark(first, unused, unused, unused, unused);
+      m_qualityMarkIndex.SetAt(first, tag);
+      break;
+    case KESP_TAG_QUALITY_MARK_EX: {
+      int integer = 0;
+      (void)tag->GetQualityMarkEx(first, unused, unused, unused, unused, integer);
+      m_qualityMarkIndex.SetAt(first, tag);
+      break;
+    }
+    case KESP_TAG_FEATURE_LINK: {
+      CKespFeatureLink link;
+      if (tag->GetFeatureLink(link)) AddFeatureLink(link);
+      break;
+    }
+    case KESP_TAG_NAMED_FLAG:
+      (void)tag->GetNamedFlag(first, second, name);
+      if (name.CompareNoCase(u"FeatureChanges") == 0) m_featureChangesIndex.SetAt(first, tag);
+      break;
+    default:
+      break;
+  }
+  return true;
+}
+
+bool CKespFile::AddFeatureLink(const CKespFeatureLink& link) {
+  CKespFeatureLink* const copy = &m_ownLinks.emplace_back(link);
+  m_featureLinks.push_back(copy);
+  // A feature linked to itself has the link in its list twice.
+  for (const std::uint32_t number : {link.m_featureNumber1, link.m_featureNumber2}) {
+    CKespLinkList* list = nullptr;
+    if (!m_linkListIndex.Lookup(number, list)) {
+      list = &m_ownLinkLists.emplace_back();
+      m_linkListIndex.SetAt(number, list);
+    }
+    list->Add(copy);
+  }
+  return true;
+}
+
+ErrorEnum CKespFile::CheckTavoFileIntegrity() {
+  ClearStorage();
+  const ErrorEnum result = ReadKespFile(false);
+  if (result != ERR_NONE) return result;
+  const bool whole = std::all_of(m_featureIndex.begin(), m_featureIndex.end(),
+                                 [](const auto& entry) { return entry.value->GetNumPoints() != 0; });
+  return whole ? ERR_NONE : ERR_BAD_FEATURE;
+}
+
+CKespFeature* CKespFile::GetKespFeature(CKespPoint* point) const {
+  CKespFeature* feature = nullptr;
+  if (point != nullptr) (void)m_featureIndex.Lookup(point->FeatureNumber, feature);
+  return feature;
+}

@@ -1,0 +1,41 @@
+// Memory for records and their texts: many small blocks of few sizes, made and dropped together.
+//
+// Blocks come out of 2 MiB chunks that ask the system for huge pages, since a page touched for the first time costs far
+// more than what is put into it. A chunk holds blocks of one size; the first of each size is
+// small, for those who have little. When a chunk's last block is freed it is kept for the next
+// data set, up to 128 MiB of them, as memory that the system may take back when it wants it; beyond that it is
+// unmapped. Blocks over kLargestPooledBlock bytes come from the ordinary heap, and so does everything in a build for
+// the address sanitizer, which then sees each block's bounds.
+//
+// Any thread may allocate and free. Errors: CMemoryException.
+#pragma once
+#include <cstddef>
+#include <limits>
+
+#include "kesp/platform/Exception.h"
+#include "kesp/platform/Export.h"
+
+namespace kesp {
+
+constexpr std::size_t kLargestPooledBlock = 1024;
+
+KESP_EXPORT void* PoolAllocate(std::size_t size);
+// `size` is what the block was allocated with.
+KESP_EXPORT void PoolFree(void* block, std::size_t size) noexcept;
+
+// For containers whose storage is small as a rule.
+template <class T>
+struct PoolAllocator {
+  using value_type = T;
+  PoolAllocator() noexcept = default;
+  template <class U>
+  PoolAllocator(const PoolAllocator<U>&) noexcept {}
+  T* allocate(std::size_t count) {
+    if (count > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw CMemoryException();
+    return static_cast<T*>(PoolAllocate(count * sizeof(T)));
+  }
+  void deallocate(T* block, std::size_t count) noexcept { PoolFree(block, count * sizeof(T)); }
+  friend bool operator==(const PoolAllocator&, const PoolAllocator&) noexcept { return true; }
+};
+
+}  // namespace kesp

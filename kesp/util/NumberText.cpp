@@ -1,0 +1,44 @@
+#include "kesp/util/NumberText.h"
+
+#include <charconv>
+#include <cmath>
+
+namespace kesp {
+namespace {
+
+std::string Digits(double value, std::chars_format format, int decimals) {
+  // Fixed notation has up to 309 digits before the point, a sign and the point.
+  std::string text(static_cast<std::size_t>(decimals) + 330, '\0');
+  const auto result = std::to_chars(text.data(), text.data() + text.size(), value, format, decimals);
+  text.resize(static_cast<std::size_t>(result.ptr - text.data()));
+  return text;
+}
+
+}  // namespace
+
+std::string FixedNotation(double value, int decimals) { return Digits(value, std::chars_format::fixed, decimals); }
+
+std::string ExponentNotation(double value, int decimals) {
+  return Digits(value, std::chars_format::scientific, decimals);
+}
+
+double NumberFromText(std::u16string_view text) {
+  std::string number;
+  for (const char16_t unit : text) number += unit < 0x80 ? static_cast<char>(unit) : '?';
+  number.erase(0, number.find_first_not_of(" \t\n\v\f\r"));
+  const bool negative = !number.empty() && number.front() == '-';
+  if (negative || (!number.empty() && number.front() == '+')) number.erase(0, 1);
+  // Words for infinity and NaN, and a second sign, are no decimal text.
+  if (number.empty() || (number.front() != '.' && (number.front() < '0' || number.front() > '9'))) return 0;
+
+  double value = 0;
+  const char* const end = number.data() + number.size();
+  const auto result = std::from_chars(number.data(), end, value);
+  if (result.ec == std::errc::result_out_of_range) {
+    const std::string_view taken(number.data(), static_cast<std::size_t>(result.ptr - number.data()));
+    value = taken.find('-') != std::string_view::npos ? 0 : HUGE_VAL;  // by the sign of the exponent
+  }
+  return negative ? -value : value;
+}
+
+}  // namespace kesp

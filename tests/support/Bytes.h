@@ -1,0 +1,115 @@
+// Bytes written by hand, and files made of them.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kesp/platform/String.h"
+
+namespace kesp::test {
+
+using ByteVector = std::vector<std::uint8_t>;
+
+// "02 01 ff" to bytes. "00*12" stands for twelve zero bytes, 'abc' for the 8-bit characters, "abc" for UTF-16 units.
+inline ByteVector Hex(std::string_view text) {
+  ByteVector bytes;
+  const auto digit = [](char c) { return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10; };
+  for (std::size_t i = 0; i < text.size();) {
+    if (text[i] == ' ' || text[i] == '\n') {
+      ++i;
+    } else if (text[i] == '\'' || text[i] == '"') {
+      const char quote = text[i++];
+      for (; text[i] != quote; ++i) {
+        bytes.push_back(static_cast<std::uint8_t>(text[i]));
+        if (quote == '"') bytes.push_back(0);
+      }
+      ++i;
+    } else {
+      const auto byte = static_cast<std::uint8_t>(digit(text[i]) << 4 | digit(text[i + 1]));
+      i += 2;
+      std::size_t count = 1;
+      if (i < text.size() && text[i] == '*') {
+        std::size_t used = 0;
+        count = std::stoul(std::string(text.substr(i + 1, 10)), &used);
+        i += 1 + used;
+      }
+      bytes.insert(bytes.end(), count, byte);
+    }
+  }
+  return bytes;
+}
+
+// The first `size` bytes on the heap without a spare byte behind, so that an overrun is seen.
+struct HeapBytes {
+  std::unique_ptr<std::byte[]> data;
+  std::size_t size;
+  operator std::span<const std::byte>() const { return {data.get(), size}; }
+};
+inline HeapBytes ExactCopy(const ByteVector& bytes, std::size_t size) {
+  HeapBytes copy{std::make_unique<std::byte[]>(size), size};
+  for (std::size_t i = 0; i < size; ++i) copy.data[i] = static_cast<std::byte>(bytes[i]);
+  return copy;
+}
+
+// Little-endian, for building files.
+inline void Append(ByteVector& to, std::uint64_t value, int width) {
+  for (int i = 0; i < width; ++i) to.push_back(static_cast<std::uint8_t>(value >> 8 * i));
+}
+inline void Append(ByteVector& to, const ByteVector& from) { to.insert(to.end(), from.begin(), from.end()); }
+inline ByteVector operator+(ByteVector a, const ByteVector& b) {
+  Append(a, b);
+  return a;
+}
+
+// The 50 bytes in front of the records, and a record around a body.
+inline ByteVector FileHeader(std::uint16_t version = 3, std::uint32_t headerLength = 2) {
+  ByteVector bytes = Hex("'Corvanthe Survey Devices -- Kesp Data File'");
+  Append(bytes, version, 2);
+  Append(bytes, headerLength, 4);
+  Append(bytes, 0, 2);
+  return bytes;
+}
+inline ByteVector Record(std::uint32_t type, std::uint16_t version, std::uint32_t flags, const ByteVector& body) {
+  ByteVector bytes;
+  Append(bytes, type, 4);
+  Append(bytes, version, 2);
+  Append(bytes, flags, 4);
+  Append(bytes, body.size(), 4);
+  Append(bytes, body);
+  return bytes;
+}
+
+// A folder that goes away with the object.
+class TempDir {
+ public:
+  TempDir() {
+    std::string name = (std::filesystem::temp_directory_path() / "kesp-test-XXXXXX").string();
+    m_path = ::mkdtemp(name.data());
+  }
+  ~TempDir() { std::filesystem::remove_all(m_path); }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  std::filesystem::path operator/(std::string_view name) const { return m_path / name; }
+
+ private:
+  std::filesystem::path m_path;
+};
+
+inline void WriteFile(const std::filesystem::path& path, const ByteVector& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+inline ByteVector ReadFile(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+inline CString Text(const std::filesystem::path& path) { return CString(path.string()); }
+
+}  // namespace kesp::test
