@@ -1,0 +1,283 @@
+#include "kesp/records/KespTag.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+
+#include "kesp/kesp.h"
+#include "tests/records/Scratch.h"
+
+namespace kesp::test {
+namespace {
+
+struct OpenTag : CKespTag {
+  using CKespTag::GetBinary;
+};
+
+ByteVector Block(const CKespTag& tag) { return {tag.m_pData, tag.m_pData + tag.m_dataLength}; }
+void SetBlock(CKespTag& tag, KESP_TAG type, const ByteVector& block) {
+  Scratch scratch;
+  ByteVector body;
+  Append(body, type, 4);
+  Append(body, block.size(), 4);
+  EXPECT_TRUE(scratch.Read(tag, body + block));
+}
+
+// Asks every getter; the names of those that answered true, with what they handed out.
+std::string Answers(CKespTag& tag) {
+  std::ostringstream out;
+  CString name(u"-"), text(u"-");
+  int integer = -1;
+  double number = -1;
+  CPoint3D point(9, 9, 9);
+  CRect2D rect(9, 9, 9, 9);
+  std::uint32_t a = 91, b = 92, c = 93, d = 94;
+  unsigned long wide = 95;
+  float f[4] = {1, 1, 1, 1};
+  CKespFeatureLink link;
+  const auto said = [&](const char* what) -> std::ostream& { return out << what << ' ' << name.ToUtf8() << ' '; };
+  if (tag.GetInteger(name, integer)) said("int") << integer;
+  if (tag.GetDouble(name, number)) said("double") << number;
+  if (tag.GetString(name, text)) said("string") << text.ToUtf8();
+  if (tag.GetPoint(name, point)) said("point") << point.x << ' ' << point.y << ' ' << point.z;
+  if (tag.GetRect(name, rect)) said("rect") << rect.minX << ' ' << rect.minY << ' ' << rect.maxX << ' ' << rect.maxY;
+  if (tag.GetColor(name, a) && tag.GetColor(name, wide)) said("color") << a << ' ' << wide;
+  if (tag.GetGPSMark(name, a, b, c, d)) said("gps") << a << ' ' << b << ' ' << c << ' ' << d;
+  if (tag.GetFileLink(a, name)) said("file") << a;
+  if (tag.GetQualityMark(a, f[0], f[1], f[2], f[3])) out << "quality " << a << ' ' << f[0] << ' ' << f[3];
+  if (tag.GetFeatureLink(link)) {
+    out << "link " << link.m_featureNumber1 << ' ' << link.m_qualifier1 << ' ' << link.m_featureNumber2 << ' '
+        << link.m_qualifier2 << ' ' << link.m_linkValue << ' ' << link.m_spare << ' ' << link.m_tagRecordPosition;
+  }
+  if (tag.GetQualityMarkEx(a, f[0], f[1], f[2], f[3], integer)) {
+    out << "ex " << a << ' ' << f[0] << ' ' << f[3] << ' ' << integer;
+  }
+  EXPECT_TRUE(!out.str().empty() || (a == 91 && f[0] == 1 && f[3] == 1)) << "outputs of a wrong kind";
+  if (tag.GetPosErrMark(a, f[0], f[1], f[2])) {
+    out << "poserr " << a << ' ' << f[0] << ' ' << f[2];
+  } else {
+    EXPECT_EQ(f[0] + f[1] + f[2], 0) << "the one getter that clears them first";
+  }
+  if (tag.GetNamedFlag(a, b, name)) said("flag") << a << ' ' << b;
+  return out.str();
+}
+
+// Each row calls a setter with plain literals or with 32-bit numbers, so that it also proves the overload.
+TEST(Tag, EachKindHasItsBytesAndItsGetter) {
+  const std::uint32_t u = 5;
+  CString flag(u"flag");
+  CKespFeatureLink link;
+  link.m_featureNumber1 = 1, link.m_qualifier1 = 2, link.m_featureNumber2 = 3, link.m_qualifier2 = 4;
+  link.m_linkValue = 5, link.m_spare = 0xFFFFFFFF, link.m_tagRecordPosition = 9;
+  const std::string n = "04000000 \"n\" 0000 ", none = "04000000 00*4 ";
+  const struct {
+    std::function<bool(CKespTag&)> set;
+    KESP_TAG kind;
+    std::string block, answers;
+    // clang-format off
+  } kCases[] = {
+      {[](CKespTag& t) { return t.Set("n", -2); }, KESP_TAG_INTEGER, n + "04000000 feffffff", "int n -2"},
+      {[](CKespTag& t) { return t.Set("n", 0); }, KESP_TAG_INTEGER, n + "04000000 00*4", "int n 0"},
+      {[](CKespTag& t) { return t.Set(u"ab", 1.5); }, KESP_TAG_DOUBLE, "08000000 \"ab\" 00*4 08000000 00*6 f83f", "double ab 1.5"},
+      {[](CKespTag& t) { return t.Set("", 1.5F); }, KESP_TAG_DOUBLE, none + "08000000 00*6 f83f", "double  1.5"},
+      {[](CKespTag& t) { return t.Set("n", "text"); }, KESP_TAG_STRING, n + "0a000000 \"text\" 0000", "string n text"},
+      {[](CKespTag& t) { return t.Set(L"n", CString()); }, KESP_TAG_STRING, n + "02000000 0000", "string n "},
+      {[](CKespTag& t) { return t.Set("n", CPoint3D(1, 2, 3)); }, KESP_TAG_POINT, n + "18000000 00*6 f03f 00*7 40 00*6 0840", "point n 1 2 9"},
+      {[](CKespTag& t) { return t.Set("n", CRect2D(1, 2, 3, 4)); }, KESP_TAG_RECT, n + "20000000 00*6 f03f 00*7 40 00*6 0840 00*6 1040", "rect n 1 2 3 4"},
+      {[](CKespTag& t) { return t.Set("n", 5u); }, KESP_TAG_COLOR, n + "04000000 05000000", "color n 5 5"},
+      {[](CKespTag& t) { return t.Set("n", 0xFF000005ul); }, KESP_TAG_COLOR, n + "04000000 050000ff", "color n 4278190085 4278190085"},
+      {[](CKespTag& t) { return t.Set("n", 1, 2, 3, 4); }, KESP_TAG_GPS_MARK, n + "10000000 01000000 02000000 03000000 04000000", "gps n 1 2 3 4"},
+      {[u](CKespTag& t) { return t.Set("n", u, u, u, u); }, KESP_TAG_GPS_MARK, n + "10000000 05000000 05000000 05000000 05000000", "gps n 5 5 5 5"},
+      {[](CKespTag& t) { return t.Set(7, "n"); }, KESP_TAG_FILE_LINK, n + "04000000 07000000", "file n 7"},
+      {[u](CKespTag& t) { return t.Set(u, CString("n")); }, KESP_TAG_FILE_LINK, n + "04000000 05000000", "file n 5"},
+      {[](CKespTag& t) { return t.Set(1, 2.F, 0.F, 0.F, -1.F); }, KESP_TAG_QUALITY_MARK, none + "14000000 0000803f 00000040 00*8 000080bf", "quality 1 2 -1"},
+      {[](CKespTag& t) { return t.Set(16777217u, 2.F, 0.F, 0.F, 1.F); }, KESP_TAG_QUALITY_MARK, none + "14000000 0000804b 00000040 00*8 0000803f", "quality 16777216 2 1"},
+      {[&](CKespTag& t) { return t.Set(link); }, KESP_TAG_FEATURE_LINK, none + "18000000 01000000 02000000 03000000 04000000 05000000 ff*4", "link 1 2 3 4 5 4294967295 77"},
+      {[u](CKespTag& t) { return t.Set(u, 2.F, 0.F, 0.F, 1.F, -3); }, KESP_TAG_QUALITY_MARK_EX, none + "18000000 0000a040 00000040 00*8 0000803f 000040c0", "ex 5 2 1 -3"},
+      {[](CKespTag& t) { return t.Set(1, 2.F, 0.F, -1.F); }, KESP_TAG_POS_ERR_MARK, none + "10000000 0000803f 00000040 00*4 000080bf", "poserr 1 2 -1"},
+      {[](CKespTag& t) { return t.Set(1, 2, "n"); }, KESP_TAG_NAMED_FLAG, n + "08000000 01000000 02000000", "flag n 1 2"},
+      {[&](CKespTag& t) { return t.Set(u, 2ul, flag); }, KESP_TAG_NAMED_FLAG, "0c000000 \"flag\" 00*4 08000000 05000000 02000000", "flag flag 5 2"},
+      {[](CKespTag& t) { return t.Set(KESP_TAG_BLOB, "n", nullptr, 3); }, KESP_TAG_BLOB, n + "03000000 00*3", ""},
+  };
+  // clang-format on
+  CKespTag tag;
+  tag.m_filePosition = 77;
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.block);
+    EXPECT_TRUE(c.set(tag));
+    EXPECT_EQ(tag.GetType(), c.kind);
+    EXPECT_EQ(Block(tag), Hex(c.block));
+    EXPECT_EQ(tag.GetLength(1), Block(tag).size() + 8);
+    EXPECT_EQ(Answers(tag), c.answers);
+    // One byte less of payload is none at all (a text may have any length).
+    ByteVector shorter = Hex(c.block);
+    const std::size_t at = 4u + shorter[0];
+    shorter[at] = static_cast<std::uint8_t>(shorter[at] - 1);
+    if (c.kind != KESP_TAG_STRING && c.kind != KESP_TAG_POINT) {
+      SetBlock(tag, c.kind, shorter);
+      EXPECT_EQ(Answers(tag), "");
+    }
+  }
+}
+
+TEST(Tag, NothingOutsideTheBlockIsRead) {
+  const struct {
+    std::string block, name;
+    bool good;
+  } kCases[] = {{"04000000 \"n\" 0000 02000000 6162", "n", true},
+                {"04000000 \"nm\" 02000000 6162", "nm", true},  // a name without a zero ends with its bytes
+                {"08000000 \"n\" 0000 \"xx\" 02000000 6162", "n", true},
+                {"00000000 02000000 6162", "", true},               // no name at all
+                {"03000000 610062 02000000 6162", "a", true},       // half a unit is none
+                {"04000000 \"n\" 0000 00000000", "n", false},       // no payload
+                {"04000000 \"n\" 0000 03000000 6162", "n", false},  // longer than the block
+                {"04000000 \"n\" 0000 ffffffff 6162", "n", false},
+                {"04000000 \"n\" 0000 020000", "n", false},
+                {"04000000 \"n\" 0000", "n", false},
+                {"05000000 \"n\" 0000", "-", false},  // so is the name
+                {"ffffffff \"n\" 0000", "-", false},
+                {"fcffffff \"n\" 0000 00*8", "-", false},
+                {"040000", "-", false},
+                {"00*4", "", false},
+                {"00*8", "", false}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.block);
+    OpenTag tag;
+    SetBlock(tag, KESP_TAG_BLOB, Hex(c.block));
+    CString name(u"-");
+    void* data = &name;
+    int length = 7;
+    EXPECT_EQ(tag.GetBinary(name, &data, length), c.good);
+    const std::unique_ptr<unsigned char[]> owned(static_cast<unsigned char*>(data));
+    EXPECT_EQ(name.ToUtf8(), c.name);
+    EXPECT_EQ(ByteVector(owned.get(), owned.get() + length), c.good ? Hex("6162") : ByteVector());
+    EXPECT_FALSE(tag.GetBinary(name, nullptr, length));
+    tag.m_tagType = KESP_TAG_INTEGER;
+    EXPECT_EQ(Answers(tag), "");
+  }
+}
+
+TEST(Tag, NumbersKeptAsFloatsComeBackAsFarAsTheyFit) {
+  const struct {
+    const char* bits;
+    std::uint32_t number;
+    int integer;
+  } kCases[] = {{"0000c03f", 1, 1},          {"0000c0bf", 0, -1}, {"000000bf", 0, 0},
+                {"ffff7f4f", 0xFFFFFF00, 0}, {"0000804f", 0, 0},  {"0000004f", 0x80000000, 0},
+                {"000000cf", 0, INT32_MIN},  {"010000cf", 0, 0},  {"0000c07f", 0, 0},
+                {"0000807f", 0, 0},          {"000080ff", 0, 0},  {"00000080", 0, 0}};
+  for (const auto& c : kCases) {
+    CKespTag tag;
+    SetBlock(tag, KESP_TAG_QUALITY_MARK_EX, Hex("04000000 00*4 18000000") + Hex(c.bits) + Hex("00*16") + Hex(c.bits));
+    unsigned long number = 99;
+    float f = 0;
+    int integer = 99;
+    EXPECT_TRUE(tag.GetQualityMarkEx(number, f, f, f, f, integer));
+    EXPECT_EQ(number, c.number) << c.bits;
+    EXPECT_EQ(integer, c.integer) << c.bits;
+  }
+}
+
+TEST(Tag, ABodyCutShortOrTooLongIsRefusedBeforeItsBlockIsMade) {
+  Scratch scratch;
+  const ByteVector body = Hex("01000000 10000000 04000000 \"n\" 0000 04000000 05000000");
+  for (std::size_t size = 0; size < body.size(); ++size) {
+    CKespTag tag;
+    tag.Set("old", 1);
+    EXPECT_FALSE(scratch.Read(tag, ByteVector(body.begin(), body.begin() + static_cast<std::ptrdiff_t>(size))));
+    EXPECT_EQ(tag.GetError(), KESP_ERROR_EOF) << size;
+    EXPECT_EQ(scratch.file.GetPosition(), size);
+    EXPECT_EQ(Answers(tag), size < 8 ? "int old 1" : "") << size;
+    EXPECT_EQ(tag.m_dataPosition, size < 8 ? 0u : 8u);
+    (void)CKespTag(tag);
+  }
+  CKespTag tag;
+  EXPECT_FALSE(scratch.Read(tag, Hex("01000000 f0ffffff 00*16")));
+  EXPECT_EQ(tag.GetError(), KESP_ERROR_EOF);
+  EXPECT_EQ(scratch.Body(tag, 0), ByteVector());
+  EXPECT_FALSE(scratch.written) << "there is no block to write";
+}
+
+TEST(Tag, ALengthOfZeroLeavesTheBlock) {
+  Scratch scratch;
+  CKespTag tag, empty;
+  EXPECT_EQ(scratch.Body(empty, 0), ByteVector());
+  EXPECT_FALSE(scratch.written);
+  EXPECT_EQ(empty.GetLength(0), 16u);
+  EXPECT_EQ(Answers(empty), "");
+  EXPECT_TRUE(scratch.Read(empty, Hex("01000000 00000000")));
+  EXPECT_EQ(Answers(empty), "");
+  EXPECT_EQ(scratch.Body(empty, 0), ByteVector());
+
+  tag.Set("n", 5);
+  const unsigned char* const block = tag.m_pData;
+  EXPECT_TRUE(tag.Set(empty));
+  EXPECT_EQ(tag.m_dataLength, 0u);
+  EXPECT_EQ(tag.m_pData, block);
+  EXPECT_EQ(scratch.Body(tag, 0), Hex("01000000 00000000"));
+  EXPECT_TRUE(scratch.written);
+  tag.Set("n", 5);
+  tag = *&tag;
+  EXPECT_EQ(Answers(tag), "int n 5");
+}
+
+TEST(Tag, IsTheSameWhereItWasRead) {
+  Scratch scratch;
+  const ByteVector body = Hex("01000000 10000000 04000000 \"n\" 0000 04000000 05000000");
+  CKespTag first, second, fresh;
+  ASSERT_TRUE(scratch.Read(first, body + body));
+  ASSERT_TRUE(second.Read(scratch.file));
+  EXPECT_EQ(first.m_dataPosition, 8u);
+  EXPECT_EQ(second.m_dataPosition, 32u);
+  fresh.Set("n", 5);
+  EXPECT_FALSE(first.IsSameKespRecord(&second) || first.IsSameKespRecord(&fresh) || fresh.IsSameKespRecord(&first));
+  CKespTag copy(first);
+  copy.m_pData[15] = 9;
+  EXPECT_TRUE(first.IsSameKespRecord(&copy)) << "the data is not compared";
+  copy.m_tagType = KESP_TAG_COLOR;
+  EXPECT_FALSE(first.IsSameKespRecord(&copy) || first.IsSameKespRecord(nullptr));
+}
+
+TEST(LinkList, RemovesInItsOwnOrder) {
+  using Pairs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
+  const struct {
+    Pairs links;
+    unsigned long a, b;
+    Pairs left;
+    bool raises;
+  } kCases[] = {{{{5, 7}, {7, 5}, {3, 4}}, 5, 7, {{3, 4}}, false},
+                {{{1, 2}, {5, 7}, {5, 7}, {5, 8}}, 7, 5, {{1, 2}, {5, 8}}, false},
+                {{{1, 2}, {5, 5}, {3, 4}}, 5, 5, {{3, 4}}, false},  // takes the one before it out too
+                {{{5, 5}, {3, 4}}, 5, 5, {{3, 4}}, true},           // nothing is before it
+                {{}, 5, 5, {}, false}};
+  for (const auto& c : kCases) {
+    std::vector<CKespFeatureLink> links(c.links.size());
+    CKespLinkList list;
+    for (std::size_t i = 0; i < links.size(); ++i) {
+      std::tie(links[i].m_featureNumber1, links[i].m_featureNumber2) = c.links[i];
+      list.Add(&links[i]);
+      EXPECT_TRUE(list.HasLink(c.links[i].second, c.links[i].first));
+    }
+    EXPECT_FALSE(list.HasLink(1, 7));
+    if (c.raises) {
+      EXPECT_THROW(list.RemoveLink(c.a, c.b), CInvalidArgException);
+    } else {
+      EXPECT_TRUE(list.RemoveLink(c.a, c.b));
+    }
+    Pairs left;
+    for (int i = 0; i < static_cast<int>(list.GetCount()); ++i) {
+      left.emplace_back(list[i]->m_featureNumber1, list.GetAt(i)->m_featureNumber2);
+    }
+    EXPECT_EQ(left, c.left);
+    EXPECT_THROW(list.GetAt(static_cast<int>(list.GetCount())), CInvalidArgException);
+    EXPECT_THROW(list[-1], CInvalidArgException);
+    EXPECT_TRUE(list.RemoveLink(4));
+    EXPECT_FALSE(list.HasLink(3, 4));
+    list.Clear();
+    EXPECT_EQ(list.GetCount(), 0u);
+  }
+}
+
+}  // namespace
+}  // namespace kesp::test

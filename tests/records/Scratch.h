@@ -1,0 +1,38 @@
+// A file into which record bodies are written and out of which they are read.
+#pragma once
+#include "kesp/platform/File.h"
+#include "kesp/records/KespRecord.h"
+#include "tests/support/Bytes.h"
+
+namespace kesp::test {
+
+class Scratch {
+ public:
+  Scratch() : file(Text(m_dir / "body"), CFile::modeReadWrite | CFile::modeCreate) {}
+
+  void Fill(const ByteVector& bytes) {
+    file.SetLength(0);
+    file.SeekToBegin();
+    file.Write(bytes.data(), bytes.size());
+    file.SeekToBegin();
+  }
+  bool Read(CKespRecord& record, const ByteVector& bytes) {
+    Fill(bytes);
+    return record.Read(file);
+  }
+  // What Write answers is kept in `written`.
+  ByteVector Body(CKespRecord& record, unsigned short version, unsigned long sourceFlag = 0) {
+    Fill({});
+    written = record.Write(file, sourceFlag, version);
+    return ReadFile(m_dir / "body");
+  }
+
+ private:
+  TempDir m_dir;
+
+ public:
+  CFile file;
+  bool written = false;
+};
+
+}  // namespace kesp::test

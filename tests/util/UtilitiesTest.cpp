@@ -1,0 +1,183 @@
+#include "kesp/util/Utilities.h"
+
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <limits>
+#include <vector>
+
+#include "kesp/platform/MessageHook.h"
+#include "kesp/util/SplitPath.h"
+#include "kesp/util/StringTable.h"
+#include "tests/support/Bytes.h"
+#include "tests/support/FaultySystem.h"
+
+namespace kesp::test {
+namespace {
+
+void CheckNumbers() {
+  const struct {
+    double value;
+    int precision;
+    const char *grouped, *plain;
+    // clang-format off
+  } kCases[] = {
+      {1234567.891, 2, "1,234,567.89", "1234567.89"}, {-123, 2, "-123.00", "-123.00"},
+      {-1234.5, 2, "-1,234.50", "-1234.50"}, {-123456, 0, "-123,456", "-123456"}, {1234, 0, "1,234", "1234"},
+      {999.5, 0, "1,000", "1000"}, {1.5, 3, "1.500", "1.500"}, {0.0004, 3, "0.000", "0.000"},
+      {-0.0, 1, "-0.0", "-0.0"}, {1.0 / 3, -1, "0.333333", "0.333333"},
+      {12345.5, 10, "12,345.5000000000", "12345.5000000000"},
+      {1e16, 2, "10,000,000,000,000,000.00", "10000000000000000.00"},  // 20 characters
+      {1e17, 2, "1.00e+017", "1.00e+017"},  // 21
+      {-1e15, 2, "-1,000,000,000,000,000.00", "-1000000000000000.00"}, {-1e16, 2, "-1.00e+016", "-1.00e+016"},
+      {0.5, 18, "0.500000000000000000", "0.500000000000000000"},
+      {0.5, 19, "5.0000000000000000000e-001", "5.0000000000000000000e-001"}, {-1.5e300, 1, "-1.5e+300", "-1.5e+300"},
+      {1e-310, 20, "9.99999999999996944933e-311", "9.99999999999996944933e-311"},
+      {std::numeric_limits<double>::infinity(), 2, "inf", "inf"},
+      {-std::numeric_limits<double>::infinity(), 2, "-inf", "-inf"},
+      {std::numeric_limits<double>::quiet_NaN(), 2, "nan", "nan"},
+  };
+  // clang-format on
+  for (const auto& c : kCases) {
+    EXPECT_EQ(FormatDouble(c.value, c.precision, false).ToUtf8(), c.grouped);
+    EXPECT_EQ(FormatDouble(c.value, c.precision, true).ToUtf8(), c.plain);
+  }
+  const struct {
+    double date;
+    const char* text;
+    // clang-format off
+  } kDates[] = {
+      {45000.0, "03/15/2023"}, {1.0, "12/31/1899"}, {-1.0, "12/29/1899"}, {0.0, "null"}, {-0.0, "null"},
+      {0.25, "12/30/1899"}, {-1.25, "12/29/1899"}, {-0.75, "12/30/1899"}, {60.0, "02/28/1900"}, {61.0, "03/01/1900"},
+      {36585.0, "02/29/2000"}, {45000.99999, "03/15/2023"}, {45000.999999, "03/16/2023"}, {-657434.0, "01/01/ 100"},
+      {-657434.99, "01/01/ 100"}, {-657435.0, "-1/-1/  -1"}, {2958465.0, "12/31/9999"}, {2958465.99, "12/31/9999"},
+      {2958466.0, "-1/-1/  -1"}, {1e10, "-1/-1/  -1"}, {-1e300, "-1/-1/  -1"},
+      {std::numeric_limits<double>::quiet_NaN(), "-1/-1/  -1"}, {std::numeric_limits<double>::infinity(), "-1/-1/  -1"},
+  };
+  // clang-format on
+  for (const auto& c : kDates) EXPECT_EQ(GetDateString(c.date).ToUtf8(), c.text) << c.date;
+  char bytes[4] = {};
+  StringToChar8(bytes, u"\u00E4\u00FF", 3);
+  EXPECT_STREQ(bytes, "\xE4\xFF");
+}
+
+TEST(Utilities, NumbersAndDatesFollowTheirTables) { CheckNumbers(); }
+
+TEST(Utilities, NothingDependsOnTheLocale) {
+  const char* found = nullptr;
+  for (const char* name : {"de_DE.UTF-8", "fr_FR.UTF-8", "es_ES.UTF-8", "pt_BR.UTF-8"}) {
+    if (found == nullptr) found = std::setlocale(LC_ALL, name);
+  }
+  if (found == nullptr) GTEST_SKIP() << "no locale with a decimal comma is installed";
+  CheckNumbers();
+  std::setlocale(LC_ALL, "C");
+}
+
+TEST(Utilities, FixedNotationEndsWhereTheHostSays) {
+  FixedNotationMaxLength = 4;
+  EXPECT_EQ(FormatDouble(1234, 0, false).ToUtf8(), "1,234") << "the separators don't count";
+  EXPECT_EQ(FormatDouble(1500, 2, false).ToUtf8(), "1.50e+003");
+  FixedNotationMaxLength = 20;
+}
+
+TEST(Utilities, PathsComeApart) {
+  const struct {
+    const char16_t *path, *drive, *directory, *name, *extension;
+    // clang-format off
+  } kCases[] = {
+      {u"D:\\a\\b.txt", u"D:", u"\\a\\", u"b", u".txt"}, {u"points", u"", u"", u"points", u""},
+      {u"D:\\data.old\\points", u"D:", u"\\data.old\\", u"", u""}, {u"/x/y.z.w", u"", u"/x/", u"y.z", u".w"},
+      {u" \t\u3000/x/a b.k \r\n", u"", u"/x/", u"a b", u".k"}, {u"D:/a\\b/c", u"D:", u"/a\\b/", u"c", u""},
+      {u"D:", u"D:", u"", u"", u""}, {u"/x/", u"", u"/x/", u"", u""}, {u"x/.hidden", u"", u"x/", u"", u".hidden"},
+      {u"a/b:c", u"a/b:", u"", u"b:c", u""},  // the separator stands before the drive's end
+      {u".", u"", u"", u"", u"."}, {u"", u"", u"", u"", u""},
+  };
+  // clang-format on
+  for (const auto& c : kCases) {
+    const PathParts parts = SplitPath(c.path);
+    const std::string path = CString(c.path).ToUtf8();
+    EXPECT_EQ(parts.drive, CString(c.drive)) << path;
+    EXPECT_EQ(parts.directory, CString(c.directory)) << path;
+    EXPECT_EQ(parts.name, CString(c.name)) << path;
+    EXPECT_EQ(parts.extension, CString(c.extension)) << path;
+    EXPECT_EQ(GetDir(c.path), CString(c.drive) + c.directory) << path;
+    EXPECT_EQ(GetRoot(c.path), CString(c.name)) << path;
+  }
+}
+
+TEST(Utilities, OnlyWhatIsNoDirectoryExistsAsAFile) {
+  TempDir dir;
+  WriteFile(dir / "file", {});
+  EXPECT_TRUE(FileExists(Text(dir / "file")));
+  EXPECT_FALSE(FileExists(Text(dir / ".")));
+  EXPECT_FALSE(FileExists(Text(dir / "none")));
+  EXPECT_FALSE(FileExists(u""));
+  FaultySystem system(1, FaultySystem::Fault::Error);
+  EXPECT_FALSE(FileExists(Text(dir / "file"))) << "a failed look-up counts as no";
+}
+
+TEST(Utilities, EveryTextIsUnderItsNumberAndNoOther) {
+  std::vector<std::string> shown;
+  const MessageHook previous = SetMessageHook([&shown](const CString& text) { shown.push_back(text.ToUtf8()); });
+  const char* const kTypes[] = {"Point", "Line", "Area"};
+  // clang-format off
+  const char* const kErrors[] = {
+      "No Error", "Normal EOF", "EOF Error", "Cannot Read Version", "Bad Record Type", "Bad Record",
+      "Corrupt Record Header", "Cannot Open File", "Bad KESP Header", "Bad KESP Signature", "Bad Application Header",
+      "Cannot Use Unicode", "Unsupported or Bad Attribute Type", "null", "RTK-Code", "RTK-Float", "RTK-Fixed",
+      "Unknown", "Post-Processed", "MANUAL", "Corrected GPS", "Calculated", "GPS", "No Signal",
+  };
+  // clang-format on
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(GetStringRes(348 + i).ToUtf8(), kTypes[i]);
+  for (int i = 0; i < 24; ++i) EXPECT_EQ(GetStringRes(33053 + i).ToUtf8(), kErrors[i]);
+  const std::string warning = GetStringRes(33077).ToUtf8();
+  EXPECT_EQ(warning.size(), 332u);
+  EXPECT_EQ(warning.substr(0, 53), "WARNING!\n\nA KESP record was found (in file '%s') whic");
+  EXPECT_NE(warning.find("text data.  Modifying this"), std::string::npos);
+  EXPECT_EQ(warning.substr(warning.size() - 14), "same problem?\n") << warning;
+  EXPECT_TRUE(shown.empty());
+  for (const int id : {0, 347, 351, 33052, 33078, -1, 348 + 65536}) EXPECT_TRUE(GetStringRes(id).IsEmpty()) << id;
+  EXPECT_EQ(shown, std::vector<std::string>(7, "Error loading string."));
+  SetMessageHook(previous);
+}
+
+// The bytes show which places are written: '?' is what stood there before.
+TEST(Utilities, TextsFillFixedFields) {
+  const struct {
+    const wchar_t* source;
+    unsigned length;
+    std::string bytes;     // of StringToChar8
+    std::u16string units;  // of StringToChar16, from wchar_t
+  } kCases[] = {{L"abcdef", 3, {'a', 'b', 'c', 0, '?', '?'}, {u'a', u'b', u'c', 0, u'?', u'?'}},
+                {L"ab", 4, {'a', 'b', 0, '?', 0, '?'}, {u'a', u'b', 0, 0, 0, u'?'}},
+                {L"ab", 2, {'a', 'b', 0, '?', '?', '?'}, {u'a', u'b', 0, u'?', u'?', u'?'}},
+                {L"ab", 0, {0, '?', '?', '?', '?', '?'}, {0, u'?', u'?', u'?', u'?', u'?'}},
+                {L"a\u0100b", 4, {'a', '?', '?', '?', 0, '?'}, {u'a', u'\u0100', u'b', 0, 0, u'?'}},
+                {L"a\U0001F600", 4, {'a', '?', '?', '?', 0, '?'}, {u'a', 0xD83D, 0xDE00, 0, 0, u'?'}},
+                {L"a\U0001F600", 2, {'a', '?', 0, '?', '?', '?'}, {u'a', 0, 0, u'?', u'?', u'?'}}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(CString(c.source).ToUtf8());
+    const CString source(c.source);
+    std::string bytes(6, '?');
+    StringToChar8(bytes.data(), c.source, c.length);
+    EXPECT_EQ(bytes, c.bytes);
+    std::u16string units(6, u'?');
+    StringToChar16(units.data(), c.source, c.length);
+    EXPECT_TRUE(units == c.units);
+    bytes.assign(6, '?');
+    StringToChar8(bytes.data(), source.GetString(), c.length);
+    EXPECT_EQ(bytes, c.bytes);
+    units.assign(6, u'?');
+    StringToChar16(units.data(), source.GetString(), c.length);
+    if (c.length != 2 || source.Size() == 2) {
+      EXPECT_TRUE(units == c.units);  // units may be cut inside a pair, characters not
+    }
+  }
+  std::wstring wide(4, L'?');
+  StringToChar16(wide.data(), L"a\U0001F600", 2);
+  EXPECT_EQ(wide, (std::wstring{L'a', L'\U0001F600', 0, L'?'}));
+}
+
+}  // namespace
+}  // namespace kesp::test
