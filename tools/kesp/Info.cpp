@@ -1,0 +1,284 @@
+// kesp info: what a file holds, for a person or as one JSON document.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <limits>
+#include <map>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "tools/kesp/Commands.h"
+#include "tools/kesp/Opening.h"
+#include "tools/kesp/Progress.h"
+#include "tools/kesp/RecordJson.h"
+
+namespace kesp::tool {
+namespace {
+
+struct Tally {
+  std::uint64_t count = 0;  // deleted ones included
+  std::uint64_t deleted = 0;
+};
+
+struct Summary {
+  std::unique_ptr<CKespTavoHeader> header;  // the first one that isn't deleted; null without one
+  std::map<std::pair<std::uint32_t, std::uint16_t>, Tally> records;  // by type and version
+  // Of the points that aren't deleted; a time of 0 stands for none.
+  std::uint64_t points = 0;
+  CBoundingBox extent;
+  std::int32_t firstTime = std::numeric_limits<std::int32_t>::max();
+  std::int32_t lastTime = std::numeric_limits<std::int32_t>::min();
+  WalkEnd end;
+
+  bool HasTimes() const { return firstTime <= lastTime; }
+  // Nothing where the header can't say it, or isn't there.
+  std::optional<bool> ClosedCleanly() const {
+    if (!header || header->m_recordVersion < 2) return std::nullopt;
+    return header->WasCleanClose();
+  }
+};
+
+void Include(Summary& summary, const CKespPoint& point) {
+  ++summary.points;
+  summary.extent.Include(point.CoordX, point.CoordY);
+  if (point.PointTime == 0) return;
+  summary.firstTime = std::min(summary.firstTime, point.PointTime);
+  summary.lastTime = std::max(summary.lastTime, point.PointTime);
+}
+
+Summary Summarize(CKespDataFile& file) {
+  Summary summary;
+  RecordWalk walk(file, RecordWalk::Deleted::kPassOver);
+  Progress progress(file.m_file.KnownLength(), Progress::OnTerminal());
+  for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
+    Tally& tally = summary.records[{walk.Type(), walk.Version()}];
+    ++tally.count;
+    if (walk.IsDeleted()) ++tally.deleted;
+    if (step == RecordWalk::Step::kRecord) {
+      if (walk.Type() == KESP_RECORD_POINT) Include(summary, static_cast<const CKespPoint&>(walk.Record()));
+      if (walk.Type() == KESP_RECORD_HEADER && !summary.header) {
+        summary.header = std::make_unique<CKespTavoHeader>(static_cast<const CKespTavoHeader&>(walk.Record()));
+      }
+    }
+    progress.Update(walk.Offset());
+  }
+  summary.end = walk.End();
+  return summary;
+}
+
+std::string TypeText(std::uint32_t type) {
+  const char* const name = TypeName(static_cast<KESP_RECORD_TYPE>(type));
+  return name != nullptr ? name : "type " + std::to_string(type);
+}
+
+void WriteJson(JsonWriter& json, const CString& path, CKespDataFile& file, const Summary& summary) {
+  json.BeginObject();
+  json.Key("path").Text(path.View());
+  json.Key("length").Number(static_cast<std::int64_t>(file.m_file.KnownLength()));
+  json.Key("fileVersion").Number(std::int64_t{file.m_version});
+  json.Key("headerWord").Number(std::int64_t{file.m_headerWord});
+  json.Key("firstRecordOffset").Number(std::int64_t{file.m_firstRecordOffset});
+  json.Key("header");
+  if (summary.header) {
+    json.BeginObject();
+    json.Key("version").Number(std::int64_t{summary.header->m_recordVersion});
+    json.Key("fields");
+    WriteFields(json, *summary.header);
+    json.EndObject();
+  } else {
+    json.Null();
+  }
+  json.Key("closedCleanly");
+  if (const auto clean = summary.ClosedCleanly()) {
+    json.Bool(*clean);
+  } else {
+    json.Null();
+  }
+  json.Key("records").BeginArray();
+  for (const auto& [kind, tally] : summary.records) {
+    json.BeginObject();
+    json.Key("type");
+    if (const char* const name = TypeName(static_cast<KESP_RECORD_TYPE>(kind.first)); name != nullptr) {
+      json.Text(std::string_view(name));
+    } else {
+      json.Number(std::int64_t{kind.first});
+    }
+    json.Key("version").Number(std::int64_t{kind.second});
+    json.Key("count").Number(static_cast<std::int64_t>(tally.count));
+    json.Key("deleted").Number(static_cast<std::int64_t>(tally.deleted));
+    json.EndObject();
+  }
+  json.EndArray();
+  json.Key("points").Number(static_cast<std::int64_t>(summary.points));
+  json.Key("extent");
+  if (summary.extent.IsValid()) {
+    json.BeginObject();
+    json.Key("minX").Number(summary.extent.MinX());
+    json.Key("maxX").Number(summary.extent.MaxX());
+    json.Key("minY").Number(summary.extent.MinY());
+    json.Key("maxY").Number(summary.extent.MaxY());
+    json.EndObject();
+  } else {
+    json.Null();
+  }
+  for (const auto& [name, time] : {std::pair{"firstTime", summary.firstTime}, {"lastTime", summary.lastTime}}) {
+    json.Key(name);
+    if (summary.HasTimes()) {
+      json.Number(std::int64_t{time});
+    } else {
+      json.Null();
+    }
+  }
+  json.Key("end");
+  WriteEnd(json, summary.end.error, summary.end.message);
+  json.Key("damage");
+  if (summary.end.IsWhole()) {
+    json.Null();
+  } else {
+    json.BeginObject();
+    json.Key("offset").Number(static_cast<std::int64_t>(summary.end.offset));
+    json.Key("message").Text(CString(summary.end.Describe()).View());
+    json.EndObject();
+  }
+  json.EndObject();
+  json.EndLine();
+}
+
+// For a terminal: control characters, which could steer it, and lone surrogates stand as escapes.
+std::string Printable(const CString& text) {
+  std::string printable;
+  const std::u16string_view units = text.View();
+  for (std::size_t i = 0; i < units.size(); ++i) {
+    const char16_t unit = units[i];
+    const bool isHigh = unit >= 0xD800 && unit < 0xDC00;
+    const bool isPair = isHigh && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] < 0xE000;
+    const bool isControl = unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x202A && unit <= 0x202E) ||
+                           (unit >= 0x2066 && unit <= 0x2069);  // the last two turn the reading direction
+    if (isPair) {
+      printable += CString(units.substr(i++, 2)).ToUtf8();
+    } else if (isControl || (unit >= 0xD800 && unit < 0xE000)) {
+      std::array<char, 8> escape;
+      (void)std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(unit));
+      printable += escape.data();
+    } else {
+      printable += CString(units.substr(i, 1)).ToUtf8();
+    }
+  }
+  return printable;
+}
+
+std::string UtcText(std::int64_t seconds) {
+  namespace chrono = std::chrono;
+  const chrono::sys_seconds time{std::chrono::seconds{seconds}};
+  const auto day = chrono::floor<chrono::days>(time);
+  const chrono::year_month_day date(day);
+  const chrono::hh_mm_ss clock(time - day);
+  std::array<char, 40> text;
+  (void)std::snprintf(text.data(), text.size(), "%04d-%02u-%02u %02d:%02d:%02d UTC", static_cast<int>(date.year()),
+                      static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                      static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+                      static_cast<int>(clock.seconds().count()));
+  return text.data();
+}
+
+class Report {
+ public:
+  explicit Report(Output& out) noexcept : m_out(out) {}
+
+  void Line(std::string_view label, std::string_view value) {
+    constexpr std::size_t kValueColumn = 18;
+    m_out.Put(label)
+        .Put(std::string(kValueColumn - std::min(label.size(), kValueColumn - 1), ' '))
+        .Put(value)
+        .Put('\n');
+  }
+  // Left out when empty.
+  void Text(std::string_view label, const CString& value) {
+    if (!value.IsEmpty()) Line(label, Printable(value));
+  }
+  void Span(std::string_view label, double from, double to) {
+    Line(label, ShortestText(from) + " .. " + ShortestText(to));
+  }
+
+ private:
+  Output& m_out;
+};
+
+void ReportHeader(Report& report, const CKespTavoHeader& header) {
+  report.Line("Header", "version " + std::to_string(header.m_recordVersion));
+  if (header.CreationTime != 0) report.Line("  created", UtcText(header.CreationTime));
+  report.Text("  HeaderText1", header.HeaderText1);
+  report.Text("  HeaderText2", header.HeaderText2);
+  report.Text("  HeaderText3", header.HeaderText3);
+  report.Text("  HeaderText4", header.HeaderText4);
+  report.Text("  HeaderText5", header.HeaderText5);
+  report.Text("  HeaderText6", header.HeaderText6);
+  report.Text("  HeaderText7", header.HeaderText7);
+  report.Text("  LastPointText", header.LastPointText);
+  report.Text("  SlotText1", header.SlotText1);
+  report.Text("  SlotText2", header.SlotText2);
+  if (header.m_recordVersion < 2) return;
+  report.Line("  KespVersion", std::to_string(header.KespVersion));
+  report.Line("  FeatureCount", std::to_string(header.FeatureCount));
+  report.Line("  PointCount", std::to_string(header.PointCount));
+  report.Line("  SpareCount", std::to_string(header.SpareCount));
+}
+
+void ReportRecords(Report& report, const Summary& summary) {
+  Tally all;
+  for (const auto& [kind, tally] : summary.records) {
+    all.count += tally.count;
+    all.deleted += tally.deleted;
+  }
+  const auto counts = [](const Tally& tally) {
+    return std::to_string(tally.count) +
+           (tally.deleted != 0 ? " (" + std::to_string(tally.deleted) + " deleted)" : std::string());
+  };
+  report.Line("Records", counts(all));
+  for (const auto& [kind, tally] : summary.records) {
+    report.Line("  " + TypeText(kind.first) + " v" + std::to_string(kind.second), counts(tally));
+  }
+}
+
+void WriteReport(Output& out, const CString& path, CKespDataFile& file, const Summary& summary) {
+  Report report(out);
+  report.Line("File", Printable(path));
+  report.Line("File version", std::to_string(file.m_version));
+  report.Line("Length", std::to_string(file.m_file.KnownLength()) + " bytes");
+  if (summary.header) {
+    ReportHeader(report, *summary.header);
+  } else {
+    report.Line("Header", "none");
+  }
+  ReportRecords(report, summary);
+  if (summary.extent.IsValid()) {
+    report.Span("X", summary.extent.MinX(), summary.extent.MaxX());
+    report.Span("Y", summary.extent.MinY(), summary.extent.MaxY());
+  }
+  if (summary.HasTimes()) report.Line("Times", UtcText(summary.firstTime) + " .. " + UtcText(summary.lastTime));
+  const auto clean = summary.ClosedCleanly();
+  report.Line("Closed cleanly", !clean ? "not recorded" : *clean ? "yes" : "no");
+  report.Line("State", summary.end.IsWhole() ? "whole" : summary.end.Describe());
+}
+
+}  // namespace
+
+ExitStatus Info(const InfoOptions& options, Output& out) {
+  CKespDataFile file;
+  if (!OpenForReading(file, options.path)) return kExitTrouble;
+  const Summary summary = Summarize(file);
+  if (options.json) {
+    JsonWriter json(out);
+    WriteJson(json, file.m_path, file, summary);
+  } else {
+    WriteReport(out, file.m_path, file, summary);
+  }
+  out.Flush();
+  if (summary.end.IsWhole()) return kExitWhole;
+  Complain(options.path, summary.end.Describe());
+  return kExitDamaged;
+}
+
+}  // namespace kesp::tool

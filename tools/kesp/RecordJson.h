@@ -1,0 +1,15 @@
+// The JSON of records: the members that have a place in some version of a record's body, by their names.
+#pragma once
+#include "tools/kesp/JsonWriter.h"
+#include "tools/kesp/RecordWalk.h"
+
+namespace kesp::tool {
+
+// One line: where the record stands, what its header says, and its fields.
+void WriteRecordLine(JsonWriter& json, const RecordWalk& walk);
+// The object of the fields alone.
+void WriteFields(JsonWriter& json, CKespRecord& record);
+// {"error":1,"message":"Normal EOF"}
+void WriteEnd(JsonWriter& json, KESP_ERROR_TYPE error, const CString& message);
+
+}  // namespace kesp::tool

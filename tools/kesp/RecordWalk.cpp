@@ -1,0 +1,78 @@
+#include "tools/kesp/RecordWalk.h"
+
+#include <system_error>
+
+namespace kesp::tool {
+namespace {
+
+// Types that the container passes over without reading them; 0 and the wide-character ones it refuses.
+bool IsSteppedOver(KESP_RECORD_TYPE type) {
+  constexpr std::uint32_t kFirstRefused = 10;
+  constexpr std::uint32_t kLastRefused = 14;
+  return TypeName(type) == nullptr && type != KESP_RECORD_NONE && (type < kFirstRefused || type > kLastRefused);
+}
+
+}  // namespace
+
+const char* TypeName(KESP_RECORD_TYPE type) noexcept {
+  switch (type) {
+    case KESP_RECORD_HEADER:
+      return "header";
+    case KESP_RECORD_FEATURE:
+      return "feature";
+    case KESP_RECORD_POINT:
+      return "point";
+    case KESP_RECORD_ATTRIBUTE:
+      return "attribute";
+    case KESP_RECORD_FEATURE_END:
+      return "featureEnd";
+    case KESP_RECORD_NOTE:
+      return "note";
+    case KESP_RECORD_TAG:
+      return "tag";
+    default:
+      return nullptr;
+  }
+}
+
+std::string WalkEnd::Describe() const {
+  const std::string where = " at offset " + std::to_string(offset) + ": ";
+  if (systemError != 0) return "can't be read" + where + std::generic_category().message(systemError);
+  if (error == KESP_ERROR_NONE) return "damaged" + where + "a record body that can't be read";
+  return "damaged" + where + message.ToUtf8();
+}
+
+RecordWalk::RecordWalk(CKespDataFile& file, Deleted deleted) : m_file(file), m_deleted(deleted) {
+  m_file.SeekToFirstRecord();
+}
+
+RecordWalk::Step RecordWalk::Next() {
+  m_record.reset();
+  try {
+    m_offset = m_file.m_file.GetPosition();
+    if (!m_file.ReadNextRecordHeader(m_type, m_version, m_flags, m_length)) {
+      return EndWith(m_file.GetError(), m_file.GetSystemError());
+    }
+    if ((IsDeleted() && m_deleted == Deleted::kPassOver) || IsSteppedOver(m_type)) {
+      m_file.m_file.Seek(m_length, CFile::current);
+      return Step::kPassedOver;
+    }
+    // Back to the header, which is still in the file's buffer. The file object seeks in 64 bits, the container in 32.
+    m_file.m_file.Seek(static_cast<std::int64_t>(m_offset), CFile::begin);
+    m_record.reset(m_file.ReadNextRecord(false));
+    return m_record ? Step::kRecord : EndWith(m_file.GetError(), m_file.GetSystemError());
+  } catch (const CFileException& e) {
+    // A version-1 feature body that is cut short is raised where the others leave a code.
+    return EndWith(e.m_cause == CFileException::endOfFile ? KESP_ERROR_EOF : KESP_ERROR_NONE, e.m_lOsError);
+  }
+}
+
+RecordWalk::Step RecordWalk::EndWith(KESP_ERROR_TYPE error, int systemError) {
+  m_end.error = error;
+  m_end.message = m_file.m_errorStrings[error];
+  m_end.offset = m_offset;
+  m_end.systemError = error == KESP_ERROR_NONE ? systemError : 0;
+  return Step::kEnd;
+}
+
+}  // namespace kesp::tool
