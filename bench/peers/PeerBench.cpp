@@ -1,0 +1,145 @@
+// This library in the comparison with other formats: PeerBench NAME write|read|scan PATH N P A
+//
+// The comparison's own header makes the features, checks what was read against them, and prints the line that is
+// expected. A feature is written as the feature's record, its attributes, its points and its end. `write` appends each
+// record with AppendRecord, so each of them has reached the disk: a promise that most other formats don't make.
+#include <common.hpp>
+#include <memory>
+
+#include "kesp/kesp.h"
+
+namespace {
+
+constexpr double kTolerance = 1e-12;  // relative; of the sums, which are added up in another order
+
+KESP_ATTRIBUTE_KIND ToKesp(Kind kind) {
+  switch (kind) {
+    case Kind::number:
+      return KESP_ATTRIBUTE_NUMERIC;
+    case Kind::menu:
+      return KESP_ATTRIBUTE_MENU;
+    case Kind::date:
+      return KESP_ATTRIBUTE_DATE;
+    default:
+      return KESP_ATTRIBUTE_STRING;
+  }
+}
+
+Kind FromKesp(std::int32_t kind) {
+  switch (kind) {
+    case KESP_ATTRIBUTE_NUMERIC:
+      return Kind::number;
+    case KESP_ATTRIBUTE_MENU:
+      return Kind::menu;
+    case KESP_ATTRIBUTE_DATE:
+      return Kind::date;
+    default:
+      return Kind::text;
+  }
+}
+
+void AppendFeature(CKespDataFile& file, const Feature& from, std::uint32_t number) {
+  const auto append = [&](CKespRecord& record) {
+    if (!file.AppendRecord(&record, 0)) die("append");
+  };
+  CKespFeature feature;
+  feature.FeatureNumber = number;
+  feature.FeatureName = from.name;
+  feature.FeatureType = from.type == 1 ? KESP_FEATURE_POINT : KESP_FEATURE_LINE;
+  append(feature);
+  int column = 0;
+  for (const Attr& value : from.attrs) {
+    CKespAttribute attribute;
+    attribute.FeatureNumber = number;
+    attribute.AttributeName = col_name(column++);
+    attribute.AttributeKind = ToKesp(value.kind);
+    attribute.TextValue = value.text;
+    attribute.Value = value.num;
+    append(attribute);
+  }
+  CKespPoint point;
+  point.FeatureNumber = number;
+  point.SignalStatus = KESP_SIGNAL_STATUS_9;
+  for (const Point& vertex : from.pts) {
+    point.PointTime = static_cast<std::int32_t>(vertex.t);
+    point.CoordY = vertex.y;
+    point.CoordX = vertex.x;
+    point.CoordZ = vertex.z;
+    append(point);
+    ++point.PointNumber;
+  }
+  CKespFeatureEnd end;
+  end.FeatureNumber = number;
+  append(end);
+}
+
+void Write(const Args& args) {
+  const std::vector<Feature> features = generate(args.c);
+  reset_peak();
+  const long residentBefore = proc_kb("VmRSS:");
+  const double start = now();
+  CKespDataFile file;
+  file.m_version = 3;
+  if (!file.Create(CString(args.path))) die("create " + args.path);
+  std::uint32_t number = 0;
+  for (const Feature& feature : features) {
+    maybe_die(static_cast<long>(number));
+    AppendFeature(file, feature, ++number);
+  }
+  if (!file.Close()) die("close");
+  const double seconds = now() - start;
+  report(seconds, residentBefore, size_of(args.path), sync_path(args.path));
+}
+
+void Read(const Args& args) {
+  Sink sink{args.op == "read", {}, {}};
+  const long residentBefore = proc_kb("VmRSS:");
+  const double start = now();
+  CKespDataFile file;
+  if (!file.OpenReadOnly(CString(args.path)) || !file.SeekToFirstRecord()) die("open " + args.path);
+  Feature feature;
+  while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) {
+    switch (record->m_recordType) {
+      case KESP_RECORD_FEATURE: {
+        const auto& from = static_cast<const CKespFeature&>(*record);
+        feature.type = static_cast<int>(from.FeatureType);
+        feature.name = from.FeatureName.ToUtf8();
+        break;
+      }
+      case KESP_RECORD_ATTRIBUTE: {
+        const auto& from = static_cast<const CKespAttribute&>(*record);
+        feature.attrs.push_back({FromKesp(from.AttributeKind), from.TextValue.ToUtf8(), from.Value});
+        break;
+      }
+      case KESP_RECORD_POINT: {
+        const auto& from = static_cast<const CKespPoint&>(*record);
+        feature.pts.push_back({from.CoordX, from.CoordY, from.CoordZ, from.PointTime});
+        break;
+      }
+      case KESP_RECORD_FEATURE_END:
+        sink.take(feature);
+        feature.pts.clear();
+        feature.attrs.clear();
+        break;
+      default:
+        die("a record that was not written");
+    }
+  }
+  if (file.GetError() != KESP_ERROR_NORMAL_EOF) die(file.GetErrorString().ToUtf8());
+  (void)file.Close();
+  report(now() - start, residentBefore, 0);
+  sink.check(args.c, kTolerance);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Args args = parse(argc, argv);
+  if (args.op == "write") {
+    Write(args);
+  } else if (args.op == "read" || args.op == "scan") {
+    Read(args);
+  } else {
+    die("unknown operation " + args.op);
+  }
+}
