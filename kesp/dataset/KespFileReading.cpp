@@ -179,6 +179,10 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   }
   if (!next && m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF) return ERR_NONE;
 
+  // Room for what a file of this length holds as a rule.
+  const auto fileLength = static_cast<std::size_t>(m_pDataFile->m_file.KnownLength());
+  m_recordList.Reserve(fileLength / 512);
+  m_pointIndex.Reserve(fileLength / 768);
   Reading reading;
   // Damage right behind the header reads as a file that ends there; further on it is reported.
   while (next) {

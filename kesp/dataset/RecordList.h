@@ -53,6 +53,7 @@ class KESP_EXPORT RecordList {
   bool IsEmpty() const noexcept { return m_records.size() == m_holes; }
   CKespRecord* GetHead() const { return IsEmpty() ? nullptr : *begin(); }
 
+  void Reserve(std::size_t count) { m_records.reserve(count); }
   void AddTail(CKespRecord* record);
   // Every entry that is this record.
   void Remove(const CKespRecord* record);

@@ -58,7 +58,8 @@ CFile::CFile(const CString& path, unsigned openFlags) {
 CFile::~CFile() { Abort(); }
 
 bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error) {
-  const CString wanted = path;  // which may be this object's own
+  // Which may be this object's own, and that is emptied next.
+  const CString wanted = path;  // NOLINT(performance-unnecessary-copy-initialization)
   Abort();
   const std::string name = wanted.ToPathBytes();
   if (name.find('\0') != std::string::npos) {

@@ -13,8 +13,11 @@ constexpr char16_t kFirstHigh = 0xD800;
 constexpr char16_t kFirstLow = 0xDC00;
 constexpr char16_t kPastLow = 0xE000;
 
-// Whether the character takes two units. What is no character at all becomes U+FFFD.
-bool IsPair(wchar_t c) { return static_cast<std::uint32_t>(c) > 0xFFFF && static_cast<std::uint32_t>(c) <= 0x10FFFF; }
+// The code point of a wide character, which is signed here; what is no character at all becomes U+FFFD.
+std::uint32_t CodePoint(wchar_t c) {
+  return c >= 0 && c <= 0x10FFFF ? static_cast<std::uint32_t>(c)  // NOLINT(bugprone-signed-char-misuse,cert-str34-c)
+                                 : 0xFFFD;
+}
 bool IsHigh(char16_t unit) { return unit >= kFirstHigh && unit < kFirstLow; }
 bool IsLow(char16_t unit) { return unit >= kFirstLow && unit < kPastLow; }
 
@@ -110,12 +113,9 @@ CString::CString(const wchar_t* text) : CString() {
   if (text == nullptr) return;
   const std::size_t length = std::wcslen(text);
   std::size_t units = length;
-  for (std::size_t i = 0; i < length; ++i) units += IsPair(text[i]) ? 1 : 0;
+  for (std::size_t i = 0; i < length; ++i) units += CodePoint(text[i]) > 0xFFFF ? 1 : 0;
   char16_t* out = Resize(units);
-  for (std::size_t i = 0; i < length; ++i) {
-    const auto code = static_cast<std::uint32_t>(text[i]);
-    out = PutCodePoint(out, code <= 0x10FFFF ? code : 0xFFFD);
-  }
+  for (std::size_t i = 0; i < length; ++i) out = PutCodePoint(out, CodePoint(text[i]));
 }
 
 CString::CString(const char16_t* text) : CString() {

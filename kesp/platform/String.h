@@ -114,6 +114,7 @@ class KESP_EXPORT CString {
   bool IsLong() const noexcept { return (m_small[kInline] & kLongMark) != 0; }
   char16_t* Data() noexcept { return IsLong() ? m_long.data : m_small; }
   void SetSmallLength(std::size_t length) noexcept {
+    if (length > kInline) __builtin_unreachable();
     m_small[length] = 0;
     m_small[kInline] = static_cast<char16_t>(kInline - length);  // 0 for a full one: its closing zero
   }

@@ -11,6 +11,7 @@ std::uint32_t Low32(unsigned long value) { return static_cast<std::uint32_t>(val
 
 }  // namespace
 
+// NOLINTNEXTLINE(cert-dcl54-cpp,misc-new-delete-overloads): the sized delete belongs to it
 void* CKespRecord::operator new(std::size_t size) { return kesp::PoolAllocate(size); }
 
 void CKespRecord::operator delete(void* record, std::size_t size) noexcept {

@@ -57,7 +57,7 @@ class KESP_EXPORT CKespRecord {
   virtual ~CKespRecord() = default;
 
   // Records come out of a pool of the library's; plain new and delete go on working for every class derived from this.
-  static void* operator new(std::size_t size);
+  static void* operator new(std::size_t size);  // NOLINT(cert-dcl54-cpp,misc-new-delete-overloads): the sized delete
   static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
   static void operator delete(void* record, std::size_t size) noexcept;
   static void operator delete(void* /*record*/, void* /*place*/) noexcept {}

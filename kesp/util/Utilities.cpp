@@ -43,6 +43,7 @@ std::string Grouped(const std::string& text) {
 template <class Unit>
 void ToChar8(char* destination, const Unit* source, unsigned int length) {
   for (unsigned int i = 0; i < length; ++i) {
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse,cert-str34-c): a wide character, not a byte
     const auto character = static_cast<std::make_unsigned_t<Unit>>(source[i]);
     if (character > 0xFF) break;
     destination[i] = static_cast<char>(static_cast<unsigned char>(character));
