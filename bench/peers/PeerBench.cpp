@@ -2,7 +2,9 @@
 //
 // The comparison's own header makes the features, checks what was read against them, and prints the line that is
 // expected. A feature is written as the feature's record, its attributes, its points and its end. `write` appends each
-// record with AppendRecord, so each of them has reached the disk: a promise that most other formats don't make.
+// record with AppendRecord, so each of them has reached the disk: a promise that most other formats don't make. `read`
+// keeps the file in a CKespFile, whose values are then handed over and checked; `scan` walks over the records, hands
+// over the values of each feature, and keeps none.
 #include <common.hpp>
 #include <memory>
 
@@ -81,6 +83,8 @@ void Write(const Args& args) {
   CKespDataFile file;
   file.m_version = 3;
   if (!file.Create(CString(args.path))) die("create " + args.path);
+  CKespTavoHeader header;
+  if (!file.AppendRecord(&header, 0)) die("append");
   std::uint32_t number = 0;
   for (const Feature& feature : features) {
     maybe_die(static_cast<long>(number));
@@ -91,8 +95,39 @@ void Write(const Args& args) {
   report(seconds, residentBefore, size_of(args.path), sync_path(args.path));
 }
 
+Attr ToAttr(const CKespAttribute& from) { return {FromKesp(from.AttributeKind), from.TextValue.ToUtf8(), from.Value}; }
+
+Point ToPoint(const CKespPoint& from) { return {from.CoordX, from.CoordY, from.CoordZ, from.PointTime}; }
+
+void StartFeature(Feature& feature, const CKespFeature& from) {
+  feature.type = static_cast<int>(from.FeatureType);
+  feature.name = from.FeatureName.ToUtf8();
+  feature.pts.clear();
+  feature.attrs.clear();
+}
+
 void Read(const Args& args) {
-  Sink sink{args.op == "read", {}, {}};
+  const long residentBefore = proc_kb("VmRSS:");
+  const double start = now();
+  CKespFile survey;
+  CString message;
+  if (survey.OpenKespReadOnly(CString(args.path), message) != ERR_NONE) die("open " + args.path);
+  if (survey.ReadKespFile(false) != ERR_NONE) die("read " + args.path);
+  report(now() - start, residentBefore, 0);
+
+  Sink sink{false, {}, {}};
+  Feature feature;
+  for (const auto& entry : survey.m_featureIndex) {
+    StartFeature(feature, *entry.value);
+    for (const auto& attribute : entry.value->m_attributeList) feature.attrs.push_back(ToAttr(*attribute));
+    for (const auto& point : entry.value->m_pointList) feature.pts.push_back(ToPoint(*point));
+    sink.take(feature);
+  }
+  sink.check(args.c, kTolerance);
+}
+
+void Scan(const Args& args) {
+  Sink sink{false, {}, {}};
   const long residentBefore = proc_kb("VmRSS:");
   const double start = now();
   CKespDataFile file;
@@ -100,26 +135,19 @@ void Read(const Args& args) {
   Feature feature;
   while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) {
     switch (record->m_recordType) {
-      case KESP_RECORD_FEATURE: {
-        const auto& from = static_cast<const CKespFeature&>(*record);
-        feature.type = static_cast<int>(from.FeatureType);
-        feature.name = from.FeatureName.ToUtf8();
+      case KESP_RECORD_HEADER:
         break;
-      }
-      case KESP_RECORD_ATTRIBUTE: {
-        const auto& from = static_cast<const CKespAttribute&>(*record);
-        feature.attrs.push_back({FromKesp(from.AttributeKind), from.TextValue.ToUtf8(), from.Value});
+      case KESP_RECORD_FEATURE:
+        StartFeature(feature, static_cast<const CKespFeature&>(*record));
         break;
-      }
-      case KESP_RECORD_POINT: {
-        const auto& from = static_cast<const CKespPoint&>(*record);
-        feature.pts.push_back({from.CoordX, from.CoordY, from.CoordZ, from.PointTime});
+      case KESP_RECORD_ATTRIBUTE:
+        feature.attrs.push_back(ToAttr(static_cast<const CKespAttribute&>(*record)));
         break;
-      }
+      case KESP_RECORD_POINT:
+        feature.pts.push_back(ToPoint(static_cast<const CKespPoint&>(*record)));
+        break;
       case KESP_RECORD_FEATURE_END:
         sink.take(feature);
-        feature.pts.clear();
-        feature.attrs.clear();
         break;
       default:
         die("a record that was not written");
@@ -137,8 +165,10 @@ int main(int argc, char** argv) {
   const Args args = parse(argc, argv);
   if (args.op == "write") {
     Write(args);
-  } else if (args.op == "read" || args.op == "scan") {
+  } else if (args.op == "read") {
     Read(args);
+  } else if (args.op == "scan") {
+    Scan(args);
   } else {
     die("unknown operation " + args.op);
   }

@@ -1,0 +1,202 @@
+// What does a whole survey in memory cost beside the bare walk over its file? And does a record cost the same among two
+// million as among twenty thousand: in reading, in the summary, in each family of queries, in deleting?
+//
+// Run under GLIBC_TUNABLES=glibc.malloc.hugetlb=1: else the ratios are mostly those of pages touched for the first
+// time.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bench/Measure.h"
+#include "bench/Survey.h"
+
+namespace {
+
+using bench::CpuSeconds;
+using bench::FileOf;
+using bench::kBytesEach;
+using bench::kRecordsEach;
+
+constexpr long kShort = 20 * 1000 / kRecordsEach;   // features
+constexpr long kLong = 2000 * 1000 / kRecordsEach;  // features
+
+void Open(CKespFile& survey, const std::string& path, bool readOnly) {
+  CString message;
+  const ErrorEnum result =
+      readOnly ? survey.OpenKespReadOnly(CString(path), message) : survey.OpenKesp(CString(path), message);
+  if (result != ERR_NONE) throw std::runtime_error("can't open " + path);
+}
+
+void Read(CKespFile& survey) {
+  if (survey.ReadKespFile(false) != ERR_NONE) throw std::runtime_error("the survey is not read");
+}
+
+long ResidentBytes() {
+  std::ifstream statm("/proc/self/statm");
+  long total = 0;
+  long resident = 0;
+  statm >> total >> resident;
+  return resident * ::sysconf(_SC_PAGESIZE);
+}
+
+// "times_walk": reading into a data set, beside making and deleting every record. "memory_to_file": what it occupies
+// then, against the length of the file.
+void ReadAgainstWalk(benchmark::State& state) {
+  const long features = state.range(0) * 1000 * 1000 / kBytesEach;
+  const std::string& path = FileOf(features);
+  const long residentBefore = ResidentBytes();
+  std::vector<double> ratios;
+  double memory = 0;
+  const auto once = [&] {
+    const double walk = CpuSeconds([&] { bench::Walk(path, features); });
+    CKespFile survey;
+    Open(survey, path, true);
+    const double read = CpuSeconds([&] { Read(survey); });
+    if (memory == 0) memory = static_cast<double>(ResidentBytes() - residentBefore);
+    ratios.push_back(read / walk);
+    state.SetIterationTime(read);
+  };
+  once();  // the first one also touches the memory that the others use again
+  ratios.clear();
+  for (auto _ : state) once();
+  state.counters["times_walk"] = bench::Median(ratios);
+  state.counters["memory_to_file"] = memory / static_cast<double>(std::filesystem::file_size(path));
+  state.SetItemsProcessed(state.iterations() * features * kRecordsEach);
+}
+BENCHMARK(ReadAgainstWalk)->ArgName("MB")->Arg(200)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+using Surveys = std::vector<std::unique_ptr<CKespFile>>;
+
+// As many surveys of a file as make two million records: the processor's caches hold no more of the next short one
+// than of the rest of the long one.
+Surveys OpenMany(long features) {
+  Surveys surveys;
+  for (long i = 0; i < kLong; i += features) {
+    surveys.push_back(std::make_unique<CKespFile>());
+    Open(*surveys.back(), FileOf(features), true);
+  }
+  return surveys;
+}
+
+double TimeOver(const Surveys& surveys, const std::function<void(CKespFile&)>& work) {
+  return CpuSeconds([&] {
+    for (const auto& survey : surveys) work(*survey);
+  });
+}
+
+// "long_to_short": the time that some work takes for each record of a long survey, against short ones.
+void TimePerRecord(benchmark::State& state, const std::function<void(CKespFile&)>& work) {
+  const Surveys longOnes = OpenMany(kLong);
+  const Surveys shortOnes = OpenMany(kShort);
+  TimeOver(longOnes, Read);
+  TimeOver(shortOnes, Read);
+  std::vector<double> ratios;
+  for (auto _ : state) {
+    const double inLong = TimeOver(longOnes, work);
+    ratios.push_back(inLong / TimeOver(shortOnes, work));
+    state.SetIterationTime(inLong / (kLong * kRecordsEach));
+  }
+  state.counters["long_to_short"] = bench::Median(ratios);
+}
+
+// The same for reading, into new memory each time, of which the pool has some left from the time before.
+void ReadPerRecord(benchmark::State& state) {
+  std::vector<double> ratios;
+  for (auto _ : state) {
+    const auto timeOf = [](long features) { return TimeOver(OpenMany(features), Read); };
+    const double inLong = timeOf(kLong);
+    ratios.push_back(inLong / timeOf(kShort));
+    state.SetIterationTime(inLong / (kLong * kRecordsEach));
+  }
+  state.counters["long_to_short"] = bench::Median(ratios);
+}
+BENCHMARK(ReadPerRecord)->Iterations(3)->UseManualTime()->Unit(benchmark::kNanosecond);
+
+template <class Query>
+std::function<void(CKespFile&)> Asking(Query query) {
+  return [query](CKespFile& survey) {
+    int count = 0;
+    ErrorEnum error = ERR_NONE;
+    const auto* const found = query(survey, count, error);
+    benchmark::DoNotOptimize(found);
+    delete[] found;
+  };
+}
+
+const auto kRegistered = [] {
+  const auto add = [](const std::string& name, const std::function<void(CKespFile&)>& work) {
+    benchmark::RegisterBenchmark(("TimePerRecord/" + name).c_str(),
+                                 [work](benchmark::State& state) { TimePerRecord(state, work); })
+        ->Iterations(5)
+        ->UseManualTime()
+        ->Unit(benchmark::kNanosecond);
+  };
+  add("summary", [](CKespFile& survey) {
+    unsigned long points = 0;
+    unsigned long features = 0;
+    CBoundingBox extent;
+    CTime first;
+    CTime last;
+    CString text;
+    survey.GetKespDataSummary(points, features, extent, first, last, text);
+    benchmark::DoNotOptimize(points);
+  });
+  add("records_by_flags", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+        return survey.GetRecordsWhereFlags(LOGIC_ANY, 2, count, error);
+      }));
+  add("features_by_type", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+        return survey.GetFeaturesWhereType(LOGIC_EQUAL, KESP_FEATURE_LINE, count, error);
+      }));
+  add("features_by_name", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+        return survey.GetFeaturesWhereName(LOGIC_ALL, u"77", count, error);
+      }));
+  add("features_by_number", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+        return survey.GetFeaturesWhereAttribute(u"girth_cm", LOGIC_LESS, 50.0, count, error);
+      }));
+  add("features_by_text", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+        return survey.GetFeaturesWhereAttribute(u"state", LOGIC_EQUAL, CString(u"SOUND"), count, error);
+      }));
+  return 0;
+}();
+
+// "long_to_short" of deleting one feature in a thousand, each with its 14 points and attributes, on disk.
+void DeleteOneInAThousand(benchmark::State& state) {
+  const bench::ScratchFolder folder("/dev/shm");
+  const auto timeOf = [&](long features) {
+    const std::string path = folder / std::to_string(features);
+    std::filesystem::copy_file(FileOf(features), path, std::filesystem::copy_options::overwrite_existing);
+    CKespFile survey;
+    Open(survey, path, false);
+    Read(survey);
+    std::vector<CKespFeature*> chosen;
+    for (unsigned long number = 500; number < static_cast<unsigned long>(features); number += 1000) {
+      CKespFeature* feature = nullptr;
+      if (survey.GetFeature(number, feature) == ERR_NONE) chosen.push_back(feature);
+    }
+    const double seconds = CpuSeconds([&] {
+      for (CKespFeature* feature : chosen) survey.DeleteFeatureAndAssociatedRec(feature);
+    });
+    return seconds / static_cast<double>(chosen.size());
+  };
+  std::vector<double> ratios;
+  for (auto _ : state) {
+    const double inLong = timeOf(kLong);
+    double inShort = 0;
+    for (int i = 0; i < 20; ++i) inShort += timeOf(8 * kShort) / 20;  // ten features at a time
+    ratios.push_back(inLong / inShort);
+    state.SetIterationTime(inLong);
+  }
+  state.counters["long_to_short"] = bench::Median(ratios);
+}
+BENCHMARK(DeleteOneInAThousand)->Iterations(3)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
