@@ -28,8 +28,9 @@
 //
 // Errors: every operation answers an ErrorEnum. The writers don't look at the answers of single appends and rewrites;
 // m_pDataFile->GetSystemError() tells whether any of them failed since the file was opened. CMemoryException and
-// std::bad_alloc get out, and so does, from whatever reads records, the CFileException of a version-1 feature that is
-// cut short; the data set then holds what it had read by then.
+// std::bad_alloc get out, and so does a CFileException: from whatever reads records when a version-1 feature is cut
+// short, the data set holding what it had read by then, and from CloseKesp and DeleteFeatureAndAssociatedRec when the
+// system can't bring everything to the disk.
 //
 // One thread at a time.
 #pragma once

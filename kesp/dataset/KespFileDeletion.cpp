@@ -50,7 +50,7 @@ ErrorEnum CKespFile::DeleteFeatureAndAssociatedRec(CKespFeature* feature) {
 // Takes the point out of everything that refers to it, marks it deleted on disk and deletes it.
 void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, int index) {
   feature.RemovePoint(index);
-  const std::unique_ptr<CKespPoint> own(point);
+  const std::unique_ptr<CKespPoint> own(point);  // cppcheck-suppress unreadVariable
   MarkDeletedOnDisk(*point);
   if (m_numPoints != 0) --m_numPoints;
   CKespPoint* indexed = nullptr;

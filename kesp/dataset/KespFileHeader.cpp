@@ -56,6 +56,7 @@ ErrorEnum CKespFile::UpdateKespHeader(CString text1, CString text2, CString text
   return ERR_NONE;
 }
 
+// cppcheck-suppress passedByValue
 ErrorEnum CKespFile::UpdateKespHeaderVersion1(CString bmcText, CBoundingBox extent) {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   // Found among the stored notes by its first four characters.

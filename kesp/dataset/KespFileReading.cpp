@@ -160,9 +160,10 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
 
   std::unique_ptr<CKespRecord> next(m_pDataFile->ReadNextRecord(skipDeleted));
   if (!next || next->m_recordType != KESP_RECORD_HEADER) return ERR_NO_HEADER;
-  m_ownRecords.push_back(next.get());
-  const auto* const header = static_cast<const CKespTavoHeader*>(next.release());
+  m_ownRecords.push_back(nullptr);
+  m_ownRecords.back() = next.release();
   m_recordList.AddTail(m_ownRecords.back());
+  const auto* const header = static_cast<const CKespTavoHeader*>(m_ownRecords.back());
   if (std::fabs(header->ExtentMinX - header->ExtentMaxX) > kSmallestExtent &&
       std::fabs(header->ExtentMinY - header->ExtentMaxY) > kSmallestExtent) {
     m_extent.Set(header->ExtentMinX, header->ExtentMaxX, header->ExtentMinY, header->ExtentMaxY);

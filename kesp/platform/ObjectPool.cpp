@@ -187,6 +187,7 @@ void PoolFree(void* block, std::size_t size) noexcept {
   auto* const chunk = reinterpret_cast<Chunk*>(reinterpret_cast<std::uintptr_t>(block) & ~(kChunkSize - 1));
   Pool& pool = ThePool();
   const MaybeLock lock(pool.mutex);
+  // cppcheck-suppress constVariable
   SizeClass& sizeClass = pool.sizes[chunk->which];
   chunk->free = new (block) FreeBlock{chunk->free};
   --chunk->live;
