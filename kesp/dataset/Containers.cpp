@@ -5,7 +5,9 @@
 
 namespace kesp {
 
-std::uint64_t ProcessSeed() noexcept {
+namespace {
+
+std::uint64_t MakeSeed() noexcept {
   // Without a source of randomness the maps are still right, only predictable.
   try {
     std::random_device device;
@@ -13,6 +15,14 @@ std::uint64_t ProcessSeed() noexcept {
   } catch (const std::exception&) {
     return 0x9E3779B97F4A7C15U;
   }
+}
+
+}  // namespace
+
+std::uint64_t ProcessSeed() noexcept {
+  // Kept here and not in the header: a host with hidden visibility has a copy of its own of what is inline there.
+  static const std::uint64_t seed = MakeSeed();
+  return seed;
 }
 
 void RecordList::AddTail(CKespRecord* record) {

@@ -248,7 +248,7 @@ class KESP_EXPORT CKespFile {
   void ClearStorage();
   bool ProcessTag(CKespTag* tag);
   bool AddFeatureLink(const CKespFeatureLink& link);
-  bool ReadKespHeaderVersion1(CKespRecord** next);
+  bool ReadKespHeaderVersion1(CKespRecord** next, bool skipDeleted);
   ErrorEnum CheckTavoFileIntegrity();
   ErrorEnum CheckFileOpenIfClosed(bool& wasOpen, CString path);
   CKespFeature* GetKespFeature(CKespPoint* point) const;

@@ -172,7 +172,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
 
   if (header->m_recordVersion == 1) {
     CKespRecord* behindNotes = nullptr;
-    const bool good = ReadKespHeaderVersion1(&behindNotes);
+    const bool good = ReadKespHeaderVersion1(&behindNotes, skipDeleted);
     next.reset(behindNotes);
     if (!good) return ERR_BAD_VERSION1_HEADER;
   } else {
@@ -274,10 +274,10 @@ bool CKespFile::FileRecord(CKespRecord* record, Reading& reading) {
   }
 }
 
-bool CKespFile::ReadKespHeaderVersion1(CKespRecord** next) {
+bool CKespFile::ReadKespHeaderVersion1(CKespRecord** next, bool skipDeleted) {
   *next = nullptr;
   m_extent.Invalidate();  // an extent in the header itself never counts in such a file
-  const auto read = [this] { return std::unique_ptr<CKespRecord>(m_pDataFile->ReadNextRecord(true)); };
+  const auto read = [&] { return std::unique_ptr<CKespRecord>(m_pDataFile->ReadNextRecord(skipDeleted)); };
   const auto cleanEnd = [this] { return m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF; };
 
   std::unique_ptr<CKespRecord> record = read();

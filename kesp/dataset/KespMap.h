@@ -1,6 +1,6 @@
-// The hash map of the data set. Its iteration order is a promise, since queries and summaries follow it: 17 buckets
-// from first to last, the bucket of a key being its hash word shifted right by 4, modulo 17; in a bucket the newest key
-// comes first; setting a key that is there replaces its value in place.
+// The hash map of the data set. Its iteration order is a promise, since summaries, validation and hosts follow it: 17
+// buckets from first to last, the bucket of a key being its hash word shifted right by 4, modulo 17; in a bucket the
+// newest key comes first; setting a key that is there replaces its value in place.
 //
 //   for (const auto& entry : file.m_featureIndex) Show(entry.key, *entry.value);
 //
