@@ -258,7 +258,6 @@ class KESP_EXPORT CKespFile {
   friend struct CKespFileTestAccess;
 
   ErrorEnum OpenWith(const CString& path, CString& message, bool readOnly);
-  bool IsFileOpen() const noexcept { return m_pDataFile != nullptr && m_pDataFile->IsOpen(); }
   // What the reader keeps in mind from record to record.
   struct Reading {
     CKespFeature* lastFeature = nullptr;   // records of one feature follow one another

@@ -92,7 +92,13 @@ ErrorEnum CKespFile::ValidateKesp(CString path, CString& /*message*/) {
   bool wasOpen = false;
   const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
   if (opened != ERR_NONE) return opened;
-  const ErrorEnum checked = CheckTavoFileIntegrity();
+  ErrorEnum checked = ERR_NONE;
+  try {
+    checked = CheckTavoFileIntegrity();
+  } catch (...) {
+    if (!wasOpen) (void)m_pDataFile->Close();
+    throw;
+  }
   if (wasOpen) return checked;
   const ErrorEnum closed = CloseKesp();
   return checked != ERR_NONE ? checked : closed;

@@ -116,8 +116,13 @@ ErrorEnum CKespFile::CloseKesp() {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_NONE;
   if (m_pDataFile->m_file.IsWritable()) {
-    (void)SetCleanKespClose(true);
-    m_pDataFile->Flush();
+    try {
+      (void)SetCleanKespClose(true);
+      m_pDataFile->Flush();
+    } catch (...) {
+      (void)m_pDataFile->Close();  // or nobody could open the file any more
+      throw;
+    }
   }
   (void)m_pDataFile->Close();
   return ERR_NONE;
@@ -181,7 +186,8 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   if (!next && m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF) return ERR_NONE;
 
   // Room for what a file of this length holds as a rule.
-  const auto fileLength = static_cast<std::size_t>(m_pDataFile->m_file.KnownLength());
+  constexpr std::uint64_t kFarthestLook = std::uint64_t{256} << 20;  // a file may be long and hold little
+  const auto fileLength = static_cast<std::size_t>(std::min(m_pDataFile->m_file.KnownLength(), kFarthestLook));
   m_recordList.Reserve(fileLength / 512);
   m_pointIndex.Reserve(fileLength / 768);
   Reading reading;
