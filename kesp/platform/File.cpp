@@ -16,6 +16,7 @@
 namespace {
 
 constexpr unsigned kNewFileMode = 0666;  // less the process's umask
+constexpr std::size_t kCopyAtOnce = std::size_t{1} << 30;
 constexpr std::uint64_t kLargestOffset = std::numeric_limits<std::int64_t>::max();
 
 // What a call answers once no signal interrupts it any more.
@@ -362,14 +363,38 @@ void CFile::TouchModified() noexcept {
 }
 
 bool CFile::IsSameFile(const CString& path) const {
+  if (m_fd < 0) return false;
   struct stat mine {};
   struct stat other {};
-  return m_fd >= 0 && kesp::System().FileStat(m_fd, &mine) == 0 &&
-         kesp::System().Stat(path.ToPathBytes().c_str(), &other) == 0 && mine.st_dev == other.st_dev &&
-         mine.st_ino == other.st_ino;
+  const std::string name = path.ToPathBytes();
+  if (Uninterrupted([&] { return kesp::System().Stat(name.c_str(), &other); }) != 0) {
+    return errno != ENOENT && errno != ENOTDIR;
+  }
+  return StatRetrying(m_fd, mine) != 0 || (mine.st_dev == other.st_dev && mine.st_ino == other.st_ino);
 }
 
 void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
+  RequireOpen();
+  source.RequireOpen();
+  CommitGathered();
+  source.CommitGathered();
+  if (!m_writable) throw CFileException(CFileException::accessDenied, m_path);
+  if (m_syncFailed) Raise(EIO);
+  // The system copies between its own pages, where it can; whatever keeps it from that, reading and writing go on from
+  // there and say what is wrong, if anything is.
+  for (;;) {
+    if (m_position > kLargestOffset || source.m_position > kLargestOffset) break;
+    const ssize_t copied = Uninterrupted([&] {
+      return kesp::System().CopyRange(source.m_fd, static_cast<std::int64_t>(source.m_position), m_fd,
+                                      static_cast<std::int64_t>(m_position), kCopyAtOnce);
+    });
+    if (copied <= 0) break;
+    m_position += static_cast<std::uint64_t>(copied);
+    source.m_position += static_cast<std::uint64_t>(copied);
+    m_length = std::max(m_length, m_position);
+    source.m_length = std::max(source.m_length, source.m_position);
+    m_bufferSize = 0;
+  }
   const auto block = std::make_unique_for_overwrite<std::byte[]>(blockSize);
   while (const std::size_t count = source.Read(block.get(), blockSize)) Write(block.get(), count);
 }

@@ -97,9 +97,11 @@ class KESP_EXPORT CFile {
   void Flush();
   // The modification time becomes now; a failure is ignored.
   void TouchModified() noexcept;
-  // Whether the path leads to the very file that is open, by whatever name or link. False on a closed object.
+  // Whether the path leads to the very file that is open, by whatever name or link. Also when the system can't say,
+  // since those who ask are about to empty what is there. False on a closed object.
   bool IsSameFile(const CString& path) const;
-  // Writes all that the source holds from its position on, `blockSize` bytes at a time at the most.
+  // Writes all that the source holds from its position on, and leaves the source at its end. The system moves the bytes
+  // where it can; else they are read and written, `blockSize` at a time at the most.
   void CopyFrom(CFile& source, std::size_t blockSize);
   // The system's error number of the last failure since the file was opened, also where a record swallowed the
   // exception; 0 without one.

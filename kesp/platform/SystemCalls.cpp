@@ -28,6 +28,9 @@ ssize_t SystemCalls::Read(int fd, void* to, std::size_t count, std::int64_t offs
 ssize_t SystemCalls::Write(int fd, const void* from, std::size_t count, std::int64_t offset) {
   return ::pwrite(fd, from, count, offset);
 }
+ssize_t SystemCalls::CopyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset, std::size_t count) {
+  return ::copy_file_range(from, &fromOffset, to, &toOffset, count, 0);
+}
 int SystemCalls::Truncate(int fd, std::int64_t length) { return ::ftruncate(fd, length); }
 int SystemCalls::DataSync(int fd) { return ::fdatasync(fd); }
 int SystemCalls::FullSync(int fd) { return ::fsync(fd); }

@@ -24,6 +24,8 @@ class SystemCalls {
   virtual int Lock(int fd, int operation);  // flock
   virtual ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset);
   virtual ssize_t Write(int fd, const void* from, std::size_t count, std::int64_t offset);
+  // copy_file_range: the system moves the bytes itself, or shares them.
+  virtual ssize_t CopyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset, std::size_t count);
   virtual int Truncate(int fd, std::int64_t length);
   virtual int DataSync(int fd);
   virtual int FullSync(int fd);       // for directories

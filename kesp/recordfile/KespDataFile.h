@@ -154,6 +154,7 @@ class KESP_EXPORT CKespDataFile {
  private:
   bool OpenWith(const CString& path, unsigned openFlags);
   bool ReadFileHeader();
+  bool Rebuild(const CString& destination, unsigned short kespVersion);
   bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);
   void ReopenAfterPowerEvent();

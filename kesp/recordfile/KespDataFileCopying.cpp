@@ -1,34 +1,14 @@
 // Copies of whole files: byte by byte, and rebuilt record by record, which is also the way to repair a damaged one.
-#include <algorithm>
 #include <memory>
-#include <vector>
+#include <utility>
 
 #include "kesp/recordfile/FileHeader.h"
 #include "kesp/recordfile/KespDataFile.h"
-#include "kesp/recordfile/RecordHeader.h"
-#include "kesp/records/KespTag.h"
+#include "kesp/recordfile/RebuiltFile.h"
 
 namespace {
 
-constexpr std::size_t kCopyBlock = 1024 * 1024;
-constexpr std::size_t kWriteBlock = 64 * 1024;  // rebuilt records that are written at once
-constexpr unsigned short kNewestCopyVersion = 2;
-
-// The body of a tag without a block is its two numbers. Write refuses such a tag, since a new one has nothing to say
-// either; one that stands in a file is kept.
-bool WriteCopiedBody(CFile& destination, CKespRecord& record, unsigned short version) {
-  if (record.m_recordType == KESP_RECORD_TAG) {
-    const auto& tag = static_cast<const CKespTag&>(record);
-    if (tag.m_dataLength == 0 && tag.m_pData == nullptr) {
-      std::byte body[8];
-      kesp::StoreLittle(body, std::uint32_t{tag.m_tagType});
-      kesp::StoreLittle(body + 4, tag.m_dataLength);
-      destination.Write(body, sizeof body);
-      return true;
-    }
-  }
-  return record.Write(destination, KESP_SRC_ADDED, version);
-}
+constexpr std::size_t kCopyBlock = std::size_t{1024} * 1024;
 
 }  // namespace
 
@@ -44,6 +24,12 @@ bool CKespDataFile::Copy(const CString& destination) {
     return false;
   }
   const auto giveUp = [&] {
+    try {
+      // Emptied as well, for where the path is one of several names of the file.
+      if (out.IsOpen()) out.SetLength(0);
+    } catch (const CFileException&) {
+      // Deleting it is what counts.
+    }
     out.Abort();
     try {
       CFile::Remove(destination);
@@ -64,81 +50,57 @@ bool CKespDataFile::Copy(const CString& destination) {
   } catch (const CFileException& e) {
     NoteFailure(e);
     return giveUp();
+  } catch (const std::exception&) {
+    return giveUp();  // out of memory
   }
 }
 
 bool CKespDataFile::CopyVerify(const CString& destination, unsigned short kespVersion) {
   if (!IsOpen() || m_file.IsSameFile(destination)) return false;
-  CFile out;
-  CFileException failure(CFileException::none, destination);
-  const unsigned short version =
-      kespVersion == 0 || kespVersion > kNewestCopyVersion ? kNewestCopyVersion : kespVersion;
+  // What failed before is no failure of this walk.
+  const int earlierFailure = std::exchange(m_systemError, 0);
+  const bool good = Rebuild(destination, kespVersion);
+  if (earlierFailure != 0) m_systemError = earlierFailure;
+  return good;
+}
+
+bool CKespDataFile::Rebuild(const CString& destination, unsigned short kespVersion) {
   try {
     m_file.Flush();
-    if (!out.Open(destination, CFile::modeCreate | CFile::modeReadWrite | CFile::shareDenyWrite, &failure)) {
-      throw failure;
-    }
-    CFile::Gather gather(out);
-    const auto finish = [&] {
-      gather.Commit();
-      out.Flush();
-      out.Close();
-    };
+    kesp::RebuiltFile out(destination, kespVersion);
     try {
       // The header goes over as it is, whatever version is asked for, and the records are taken to begin behind it:
       // an application header between the two is not copied.
       m_file.SeekToBegin();
-      const std::span<const std::byte> header = m_file.ReadView(kesp::kFileHeaderSize);
-      out.Write(header.data(), header.size());
+      out.PutFileHeader(m_file.ReadView(kesp::kFileHeaderSize));
 
-      m_systemError = 0;
-      std::size_t pending = 0;
-      for (;;) {
-        const std::uint64_t start = m_file.GetPosition();
-        KESP_RECORD_TYPE type = KESP_RECORD_NONE;
-        unsigned short foundVersion = 0;
-        std::uint32_t flags = 0;
-        std::uint32_t length = 0;
-        if (!ReadNextRecordHeader(type, foundVersion, flags, length)) break;
-        m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-        const std::unique_ptr<CKespRecord> record(ReadNextRecord(true));
-        if (!record) break;
-
-        // The length is the one of record version `version`, and the body is in the version that belongs to the file
-        // version: for features and attributes of file version 2 the two differ. Readers go by the layout.
-        const unsigned short bodyVersion = record->GetRecordVersionFromKespVersion(version);
-        const auto recordHeader = kesp::EncodeRecordHeader({record->m_recordType, bodyVersion, record->m_flags,
-                                                            static_cast<std::uint32_t>(record->GetLength(version))});
-        const std::uint64_t before = out.GetPosition();
-        out.Write(recordHeader.data(), recordHeader.size());
-        if (!WriteCopiedBody(out, *record, bodyVersion)) {
-          m_error = record->GetError();
-          gather.Commit();
-          out.Close();
-          return false;
-        }
-        pending += static_cast<std::size_t>(out.GetPosition() - before);
-        if (pending >= kWriteBlock) {
-          gather.Commit();
-          pending = 0;
-        }
+      m_error = KESP_ERROR_NONE;
+      // A walk that ends without a code, as where a class refuses a body for its version, ends the rebuild too.
+      while (const std::unique_ptr<CKespRecord> record{ReadNextRecord(true)}) {
+        if (out.Put(*record)) continue;
+        m_error = record->GetError();
+        out.Leave();
+        return false;
       }
-      finish();
+      out.Finish();
       // What ended the walk is in m_error, a failure of the system excepted: the rest might be read another time.
-      return m_systemError == 0;
+      return m_error != KESP_ERROR_NONE || m_systemError == 0;
     } catch (const CFileException& e) {
       NoteFailure(e);
-      finish();  // what was read stays
+      out.Finish();  // what was read stays
       return false;
     }
   } catch (const CFileException& e) {
     NoteFailure(e);
     return false;
+  } catch (const std::exception&) {
+    return false;  // out of memory
   }
 }
 
 bool CKespDataFile::CopyVerify(const CString& source, const CString& destination, unsigned short kespVersion) {
   (void)Close();
+  m_systemError = 0;
   CFileException failure(CFileException::none, source);
   if (!m_file.Open(source, CFile::modeReadWrite | CFile::shareExclusive, &failure)) {
     NoteFailure(failure);

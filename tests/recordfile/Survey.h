@@ -70,10 +70,42 @@ inline Walked Walk(const std::filesystem::path& path, bool skipDeleted = false) 
   return WalkOn(file, skipDeleted);
 }
 
+// Spares the disk where what is on it is not at stake.
+struct IdleDisk : SystemCalls {
+  IdleDisk() { SetSystemCalls(this); }
+  ~IdleDisk() override { SetSystemCalls(nullptr); }
+  int DataSync(int) override { return 0; }
+  int FullSync(int) override { return 0; }
+};
+
 inline CKespFeatureEnd End(std::uint32_t feature) {
   CKespFeatureEnd end;
   end.FeatureNumber = feature;
   return end;
 }
+// And as it stands in the file: 18 bytes.
+inline ByteVector EndOf(std::uint32_t feature, std::uint32_t flags = 0) {
+  return Record(4, 1, flags, EndBody(feature));
+}
+
+// A test with a file of its own.
+class OneFile : public testing::Test {
+ protected:
+  void Put(const ByteVector& records) {
+    file.Close();
+    WriteFile(path, FileHeader() + records);
+  }
+  void Open(const ByteVector& records, bool readOnly = false) {
+    Put(records);
+    ASSERT_TRUE(readOnly ? file.OpenReadOnly(Text(path)) : file.Open(Text(path)));
+  }
+  ByteVector Records() const {  // what stands behind the file's header
+    const ByteVector bytes = ReadFile(path);
+    return {bytes.begin() + kFirst, bytes.end()};
+  }
+  const TempDir dir;
+  const std::filesystem::path path = dir / "a.kesp";
+  CKespDataFile file;
+};
 
 }  // namespace kesp::test

@@ -66,6 +66,10 @@ class FaultySystem : public SystemCalls {
     if (Fails("write", true)) return -1;
     return SystemCalls::Write(fd, from, m_short ? (count + 1) / 2 : count, offset);
   }
+  ssize_t CopyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset, std::size_t count) override {
+    if (Fails("copy_file_range", true)) return -1;
+    return SystemCalls::CopyRange(from, fromOffset, to, toOffset, m_short ? (count + 1) / 2 : count);
+  }
   int Truncate(int fd, std::int64_t length) override {
     return Fails("truncate", true) ? -1 : SystemCalls::Truncate(fd, length);
   }

@@ -1,0 +1,412 @@
+#include "kesp/recordfile/Salvage.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <memory>
+#include <optional>
+#include <span>
+#include <utility>
+
+#include "kesp/recordfile/FileHeader.h"
+#include "kesp/recordfile/KespDataFile.h"
+#include "kesp/recordfile/RebuiltFile.h"
+#include "kesp/recordfile/RecordHeader.h"
+#include "kesp/records/KespAttribute.h"
+#include "kesp/records/KespFeature.h"
+#include "kesp/records/KespFeatureEnd.h"
+#include "kesp/records/KespNote.h"
+#include "kesp/records/KespPoint.h"
+#include "kesp/records/KespTag.h"
+#include "kesp/records/KespTavoHeader.h"
+
+namespace kesp {
+namespace {
+
+constexpr std::uint32_t kKnownFlags = 0x1FFF;    // every KESP_FLAG
+constexpr std::uint32_t kTypes = 10;             // known types are below
+constexpr std::uint32_t kFirstRefusedType = 10;  // to 14
+constexpr std::uint32_t kLastRefusedType = 14;
+constexpr std::size_t kTagFixed = 8;  // kind and block length, in front of the block
+constexpr std::size_t kVersions = 4;  // versions 1 to 3; 0 is none
+
+// Which body lengths a type and version has.
+struct TypeLengths {
+  unsigned short newest = 0;  // 0: no known type
+  std::array<std::uint32_t, kVersions> length{};
+};
+
+template <class Record>
+TypeLengths LengthsOf() {
+  Record record;
+  TypeLengths lengths;
+  lengths.newest = record.m_recordVersion;
+  for (unsigned short v = 1; v <= lengths.newest; ++v) {
+    lengths.length[v] = static_cast<std::uint32_t>(record.GetLength(v));
+  }
+  return lengths;
+}
+
+const TypeLengths& LengthsOfType(std::uint32_t type) {
+  static const std::array<TypeLengths, kTypes> kAll = [] {
+    std::array<TypeLengths, kTypes> all;
+    all[KESP_RECORD_FEATURE] = LengthsOf<CKespFeature>();
+    all[KESP_RECORD_POINT] = LengthsOf<CKespPoint>();
+    all[KESP_RECORD_HEADER] = LengthsOf<CKespTavoHeader>();
+    all[KESP_RECORD_FEATURE_END] = LengthsOf<CKespFeatureEnd>();
+    all[KESP_RECORD_ATTRIBUTE] = LengthsOf<CKespAttribute>();
+    all[KESP_RECORD_NOTE] = LengthsOf<CKespNote>();
+    all[KESP_RECORD_TAG] = LengthsOf<CKespTag>();
+    return all;
+  }();
+  return kAll[type < kTypes ? type : KESP_RECORD_NONE];
+}
+
+// What can be told of a body besides its length: where its texts, its finite numbers and its number of few values
+// stand. The offsets are those of the record classes.
+struct TextField {
+  std::uint16_t offset;
+  std::uint16_t units;
+};
+struct BodyShape {
+  std::uint32_t type;
+  std::uint16_t version;
+  std::uint16_t unitWidth;  // bytes
+  std::array<TextField, 10> texts;
+  std::array<std::uint16_t, 8> numbers;  // doubles; 0 for none
+  std::uint16_t choice;                  // 16 bits; 0 for none
+  std::uint16_t choices;                 // its highest value, the lowest being 1
+};
+// clang-format off
+constexpr BodyShape kShapes[] = {
+    {KESP_RECORD_FEATURE, 1, 1, {{{4, 22}}}, {}, 26, 3},
+    {KESP_RECORD_FEATURE, 2, 2, {{{4, 21}}}, {}, 46, 3},
+    {KESP_RECORD_FEATURE, 3, 2, {{{4, 256}}}, {}, 516, 3},
+    {KESP_RECORD_POINT, 1, 1, {{{8, 22}}}, {34, 42, 50, 58}, 0, 0},
+    {KESP_RECORD_POINT, 2, 2, {{{8, 21}}}, {54, 62, 70, 78, 92, 100}, 0, 0},
+    {KESP_RECORD_HEADER, 1, 1, {{{10, 21}, {31, 256}, {287, 256}, {543, 256}, {799, 128}}}, {}, 0, 0},
+    {KESP_RECORD_HEADER, 2, 2, {{{10, 21}, {52, 256}, {564, 256}, {1076, 256}, {1588, 128}, {1844, 256}, {2356, 256},
+                                 {2956, 21}, {3002, 256}, {3518, 256}}},
+     {2872, 2880, 2888, 2896, 2904, 2912, 2920, 2928}, 0, 0},
+    {KESP_RECORD_ATTRIBUTE, 1, 1, {{{4, 22}, {28, 41}, {69, 21}, {116, 22}}}, {90, 98, 106}, 26, 5},
+    {KESP_RECORD_ATTRIBUTE, 2, 2, {{{4, 21}, {48, 41}, {130, 21}, {198, 21}}}, {172, 180, 188}, 46, 5},
+    {KESP_RECORD_ATTRIBUTE, 3, 2, {{{4, 256}, {518, 256}, {1030, 256}, {1568, 64}}},
+     {1542, 1550, 1558, 1696, 1704}, 516, 5},
+    {KESP_RECORD_NOTE, 1, 1, {{{0, 256}}}, {}, 0, 0},
+    {KESP_RECORD_NOTE, 2, 2, {{{0, 256}}}, {}, 0, 0},
+};
+// clang-format on
+
+// A text that ends inside its field, with nothing but zeros behind the end.
+bool IsPossibleText(std::span<const std::byte> field, std::size_t unitWidth) {
+  const auto isZero = [&](std::size_t i) {
+    return std::all_of(field.begin() + static_cast<std::ptrdiff_t>(i),
+                       field.begin() + static_cast<std::ptrdiff_t>(i + unitWidth),
+                       [](std::byte b) { return b == std::byte{0}; });
+  };
+  std::size_t end = 0;
+  while (end < field.size() && !isZero(end)) end += unitWidth;
+  if (end == field.size()) return false;
+  while (end < field.size() && isZero(end)) end += unitWidth;
+  return end == field.size();
+}
+
+bool IsPossibleBody(std::uint32_t type, std::uint16_t version, std::span<const std::byte> body) {
+  for (const BodyShape& shape : kShapes) {
+    if (shape.type != type || shape.version != version) continue;
+    for (const TextField& text : shape.texts) {
+      const std::size_t size = std::size_t{text.units} * shape.unitWidth;
+      if (size != 0 && !IsPossibleText(body.subspan(text.offset, size), shape.unitWidth)) return false;
+    }
+    for (const std::uint16_t number : shape.numbers) {
+      const auto value = std::bit_cast<double>(LoadLittle<std::uint64_t>(body.data() + number));
+      if (number != 0 && !std::isfinite(value)) return false;
+    }
+    if (shape.choices == 0) return true;
+    const auto choice = LoadLittle<std::uint16_t>(body.data() + shape.choice);
+    return choice >= 1 && choice <= shape.choices;
+  }
+  return true;  // a feature end: any number will do
+}
+
+RecordHeader DecodeHeader(std::span<const std::byte> bytes) {
+  RecordHeader header;
+  FieldReader reader(bytes);
+  DescribeRecordHeader(reader, header);
+  return header;
+}
+
+class Salvager {
+ public:
+  Salvager(CKespDataFile& source, RebuiltFile& out, SalvageReport& report)
+      : m_source(source), m_file(source.m_file), m_out(out), m_report(report), m_length(m_file.GetLength()) {}
+
+  // False when a record can't be written or the system can't read; raises what the file objects raise.
+  bool Run() {
+    m_position = m_source.m_firstRecordOffset;
+    for (;;) {
+      const Step step = Next();
+      if (step == Step::kFailed) return false;
+      if (step == Step::kEnd) return true;
+    }
+  }
+
+ private:
+  enum class Step { kGoOn, kEnd, kFailed };
+
+  std::span<const std::byte> View(std::uint64_t offset, std::size_t count) {
+    m_file.Seek(static_cast<std::int64_t>(offset), CFile::begin);
+    return m_file.ReadView(count);
+  }
+  bool Fits(std::uint64_t offset, std::uint64_t count) const {
+    return offset <= m_length && count <= m_length - offset;
+  }
+
+  // Whether the header of a known type and version has known flags, and the length that a body of that layout has.
+  // The layout's length, which is where the next record begins, is handed out.
+  bool IsExact(const RecordHeader& header, std::uint64_t offset, std::uint64_t& bodyLength) {
+    const TypeLengths& lengths = LengthsOfType(header.type);
+    if (header.version == 0 || header.version > lengths.newest || (header.flags & ~kKnownFlags) != 0) return false;
+    const std::uint64_t body = offset + kRecordHeaderSize;
+    if (header.type == KESP_RECORD_TAG) {
+      bodyLength = header.length;
+      if (header.length < kTagFixed || !Fits(body, header.length)) return false;
+      const auto fixed = View(body, kTagFixed);
+      return fixed.size() == kTagFixed &&
+             LoadLittle<std::uint32_t>(fixed.data() + 4) == header.length - static_cast<std::uint32_t>(kTagFixed);
+    }
+    bodyLength = lengths.length[header.version];
+    const bool isLengthOfVersion2 = header.version == 3 && header.length == lengths.length[2];
+    return (header.length == bodyLength || isLengthOfVersion2) && Fits(body, bodyLength);
+  }
+  bool IsExactAt(std::uint64_t offset, std::uint64_t& bodyLength) {
+    if (!Fits(offset, kRecordHeaderSize)) return false;
+    return IsExact(DecodeHeader(View(offset, kRecordHeaderSize)), offset, bodyLength);
+  }
+  bool IsEndOrExact(std::uint64_t offset) {
+    std::uint64_t ignored = 0;
+    return offset == m_length || IsExactAt(offset, ignored);
+  }
+  // Whether records go on at `offset`: the end, an exact header, or one of another kind with one of these behind it.
+  bool GoesOnAt(std::uint64_t offset) {
+    if (IsEndOrExact(offset)) return true;
+    if (!Fits(offset, kRecordHeaderSize)) return false;
+    const RecordHeader header = DecodeHeader(View(offset, kRecordHeaderSize));
+    const std::uint64_t body = offset + kRecordHeaderSize;
+    const bool isRefused = header.type == 0 || (header.type >= kFirstRefusedType && header.type <= kLastRefusedType);
+    if (isRefused || header.length == 0 || (header.flags & ~kKnownFlags) != 0) return false;
+    if (IsEndOrExact(body + header.length)) return true;
+    const std::uint32_t layout = LayoutLength(header);
+    return layout != 0 && IsEndOrExact(body + layout);
+  }
+  // Of a fixed layout that the walk reads; 0 for others.
+  static std::uint32_t LayoutLength(const RecordHeader& header) {
+    const TypeLengths& lengths = LengthsOfType(header.type);
+    if (header.type == KESP_RECORD_TAG || header.version > lengths.newest) return 0;
+    return lengths.length[header.version];
+  }
+
+  // One record where records are known to begin, or the search for the next such place.
+  Step Next() {
+    const std::uint64_t start = m_position;
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+    KESP_RECORD_TYPE type = KESP_RECORD_NONE;
+    RecordHeader header;
+    if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) {
+      if (m_source.GetError() == KESP_ERROR_NORMAL_EOF) return Step::kEnd;
+      return m_source.GetError() == KESP_ERROR_NONE ? Step::kFailed : Damage(start, m_source.GetError());
+    }
+    header.type = type;
+    const std::uint64_t body = start + kRecordHeaderSize;
+    const bool isDeleted = (header.flags & KESP_FLAG_DELETED) != 0;
+    const bool isRefused = type == KESP_RECORD_NONE || (type >= kFirstRefusedType && type <= kLastRefusedType);
+    const bool isKnown = LengthsOfType(type).newest != 0;
+    if (isDeleted || (!isKnown && !isRefused)) return PassOver(start, header, isDeleted);
+
+    std::uint64_t bodyLength = 0;
+    const bool isExact = IsExact(header, start, bodyLength);
+    // Half a record may have others behind it, where a writer was cut off and a later one appended. A tag's block may
+    // hold anything, and is believed.
+    std::optional<std::uint64_t> inside;
+    if (isExact && type != KESP_RECORD_TAG && !GoesOnAt(body + bodyLength)) {
+      inside = Find(body);
+      if (*inside >= body + bodyLength) inside.reset();
+      if (inside && m_damaged) return Skip(start, *inside, KESP_ERROR_RECORD_HEADER);
+    }
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+    std::unique_ptr<CKespRecord> record;
+    try {
+      record.reset(m_source.ReadNextRecord(false));
+    } catch (const CFileException& e) {
+      if (e.m_cause != CFileException::endOfFile) throw;
+      return Damage(start, KESP_ERROR_EOF);
+    }
+    if (!record) {
+      const KESP_ERROR_TYPE error = m_source.GetError();
+      if (error == KESP_ERROR_NONE && m_source.m_systemError != 0) return Step::kFailed;
+      // An impossible body behind a header that is as it should be: the next record is where it says.
+      if (isExact && GoesOnAt(body + bodyLength)) return Skip(start, body + bodyLength, error);
+      return Damage(start, error);
+    }
+    const std::uint64_t end = m_file.GetPosition();
+    if (!inside && (isExact || GoesOnAt(end))) return Keep(*record, end);
+    // The walk takes it and goes astray: up to there the copy has what the walk has.
+    if (m_damaged) return Damage(start, KESP_ERROR_RECORD_HEADER);
+    if (Keep(*record, end) == Step::kFailed) return Step::kFailed;
+    const std::uint64_t found = inside ? *inside : Find(body);
+    return Skip(found < end ? start : end, found, KESP_ERROR_RECORD_HEADER);
+  }
+
+  Step Keep(CKespRecord& record, std::uint64_t end) {
+    if (!m_out.Put(record)) return Step::kFailed;
+    ++m_report.kept;
+    m_position = end;
+    return Step::kGoOn;
+  }
+
+  // A record that the walk steps over, if it has the length that it states.
+  Step PassOver(std::uint64_t start, const RecordHeader& header, bool isDeleted) {
+    const std::uint64_t body = start + kRecordHeaderSize;
+    std::uint64_t& count = isDeleted ? m_report.deleted : m_report.unknown;
+    std::uint64_t bodyLength = 0;
+    const bool isExact = IsExact(header, start, bodyLength);
+    if (isExact && header.length != bodyLength && !GoesOnAt(body + header.length)) {
+      m_position = body + bodyLength;
+    } else if (isExact || GoesOnAt(body + header.length)) {
+      m_position = body + header.length;
+    } else {
+      // It may be the record before the damage, or a damaged header that leads astray: what is found decides.
+      const std::uint64_t end = body + header.length;
+      const std::uint64_t found = Find(start + 1);
+      m_damaged = true;
+      if (end <= found && end <= m_length) ++count;
+      const std::uint64_t from = end <= found && end <= m_length ? end : start;
+      NoteGap(from, found, KESP_ERROR_RECORD_HEADER);
+      m_position = found;
+      return Step::kGoOn;
+    }
+    ++count;
+    return Step::kGoOn;
+  }
+
+  Step Skip(std::uint64_t from, std::uint64_t to, KESP_ERROR_TYPE reason) {
+    m_damaged = true;
+    NoteGap(from, to, reason);
+    m_position = to;
+    return Step::kGoOn;
+  }
+
+  Step Damage(std::uint64_t offset, KESP_ERROR_TYPE reason) {
+    // Where not even the first record stands, the file header may have named a wrong place.
+    const bool isFirst = offset == m_source.m_firstRecordOffset && offset > kFileHeaderSize && m_report.kept == 0;
+    const std::uint64_t from = isFirst ? kFileHeaderSize : offset;
+    return Skip(from, Find(isFirst ? from : from + 1), reason);
+  }
+
+  void NoteGap(std::uint64_t from, std::uint64_t to, KESP_ERROR_TYPE reason) {
+    if (to <= from) return;
+    ++m_report.gapCount;
+    m_report.gapBytes += to - from;
+    if (m_report.gaps.size() < SalvageReport::kMostGaps) m_report.gaps.push_back({from, to - from, reason});
+  }
+
+  // Where the next record that leaves no doubt begins, from `offset` on; the end of the file without one.
+  std::uint64_t Find(std::uint64_t offset) {
+    while (Fits(offset, kRecordHeaderSize)) {
+      const std::span<const std::byte> bytes = View(offset, CFile::kMaxView);
+      if (bytes.size() < kRecordHeaderSize) break;
+      const std::size_t places = bytes.size() - kRecordHeaderSize + 1;
+      std::size_t i = 0;
+      while (i < places && !MayBegin(bytes.data() + i)) ++i;
+      offset += i;
+      if (i == places) continue;
+      if (IsCandidate(offset)) return offset;
+      ++offset;
+    }
+    return m_length;
+  }
+  // The little that most bytes fail at.
+  static bool MayBegin(const std::byte* at) {
+    const auto type = LoadLittle<std::uint32_t>(at);
+    if (type == 0 || type >= kTypes) return false;
+    const auto version = LoadLittle<std::uint16_t>(at + 4);
+    return version != 0 && version <= LengthsOfType(type).newest &&
+           (LoadLittle<std::uint32_t>(at + 6) & ~kKnownFlags) == 0;
+  }
+  bool IsCandidate(std::uint64_t offset) {
+    const RecordHeader header = DecodeHeader(View(offset, kRecordHeaderSize));
+    std::uint64_t bodyLength = 0;
+    if (!IsExact(header, offset, bodyLength)) return false;
+    const std::uint64_t body = offset + kRecordHeaderSize;
+    const bool isPossible =
+        header.type == KESP_RECORD_TAG
+            ? IsPossibleTag(body, header.length)
+            : IsPossibleBody(header.type, header.version, View(body, static_cast<std::size_t>(bodyLength)));
+    return isPossible && GoesOnAt(body + bodyLength);
+  }
+  // A tag's block is not read whole, however often one is looked at: its lengths, and the end of its name.
+  bool IsPossibleTag(std::uint64_t body, std::uint32_t length) {
+    const auto word = [&](std::uint64_t at) {
+      const auto bytes = View(at, 4);
+      return bytes.size() == 4 ? std::optional(LoadLittle<std::uint32_t>(bytes.data())) : std::nullopt;
+    };
+    const auto kind = word(body);
+    if (!kind || *kind > KESP_TAG_NAMED_FLAG) return false;
+    if (length == kTagFixed) return true;
+    const std::uint64_t block = body + kTagFixed;
+    const std::uint64_t blockLength = length - kTagFixed;
+    const auto nameBytes = word(block);
+    if (blockLength < 8 || !nameBytes || *nameBytes > blockLength - 8) return false;
+    const auto payload = word(block + 4 + *nameBytes);
+    if (!payload || *payload > blockLength - 8 - *nameBytes) return false;
+    if (*nameBytes < 2) return *nameBytes == 0;
+    const auto terminator = View(block + 4 + *nameBytes - 2, 2);
+    return terminator.size() == 2 && LoadLittle<std::uint16_t>(terminator.data()) == 0;
+  }
+
+  CKespDataFile& m_source;
+  CFile& m_file;
+  RebuiltFile& m_out;
+  SalvageReport& m_report;
+  std::uint64_t m_length;
+  std::uint64_t m_position = 0;
+  bool m_damaged = false;
+};
+
+}  // namespace
+
+bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
+  report = {};
+  if (!source.IsOpen() || source.m_file.IsSameFile(destination)) return false;
+  const int earlierFailure = std::exchange(source.m_systemError, 0);
+  const auto note = [&](const CFileException& failure) {
+    if (source.m_systemError == 0) source.m_systemError = failure.m_lOsError;
+  };
+  bool good = false;
+  try {
+    source.m_file.Flush();
+    RebuiltFile out(destination, kespVersion);
+    try {
+      source.m_file.SeekToBegin();
+      const auto view = source.m_file.ReadView(kFileHeaderSize);
+      std::array<std::byte, kFileHeaderSize> header{};
+      std::copy(view.begin(), view.end(), header.begin());
+      StoreLittle(header.data() + kHeaderLengthCountsFrom - 4, kOwnHeaderLength);
+      out.PutFileHeader(header);
+      good = Salvager(source, out, report).Run();
+    } catch (const CFileException& e) {
+      note(e);
+    }
+    out.Finish();  // what was read stays
+  } catch (const CFileException& e) {
+    note(e);
+    good = false;
+  } catch (const std::exception&) {
+    good = false;  // out of memory
+  }
+  if (earlierFailure != 0) source.m_systemError = earlierFailure;
+  return good;
+}
+
+}  // namespace kesp

@@ -1,0 +1,67 @@
+// Rebuilds a damaged file beyond its damage.
+//
+//   CKespDataFile file;
+//   if (!file.OpenReadOnly(L"broken.kesp")) return Complain(file.GetErrorString());
+//   kesp::SalvageReport report;
+//   if (!kesp::Salvage(file, L"salvaged.kesp", 2, report)) return Complain("can't be written");
+//   for (const kesp::SalvageGap& gap : report.gaps) Tell(gap.offset, gap.length);
+//
+// CKespDataFile::CopyVerify ends at the first damage; this goes on behind it. Up to there it takes the records that the
+// walk takes. Behind it, it looks byte by byte for the next record that leaves no doubt:
+//
+//   - a type, version and flags that are known, and the body length of just that type and version (in files made by
+//     CopyVerify, also the shorter length that it states for features and attributes); a tag's three lengths agree;
+//   - a body that can be: a feature's type 1 to 3, an attribute's kind 1 to 5, a tag's 0 to 13, finite numbers, and
+//     texts that end, with zeros behind their end;
+//   - right behind it the header of another record, or the end of the file.
+//
+// From there it walks on, and takes what has such a header, or a record behind it. So it may leave out a whole record
+// that has damage on both sides, rather than make one up. Only a record that somebody stored inside the block of a tag
+// may be mistaken for one of the file's own, and only where damage stands before it.
+//
+// Deleted records and those of unknown types are left out, as in CopyVerify, and records are written in the same way.
+// The file header keeps its version; an application header behind it is not copied, and the copy's header says so.
+//
+// Takes one pass; memory is that of the longest record, which is never longer than the file.
+#pragma once
+#include <cstdint>
+#include <vector>
+
+#include "kesp/platform/Export.h"
+#include "kesp/platform/String.h"
+#include "kesp/records/KespError.h"
+
+class CKespDataFile;
+
+namespace kesp {
+
+// A stretch of the source that makes no sense. At its beginning there may be a record that was kept all the same: the
+// one that the walk ends with, when what follows shows that it is not what it says.
+struct SalvageGap {
+  std::uint64_t offset;
+  std::uint64_t length;
+  // What the walk says there; KESP_ERROR_RECORD_HEADER also where it would have gone astray without a word. 0 for a
+  // body that its class refuses without a code.
+  KESP_ERROR_TYPE reason;
+};
+
+struct SalvageReport {
+  std::uint64_t kept = 0;     // records in the copy
+  std::uint64_t deleted = 0;  // records marked deleted, left out
+  std::uint64_t unknown = 0;  // records of types that nobody knows, left out
+  std::uint64_t gapCount = 0;
+  std::uint64_t gapBytes = 0;
+  std::vector<SalvageGap> gaps;  // the first kMostGaps of them, in file order
+
+  static constexpr std::size_t kMostGaps = 4096;
+};
+
+// Copies what can be saved of the open file, which may be open for reading only, in file version 1 or 2 (0 and others
+// count as 2). True when the copy is on the disk, however much was lost. False when the source isn't open, the
+// destination can't be opened, is the source itself or held by somebody, a record can't be written, or the system
+// failed; GetSystemError of the source has its reason. The destination then stays as far as it got; the source never
+// changes. The file position of the source and its GetError mean nothing afterwards.
+KESP_EXPORT bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
+                         SalvageReport& report);
+
+}  // namespace kesp
