@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "kesp/dataset/ErrorEnum.h"
 #include "tests/tool/RunTool.h"
 
 namespace kesp::test {
@@ -89,6 +90,18 @@ void CompareRecords(const ToolResult& got, const std::string& want) {
   EXPECT_EQ(got.err.empty(), isWhole) << got.err;
 }
 
+void CompareDataset(const ToolResult& got, const std::string& want) {
+  // Texts are compared too, since 1 and 1.0 are equal as values.
+  const json gotValue = Parse(got.out);
+  const json wantValue = Parse(want);
+  ASSERT_FALSE(gotValue.is_discarded()) << got.out.substr(0, 1000);
+  ASSERT_TRUE(gotValue == wantValue && gotValue.dump() == wantValue.dump()) << json::diff(wantValue, gotValue).dump();
+  const int result = wantValue["result"];
+  const bool isComplete = result == ERR_NONE || result == ERR_OLD_VERSION;
+  EXPECT_EQ(got.status, isComplete ? 0 : result == ERR_FILE_NOT_OPEN ? 2 : 1);
+  EXPECT_EQ(got.err.empty(), isComplete) << got.err;
+}
+
 void CompareAll(const Mode& mode) {
   const char* const given = std::getenv("KESP_SAMPLES");
   const fs::path folder = given != nullptr ? given : KESP_SAMPLES_DEFAULT;
@@ -116,6 +129,12 @@ TEST(Samples, RecordsAgree) { CompareAll({{"dump", "--records"}, ".records.jsonl
 
 TEST(Samples, RecordsWithDeletedOnesAgree) {
   CompareAll({{"dump", "--include-deleted"}, ".records-all.jsonl", CompareRecords});
+}
+
+TEST(Samples, DatasetsAgree) { CompareAll({{"dump", "--dataset"}, ".dataset.json", CompareDataset}); }
+
+TEST(Samples, DatasetsWithDeletedRecordsAgree) {
+  CompareAll({{"dump", "--dataset", "--include-deleted"}, ".dataset-all.json", CompareDataset});
 }
 
 }  // namespace

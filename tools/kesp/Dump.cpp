@@ -1,7 +1,9 @@
-// kesp dump: every record as a line of JSON, and a last line that says how the walk ended.
+// kesp dump: every record as a line of JSON, and a last line that says how the walk ended; or one document of the data
+// set.
 #include <unistd.h>
 
 #include "tools/kesp/Commands.h"
+#include "tools/kesp/Dataset.h"
 #include "tools/kesp/Opening.h"
 #include "tools/kesp/Progress.h"
 #include "tools/kesp/RecordJson.h"
@@ -19,15 +21,30 @@ void WriteLastLine(Output& out, KESP_ERROR_TYPE error, const CString& message) {
   out.Flush();
 }
 
+ExitStatus DumpDataset(const DumpOptions& options, DeletedRecords deleted, Output& out) {
+  CKespFile file;
+  const bool isOpen = OpenForReading(file, options.path);
+  const DatasetEnd end = ReadDataset(file, deleted);
+  JsonWriter json(out);
+  WriteDataset(json, file, end);
+  out.Flush();
+  if (!isOpen) return kExitTrouble;
+  if (end.IsComplete()) return kExitWhole;
+  Complain(options.path, end.reason);
+  return kExitDamaged;
+}
+
 }  // namespace
 
 ExitStatus Dump(const DumpOptions& options, Output& out) {
+  const auto deleted = options.includeDeleted ? DeletedRecords::kInclude : DeletedRecords::kPassOver;
+  if (options.dataset) return DumpDataset(options, deleted, out);
   CKespDataFile file;
   if (!OpenForReading(file, options.path)) {
     WriteLastLine(out, file.GetError(), file.GetErrorString());
     return kExitTrouble;
   }
-  RecordWalk walk(file, options.includeDeleted ? RecordWalk::Deleted::kInclude : RecordWalk::Deleted::kPassOver);
+  RecordWalk walk(file, deleted);
   // Records that run over the screen tell enough.
   Progress progress(file.m_file.KnownLength(), Progress::OnTerminal() && ::isatty(STDOUT_FILENO) == 0);
   JsonWriter json(out);

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "tools/kesp/Commands.h"
+#include "tools/kesp/Dataset.h"
 #include "tools/kesp/Opening.h"
 #include "tools/kesp/Progress.h"
 #include "tools/kesp/RecordJson.h"
@@ -50,7 +51,7 @@ void Include(Summary& summary, const CKespPoint& point) {
 
 Summary Summarize(CKespDataFile& file) {
   Summary summary;
-  RecordWalk walk(file, RecordWalk::Deleted::kPassOver);
+  RecordWalk walk(file, DeletedRecords::kPassOver);
   Progress progress(file.m_file.KnownLength(), Progress::OnTerminal());
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
     Tally& tally = summary.records[{walk.Type(), walk.Version()}];
@@ -73,9 +74,10 @@ std::string TypeText(std::uint32_t type) {
   return name != nullptr ? name : "type " + std::to_string(type);
 }
 
-void WriteJson(JsonWriter& json, const CString& path, CKespDataFile& file, const Summary& summary) {
+void WriteJson(JsonWriter& json, CKespFile& dataset, const DatasetEnd& datasetEnd, const Summary& summary) {
+  const CKespDataFile& file = *dataset.m_pDataFile;
   json.BeginObject();
-  json.Key("path").Text(path.View());
+  json.Key("path").Text(file.m_path.View());
   json.Key("length").Number(static_cast<std::int64_t>(file.m_file.KnownLength()));
   json.Key("fileVersion").Number(std::int64_t{file.m_version});
   json.Key("headerWord").Number(std::int64_t{file.m_headerWord});
@@ -131,6 +133,11 @@ void WriteJson(JsonWriter& json, const CString& path, CKespDataFile& file, const
       json.Null();
     }
   }
+  json.Key("dataset").BeginObject();
+  json.Key("result").Number(std::int64_t{datasetEnd.result});
+  json.Key("kespVersion").Number(std::int64_t{dataset.m_kespVersion});
+  WriteSummary(json, DatasetSummary(dataset));
+  json.EndObject();
   json.Key("end");
   WriteEnd(json, summary.end.error, summary.end.message);
   json.Key("damage");
@@ -144,29 +151,6 @@ void WriteJson(JsonWriter& json, const CString& path, CKespDataFile& file, const
   }
   json.EndObject();
   json.EndLine();
-}
-
-// For a terminal: control characters, which could steer it, and lone surrogates stand as escapes.
-std::string Printable(const CString& text) {
-  std::string printable;
-  const std::u16string_view units = text.View();
-  for (std::size_t i = 0; i < units.size(); ++i) {
-    const char16_t unit = units[i];
-    const bool isHigh = unit >= 0xD800 && unit < 0xDC00;
-    const bool isPair = isHigh && i + 1 < units.size() && units[i + 1] >= 0xDC00 && units[i + 1] < 0xE000;
-    const bool isControl = unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x202A && unit <= 0x202E) ||
-                           (unit >= 0x2066 && unit <= 0x2069);  // the last two turn the reading direction
-    if (isPair) {
-      printable += CString(units.substr(i++, 2)).ToUtf8();
-    } else if (isControl || (unit >= 0xD800 && unit < 0xE000)) {
-      std::array<char, 8> escape;
-      (void)std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(unit));
-      printable += escape.data();
-    } else {
-      printable += CString(units.substr(i, 1)).ToUtf8();
-    }
-  }
-  return printable;
 }
 
 std::string UtcText(std::int64_t seconds) {
@@ -242,9 +226,36 @@ void ReportRecords(Report& report, const Summary& summary) {
   }
 }
 
-void WriteReport(Output& out, const CString& path, CKespDataFile& file, const Summary& summary) {
+void ReportExtent(Report& report, const CBoundingBox& extent) {
+  if (!extent.IsValid()) return;
+  report.Span("  X", extent.MinX(), extent.MaxX());
+  report.Span("  Y", extent.MinY(), extent.MaxY());
+}
+
+void ReportDataset(Report& report, CKespFile& dataset, const DatasetEnd& end, const Summary& records) {
+  const DatasetSummary summary(dataset);
+  report.Line("Data set", end.IsComplete() ? "complete" : "as far as it got: " + end.reason);
+  report.Line("  needs version", dataset.m_kespVersion != 0 ? std::to_string(dataset.m_kespVersion) : "unknown");
+  report.Line("  features", std::to_string(summary.features));
+  report.Line("  points", std::to_string(summary.points));
+  ReportExtent(report, summary.extent);
+  if (summary.firstTime) report.Line("  first time", UtcText(*summary.firstTime));
+  if (summary.lastTime) report.Line("  last time", UtcText(*summary.lastTime));
+  report.Text("  last point", summary.lastPointText);
+
+  // Points that belong to no feature of the data set.
+  if (records.points == summary.points) return;
+  report.Line("All points", std::to_string(records.points));
+  ReportExtent(report, records.extent);
+  if (!records.HasTimes()) return;
+  report.Line("  first time", UtcText(records.firstTime));
+  report.Line("  last time", UtcText(records.lastTime));
+}
+
+void WriteReport(Output& out, CKespFile& dataset, const DatasetEnd& datasetEnd, const Summary& summary) {
+  const CKespDataFile& file = *dataset.m_pDataFile;
   Report report(out);
-  report.Line("File", Printable(path));
+  report.Line("File", Printable(file.m_path));
   report.Line("File version", std::to_string(file.m_version));
   report.Line("Length", std::to_string(file.m_file.KnownLength()) + " bytes");
   if (summary.header) {
@@ -253,11 +264,7 @@ void WriteReport(Output& out, const CString& path, CKespDataFile& file, const Su
     report.Line("Header", "none");
   }
   ReportRecords(report, summary);
-  if (summary.extent.IsValid()) {
-    report.Span("X", summary.extent.MinX(), summary.extent.MaxX());
-    report.Span("Y", summary.extent.MinY(), summary.extent.MaxY());
-  }
-  if (summary.HasTimes()) report.Line("Times", UtcText(summary.firstTime) + " .. " + UtcText(summary.lastTime));
+  ReportDataset(report, dataset, datasetEnd, summary);
   const auto clean = summary.ClosedCleanly();
   report.Line("Closed cleanly", !clean ? "not recorded" : *clean ? "yes" : "no");
   report.Line("State", summary.end.IsWhole() ? "whole" : summary.end.Describe());
@@ -266,14 +273,15 @@ void WriteReport(Output& out, const CString& path, CKespDataFile& file, const Su
 }  // namespace
 
 ExitStatus Info(const InfoOptions& options, Output& out) {
-  CKespDataFile file;
-  if (!OpenForReading(file, options.path)) return kExitTrouble;
-  const Summary summary = Summarize(file);
+  CKespFile dataset;
+  if (!OpenForReading(dataset, options.path)) return kExitTrouble;
+  const Summary summary = Summarize(*dataset.m_pDataFile);
+  const DatasetEnd datasetEnd = ReadDataset(dataset, DeletedRecords::kPassOver);
   if (options.json) {
     JsonWriter json(out);
-    WriteJson(json, file.m_path, file, summary);
+    WriteJson(json, dataset, datasetEnd, summary);
   } else {
-    WriteReport(out, file.m_path, file, summary);
+    WriteReport(out, dataset, datasetEnd, summary);
   }
   out.Flush();
   if (summary.end.IsWhole()) return kExitWhole;

@@ -284,8 +284,7 @@ void WriteTag(JsonWriter& json, CKespTag& tag) {
 
 }  // namespace
 
-void WriteFields(JsonWriter& json, CKespRecord& record) {
-  json.BeginObject();
+void WriteMembers(JsonWriter& json, CKespRecord& record) {
   const FieldsWriter fields(json);
   switch (record.m_recordType) {
     case KESP_RECORD_HEADER:
@@ -312,6 +311,11 @@ void WriteFields(JsonWriter& json, CKespRecord& record) {
     default:
       break;
   }
+}
+
+void WriteFields(JsonWriter& json, CKespRecord& record) {
+  json.BeginObject();
+  WriteMembers(json, record);
   json.EndObject();
 }
 

@@ -7,8 +7,9 @@ namespace kesp::tool {
 
 // One line: where the record stands, what its header says, and its fields.
 void WriteRecordLine(JsonWriter& json, const RecordWalk& walk);
-// The object of the fields alone.
+// The object of the fields alone; and its members, inside brackets of the caller's.
 void WriteFields(JsonWriter& json, CKespRecord& record);
+void WriteMembers(JsonWriter& json, CKespRecord& record);
 // {"error":1,"message":"Normal EOF"}
 void WriteEnd(JsonWriter& json, KESP_ERROR_TYPE error, const CString& message);
 

@@ -42,7 +42,7 @@ std::string WalkEnd::Describe() const {
   return "damaged" + where + message.ToUtf8();
 }
 
-RecordWalk::RecordWalk(CKespDataFile& file, Deleted deleted) : m_file(file), m_deleted(deleted) {
+RecordWalk::RecordWalk(CKespDataFile& file, DeletedRecords deleted) : m_file(file), m_deleted(deleted) {
   m_file.SeekToFirstRecord();
 }
 
@@ -53,7 +53,7 @@ RecordWalk::Step RecordWalk::Next() {
     if (!m_file.ReadNextRecordHeader(m_type, m_version, m_flags, m_length)) {
       return EndWith(m_file.GetError(), m_file.GetSystemError());
     }
-    if ((IsDeleted() && m_deleted == Deleted::kPassOver) || IsSteppedOver(m_type)) {
+    if ((IsDeleted() && m_deleted == DeletedRecords::kPassOver) || IsSteppedOver(m_type)) {
       m_file.m_file.Seek(m_length, CFile::current);
       return Step::kPassedOver;
     }

@@ -1,7 +1,7 @@
 // The walk over a file as the tool needs it: besides the records themselves, what their headers say, and where they
 // stand in 64 bits.
 //
-//   RecordWalk walk(file, RecordWalk::Deleted::kPassOver);
+//   RecordWalk walk(file, DeletedRecords::kPassOver);
 //   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
 //     if (step == RecordWalk::Step::kRecord) Show(walk.Record());
 //   }
@@ -34,9 +34,11 @@ struct WalkEnd {
   std::string Describe() const;
 };
 
+// What is done with records that are marked deleted.
+enum class DeletedRecords { kPassOver, kInclude };
+
 class RecordWalk {
  public:
-  enum class Deleted { kPassOver, kInclude };
   enum class Step {
     kRecord,      // Record() is there
     kPassedOver,  // a deleted record, or one of a type that nobody knows: the header only
@@ -44,7 +46,7 @@ class RecordWalk {
   };
 
   // Begins at the first record of an open file.
-  RecordWalk(CKespDataFile& file, Deleted deleted);
+  RecordWalk(CKespDataFile& file, DeletedRecords deleted);
   RecordWalk(const RecordWalk&) = delete;
   RecordWalk& operator=(const RecordWalk&) = delete;
 
@@ -62,7 +64,7 @@ class RecordWalk {
   Step EndWith(KESP_ERROR_TYPE error, int systemError);
 
   CKespDataFile& m_file;
-  Deleted m_deleted;
+  DeletedRecords m_deleted;
   std::unique_ptr<CKespRecord> m_record;
   std::uint64_t m_offset = 0;
   KESP_RECORD_TYPE m_type = KESP_RECORD_NONE;

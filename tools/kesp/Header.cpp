@@ -1,0 +1,129 @@
+// kesp header: changes texts of the header record in its place.
+#include <array>
+#include <memory>
+
+#include "tools/kesp/Commands.h"
+#include "tools/kesp/Opening.h"
+#include "tools/kesp/Output.h"
+
+namespace kesp::tool {
+namespace {
+
+struct HeaderText {
+  const char* name;
+  CString CKespTavoHeader::*member;
+  std::size_t limit;  // units
+  bool inVersion1;
+};
+constexpr std::array<HeaderText, 7> kTexts{{{"HeaderText1", &CKespTavoHeader::HeaderText1, 20, true},
+                                            {"HeaderText2", &CKespTavoHeader::HeaderText2, 255, true},
+                                            {"HeaderText3", &CKespTavoHeader::HeaderText3, 255, true},
+                                            {"HeaderText4", &CKespTavoHeader::HeaderText4, 255, true},
+                                            {"HeaderText5", &CKespTavoHeader::HeaderText5, 127, true},
+                                            {"HeaderText6", &CKespTavoHeader::HeaderText6, 255, false},
+                                            {"HeaderText7", &CKespTavoHeader::HeaderText7, 255, false}}};
+
+struct Setting {
+  const HeaderText* field;
+  CString text;
+};
+
+// What is wrong with one NAME=TEXT, or nothing; the setting is then added.
+std::string Take(std::vector<Setting>& settings, const std::string& argument) {
+  const std::size_t equals = argument.find('=');
+  const std::string name = argument.substr(0, equals);
+  if (equals == std::string::npos) return "\"" + argument + "\" is not NAME=TEXT";
+  for (const HeaderText& field : kTexts) {
+    if (name != field.name) continue;
+    for (const Setting& earlier : settings) {
+      if (earlier.field == &field) return name + " is set twice";
+    }
+    const std::string utf8 = argument.substr(equals + 1);
+    const CString text = CString::FromUtf8(utf8);
+    if (text.ToUtf8() != utf8) return "the text for " + name + " is not UTF-8";
+    if (text.Size() > field.limit) {
+      return "the text for " + name + " is " + std::to_string(text.Size()) + " units long, and " +
+             std::to_string(field.limit) + " have room";
+    }
+    settings.push_back({&field, text});
+    return {};
+  }
+  std::string names;
+  for (const HeaderText& field : kTexts) names.append(names.empty() ? "" : ", ").append(field.name);
+  return "there is no \"" + name + "\" to set; there are " + names;
+}
+
+// What a version-1 header has no room for, or nothing.
+std::string WhyNotInVersion1(const Setting& setting) {
+  const std::string name = setting.field->name;
+  if (!setting.field->inVersion1) return name + " has no place in a header of version 1";
+  for (const char16_t unit : setting.text.View()) {
+    if (unit > 0xFF) return "the text for " + name + " has characters that a header of version 1 can't hold";
+  }
+  return {};
+}
+
+void ReportText(Output& out, bool dryRun, const std::string& name, const std::string& old, const std::string& now) {
+  out.Put(name).Put(dryRun ? " would change from " : " changed from ").Put(old).Put(" to ").Put(now).Put("\n");
+}
+
+std::string Quoted(const CString& text) { return "\"" + Printable(text) + "\""; }
+
+// Gone from the file when the header is written back: the writer of a version-1 body leaves them zero.
+void ReportLosses(Output& out, bool dryRun, const CKespTavoHeader& header) {
+  if (header.m_recordVersion != 1) return;
+  if (header.CreationTime != 0) ReportText(out, dryRun, "CreationTime", std::to_string(header.CreationTime), "0");
+  if (header.HeaderShort != 0) ReportText(out, dryRun, "HeaderShort", std::to_string(header.HeaderShort), "0");
+}
+
+bool WriteBack(CKespDataFile& file, CKespTavoHeader& header, std::uint32_t position) {
+  try {
+    return file.Seek(position) && file.OverwriteRecord(&header, KESP_SRC_MODIFIED) && file.Flush() && file.Close();
+  } catch (const CFileException&) {
+    return false;  // the container has the reason
+  }
+}
+
+}  // namespace
+
+ExitStatus Header(const HeaderOptions& options, Output& out) {
+  std::vector<Setting> settings;
+  for (const std::string& argument : options.settings) {
+    if (const std::string wrong = Take(settings, argument); !wrong.empty()) {
+      Complain({}, wrong);
+      return kExitTrouble;
+    }
+  }
+  CKespDataFile file;
+  if (!(options.dryRun ? OpenForReading(file, options.path) : OpenForWriting(file, options.path))) return kExitTrouble;
+  std::uint32_t position = 0;
+  const bool isThere = file.SeekToFirstRecord();
+  const std::unique_ptr<CKespRecord> first(isThere ? file.ReadNextRecord(position, true) : nullptr);
+  if (!first || first->m_recordType != KESP_RECORD_HEADER) {
+    Complain(options.path, "the first record is missing or no header");
+    return kExitDamaged;
+  }
+  auto& header = static_cast<CKespTavoHeader&>(*first);
+  if (header.m_recordVersion == 1) {
+    for (const Setting& setting : settings) {
+      if (const std::string wrong = WhyNotInVersion1(setting); !wrong.empty()) {
+        Complain(options.path, wrong);
+        return kExitTrouble;
+      }
+    }
+  }
+  CKespTavoHeader changed(header);
+  for (const Setting& setting : settings) changed.*(setting.field->member) = setting.text;
+  if (!options.dryRun && !WriteBack(file, changed, position)) {
+    Complain(options.path, "the header can't be written: " + WhyNotWritten(file));
+    return kExitTrouble;
+  }
+  for (const Setting& setting : settings) {
+    ReportText(out, options.dryRun, setting.field->name, Quoted(header.*(setting.field->member)), Quoted(setting.text));
+  }
+  ReportLosses(out, options.dryRun, header);
+  out.Flush();
+  return kExitWhole;
+}
+
+}  // namespace kesp::tool

@@ -1,0 +1,118 @@
+#include "tools/kesp/NewFile.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <system_error>
+
+#include "tools/kesp/Opening.h"
+#include "tools/kesp/Progress.h"
+
+namespace kesp::tool {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string Reason(int osError) { return std::generic_category().message(osError); }
+
+mode_t ModeOfNewFiles() {
+  const mode_t mask = ::umask(0);
+  ::umask(mask);
+  return 0666 & ~mask;
+}
+
+}  // namespace
+
+NewFile::NewFile(const CKespDataFile& source, const std::string& destination, Existing existing)
+    : m_given(destination), m_place(destination), m_existing(existing) {
+  std::error_code failure;
+  if (fs::is_symlink(destination, failure)) {
+    m_place = fs::weakly_canonical(destination, failure).string();
+    if (failure) {
+      Complain(m_given, failure.message());
+      return;
+    }
+  }
+  if (!Check(source)) return;
+  const fs::path place(m_place);
+  std::string made = (place.parent_path() / ("." + place.filename().string() + ".XXXXXX")).string();
+  const int fd = ::mkstemp(made.data());
+  if (fd < 0) {
+    Complain(m_given, Reason(errno));
+    return;
+  }
+  struct stat info {};
+  const bool replaces = m_replaced.IsOpen() && ::stat(m_place.c_str(), &info) == 0;
+  (void)::fchmod(fd, replaces ? info.st_mode & 0777 : ModeOfNewFiles());
+  ::close(fd);
+  m_made = made;
+}
+
+bool NewFile::Check(const CKespDataFile& source) {
+  struct stat info {};
+  if (::stat(m_place.c_str(), &info) != 0) {
+    if (errno == ENOENT) return true;
+    Complain(m_given, Reason(errno));
+    return false;
+  }
+  const CString path = CString::FromPathBytes(m_place);
+  if (source.m_file.IsSameFile(path)) {
+    Complain(m_given, "is the source itself");
+    return false;
+  }
+  if (m_existing == Existing::kRefuse) {
+    Complain(m_given, "exists; --force replaces it");
+    return false;
+  }
+  CFileException failure(CFileException::none, path);
+  if (m_replaced.Open(path, CFile::modeReadWrite | CFile::shareDenyWrite, &failure)) return true;
+  Complain(m_given, failure.m_cause == CFileException::sharingViolation ? "is open for writing elsewhere"
+                                                                        : Reason(failure.m_lOsError));
+  return false;
+}
+
+NewFile::~NewFile() {
+  if (!m_made.empty()) ::unlink(m_made.c_str());
+}
+
+std::uint64_t NewFile::Size() const {
+  struct stat info {};
+  return ::stat(m_made.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+}
+
+bool NewFile::Keep() {
+  const unsigned flags = m_existing == Existing::kRefuse ? RENAME_NOREPLACE : 0;
+  int result = ::renameat2(AT_FDCWD, m_made.c_str(), AT_FDCWD, m_place.c_str(), flags);
+  // Not every file system knows the flag.
+  if (result != 0 && errno == EINVAL) result = ::rename(m_made.c_str(), m_place.c_str());
+  if (result != 0) {
+    Complain(m_given, Reason(errno));
+    return false;
+  }
+  m_made.clear();
+  const std::string folder = fs::path(m_place).parent_path().string();
+  if (const int fd = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); fd >= 0) {
+    (void)::fsync(fd);
+    ::close(fd);
+  }
+  return true;
+}
+
+Growth::Growth(const NewFile& file, std::uint64_t expected) {
+  if (!Progress::OnTerminal()) return;
+  m_thread = std::jthread([&file, expected](const std::stop_token& stop) {
+    Progress progress(expected, true);
+    while (!stop.stop_requested()) {
+      progress.Update(file.Size());
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  });
+}
+
+}  // namespace kesp::tool

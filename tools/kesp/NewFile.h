@@ -1,0 +1,53 @@
+// A file that appears under its name only when it is whole: made beside its place, and renamed.
+//
+//   NewFile copy(source, destination, replace);
+//   if (!copy.IsReady() || !Make(copy.Path()) || !copy.Keep()) return kExitTrouble;
+//
+// Refuses the source itself, by whatever name, what is no regular file, what somebody holds open for writing and,
+// unless it is to be replaced, a file that exists. What was made goes away again unless it is kept.
+//
+// Errors: complains and answers false.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <thread>
+
+#include "kesp/kesp.h"
+
+namespace kesp::tool {
+
+enum class Existing { kRefuse, kReplace };
+
+class NewFile {
+ public:
+  NewFile(const CKespDataFile& source, const std::string& destination, Existing existing);
+  ~NewFile();
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  bool IsReady() const noexcept { return !m_made.empty(); }
+  // Where to make it; exists, and is empty.
+  CString Path() const { return CString::FromPathBytes(m_made); }
+  std::uint64_t Size() const;
+  bool Keep();
+
+ private:
+  bool Check(const CKespDataFile& source);
+
+  std::string m_given;  // as the person spelled it
+  std::string m_place;  // behind symbolic links
+  std::string m_made;
+  Existing m_existing;
+  CFile m_replaced;  // held until its name is taken
+};
+
+// Shows how far a file has grown, on a terminal, while the library makes it.
+class Growth {
+ public:
+  Growth(const NewFile& file, std::uint64_t expected);
+
+ private:
+  std::jthread m_thread;  // looks at the file by its name, and at nothing of the library
+};
+
+}  // namespace kesp::tool
