@@ -188,17 +188,19 @@ class Salvager {
     std::uint64_t ignored = 0;
     return offset == m_length || IsExactAt(offset, ignored);
   }
-  // Whether records go on at `offset`: the end, an exact header, or one of another kind with one of these behind it.
-  bool GoesOnAt(std::uint64_t offset) {
+  // Whether records go on at `offset`: the end, an exact header, or a few of another kind and one of these behind them.
+  bool GoesOnAt(std::uint64_t offset, int hops = 4) {
     if (IsEndOrExact(offset)) return true;
-    if (!Fits(offset, kRecordHeaderSize)) return false;
+    if (hops == 0 || !Fits(offset, kRecordHeaderSize)) return false;
     const RecordHeader header = DecodeHeader(View(offset, kRecordHeaderSize));
     const std::uint64_t body = offset + kRecordHeaderSize;
-    const bool isRefused = header.type == 0 || (header.type >= kFirstRefusedType && header.type <= kLastRefusedType);
-    if (isRefused || header.length == 0 || (header.flags & ~kKnownFlags) != 0) return false;
-    if (IsEndOrExact(body + header.length)) return true;
-    const std::uint32_t layout = LayoutLength(header);
-    return layout != 0 && IsEndOrExact(body + layout);
+    if (IsRefused(header.type) || header.length == 0) return false;
+    const bool isPassedOver = (header.flags & KESP_FLAG_DELETED) != 0 || LengthsOfType(header.type).newest == 0;
+    const std::uint32_t layout = isPassedOver ? 0 : LayoutLength(header);
+    return GoesOnAt(body + (layout != 0 ? layout : header.length), hops - 1);
+  }
+  static bool IsRefused(std::uint32_t type) {
+    return type == KESP_RECORD_NONE || (type >= kFirstRefusedType && type <= kLastRefusedType);
   }
   // Of a fixed layout that the walk reads; 0 for others.
   static std::uint32_t LayoutLength(const RecordHeader& header) {
@@ -220,19 +222,17 @@ class Salvager {
     header.type = type;
     const std::uint64_t body = start + kRecordHeaderSize;
     const bool isDeleted = (header.flags & KESP_FLAG_DELETED) != 0;
-    const bool isRefused = type == KESP_RECORD_NONE || (type >= kFirstRefusedType && type <= kLastRefusedType);
-    const bool isKnown = LengthsOfType(type).newest != 0;
-    if (isDeleted || (!isKnown && !isRefused)) return PassOver(start, header, isDeleted);
+    if (isDeleted || (LengthsOfType(type).newest == 0 && !IsRefused(type))) return PassOver(start, header, isDeleted);
 
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
     // Half a record may have others behind it, where a writer was cut off and a later one appended. A tag's block may
     // hold anything, and is believed.
-    std::optional<std::uint64_t> inside;
-    if (isExact && type != KESP_RECORD_TAG && !GoesOnAt(body + bodyLength)) {
+    std::uint64_t inside = 0;  // where another record begins in this one's place; never 0
+    if (isExact && type != KESP_RECORD_TAG && !GoesOnAt(body + bodyLength) && !IsWholeToTheWalk()) {
       inside = Find(body);
-      if (*inside >= body + bodyLength) inside.reset();
-      if (inside && m_damaged) return Skip(start, *inside, KESP_ERROR_RECORD_HEADER);
+      if (inside >= body + bodyLength) inside = 0;
+      if (inside != 0 && m_damaged) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
     }
     m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
     std::unique_ptr<CKespRecord> record;
@@ -250,12 +250,30 @@ class Salvager {
       return Damage(start, error);
     }
     const std::uint64_t end = m_file.GetPosition();
-    if (!inside && (isExact || GoesOnAt(end))) return Keep(*record, end);
+    if (inside == 0 && (isExact || GoesOnAt(end) || IsWholeToTheWalk())) return Keep(*record, end);
     // The walk takes it and goes astray: up to there the copy has what the walk has.
     if (m_damaged) return Damage(start, KESP_ERROR_RECORD_HEADER);
     if (Keep(*record, end) == Step::kFailed) return Step::kFailed;
-    const std::uint64_t found = inside ? *inside : Find(body);
+    const std::uint64_t found = inside != 0 ? inside : Find(body);
     return Skip(found < end ? start : end, found, KESP_ERROR_RECORD_HEADER);
+  }
+
+  // Asked when a record looks like damage, which a whole file may have too: lengths that nobody minds, say. Walks over
+  // all of it, once.
+  bool IsWholeToTheWalk() {
+    if (m_damaged) return false;
+    if (!m_isWhole) {
+      m_isWhole = false;
+      try {
+        m_file.Seek(m_source.m_firstRecordOffset, CFile::begin);
+        while (const std::unique_ptr<CKespRecord> record{m_source.ReadNextRecord(true)}) {
+        }
+        m_isWhole = m_source.GetError() == KESP_ERROR_NORMAL_EOF && m_file.GetPosition() == m_length;
+      } catch (const CFileException& e) {
+        if (e.m_cause != CFileException::endOfFile) throw;
+      }
+    }
+    return *m_isWhole;
   }
 
   Step Keep(CKespRecord& record, std::uint64_t end) {
@@ -273,7 +291,7 @@ class Salvager {
     const bool isExact = IsExact(header, start, bodyLength);
     if (isExact && header.length != bodyLength && !GoesOnAt(body + header.length)) {
       m_position = body + bodyLength;
-    } else if (isExact || GoesOnAt(body + header.length)) {
+    } else if (isExact || GoesOnAt(body + header.length) || IsWholeToTheWalk()) {
       m_position = body + header.length;
     } else {
       // It may be the record before the damage, or a damaged header that leads astray: what is found decides.
@@ -372,6 +390,7 @@ class Salvager {
   std::uint64_t m_length;
   std::uint64_t m_position = 0;
   bool m_damaged = false;
+  std::optional<bool> m_isWhole;  // unknown until it is asked
 };
 
 }  // namespace

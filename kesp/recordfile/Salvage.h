@@ -22,7 +22,7 @@
 // Deleted records and those of unknown types are left out, as in CopyVerify, and records are written in the same way.
 // The file header keeps its version; an application header behind it is not copied, and the copy's header says so.
 //
-// Takes one pass; memory is that of the longest record, which is never longer than the file.
+// Takes time in proportion to the file; memory is that of the longest record, which is never longer than the file.
 #pragma once
 #include <cstdint>
 #include <vector>

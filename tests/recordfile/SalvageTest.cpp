@@ -99,6 +99,16 @@ TEST_F(Salvaging, GoesOnBehindEachKindOfDamage) {
   }
 }
 
+TEST_F(Salvaging, TakesAllOfWhatIsWholeToTheWalkHoweverOddItLooks) {
+  ByteVector odd;
+  for (std::uint32_t i = 0; i < 20; ++i) Append(odd, WithLength(EndBytes(i), 5 + i % 3));
+  for (std::uint32_t i = 0; i < 20; ++i) Append(odd, Record(4, 1, 0x80000001, EndBody(i)));
+  const ByteVector copy = Salvaged(FileHeader() + odd + EndBytes(7));
+  EXPECT_EQ(m_report.kept, 21u);
+  EXPECT_EQ(m_report.deleted, 20u);
+  EXPECT_EQ(m_report.gapCount, 0u);
+}
+
 TEST_F(Salvaging, FindsTheFirstRecordWhenTheFileHeaderNamesAnotherPlace) {
   EXPECT_EQ(Salvaged(FileHeader(3, 5) + EndBytes(1) + EndBytes(2)), FileHeader() + EndBytes(1) + EndBytes(2));
   // What stands in front of the records of an application is its own.
