@@ -218,7 +218,7 @@ std::size_t CFile::ReadSystem(std::byte* to, std::size_t least, std::size_t most
 
 void CFile::Write(const void* from, std::size_t count) {
   RequireOpen();
-  if (!m_writable) throw CFileException(CFileException::accessDenied, m_path);
+  if (!m_writable) throw CFileException(CFileException::accessDenied, EBADF, m_path);
   if (count == 0) return;
   const auto* const bytes = static_cast<const std::byte*>(from);
   if (m_gathering) {
@@ -320,7 +320,7 @@ bool CFile::ReachesTo(std::uint64_t position) { return position <= m_length || p
 void CFile::SetLength(std::uint64_t length) {
   RequireOpen();
   CommitGathered();
-  if (!m_writable) throw CFileException(CFileException::accessDenied, m_path);
+  if (!m_writable) throw CFileException(CFileException::accessDenied, EBADF, m_path);
   if (length > kLargestOffset) Raise(EFBIG);
   if (TruncateRetrying(m_fd, static_cast<std::int64_t>(length)) != 0) Raise(errno);
   m_length = length;
@@ -378,7 +378,7 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
   source.RequireOpen();
   CommitGathered();
   source.CommitGathered();
-  if (!m_writable) throw CFileException(CFileException::accessDenied, m_path);
+  if (!m_writable) throw CFileException(CFileException::accessDenied, EBADF, m_path);
   if (m_syncFailed) Raise(EIO);
   // The system copies between its own pages, where it can; whatever keeps it from that, reading and writing go on from
   // there and say what is wrong, if anything is.

@@ -41,7 +41,9 @@ NewFile::NewFile(const CKespDataFile& source, const std::string& destination, Ex
   }
   if (!Check(source)) return;
   const fs::path place(m_place);
-  std::string made = (place.parent_path() / ("." + place.filename().string() + ".XXXXXX")).string();
+  std::string name(1, '.');
+  name.append(place.filename().string()).append(".XXXXXX");
+  std::string made = (place.parent_path() / name).string();
   const int fd = ::mkstemp(made.data());
   if (fd < 0) {
     Complain(m_given, Reason(errno));
