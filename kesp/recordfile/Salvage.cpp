@@ -210,6 +210,7 @@ class Salvager {
   }
 
   // One record where records are known to begin, or the search for the next such place.
+  // NOLINTNEXTLINE(readability-function-cognitive-complexity): the cases of one step, each a line or two
   Step Next() {
     const std::uint64_t start = m_position;
     m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
