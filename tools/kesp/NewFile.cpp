@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
+#include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkstemp
 #include <sys/stat.h>
 #include <unistd.h>
 
