@@ -13,6 +13,7 @@ ExitStatus Copy(const CopyOptions& options, Output& out) {
   if (!copy.IsReady()) return kExitTrouble;
   bool good = false;
   {
+    // cppcheck-suppress unreadVariable
     const Growth growth(copy, source.m_file.KnownLength());
     good = source.Copy(copy.Path());
   }

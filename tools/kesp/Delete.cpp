@@ -14,6 +14,7 @@ namespace {
 struct Plan {
   struct Whole {
     CKespFeature* feature;
+    // cppcheck-suppress unusedStructMember
     bool forItsPoints;  // none of its points is to stay, and a feature without points falls short
   };
   std::vector<Whole> features;

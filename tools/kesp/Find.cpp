@@ -65,7 +65,7 @@ std::optional<std::int64_t> ParseTime(std::string_view text, bool ends) {
     if (text == "Z") text = {};
   }
   if (!text.empty() || hour > 23 || minute > 59 || second > 59) return std::nullopt;
-  const auto time = chrono::sys_days(date) + chrono::hours(hour) + chrono::minutes(minute) + chrono::seconds(second);
+  const auto time = chrono::sys_days{date} + chrono::hours{hour} + chrono::minutes{minute} + chrono::seconds{second};
   return chrono::duration_cast<chrono::seconds>(time.time_since_epoch()).count();
 }
 
@@ -144,7 +144,7 @@ Times TimesOf(const CKespFeature& feature) {
 void WriteTime(JsonWriter& json, std::string_view key, std::optional<std::int64_t> time) {
   json.Key(key);
   if (time) {
-    json.Text(std::string_view(IsoText(*time)));
+    json.Text(std::string_view{IsoText(*time)});
   } else {
     json.Null();
   }

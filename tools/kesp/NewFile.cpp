@@ -1,7 +1,7 @@
 #include "tools/kesp/NewFile.h"
 
 #include <fcntl.h>
-#include <stdio.h>
+#include <stdio.h>   // NOLINT(modernize-deprecated-headers): renameat2
 #include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkstemp
 #include <sys/stat.h>
 #include <unistd.h>
