@@ -58,8 +58,8 @@ const char* TextOf(CFileException::Cause cause) {
 std::string MessageOf(CFileException::Cause cause, int osError, const CString& path) {
   std::string text = path.ToPathBytes();
   if (!text.empty()) text += ": ";
-  const bool saysMore = cause == CFileException::sharingViolation ||
-                        (cause == CFileException::accessDenied && osError == EBADF);
+  const bool saysMore =
+      cause == CFileException::sharingViolation || (cause == CFileException::accessDenied && osError == EBADF);
   text += osError != 0 && !saysMore ? std::generic_category().message(osError) : TextOf(cause);
   return text;
 }

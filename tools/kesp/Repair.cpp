@@ -38,6 +38,7 @@ Walked WalkOver(CKespDataFile& file) {
 }
 
 bool Rebuild(CKespDataFile& source, const NewFile& copy, const RepairOptions& options, SalvageReport& report) {
+  // cppcheck-suppress unreadVariable
   const Growth growth(copy, source.m_file.KnownLength());
   if (options.salvage) return Salvage(source, copy.Path(), options.version, report);
   const Walked walked = WalkOver(source);
