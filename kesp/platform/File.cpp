@@ -11,12 +11,16 @@
 #include <new>
 #include <string>
 
+#include "kesp/platform/ObjectPool.h"
+#include "kesp/platform/ReadAhead.h"
 #include "kesp/platform/SystemCalls.h"
 
 namespace {
 
 constexpr unsigned kNewFileMode = 0666;  // less the process's umask
 constexpr std::size_t kCopyAtOnce = std::size_t{1} << 30;
+// How far a read may be ahead of what was read ahead, and still wait for it.
+constexpr std::uint64_t kMostSkipped = std::uint64_t{1} << 20;
 constexpr std::uint64_t kLargestOffset = std::numeric_limits<std::int64_t>::max();
 
 // What a call answers once no signal interrupts it any more.
@@ -50,6 +54,8 @@ int LockOperation(unsigned openFlags, bool writable) {
 }
 
 }  // namespace
+
+CFile::CFile() noexcept = default;
 
 CFile::CFile(const CString& path, unsigned openFlags) {
   CFileException error(CFileException::none, path);
@@ -124,6 +130,7 @@ void CFile::Close() {
     Abort();
     throw;
   }
+  EndReadAhead();
   const int fd = m_fd;
   const CString path = m_path;
   Reset();
@@ -132,6 +139,7 @@ void CFile::Close() {
 }
 
 void CFile::Abort() noexcept {
+  EndReadAhead();
   if (m_fd >= 0) kesp::System().Close(m_fd);
   Reset();
 }
@@ -143,7 +151,8 @@ void CFile::Reset() noexcept {
   m_path.Empty();
   m_position = m_length = m_bufferStart = m_gatherStart = 0;
   m_bufferSize = 0;
-  m_buffer.reset();
+  m_buffer = {};
+  m_data = nullptr;
   m_nextRead = kFirstRead;
   m_gathered.clear();
 }
@@ -173,26 +182,94 @@ std::span<const std::byte> CFile::ReadViewSlow(std::size_t count) {
   RequireOpen();
   CommitGathered();
   if (count > kMaxView) throw CInvalidArgException();
-  if (!m_buffer) {
-    m_buffer.reset(new (std::nothrow) std::byte[kBufferSize]);
-    if (!m_buffer) throw CMemoryException();
-  }
-  const bool follows = m_position >= m_bufferStart && m_position - m_bufferStart <= m_bufferSize;
-  const std::size_t offset = follows ? static_cast<std::size_t>(m_position - m_bufferStart) : 0;
-  const std::size_t kept = follows ? m_bufferSize - offset : 0;
-  if (kept < count) {
-    // What is left moves to the front, where there is room for all that is read ahead.
-    if (kept != 0) std::memmove(m_buffer.get(), m_buffer.get() + offset, kept);
-    m_bufferStart = m_position;
-    m_bufferSize = kept;
-    m_nextRead = follows ? std::min(2 * m_nextRead, kBufferSize) : kFirstRead;
-    const std::size_t most = std::min(kBufferSize - kept, std::max(m_nextRead, count - kept));
-    m_bufferSize += ReadSystem(m_buffer.get() + kept, count - kept, most, m_position + kept);
-  }
+  const kesp::PoolPause pause;  // the disk may be slow
+  if (!m_ahead || !TakeAhead(count)) FillBuffer(count);
   const auto at = static_cast<std::size_t>(m_position - m_bufferStart);
   const std::size_t handed = std::min(count, m_bufferSize - at);
   m_position += handed;
-  return {m_buffer.get() + at, handed};
+  return {m_data + at, handed};
+}
+
+bool CFile::MakeBuffer() noexcept {
+  if (!m_buffer) {
+    m_buffer = kesp::AlignedBytes(kBufferSize + kesp::AlignedBytes::kLine);
+    m_data = m_buffer.Data();
+  }
+  return static_cast<bool>(m_buffer);
+}
+
+// Where in the buffer the piece of the file begins that is to begin there: kBufferSize bytes have room.
+std::byte* CFile::PlaceInBuffer(std::uint64_t position) const noexcept {
+  return m_buffer.Data() + position % kesp::AlignedBytes::kLine;
+}
+
+// Makes the buffer begin at the position, or hold it, with `count` bytes from there on, or all that the file has.
+void CFile::FillBuffer(std::size_t count) {
+  if (!MakeBuffer()) throw CMemoryException();
+  const bool follows = m_position >= m_bufferStart && m_position - m_bufferStart <= m_bufferSize;
+  const std::size_t offset = follows ? static_cast<std::size_t>(m_position - m_bufferStart) : 0;
+  const std::size_t kept = follows ? m_bufferSize - offset : 0;
+  if (kept >= count && follows) return;
+  // What is left moves to the front, where there is room for all that is read ahead.
+  std::byte* const front = PlaceInBuffer(m_position);
+  if (kept != 0) std::memmove(front, m_data + offset, kept);
+  m_data = front;
+  m_bufferStart = m_position;
+  m_bufferSize = kept;
+  m_nextRead = follows ? std::min(2 * m_nextRead, kBufferSize) : kFirstRead;
+  const std::size_t most = std::min(kBufferSize - kept, std::max(m_nextRead, count - kept));
+  m_bufferSize += ReadSystem(m_data + kept, count - kept, most, m_position + kept);
+}
+
+void CFile::ReadAhead() noexcept {
+  if (m_fd < 0 || m_ahead || std::thread::hardware_concurrency() < 2) return;
+  try {
+    const std::uint64_t buffered = m_bufferStart + m_bufferSize;
+    const bool follows = m_position >= m_bufferStart && m_position <= buffered;
+    m_ahead = std::make_unique<kesp::ReadAhead>(m_fd, follows ? buffered : m_position, kMaxView);
+  } catch (const std::exception&) {
+    // No memory, or no thread: it is read when it is wanted.
+  }
+}
+
+// The same as FillBuffer, out of what was read ahead. False when that has ended, or went elsewhere; the buffer is then
+// as it was, or empty.
+bool CFile::TakeAhead(std::size_t count) {
+  for (;;) {
+    const std::uint64_t end = m_bufferStart + m_bufferSize;
+    const bool follows = m_position >= m_bufferStart && m_position <= end && end == m_ahead->NextOffset();
+    const std::size_t kept = follows ? static_cast<std::size_t>(end - m_position) : 0;
+    if (follows && kept >= count) return true;
+    if (!follows && (m_position < m_ahead->NextOffset() || m_position - m_ahead->NextOffset() > kMostSkipped)) break;
+    const std::uint64_t offset = m_ahead->NextOffset();
+    const std::span<std::byte> block = m_ahead->Next();
+    if (block.empty()) break;
+    // What is left goes in front of the new block, which has the room.
+    if (kept != 0) std::memcpy(block.data() - kept, m_data + (m_position - m_bufferStart), kept);
+    m_data = block.data() - kept;
+    m_bufferStart = offset - kept;
+    m_bufferSize = kept + block.size();
+    m_length = std::max(m_length, offset + block.size());
+  }
+  EndReadAhead();
+  return false;
+}
+
+// What was read ahead last goes with it, but for the piece that is still to be taken.
+void CFile::EndReadAhead() noexcept {
+  if (!m_ahead) return;
+  const std::uint64_t end = m_bufferStart + m_bufferSize;
+  const bool taken = m_data < m_buffer.Data() || m_data > m_buffer.Data() + kesp::AlignedBytes::kLine;
+  if (taken) {
+    const std::byte* const from = m_data + (m_position - m_bufferStart);
+    const bool kept =
+        m_position >= m_bufferStart && m_position < end && end - m_position <= kBufferSize && MakeBuffer();
+    m_bufferSize = kept ? static_cast<std::size_t>(end - m_position) : 0;
+    if (kept) std::memcpy(PlaceInBuffer(m_position), from, m_bufferSize);
+    m_bufferStart = m_position;
+    m_data = m_buffer ? PlaceInBuffer(m_position) : nullptr;
+  }
+  m_ahead.reset();
 }
 
 // Reads until at least `least` bytes are there or the file ends, and up to `most` while the system gives them.
@@ -236,6 +313,7 @@ void CFile::Write(const void* from, std::size_t count) {
 }
 
 void CFile::WriteOut(const std::byte* from, std::size_t count, std::uint64_t position) {
+  EndReadAhead();
   if (m_syncFailed) Raise(EIO);
   if (position > kLargestOffset - count) Raise(EFBIG);
   std::size_t total = 0;
@@ -258,21 +336,19 @@ void CFile::WriteOut(const std::byte* from, std::size_t count, std::uint64_t pos
 void CFile::UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept {
   if (count == 0) return;
   m_length = std::max(m_length, position + count);
-  if (!m_buffer) {
-    m_buffer.reset(new (std::nothrow) std::byte[kBufferSize]);
-    if (!m_buffer) return;
-  }
+  if (!MakeBuffer()) return;
   const std::uint64_t bufferEnd = m_bufferStart + m_bufferSize;
   const bool fits = position >= m_bufferStart && position + count <= m_bufferStart + kBufferSize;
   if (m_bufferSize != 0 && position <= bufferEnd && position + count >= m_bufferStart) {
     if (fits) {
-      std::memcpy(m_buffer.get() + (position - m_bufferStart), from, count);
+      std::memcpy(m_data + (position - m_bufferStart), from, count);
       m_bufferSize = std::max(m_bufferSize, static_cast<std::size_t>(position - m_bufferStart) + count);
       return;
     }
   }
   if (count <= kBufferSize) {
-    std::memcpy(m_buffer.get(), from, count);
+    m_data = PlaceInBuffer(position);
+    std::memcpy(m_data, from, count);
     m_bufferStart = position;
     m_bufferSize = count;
   } else {
@@ -322,6 +398,7 @@ void CFile::SetLength(std::uint64_t length) {
   CommitGathered();
   if (!m_writable) throw CFileException(CFileException::accessDenied, EBADF, m_path);
   if (length > kLargestOffset) Raise(EFBIG);
+  EndReadAhead();
   if (TruncateRetrying(m_fd, static_cast<std::int64_t>(length)) != 0) Raise(errno);
   m_length = length;
   m_bufferSize = 0;
@@ -378,6 +455,8 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
   source.RequireOpen();
   CommitGathered();
   source.CommitGathered();
+  EndReadAhead();
+  source.EndReadAhead();
   if (!m_writable) throw CFileException(CFileException::accessDenied, EBADF, m_path);
   if (m_syncFailed) Raise(EIO);
   // The system copies between its own pages, where it can; whatever keeps it from that, reading and writing go on from

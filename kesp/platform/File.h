@@ -23,9 +23,14 @@
 #include <span>
 #include <vector>
 
+#include "kesp/platform/AlignedBytes.h"
 #include "kesp/platform/Exception.h"
 #include "kesp/platform/Export.h"
 #include "kesp/platform/String.h"
+
+namespace kesp {
+class ReadAhead;
+}
 
 class KESP_EXPORT CFile {
  public:
@@ -40,7 +45,7 @@ class KESP_EXPORT CFile {
   };
   enum SeekPosition { begin = 0, current = 1, end = 2 };
 
-  CFile() noexcept = default;
+  CFile() noexcept;
   // Opens; raises CFileException when Open would answer false.
   CFile(const CString& path, unsigned openFlags);
   // Closes without a flush; what closing reports is lost.
@@ -66,12 +71,23 @@ class KESP_EXPORT CFile {
   std::span<const std::byte> ReadView(std::size_t count) {
     const std::uint64_t offset = m_position - m_bufferStart;  // huge when the position is before the buffer
     if (offset <= m_bufferSize && count <= m_bufferSize - offset && m_gathered.empty()) {
-      const std::byte* const bytes = m_buffer.get() + offset;
+      const std::byte* const bytes = m_data + offset;
       m_position += count;
       return {bytes, count};
     }
     return ReadViewSlow(count);
   }
+  // Has another thread read ahead from here on, until the file ends or is written to, or reading goes on far from where
+  // it was. A wish, for those who are about to read many megabytes in a row; without the means for it nothing happens.
+  void ReadAhead() noexcept;
+  // The same for those who are done with less: the next `count` bytes where they stand in the buffer already, without
+  // taking them, or null. Skip takes them then.
+  const std::byte* Buffered(std::size_t count) const noexcept {
+    const std::uint64_t offset = m_position - m_bufferStart;
+    const bool there = offset <= m_bufferSize && count <= m_bufferSize - offset && m_gathered.empty();
+    return there ? m_data + offset : nullptr;
+  }
+  void Skip(std::size_t count) noexcept { m_position += count; }
   // Writes all of it or raises. Past the end, the gap reads as zeros.
   void Write(const void* from, std::size_t count);
 
@@ -133,6 +149,11 @@ class KESP_EXPORT CFile {
   void WriteOut(const std::byte* from, std::size_t count, std::uint64_t position);
   std::size_t ReadSystem(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position);
   std::span<const std::byte> ReadViewSlow(std::size_t count);
+  bool MakeBuffer() noexcept;
+  std::byte* PlaceInBuffer(std::uint64_t position) const noexcept;
+  void FillBuffer(std::size_t count);
+  bool TakeAhead(std::size_t count);
+  void EndReadAhead() noexcept;
   void UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept;
   void SyncDirectory();
   void Reset() noexcept;
@@ -146,8 +167,10 @@ class KESP_EXPORT CFile {
   CString m_path;
   std::uint64_t m_position = 0;
   std::uint64_t m_length = 0;  // as last seen
-  std::unique_ptr<std::byte[]> m_buffer;
-  std::uint64_t m_bufferStart = 0;  // where in the file the buffer's first byte stands
+  kesp::AlignedBytes m_buffer;
+  std::unique_ptr<kesp::ReadAhead> m_ahead;
+  std::byte* m_data = nullptr;      // the buffer, or what was read ahead last
+  std::uint64_t m_bufferStart = 0;  // where in the file the first byte of it stands
   std::size_t m_bufferSize = 0;     // bytes in it
   std::size_t m_nextRead = kFirstRead;
   std::vector<std::byte> m_gathered;

@@ -4,9 +4,11 @@
 #include <sys/single_threaded.h>
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 #include "kesp/platform/Exception.h"
 
@@ -25,55 +27,78 @@ constexpr bool kPooled = true;
 constexpr bool kPooled = true;
 #endif
 
-constexpr std::size_t kChunkSize = std::size_t{2} << 20;  // and its alignment: a block finds its chunk by its address
-constexpr std::size_t kFirstChunkSize = std::size_t{64} << 10;  // of the first chunk of each size of block
+constexpr std::size_t kRegionSize = std::size_t{2} << 20;  // and its alignment: that of a huge page
+constexpr std::size_t kSpanSize = std::size_t{64} << 10;   // and its alignment: a block finds its span by its address
+constexpr std::uint32_t kAllSpans = 0xFFFFFFFF;
+static_assert(kRegionSize / kSpanSize == 32);
 // Sizes that are a multiple of 16 are aligned to 16, others to 8: no type needs more than its size allows.
 constexpr std::size_t kGranule = 8;
 constexpr std::size_t kSizes = kLargestPooledBlock / kGranule;
+constexpr std::size_t kCacheLine = 64;
+constexpr std::size_t kMostSpareRegions = 64;  // 128 MiB
+constexpr std::size_t kReadyRegions = 4;       // what PoolPrepare keeps ready
 
 struct FreeBlock {
   FreeBlock* next;
 };
 
-// At the start of every chunk.
-struct Chunk {
-  std::size_t size;   // bytes mapped
-  FreeBlock* free;    // blocks that were given back
-  std::byte* fresh;   // from here on no block was handed out yet
-  std::size_t live;   // blocks in use
-  std::size_t which;  // of the sizes
-  Chunk* previous;    // among the chunks of this size that have room
-  Chunk* next;
+// Links among the regions, or among the spans of one size, that have room.
+template <class T>
+struct Links {
+  T* previous = nullptr;
+  T* next = nullptr;
+};
+
+template <class T>
+void PushFront(T*& first, T* item) {
+  item->links = {nullptr, first};
+  if (first != nullptr) first->links.previous = item;
+  first = item;
+}
+template <class T>
+void Unlink(T*& first, T* item) {
+  (item->links.previous != nullptr ? item->links.previous->links.next : first) = item->links.next;
+  if (item->links.next != nullptr) item->links.next->links.previous = item->links.previous;
+}
+
+// At the start of every region, in front of the head of its first span.
+struct alignas(kCacheLine) Region {
+  std::uint32_t freeSpans;  // a bit for each
+  Links<Region> links;      // listed while a span is free
+};
+
+// At the start of every span that is in use.
+struct alignas(kCacheLine) Span {
+  FreeBlock* free;      // blocks that were given back
+  std::byte* fresh;     // from here on no block was handed out yet
+  std::uint32_t live;   // blocks in use
+  std::uint32_t which;  // of the sizes
+  Links<Span> links;    // listed while there is room
   bool listed;
 };
-constexpr std::size_t kHeaderSize = 64;
-constexpr std::size_t kMostSpareChunks = 64;  // 128 MiB
-static_assert(sizeof(Chunk) <= kHeaderSize);
-static_assert(kHeaderSize % kGranule == 0);
-
-// Chunks of one size that have room; the first is the one in use.
-struct SizeClass {
-  Chunk* withRoom = nullptr;
-  bool hadFirst = false;
-};
+static_assert(sizeof(Region) == kCacheLine && sizeof(Span) == kCacheLine);
 
 struct Pool {
   std::mutex mutex;
-  std::array<SizeClass, kSizes> sizes;
-  Chunk* spare = nullptr;  // empty ones, by `next`
+  std::array<Span*, kSizes> withRoom{};  // of each size; the first one is in use
+  Region* regions = nullptr;             // with a free span
+  Region* spare = nullptr;               // empty ones, by `next`
   std::size_t spareCount = 0;
+  bool hadFirst = false;
 };
 
 // Never destroyed: records may outlive every other static object.
-Pool& ThePool() {
-  static Pool* const pool = new Pool;
-  return *pool;
-}
+static_assert(std::is_trivially_destructible_v<Pool>);
+constinit Pool g_pool;
+
+// Whether this thread holds the pool's lock, for a PoolSession. Looked at for every block, so its place is fixed when
+// the library is loaded.
+[[gnu::tls_model("initial-exec")]] thread_local bool t_inSession = false;
 
 // As long as the process has one thread there is nobody to lock out.
 class MaybeLock {
  public:
-  explicit MaybeLock(std::mutex& mutex) : m_mutex(__libc_single_threaded != 0 ? nullptr : &mutex) {
+  explicit MaybeLock(std::mutex& mutex) : m_mutex(__libc_single_threaded != 0 || t_inSession ? nullptr : &mutex) {
     if (m_mutex != nullptr) m_mutex->lock();
   }
   ~MaybeLock() {
@@ -86,63 +111,79 @@ class MaybeLock {
   std::mutex* m_mutex;
 };
 
-Chunk* NewChunk(void* place, std::size_t size, std::size_t which) {
-  return new (place)
-      Chunk{size, nullptr, static_cast<std::byte*>(place) + kHeaderSize, 0, which, nullptr, nullptr, false};
+template <class T>
+T* StartOf(void* inside, std::size_t size) {
+  return reinterpret_cast<T*>(reinterpret_cast<std::uintptr_t>(inside) & ~(size - 1));
 }
 
-Chunk* MapChunk(std::size_t size, std::size_t which) {
+// Memory for a region, or null. Only the first one is not asked for as a huge page, for those who have little.
+void* MapRegion(bool huge) {
   // More than that, of which an aligned part is kept.
-  void* const raw = ::mmap(nullptr, 2 * kChunkSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  void* const raw = ::mmap(nullptr, 2 * kRegionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (raw == MAP_FAILED) return nullptr;
   auto* const begin = static_cast<std::byte*>(raw);
-  const std::size_t lead = (kChunkSize - reinterpret_cast<std::uintptr_t>(begin) % kChunkSize) % kChunkSize;
+  const std::size_t lead = (kRegionSize - reinterpret_cast<std::uintptr_t>(begin) % kRegionSize) % kRegionSize;
   if (lead != 0) ::munmap(begin, lead);
   std::byte* const aligned = begin + lead;
-  ::munmap(aligned + size, 2 * kChunkSize - lead - size);
-  if (size == kChunkSize) ::madvise(aligned, size, MADV_HUGEPAGE);  // a wish: without it the pages are small
-  return NewChunk(aligned, size, which);
+  ::munmap(aligned + kRegionSize, kRegionSize - lead);
+  if (huge) ::madvise(aligned, kRegionSize, MADV_HUGEPAGE);  // a wish: without it the pages are small
+  return aligned;
 }
 
-Chunk* TakeChunk(Pool& pool, std::size_t which) {
-  SizeClass& sizeClass = pool.sizes[which];
-  if (!sizeClass.hadFirst) {
-    sizeClass.hadFirst = true;
-    return MapChunk(kFirstChunkSize, which);
+Region* TakeRegion(Pool& pool) {
+  void* place = pool.spare;
+  if (place != nullptr) {
+    pool.spare = pool.spare->links.next;
+    --pool.spareCount;
+  } else {
+    place = MapRegion(pool.hadFirst);
+    pool.hadFirst = true;
   }
-  if (pool.spare == nullptr) return MapChunk(kChunkSize, which);
-  Chunk* const chunk = pool.spare;
-  pool.spare = chunk->next;
-  --pool.spareCount;
-  return NewChunk(chunk, kChunkSize, which);
+  return place == nullptr ? nullptr : new (place) Region{kAllSpans, {}};
 }
 
-// Some empty chunks are kept for the next data set. Their pages, but for the first, are the system's to take back
+// Some empty regions are kept for the next data set. Their pages, but for the first, are the system's to take back
 // whenever it wants them.
-void GiveChunkBack(Pool& pool, Chunk* chunk) {
-  if (chunk->size != kChunkSize || pool.spareCount == kMostSpareChunks) {
-    ::munmap(chunk, chunk->size);
+void GiveRegionBack(Pool& pool, Region* region) {
+  if (pool.spareCount == kMostSpareRegions) {
+    ::munmap(region, kRegionSize);
     return;
   }
   constexpr std::size_t kSmallestPage = 4096;
-  ::madvise(reinterpret_cast<std::byte*>(chunk) + kSmallestPage, kChunkSize - kSmallestPage, MADV_FREE);
-  chunk->next = pool.spare;
-  pool.spare = chunk;
+  ::madvise(reinterpret_cast<std::byte*>(region) + kSmallestPage, kRegionSize - kSmallestPage, MADV_FREE);
+  region->links.next = pool.spare;
+  pool.spare = region;
   ++pool.spareCount;
 }
 
-void PushFront(SizeClass& sizeClass, Chunk* chunk) {
-  chunk->previous = nullptr;
-  chunk->next = sizeClass.withRoom;
-  if (chunk->next != nullptr) chunk->next->previous = chunk;
-  sizeClass.withRoom = chunk;
-  chunk->listed = true;
+Span* TakeSpan(Pool& pool, std::size_t which) {
+  if (pool.regions == nullptr) {
+    Region* const fresh = TakeRegion(pool);
+    if (fresh == nullptr) return nullptr;
+    PushFront(pool.regions, fresh);
+  }
+  Region* const region = pool.regions;
+  const int index = std::countr_zero(region->freeSpans);
+  region->freeSpans &= region->freeSpans - 1;
+  if (region->freeSpans == 0) Unlink(pool.regions, region);
+  std::byte* place = reinterpret_cast<std::byte*>(region) + static_cast<std::size_t>(index) * kSpanSize;
+  std::byte* const head = index == 0 ? place + sizeof(Region) : place;
+  return new (head) Span{nullptr, head + sizeof(Span), 0, static_cast<std::uint32_t>(which), {}, false};
 }
 
-void Unlist(SizeClass& sizeClass, Chunk* chunk) {
-  (chunk->previous != nullptr ? chunk->previous->next : sizeClass.withRoom) = chunk->next;
-  if (chunk->next != nullptr) chunk->next->previous = chunk->previous;
-  chunk->listed = false;
+void GiveSpanBack(Pool& pool, Span* span) {
+  auto* const region = StartOf<Region>(span, kRegionSize);
+  if (region->freeSpans == 0) PushFront(pool.regions, region);
+  region->freeSpans |= 1U << (reinterpret_cast<std::uintptr_t>(span) % kRegionSize / kSpanSize);
+  if (region->freeSpans != kAllSpans) return;
+  Unlink(pool.regions, region);
+  GiveRegionBack(pool, region);
+}
+
+Span* SpanOf(void* block) {
+  auto* const start = StartOf<std::byte>(block, kSpanSize);
+  const bool firstOfRegion = reinterpret_cast<std::uintptr_t>(start) % kRegionSize == 0;
+  return reinterpret_cast<Span*>(firstOfRegion ? start + sizeof(Region) : start);
 }
 
 }  // namespace
@@ -155,27 +196,30 @@ void* PoolAllocate(std::size_t size) {
   }
   const std::size_t which = (size - 1) / kGranule;
   const std::size_t blockSize = (which + 1) * kGranule;
-  Pool& pool = ThePool();
+  Pool& pool = g_pool;
   const MaybeLock lock(pool.mutex);
-  SizeClass& sizeClass = pool.sizes[which];
-  Chunk* chunk = sizeClass.withRoom;
-  if (chunk == nullptr) {
-    chunk = TakeChunk(pool, which);
-    if (chunk == nullptr) throw CMemoryException();
-    PushFront(sizeClass, chunk);
+  Span*& first = pool.withRoom[which];
+  Span* const span = first != nullptr ? first : TakeSpan(pool, which);
+  if (span == nullptr) throw CMemoryException();
+  if (!span->listed) {
+    PushFront(first, span);
+    span->listed = true;
   }
-  ++chunk->live;
-  void* block = chunk->free;
+  ++span->live;
+  void* block = span->free;
   if (block != nullptr) {
-    chunk->free = chunk->free->next;
-    __builtin_prefetch(chunk->free, 1);
+    span->free = span->free->next;
+    __builtin_prefetch(span->free, 1);
   } else {
-    block = chunk->fresh;
-    chunk->fresh += blockSize;
-    __builtin_prefetch(chunk->fresh + blockSize, 1);
+    block = span->fresh;
+    span->fresh += blockSize;
+    __builtin_prefetch(span->fresh + blockSize, 1);
   }
-  const auto used = static_cast<std::size_t>(chunk->fresh - reinterpret_cast<std::byte*>(chunk));
-  if (chunk->free == nullptr && used + blockSize > chunk->size) Unlist(sizeClass, chunk);
+  const std::byte* const end = StartOf<std::byte>(span, kSpanSize) + kSpanSize;
+  if (span->free == nullptr && span->fresh + blockSize > end) {
+    Unlink(first, span);
+    span->listed = false;
+  }
   return block;
 }
 
@@ -184,18 +228,64 @@ void PoolFree(void* block, std::size_t size) noexcept {
     ::operator delete(block);
     return;
   }
-  auto* const chunk = reinterpret_cast<Chunk*>(reinterpret_cast<std::uintptr_t>(block) & ~(kChunkSize - 1));
-  Pool& pool = ThePool();
+  Span* const span = SpanOf(block);
+  Pool& pool = g_pool;
   const MaybeLock lock(pool.mutex);
-  // cppcheck-suppress constVariable
-  SizeClass& sizeClass = pool.sizes[chunk->which];
-  chunk->free = new (block) FreeBlock{chunk->free};
-  --chunk->live;
-  if (!chunk->listed) PushFront(sizeClass, chunk);
-  if (chunk->live == 0 && (chunk->next != nullptr || chunk->previous != nullptr)) {
-    Unlist(sizeClass, chunk);
-    GiveChunkBack(pool, chunk);
+  Span*& first = pool.withRoom[span->which];
+  span->free = new (block) FreeBlock{span->free};
+  --span->live;
+  if (!span->listed) {
+    PushFront(first, span);
+    span->listed = true;
   }
+  // One of each size stays, so that a block made and freed again and again costs no more than that.
+  if (span->live == 0 && (span->links.next != nullptr || span->links.previous != nullptr)) {
+    Unlink(first, span);
+    GiveSpanBack(pool, span);
+  }
+}
+
+bool PoolPrepare() noexcept {
+  if (!kPooled) return false;
+  Pool& pool = g_pool;
+  {
+    const MaybeLock lock(pool.mutex);
+    if (pool.spareCount >= kReadyRegions) return false;
+  }
+  void* const place = MapRegion(true);
+  if (place == nullptr) return false;
+  constexpr int kPopulateWrite = 23;  // MADV_POPULATE_WRITE, which older headers lack
+  if (::madvise(place, kRegionSize, kPopulateWrite) != 0) {
+    ::munmap(place, kRegionSize);
+    return false;
+  }
+  const MaybeLock lock(pool.mutex);
+  auto* const region = new (place) Region{kAllSpans, {nullptr, pool.spare}};
+  pool.spare = region;
+  ++pool.spareCount;
+  return true;
+}
+
+PoolSession::PoolSession() : m_nested(t_inSession || !kPooled) {
+  if (m_nested) return;
+  g_pool.mutex.lock();
+  t_inSession = true;
+}
+PoolSession::~PoolSession() {
+  if (m_nested) return;
+  t_inSession = false;
+  g_pool.mutex.unlock();
+}
+
+PoolPause::PoolPause() : m_inSession(t_inSession) {
+  if (!m_inSession) return;
+  t_inSession = false;
+  g_pool.mutex.unlock();
+}
+PoolPause::~PoolPause() {
+  if (!m_inSession) return;
+  g_pool.mutex.lock();
+  t_inSession = true;
 }
 
 }  // namespace kesp

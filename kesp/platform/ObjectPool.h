@@ -1,11 +1,11 @@
 // Memory for records and their texts: many small blocks of few sizes, made and dropped together.
 //
-// Blocks come out of 2 MiB chunks that ask the system for huge pages, since a page touched for the first time costs far
-// more than what is put into it. A chunk holds blocks of one size; the first of each size is
-// small, for those who have little. When a chunk's last block is freed it is kept for the next
-// data set, up to 128 MiB of them, as memory that the system may take back when it wants it; beyond that it is
-// unmapped. Blocks over kLargestPooledBlock bytes come from the ordinary heap, and so does everything in a build for
-// the address sanitizer, which then sees each block's bounds.
+// Blocks come out of regions of 2 MiB that ask the system for huge pages, since a page touched for the first time costs
+// far more than what is put into it; the first region does without, for those who have little. A region is cut into
+// spans of 64 KiB, each for blocks of one size, so that many sizes waste little. When the last block of a region is
+// freed it is kept for the next data set, up to 128 MiB of them, as memory that the system may take back when it wants
+// it; beyond that it is unmapped. Blocks over kLargestPooledBlock bytes come from the ordinary heap, and so does
+// everything in a build for the address sanitizer, which then sees each block's bounds.
 //
 // Any thread may allocate and free. Errors: CMemoryException.
 #pragma once
@@ -22,6 +22,33 @@ constexpr std::size_t kLargestPooledBlock = 1024;
 KESP_EXPORT void* PoolAllocate(std::size_t size);
 // `size` is what the block was allocated with.
 KESP_EXPORT void PoolFree(void* block, std::size_t size) noexcept;
+
+// Makes a piece of memory ready before it is asked for, so that those who ask need not wait while the system clears it.
+// False when enough is ready already, or when there is none to be had.
+bool PoolPrepare() noexcept;
+
+// Whoever makes or deletes millions of blocks locks the pool once, and not for each. Other threads' blocks wait
+// meanwhile, so it must not last: PoolPause lets go of the lock for as long as something else is waited for.
+class PoolSession {
+ public:
+  PoolSession();
+  ~PoolSession();
+  PoolSession(const PoolSession&) = delete;
+  PoolSession& operator=(const PoolSession&) = delete;
+
+ private:
+  const bool m_nested;
+};
+class PoolPause {
+ public:
+  PoolPause();
+  ~PoolPause();
+  PoolPause(const PoolPause&) = delete;
+  PoolPause& operator=(const PoolPause&) = delete;
+
+ private:
+  const bool m_inSession;
+};
 
 // For containers whose storage is small as a rule.
 template <class T>

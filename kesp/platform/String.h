@@ -23,6 +23,8 @@
 
 class KESP_EXPORT CString {
  public:
+  static constexpr std::size_t kInline = 11;  // units that fit into the object
+
   CString() noexcept { SetSmallLength(0); }
   CString(const char* utf8);  // null counts as empty, here and below
   CString(const wchar_t* text);
@@ -97,7 +99,6 @@ class KESP_EXPORT CString {
   CString& Trim();                // white space at both ends, of all of Unicode's basic plane
 
  private:
-  static constexpr std::size_t kInline = 11;             // units that fit into the object
   static constexpr char16_t kLongMark = 0x8000;          // in the last unit; a short text has 11 - length there
   static constexpr std::size_t kMaxLength = 0x3FFFFFFF;  // units
 

@@ -1,0 +1,35 @@
+// Memory to read files into.
+//
+// It begins at a page, since the system copies several times as fast to where its own page has the bytes, counted in
+// cache lines: whoever reads puts the byte at file offset n to a place that is n too, modulo kLine.
+// Errors: none; an empty one means that there is no memory.
+#pragma once
+#include <cstddef>
+#include <new>
+#include <utility>
+
+namespace kesp {
+
+class AlignedBytes {
+ public:
+  static constexpr std::size_t kLine = 64;
+
+  AlignedBytes() noexcept = default;
+  explicit AlignedBytes(std::size_t size) noexcept
+      : m_data(static_cast<std::byte*>(::operator new(size, kPage, std::nothrow))) {}
+  ~AlignedBytes() { ::operator delete(m_data, kPage); }
+  AlignedBytes(AlignedBytes&& other) noexcept : m_data(std::exchange(other.m_data, nullptr)) {}
+  AlignedBytes& operator=(AlignedBytes&& other) noexcept {
+    std::swap(m_data, other.m_data);
+    return *this;
+  }
+
+  std::byte* Data() const noexcept { return m_data; }
+  explicit operator bool() const noexcept { return m_data != nullptr; }
+
+ private:
+  static constexpr std::align_val_t kPage{4096};
+  std::byte* m_data = nullptr;
+};
+
+}  // namespace kesp

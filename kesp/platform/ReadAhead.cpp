@@ -1,0 +1,120 @@
+#include "kesp/platform/ReadAhead.h"
+
+#include <signal.h>
+
+#include <cerrno>
+
+#include "kesp/platform/ObjectPool.h"
+#include "kesp/platform/SystemCalls.h"
+
+namespace kesp {
+namespace {
+
+// No signal of the host's is handled in a thread that the host does not know.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() noexcept {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &m_before);
+  }
+  ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+  SignalsBlocked(const SignalsBlocked&) = delete;
+  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+  sigset_t m_before{};
+};
+
+// Waits until `number` is one that lets go. The other thread is quick as a rule, and waking up takes longer than that:
+// sleeping is for when it is not.
+template <class MustWait>
+void WaitWhile(const std::atomic<std::size_t>& number, MustWait mustWait) noexcept {
+  constexpr int kLooks = 200;
+  for (int look = 0; look < kLooks; ++look) {
+    if (!mustWait(number.load(std::memory_order_acquire))) return;
+    std::this_thread::yield();
+  }
+  for (;;) {
+    const std::size_t seen = number.load(std::memory_order_acquire);
+    if (!mustWait(seen)) return;
+    number.wait(seen, std::memory_order_acquire);
+  }
+}
+
+}  // namespace
+
+ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront)
+    : m_fd(fd), m_offset(offset), m_roomInFront(roomInFront), m_memory(kBlocks * (roomInFront + kBlockSize)) {
+  if (!m_memory) throw std::bad_alloc();
+  const SignalsBlocked blocked;
+  m_thread = std::thread([this] { Run(); });
+}
+
+ReadAhead::~ReadAhead() {
+  m_stop = true;
+  m_given += kBlocks;  // makes room, for one who waits for it
+  m_given.notify_one();
+  m_thread.join();
+}
+
+// The next block that nobody reads yet, if there is room for one.
+std::optional<std::size_t> ReadAhead::Claim() noexcept {
+  std::size_t number = m_claimed.load(std::memory_order_relaxed);
+  while (number < m_given.load(std::memory_order_acquire) + kMostAhead) {
+    if (m_claimed.compare_exchange_weak(number, number + 1, std::memory_order_acq_rel)) return number;
+  }
+  return std::nullopt;
+}
+
+std::span<std::byte> ReadAhead::Next() {
+  if (m_ended) return {};
+  const std::size_t number = m_given.load(std::memory_order_relaxed);
+  while (!IsRead(number)) {
+    if (const std::optional<std::size_t> other = Claim()) {
+      (void)ReadBlock(*other);
+    } else {
+      WaitWhile(m_read[number % kBlocks], [number](std::size_t read) { return read <= number; });
+    }
+  }
+  const std::span<std::byte> whole = Block(number);
+  const std::span<std::byte> block = whole.first(m_sizes[number % kBlocks]);
+  m_ended = block.size() < whole.size();  // whether more has come since, or what is wrong, is for the taker to find out
+  if (block.empty()) return {};
+  m_given.store(number + 1, std::memory_order_release);
+  // Waking a thread takes long: it is worth it once there is room for several blocks.
+  if (m_claimed.load(std::memory_order_relaxed) - number <= kMostAhead / 2) m_given.notify_one();
+  return block;
+}
+
+void ReadAhead::Run() {
+  while (!m_stop) {
+    const std::optional<std::size_t> number = Claim();
+    if (number) {
+      if (ReadBlock(*number) < Block(*number).size()) return;
+      continue;
+    }
+    if (PoolPrepare()) continue;
+    const std::size_t claimed = m_claimed.load(std::memory_order_relaxed);
+    WaitWhile(m_given, [claimed](std::size_t given) { return claimed >= given + kMostAhead; });
+  }
+}
+
+// Answers the size: less than there is room for at the end of the file, and where reading fails.
+std::size_t ReadAhead::ReadBlock(std::size_t number) noexcept {
+  const std::span<std::byte> to = Block(number);
+  std::size_t total = 0;
+  while (total < to.size()) {
+    const ssize_t got =
+        System().Read(m_fd, to.data() + total, to.size() - total, static_cast<std::int64_t>(OffsetOf(number) + total));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    total += static_cast<std::size_t>(got);
+  }
+  m_sizes[number % kBlocks] = total;
+  m_read[number % kBlocks].store(number + 1, std::memory_order_release);
+  m_read[number % kBlocks].notify_one();
+  return total;
+}
+
+}  // namespace kesp
