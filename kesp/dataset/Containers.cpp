@@ -1,3 +1,4 @@
+#include <new>
 #include <random>
 
 #include "kesp/dataset/KespMap.h"
@@ -25,40 +26,65 @@ std::uint64_t ProcessSeed() noexcept {
   return seed;
 }
 
-void RecordList::AddTail(CKespRecord* record) {
-  m_records.push_back(record);
-  if (m_placesKnown) m_places.emplace(record, m_records.size() - 1);
+void RecordList::NotePlace(const CKespRecord* last) noexcept {
+  try {
+    m_places.emplace(last, m_records.Size() - 1);
+  } catch (const std::bad_alloc&) {
+    ForgetPlaces();
+  }
 }
 
-void RecordList::Remove(const CKespRecord* record) {
-  if (!m_placesKnown) {
-    m_places.reserve(m_records.size());
-    for (std::size_t i = 0; i < m_records.size(); ++i) {
+bool RecordList::FindPlaces() noexcept {
+  if (m_placesKnown) return true;
+  try {
+    m_places.reserve(m_records.Size());
+    for (std::size_t i = 0; i < m_records.Size(); ++i) {
       if (m_records[i] != Hole()) m_places.emplace(m_records[i], i);
     }
     m_placesKnown = true;
+  } catch (const std::bad_alloc&) {
+    ForgetPlaces();
   }
-  const auto [first, last] = m_places.equal_range(record);
-  for (auto place = first; place != last; ++place) {
-    m_records[place->second] = Hole();
-    ++m_holes;
+  return m_placesKnown;
+}
+
+void RecordList::ForgetPlaces() noexcept {
+  m_places.clear();
+  m_placesKnown = false;
+}
+
+void RecordList::Remove(const CKespRecord* record) noexcept {
+  if (FindPlaces()) {
+    const auto [first, last] = m_places.equal_range(record);
+    for (auto place = first; place != last; ++place) {
+      m_records[place->second] = Hole();
+      ++m_holes;
+    }
+    m_places.erase(first, last);
+  } else {
+    for (std::size_t i = 0; i < m_records.Size(); ++i) {
+      if (m_records[i] != record) continue;
+      m_records[i] = Hole();
+      ++m_holes;
+    }
   }
-  m_places.erase(first, last);
-  if (2 * m_holes > m_records.size()) CloseHoles();
+  if (2 * m_holes > m_records.Size()) CloseHoles();
 }
 
 void RecordList::RemoveAll() noexcept {
-  m_records = {};
-  m_places = {};
-  m_placesKnown = false;
+  m_records.Clear();
+  ForgetPlaces();
   m_holes = 0;
 }
 
-void RecordList::CloseHoles() {
-  std::erase(m_records, Hole());
+void RecordList::CloseHoles() noexcept {
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < m_records.Size(); ++i) {
+    if (m_records[i] != Hole()) m_records[kept++] = m_records[i];
+  }
+  m_records.Truncate(kept);
   m_holes = 0;
-  m_places.clear();
-  m_placesKnown = false;
+  ForgetPlaces();
 }
 
 }  // namespace kesp

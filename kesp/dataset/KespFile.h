@@ -34,6 +34,7 @@
 //
 // One thread at a time.
 #pragma once
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -260,11 +261,17 @@ class KESP_EXPORT CKespFile {
   ErrorEnum OpenWith(const CString& path, CString& message, bool readOnly);
   // What the reader keeps in mind from record to record.
   struct Reading {
-    CKespFeature* lastFeature = nullptr;   // records of one feature follow one another
-    std::vector<CKespFeature*> withMarks;  // features that have, or own what has, a flag word other than 0
+    CKespFeature* lastFeature = nullptr;       // records of one feature follow one another
+    std::vector<CKespFeature*> withMarks;      // features that have, or own what has, a flag word other than 0
+    std::uint32_t points = 0;                  // in the features of the index
+    std::array<std::uint64_t, 4> kindsSeen{};  // record types and versions seen last
+    std::size_t kindsCount = 0;
   };
   // Files one record that was read, and answers whether it is kept.
   bool FileRecord(CKespRecord* record, Reading& reading);
+  bool FilePoint(CKespPoint* point, Reading& reading);
+  CKespFeature* FeatureOf(std::uint32_t number, Reading& reading) const;
+  void TakeVersion(CKespRecord& record, Reading& reading);
   void HandUpFlags(Reading& reading);
   void HandUpFlags(CKespFeature& feature);
   void HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& feature);

@@ -8,7 +8,7 @@ namespace {
 
 int IndexOf(const CKespFeature& feature, const CKespPoint* point) {
   const auto& points = feature.m_pointList;
-  const auto found = std::find_if(points.begin(), points.end(), [point](const auto& p) { return p.get() == point; });
+  const auto* const found = std::find(points.begin(), points.end(), point);
   return found == points.end() ? -1 : static_cast<int>(found - points.begin());
 }
 
@@ -28,13 +28,13 @@ ErrorEnum CKespFile::DeleteFeatureAndAssociatedRec(CKespFeature* feature) {
   if (feature == nullptr) return ERR_NONE;
   m_featureIndex.RemoveKey(feature->FeatureNumber);
   if (m_pDataFile != nullptr) m_pDataFile->SetFlush(false);
-  for (const auto& point : feature->m_pointList) {
-    if (!point) continue;
+  for (CKespPoint* point : feature->m_pointList) {
+    if (point == nullptr) continue;
     MarkDeletedOnDisk(*point);
     if (m_numPoints != 0) --m_numPoints;  // 0 means not counted
   }
-  for (const auto& attribute : feature->m_attributeList) {
-    if (attribute) MarkDeletedOnDisk(*attribute);
+  for (CKespAttribute* attribute : feature->m_attributeList) {
+    if (attribute != nullptr) MarkDeletedOnDisk(*attribute);
   }
   // The records of the feature and its end stay undeleted in the file: what is left there is a feature without points,
   // which other programs expect to find.

@@ -13,8 +13,8 @@ constexpr std::uint32_t kDeletionState = KESP_FLAG_DELETED | KESP_SRC_DELETED | 
 
 template <class Records>
 void HandUp(const Records& records, CKespFeature& feature) {
-  for (const auto& record : records) {
-    if (record) feature.SetSourceFlag(record->m_flags & ~kDeletionState);
+  for (const auto* record : records) {
+    if (record != nullptr) feature.SetSourceFlag(record->m_flags & ~kDeletionState);
   }
 }
 

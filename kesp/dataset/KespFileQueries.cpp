@@ -243,12 +243,12 @@ ErrorEnum CKespFile::GetKespDataSummary(unsigned long& numPoints, unsigned long&
   const CKespPoint* last = nullptr;
   for (const auto& entry : m_featureIndex) {
     numPoints += static_cast<unsigned long>(entry.value->GetNumPoints());
-    for (const auto& point : entry.value->m_pointList) {
-      if (!point) continue;
+    for (const CKespPoint* point : entry.value->m_pointList) {
+      if (point == nullptr) continue;
       const CTime time(point->PointTime);
       if (time > lastTime) {
         lastTime = time;
-        last = point.get();
+        last = point;
       }
       if (time < firstTime) firstTime = time;
       extent.Include(point->CoordX, point->CoordY);

@@ -32,8 +32,8 @@ ErrorEnum CKespFile::AddFeatureRecOnlyToWriteQueue(CKespFeature* feature) { retu
 ErrorEnum CKespFile::AddFeatureAndAssociatedRecToWriteQueue(CKespFeature* feature) {
   if (feature == nullptr) return ERR_BAD_FEATURE;
   Queue(feature);
-  for (const auto& attribute : feature->m_attributeList) Queue(attribute.get());
-  for (const auto& point : feature->m_pointList) Queue(point.get());
+  for (CKespAttribute* attribute : feature->m_attributeList) Queue(attribute);
+  for (CKespPoint* point : feature->m_pointList) Queue(point);
   if (CKespFeatureEnd* const end = feature->GetFeatureEnd()) Queue(end);
   return ERR_NONE;
 }

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "kesp/dataset/KespFile.h"
+#include "kesp/platform/ObjectPool.h"
 #include "kesp/util/NumberText.h"
 #include "kesp/util/Utilities.h"
 
@@ -13,6 +14,7 @@ namespace {
 constexpr double kSmallestExtent = 1e-7;  // sides of an extent that is taken over are longer than this
 constexpr int kMessageLimit = 255;        // characters of a system message that are handed on
 constexpr int kNoteTagLength = 4;
+constexpr std::uint64_t kWorthReadingAhead = std::uint64_t{4} << 20;  // bytes of a file
 constexpr std::u16string_view kBmcTag = u"BMC:";
 constexpr std::u16string_view kZomTag = u"ZOM:";
 
@@ -185,38 +187,73 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   }
   if (!next && m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF) return ERR_NONE;
 
-  // Room for what a file of this length holds as a rule.
-  constexpr std::uint64_t kFarthestLook = std::uint64_t{256} << 20;  // a file may be long and hold little
-  const auto fileLength = static_cast<std::size_t>(std::min(m_pDataFile->m_file.KnownLength(), kFarthestLook));
-  m_recordList.Reserve(fileLength / 512);
-  m_pointIndex.Reserve(fileLength / 768);
+  if (m_pDataFile->m_file.KnownLength() >= kWorthReadingAhead) m_pDataFile->m_file.ReadAhead();
+  const kesp::PoolSession session;
   Reading reading;
   // Damage right behind the header reads as a file that ends there; further on it is reported.
   while (next) {
-    unsigned short needed = 0;
-    if (next->GetMinimumKespVersionFromRecordVersion(needed, 0)) {
-      m_kespVersion = std::max(m_kespVersion, std::uint32_t{needed});
-    }
+    TakeVersion(*next, reading);
     CKespRecord* const record = next.release();
     if (FileRecord(record, reading)) m_recordList.AddTail(record);
+    while (CKespPoint* const point = m_pDataFile->TakePlainPoint()) {
+      TakeVersion(*point, reading);
+      if (FilePoint(point, reading)) m_recordList.AddTail(point);
+    }
     next.reset(m_pDataFile->ReadNextRecord(skipDeleted));
     if (!next && m_pDataFile->GetError() != KESP_ERROR_NORMAL_EOF) return ERR_READ_FAILED;
   }
   HandUpFlags(reading);
   if (m_kespVersion < 2 && !m_featureIndex.IsEmpty()) return ERR_OLD_VERSION;
-  (void)GetNumberOfPoints();
+  m_numPoints = reading.points;
   return ERR_NONE;
+}
+
+// The class of a record answers the same for all records of a version: it is asked again when one of another class or
+// version follows.
+void CKespFile::TakeVersion(CKespRecord& record, Reading& reading) {
+  const std::uint64_t kind = std::uint64_t{record.m_recordType} << 16 | record.m_recordVersion;
+  for (const std::uint64_t known : reading.kindsSeen) {
+    if (known == kind) return;
+  }
+  reading.kindsSeen[reading.kindsCount++ % reading.kindsSeen.size()] = kind;
+  unsigned short needed = 0;
+  if (record.GetMinimumKespVersionFromRecordVersion(needed, 0)) {
+    m_kespVersion = std::max(m_kespVersion, std::uint32_t{needed});
+  }
+}
+
+// The feature of that number that came last; records of one feature follow one another as a rule.
+CKespFeature* CKespFile::FeatureOf(std::uint32_t number, Reading& reading) const {
+  CKespFeature* feature = reading.lastFeature;
+  if (feature != nullptr && feature->FeatureNumber == number) return feature;
+  feature = nullptr;
+  if (m_featureIndex.Lookup(number, feature)) reading.lastFeature = feature;
+  return feature;
+}
+
+// The same as FileRecord.
+bool CKespFile::FilePoint(CKespPoint* point, Reading& reading) {
+  std::unique_ptr<CKespPoint> own(point);
+  CKespFeature* const feature = FeatureOf(point->FeatureNumber, reading);
+  // Only a point that stays is indexed: one that belongs to nothing must not take the place of another.
+  if (feature == nullptr) return false;
+  feature->AddPoint(point);
+  (void)own.release();
+  m_pointIndex.Note(point->PointNumber, point);
+  ++reading.points;
+  if (point->m_flags != 0) reading.withMarks.push_back(feature);
+  point->Offset1 = 0;
+  point->Offset2 = 0;
+  point->HasOffset = 0;
+  const CTime time(point->PointTime);
+  if (time < m_firstPointTime) m_firstPointTime = time;
+  if (time > m_lastPointTime) m_lastPointTime = time;
+  return true;
 }
 
 bool CKespFile::FileRecord(CKespRecord* record, Reading& reading) {
   std::unique_ptr<CKespRecord> own(record);
-  const auto featureOf = [&](std::uint32_t number) {
-    CKespFeature* feature = reading.lastFeature;
-    if (feature != nullptr && feature->FeatureNumber == number) return feature;
-    feature = nullptr;
-    if (m_featureIndex.Lookup(number, feature)) reading.lastFeature = feature;
-    return feature;
-  };
+  const auto featureOf = [&](std::uint32_t number) { return FeatureOf(number, reading); };
   const auto noteMarks = [&](CKespFeature* feature) {
     if (record->m_flags != 0) reading.withMarks.push_back(feature);
   };
@@ -225,28 +262,15 @@ bool CKespFile::FileRecord(CKespRecord* record, Reading& reading) {
       auto* const feature = static_cast<CKespFeature*>(record);
       m_ownFeatures.push_back(feature);
       (void)own.release();
-      m_featureIndex.SetAt(feature->FeatureNumber, feature);
+      if (const CKespFeature* const replaced = m_featureIndex.SetAt(feature->FeatureNumber, feature)) {
+        reading.points -= static_cast<std::uint32_t>(replaced->GetNumPoints());
+      }
       reading.lastFeature = feature;
       noteMarks(feature);
       return true;
     }
-    case KESP_RECORD_POINT: {
-      auto* const point = static_cast<CKespPoint*>(record);
-      CKespFeature* const feature = featureOf(point->FeatureNumber);
-      // Only a point that stays is indexed: one that belongs to nothing must not take the place of another.
-      if (feature == nullptr) return false;
-      feature->AddPoint(point);
-      (void)own.release();
-      m_pointIndex.SetAt(point->PointNumber, point);
-      noteMarks(feature);
-      point->Offset1 = 0;
-      point->Offset2 = 0;
-      point->HasOffset = 0;
-      const CTime time(point->PointTime);
-      if (time < m_firstPointTime) m_firstPointTime = time;
-      if (time > m_lastPointTime) m_lastPointTime = time;
-      return true;
-    }
+    case KESP_RECORD_POINT:
+      return FilePoint(static_cast<CKespPoint*>(own.release()), reading);
     case KESP_RECORD_FEATURE_END: {
       auto* const end = static_cast<CKespFeatureEnd*>(record);
       CKespFeature* const feature = featureOf(end->FeatureNumber);

@@ -8,15 +8,23 @@
 // and take constant time however the keys fall into the buckets; a seed of the process's own keeps a hostile file from
 // choosing keys that collide there. Values are copied; what they point to is not owned.
 //
-// Removing the entry an iterator stands on makes it invalid, nothing else does but Clear.
+// Entries that come in great numbers and may never be asked for can be noted first (Note), for half the memory and a
+// fraction of the time; the first other operation enters them.
+//
+// Removing the entry an iterator stands on makes it invalid, nothing else does but RemoveAll.
+// Errors: std::bad_alloc and CMemoryException from SetAt, Note and Settle, and from every operation behind a Note that
+// was not settled. What the map held it still holds.
 #pragma once
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "kesp/dataset/BlockList.h"
 #include "kesp/platform/Export.h"
 
 namespace kesp {
@@ -72,10 +80,16 @@ class KespMap {
 
   KespMap() { m_heads.fill(kNone); }
 
-  Iterator begin() const { return {this, 0}; }
+  Iterator begin() const {
+    Settle();
+    return {this, 0};
+  }
   Iterator end() const { return {this, kBuckets}; }
-  int GetCount() const noexcept { return static_cast<int>(m_count); }
-  bool IsEmpty() const noexcept { return m_count == 0; }
+  int GetCount() const {
+    Settle();
+    return static_cast<int>(m_count);
+  }
+  bool IsEmpty() const noexcept { return m_count == 0 && m_noted.Size() == 0; }
 
   // False, and nothing stored, when the key is not there.
   bool Lookup(const Key& key, Value& value) const {
@@ -86,40 +100,30 @@ class KespMap {
   }
   // Null when the key is not there; valid until the next change.
   const Value* Find(const Key& key) const {
+    Settle();
     if (m_count == 0) return nullptr;
     const std::uint32_t at = m_slots[SlotOf(key)].at;
     return at == kNone ? nullptr : &m_entries[at].value;
   }
   // Answers the value that was replaced; a default one for a new key.
   Value SetAt(const Key& key, const Value& value) {
-    if (2 * (m_count + 1) > m_slots.size()) Rehash(std::max<std::size_t>(2 * m_slots.size(), kGroup));
-    const std::size_t slot = SlotOf(key);
-    FetchAhead(key);
-    if (m_slots[slot].at != kNone) return std::exchange(m_entries[m_slots[slot].at].value, value);
-    std::uint32_t at = m_firstFree;
-    if (at != kNone) {
-      m_firstFree = m_entries[at].next;
-    } else {
-      at = static_cast<std::uint32_t>(m_entries.size());
-      m_entries.emplace_back();
-    }
-    std::uint32_t& head = m_heads[BucketOf(key)];
-    m_entries[at] = {key, value, kNone, head};
-    if (head != kNone) m_entries[head].previous = at;
-    head = at;
-    m_slots[slot] = {at, HashWord(key)};
-    ++m_count;
-    return Value{};
+    Settle();
+    return Enter(key, value);
   }
-  // Makes room for `count` entries in all, so that entering them moves nothing.
-  void Reserve(std::size_t count) {
-    std::size_t size = std::max<std::size_t>(m_slots.size(), kGroup);
-    while (size < 2 * (count + 1)) size *= 2;
-    if (size != m_slots.size()) Rehash(size);
-    m_entries.reserve(count);
+  // SetAt, put off until something else is asked of the map.
+  void Note(const Key& key, const Value& value) {
+    Noted noted;
+    std::memcpy(noted.bytes.data(), &key, sizeof key);
+    std::memcpy(noted.bytes.data() + sizeof key, &value, sizeof value);
+    m_noted.Append(noted);
+  }
+  // Enters what was noted. Every other operation does so first.
+  void Settle() const {
+    if (m_noted.Size() != 0) const_cast<KespMap*>(this)->EnterNoted();
   }
   // False when the key is not there.
   bool RemoveKey(const Key& key) {
+    Settle();
     if (m_count == 0) return false;
     const std::size_t slot = SlotOf(key);
     const std::uint32_t at = m_slots[slot].at;
@@ -147,6 +151,47 @@ class KespMap {
     std::uint32_t at = kNone;    // in m_entries
     std::uint32_t hashWord = 0;  // of the key, so that another key is told without a look at its entry
   };
+
+  // Packed, since there may be millions.
+  static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>);
+  struct Noted {
+    std::array<std::byte, sizeof(Key) + sizeof(Value)> bytes;
+  };
+
+  void EnterNoted() {
+    std::size_t size = std::max<std::size_t>(m_slots.size(), kGroup);
+    while (size < 2 * (m_count + m_noted.Size() + 1)) size *= 2;
+    if (size != m_slots.size()) Rehash(size);
+    // Entering the same again changes nothing, so they are dropped when all are in.
+    for (std::size_t i = 0; i < m_noted.Size(); ++i) {
+      Key key;
+      Value value;
+      std::memcpy(&key, m_noted[i].bytes.data(), sizeof key);
+      std::memcpy(&value, m_noted[i].bytes.data() + sizeof key, sizeof value);
+      Enter(key, value);
+    }
+    m_noted.Clear();
+  }
+  Value Enter(const Key& key, const Value& value) {
+    if (2 * (m_count + 1) > m_slots.size()) Rehash(std::max<std::size_t>(2 * m_slots.size(), kGroup));
+    const std::size_t slot = SlotOf(key);
+    FetchAhead(key);
+    if (m_slots[slot].at != kNone) return std::exchange(m_entries[m_slots[slot].at].value, value);
+    std::uint32_t at = m_firstFree;
+    if (at != kNone) {
+      m_firstFree = m_entries[at].next;
+    } else {
+      at = static_cast<std::uint32_t>(m_entries.Size());
+      m_entries.Append(Entry{});
+    }
+    std::uint32_t& head = m_heads[BucketOf(key)];
+    m_entries[at] = {key, value, kNone, head};
+    if (head != kNone) m_entries[head].previous = at;
+    head = at;
+    m_slots[slot] = {at, HashWord(key)};
+    ++m_count;
+    return Value{};
+  }
 
   static std::uint32_t HashWord(const Key& key) noexcept { return static_cast<std::uint32_t>(key); }
   static std::uint32_t BucketOf(const Key& key) noexcept { return (HashWord(key) >> 4) % kBuckets; }
@@ -186,7 +231,7 @@ class KespMap {
   }
   void Rehash(std::size_t size) {
     m_slots.assign(size, Slot{});
-    for (std::uint32_t at = 0; at < m_entries.size(); ++at) {
+    for (std::uint32_t at = 0; at < m_entries.Size(); ++at) {
       if (m_entries[at].previous == kFree) continue;
       m_slots[SlotOf(m_entries[at].key)] = {at, HashWord(m_entries[at].key)};
     }
@@ -204,7 +249,8 @@ class KespMap {
     m_slots[gap] = Slot{};
   }
 
-  std::vector<Entry> m_entries;
+  BlockList<Noted> m_noted;
+  BlockList<Entry> m_entries;
   std::vector<Slot> m_slots;  // the size is a power of 2, at most half of them are used
   std::array<std::uint32_t, kBuckets> m_heads{};
   std::uint32_t m_firstFree = kNone;

@@ -5,13 +5,16 @@
 // Appending and asking for the length take constant time, removing a record too: it leaves a hole that walks pass over,
 // and holes are closed when they are as many as the records. The same pointer may stand here more than once, and so may
 // null.
+//
+// Errors: out of memory gets out of AddTail, which then has added nothing. Remove never fails; without the memory for
+// its index it looks through the list.
 #pragma once
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <unordered_map>
-#include <vector>
 
+#include "kesp/dataset/BlockList.h"
 #include "kesp/platform/Export.h"
 
 class CKespRecord;
@@ -25,8 +28,8 @@ class KESP_EXPORT RecordList {
     using value_type = CKespRecord*;
     using difference_type = std::ptrdiff_t;
     Iterator() = default;
-    Iterator(CKespRecord* const* at, CKespRecord* const* end) : m_at(at), m_end(end) { SkipHoles(); }
-    CKespRecord* operator*() const { return *m_at; }
+    Iterator(const BlockList<CKespRecord*>* records, std::size_t at) : m_records(records), m_at(at) { SkipHoles(); }
+    CKespRecord* operator*() const { return (*m_records)[m_at]; }
     Iterator& operator++() {
       ++m_at;
       SkipHoles();
@@ -41,30 +44,35 @@ class KESP_EXPORT RecordList {
 
    private:
     void SkipHoles() {
-      while (m_at != m_end && *m_at == Hole()) ++m_at;
+      while (m_at < m_records->Size() && (*m_records)[m_at] == Hole()) ++m_at;
     }
-    CKespRecord* const* m_at = nullptr;
-    CKespRecord* const* m_end = nullptr;
+    const BlockList<CKespRecord*>* m_records = nullptr;
+    std::size_t m_at = 0;
   };
 
-  Iterator begin() const { return {m_records.data(), m_records.data() + m_records.size()}; }
-  Iterator end() const { return {m_records.data() + m_records.size(), m_records.data() + m_records.size()}; }
-  int GetCount() const noexcept { return static_cast<int>(m_records.size() - m_holes); }
-  bool IsEmpty() const noexcept { return m_records.size() == m_holes; }
+  Iterator begin() const { return {&m_records, 0}; }
+  Iterator end() const { return {&m_records, m_records.Size()}; }
+  int GetCount() const noexcept { return static_cast<int>(m_records.Size() - m_holes); }
+  bool IsEmpty() const noexcept { return m_records.Size() == m_holes; }
   CKespRecord* GetHead() const { return IsEmpty() ? nullptr : *begin(); }
 
-  void Reserve(std::size_t count) { m_records.reserve(count); }
-  void AddTail(CKespRecord* record);
+  void AddTail(CKespRecord* record) {
+    m_records.Append(record);
+    if (m_placesKnown) NotePlace(record);
+  }
   // Every entry that is this record.
-  void Remove(const CKespRecord* record);
+  void Remove(const CKespRecord* record) noexcept;
   void RemoveAll() noexcept;
 
  private:
   // Stands for an entry that was removed: an address at which no record can be.
   static CKespRecord* Hole() noexcept { return reinterpret_cast<CKespRecord*>(std::uintptr_t{1}); }
-  void CloseHoles();
+  void NotePlace(const CKespRecord* last) noexcept;
+  bool FindPlaces() noexcept;
+  void ForgetPlaces() noexcept;
+  void CloseHoles() noexcept;
 
-  std::vector<CKespRecord*> m_records;
+  BlockList<CKespRecord*> m_records;
   std::size_t m_holes = 0;
   // Where each record stands. Made when the first one is removed, so that reading and queueing need not pay for it.
   std::unordered_multimap<const CKespRecord*, std::size_t> m_places;

@@ -44,6 +44,12 @@
 #include "kesp/records/KespError.h"
 #include "kesp/records/KespRecord.h"
 
+namespace kesp {
+struct RecordHeader;
+}
+
+class CKespPoint;
+
 class KESP_EXPORT CKespDataFile {
  public:
   CKespDataFile();
@@ -154,6 +160,9 @@ class KESP_EXPORT CKespDataFile {
  private:
   bool OpenWith(const CString& path, unsigned openFlags);
   bool ReadFileHeader();
+  bool ReadHeader(kesp::RecordHeader& header);
+  CKespPoint* TakePlainPoint();
+  friend class CKespFile;
   bool Rebuild(const CString& destination, unsigned short kespVersion);
   bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);

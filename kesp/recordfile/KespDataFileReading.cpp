@@ -10,6 +10,7 @@
 #include "kesp/records/KespPoint.h"
 #include "kesp/records/KespTag.h"
 #include "kesp/records/KespTavoHeader.h"
+#include "kesp/records/PointBody.h"
 
 namespace {
 
@@ -39,29 +40,44 @@ std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
 
 }  // namespace
 
-bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short& version, std::uint32_t& flags,
-                                         std::uint32_t& length) {
-  m_error = KESP_ERROR_NONE;
-  if (!IsOpen()) return false;
+// A point of the newest version without any mark, as nearly all of what a file holds is: read in one go when all of it
+// is in the buffer. Null, and nothing taken, for all else.
+CKespPoint* CKespDataFile::TakePlainPoint() {
+  const std::byte* const bytes = m_file.Buffered(kesp::kRecordHeaderSize + kesp::kPointVersion2Length);
+  if (bytes == nullptr) return nullptr;
+  kesp::RecordHeader header;
+  kesp::UncheckedFieldReader reader({bytes, kesp::kRecordHeaderSize + kesp::kPointVersion2Length});
+  kesp::DescribeRecordHeader(reader, header);
+  if (header.type != KESP_RECORD_POINT || header.version != 2 || header.flags != 0 ||
+      header.length != kesp::kPointVersion2Length) {
+    return nullptr;
+  }
+  // A file of 4 GiB and more is compared as ReadHeader does.
+  const std::uint64_t start = m_file.GetPosition();
+  constexpr std::size_t kWhole = kesp::kRecordHeaderSize + kesp::kPointVersion2Length;
+  if (static_cast<std::uint32_t>(start + kWhole) > static_cast<std::uint32_t>(m_file.KnownLength())) return nullptr;
+  auto point = std::make_unique<CKespPoint>();
+  kesp::kPointVersion2(reader, *point);
+  point->m_filePosition = static_cast<std::uint32_t>(start);
+  m_file.Skip(kWhole);
+  return point.release();
+}
+
+// Fills `header` as far as the file goes; the rest of it stays 0.
+bool CKespDataFile::ReadHeader(kesp::RecordHeader& header) {
   const auto fail = [this](KESP_ERROR_TYPE error) {
     m_error = error;
     return false;
   };
-  kesp::RecordHeader header;
-  const auto handOut = [&] {
-    type = static_cast<KESP_RECORD_TYPE>(header.type);
-    version = header.version;
-    flags = header.flags;
-    length = header.length;
-  };
-  handOut();
   try {
     const std::span<const std::byte> bytes = m_file.ReadView(kesp::kRecordHeaderSize);
-    if (bytes.empty()) return fail(KESP_ERROR_NORMAL_EOF);
-    kesp::FieldReader reader(bytes);
+    if (bytes.size() < kesp::kRecordHeaderSize) {
+      kesp::FieldReader reader(bytes);
+      kesp::DescribeRecordHeader(reader, header);
+      return fail(bytes.empty() ? KESP_ERROR_NORMAL_EOF : KESP_ERROR_EOF);
+    }
+    kesp::UncheckedFieldReader reader(bytes);
     kesp::DescribeRecordHeader(reader, header);
-    handOut();
-    if (reader.Failed()) return fail(KESP_ERROR_EOF);
     if (header.length == 0) return fail(KESP_ERROR_RECORD_HEADER);
 
     // Compared in 32 bits, as positions are kept: a length so large that the sum wraps passes, and the walk then ends
@@ -76,6 +92,19 @@ bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short&
     NoteFailure(e);
     return false;
   }
+}
+
+bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short& version, std::uint32_t& flags,
+                                         std::uint32_t& length) {
+  m_error = KESP_ERROR_NONE;
+  if (!IsOpen()) return false;
+  kesp::RecordHeader header;
+  const bool good = ReadHeader(header);
+  type = static_cast<KESP_RECORD_TYPE>(header.type);
+  version = header.version;
+  flags = header.flags;
+  length = header.length;
+  return good;
 }
 
 bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short& version, unsigned long& flags,
@@ -95,36 +124,38 @@ bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short&
 CKespRecord* CKespDataFile::ReadNextRecord(std::uint32_t& position, bool skipDeleted) {
   m_error = KESP_ERROR_NONE;
   if (!IsOpen()) return nullptr;
+  if (CKespPoint* const point = TakePlainPoint()) {
+    position = point->m_filePosition;
+    return point;
+  }
   std::unique_ptr<CKespRecord> record;
   try {
     while (!record && m_error == KESP_ERROR_NONE) {
       position = static_cast<std::uint32_t>(m_file.GetPosition());
-      KESP_RECORD_TYPE type = KESP_RECORD_NONE;
-      unsigned short version = 0;
-      std::uint32_t flags = 0;
-      std::uint32_t length = 0;
       // A header that the system fails to give leaves no code and ends the walk all the same.
-      if (!ReadNextRecordHeader(type, version, flags, length)) return nullptr;
+      kesp::RecordHeader header;
+      if (!ReadHeader(header)) return nullptr;
 
       // Before the type is looked at: a deleted record of any type is passed over.
-      if ((flags & KESP_FLAG_DELETED) != 0 && skipDeleted) {
-        m_file.Seek(length, CFile::current);
+      if ((header.flags & KESP_FLAG_DELETED) != 0 && skipDeleted) {
+        m_file.Seek(header.length, CFile::current);
         continue;
       }
+      const auto type = static_cast<KESP_RECORD_TYPE>(header.type);
       if (type == KESP_RECORD_NONE) {
         m_error = KESP_ERROR_RECORD_TYPE;
       } else if (type >= kFirstWideType && type <= kLastWideType) {
         m_error = KESP_ERROR_UNICODE;  // refused rather than misread
       } else {
         record = MakeRecord(type);
-        if (!record) m_file.Seek(length, CFile::current);
+        if (!record) m_file.Seek(header.length, CFile::current);
       }
-      if (record && version > record->m_recordVersion) {
+      if (record && header.version > record->m_recordVersion) {
         m_error = KESP_ERROR_VERSION;
       } else if (record) {
         record->m_recordType = type;
-        record->m_recordVersion = version;
-        record->SetSourceFlag(flags);
+        record->m_recordVersion = header.version;
+        record->SetSourceFlag(header.flags);
         record->m_filePosition = position;
       }
     }

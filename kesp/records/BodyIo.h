@@ -29,7 +29,7 @@ void ReadBody(CFile& file, Record& record, Describe describe, KESP_ERROR_TYPE sh
     record.m_error = shortBodyError;
     throw CFileException(CFileException::endOfFile, file.GetFilePath());
   }
-  FieldReader reader(bytes);
+  UncheckedFieldReader reader(bytes);
   describe(reader, record);
 }
 

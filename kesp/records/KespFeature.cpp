@@ -29,25 +29,20 @@ constexpr auto kVersion3 = [](auto& v, auto& f) {
   kBehindName(v, f);             // 516
 };
 
-constexpr std::size_t kFirstRoom = 4;  // entries that a list makes room for when it gets its first
-
 template <class Item>
-Item* At(const CKespFeature::List<Item>& list, int index) noexcept {
-  return index >= 0 && static_cast<std::size_t>(index) < list.size() ? list[static_cast<std::size_t>(index)].get()
-                                                                     : nullptr;
+Item* At(const kesp::OwningList<Item>& list, int index) noexcept {
+  return index >= 0 && static_cast<std::size_t>(index) < list.size() ? list[static_cast<std::size_t>(index)] : nullptr;
 }
 
 template <class Item>
-void Unlink(CKespFeature::List<Item>& list, int index) {
-  if (index < 0 || static_cast<std::size_t>(index) >= list.size()) return;
-  (void)list[static_cast<std::size_t>(index)].release();  // the caller's from now on
-  list.erase(list.begin() + index);
+void Unlink(kesp::OwningList<Item>& list, int index) {
+  if (index >= 0 && static_cast<std::size_t>(index) < list.size()) (void)list.release(static_cast<std::size_t>(index));
 }
 
 template <class Item>
-void CopyList(const CKespFeature::List<Item>& from, CKespFeature::List<Item>& to) {
+void CopyList(const kesp::OwningList<Item>& from, kesp::OwningList<Item>& to) {
   to.reserve(from.size());
-  for (const auto& item : from) to.push_back(item ? std::make_unique<Item>(*item) : nullptr);
+  for (const Item* item : from) to.push_back(item != nullptr ? new Item(*item) : nullptr);
 }
 
 }  // namespace
@@ -91,25 +86,13 @@ void CKespFeature::SetFeatureEnd(CKespFeatureEnd* end) noexcept {
   m_pFeatureEnd.reset(end);
 }
 
-bool CKespFeature::AddPoint(CKespPoint* point) {
-  if (m_pointList.empty()) m_pointList.reserve(kFirstRoom);
-  m_pointList.emplace_back(point);
-  return true;
-}
-
-bool CKespFeature::AddAttribute(CKespAttribute* attribute) {
-  if (m_attributeList.empty()) m_attributeList.reserve(kFirstRoom);
-  m_attributeList.emplace_back(attribute);
-  return true;
-}
-
 CKespPoint* CKespFeature::GetPoint(int index) const noexcept { return At(m_pointList, index); }
 
 CKespAttribute* CKespFeature::GetAttribute(int index) const noexcept { return At(m_attributeList, index); }
 
 CKespAttribute* CKespFeature::GetAttribute(const CString& name) const noexcept {
-  for (const auto& attribute : m_attributeList) {
-    if (attribute && attribute->AttributeName.CompareNoCase(name) == 0) return attribute.get();
+  for (CKespAttribute* attribute : m_attributeList) {
+    if (attribute != nullptr && attribute->AttributeName.CompareNoCase(name) == 0) return attribute;
   }
   return nullptr;
 }
@@ -134,19 +117,19 @@ bool CKespFeature::CompareAttributeList(const CKespFeature* other) const {
   if (other == this) return true;
   if (other == nullptr) return false;
   return std::equal(m_attributeList.begin(), m_attributeList.end(), other->m_attributeList.begin(),
-                    other->m_attributeList.end(), [](const auto& a, const auto& b) {
-                      if (!a || !b) return !a && !b;
+                    other->m_attributeList.end(), [](const CKespAttribute* a, const CKespAttribute* b) {
+                      if (a == nullptr || b == nullptr) return a == b;
                       return a->AttributeName == b->AttributeName && a->AttributeKind == b->AttributeKind;
                     });
 }
 
 bool CKespFeature::GetExtents(CRect2D& extents) const {
   extents = CRect2D();
-  if (m_pointList.empty() || !m_pointList.front()) return false;
+  if (m_pointList.empty() || m_pointList.front() == nullptr) return false;
   const CKespPoint& first = *m_pointList.front();
   extents = CRect2D(first.CoordX, first.CoordY, first.CoordX, first.CoordY);
-  for (const auto& point : m_pointList) {
-    if (!point) continue;
+  for (const CKespPoint* point : m_pointList) {
+    if (point == nullptr) continue;
     // A NaN behind the first point is passed over.
     extents.maxX = point->CoordX > extents.maxX ? point->CoordX : extents.maxX;
     extents.minX = point->CoordX < extents.minX ? point->CoordX : extents.minX;

@@ -15,24 +15,20 @@
 #pragma once
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "kesp/geometry/Rect2D.h"
-#include "kesp/platform/ObjectPool.h"
 #include "kesp/platform/String.h"
 #include "kesp/records/KespAttribute.h"
 #include "kesp/records/KespFeatureEnd.h"
 #include "kesp/records/KespPoint.h"
 #include "kesp/records/KespRecord.h"
+#include "kesp/records/OwningList.h"
 
 // Written to the file: never renumber.
 enum KESP_FEATURE_TYPE : std::uint32_t { KESP_FEATURE_POINT = 1, KESP_FEATURE_LINE = 2, KESP_FEATURE_AREA = 3 };
 
 class KESP_EXPORT CKespFeature : public CKespRecord {
  public:
-  template <class Item>
-  using List = std::vector<std::unique_ptr<Item>, kesp::PoolAllocator<std::unique_ptr<Item>>>;
-
   CKespFeature() noexcept : CKespRecord(KESP_RECORD_FEATURE, 3) {}
   CKespFeature(const CKespFeature& other);  // deep: every point, every attribute and the end are copied
   CKespFeature& operator=(const CKespFeature&) = delete;
@@ -53,8 +49,14 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
 
   int GetNumPoints() const noexcept { return static_cast<int>(m_pointList.size()); }
   int GetNumAttributes() const noexcept { return static_cast<int>(m_attributeList.size()); }
-  bool AddPoint(CKespPoint* point);
-  bool AddAttribute(CKespAttribute* attribute);
+  bool AddPoint(CKespPoint* point) {
+    m_pointList.push_back(point);
+    return true;
+  }
+  bool AddAttribute(CKespAttribute* attribute) {
+    m_attributeList.push_back(attribute);
+    return true;
+  }
   CKespPoint* GetPoint(int index) const noexcept;
   CKespAttribute* GetAttribute(int index) const noexcept;
   // The first attribute of that name, ignoring case; null without one.
@@ -81,8 +83,8 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
   std::uint16_t DisplayWord1 = 1;
   std::uint16_t DisplayWord2 = 0;
   CString DisplayText;
-  List<CKespAttribute> m_attributeList;
-  List<CKespPoint> m_pointList;
+  kesp::OwningList<CKespAttribute> m_attributeList;
+  kesp::OwningList<CKespPoint> m_pointList;
   CString FeatureName;
   KESP_FEATURE_TYPE FeatureType = KESP_FEATURE_POINT;  // low 16 bits on disk
   std::uint32_t Color = 0;

@@ -1,36 +1,12 @@
 #include "kesp/records/KespPoint.h"
 
 #include "kesp/records/BodyIo.h"
+#include "kesp/records/PointBody.h"
 #include "kesp/records/VersionTables.h"
 
 namespace {
 
 constexpr std::uint32_t kHighestOldStatus = 10;  // what a version-1 body can hand on
-
-constexpr auto kPosition = [](auto& v, auto& p) {
-  v.U32(p.PointTime);
-  v.F64(p.CoordY);
-  v.F64(p.CoordX);
-  v.F64(p.CoordZ);
-  v.F64(p.GpsValue);
-  v.U16(p.SignalStatus);
-};
-constexpr auto kVersion1 = [](auto& v, auto& p) {
-  v.U32(p.FeatureNumber);        // 0
-  v.U32(p.PointNumber);          // 4
-  v.Text8(p.PointText, 22, 20);  // 8
-  kPosition(v, p);               // 30
-};
-constexpr auto kVersion2 = [](auto& v, auto& p) {
-  v.U32(p.FeatureNumber);     // 0
-  v.U32(p.PointNumber);       // 4
-  v.Text16(p.PointText, 21);  // 8
-  kPosition(v, p);            // 50
-  v.U16(p.GpsNumber);         // 88, behind the status although it stands before it in memory
-  v.U16(p.HasOffset);         // 90
-  v.F64(p.Offset1);           // 92
-  v.F64(p.Offset2);           // 100
-};
 
 }  // namespace
 
@@ -54,9 +30,9 @@ bool CKespPoint::GetOffset(double& first, double& second) const noexcept {
 unsigned long CKespPoint::GetLength(unsigned short version) {
   switch (OwnVersionIfZero(version)) {
     case 1:
-      return kesp::BodyLength(*this, kVersion1);
+      return kesp::BodyLength(*this, kesp::kPointVersion1);
     case 2:
-      return kesp::BodyLength(*this, kVersion2);
+      return kesp::BodyLength(*this, kesp::kPointVersion2);
     default:
       return 0;
   }
@@ -66,7 +42,7 @@ bool CKespPoint::Read(CFile& file) {
   m_error = KESP_ERROR_NONE;
   try {
     if (m_recordVersion != 2) return ReadOldVersions(file);
-    kesp::ReadBody(file, *this, kVersion2, KESP_ERROR_EOF);
+    kesp::ReadBody(file, *this, kesp::kPointVersion2, KESP_ERROR_EOF);
     return true;
   } catch (const CFileException&) {
     return false;
@@ -75,7 +51,7 @@ bool CKespPoint::Read(CFile& file) {
 
 bool CKespPoint::ReadOldVersions(CFile& file) {
   if (m_recordVersion != 1) return false;
-  kesp::ReadBody(file, *this, kVersion1, KESP_ERROR_EOF);
+  kesp::ReadBody(file, *this, kesp::kPointVersion1, KESP_ERROR_EOF);
   if (SignalStatus > kHighestOldStatus) SignalStatus = KESP_SIGNAL_STATUS_10;
   GpsNumber = 0;
   return true;
@@ -85,7 +61,7 @@ bool CKespPoint::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short
   const unsigned short resolved = OwnVersionIfZero(version);
   try {
     if (resolved != 2) return WriteOldVersions(file, resolved);
-    kesp::WriteBody(file, *this, kVersion2);
+    kesp::WriteBody(file, *this, kesp::kPointVersion2);
     return true;
   } catch (const CFileException&) {
     return false;
@@ -94,7 +70,7 @@ bool CKespPoint::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short
 
 bool CKespPoint::WriteOldVersions(CFile& file, unsigned short version) {
   if (version != 1) return false;
-  kesp::WriteBody(file, *this, kVersion1);
+  kesp::WriteBody(file, *this, kesp::kPointVersion1);
   return true;
 }
 

@@ -141,7 +141,7 @@ bool CKespSearch::PassesPointTest(const CKespFeature& feature) const noexcept {
 bool CKespSearch::PassesAttributeTest(const CKespFeature& feature) {
   if (m_valueKind == SEARCH_VALUE_NONE) return true;
   for (const auto& attribute : feature.m_attributeList) {
-    if (attribute && IsAttributeIncluded(attribute->AttributeName) && Validate(attribute.get())) return true;
+    if (attribute && IsAttributeIncluded(attribute->AttributeName) && Validate(attribute)) return true;
   }
   return feature.m_attributeList.empty();
 }

@@ -45,13 +45,32 @@ void StoreLittle(std::byte* to, T value) noexcept {
   }
 }
 
+// How many units stand before the first zero unit, `units` at the most.
+inline std::size_t TextLength16(const std::byte* from, std::size_t units) noexcept {
+  std::size_t length = 0;
+  if constexpr (std::endian::native == std::endian::little) {
+    constexpr std::uint64_t kOnes = 0x0001000100010001U;
+    for (; length + 4 <= units; length += 4) {
+      const auto four = LoadLittle<std::uint64_t>(from + 2 * length);
+      // The lowest of the high bits that are set here is that of the first zero unit.
+      const std::uint64_t zeros = (four - kOnes) & ~four & (kOnes << 15);
+      if (zeros != 0) return length + static_cast<std::size_t>(std::countr_zero(zeros)) / 16;
+    }
+  }
+  while (length < units && LoadLittle<std::uint16_t>(from + 2 * length) != 0) ++length;
+  return length;
+}
 // Makes `text` of the `units` code units at `from`, up to the first zero unit.
 inline void LoadText16(CString& text, const std::byte* from, std::size_t units) {
-  std::size_t length = 0;
-  while (length < units && LoadLittle<std::uint16_t>(from + 2 * length) != 0) ++length;
+  const std::size_t length = TextLength16(from, units);
   char16_t* const out = text.Resize(length);
   if constexpr (std::endian::native == std::endian::little) {
-    std::memcpy(out, from, 2 * length);
+    // A short one with what stands behind it, since a copy of fixed length is two moves: its zero comes along.
+    if (length <= CString::kInline && units > CString::kInline) {
+      std::memcpy(out, from, 2 * CString::kInline);
+    } else {
+      std::memcpy(out, from, 2 * length);
+    }
   } else {
     for (std::size_t i = 0; i < length; ++i) out[i] = LoadLittle<std::uint16_t>(from + 2 * i);
   }
@@ -61,10 +80,12 @@ inline void StoreUnits(std::byte* to, const char16_t* from, std::size_t units) n
 }
 
 // Reads. Borrows the bytes, which must outlive the reader. A field cut short by the end is left as it was, and so is
-// every later one; Failed() tells.
-class FieldReader {
+// every later one; Failed() tells. Whoever has compared the length with the whole description's needs no such check
+// for each field and takes an unchecked one, which never fails.
+template <bool kChecked>
+class BasicFieldReader {
  public:
-  explicit FieldReader(std::span<const std::byte> bytes) noexcept : m_bytes(bytes) {}
+  explicit BasicFieldReader(std::span<const std::byte> bytes) noexcept : m_bytes(bytes) {}
 
   template <class T>
   void U16(T& field) noexcept {
@@ -100,11 +121,14 @@ class FieldReader {
 
  private:
   const std::byte* Take(std::size_t width) noexcept {
-    if (m_failed || m_bytes.size() - m_offset < width) {
-      m_failed = true;
-      return nullptr;
+    if constexpr (kChecked) {
+      if (m_failed || m_bytes.size() - m_offset < width) {
+        m_failed = true;
+        return nullptr;
+      }
     }
     const std::byte* const at = m_bytes.data() + m_offset;
+    if (at == nullptr) __builtin_unreachable();  // spares the test of each field
     m_offset += width;
     return at;
   }
@@ -113,6 +137,8 @@ class FieldReader {
   std::size_t m_offset = 0;
   bool m_failed = false;
 };
+using FieldReader = BasicFieldReader<true>;
+using UncheckedFieldReader = BasicFieldReader<false>;
 
 // Writes into a buffer that is as long as the body and all zero, so that every text and every skipped byte ends up
 // zero-filled. Texts are cut to one unit less than their field, which keeps a closing zero, and end at a zero inside.

@@ -41,7 +41,7 @@ CKespFeature* OwnerOf(const CKespFile& file, const CKespPoint& point) {
   (void)file.m_featureIndex.Lookup(point.FeatureNumber, feature);
   if (feature == nullptr) return nullptr;
   const auto& points = feature->m_pointList;
-  const bool isIn = std::any_of(points.begin(), points.end(), [&](const auto& own) { return own.get() == &point; });
+  const bool isIn = std::any_of(points.begin(), points.end(), [&](const auto& own) { return own == &point; });
   return isIn ? feature : nullptr;
 }
 
