@@ -246,7 +246,7 @@ class KESP_EXPORT CKespFile {
   CString* m_pBmcText = nullptr;    // text of a version-1 "BMC:" note
 
  private:
-  void ClearStorage();
+  void ClearStorage() noexcept;
   bool ProcessTag(CKespTag* tag);
   bool AddFeatureLink(const CKespFeatureLink& link);
   bool ReadKespHeaderVersion1(CKespRecord** next, bool skipDeleted);

@@ -14,7 +14,6 @@ namespace {
 constexpr double kSmallestExtent = 1e-7;  // sides of an extent that is taken over are longer than this
 constexpr int kMessageLimit = 255;        // characters of a system message that are handed on
 constexpr int kNoteTagLength = 4;
-constexpr std::uint64_t kWorthReadingAhead = std::uint64_t{4} << 20;  // bytes of a file
 constexpr std::u16string_view kBmcTag = u"BMC:";
 constexpr std::u16string_view kZomTag = u"ZOM:";
 
@@ -24,6 +23,20 @@ const CKespNote* AsTaggedNote(const CKespRecord* record, std::u16string_view tag
   const auto* const note = static_cast<const CKespNote*>(record);
   return note->NoteText.View().substr(0, kNoteTagLength) == tag ? note : nullptr;
 }
+
+class ReadingAhead {
+ public:
+  explicit ReadingAhead(CFile& file) : m_file(file) {
+    constexpr std::uint64_t kWorthIt = std::uint64_t{4} << 20;  // bytes
+    if (file.KnownLength() >= kWorthIt) file.ReadAhead();
+  }
+  ~ReadingAhead() { m_file.EndReadAhead(); }
+  ReadingAhead(const ReadingAhead&) = delete;
+  ReadingAhead& operator=(const ReadingAhead&) = delete;
+
+ private:
+  CFile& m_file;
+};
 
 }  // namespace
 
@@ -35,32 +48,34 @@ CKespFile::~CKespFile() {
   delete m_pBmcText;
 }
 
-void CKespFile::ClearStorage() {
+// Never fails: the destructor needs it.
+void CKespFile::ClearStorage() noexcept {
   m_numPoints = 0;
   m_firstPointTime = CTime::GetCurrentTime();
   m_lastPointTime = CTime();
   m_extent.Invalidate();
   m_kespVersion = 0;
-  delete m_pBmcText;
-  m_pBmcText = nullptr;
-  m_pBmcText = new CString;
+  if (m_pBmcText != nullptr) m_pBmcText->Empty();
 
   // Features that callers entered into the index, and headers that they queued, go with what reading made. Each object
   // is deleted once however often it was entered.
   std::sort(m_ownFeatures.begin(), m_ownFeatures.end());
+  std::sort(m_ownRecords.begin(), m_ownRecords.end());
   std::vector<CKespRecord*> entered;
-  for (const auto& entry : m_featureIndex) {
-    if (!std::binary_search(m_ownFeatures.begin(), m_ownFeatures.end(), entry.value)) entered.push_back(entry.value);
-  }
-  if (!m_queuedHeaders.empty()) {
-    std::sort(m_ownRecords.begin(), m_ownRecords.end());
+  try {
+    for (const auto& entry : m_featureIndex) {
+      if (!std::binary_search(m_ownFeatures.begin(), m_ownFeatures.end(), entry.value)) entered.push_back(entry.value);
+    }
     for (CKespTavoHeader* header : m_queuedHeaders) {
       if (!std::binary_search(m_ownRecords.begin(), m_ownRecords.end(), header)) entered.push_back(header);
     }
+    std::sort(entered.begin(), entered.end());
+    entered.erase(std::unique(entered.begin(), entered.end()), entered.end());
+  } catch (const std::bad_alloc&) {
+    entered.clear();  // without the memory to tell them apart they are left where they are
   }
-  std::sort(entered.begin(), entered.end());
-  entered.erase(std::unique(entered.begin(), entered.end()), entered.end());
 
+  const kesp::PoolSession session;
   for (CKespRecord* record : entered) delete record;
   for (CKespFeature* feature : m_ownFeatures) delete feature;
   for (CKespRecord* record : m_ownRecords) delete record;
@@ -162,6 +177,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
   ClearStorage();
+  if (m_pBmcText == nullptr) m_pBmcText = new CString;
   if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
   const bool skipDeleted = !readDeleted;
 
@@ -187,7 +203,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   }
   if (!next && m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF) return ERR_NONE;
 
-  if (m_pDataFile->m_file.KnownLength() >= kWorthReadingAhead) m_pDataFile->m_file.ReadAhead();
+  const ReadingAhead ahead(m_pDataFile->m_file);
   const kesp::PoolSession session;
   Reading reading;
   // Damage right behind the header reads as a file that ends there; further on it is reported.

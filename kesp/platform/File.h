@@ -80,6 +80,7 @@ class KESP_EXPORT CFile {
   // Has another thread read ahead from here on, until the file ends or is written to, or reading goes on far from where
   // it was. A wish, for those who are about to read many megabytes in a row; without the means for it nothing happens.
   void ReadAhead() noexcept;
+  void EndReadAhead() noexcept;  // nothing when it has ended
   // The same for those who are done with less: the next `count` bytes where they stand in the buffer already, without
   // taking them, or null. Skip takes them then.
   const std::byte* Buffered(std::size_t count) const noexcept {
@@ -153,7 +154,6 @@ class KESP_EXPORT CFile {
   std::byte* PlaceInBuffer(std::uint64_t position) const noexcept;
   void FillBuffer(std::size_t count);
   bool TakeAhead(std::size_t count);
-  void EndReadAhead() noexcept;
   void UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept;
   void SyncDirectory();
   void Reset() noexcept;
