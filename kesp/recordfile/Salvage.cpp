@@ -194,10 +194,17 @@ class Salvager {
     if (hops == 0 || !Fits(offset, kRecordHeaderSize)) return false;
     const RecordHeader header = DecodeHeader(View(offset, kRecordHeaderSize));
     const std::uint64_t body = offset + kRecordHeaderSize;
-    if (IsRefused(header.type) || header.length == 0) return false;
-    const bool isPassedOver = (header.flags & KESP_FLAG_DELETED) != 0 || LengthsOfType(header.type).newest == 0;
-    const std::uint32_t layout = isPassedOver ? 0 : LayoutLength(header);
-    return GoesOnAt(body + (layout != 0 ? layout : header.length), hops - 1);
+    const std::uint32_t layout = IsPassedOver(header) ? 0 : LayoutLength(header);
+    if (layout != 0) return header.length != 0 && GoesOnAt(body + layout, hops - 1);
+    return IsPassedOver(header) && MayPassOver(header) && GoesOnAt(body + header.length, hops - 1);
+  }
+  static bool IsPassedOver(const RecordHeader& header) {
+    return (header.flags & KESP_FLAG_DELETED) != 0 ||
+           (LengthsOfType(header.type).newest == 0 && !IsRefused(header.type));
+  }
+  // A header that the walk steps over leads anywhere. Behind damage only one that looks like a header is followed.
+  static bool MayPassOver(const RecordHeader& header) {
+    return header.type <= 0xFFFF && header.version <= 0xFF && (header.flags & ~kKnownFlags) == 0 && header.length != 0;
   }
   static bool IsRefused(std::uint32_t type) {
     return type == KESP_RECORD_NONE || (type >= kFirstRefusedType && type <= kLastRefusedType);
@@ -222,8 +229,7 @@ class Salvager {
     }
     header.type = type;
     const std::uint64_t body = start + kRecordHeaderSize;
-    const bool isDeleted = (header.flags & KESP_FLAG_DELETED) != 0;
-    if (isDeleted || (LengthsOfType(type).newest == 0 && !IsRefused(type))) return PassOver(start, header, isDeleted);
+    if (IsPassedOver(header)) return PassOver(start, header);
 
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
@@ -231,9 +237,10 @@ class Salvager {
     // hold anything, and is believed.
     std::uint64_t inside = 0;  // where another record begins in this one's place; never 0
     if (isExact && type != KESP_RECORD_TAG && !GoesOnAt(body + bodyLength) && !IsWholeToTheWalk()) {
-      inside = Find(body);
-      if (inside >= body + bodyLength) inside = 0;
+      inside = RecordWithin(body, body + bodyLength);
       if (inside != 0 && m_damaged) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
+      // A header that is left of its record.
+      if (m_damaged && !IsPossible(header, body, bodyLength)) return Damage(start, KESP_ERROR_RECORD_HEADER);
     }
     m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
     std::unique_ptr<CKespRecord> record;
@@ -285,28 +292,32 @@ class Salvager {
   }
 
   // A record that the walk steps over, if it has the length that it states.
-  Step PassOver(std::uint64_t start, const RecordHeader& header, bool isDeleted) {
+  Step PassOver(std::uint64_t start, const RecordHeader& header) {
+    const bool isDeleted = (header.flags & KESP_FLAG_DELETED) != 0;
     const std::uint64_t body = start + kRecordHeaderSize;
     std::uint64_t& count = isDeleted ? m_report.deleted : m_report.unknown;
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
-    if (isExact && header.length != bodyLength && !GoesOnAt(body + header.length)) {
-      m_position = body + bodyLength;
-    } else if (isExact || GoesOnAt(body + header.length) || IsWholeToTheWalk()) {
-      m_position = body + header.length;
-    } else {
-      // It may be the record before the damage, or a damaged header that leads astray: what is found decides.
-      const std::uint64_t end = body + header.length;
-      const std::uint64_t found = Find(start + 1);
-      m_damaged = true;
-      if (end <= found && end <= m_length) ++count;
-      const std::uint64_t from = end <= found && end <= m_length ? end : start;
-      NoteGap(from, found, KESP_ERROR_RECORD_HEADER);
-      m_position = found;
+    std::uint64_t end = body + header.length;
+    bool goesOn = GoesOnAt(end);
+    if (isExact && header.length != bodyLength && !goesOn) {
+      end = body + bodyLength;
+      goesOn = GoesOnAt(end);
+    }
+    // Where records stand inside it, it is no record but a header that leads astray; a tag's block may hold anything.
+    const bool isBelieved = isExact ? goesOn || header.type == KESP_RECORD_TAG : goesOn && MayPassOver(header);
+    const std::uint64_t inside = isExact && isBelieved ? 0 : RecordWithin(body, end);
+    if ((inside == 0 && (isExact || isBelieved)) || IsWholeToTheWalk()) {
+      ++count;
+      m_position = end;
       return Step::kGoOn;
     }
-    ++count;
-    return Step::kGoOn;
+    if (inside != 0) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
+    // It may be the record before the damage, or a damaged header: what is found decides.
+    const std::uint64_t found = Find(body);
+    const bool isWhole = end <= found && end <= m_length;
+    if (isWhole) ++count;
+    return Skip(isWhole ? end : start, found, KESP_ERROR_RECORD_HEADER);
   }
 
   Step Skip(std::uint64_t from, std::uint64_t to, KESP_ERROR_TYPE reason) {
@@ -331,11 +342,14 @@ class Salvager {
   }
 
   // Where the next record that leaves no doubt begins, from `offset` on; the end of the file without one.
-  std::uint64_t Find(std::uint64_t offset) {
-    while (Fits(offset, kRecordHeaderSize)) {
+  std::uint64_t Find(std::uint64_t offset) { return FindBefore(m_length, offset); }
+  // The same; `limit` when none begins before it.
+  std::uint64_t FindBefore(std::uint64_t limit, std::uint64_t offset) {
+    while (offset < limit && Fits(offset, kRecordHeaderSize)) {
       const std::span<const std::byte> bytes = View(offset, CFile::kMaxView);
       if (bytes.size() < kRecordHeaderSize) break;
-      const std::size_t places = bytes.size() - kRecordHeaderSize + 1;
+      const auto places =
+          static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size() - kRecordHeaderSize + 1, limit - offset));
       std::size_t i = 0;
       while (i < places && !MayBegin(bytes.data() + i)) ++i;
       offset += i;
@@ -343,7 +357,13 @@ class Salvager {
       if (IsCandidate(offset)) return offset;
       ++offset;
     }
-    return m_length;
+    return limit;
+  }
+  // Where a record begins in the place of another; 0 for none.
+  std::uint64_t RecordWithin(std::uint64_t body, std::uint64_t end) {
+    const std::uint64_t limit = std::min(end, m_length);
+    const std::uint64_t found = FindBefore(limit, body);
+    return found < limit ? found : 0;
   }
   // The little that most bytes fail at.
   static bool MayBegin(const std::byte* at) {
@@ -358,11 +378,11 @@ class Salvager {
     std::uint64_t bodyLength = 0;
     if (!IsExact(header, offset, bodyLength)) return false;
     const std::uint64_t body = offset + kRecordHeaderSize;
-    const bool isPossible =
-        header.type == KESP_RECORD_TAG
-            ? IsPossibleTag(body, header.length)
-            : IsPossibleBody(header.type, header.version, View(body, static_cast<std::size_t>(bodyLength)));
-    return isPossible && GoesOnAt(body + bodyLength);
+    return IsPossible(header, body, bodyLength) && GoesOnAt(body + bodyLength);
+  }
+  bool IsPossible(const RecordHeader& header, std::uint64_t body, std::uint64_t bodyLength) {
+    if (header.type == KESP_RECORD_TAG) return IsPossibleTag(body, header.length);
+    return IsPossibleBody(header.type, header.version, View(body, static_cast<std::size_t>(bodyLength)));
   }
   // A tag's block is not read whole, however often one is looked at: its lengths, and the end of its name.
   bool IsPossibleTag(std::uint64_t body, std::uint32_t length) {
