@@ -24,6 +24,7 @@
 namespace kesp {
 namespace {
 
+constexpr std::uint16_t kNewestFileVersion = 3;
 constexpr std::uint32_t kKnownFlags = 0x1FFF;    // every KESP_FLAG
 constexpr std::uint32_t kTypes = 10;             // known types are below
 constexpr std::uint32_t kFirstRefusedType = 10;  // to 14
@@ -144,7 +145,7 @@ class Salvager {
 
   // False when a record can't be written or the system can't read; raises what the file objects raise.
   bool Run() {
-    m_position = m_source.m_firstRecordOffset;
+    PutFileHeader();
     for (;;) {
       const Step step = Next();
       if (step == Step::kFailed) return false;
@@ -154,6 +155,39 @@ class Salvager {
 
  private:
   enum class Step { kGoOn, kEnd, kFailed };
+
+  // As it stands, the application header behind it excepted. One that nobody could open is made anew, and the records
+  // are taken to begin behind it.
+  void PutFileHeader() {
+    std::array<std::byte, kFileHeaderSize> header{};
+    const auto view = View(0, kFileHeaderSize);
+    std::copy(view.begin(), view.end(), header.begin());
+    const std::uint32_t first =
+        kHeaderLengthCountsFrom + LoadLittle<std::uint32_t>(header.data() + kHeaderLengthCountsFrom - 4);
+    KESP_ERROR_TYPE error = KESP_ERROR_NONE;
+    if (!std::equal(kSignature.begin(), kSignature.end(), header.begin(), IsSameByte)) {
+      error = KESP_ERROR_SIGNATURE;
+    } else if (view.size() < kHeaderLengthCountsFrom) {
+      error = KESP_ERROR_EOF;
+    } else if (first > m_length) {
+      error = KESP_ERROR_FILE_HEADER;
+    } else if (view.size() < kFileHeaderSize) {
+      error = KESP_ERROR_EOF;
+    }
+    m_position = m_firstRecord = first;
+    if (error != KESP_ERROR_NONE) {
+      std::transform(kSignature.begin(), kSignature.end(), header.begin(),
+                     [](char c) { return static_cast<std::byte>(c); });
+      std::byte* const version = header.data() + kSignature.size();
+      const auto found = LoadLittle<std::uint16_t>(version);
+      if (found == 0 || found > kNewestFileVersion) StoreLittle(version, kNewestFileVersion);
+      m_firstRecord = kFileHeaderSize;
+      (void)Skip(0, std::min<std::uint64_t>(kFileHeaderSize, m_length), error);
+    }
+    StoreLittle(header.data() + kHeaderLengthCountsFrom - 4, kOwnHeaderLength);
+    m_out.PutFileHeader(header);
+  }
+  static bool IsSameByte(char c, std::byte b) { return static_cast<std::byte>(c) == b; }
 
   std::span<const std::byte> View(std::uint64_t offset, std::size_t count) {
     m_file.Seek(static_cast<std::int64_t>(offset), CFile::begin);
@@ -273,7 +307,7 @@ class Salvager {
     if (!m_isWhole) {
       m_isWhole = false;
       try {
-        m_file.Seek(m_source.m_firstRecordOffset, CFile::begin);
+        m_file.Seek(static_cast<std::int64_t>(m_firstRecord), CFile::begin);
         while (const std::unique_ptr<CKespRecord> record{m_source.ReadNextRecord(true)}) {
         }
         m_isWhole = m_source.GetError() == KESP_ERROR_NORMAL_EOF && m_file.GetPosition() == m_length;
@@ -329,7 +363,7 @@ class Salvager {
 
   Step Damage(std::uint64_t offset, KESP_ERROR_TYPE reason) {
     // Where not even the first record stands, the file header may have named a wrong place.
-    const bool isFirst = offset == m_source.m_firstRecordOffset && offset > kFileHeaderSize && m_report.kept == 0;
+    const bool isFirst = offset == m_firstRecord && offset > kFileHeaderSize && m_report.kept == 0;
     const std::uint64_t from = isFirst ? kFileHeaderSize : offset;
     return Skip(from, Find(isFirst ? from : from + 1), reason);
   }
@@ -410,6 +444,7 @@ class Salvager {
   SalvageReport& m_report;
   std::uint64_t m_length;
   std::uint64_t m_position = 0;
+  std::uint64_t m_firstRecord = 0;
   bool m_damaged = false;
   std::optional<bool> m_isWhole;  // unknown until it is asked
 };
@@ -428,12 +463,6 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
     source.m_file.Flush();
     RebuiltFile out(destination, kespVersion);
     try {
-      source.m_file.SeekToBegin();
-      const auto view = source.m_file.ReadView(kFileHeaderSize);
-      std::array<std::byte, kFileHeaderSize> header{};
-      std::copy(view.begin(), view.end(), header.begin());
-      StoreLittle(header.data() + kHeaderLengthCountsFrom - 4, kOwnHeaderLength);
-      out.PutFileHeader(header);
       good = Salvager(source, out, report).Run();
     } catch (const CFileException& e) {
       note(e);
@@ -447,6 +476,13 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
   }
   if (earlierFailure != 0) source.m_systemError = earlierFailure;
   return good;
+}
+
+bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
+  report = {};
+  CKespDataFile file;
+  return file.m_file.Open(source, CFile::modeRead | CFile::shareDenyNone) &&
+         Salvage(file, destination, kespVersion, report);
 }
 
 }  // namespace kesp

@@ -20,7 +20,8 @@
 // may be mistaken for one of the file's own, and only where damage stands before it.
 //
 // Deleted records and those of unknown types are left out, as in CopyVerify, and records are written in the same way.
-// The file header keeps its version; an application header behind it is not copied, and the copy's header says so.
+// The file header keeps its version; an application header behind it is not copied, and the copy's header says so. One
+// that can't be opened counts as a gap, and is made anew; a version in it that nobody knows becomes 3.
 //
 // Takes time in proportion to the file; memory is that of the longest record, which is never longer than the file.
 #pragma once
@@ -41,7 +42,7 @@ struct SalvageGap {
   std::uint64_t offset;
   std::uint64_t length;
   // What the walk says there; KESP_ERROR_RECORD_HEADER also where it would have gone astray without a word. 0 for a
-  // body that its class refuses without a code.
+  // body that its class refuses without a code, and what Open says for the file header.
   KESP_ERROR_TYPE reason;
 };
 
@@ -62,6 +63,10 @@ struct SalvageReport {
 // failed; GetSystemError of the source has its reason. The destination then stays as far as it got; the source never
 // changes. The file position of the source and its GetError mean nothing afterwards.
 KESP_EXPORT bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
+                         SalvageReport& report);
+// The same with the file at a path, which CKespDataFile may refuse to open: where the file header is damaged, this
+// goes on behind it. False also when there is no such file.
+KESP_EXPORT bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion,
                          SalvageReport& report);
 
 }  // namespace kesp

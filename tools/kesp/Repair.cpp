@@ -72,11 +72,24 @@ void Tell(Output& out, CKespDataFile& source, std::uint64_t size, const SalvageR
   }
 }
 
+// A salvage also takes a file whose header can't be read.
+bool OpenSource(CKespDataFile& source, const RepairOptions& options) {
+  const CString path = CString::FromPathBytes(options.source);
+  if (source.OpenReadOnly(path)) return true;
+  const KESP_ERROR_TYPE error = source.GetError();
+  const bool isHeader = error == KESP_ERROR_SIGNATURE || error == KESP_ERROR_FILE_HEADER || error == KESP_ERROR_EOF;
+  if (options.salvage && isHeader && source.m_file.Open(path, CFile::modeRead | CFile::shareDenyNone)) return true;
+  Complain(options.source, WhyNotOpen(source));
+  return false;
+}
+
 }  // namespace
 
 ExitStatus Repair(const RepairOptions& options, Output& out) {
   CKespDataFile source;
-  if (!OpenForReading(source, options.source)) return kExitTrouble;
+  if (!OpenSource(source, options)) return kExitTrouble;
+  const bool hasHeader = source.GetError() == KESP_ERROR_NONE;
+  const std::string headerError = WhyNotOpen(source);
   if (!options.salvage && source.m_firstRecordOffset != kRecordsOfRebuild) {
     Complain(options.source, "its records don't begin right behind the file header; --salvage can deal with that");
     return kExitTrouble;
@@ -86,6 +99,10 @@ ExitStatus Repair(const RepairOptions& options, Output& out) {
   SalvageReport report;
   if (!Rebuild(source, copy, options, report)) {
     Complain(options.destination, WhyNotWritten(source));
+    return kExitTrouble;
+  }
+  if (!hasHeader && report.kept == 0) {
+    Complain(options.source, headerError + ", and no record stands behind it");
     return kExitTrouble;
   }
   if (!Holds(copy, report.kept)) {
