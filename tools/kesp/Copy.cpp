@@ -7,6 +7,8 @@
 namespace kesp::tool {
 
 ExitStatus Copy(const CopyOptions& options, Output& out) {
+  const SteadyFile steady(options.source);
+  if (steady.IsWritten()) return kExitTrouble;
   CKespDataFile source;
   if (!OpenForReading(source, options.source)) return kExitTrouble;
   NewFile copy(source, options.destination, options.force ? Existing::kReplace : Existing::kRefuse);

@@ -4,31 +4,43 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 #include <optional>
 
 #include "tools/kesp/Commands.h"
 #include "tools/kesp/Dataset.h"
 #include "tools/kesp/Opening.h"
+#include "tools/kesp/Progress.h"
 
 namespace kesp::tool {
 namespace {
 
 namespace chrono = std::chrono;
 
-std::string IsoText(std::int64_t seconds) {
-  const chrono::sys_seconds time{chrono::seconds{seconds}};
-  const auto day = chrono::floor<chrono::days>(time);
-  const chrono::year_month_day date(day);
-  const chrono::hh_mm_ss clock(time - day);
-  std::array<char, 40> text;
-  (void)std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02dZ", static_cast<int>(date.year()),
-                      static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                      static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
-                      static_cast<int>(clock.seconds().count()));
-  return text.data();
-}
+// 2024-05-01T12:00:00Z. Times of points are in 32 bits, so that a year has four digits.
+class IsoText {
+ public:
+  explicit IsoText(std::int64_t seconds) {
+    const chrono::sys_seconds time{chrono::seconds{seconds}};
+    const auto day = chrono::floor<chrono::days>(time);
+    const chrono::year_month_day date(day);
+    const chrono::hh_mm_ss clock(time - day);
+    Put(0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
+    Put(5, 2, static_cast<unsigned>(date.month()));
+    Put(8, 2, static_cast<unsigned>(date.day()));
+    Put(11, 2, static_cast<unsigned>(clock.hours().count()));
+    Put(14, 2, static_cast<unsigned>(clock.minutes().count()));
+    Put(17, 2, static_cast<unsigned>(clock.seconds().count()));
+  }
+  std::string_view View() const noexcept { return {m_text.data(), m_text.size()}; }
+
+ private:
+  void Put(std::size_t at, std::size_t digits, unsigned number) {
+    for (; digits != 0; number /= 10) m_text[at + --digits] = static_cast<char>('0' + number % 10);
+  }
+  std::array<char, 20> m_text{'0', '0', '0', '0', '-', '0', '0', '-', '0', '0',
+                              'T', '0', '0', ':', '0', '0', ':', '0', '0', 'Z'};
+};
 
 // Digits of exactly that many places, and a separator in front of them unless it is 0.
 bool TakeNumber(std::string_view& text, char separator, std::size_t places, int& number) {
@@ -144,7 +156,7 @@ Times TimesOf(const CKespFeature& feature) {
 void WriteTime(JsonWriter& json, std::string_view key, std::optional<std::int64_t> time) {
   json.Key(key);
   if (time) {
-    json.Text(std::string_view{IsoText(*time)});
+    json.Text(IsoText(*time).View());
   } else {
     json.Null();
   }
@@ -195,7 +207,7 @@ class Table {
     const Times times = TimesOf(feature);
     m_rows.push_back({std::to_string(feature.FeatureNumber), feature.GetTypeString().MakeLower().ToUtf8(),
                       std::to_string(feature.GetNumPoints()), std::to_string(feature.GetNumAttributes()),
-                      times.first ? IsoText(*times.first) : "-", Printable(feature.FeatureName)});
+                      times.first ? std::string(IsoText(*times.first).View()) : "-", Printable(feature.FeatureName)});
   }
   void Write(Output& out) const {
     if (m_rows.size() == 1) return;  // the heading alone
@@ -226,10 +238,14 @@ ExitStatus Find(const FindOptions& options, Output& out) {
   const DatasetEnd end = ReadDataset(file, DeletedRecords::kPassOver);
   JsonWriter json(out);
   Table table;
+  std::size_t features = 0;
+  std::size_t found = 0;
   for (CKespRecord* const record : file.m_recordList) {
     if (record->m_recordType != KESP_RECORD_FEATURE) continue;
+    ++features;
     const auto& feature = static_cast<const CKespFeature&>(*record);
     if (!search.Validate(&feature)) continue;
+    ++found;
     if (options.json) {
       WriteFeatureLine(json, feature);
     } else {
@@ -238,6 +254,10 @@ ExitStatus Find(const FindOptions& options, Output& out) {
   }
   if (!options.json) table.Write(out);
   out.Flush();
+  if (Progress::OnTerminal()) {
+    Complain({},
+             std::to_string(found) + " of " + std::to_string(features) + (features == 1 ? " feature" : " features"));
+  }
   if (end.IsComplete()) return kExitWhole;
   Complain(options.path, end.reason);
   return kExitDamaged;

@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <stdio.h>   // NOLINT(modernize-deprecated-headers): renameat2
 #include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkstemp
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <climits>
+#include <csignal>
 #include <filesystem>
 #include <system_error>
 
@@ -21,6 +25,27 @@ namespace fs = std::filesystem;
 
 std::string Reason(int osError) { return std::generic_category().message(osError); }
 
+constexpr const char* kExists = "exists; --force replaces it";
+constexpr std::array kEndings{SIGHUP, SIGINT, SIGTERM};
+constexpr std::size_t kLongestStem = 200;  // bytes of the name that are taken over, of the 255 that a name may have
+
+// What one of these signals takes away before it ends the tool.
+std::array<char, PATH_MAX> madeSoFar;
+
+void TakeAwayAndEnd(int signal) {
+  ::unlink(madeSoFar.data());
+  (void)std::signal(signal, SIG_DFL);
+  (void)std::raise(signal);
+}
+
+void TakeAwayWhenEnded(const std::string& path) {
+  if (path.size() >= madeSoFar.size()) return;
+  madeSoFar[path.copy(madeSoFar.data(), path.size())] = 0;
+  for (const int signal : kEndings) {
+    if (std::signal(signal, TakeAwayAndEnd) == SIG_IGN) (void)std::signal(signal, SIG_IGN);
+  }
+}
+
 mode_t ModeOfNewFiles() {
   const mode_t mask = ::umask(0);
   ::umask(mask);
@@ -28,6 +53,16 @@ mode_t ModeOfNewFiles() {
 }
 
 }  // namespace
+
+SteadyFile::SteadyFile(const std::string& path)
+    : m_descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+  m_isWritten = m_descriptor >= 0 && ::flock(m_descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  if (m_isWritten) Complain(path, "is open for writing elsewhere");
+}
+
+SteadyFile::~SteadyFile() {
+  if (m_descriptor >= 0) ::close(m_descriptor);
+}
 
 NewFile::NewFile(const CKespDataFile& source, const std::string& destination, Existing existing)
     : m_given(destination), m_place(destination), m_existing(existing) {
@@ -42,13 +77,14 @@ NewFile::NewFile(const CKespDataFile& source, const std::string& destination, Ex
   if (!Check(source)) return;
   const fs::path place(m_place);
   std::string name(1, '.');
-  name.append(place.filename().string()).append(".XXXXXX");
+  name.append(place.filename().string(), 0, kLongestStem).append(".XXXXXX");
   std::string made = (place.parent_path() / name).string();
   const int fd = ::mkstemp(made.data());
   if (fd < 0) {
     Complain(m_given, Reason(errno));
     return;
   }
+  TakeAwayWhenEnded(made);
   struct stat info {};
   const bool replaces = m_replaced.IsOpen() && ::stat(m_place.c_str(), &info) == 0;
   (void)::fchmod(fd, replaces ? info.st_mode & 0777 : ModeOfNewFiles());
@@ -63,13 +99,17 @@ bool NewFile::Check(const CKespDataFile& source) {
     Complain(m_given, Reason(errno));
     return false;
   }
+  if (!S_ISREG(info.st_mode)) {
+    Complain(m_given, S_ISDIR(info.st_mode) ? "is a directory" : "is no regular file");
+    return false;
+  }
   const CString path = CString::FromPathBytes(m_place);
   if (source.m_file.IsSameFile(path)) {
     Complain(m_given, "is the source itself");
     return false;
   }
   if (m_existing == Existing::kRefuse) {
-    Complain(m_given, "exists; --force replaces it");
+    Complain(m_given, kExists);
     return false;
   }
   CFileException failure(CFileException::none, path);
@@ -91,10 +131,17 @@ std::uint64_t NewFile::Size() const {
 bool NewFile::Keep() {
   const unsigned flags = m_existing == Existing::kRefuse ? RENAME_NOREPLACE : 0;
   int result = ::renameat2(AT_FDCWD, m_made.c_str(), AT_FDCWD, m_place.c_str(), flags);
-  // Not every file system knows the flag.
-  if (result != 0 && errno == EINVAL) result = ::rename(m_made.c_str(), m_place.c_str());
+  // Not every file system knows the flag; a second name isn't given to a file that exists either.
+  if (result != 0 && errno == EINVAL) {
+    result = ::link(m_made.c_str(), m_place.c_str());
+    if (result == 0) {
+      ::unlink(m_made.c_str());
+    } else if (errno != EEXIST) {
+      result = ::rename(m_made.c_str(), m_place.c_str());
+    }
+  }
   if (result != 0) {
-    Complain(m_given, Reason(errno));
+    Complain(m_given, errno == EEXIST ? kExists : Reason(errno));
     return false;
   }
   m_made.clear();

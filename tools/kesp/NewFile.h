@@ -4,7 +4,8 @@
 //   if (!copy.IsReady() || !Make(copy.Path()) || !copy.Keep()) return kExitTrouble;
 //
 // Refuses the source itself, by whatever name, what is no regular file, what somebody holds open for writing and,
-// unless it is to be replaced, a file that exists. What was made goes away again unless it is kept.
+// unless it is to be replaced, a file that exists. What was made goes away again unless it is kept, also when SIGINT
+// and its like end the tool; so there is one such object at a time.
 //
 // Errors: complains and answers false.
 #pragma once
@@ -15,6 +16,23 @@
 #include "kesp/kesp.h"
 
 namespace kesp::tool {
+
+// Keeps a file as it is while it is read: whoever opens it for writing is refused. What can't be opened is left to
+// those who read it to complain about.
+class SteadyFile {
+ public:
+  explicit SteadyFile(const std::string& path);
+  ~SteadyFile();
+  SteadyFile(const SteadyFile&) = delete;
+  SteadyFile& operator=(const SteadyFile&) = delete;
+
+  // Whether somebody had it open for writing before; complained about.
+  bool IsWritten() const noexcept { return m_isWritten; }
+
+ private:
+  int m_descriptor;
+  bool m_isWritten = false;
+};
 
 enum class Existing { kRefuse, kReplace };
 

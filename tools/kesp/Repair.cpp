@@ -86,6 +86,8 @@ bool OpenSource(CKespDataFile& source, const RepairOptions& options) {
 }  // namespace
 
 ExitStatus Repair(const RepairOptions& options, Output& out) {
+  const SteadyFile steady(options.source);
+  if (steady.IsWritten()) return kExitTrouble;
   CKespDataFile source;
   if (!OpenSource(source, options)) return kExitTrouble;
   const bool hasHeader = source.GetError() == KESP_ERROR_NONE;
