@@ -8,6 +8,7 @@
 #include <optional>
 #include <span>
 #include <utility>
+#include <vector>
 
 #include "kesp/recordfile/FileHeader.h"
 #include "kesp/recordfile/KespDataFile.h"
@@ -380,7 +381,7 @@ class Salvager {
   // The same; `limit` when none begins before it.
   std::uint64_t FindBefore(std::uint64_t limit, std::uint64_t offset) {
     while (offset < limit && Fits(offset, kRecordHeaderSize)) {
-      const std::span<const std::byte> bytes = View(offset, CFile::kMaxView);
+      const std::span<const std::byte> bytes = Window(offset, limit - offset + kRecordHeaderSize - 1);
       if (bytes.size() < kRecordHeaderSize) break;
       const auto places =
           static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size() - kRecordHeaderSize + 1, limit - offset));
@@ -388,10 +389,20 @@ class Salvager {
       while (i < places && !MayBegin(bytes.data() + i)) ++i;
       offset += i;
       if (i == places) continue;
-      if (IsCandidate(offset)) return offset;
+      if (IsCandidate(DecodeHeader(bytes.subspan(i, kRecordHeaderSize)), offset)) return offset;
       ++offset;
     }
     return limit;
+  }
+  // What is searched, kept aside: a look at what a header leads to would take the file's buffer elsewhere, and each
+  // wrong one of a hostile file would have it filled again.
+  std::span<const std::byte> Window(std::uint64_t offset, std::uint64_t count) {
+    if (offset < m_windowStart || offset + kRecordHeaderSize > m_windowStart + m_window.size()) {
+      const auto view = View(offset, static_cast<std::size_t>(std::min<std::uint64_t>(count, CFile::kMaxView)));
+      m_window.assign(view.begin(), view.end());
+      m_windowStart = offset;
+    }
+    return std::span<const std::byte>(m_window).subspan(static_cast<std::size_t>(offset - m_windowStart));
   }
   // Where a record begins in the place of another; 0 for none.
   std::uint64_t RecordWithin(std::uint64_t body, std::uint64_t end) {
@@ -407,8 +418,7 @@ class Salvager {
     return version != 0 && version <= LengthsOfType(type).newest &&
            (LoadLittle<std::uint32_t>(at + 6) & ~kKnownFlags) == 0;
   }
-  bool IsCandidate(std::uint64_t offset) {
-    const RecordHeader header = DecodeHeader(View(offset, kRecordHeaderSize));
+  bool IsCandidate(const RecordHeader& header, std::uint64_t offset) {
     std::uint64_t bodyLength = 0;
     if (!IsExact(header, offset, bodyLength)) return false;
     const std::uint64_t body = offset + kRecordHeaderSize;
@@ -446,6 +456,8 @@ class Salvager {
   std::uint64_t m_position = 0;
   std::uint64_t m_firstRecord = 0;
   bool m_damaged = false;
+  std::vector<std::byte> m_window;
+  std::uint64_t m_windowStart = 0;
   std::optional<bool> m_isWhole;  // unknown until it is asked
 };
 
