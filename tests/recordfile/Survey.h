@@ -88,6 +88,15 @@ inline ByteVector EndOf(std::uint32_t feature, std::uint32_t flags = 0) {
   return Record(4, 1, flags, EndBody(feature));
 }
 
+inline ByteVector WithLength(ByteVector record, std::uint32_t length) {  // stated in its header
+  for (std::size_t i = 0; i < 4; ++i) record[10 + i] = static_cast<std::uint8_t>(length >> 8 * i);
+  return record;
+}
+inline ByteVector Part(const ByteVector& bytes, std::size_t from, std::size_t to = SIZE_MAX) {
+  const auto at = [&](std::size_t i) { return bytes.begin() + static_cast<std::ptrdiff_t>(std::min(i, bytes.size())); };
+  return {at(from), at(to)};
+}
+
 // A test with a file of its own.
 class OneFile : public testing::Test {
  protected:
