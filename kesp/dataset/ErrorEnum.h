@@ -5,7 +5,7 @@ enum ErrorEnum {
   ERR_NONE = 0,                 // success
   ERR_FILE_NOT_FOUND = 1,       // nothing, or a directory, at the path
   ERR_MEMORY = 2,               // the container object is missing, or memory ran out while opening
-  ERR_FILE_EXCEPTION = 3,       // a file exception while opening
+  ERR_FILE_EXCEPTION = 3,       // a file exception while opening; also: what is open for looking can't be written
   ERR_UNKNOWN_EXCEPTION = 4,    // any other exception while opening
   ERR_OTHER_FILE_OPEN = 5,      // this data set has another file open
   ERR_FILE_NOT_OPEN = 6,        // also: the container refused the file

@@ -8,8 +8,8 @@
 //   const std::unique_ptr<CKespFeature*[]> oaks(survey.GetFeaturesWhereName(LOGIC_EQUAL, L"Oak", count, error));
 //   survey.CloseKesp();
 //
-// Who owns what, and until when it lives. "Cleared" is what ReadKespFile, both ValidateKesp and the destructor begin
-// with.
+// Who owns what, and until when it lives. "Cleared" is what ReadKespFile on an open file, both ValidateKesp and the
+// destructor begin with, and GetStringToStringTags while the record list is empty.
 //
 //   what                                            deleted by
 //   ----------------------------------------------  ---------------------------------------------------------------
@@ -17,20 +17,23 @@
 //   that ReadKespFile made                          reading made, also for one that left the indexes since: a feature
 //                                                   whose number a later one took, one that was deleted, a feature
 //                                                   end that a later one replaced.
-//   points, attributes, the end of a feature        their feature; DeletePoint... deletes the one point
+//   points, attributes, the end of a feature        their feature
 //   links and link lists that reading made          the data set, when it is cleared
 //   what the factories make                         the caller, until it is attached to a feature
 //   what a caller queued                            the caller, who keeps it alive while it stands in the queue; but
 //     a header                                      the data set, when cleared while the header stands in the list
 //     a feature, by AddRecordsToWriteQueue          the data set, when cleared while the feature index holds it
 //   the array that a query answers                  the caller, with delete[]; never what it points to
-//   m_pDataFile, m_pBmcText                         the data set
+//   m_pDataFile                                     the data set; the writers of new files put another in its place
+//   m_pBmcText                                      the data set; another string each time it is cleared
 //
-// Errors: every operation answers an ErrorEnum. The writers don't look at the answers of single appends and rewrites;
-// m_pDataFile->GetSystemError() tells whether any of them failed since the file was opened. CMemoryException and
-// std::bad_alloc get out, and so does a CFileException: from whatever reads records when a version-1 feature is cut
-// short, the data set holding what it had read by then, and from CloseKesp and DeleteFeatureAndAssociatedRec when the
-// system can't bring everything to the disk.
+// Errors: every operation answers an ErrorEnum. The writers answer ERR_NONE once they have got as far as writing: they
+// don't look at the answers of single appends and rewrites. Afterwards, and before closing, all was written if
+// m_pDataFile->IsOpen() and m_pDataFile->GetSystemError() == 0; the latter has the errno of the first failure since
+// the file was opened. A write to a file that is open for looking only is such a failure (EBADF).
+// CMemoryException and std::bad_alloc get out where no result stands for them, and so does a CFileException: from
+// whatever reads records when a version-1 feature is cut short, the data set holding what it had read by then, and from
+// CloseKesp and DeleteFeatureAndAssociatedRec when the system can't bring everything to the disk.
 //
 // One thread at a time.
 #pragma once
@@ -71,10 +74,13 @@ class KESP_EXPORT CKespFile {
   // --- Opening, reading, closing ---------------------------------------------------------------------------------
 
   // Opens the file for reading and writing; the store is not touched. A path that is open already, in whatever letter
-  // case, stays open. `message` is a text for a person, empty unless something can be said. A file that the container
-  // refuses is answered with ERR_NONE all the same, and the next operation with ERR_FILE_NOT_OPEN.
+  // case, stays open; one that is open for looking only is opened anew for writing, and if that fails stays as it is
+  // (ERR_FILE_EXCEPTION). `message` is a text for a person, empty unless something can be said. A file that the
+  // container refuses is answered with ERR_NONE all the same, and the next operation that wants an open file with
+  // ERR_FILE_NOT_OPEN; m_pDataFile->GetErrorString() says why.
   ErrorEnum OpenKesp(CString path, CString& message);
-  // The same for looking only: no lock, and the file's bytes and times stay as they are, also when it is closed.
+  // The same for looking only: no lock, and the file's bytes and times stay as they are, also when it is closed. A path
+  // that is open for writing stays so.
   ErrorEnum OpenKespReadOnly(CString path, CString& message);
   // Marks the file as cleanly closed, flushes and closes it. The store keeps its content.
   ErrorEnum CloseKesp();
@@ -113,7 +119,7 @@ class KESP_EXPORT CKespFile {
   // Marks the record deleted in memory. Always ERR_NONE.
   ErrorEnum DeleteRecord(CKespRecord* record);
   // Whether the file can be read and each of its features has a point. Reads it into the store. The first form opens
-  // and closes the file unless it is open, and never writes `message`.
+  // and closes the file unless it is open, which marks it as cleanly closed, and never writes `message`.
   ErrorEnum ValidateKesp(CString path, CString& message);
   ErrorEnum ValidateKesp();
 
@@ -176,7 +182,8 @@ class KESP_EXPORT CKespFile {
   ErrorEnum WriteNewKespFileFromQueue(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);
-  // Appends all that is queued to the file, which is opened if no file is.
+  // Appends all that is queued to the file, which is opened if no file is, and opened anew where it is open for looking
+  // only. To a file that the container refuses nothing is appended, and the answer is ERR_NONE (see Errors above).
   ErrorEnum AppendToKespFileFromQueue(CString path);
 
   // --- Queries ---------------------------------------------------------------------------------------------------
@@ -259,6 +266,7 @@ class KESP_EXPORT CKespFile {
   friend struct CKespFileTestAccess;
 
   ErrorEnum OpenWith(const CString& path, CString& message, bool readOnly);
+  ErrorEnum MakeWritable(CString& message);
   // What the reader keeps in mind from record to record.
   struct Reading {
     CKespFeature* lastFeature = nullptr;       // records of one feature follow one another

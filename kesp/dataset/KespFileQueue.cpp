@@ -104,7 +104,9 @@ ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Append
 
 ErrorEnum CKespFile::AppendToKespFileFromQueue(CString path) {
   bool wasOpen = false;
-  const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
+  ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
+  CString message;
+  if (opened == ERR_NONE && wasOpen) opened = MakeWritable(message);
   if (opened != ERR_NONE) return opened;
   for (CKespRecord* record : m_recordList) (void)m_pDataFile->AppendRecord(record, KESP_SRC_ADDED);
   return ERR_NONE;

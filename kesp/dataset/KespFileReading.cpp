@@ -106,12 +106,12 @@ ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOn
     message = u"Memory allocation failed. Free some memory and try again.";
     return ERR_MEMORY;
   }
-  if (m_pDataFile->IsOpen()) {
-    if (m_pDataFile->m_path.CompareNoCase(path) == 0) return ERR_NONE;
-    message = u"Please close the already open file.";
-    return ERR_OTHER_FILE_OPEN;
-  }
   try {
+    if (m_pDataFile->IsOpen()) {
+      if (m_pDataFile->m_path.CompareNoCase(path) == 0) return readOnly ? ERR_NONE : MakeWritable(message);
+      message = u"Please close the already open file.";
+      return ERR_OTHER_FILE_OPEN;
+    }
     // A file that the container refuses leaves it closed, and the next operation says so.
     (void)(readOnly ? m_pDataFile->OpenReadOnly(path) : m_pDataFile->Open(path));
     return ERR_NONE;
@@ -127,6 +127,19 @@ ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOn
   } catch (...) {
     return ERR_UNKNOWN_EXCEPTION;
   }
+}
+
+// A file that is held for looking only would take every write without a word and keep none of it.
+ErrorEnum CKespFile::MakeWritable(CString& message) {
+  if (m_pDataFile->m_file.IsWritable()) return ERR_NONE;
+  const CString path = m_pDataFile->m_path;
+  (void)m_pDataFile->Close();
+  if (m_pDataFile->Open(path)) return ERR_NONE;
+  const int osError = m_pDataFile->GetSystemError();
+  // As it was, if the system still lets it.
+  (void)m_pDataFile->OpenReadOnly(path);
+  message = CFileException(osError, path).GetErrorMessage().Left(kMessageLimit);
+  return ERR_FILE_EXCEPTION;
 }
 
 ErrorEnum CKespFile::CloseKesp() {

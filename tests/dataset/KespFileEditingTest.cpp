@@ -280,7 +280,10 @@ TEST(OpenKespReadOnly, ChangesNothing) {
   EXPECT_EQ(Update(file, 0, 1, 0, 1), ERR_NONE);
   Access::DeletePoint(file, point);
   EXPECT_EQ(file.DeleteFeatureAndAssociatedRec(*file.m_featureIndex.Find(8)), ERR_NONE);
-  EXPECT_EQ(file.AppendToKespFileFromQueue(Text(set.path)), ERR_NONE);
+  EXPECT_EQ(file.m_pDataFile->GetSystemError(), EBADF);  // which is how it shows
+  CString unused;
+  EXPECT_EQ(file.ValidateKesp(Text(set.path), unused), ERR_NONE);
+  EXPECT_FALSE(file.m_pDataFile->m_file.IsWritable());
   EXPECT_EQ(file.CloseKesp(), ERR_NONE);
   EXPECT_FALSE(file.m_pDataFile->IsOpen());
   EXPECT_EQ(ReadFile(set.path), before);
@@ -306,6 +309,30 @@ TEST(Deletion, LosesNothingWhenTheSystemFails) {
     const ByteVector after = ReadFile(set.path);
     EXPECT_TRUE(after == Joined(gone) || (struck && after == Joined(TwoFeatures(0, 0)))) << at;
     if (!struck) break;
+  }
+}
+
+TEST(OpenKespReadOnly, GivesWayToWriting) {
+  for (const bool append : {false, true}) {
+    DataSet set(Joined(TwoFeatures(0, 0)));
+    CKespFile file;
+    CString message;
+    ASSERT_EQ(file.OpenKespReadOnly(Text(set.path), message), ERR_NONE);
+    ASSERT_EQ(file.ReadKespFile(false), ERR_NONE);
+    file.ClearQueueWithoutWriting();
+    CKespNote note;
+    file.AddNoteToWriteQueue(&note);
+    const auto write = [&] {
+      return append ? file.AppendToKespFileFromQueue(Text(set.path)) : file.OpenKesp(Text(set.path), message);
+    };
+    EXPECT_EQ(write(), ERR_FILE_EXCEPTION);  // somebody else writes it
+    EXPECT_TRUE(append || message == CString(set.path.string() + ": The file is in use"));
+    EXPECT_TRUE(file.m_pDataFile->IsOpen() && !file.m_pDataFile->m_file.IsWritable());
+    ASSERT_TRUE(set.file.m_pDataFile->Close());
+    EXPECT_EQ(write(), ERR_NONE);
+    EXPECT_EQ(file.OpenKespReadOnly(Text(set.path), message), ERR_NONE);  // and stays so
+    EXPECT_TRUE(file.m_pDataFile->m_file.IsWritable());
+    EXPECT_EQ(ReadFile(set.path), Joined(TwoFeatures(0, 0)) + (append ? Note("", 2) : ByteVector()));
   }
 }
 
