@@ -1,8 +1,12 @@
 // The write queue, and writing it to files.
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <string>
+
 #include "kesp/dataset/KespFile.h"
 #include "kesp/platform/SystemCalls.h"
+#include "kesp/recordfile/FileHeader.h"
 #include "kesp/util/Utilities.h"
 
 namespace {
@@ -11,6 +15,17 @@ namespace {
 bool SomethingExists(const CString& path) {
   struct stat info {};
   return kesp::System().Stat(path.ToPathBytes().c_str(), &info) == 0;
+}
+
+// Where not even the file header could be written, what there is of the file is taken away, so that it doesn't pass for
+// one and stand in the way of the next try. A longer one, or one that somebody holds, came there meanwhile.
+void TakeBackUnfinished(const CString& path, const CKespDataFile& file) {
+  struct stat info {};
+  const std::string name = path.ToPathBytes();
+  if (file.GetSystemError() == EWOULDBLOCK || kesp::System().Stat(name.c_str(), &info) != 0) return;
+  if (S_ISREG(info.st_mode) && info.st_size < static_cast<off_t>(kesp::kFileHeaderSize)) {
+    (void)kesp::System().Unlink(name.c_str());
+  }
 }
 
 }  // namespace
@@ -93,10 +108,12 @@ ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Append
   }
   m_pDataFile = new CKespDataFile;
   m_pDataFile->m_version = version;
-  // A failure shows in the next step, which then opens what there is.
-  (void)m_pDataFile->Create(path);
+  if (!m_pDataFile->Create(path)) TakeBackUnfinished(path, *m_pDataFile);
+  const int osError = m_pDataFile->GetSystemError();
+  // A failure shows here: what is not there can't be opened.
   bool wasOpen = false;
   const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
+  if (!m_pDataFile->IsOpen()) m_pDataFile->m_systemError = osError;  // why, and not what opening says then
   if (opened != ERR_NONE) return opened;
   for (CKespRecord* record : m_recordList) (void)(m_pDataFile->*append)(record, 0);
   return ERR_NONE;

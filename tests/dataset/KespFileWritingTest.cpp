@@ -1,4 +1,5 @@
 #include "tests/dataset/DataSet.h"
+#include "tests/support/FaultySystem.h"
 
 using namespace kesp::test;
 
@@ -205,6 +206,28 @@ TEST(WriteQueue, IndexesRecordsAndTakesOverFeaturesAndHeaders) {
   CKespFile other;
   other.AddTavoHeaderToWriteQueue(&header);
   other.ClearQueueWithoutWriting();  // ours again
+}
+
+// From some call on the disk is full. What is there then is whole, and whoever looks is told.
+TEST(WriteQueue, TellsOfAFullDisk) {
+  for (int at = 1;; ++at) {
+    TempDir dir;
+    CKespFile file;
+    CKespNote note;
+    file.AddNoteToWriteQueue(&note);
+    file.AddNoteToWriteQueue(&note);
+    FaultySystem system(at, FaultySystem::Fault::Full, true);
+    const ErrorEnum result = file.WriteNewKespFileFromQueue(Text(dir / "new"));
+    const bool exists = std::filesystem::exists(dir / "new");
+    EXPECT_EQ(result, exists ? ERR_NONE : ERR_FILE_NOT_FOUND);
+    EXPECT_EQ(file.m_pDataFile->IsOpen(), exists);
+    const ByteVector bytes = ReadFile(dir / "new");
+    const ByteVector whole = Survey({Note(""), Note("")});
+    EXPECT_TRUE(bytes.empty() || bytes == Survey({}) || bytes == Survey({Note("")}) || bytes == whole) << at;
+    if (bytes == whole && file.m_pDataFile->GetSystemError() == 0) break;
+    EXPECT_EQ(file.m_pDataFile->GetSystemError(), ENOSPC) << at;
+    ASSERT_LT(at, 50);
+  }
 }
 
 }  // namespace
