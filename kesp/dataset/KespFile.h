@@ -41,6 +41,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "kesp/dataset/ErrorEnum.h"
@@ -284,7 +285,7 @@ class KESP_EXPORT CKespFile {
   void HandUpFlags(Reading& reading);
   void HandUpFlags(CKespFeature& feature);
   void HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& feature);
-  void TakeExtentNote(const CString& numbers);
+  void TakeExtentNote(std::u16string_view numbers);
   void MarkDeletedOnDisk(CKespRecord& record);
   void RemovePointFromStore(CKespPoint* point, CKespFeature& feature, int index);
   ErrorEnum Queue(CKespRecord* record);

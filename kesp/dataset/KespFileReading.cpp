@@ -349,7 +349,7 @@ bool CKespFile::ReadKespHeaderVersion1(CKespRecord** next, bool skipDeleted) {
   }
   // Looked for behind the other only: a "BMC:" note behind it is an ordinary one.
   if (const CKespNote* const note = AsTaggedNote(record.get(), kZomTag)) {
-    TakeExtentNote(note->NoteText.Mid(kNoteTagLength));
+    TakeExtentNote(note->NoteText.View().substr(kNoteTagLength));
     record = read();
     if (!record) return cleanEnd();
   }
@@ -357,18 +357,20 @@ bool CKespFile::ReadKespHeaderVersion1(CKespRecord** next, bool skipDeleted) {
   return true;
 }
 
-void CKespFile::TakeExtentNote(const CString& numbers) {
+// What keeps the text from being taken is no reason to give the file up.
+void CKespFile::TakeExtentNote(std::u16string_view numbers) try {
   double values[4] = {0, 0, 0, 0};
-  CString rest = numbers;
   for (double& value : values) {
-    if (rest.IsEmpty()) break;
-    const int comma = rest.Find(u',');
-    value = kesp::NumberFromText(comma < 0 ? rest.View() : rest.View().substr(0, static_cast<std::size_t>(comma)));
-    rest = comma < 0 ? CString() : rest.Mid(comma + 1);
+    if (numbers.empty()) break;
+    const std::size_t comma = std::min(numbers.find(u','), numbers.size());
+    value = kesp::NumberFromText(numbers.substr(0, comma));
+    numbers.remove_prefix(std::min(comma + 1, numbers.size()));
   }
   if (std::fabs(values[0] - values[1]) > kSmallestExtent && std::fabs(values[2] - values[3]) > kSmallestExtent) {
     m_extent.Set(values[0], values[1], values[2], values[3]);
   }
+} catch (const CException&) {
+} catch (const std::bad_alloc&) {
 }
 
 bool CKespFile::ProcessTag(CKespTag* tag) {
