@@ -12,6 +12,21 @@ int IndexOf(const CKespFeature& feature, const CKespPoint* point) {
   return found == points.end() ? -1 : static_cast<int>(found - points.begin());
 }
 
+// Flushing is on again on every way out.
+class WithoutFlush {
+ public:
+  explicit WithoutFlush(CKespDataFile* file) : m_file(file) { Set(false); }
+  ~WithoutFlush() { Set(true); }
+  WithoutFlush(const WithoutFlush&) = delete;
+  WithoutFlush& operator=(const WithoutFlush&) = delete;
+
+ private:
+  void Set(bool enabled) const {
+    if (m_file != nullptr) m_file->SetFlush(enabled);
+  }
+  CKespDataFile* m_file;
+};
+
 }  // namespace
 
 void CKespFile::MarkDeletedOnDisk(CKespRecord& record) {
@@ -27,35 +42,39 @@ void CKespFile::MarkDeletedOnDisk(CKespRecord& record) {
 ErrorEnum CKespFile::DeleteFeatureAndAssociatedRec(CKespFeature* feature) {
   if (feature == nullptr) return ERR_NONE;
   m_featureIndex.RemoveKey(feature->FeatureNumber);
-  if (m_pDataFile != nullptr) m_pDataFile->SetFlush(false);
-  for (CKespPoint* point : feature->m_pointList) {
-    if (point == nullptr) continue;
-    MarkDeletedOnDisk(*point);
-    if (m_numPoints != 0) --m_numPoints;  // 0 means not counted
+  {
+    const WithoutFlush withoutFlush(m_pDataFile);
+    for (const auto& point : feature->m_pointList) {
+      if (!point) continue;
+      MarkDeletedOnDisk(*point);
+      if (m_numPoints != 0) --m_numPoints;  // 0 means not counted
+    }
+    for (const auto& attribute : feature->m_attributeList) {
+      if (attribute) MarkDeletedOnDisk(*attribute);
+    }
+    // The records of the feature and its end stay undeleted in the file, and the container is only brought there: what
+    // is left is a feature without points, which other programs expect to find.
+    for (CKespRecord* record :
+         {static_cast<CKespRecord*>(feature), static_cast<CKespRecord*>(feature->GetFeatureEnd())}) {
+      if (record == nullptr) continue;
+      record->SetDelete();
+      if (m_pDataFile != nullptr) (void)m_pDataFile->Seek(record->m_filePosition);
+    }
   }
-  for (CKespAttribute* attribute : feature->m_attributeList) {
-    if (attribute != nullptr) MarkDeletedOnDisk(*attribute);
-  }
-  // The records of the feature and its end stay undeleted in the file: what is left there is a feature without points,
-  // which other programs expect to find.
-  feature->SetDelete();
-  if (CKespFeatureEnd* const end = feature->GetFeatureEnd()) end->SetDelete();
-  if (m_pDataFile != nullptr) {
-    m_pDataFile->SetFlush(true);
-    m_pDataFile->Flush();
-  }
+  if (m_pDataFile != nullptr) m_pDataFile->Flush();
   return ERR_NONE;
 }
 
-// Takes the point out of everything that refers to it, marks it deleted on disk and deletes it.
+// Marks the point deleted on disk, takes it out of everything that refers to it, and deletes it. What can run out of
+// memory comes first, so that the point is either still everywhere or nowhere.
 void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, int index) {
-  feature.RemovePoint(index);
-  const std::unique_ptr<CKespPoint> own(point);  // cppcheck-suppress unreadVariable
   MarkDeletedOnDisk(*point);
-  if (m_numPoints != 0) --m_numPoints;
+  m_recordList.Remove(point);
   CKespPoint* indexed = nullptr;
   if (m_pointIndex.Lookup(point->PointNumber, indexed) && indexed == point) m_pointIndex.RemoveKey(point->PointNumber);
-  m_recordList.Remove(point);
+  feature.RemovePoint(index);
+  delete point;
+  if (m_numPoints != 0) --m_numPoints;
 }
 
 int CKespFile::DeletePointInFeature(CKespPoint* point, CKespFeature* feature) {

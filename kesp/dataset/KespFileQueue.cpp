@@ -31,9 +31,14 @@ void TakeBackUnfinished(const CString& path, const CKespDataFile& file) {
 }  // namespace
 
 ErrorEnum CKespFile::Queue(CKespRecord* record) {
-  m_recordList.AddTail(record);
-  if (record != nullptr && record->m_recordType == KESP_RECORD_HEADER) {
-    if (auto* const header = dynamic_cast<CKespTavoHeader*>(record)) m_queuedHeaders.push_back(header);
+  const bool isHeader = record != nullptr && record->m_recordType == KESP_RECORD_HEADER;
+  auto* const header = isHeader ? dynamic_cast<CKespTavoHeader*>(record) : nullptr;
+  if (header != nullptr) m_queuedHeaders.push_back(header);
+  try {
+    m_recordList.AddTail(record);
+  } catch (...) {
+    if (header != nullptr) m_queuedHeaders.pop_back();  // its caller's, since it is not queued
+    throw;
   }
   return ERR_NONE;
 }

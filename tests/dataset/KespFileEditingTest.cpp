@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include "tests/dataset/DataSet.h"
+#include "tests/support/FaultyMemory.h"
 #include "tests/support/FaultySystem.h"
 
 using namespace kesp::test;
@@ -333,6 +334,41 @@ TEST(OpenKespReadOnly, GivesWayToWriting) {
     EXPECT_EQ(file.OpenKespReadOnly(Text(set.path), message), ERR_NONE);  // and stays so
     EXPECT_TRUE(file.m_pDataFile->m_file.IsWritable());
     EXPECT_EQ(ReadFile(set.path), Joined(TwoFeatures(0, 0)) + (append ? Note("", 2) : ByteVector()));
+  }
+}
+
+// Whatever is asked of the memory: the point is still everywhere or nowhere.
+TEST(Deletion, LosesNothingWhenMemoryRunsOut) {
+  for (int at = 1;; ++at) {
+    DataSet set(Joined(TwoFeatures(0, 0)));
+    ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+    CKespFeature* const feature = set.Feature(7);
+    CKespPoint* const point = set.Point(2);
+    bool threw = false;
+    bool struck = false;
+    try {
+      const FaultyMemory memory(at);
+      Access::DeletePoint(set.file, point);
+      struck = FaultyMemory::Struck();
+    } catch (const std::bad_alloc&) {
+      threw = true;
+    } catch (const CMemoryException&) {
+      threw = true;
+    }
+    EXPECT_EQ(set.file.m_pointIndex.Find(2) != nullptr, threw);
+    EXPECT_EQ(feature->GetNumPoints(), threw ? 3 : 2);
+    EXPECT_EQ(set.file.m_numPoints, threw ? 4u : 3u);
+    EXPECT_EQ(Names(set.file.m_recordList).find("P7/2") != std::string::npos, threw);
+    if (!threw && !struck) break;
+    ASSERT_LT(at, 100);
+    if (threw) Access::DeletePoint(set.file, point);  // another time
+    EXPECT_EQ(Names(set.file.m_recordList), "H F7 A7:a P7/1 F8 P8/4 P7/3 A7:b E7");
+    try {
+      const FaultyMemory memory(at);
+      set.file.DeleteFeatureAndAssociatedRec(feature);
+    } catch (const std::exception&) {
+    }
+    EXPECT_TRUE(set.file.m_pDataFile->m_flushEnabled);
   }
 }
 
