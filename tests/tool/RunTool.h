@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,14 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments, ToolOutput 
     return std::string(bytes.begin(), bytes.end());
   };
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text(outPath), text(errPath)};
+}
+
+// One line, split at spaces; "@" stands for the path.
+inline ToolResult RunTool(const std::string& line, const std::string& path) {
+  std::vector<std::string> arguments;
+  std::istringstream in(line);
+  for (std::string word; in >> word;) arguments.push_back(word == "@" ? path : word);
+  return RunTool(arguments);
 }
 
 }  // namespace kesp::test

@@ -1,6 +1,7 @@
 #include "tools/kesp/Dataset.h"
 
 #include <system_error>
+#include <utility>
 
 #include "tools/kesp/RecordJson.h"
 
@@ -45,24 +46,6 @@ DatasetEnd EndOf(const CKespFile& file, Operation operation) {
     // A version-1 feature body that is cut short is raised where the others are answered.
     const bool cutShort = e.m_cause == CFileException::endOfFile;
     return {ERR_READ_FAILED, std::string("a record can't be read: ") + (cutShort ? "EOF Error" : e.what())};
-  }
-}
-
-void WriteExtent(JsonWriter& json, const CBoundingBox& extent) {
-  if (!extent.IsValid()) return json.Null();
-  json.BeginObject();
-  json.Key("minX").Number(extent.MinX());
-  json.Key("maxX").Number(extent.MaxX());
-  json.Key("minY").Number(extent.MinY());
-  json.Key("maxY").Number(extent.MaxY());
-  json.EndObject();
-}
-
-void WriteTime(JsonWriter& json, const std::optional<std::int64_t>& time) {
-  if (time) {
-    json.Number(*time);
-  } else {
-    json.Null();
   }
 }
 
@@ -147,15 +130,33 @@ DatasetSummary::DatasetSummary(CKespFile& file) {
   if (last > start) lastTime = last.GetTime();
 }
 
+void WriteExtentAndTimes(JsonWriter& json, const CBoundingBox& extent, const std::optional<std::int64_t>& firstTime,
+                         const std::optional<std::int64_t>& lastTime) {
+  json.Key("extent");
+  if (extent.IsValid()) {
+    json.BeginObject();
+    json.Key("minX").Number(extent.MinX());
+    json.Key("maxX").Number(extent.MaxX());
+    json.Key("minY").Number(extent.MinY());
+    json.Key("maxY").Number(extent.MaxY());
+    json.EndObject();
+  } else {
+    json.Null();
+  }
+  for (const auto& [name, time] : {std::pair{"firstTime", firstTime}, {"lastTime", lastTime}}) {
+    json.Key(name);
+    if (time) {
+      json.Number(*time);
+    } else {
+      json.Null();
+    }
+  }
+}
+
 void WriteSummary(JsonWriter& json, const DatasetSummary& summary) {
   json.Key("points").Number(std::int64_t{summary.points});
   json.Key("features").Number(std::int64_t{summary.features});
-  json.Key("extent");
-  WriteExtent(json, summary.extent);
-  json.Key("firstTime");
-  WriteTime(json, summary.firstTime);
-  json.Key("lastTime");
-  WriteTime(json, summary.lastTime);
+  WriteExtentAndTimes(json, summary.extent, summary.firstTime, summary.lastTime);
   json.Key("lastPointText").Text(summary.lastPointText.View());
 }
 

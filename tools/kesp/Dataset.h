@@ -40,8 +40,10 @@ struct DatasetSummary {
   std::optional<std::int64_t> lastTime;
   CString lastPointText;
 };
-// The members of the JSON object, whose brackets are the caller's.
+// The members of the JSON object, whose brackets are the caller's; and three of them for what isn't such a summary.
 void WriteSummary(JsonWriter& json, const DatasetSummary& summary);
+void WriteExtentAndTimes(JsonWriter& json, const CBoundingBox& extent, const std::optional<std::int64_t>& firstTime,
+                         const std::optional<std::int64_t>& lastTime);
 
 // Everything, as one object.
 void WriteDataset(JsonWriter& json, CKespFile& file, const DatasetEnd& end);

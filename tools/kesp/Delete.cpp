@@ -88,7 +88,8 @@ std::optional<Plan> MakePlan(const CKespFile& file, const DeleteOptions& options
   return plan;
 }
 
-// The answers of single rewrites say too little; what came of them is read from the file afterwards.
+// The answers of single rewrites say too little; what came of them is read from the file afterwards. The header is not
+// touched: its summary is its host's.
 void Carry(CKespFile& file, const Plan& plan) {
   for (const Plan::Whole& whole : plan.features) file.DeleteFeatureAndAssociatedRec(whole.feature);
   for (CKespPoint* point : plan.points) {
@@ -144,7 +145,7 @@ ExitStatus Delete(const DeleteOptions& options, Output& out) {
   if (!options.dryRun && !plan->positions.empty()) {
     try {
       Carry(file, *plan);
-      if (IsCarriedOut(options.path, *plan)) file.CloseKesp();
+      if (IsCarriedOut(options.path, *plan)) file.m_pDataFile->Close();
     } catch (const CFileException&) {
       // The container has the reason.
     }

@@ -63,17 +63,28 @@ std::string WhyNotInVersion1(const Setting& setting) {
   return {};
 }
 
-void ReportText(Output& out, bool dryRun, const std::string& name, const std::string& old, const std::string& now) {
-  out.Put(name).Put(dryRun ? " would change from " : " changed from ").Put(old).Put(" to ").Put(now).Put("\n");
+void Report(Output& out, bool dryRun, const std::string& name, const std::string& old, const std::string& now) {
+  if (old == now) {
+    out.Put(name).Put(" is ").Put(old).Put(" already\n");
+  } else {
+    out.Put(name).Put(dryRun ? " would change from " : " changed from ").Put(old).Put(" to ").Put(now).Put("\n");
+  }
 }
 
 std::string Quoted(const CString& text) { return "\"" + Printable(text) + "\""; }
 
-// Gone from the file when the header is written back: the writer of a version-1 body leaves them zero.
-void ReportLosses(Output& out, bool dryRun, const CKespTavoHeader& header) {
-  if (header.m_recordVersion != 1) return;
-  if (header.CreationTime != 0) ReportText(out, dryRun, "CreationTime", std::to_string(header.CreationTime), "0");
-  if (header.HeaderShort != 0) ReportText(out, dryRun, "HeaderShort", std::to_string(header.HeaderShort), "0");
+// What else becomes different when a header is written back: the writer of a version-1 body leaves two numbers zero,
+// and that of a version-2 body names the file version of its own layout.
+void ReportSideEffects(Output& out, bool dryRun, const CKespTavoHeader& header) {
+  const auto report = [&](const char* name, std::uint32_t old, std::uint32_t now) {
+    if (old != now) Report(out, dryRun, name, std::to_string(old), std::to_string(now));
+  };
+  if (header.m_recordVersion == 1) {
+    report("CreationTime", header.CreationTime, 0);
+    report("HeaderShort", header.HeaderShort, 0);
+  } else {
+    report("KespVersion", header.KespVersion, 2);
+  }
 }
 
 bool WriteBack(CKespDataFile& file, CKespTavoHeader& header, std::uint32_t position) {
@@ -113,15 +124,20 @@ ExitStatus Header(const HeaderOptions& options, Output& out) {
     }
   }
   CKespTavoHeader changed(header);
-  for (const Setting& setting : settings) changed.*(setting.field->member) = setting.text;
-  if (!options.dryRun && !WriteBack(file, changed, position)) {
+  bool differs = false;
+  for (const Setting& setting : settings) {
+    CString& text = changed.*(setting.field->member);
+    differs = differs || text != setting.text;
+    text = setting.text;
+  }
+  if (differs && !options.dryRun && !WriteBack(file, changed, position)) {
     Complain(options.path, "the header can't be written: " + WhyNotWritten(file));
     return kExitTrouble;
   }
   for (const Setting& setting : settings) {
-    ReportText(out, options.dryRun, setting.field->name, Quoted(header.*(setting.field->member)), Quoted(setting.text));
+    Report(out, options.dryRun, setting.field->name, Quoted(header.*(setting.field->member)), Quoted(setting.text));
   }
-  ReportLosses(out, options.dryRun, header);
+  if (differs) ReportSideEffects(out, options.dryRun, header);
   out.Flush();
   return kExitWhole;
 }

@@ -114,25 +114,13 @@ void WriteJson(JsonWriter& json, CKespFile& dataset, const DatasetEnd& datasetEn
   }
   json.EndArray();
   json.Key("points").Number(static_cast<std::int64_t>(summary.points));
-  json.Key("extent");
-  if (summary.extent.IsValid()) {
-    json.BeginObject();
-    json.Key("minX").Number(summary.extent.MinX());
-    json.Key("maxX").Number(summary.extent.MaxX());
-    json.Key("minY").Number(summary.extent.MinY());
-    json.Key("maxY").Number(summary.extent.MaxY());
-    json.EndObject();
-  } else {
-    json.Null();
+  std::optional<std::int64_t> first;
+  std::optional<std::int64_t> last;
+  if (summary.HasTimes()) {
+    first = summary.firstTime;
+    last = summary.lastTime;
   }
-  for (const auto& [name, time] : {std::pair{"firstTime", summary.firstTime}, {"lastTime", summary.lastTime}}) {
-    json.Key(name);
-    if (summary.HasTimes()) {
-      json.Number(std::int64_t{time});
-    } else {
-      json.Null();
-    }
-  }
+  WriteExtentAndTimes(json, summary.extent, first, last);
   json.Key("dataset").BeginObject();
   json.Key("result").Number(std::int64_t{datasetEnd.result});
   json.Key("kespVersion").Number(std::int64_t{dataset.m_kespVersion});

@@ -1,6 +1,7 @@
 #include "tools/kesp/Opening.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <system_error>
 
@@ -40,6 +41,7 @@ bool OpenForWriting(CKespFile& file, const std::string& path) {
 }
 
 std::string WhyNotOpen(const CKespDataFile& file) {
+  if (file.GetSystemError() == EWOULDBLOCK) return "in use by another program";
   if (const int osError = file.GetSystemError(); osError != 0) return std::generic_category().message(osError);
   return file.GetErrorString().ToUtf8();
 }

@@ -13,10 +13,18 @@ ExitStatus Validate(const ValidateOptions& options, Output& out) {
   for (const std::string& path : options.paths) {
     const CString name = CString::FromPathBytes(path);
     CKespFile file;
-    const bool isOpen = OpenForReading(file, path);
+    CString message;
+    const ErrorEnum opened = file.OpenKespReadOnly(name, message);
     DatasetEnd end = ValidateDataset(file);
-    if (!isOpen) end.reason = WhyNotOpen(*file.m_pDataFile);
-    if (end.result != ERR_NONE) status = std::max(status, isOpen ? kExitDamaged : kExitTrouble);
+    if (!file.m_pDataFile->IsOpen()) {
+      if (opened != ERR_NONE) end.result = opened;
+      // The data set has not asked for what is not there; the container, asked by itself, knows why.
+      if (opened == ERR_FILE_NOT_FOUND) (void)file.m_pDataFile->OpenReadOnly(name);
+      end.reason = WhyNotOpen(*file.m_pDataFile);
+    }
+    // What is no data file falls short, too; what the system doesn't show can't be judged.
+    const bool isJudged = file.m_pDataFile->IsOpen() || file.m_pDataFile->GetSystemError() == 0;
+    if (end.result != ERR_NONE) status = std::max(status, isJudged ? kExitDamaged : kExitTrouble);
     if (options.json) {
       json.BeginObject();
       json.Key("path").Text(name.View());

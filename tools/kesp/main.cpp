@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <functional>
@@ -41,6 +42,13 @@ std::vector<std::string> ArgumentsOf(int argc, char** argv) {
   return arguments;
 }
 
+// Numbers of records are decimal; left to itself, the parser takes 010 for 8.
+std::string TakeDecimal(std::string& text) {
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return "\"" + text + "\" is no number";
+  text.erase(0, std::min(text.find_first_not_of('0'), text.size() - 1));
+  return {};
+}
+
 int Run(int argc, char** argv, Output& out) {
   CLI::App app("Looks into Kesp data files and edits them.", "kesp");
   app.set_version_flag("--version", "kesp " KESP_TOOL_VERSION);
@@ -77,8 +85,11 @@ int Run(int argc, char** argv, Output& out) {
       "Mark features, with their points and attributes, or points deleted in the file. The record of a\n"
       "feature itself stays behind, without points");
   deleteCommand->add_option("FILE", deletion.path, "The data file")->required();
+  const CLI::Validator decimal(TakeDecimal, "");
   CLI::Option* const features = deleteCommand->add_option("--feature", deletion.features, "Features by their numbers");
+  features->transform(decimal);
   deleteCommand->add_option("--point", deletion.points, "Points by theirs; a feature goes with its last point")
+      ->transform(decimal)
       ->excludes(features);
   deleteCommand->add_flag("--dry-run", deletion.dryRun, "Only say what would be deleted");
   deleteCommand->callback([&] {
