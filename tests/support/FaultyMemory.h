@@ -1,5 +1,5 @@
-// Makes the n-th allocation of the program fail. Included by one source of a test program, whose operator new it
-// replaces.
+// Makes the n-th allocation of the program fail. The program is built with FaultyMemory.cpp, which replaces operator
+// new.
 //
 //   for (int n = 1;; ++n) {
 //     FaultyMemory memory(n);
@@ -7,7 +7,6 @@
 //     if (!memory.Struck()) break;   // the run passed untouched
 //   }
 #pragma once
-#include <cstdlib>
 #include <new>
 
 namespace kesp::test {
@@ -19,11 +18,9 @@ class FaultyMemory {
   FaultyMemory(const FaultyMemory&) = delete;
   FaultyMemory& operator=(const FaultyMemory&) = delete;
   static bool Struck() { return s_left == 0; }
-  static void* Allocate(std::size_t size) {
+  // Called for every allocation.
+  static void Count() {
     if (s_left > 0 && --s_left == 0) throw std::bad_alloc();
-    void* const block = std::malloc(size == 0 ? 1 : size);
-    if (block == nullptr) throw std::bad_alloc();
-    return block;
   }
 
  private:
@@ -31,10 +28,3 @@ class FaultyMemory {
 };
 
 }  // namespace kesp::test
-
-void* operator new(std::size_t size) { return kesp::test::FaultyMemory::Allocate(size); }
-void* operator new[](std::size_t size) { return kesp::test::FaultyMemory::Allocate(size); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
