@@ -142,28 +142,18 @@ inline ByteVector Survey(std::initializer_list<ByteVector> records, std::uint16_
 // "H F7 P7/3 A7:Girth E7 N:rain T3"
 inline std::string Name(const CKespRecord* record) {
   if (record == nullptr) return "null";
-  switch (record->m_recordType) {
-    case KESP_RECORD_HEADER:
-      return "H";
-    case KESP_RECORD_FEATURE:
-      return "F" + std::to_string(static_cast<const CKespFeature*>(record)->FeatureNumber);
-    case KESP_RECORD_POINT: {
-      const auto* const point = static_cast<const CKespPoint*>(record);
-      return "P" + std::to_string(point->FeatureNumber) + "/" + std::to_string(point->PointNumber);
-    }
-    case KESP_RECORD_ATTRIBUTE: {
-      const auto* const attribute = static_cast<const CKespAttribute*>(record);
-      return "A" + std::to_string(attribute->FeatureNumber) + ":" + attribute->AttributeName.ToUtf8();
-    }
-    case KESP_RECORD_FEATURE_END:
-      return "E" + std::to_string(static_cast<const CKespFeatureEnd*>(record)->FeatureNumber);
-    case KESP_RECORD_NOTE:
-      return "N:" + static_cast<const CKespNote*>(record)->NoteText.ToUtf8();
-    case KESP_RECORD_TAG:
-      return "T" + std::to_string(static_cast<const CKespTag*>(record)->GetType());
-    default:
-      return "?";
-  }
+  const auto* const f = dynamic_cast<const CKespFeature*>(record);
+  if (f != nullptr) return "F" + std::to_string(f->FeatureNumber);
+  const auto* const p = dynamic_cast<const CKespPoint*>(record);
+  if (p != nullptr) return "P" + std::to_string(p->FeatureNumber) + "/" + std::to_string(p->PointNumber);
+  const auto* const a = dynamic_cast<const CKespAttribute*>(record);
+  if (a != nullptr) return "A" + std::to_string(a->FeatureNumber) + ":" + a->AttributeName.ToUtf8();
+  const auto* const e = dynamic_cast<const CKespFeatureEnd*>(record);
+  if (e != nullptr) return "E" + std::to_string(e->FeatureNumber);
+  const auto* const n = dynamic_cast<const CKespNote*>(record);
+  if (n != nullptr) return "N:" + n->NoteText.ToUtf8();
+  const auto* const t = dynamic_cast<const CKespTag*>(record);
+  return t != nullptr ? "T" + std::to_string(t->GetType()) : "H";
 }
 template <class Range>
 std::string Names(const Range& records) {
