@@ -30,7 +30,8 @@ void Require(ErrorEnum error, const std::string& what) {
 
 // The answers of single appends and rewrites are not looked at by the data set; here it shows whether one failed.
 void RequireWritten(const CKespFile& survey) {
-  if (survey.m_pDataFile->GetSystemError() != 0) throw std::runtime_error("not all could be written");
+  const CKespDataFile& container = *survey.m_pDataFile;
+  if (!container.IsOpen() || container.GetSystemError() != 0) throw std::runtime_error("not all could be written");
 }
 
 // Records on their way into a file. What is queued stays its caller's, and must not be deleted while it is queued; a

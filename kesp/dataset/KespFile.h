@@ -20,7 +20,8 @@
 //   points, attributes, the end of a feature        their feature
 //   links and link lists that reading made          the data set, when it is cleared
 //   what the factories make                         the caller, until it is attached to a feature
-//   what a caller queued                            the caller, who keeps it alive while it stands in the queue; but
+//   what a caller queued                            the caller, who keeps it alive while it stands in the queue, or in
+//                                                   an index, where AddRecordsToWriteQueue enters it; but
 //     a header                                      the data set, when cleared while the header stands in the list
 //     a feature, by AddRecordsToWriteQueue          the data set, when cleared while the feature index holds it
 //   the array that a query answers                  the caller, with delete[]; never what it points to
