@@ -13,50 +13,39 @@ std::unique_ptr<Made> Own(Made* made) {
 TEST(Factories, GiveFeaturesPointsAndAttributesTheirFields) {
   CKespFile file;
   const auto feature = Own(file.CreateFeature("Oak", KESP_FEATURE_LINE, 7));
-  EXPECT_EQ(Name(feature.get()), "F7");
-  EXPECT_EQ(feature->FeatureName, CString("Oak"));
-  EXPECT_EQ(feature->FeatureType, KESP_FEATURE_LINE);
-  EXPECT_EQ(feature->SymbolIndex, 34);
-  EXPECT_EQ(feature->Color, 0u);
+  EXPECT_EQ(Name(feature.get()) + feature->FeatureName.ToUtf8(), "F7Oak");
+  EXPECT_TRUE(feature->FeatureType == KESP_FEATURE_LINE && feature->SymbolIndex == 34 && feature->Color == 0);
   EXPECT_EQ(file.AddDisplayInfoToFeature(feature.get(), 0x112233, 5, 6, 7, "shown"), ERR_NONE);
-  EXPECT_EQ(feature->Color, 0x112233u);
-  EXPECT_EQ(feature->SymbolIndex, 5);
-  EXPECT_EQ(feature->DisplayWord1, 6);
-  EXPECT_EQ(feature->DisplayWord2, 7);
+  EXPECT_EQ((std::vector<unsigned>{feature->Color, feature->SymbolIndex, feature->DisplayWord1, feature->DisplayWord2}),
+            (std::vector<unsigned>{0x112233, 5, 6, 7}));
   EXPECT_EQ(feature->DisplayText, CString("shown"));
 
   const auto point = Own(file.CreatePoint(3, "A1", -9, 1.5, 2.5, 3.5, 7));
-  EXPECT_EQ(Name(point.get()), "P7/3");
-  EXPECT_EQ(point->PointText, CString("A1"));
-  EXPECT_EQ(point->PointTime, -9);
-  EXPECT_EQ((std::vector{point->CoordY, point->CoordX, point->CoordZ}), (std::vector{1.5, 2.5, 3.5}));
   EXPECT_EQ(file.AddGpsInfoToPoint(*point, 4.5, 6, KESP_SIGNAL_STATUS_2), ERR_NONE);
   EXPECT_EQ(file.AddOffsetToPoint(*point, 8.5, 9.5), ERR_NONE);
-  EXPECT_EQ((std::vector{point->GpsValue, point->Offset1, point->Offset2}), (std::vector{4.5, 8.5, 9.5}));
-  EXPECT_EQ(point->GpsNumber, 6);
-  EXPECT_EQ(point->SignalStatus, KESP_SIGNAL_STATUS_2);
-  EXPECT_EQ(point->HasOffset, 1);
-
-  EXPECT_EQ(Name(Own(file.CreateNote("rain")).get()), "N:rain");
-  EXPECT_EQ(Name(Own(file.CreateFeatureEnd(7)).get()), "E7");
+  EXPECT_EQ(Name(point.get()) + point->PointText.ToUtf8(), "P7/3A1");
+  const std::vector numbers{point->CoordY,   point->CoordX,  point->CoordZ,
+                            point->GpsValue, point->Offset1, point->Offset2};
+  EXPECT_EQ(numbers, (std::vector{1.5, 2.5, 3.5, 4.5, 8.5, 9.5}));
+  EXPECT_TRUE(point->PointTime == -9 && point->GpsNumber == 6 && point->SignalStatus == KESP_SIGNAL_STATUS_2 &&
+              point->HasOffset == 1);
+  EXPECT_EQ(Name(Own(file.CreateNote("rain")).get()) + Name(Own(file.CreateFeatureEnd(7)).get()), "N:rainE7");
 
   const struct {
-    std::unique_ptr<CKespAttribute> made;
+    CKespAttribute* made;
     std::int32_t kind;
     const char* text;
     double value;
-  } rows[] = {{Own(file.CreateStringAttribute("a", 7, "thick")), KESP_ATTRIBUTE_STRING, "thick", 0},
-              {Own(file.CreateMenuAttribute("a", 7, "thin")), KESP_ATTRIBUTE_MENU, "thin", 0},
-              {Own(file.CreateNumericAttribute("a", 7, 1.5, 2, 100)), KESP_ATTRIBUTE_NUMERIC, "", 1.5},
-              {Own(file.CreateDateAttribute("a", 7, 40000, 2, 100)), KESP_ATTRIBUTE_DATE, "", 40000}};
+  } rows[] = {{file.CreateStringAttribute("a", 7, "thick"), KESP_ATTRIBUTE_STRING, "thick", 0},
+              {file.CreateMenuAttribute("a", 7, "thin"), KESP_ATTRIBUTE_MENU, "thin", 0},
+              {file.CreateNumericAttribute("a", 7, 1.5, 2, 100), KESP_ATTRIBUTE_NUMERIC, "", 1.5},
+              {file.CreateDateAttribute("a", 7, 40000, 2, 100), KESP_ATTRIBUTE_DATE, "", 40000}};
   for (const auto& row : rows) {
-    EXPECT_EQ(Name(row.made.get()), "A7:a");
-    EXPECT_EQ(row.made->AttributeKind, row.kind);
-    EXPECT_EQ(row.made->TextValue, CString(row.text)) << row.kind;
-    EXPECT_EQ(row.made->Value, row.value) << row.kind;
+    const auto own = Own(row.made);
+    EXPECT_EQ(Name(row.made) + row.made->TextValue.ToUtf8(), std::string("A7:a") + row.text);
+    EXPECT_TRUE(row.made->AttributeKind == row.kind && row.made->Value == row.value) << row.kind;
     EXPECT_TRUE(row.made->SubValue.IsEmpty() && row.made->AuxNumber1 == 0 && row.made->AuxNumber2 == 0) << row.kind;
   }
-  EXPECT_TRUE(file.m_recordList.IsEmpty() && file.m_featureIndex.IsEmpty());
 }
 
 TEST(Factories, MakeEveryKindOfTag) {
@@ -66,6 +55,7 @@ TEST(Factories, MakeEveryKindOfTag) {
     CKespTag* made;
     std::uint32_t kind;
     ByteVector block;
+    // clang-format off
   } rows[] = {
       {file.CreateTag("n", 1UL, 2UL, 3UL, 4UL), 7, Block("n", Words({1, 2, 3, 4}))},
       {file.CreateTag(seven, "n"), 6, Block("n", Words({7}))},
@@ -82,6 +72,7 @@ TEST(Factories, MakeEveryKindOfTag) {
       {file.CreateTagBlob("n", "xyz", 3), 0, Block("n", {'x', 'y', 'z'})},
       {file.CreateTagBlob("n", nullptr, 2), 0, Block("n", {0, 0})},
   };
+  // clang-format on
   for (const auto& row : rows) {
     const std::unique_ptr<CKespTag> own(row.made);
     EXPECT_EQ(own->GetType(), row.kind);
