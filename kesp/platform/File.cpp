@@ -23,14 +23,7 @@ constexpr std::size_t kCopyAtOnce = std::size_t{1} << 30;
 constexpr std::uint64_t kMostSkipped = std::uint64_t{1} << 20;
 constexpr std::uint64_t kLargestOffset = std::numeric_limits<std::int64_t>::max();
 
-// What a call answers once no signal interrupts it any more.
-template <class Call>
-auto Uninterrupted(Call call) {
-  for (;;) {
-    const auto result = call();
-    if (result >= 0 || errno != EINTR) return result;
-  }
-}
+using kesp::Uninterrupted;
 
 int OpenRetrying(const char* path, int flags) {
   return Uninterrupted([&] { return kesp::System().Open(path, flags, kNewFileMode); });
@@ -479,7 +472,8 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
 }
 
 void CFile::Remove(const CString& path) {
-  if (kesp::System().Unlink(path.ToPathBytes().c_str()) != 0) throw CFileException(errno, path);
+  const std::string name = path.ToPathBytes();
+  if (Uninterrupted([&] { return kesp::System().Unlink(name.c_str()); }) != 0) throw CFileException(errno, path);
 }
 
 void CFile::Raise(int osError) {

@@ -6,6 +6,7 @@
 #pragma once
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -40,5 +41,14 @@ class SystemCalls {
 // inside the library.
 SystemCalls& System() noexcept;
 void SetSystemCalls(SystemCalls* calls) noexcept;
+
+// What a call answers once no signal interrupts it any more.
+template <class Call>
+auto Uninterrupted(Call call) {
+  for (;;) {
+    const auto result = call();
+    if (result >= 0 || errno != EINTR) return result;
+  }
+}
 
 }  // namespace kesp

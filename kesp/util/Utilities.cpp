@@ -68,7 +68,9 @@ constexpr double kSecondsPerDay = 86400;
 
 bool FileExists(CString path) {  // NOLINT(performance-unnecessary-value-param): by value, as hosts link to it
   struct stat info {};
-  return kesp::System().Stat(path.ToPathBytes().c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
+  const std::string name = path.ToPathBytes();
+  const int result = kesp::Uninterrupted([&] { return kesp::System().Stat(name.c_str(), &info); });
+  return result == 0 && !S_ISDIR(info.st_mode);
 }
 
 CString GetStringRes(int id) {
