@@ -1,7 +1,9 @@
 // The write queue, and writing it to files.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <string>
 
 #include "kesp/dataset/KespFile.h"
@@ -11,10 +13,14 @@
 
 namespace {
 
-// Whatever it is: a directory is in the way of a new file too.
-bool SomethingExists(const CString& path) {
+// Whatever it is: a directory is in the way of a new file too. Also when the system can't say, since what is there
+// would be emptied; a path that leads nowhere is left to the attempt to create it.
+bool MayExist(const CString& path) {
   struct stat info {};
-  return kesp::System().Stat(path.ToPathBytes().c_str(), &info) == 0;
+  const std::string name = path.ToPathBytes();
+  if (kesp::Uninterrupted([&] { return kesp::System().Stat(name.c_str(), &info); }) == 0) return true;
+  const int leadsNowhere[] = {ENOENT, ENOTDIR, EACCES, ELOOP, ENAMETOOLONG};
+  return std::find(std::begin(leadsNowhere), std::end(leadsNowhere), errno) == std::end(leadsNowhere);
 }
 
 // Where not even the file header could be written, what there is of the file is taken away, so that it doesn't pass for
@@ -105,7 +111,7 @@ ErrorEnum CKespFile::WriteNewKespFileFromQueueVersion1(CString path) {
 }
 
 ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Appender append) {
-  if (SomethingExists(path)) return ERR_FILE_EXISTS;
+  if (MayExist(path)) return ERR_FILE_EXISTS;
   if (m_pDataFile != nullptr) {
     (void)m_pDataFile->Close();
     delete m_pDataFile;
