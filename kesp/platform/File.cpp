@@ -411,13 +411,15 @@ void CFile::Flush() {
 }
 
 // A new file is found again after a power cut only once its directory is on the disk. Some file systems can't be asked
-// that of a directory, and some directories may not be opened: nothing is known to be lost then.
+// that of a directory, and some directories may not be opened or stand elsewhere by now: nothing is known to be lost
+// then. When there is no descriptor or memory for it now, the next flush tries again.
 void CFile::SyncDirectory() {
-  m_directoryUnsynced = false;
   const std::string name = m_path.ToPathBytes();
   const std::size_t slash = name.rfind('/');
   const std::string directory = slash == std::string::npos ? "." : name.substr(0, slash + 1);
   const int fd = OpenRetrying(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0 && errno != EACCES && errno != EPERM && errno != ENOENT && errno != ENOTDIR) Raise(errno);
+  m_directoryUnsynced = false;
   if (fd < 0) return;
   const int result = Uninterrupted([&] { return kesp::System().FullSync(fd); });
   const int reason = errno;

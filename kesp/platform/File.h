@@ -14,8 +14,8 @@
 // ends with Close or with the process. Plain readers are never in the way. An object is used by one thread at a time.
 //
 // Errors: CFileException, except where an operation says otherwise. The position then is where the failure came.
-// A failed Flush is final: what the system lost at that moment a later Flush can't bring back, so every later Write and
-// Flush raises hardIO until the file is opened anew.
+// A failed sync is final: what the system lost at that moment a later Flush can't bring back, so every later Write and
+// Flush raises hardIO until the file is opened anew. Only a directory that could not be opened is tried again.
 #pragma once
 #include <cstddef>
 #include <cstdint>
