@@ -122,6 +122,11 @@ bool CKespDataFile::Create(const CString& path) {
 }
 
 bool CKespDataFile::Close() {
+  try {
+    TakeBackTornRecord();
+  } catch (const CFileException&) {
+    // The system won't have it; a reader stops at the partial record.
+  }
   m_tornFrom.reset();
   try {
     m_file.Close();

@@ -35,8 +35,10 @@ void CKespDataFile::ReopenAfterPowerEvent() {
   m_file.Abort();
   kesp::System().SleepMs(kPowerEventWaitMs);
   // What comes of it shows in the next step, which needs the file.
-  (void)m_file.Open(m_path,
-                    writable ? CFile::modeReadWrite | CFile::shareDenyWrite : CFile::modeRead | CFile::shareDenyNone);
+  CFileException failure(CFileException::none, m_path);
+  const unsigned openFlags =
+      writable ? CFile::modeReadWrite | CFile::shareDenyWrite : CFile::modeRead | CFile::shareDenyNone;
+  if (!m_file.Open(m_path, openFlags, &failure)) NoteFailure(failure);
 }
 
 void CKespDataFile::TakeBackTornRecord() {
