@@ -53,7 +53,7 @@ class KespDataFileFaults : public OneFile {
           continue;
         }
         EXPECT_EQ(Walk(path).error, KESP_ERROR_NORMAL_EOF);
-        auto later = End(99);
+        auto later = EndRecord(99);
         EXPECT_TRUE(again.Open(Text(path)) && again.AppendRecord(&later, 2));
         EXPECT_EQ(ReadFile(path), whole + EndOf(99, 2));
       }
@@ -71,7 +71,7 @@ TEST_F(KespDataFileFaults, LoseNothingOfANewFile) {
     CKespNote old;
     old.NoteText = "rain";
     old.m_recordVersion = 1;
-    auto end = End(7);
+    auto end = EndRecord(7);
     bool good = true;
     const auto answered = [&](bool answer, const ByteVector& bytes) {
       good &= answer;
@@ -98,7 +98,7 @@ TEST_F(KespDataFileFaults, LeaveAnEditedFileAsAnswered) {
       good &= answer;
       if (answer) records[index] = bytes;
     };
-    auto end1 = End(1), end2 = End(2), end4 = End(4);
+    auto end1 = EndRecord(1), end2 = EndRecord(2), end4 = EndRecord(4);
     answered(edited.SeekToFirstRecord() && edited.OverwriteRecord(&end1, 8), 0, EndOf(1, 8));
     answered(edited.UpdateRecord(&end2, 8, true), 1, EndOf(2, 8));
     answered(edited.Seek(86) && edited.DeleteRecord(86, KESP_RECORD_FEATURE_END), 2, EndOf(3, 5));
@@ -133,7 +133,7 @@ struct Chosen : FaultySystem {
 
 TEST_F(KespDataFileFaults, LetNothingPassAfterAFailedSync) {
   Open(EndOf(1));
-  auto end = End(2);
+  auto end = EndRecord(2);
   Chosen system;
   system.syncs = 1;
   EXPECT_FALSE(file.AppendRecord(&end, 0));
@@ -149,7 +149,7 @@ TEST_F(KespDataFileFaults, LetNothingPassAfterAFailedSync) {
 }
 
 TEST_F(KespDataFileFaults, CutBackHalfARecord) {
-  auto end = End(2);
+  auto end = EndRecord(2);
   for (int moved = 0; moved <= 18; ++moved) {
     for (const int truncates : {0, 1, 2}) {
       SCOPED_TRACE(testing::Message() << moved << " bytes, truncating fails " << truncates);
@@ -174,7 +174,7 @@ TEST_F(KespDataFileFaults, KeepWhatAnInterruptedOverwriteDidNotReach) {
   Open(EndOf(1) + EndOf(2));
   Chosen system;
   system.moved = 10;  // the flags are among them
-  auto end = End(9);
+  auto end = EndRecord(9);
   EXPECT_FALSE(file.CopyRecord(&end, kFirst));
   EXPECT_EQ(file.GetSystemError(), ENOSPC);
   EXPECT_EQ(Records(), EndOf(1, 2) + EndOf(2));

@@ -175,7 +175,7 @@ TEST_F(KespDataFileReading, KeepsPositionsInThirtyTwoBitsBeyondFourGigabytes) {
   EXPECT_EQ(file.GetLength(), 1000u);
   EXPECT_EQ(WalkOn(file), (Walked{{500}, KESP_ERROR_RECORD_HEADER}));  // then come zeros
   EXPECT_EQ(file.GetPosition(), 500u + 18 + 14);
-  auto appended = End(8);
+  auto appended = EndRecord(8);
   ASSERT_TRUE(file.AppendRecord(&appended, 0));
   EXPECT_EQ(appended.m_filePosition, 1000u);
   EXPECT_EQ(file.GetLength(), 1018u);

@@ -35,7 +35,7 @@ class KespDataFile : public OneFile {
     return info;
   }
   bool Changes() {  // whether any of the calls that change a file does so
-    auto end = End(7);
+    auto end = EndRecord(7);
     return file.AppendRecord(&end, 2) || file.AppendRecordVersion1(&end, 2) || file.AppendRecordVersion2(&end, 2) ||
            file.CopyRecord(&end, kFirst) || file.UpdateRecord(&end, 8, false) ||
            (file.Seek(kFirst), file.OverwriteRecord(&end, 2)) ||
@@ -130,7 +130,7 @@ TEST_F(KespDataFile, AnswersNoWhileClosed) {
 
 TEST_F(KespDataFile, StampsTheModificationTimeAlone) {
   Open({});
-  auto end = End(7);
+  auto end = EndRecord(7);
   for (const bool append : {true, false}) {
     MakeOld();
     EXPECT_TRUE(append ? file.AppendRecord(&end, 0) : file.Flush());
@@ -163,7 +163,7 @@ TEST_F(KespDataFile, ShowsAReaderWhatAWriterDoesMeanwhile) {
   Open({});
   CKespDataFile reader;
   ASSERT_TRUE(reader.OpenReadOnly(Text(path)));
-  auto end = End(7);
+  auto end = EndRecord(7);
   for (const std::uint32_t position : {50u, 68u, 86u}) {
     EXPECT_EQ(WalkOn(reader).error, KESP_ERROR_NORMAL_EOF);
     ASSERT_TRUE(file.AppendRecord(&end, 0));

@@ -28,7 +28,7 @@ TEST_F(KespDataFileWriting, AppendsWithTheSourceFlag) {
   const std::uint32_t rows[][3] = {{0, 0, 0},         {0, 2, 2}, {0, 4, 4},         {0, 8, 8},
                                    {0, 0x60, 0x1080}, {1, 2, 1}, {0x200, 0, 0x202}, {8, 2, 0x202}};
   for (const auto& [before, source, stored] : rows) {
-    auto end = End(7);
+    auto end = EndRecord(7);
     end.m_flags = before;
     EXPECT_TRUE(file.SeekToFirstRecord());  // appends go to the end from anywhere
     EXPECT_TRUE(file.AppendRecord(&end, source));
@@ -86,7 +86,7 @@ TEST_F(KespDataFileWriting, WritesAgainAfterAPowerEvent) {
     Open(EndOf(7));
     FaultySystem system;
     system.powerEvents = events;
-    auto end = End(8);
+    auto end = EndRecord(8);
     EXPECT_TRUE(file.AppendRecord(&end, 2)) << events;
     EXPECT_EQ(system.sleptMs, sleptMs);
     EXPECT_EQ(Records(), EndOf(7) + EndOf(8, 2));
@@ -121,7 +121,7 @@ TEST_F(KespDataFileWriting, OverwritesInTheVersionOnDisk) {
   }
   // At a position given.
   Open(EndOf(1) + EndOf(1) + EndOf(1));
-  auto end = End(5);
+  auto end = EndRecord(5);
   EXPECT_TRUE(file.CopyRecord(&end, 68) && !file.CopyRecord(&end, 69) && !file.CopyRecord(&end, 5000));
   EXPECT_EQ(Records(), EndOf(1) + EndOf(5, 2) + EndOf(1));
 }
@@ -137,7 +137,7 @@ TEST_F(KespDataFileWriting, FindsTheRecordToUpdate) {
     SCOPED_TRACE(testing::Message() << row.feature << " from " << row.from);
     std::vector<ByteVector> records{EndOf(1), EndOf(2), EndOf(3, 5), EndOf(2)};
     Open(records[0] + records[1] + records[2] + records[3]);
-    auto end = End(row.feature);
+    auto end = EndRecord(row.feature);
     ASSERT_TRUE(file.Seek(row.from));
     EXPECT_EQ(file.UpdateRecord(&end, 8, row.continueSearch), row.found != 0);
     if (row.found != 0) records[(row.found - kFirst) / 18] = EndOf(row.feature, 8);

@@ -70,15 +70,7 @@ inline Walked Walk(const std::filesystem::path& path, bool skipDeleted = false) 
   return WalkOn(file, skipDeleted);
 }
 
-// Spares the disk where what is on it is not at stake.
-struct IdleDisk : SystemCalls {
-  IdleDisk() { SetSystemCalls(this); }
-  ~IdleDisk() override { SetSystemCalls(nullptr); }
-  int DataSync(int) override { return 0; }
-  int FullSync(int) override { return 0; }
-};
-
-inline CKespFeatureEnd End(std::uint32_t feature) {
+inline CKespFeatureEnd EndRecord(std::uint32_t feature) {
   CKespFeatureEnd end;
   end.FeatureNumber = feature;
   return end;

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <span>
 #include <string>
@@ -107,8 +106,10 @@ inline void WriteFile(const std::filesystem::path& path, const ByteVector& bytes
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 inline ByteVector ReadFile(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  ByteVector bytes(std::filesystem::exists(path) ? std::filesystem::file_size(path) : 0);
+  std::ifstream(path, std::ios::binary)
+      .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  return bytes;
 }
 inline CString Text(const std::filesystem::path& path) { return CString(path.string()); }
 

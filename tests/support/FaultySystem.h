@@ -6,115 +6,119 @@
 //     if (!system.Struck()) break;   // the run passed untouched
 //   }
 #pragma once
+#include <algorithm>
 #include <cerrno>
-#include <map>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "kesp/platform/SystemCalls.h"
 
 namespace kesp::test {
 
-class FaultySystem : public SystemCalls {
+// Spares the disk where what is on it is not at stake.
+struct IdleDisk : SystemCalls {
+  IdleDisk() { SetSystemCalls(this); }
+  ~IdleDisk() override { SetSystemCalls(nullptr); }
+  int DataSync(int) override { return 0; }
+  int FullSync(int) override { return 0; }
+};
+
+class FaultySystem : public IdleDisk {
  public:
   enum class Fault {
     Error,        // the call fails with EIO
-    Full,         // writing calls fail with ENOSPC, others work
+    Full,         // calls that take room on the disk fail with ENOSPC, others work
     Interrupted,  // the call fails with EINTR once; the caller is to try again
     Short,        // a read or write moves half of what was asked, others work
+    Torn,         // a write moves half, and the disk is full for the next write and for cutting the file back
   };
 
   // Counts only: nothing fails.
-  FaultySystem() { SetSystemCalls(this); }
+  FaultySystem() = default;
   // Fails call number `at` (from 1), and all that follow it when `forGood`.
-  FaultySystem(int at, Fault fault, bool forGood = false) : m_at(at), m_fault(fault), m_forGood(forGood) {
-    SetSystemCalls(this);
-  }
-  ~FaultySystem() override { SetSystemCalls(nullptr); }
+  FaultySystem(int at, Fault fault, bool forGood = false) : m_at(at), m_fault(fault), m_forGood(forGood) {}
 
-  bool Struck() const { return m_struck; }
-  int Calls() const { return m_calls; }
-  int Calls(const std::string& name) const { return m_byName.contains(name) ? m_byName.at(name) : 0; }
-  void Reset() {
-    m_calls = 0;
-    m_byName.clear();
+  bool Struck() const { return m_at != 0 && Calls() >= m_at; }
+  int Calls() const { return static_cast<int>(m_names.size()); }
+  int Calls(const std::string& name) const {
+    return static_cast<int>(std::count(m_names.begin(), m_names.end(), name));
   }
+  const std::vector<std::string>& Names() const { return m_names; }  // of the calls so far
   // Answers of the power-event hook, from the front; false when used up.
   std::string powerEvents;  // '1' for an event, '0' for none
   unsigned sleptMs = 0;
 
   int Open(const char* path, int flags, unsigned mode) override {
-    return Fails("open", false) ? -1 : SystemCalls::Open(path, flags, mode);
+    return Fails("open", kRoom) ? -1 : SystemCalls::Open(path, flags, mode);
   }
   int Close(int fd) override {
     // The descriptor goes even when the call reports a failure.
     const int result = SystemCalls::Close(fd);
-    return Fails("close", false) ? -1 : result;
+    return Fails("close") ? -1 : result;
   }
-  int Stat(const char* path, struct stat* info) override {
-    return Fails("stat", false) ? -1 : SystemCalls::Stat(path, info);
-  }
-  int FileStat(int fd, struct stat* info) override {
-    return Fails("fstat", false) ? -1 : SystemCalls::FileStat(fd, info);
-  }
-  std::int64_t End(int fd) override { return Fails("lseek", false) ? -1 : SystemCalls::End(fd); }
-  int Lock(int fd, int operation) override { return Fails("flock", false) ? -1 : SystemCalls::Lock(fd, operation); }
+  int Stat(const char* path, struct stat* info) override { return Fails("stat") ? -1 : SystemCalls::Stat(path, info); }
+  int FileStat(int fd, struct stat* info) override { return Fails("fstat") ? -1 : SystemCalls::FileStat(fd, info); }
+  std::int64_t End(int fd) override { return Fails("lseek") ? -1 : SystemCalls::End(fd); }
+  int Lock(int fd, int operation) override { return Fails("flock") ? -1 : SystemCalls::Lock(fd, operation); }
   ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {
-    if (Fails("read", false)) return -1;
-    return SystemCalls::Read(fd, to, m_short ? (count + 1) / 2 : count, offset);
+    return Fails("read") ? -1 : SystemCalls::Read(fd, to, Moved(count), offset);
   }
   ssize_t Write(int fd, const void* from, std::size_t count, std::int64_t offset) override {
-    if (Fails("write", true)) return -1;
-    return SystemCalls::Write(fd, from, m_short ? (count + 1) / 2 : count, offset);
+    return Fails("write", kRoom | kMoves) ? -1 : SystemCalls::Write(fd, from, Moved(count), offset);
   }
   ssize_t CopyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset, std::size_t count) override {
-    if (Fails("copy_file_range", true)) return -1;
-    return SystemCalls::CopyRange(from, fromOffset, to, toOffset, m_short ? (count + 1) / 2 : count);
+    if (Fails("copy_file_range", kRoom | kMoves)) return -1;
+    return SystemCalls::CopyRange(from, fromOffset, to, toOffset, Moved(count));
   }
   int Truncate(int fd, std::int64_t length) override {
-    return Fails("truncate", true) ? -1 : SystemCalls::Truncate(fd, length);
+    return Fails("truncate", kRoom | kCuts) ? -1 : SystemCalls::Truncate(fd, length);
   }
-  int DataSync(int fd) override { return Fails("fdatasync", true) ? -1 : SystemCalls::DataSync(fd); }
-  int FullSync(int fd) override { return Fails("fsync", true) ? -1 : SystemCalls::FullSync(fd); }
-  int TouchModified(int fd) override { return Fails("futimens", false) ? -1 : SystemCalls::TouchModified(fd); }
-  int Unlink(const char* path) override { return Fails("unlink", false) ? -1 : SystemCalls::Unlink(path); }
+  int DataSync(int fd) override { return Fails("fdatasync", kRoom) ? -1 : IdleDisk::DataSync(fd); }
+  int FullSync(int fd) override { return Fails("fsync", kRoom) ? -1 : IdleDisk::FullSync(fd); }
+  int TouchModified(int fd) override { return Fails("futimens") ? -1 : SystemCalls::TouchModified(fd); }
+  int Unlink(const char* path) override { return Fails("unlink") ? -1 : SystemCalls::Unlink(path); }
   void SleepMs(unsigned milliseconds) override { sleptMs += milliseconds; }
   bool PowerEventHappened() override {
-    if (powerEvents.empty()) return false;
-    const bool happened = powerEvents.front() == '1';
-    powerEvents.erase(0, 1);
+    const bool happened = !powerEvents.empty() && powerEvents.front() == '1';
+    if (!powerEvents.empty()) powerEvents.erase(0, 1);
     return happened;
   }
 
  private:
-  bool Fails(const char* name, bool takesSpace) {
-    ++m_calls;
-    ++m_byName[name];
+  static constexpr unsigned kRoom = 1;   // takes room on the disk
+  static constexpr unsigned kMoves = 2;  // and moves bytes there
+  static constexpr unsigned kCuts = 4;   // or cuts a file
+
+  bool Fails(const char* name, unsigned kind = 0) {
+    m_names.emplace_back(name);
     m_short = false;
-    if (m_at == 0 || (m_calls != m_at && !(m_forGood && m_calls > m_at))) return false;
-    m_struck = true;
+    if (!Struck()) return false;
+    const bool first = Calls() == m_at;
+    errno = m_fault == Fault::Error ? EIO : m_fault == Fault::Interrupted ? EINTR : ENOSPC;
     switch (m_fault) {
-      case Fault::Short:
-        m_short = true;
-        return false;
+      case Fault::Error:
+        return first || m_forGood;
       case Fault::Full:
-        errno = ENOSPC;
-        return takesSpace;
+        return (first || m_forGood) && (kind & kRoom) != 0;
       case Fault::Interrupted:
-        errno = EINTR;
-        return m_calls == m_at;
+        return first;
+      case Fault::Short:
+        m_short = first || m_forGood;
+        return false;
       default:
-        errno = EIO;
-        return true;
+        m_short = first;
+        return !first && (m_forGood || ((kind & (kMoves | kCuts)) != 0 && m_tornAlready.insert(kind).second));
     }
   }
+  std::size_t Moved(std::size_t count) const { return m_short ? (count + 1) / 2 : count; }
 
   int m_at = 0;
   Fault m_fault = Fault::Error;
   bool m_forGood = false;
-  bool m_struck = false;
   bool m_short = false;
-  int m_calls = 0;
-  std::map<std::string, int> m_byName;
+  std::set<unsigned> m_tornAlready;  // the kinds of call that failed behind half a write
+  std::vector<std::string> m_names;
 };
 
 }  // namespace kesp::test

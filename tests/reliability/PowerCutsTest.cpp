@@ -1,0 +1,263 @@
+// What a power cut or a kill leaves of a file, whenever it comes: all that was answered for.
+
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+
+#include "kesp/dataset/KespFile.h"
+#include "tests/reliability/Processes.h"
+
+using namespace kesp::test;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Event {
+  // (w)rite, (t)runcate, (s)ync of the file, sync of its (d)irectory; or of what is promised: the record at `offset`
+  // (b)egins to change into `bytes`, is (a)nswered for.
+  char kind;
+  std::uint64_t offset = 0;
+  ByteVector bytes{};
+};
+
+// Keeps a record of what happens to one file.
+struct Recorder : IdleDisk {
+  explicit Recorder(fs::path watched) : path(std::move(watched)) {}
+  int Open(const char* name, int flags, unsigned mode) override {
+    const int opened = SystemCalls::Open(name, flags, mode);
+    if (path == name) fd = opened;
+    return opened;
+  }
+  ssize_t Write(int to, const void* from, std::size_t count, std::int64_t offset) override {
+    const auto* const bytes = static_cast<const std::uint8_t*>(from);
+    if (to == fd) events.push_back({'w', static_cast<std::uint64_t>(offset), {bytes, bytes + count}});
+    return SystemCalls::Write(to, from, count, offset);
+  }
+  ssize_t CopyRange(int, std::int64_t, int, std::int64_t, std::size_t) override { return -1; }
+  int Truncate(int of, std::int64_t length) override {
+    if (of == fd) events.push_back({'t', static_cast<std::uint64_t>(length)});
+    return SystemCalls::Truncate(of, length);
+  }
+  int DataSync(int of) override {
+    if (of == fd) events.push_back({'s'});
+    return 0;
+  }
+  int FullSync(int) override {
+    events.push_back({'d'});
+    return 0;
+  }
+  // The record that stands at `offset` now.
+  Event Now(char kind, std::uint64_t offset) const {
+    const ByteVector file = ReadFile(path);
+    const auto at = file.begin() + static_cast<std::ptrdiff_t>(offset);
+    return {kind, offset, {at, at + 14 + at[10] + 256 * at[11]}};
+  }
+  const fs::path path;
+  std::vector<Event> events;
+  int fd = -1;
+};
+
+void Apply(ByteVector& image, const Event& event, std::size_t from = 0, std::size_t to = SIZE_MAX) {
+  to = std::min(to, event.bytes.size());
+  image.resize(event.kind == 't' ? event.offset : std::max(image.size(), event.offset + to));
+  for (std::size_t i = from; i < to; ++i) image[event.offset + i] = event.bytes[i];
+}
+
+// What may be on the disk when the power goes: `durable`, and of the events behind the last sync any, the last ones
+// cut at a sector: the rest is old, or zeros where the file grew.
+std::set<ByteVector> Images(const ByteVector& durable, const std::vector<Event>& pending) {
+  std::set<ByteVector> images;
+  EXPECT_LT(pending.size(), 10u);
+  for (std::size_t kept = 0; kept < std::size_t{1} << pending.size(); ++kept) {
+    ByteVector image = durable;
+    for (std::size_t i = 0; i < pending.size(); ++i) {
+      if ((kept >> i & 1) != 0) Apply(image, pending[i]);
+    }
+    images.insert(std::move(image));
+  }
+  ByteVector before = durable;
+  for (const Event& event : pending) {
+    for (std::size_t cut = 512 - event.offset % 512; cut < event.bytes.size(); cut += 512) {
+      ByteVector head = before, tail = before;
+      Apply(head, event, 0, cut);
+      images.insert(head);
+      head.resize(std::max(head.size(), event.offset + event.bytes.size()));
+      images.insert(head);
+      Apply(tail, event, cut);
+      images.insert(tail);
+    }
+    Apply(before, event);
+  }
+  return images;
+}
+
+class PowerCuts : public testing::Test {
+ protected:
+  struct State {  // of a record that was answered for: as it was, and as it may be
+    ByteVector before, after;
+  };
+  void Examine(const ByteVector& image, const std::map<std::uint64_t, State>& answeredFor) {
+    fs::remove(path);
+    fs::remove(copy);
+    WriteFile(path, image);
+    CKespDataFile file;
+    ASSERT_TRUE(file.OpenReadOnly(Text(path)) || answeredFor.empty());
+    if (!file.IsOpen()) return;
+    const Walked walked = WalkOn(file);
+    ASSERT_TRUE(walked.positions.size() >= answeredFor.size() && file.CopyVerify(Text(copy), 2));
+    const ByteVector rebuilt = ReadFile(copy);
+    std::size_t index = 0, at = kFirst;
+    for (const auto& [offset, state] : answeredFor) {
+      ASSERT_EQ(walked.positions[index++], offset);
+      const std::size_t size = state.before.size();
+      for (std::size_t i = 0; i < size; ++i) {
+        ASSERT_TRUE(image[offset + i] == state.before[i] || image[offset + i] == state.after[i]) << offset << '+' << i;
+      }
+      if ((image[offset + 6] & 1) != 0) continue;  // deleted
+      ASSERT_LE(at + size, rebuilt.size());
+      for (std::size_t i = 0; i < size && state.before == state.after; ++i) {
+        ASSERT_TRUE(rebuilt[at + i] == state.before[i] || (i >= 10 && i < 14)) << offset << '+' << i;
+      }
+      at += size;
+    }
+  }
+  const TempDir dir;
+  const fs::path path = dir / "a.kesp", copy = dir / "b.kesp";
+};
+
+TEST_F(PowerCuts, LoseNothingAnsweredForAtAnyPointOfAWorkload) {
+  std::vector<Event> events;
+  {
+    Recorder recorder(path);
+    CKespFile set;
+    CKespDataFile& file = *set.m_pDataFile;
+    std::vector<std::uint64_t> at;  // of each record
+    const auto answered = [&](std::initializer_list<std::size_t> places) {
+      for (const std::size_t place : places) recorder.events.push_back(recorder.Now('a', at[place]));
+    };
+    // Records change, and have done so for good after the next sync at the latest.
+    const auto edit = [&](std::initializer_list<std::size_t> places, const std::function<bool()>& act) {
+      const auto mark = std::ssize(recorder.events);
+      EXPECT_TRUE(act());
+      for (const std::size_t place : places) {
+        recorder.events.insert(recorder.events.begin() + mark, recorder.Now('b', at[place]));
+      }
+    };
+    const ByteVector large(3000, 7);
+    CKespRecord* const made[] = {new CKespTavoHeader,
+                                 set.CreateFeature("Oak", KESP_FEATURE_POINT, 7),
+                                 set.CreateStringAttribute("Girth", 7, "thick"),
+                                 set.CreatePoint(1, "A", 1000, 1, 2, 3, 7),
+                                 set.CreateTagBlob("large", large.data(), 3000),
+                                 set.CreatePoint(2, "B", 1001, 1, 2, 3, 7),
+                                 set.CreatePoint(3, "C", 1002, 1, 2, 3, 8),
+                                 set.CreateNote("rain"),
+                                 set.CreateFeatureEnd(7)};
+    ASSERT_TRUE(file.Create(Text(path)));
+    for (CKespRecord* const record : made) {
+      EXPECT_TRUE(file.AppendRecord(record, 0));
+      at.push_back(record->m_filePosition);
+      answered({at.size() - 1});
+    }
+    edit({7}, [&] { return file.UpdateRecord(made[7], 8, false); });
+    edit({6}, [&] { return file.Seek(made[6]->m_filePosition) && file.DeleteRecord(made[6]->m_filePosition, {}); });
+    static_cast<CKespTag*>(made[4])->Set(KESP_TAG_BLOB, "small", nullptr, 3000);
+    edit({4}, [&] { return file.CopyRecord(made[4], made[4]->m_filePosition); });
+    EXPECT_TRUE(file.Flush());
+    answered({4, 6, 7});
+    EXPECT_TRUE(file.Close());
+
+    CString message;
+    EXPECT_TRUE(set.OpenKesp(Text(path), message) == ERR_NONE && set.ReadKespFile(false) == ERR_NONE);
+    edit({0}, [&] { return set.UpdateKespHeader("1", "2", "3", "4", "5", "6", 0, 1, 2, 3, true) == ERR_NONE; });
+    edit({2, 3, 5}, [&] { return set.DeleteFeatureAndAssociatedRec(*set.m_featureIndex.Find(7)) == ERR_NONE; });
+    answered({0, 2, 3, 5});
+    edit({0}, [&] { return set.SetCleanKespClose(false) == ERR_NONE && file.Flush(); });
+    answered({0});
+    edit({0}, [&] { return set.CloseKesp() == ERR_NONE; });
+    answered({0});
+    for (CKespRecord* const record : made) delete record;
+    events = recorder.events;
+  }
+  const IdleDisk disk;
+  std::size_t prefixes = 0, states = 0;
+  bool directorySynced = false;
+  ByteVector durable, written;
+  std::vector<Event> pending;
+  std::map<std::uint64_t, State> answeredFor;
+  for (const Event& event : events) {
+    directorySynced |= event.kind == 'd';
+    EXPECT_TRUE(directorySynced || event.kind != 'a');
+    if (event.kind == 'a') answeredFor[event.offset] = {event.bytes, event.bytes};
+    if (event.kind == 'b') answeredFor[event.offset].after = event.bytes;
+    if (event.kind == 'w' || event.kind == 't') {
+      pending.push_back(event);
+      Apply(written, event);
+    } else if (event.kind == 's') {
+      pending.clear();
+      durable = written;
+    }
+    prefixes += event.kind != 'a' && event.kind != 'b';
+    for (const ByteVector& image : Images(durable, pending)) {
+      SCOPED_TRACE(testing::Message() << "after event " << prefixes << ", state " << ++states);
+      ASSERT_NO_FATAL_FAILURE(Examine(image, answeredFor));
+    }
+  }
+  EXPECT_EQ(answeredFor.size(), 9u);
+  std::printf("%zu prefixes in %zu states\n", prefixes, states);
+}
+
+TEST_F(PowerCuts, KillsLoseNothingAnsweredFor) {
+  constexpr int kKills = 320;
+  Board& board = Board::Make();
+  std::mt19937 random(1);
+  const IdleDisk disk;
+  std::size_t answeredFor = 0, torn = 0;
+  for (int kill = 0; kill < kKills; ++kill) {
+    SCOPED_TRACE(kill);
+    if (kill % 8 == 0) {  // a new file
+      fs::remove(path);
+      board.Clear();
+    }
+    const std::uint32_t before = board.appended;
+    const pid_t child = ::fork();
+    if (child == 0) {
+      CKespDataFile file;
+      NEED(fs::exists(path) ? file.Open(Text(path)) : file.Create(Text(path)));
+      while (board.appended < Board::kMost) AppendAndEdit(file, board);
+      for (;;) ::pause();
+    }
+    ::usleep(static_cast<useconds_t>(random() % 8000));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "left in line " << WEXITSTATUS(status);
+    answeredFor += board.appended - before;
+
+    CKespDataFile file;
+    if (!file.Open(Text(path))) {  // killed before there was a header
+      ASSERT_TRUE(board.appended == 0 && file.GetSystemError() != EWOULDBLOCK);
+      fs::remove(path);
+      continue;
+    }
+    std::uint32_t n = 0;
+    for (; const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(false)}; ++n) {
+      const int edited = board.edited[n], isEdited = record->m_flags == 8 ? 2 : 0;
+      ASSERT_TRUE(IsWhole(*record, n) && (edited == isEdited || edited == 1)) << n;
+      board.edited[n] = static_cast<std::uint8_t>(isEdited);
+      board.position[n] = record->m_filePosition;
+    }
+    ASSERT_TRUE(n == board.appended || n == board.appended + 1) << n << " of " << board.appended;
+    board.appended = n;
+    if (file.GetError() == KESP_ERROR_NORMAL_EOF) continue;
+    ++torn;
+    ASSERT_TRUE(file.CanAttemptRepair() && file.CopyVerify(Text(copy), 2) && file.Close());
+    fs::rename(copy, path);
+  }
+  std::printf("%d kills, %zu records answered for, %zu files with half a record\n", kKills, answeredFor, torn);
+  EXPECT_GT(answeredFor, 1000u);
+}
+
+}  // namespace
