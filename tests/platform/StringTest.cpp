@@ -15,60 +15,54 @@ TEST(String, KeepsItsTextOnBothSidesOfTheInlineLimit) {
   CString kept(u"kept");
   EXPECT_THROW(kept.Resize(std::size_t{1} << 40), CMemoryException);
   EXPECT_EQ(kept, CString(u"kept"));
+  std::u16string model;
+  CString text;
   for (std::size_t length = 0; length <= 40; ++length) {
-    std::u16string model;
-    CString text;
-    for (std::size_t i = 0; i < length; ++i) {
-      model += static_cast<char16_t>(u'A' + i);
-      text += static_cast<char16_t>(u'A' + i);
-    }
-    ASSERT_EQ(Units(text), model) << length;
-    EXPECT_EQ(text[text.GetLength()], 0) << length;
+    SCOPED_TRACE(length);
+    ASSERT_EQ(Units(text), model);
+    EXPECT_EQ(text[text.GetLength()], 0);
     for (const std::size_t otherLength : {0, 1, 10, 11, 12, 13, 24}) {
       const std::u16string other(otherLength, u'z');
       CString copy(text);
       copy = CString(other);
-      EXPECT_EQ(Units(copy), other) << length;
+      EXPECT_EQ(Units(copy), other);
       CString moved(std::move(copy));
       EXPECT_TRUE(copy.IsEmpty()) << "a text that was moved from is empty and may be used again";
       copy = text;
-      EXPECT_EQ(Units(copy + moved), model + other) << length;
+      EXPECT_EQ(Units(copy + moved), model + other);
       copy += moved;
-      EXPECT_EQ(Units(copy), model + other) << length;
+      EXPECT_EQ(Units(copy), model + other);
     }
     CString twice(text);
     twice += twice;
-    EXPECT_EQ(Units(twice), model + model) << length;
     CString& same = twice;
     twice = same;
     twice = std::move(same);
-    EXPECT_EQ(Units(twice), model + model) << length;
+    EXPECT_EQ(Units(twice), model + model);
     for (std::size_t from = 0; from <= length; ++from) {
       CString part(text);
       part.Assign(part.GetString() + from, length - from);
-      EXPECT_EQ(Units(part), model.substr(from)) << length << ' ' << from;
+      EXPECT_EQ(Units(part), model.substr(from)) << from;
     }
+    model += static_cast<char16_t>(u'A' + length);
+    text += model.back();
   }
 }
 
 TEST(String, TakesEveryByteSequenceAndGivesItBack) {
-  const struct {
-    std::string bytes;
-    std::u16string units;
-    std::string utf8;  // empty: the bytes themselves
-  } kCases[] = {
-      {"", u"", ""},
-      {"Oak \xC3\xBF \xE2\x82\xAC \xF0\x9F\x98\x80", u"Oak \u00FF \u20AC \U0001F600", ""},
+  // clang-format off
+  const struct { std::string bytes; std::u16string units; std::string utf8; } kCases[] = {  // no utf8: the same bytes
+      {"", u"", ""}, {"Oak \xC3\xBF \xE2\x82\xAC \xF0\x9F\x98\x80", u"Oak \u00FF \u20AC \U0001F600", ""},
       {std::string("a\0b", 3), std::u16string(u"a\0b", 3), ""},
       {"\xED\xA0\x80-\xED\xBF\xBF", {0xD800, u'-', 0xDFFF}, ""},   // surrogates by themselves
       {"\xEF\xBF\xBF\xF4\x8F\xBF\xBF", u"\uFFFF\U0010FFFF", ""},   // non-characters
       {"\x80", {0xDC80}, "\xED\xB2\x80"},                          // no first byte
-      {"\xC3", {0xDCC3}, "\xED\xB3\x83"},                          // cut short
-      {"\xE2\x82", {0xDCE2, 0xDC82}, "\xED\xB3\xA2\xED\xB2\x82"},  // cut short
-      {"\xC0\xAF", {0xDCC0, 0xDCAF}, "\xED\xB3\x80\xED\xB2\xAF"},  // longer than needed
+      {"\xC3", {0xDCC3}, "\xED\xB3\x83"}, {"\xE2\x82", {0xDCE2, 0xDC82}, "\xED\xB3\xA2\xED\xB2\x82"},  // cut short
+      {"\xC0\xAF", {0xDCC0, 0xDCAF}, "\xED\xB3\x80\xED\xB2\xAF"},  // longer than needed, and so is the next
       {"\xE0\x9F\xBF", {0xDCE0, 0xDC9F, 0xDCBF}, "\xED\xB3\xA0\xED\xB2\x9F\xED\xB2\xBF"},
       {"\xF4\x90\x80\x80", {0xDCF4, 0xDC90, 0xDC80, 0xDC80}, "\xED\xB3\xB4\xED\xB2\x90\xED\xB2\x80\xED\xB2\x80"},
       {"\xFF-", {0xDCFF, u'-'}, "\xED\xB3\xBF-"}};
+  // clang-format on
   for (const auto& c : kCases) {
     const CString text(c.bytes);
     EXPECT_EQ(Units(text), c.units) << c.bytes;
@@ -81,34 +75,27 @@ TEST(String, TakesEveryByteSequenceAndGivesItBack) {
   EXPECT_TRUE(CString(static_cast<const wchar_t*>(nullptr)).IsEmpty());
 }
 
-TEST(String, CutsAndFindsInsideItsText) {
+TEST(String, CutsFindsAndComparesUnitByUnit) {
   const CString text(u"D:\\a\\b.txt");
   EXPECT_TRUE(text.Find(u'\\') == 2 && text.Find(u'\\', 3) == 4 && text.Find(u'\\', 5) == -1);
   EXPECT_TRUE(text.Find(u"b.t") == 5 && text.Find(u'D', -7) == 0);
   EXPECT_TRUE(text.Find(u"", 10) == 10 && text.Find(u"", 11) == -1);
   EXPECT_TRUE(text.ReverseFind(u'\\') == 4 && text.ReverseFind(u'/') == -1);
-  const struct {
-    int first, count;
-    const char16_t* part;
-  } kParts[] = {{0, 2, u"D:"}, {7, 99, u"txt"}, {-3, 1, u"D"}, {10, 1, u""}, {99, 1, u""}, {2, -1, u""}};
+  // clang-format off
+  const struct { int first, count; const char16_t* part; } kParts[] = {
+      {0, 2, u"D:"}, {7, 99, u"txt"}, {-3, 1, u"D"}, {10, 1, u""}, {99, 1, u""}, {2, -1, u""}};
+  // Folding touches A to Z only; order is that of the units, not of the characters they make.
+  const struct { const char16_t *a, *b; int order, orderNoCase; } kPairs[] = {
+      {u"Oak", u"oak", -1, 0}, {u"OAK", u"oaks", -1, -1}, {u"", u"", 0, 0}, {u"b", u"A", 1, 1},
+      {u"\u00C4", u"\u00E4", -1, -1}, {u"_", u"A", 1, -1}, {u"\uFF00", u"\U0001F600", 1, 1}};
+  // clang-format on
   for (const auto& c : kParts) EXPECT_EQ(text.Mid(c.first, c.count), CString(c.part)) << c.first;
   EXPECT_EQ(text.Left(-1) + text.Left(1) + text.Right(3) + text.Mid(9), CString(u"Dtxtt"));
   EXPECT_EQ(text.Right(99), text);
   EXPECT_EQ(CString(u" \t\u00A0\u3000Oak  Red\v\r\n ").Trim(), CString(u"Oak  Red"));
   EXPECT_TRUE(CString(u" \n ").Trim().IsEmpty());
-}
-
-// Folding touches A to Z only; order is that of the units, not of the characters they make.
-TEST(String, ComparesUnitByUnit) {
-  const struct {
-    const char16_t *a, *b;
-    int order, orderNoCase;
-    // clang-format off
-  } kCases[] = {{u"Oak", u"oak", -1, 0}, {u"OAK", u"oaks", -1, -1}, {u"", u"", 0, 0}, {u"b", u"A", 1, 1},
-                {u"\u00C4", u"\u00E4", -1, -1}, {u"_", u"A", 1, -1}, {u"\uFF00", u"\U0001F600", 1, 1}};
-  // clang-format on
   const auto sign = [](int order) { return (order > 0) - (order < 0); };
-  for (const auto& c : kCases) {
+  for (const auto& c : kPairs) {
     EXPECT_EQ(sign(CString(c.a).Compare(c.b)), c.order) << CString(c.a).ToUtf8();
     EXPECT_EQ(CString(c.a) < CString(c.b), c.order < 0) << CString(c.a).ToUtf8();
     EXPECT_EQ(sign(CString(c.a).CompareNoCase(c.b)), c.orderNoCase) << CString(c.a).ToUtf8();
