@@ -1,0 +1,135 @@
+// What makes a file out of a file: the copy, the rebuild, the salvage, and the data set written anew.
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include "fuzz/Targets.h"
+#include "kesp/kesp.h"
+
+namespace kesp::fuzz {
+namespace {
+
+constexpr std::size_t kFirst = 50;  // where the records begin in a file with a header of its own only
+
+// What is made of a file is made again of that, twice: a signal status too large for version 1 is still written there,
+// and only its reader makes it the largest.
+constexpr std::pair<const char*, const char*> kGenerations[] = {{"b", "c"}, {"c", "d"}};
+
+// One of the two for each input, or half the time went into the other.
+unsigned short VersionFor(Input input) { return input.size() % 2 == 0 ? 1 : 2; }
+
+struct Walked {
+  std::uint64_t records = 0;
+  KESP_ERROR_TYPE error = KESP_ERROR_NONE;
+};
+Walked WalkFrom(const CString& path, std::size_t first) {
+  CKespDataFile file;
+  KESP_REQUIRE(file.OpenReadOnly(path) && file.Seek(first));
+  Walked walked;
+  while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(false)}) ++walked.records;
+  walked.error = file.GetError();
+  return walked;
+}
+
+}  // namespace
+
+void Rebuild(Input input) {
+  MemorySystem system;
+  const Bytes bytes(input.begin(), input.end());
+  system.Put("a", bytes);
+  CKespDataFile file;
+  if (!file.OpenReadOnly("a")) return;
+  KESP_REQUIRE(file.Copy("copy") && system.At("copy") == bytes);
+  KESP_REQUIRE(!file.Copy("a") && !file.CopyVerify("a", 2) && system.At("a") == bytes);
+
+  const unsigned short version = VersionFor(input);
+  bool good = false;
+  try {
+    (void)file.SeekToFirstRecord();
+    good = file.CopyVerify("b", version);
+  } catch (const CFileException&) {
+    good = false;
+  }
+  KESP_REQUIRE(system.At("a") == bytes && system.At("b").size() >= kFirst);
+  KESP_REQUIRE(std::equal(bytes.begin(), bytes.begin() + kFirst, system.At("b").begin()));
+  // The copy is whole, and rebuilding it changes nothing.
+  if (!good || file.m_firstRecordOffset != kFirst) return;
+  KESP_REQUIRE(WalkFrom(u"b", kFirst).error == KESP_ERROR_NORMAL_EOF);
+  for (const auto& [from, to] : kGenerations) {
+    CKespDataFile again;
+    KESP_REQUIRE(again.OpenReadOnly(from) && again.CopyVerify(to, version));
+    KESP_REQUIRE(again.GetError() == KESP_ERROR_NORMAL_EOF);
+  }
+  KESP_REQUIRE(system.At("d") == system.At("c") && (version == 1 || system.At("c") == system.At("b")));
+}
+
+void Salvage(Input input) {
+  MemorySystem system;
+  const Bytes bytes(input.begin(), input.end());
+  system.Put("a", bytes);
+  CKespDataFile file;
+  if (!file.OpenReadOnly("a")) return;
+  const unsigned short version = VersionFor(input);
+  SalvageReport report;
+  const std::uint64_t readBefore = system.BytesRead();
+  if (!kesp::Salvage(file, u"b", version, report)) return;
+  KESP_REQUIRE(system.At("a") == bytes);
+  // Every byte of the source is looked at a few times at the most, however it is made.
+  KESP_REQUIRE(system.BytesRead() - readBefore <= 64 * input.size() + 65536);
+  std::uint64_t behind = 0;
+  std::uint64_t sum = 0;
+  for (const SalvageGap& gap : report.gaps) {
+    KESP_REQUIRE(gap.length != 0 && gap.offset >= behind && gap.offset + gap.length <= input.size());
+    behind = gap.offset + gap.length;
+    sum += gap.length;
+  }
+  KESP_REQUIRE(report.gaps.size() == std::min<std::uint64_t>(report.gapCount, SalvageReport::kMostGaps));
+  KESP_REQUIRE(report.gaps.size() != report.gapCount || sum == report.gapBytes);
+
+  const Walked walked = WalkFrom(u"b", kFirst);
+  KESP_REQUIRE(walked.error == KESP_ERROR_NORMAL_EOF && walked.records == report.kept);
+  // What was salvaged is whole.
+  for (const auto& [from, to] : kGenerations) {
+    CKespDataFile again;
+    SalvageReport second;
+    KESP_REQUIRE(again.OpenReadOnly(from) && kesp::Salvage(again, to, version, second));
+    KESP_REQUIRE(second.kept == report.kept && second.gapCount == 0);
+  }
+  KESP_REQUIRE(system.At("d") == system.At("c") && (version == 1 || system.At("c") == system.At("b")));
+}
+
+void RoundTrip(Input input) {
+  MemorySystem system;
+  system.Put("a", Bytes(input.begin(), input.end()));
+  CString message;
+  std::ptrdiff_t records = 0;
+  // Reads, writes all that was read into a new file, and goes on with that.
+  for (const auto& [from, to] : {std::pair{"a", "b"}, {"b", "c"}, {"c", "d"}}) {
+    const bool first = from[0] == 'a';
+    CKespFile file;
+    (void)file.OpenKespReadOnly(from, message);
+    try {
+      const ErrorEnum result = file.ReadKespFile(true);
+      const bool whole = result == ERR_NONE || result == ERR_OLD_VERSION;
+      KESP_REQUIRE(first || whole);
+      if (!whole && result != ERR_READ_FAILED) return;
+    } catch (const CFileException&) {
+      KESP_REQUIRE(first);
+      if (file.m_recordList.IsEmpty()) return;
+    }
+    // Two kinds have no bytes to be written: an attribute of version 0, and a tag without a block.
+    const auto written =
+        std::count_if(file.m_recordList.begin(), file.m_recordList.end(), [](const CKespRecord* record) {
+          if (record->m_recordType == KESP_RECORD_ATTRIBUTE) return record->m_recordVersion != 0;
+          return record->m_recordType != KESP_RECORD_TAG || static_cast<const CKespTag*>(record)->m_pData != nullptr;
+        });
+    if (first) records = written;
+    KESP_REQUIRE(written == records && (first || file.m_recordList.GetCount() == written));
+    KESP_REQUIRE(file.WriteNewKespFileFromQueue(to) == ERR_NONE && file.m_pDataFile->GetSystemError() == 0);
+  }
+  // The flags of a feature may need a second reading: a file that is read to its end hands the marks of the feature's
+  // records up to it, one that ends in damage doesn't.
+  KESP_REQUIRE(system.At("b").size() == system.At("c").size() && system.At("c") == system.At("d"));
+}
+
+}  // namespace kesp::fuzz

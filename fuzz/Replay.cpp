@@ -1,0 +1,53 @@
+// replay TARGET PATH...: runs a target over files, and over all files of folders, with any compiler. What a target
+// finds wrong aborts it, the name of the file being the last line before.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "fuzz/Targets.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const struct {
+  const char* name;
+  void (*run)(kesp::fuzz::Input);
+} kTargets[] = {
+    {"walk", kesp::fuzz::Walk},       {"dataset", kesp::fuzz::Dataset},     {"rebuild", kesp::fuzz::Rebuild},
+    {"salvage", kesp::fuzz::Salvage}, {"roundtrip", kesp::fuzz::RoundTrip}, {"tag", kesp::fuzz::Tag},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto* const target = std::find_if(std::begin(kTargets), std::end(kTargets),
+                                          [&](const auto& t) { return argc > 1 && std::strcmp(t.name, argv[1]) == 0; });
+  if (target == std::end(kTargets)) {
+    std::fprintf(stderr, "usage: %s walk|dataset|rebuild|salvage|roundtrip|tag PATH...\n", argv[0]);
+    return 2;
+  }
+  std::vector<fs::path> paths;
+  for (int i = 2; i < argc; ++i) {
+    if (!fs::is_directory(argv[i]))
+      paths.emplace_back(argv[i]);
+    else
+      std::copy(fs::directory_iterator(argv[i]), {}, std::back_inserter(paths));
+  }
+  if (paths.empty()) return 2;  // an empty corpus proves nothing
+  std::sort(paths.begin(), paths.end());
+  for (const fs::path& path : paths) {
+    std::fprintf(stderr, "%s\n", path.c_str());
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return 2;
+    // On the heap without a spare byte behind, so that an overrun is seen.
+    std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    bytes.shrink_to_fit();
+    target->run(bytes);
+  }
+  std::printf("%s: %zu inputs\n", target->name, paths.size());
+}

@@ -1,0 +1,107 @@
+// Files that live in memory, put in the place of the system for the library: a target runs thousands of times a second,
+// and how much it reads can be counted. No time, no permissions, no locks between objects but the one that matters:
+// what nobody made can't be opened.
+#pragma once
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "kesp/platform/SystemCalls.h"
+#include "tests/support/Bytes.h"
+
+namespace kesp::test {
+
+class MemorySystem : public SystemCalls {
+ public:
+  MemorySystem() { SetSystemCalls(this); }
+  ~MemorySystem() override { SetSystemCalls(nullptr); }
+
+  void Put(const std::string& path, ByteVector bytes) {
+    m_files[path] = std::make_shared<ByteVector>(std::move(bytes));
+  }
+  const ByteVector& At(const std::string& path) const { return *m_files.at(path); }
+  std::uint64_t BytesRead() const { return m_bytesRead; }
+  std::uint64_t Calls() const { return m_calls; }
+
+  int Open(const char* path, int flags, unsigned /*mode*/) override {
+    ++m_calls;
+    const auto found = m_files.find(path);
+    if (found == m_files.end() && (flags & O_CREAT) == 0) return Fail(ENOENT);
+    if (found != m_files.end() && (flags & O_EXCL) != 0) return Fail(EEXIST);
+    if (found == m_files.end()) Put(path, {});
+    m_open[m_nextDescriptor] = m_files.at(path);
+    return m_nextDescriptor++;
+  }
+  int Close(int fd) override { return m_open.erase(fd) == 1 ? 0 : Fail(EBADF); }
+  int Stat(const char* path, struct stat* info) override {
+    const auto found = m_files.find(path);
+    return found == m_files.end() ? Fail(ENOENT) : Describe(*found->second, info);
+  }
+  int FileStat(int fd, struct stat* info) override {
+    ++m_calls;
+    return Describe(*m_open.at(fd), info);
+  }
+  std::int64_t End(int fd) override {
+    ++m_calls;
+    return static_cast<std::int64_t>(m_open.at(fd)->size());
+  }
+  int Lock(int /*fd*/, int /*operation*/) override { return 0; }
+  ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {
+    ++m_calls;
+    const ByteVector& bytes = *m_open.at(fd);
+    const auto start = static_cast<std::size_t>(offset);
+    const std::size_t size = start < bytes.size() ? std::min(count, bytes.size() - start) : 0;
+    if (size != 0) std::memcpy(to, bytes.data() + start, size);
+    m_bytesRead += size;
+    return static_cast<ssize_t>(size);
+  }
+  ssize_t Write(int fd, const void* from, std::size_t count, std::int64_t offset) override {
+    ++m_calls;
+    const std::size_t end = static_cast<std::size_t>(offset) + count;
+    if (end > kLargestFile) return Fail(EFBIG);
+    ByteVector& bytes = *m_open.at(fd);
+    if (bytes.size() < end) bytes.resize(end);
+    std::memcpy(bytes.data() + offset, from, count);
+    return static_cast<ssize_t>(count);
+  }
+  ssize_t CopyRange(int, std::int64_t, int, std::int64_t, std::size_t) override { return Fail(EXDEV); }
+  int Truncate(int fd, std::int64_t length) override {
+    if (length > static_cast<std::int64_t>(kLargestFile)) return Fail(EFBIG);
+    m_open.at(fd)->resize(static_cast<std::size_t>(length));
+    return 0;
+  }
+  int DataSync(int) override { return 0; }
+  int FullSync(int) override { return 0; }
+  int TouchModified(int) override { return 0; }
+  int Unlink(const char* path) override { return m_files.erase(path) == 1 ? 0 : Fail(ENOENT); }
+
+ private:
+  static constexpr std::size_t kLargestFile = std::size_t{64} << 20;
+
+  static int Fail(int error) {
+    errno = error;
+    return -1;
+  }
+  static int Describe(const ByteVector& bytes, struct stat* info) {
+    *info = {};
+    info->st_mode = S_IFREG | 0600;
+    info->st_ino = static_cast<ino_t>(reinterpret_cast<std::uintptr_t>(&bytes));
+    info->st_size = static_cast<off_t>(bytes.size());
+    return 0;
+  }
+
+  std::map<std::string, std::shared_ptr<ByteVector>> m_files;
+  std::map<int, std::shared_ptr<ByteVector>> m_open;
+  int m_nextDescriptor = 1000;
+  std::uint64_t m_bytesRead = 0;
+  std::uint64_t m_calls = 0;
+};
+
+}  // namespace kesp::test
