@@ -28,8 +28,8 @@ TEST(Feature, AWrongTypeIsReportedAndTheBodyTaken) {
       to.m_recordVersion = version;
       const bool good = type == 1 || type == 3;
       EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good) << type << ' ' << version;
-      EXPECT_EQ(to.GetError(), good ? KESP_ERROR_NONE : KESP_ERROR_BAD_RECORD);
-      EXPECT_TRUE(to.FeatureType == type && to.SymbolIndex == 34);
+      EXPECT_TRUE(to.GetError() == (good ? KESP_ERROR_NONE : KESP_ERROR_BAD_RECORD) && to.SymbolIndex == 34);
+      EXPECT_EQ(to.FeatureType, type);
       EXPECT_EQ(to.GetTypeString(), CString(type == 1 ? u"Point" : type == 3 ? u"Area" : u""));
       // Reading again clears the error, in version 1 alone it stays.
       from.FeatureType = KESP_FEATURE_LINE;
@@ -98,10 +98,9 @@ TEST(Feature, ComparesTheLayoutOfItsAttributes) {
     const char16_t* name;
     int kind;
     bool more, same;
-  } kCases[] = {{u"Height", 2, false, true},
-                {u"height", 2, false, false},
-                {u"Height", 4, false, false},
-                {u"Height", 2, true, false}};
+    // clang-format off
+  } kCases[] = {{u"Height", 2, false, true}, {u"height", 2, false, false}, {u"Height", 4, false, false}, {u"Height", 2, true, false}};
+  // clang-format on
   for (const auto& c : kCases) {
     CKespFeature a, b;
     EXPECT_TRUE(a.CompareAttributeList(&b) && !a.CompareAttributeList(nullptr));

@@ -63,36 +63,35 @@ TEST(Flags, FollowWhatHappensToTheRecord) {
   }
 }
 
+// The first differ in what is no part of the key, the later ones in one part of it.
 TEST(Records, AreTheSameByTheirKeys) {
-  CKespFeature feature, otherFeature;
-  CKespFeatureEnd end, otherEnd;
-  CKespPoint point, otherPoint;
-  CKespAttribute attribute, otherAttribute;
-  CKespNote note, otherNote;
+  CKespFeature feature, feature2;
+  CKespFeatureEnd end, end2;
+  CKespPoint point, point2, point3;
+  CKespAttribute attribute, attribute2, attribute3;
+  CKespNote note, note2;
   CKespTavoHeader header;
   CKespRecord* const kAll[] = {&feature, &end, &point, &attribute, &note, &header};
   for (CKespRecord* a : kAll) {
     for (CKespRecord* b : kAll) EXPECT_EQ(a->IsSameKespRecord(b), a == b && a != &header);
     EXPECT_FALSE(a->IsSameKespRecord(nullptr));
   }
-  CKespRecord* const kOthers[] = {&otherFeature, &otherEnd, &otherPoint, &otherAttribute};
-  otherPoint.CoordX = otherAttribute.Value = 5, otherFeature.FeatureName = otherPoint.PointText = u"other";
+  CKespRecord* const kOthers[] = {&feature2, &end2, &point2, &attribute2, &point3, &attribute3};
+  point2.CoordX = attribute2.Value = 5, feature2.FeatureName = point2.PointText = u"other";
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
-  otherFeature.FeatureNumber = otherEnd.FeatureNumber = otherPoint.PointNumber = otherAttribute.FeatureNumber = 1;
-  for (int i = 0; i < 4; ++i) EXPECT_FALSE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
-  otherPoint.PointNumber = otherAttribute.FeatureNumber = 0, otherPoint.FeatureNumber = 1;
-  attribute.AttributeName = u"Type", otherAttribute.AttributeName = u"type";
-  EXPECT_FALSE(point.IsSameKespRecord(&otherPoint) || attribute.IsSameKespRecord(&otherAttribute));
+  feature2.FeatureNumber = end2.FeatureNumber = point2.PointNumber = attribute2.FeatureNumber = point3.FeatureNumber =
+      1;
+  attribute.AttributeName = attribute2.AttributeName = u"Type", attribute3.AttributeName = u"type";
+  for (int i = 0; i < 6; ++i) EXPECT_FALSE(kAll[i < 4 ? i : i - 2]->IsSameKespRecord(kOthers[i])) << i;
   const struct {
     const char16_t *a, *b;
     bool same;
     // clang-format off
-  } kNotes[] = {{u"Tree stump", u"Tree line", true}, {u"BMC:a", u"bmc:a", false}, {u"ab", u"ab", true},
-                {u"ab", u"abc", false}, {u"abcd", u"abc", false}};
+  } kNotes[] = {{u"Tree stump", u"Tree line", true}, {u"BMC:a", u"bmc:a", false}, {u"ab", u"ab", true}, {u"ab", u"abc", false}, {u"abcd", u"abc", false}};
   // clang-format on
   for (const auto& c : kNotes) {
-    note.NoteText = c.a, otherNote.NoteText = c.b;
-    EXPECT_EQ(note.IsSameKespRecord(&otherNote), c.same) << note.NoteText.ToUtf8();
+    note.NoteText = c.a, note2.NoteText = c.b;
+    EXPECT_EQ(note.IsSameKespRecord(&note2), c.same) << note.NoteText.ToUtf8();
   }
 }
 
@@ -100,43 +99,35 @@ TEST(Header, Version1IsReadOtherwiseThanWritten) {
   Scratch scratch;
   CKespTavoHeader header;
   EXPECT_LE(std::time(nullptr) - header.CreationTime, 5);
-  header.m_recordVersion = 1;
-  header.HeaderText6 = u"gone", header.PointCount = 7;
-  EXPECT_TRUE(scratch.Read(header, Hex("01000000 11121314 2122 't1' 00*916")));
-  EXPECT_FALSE(header.WasCleanClose());
+  header.m_recordVersion = 1, header.HeaderText6 = u"gone", header.PointCount = 7;
+  EXPECT_TRUE(scratch.Read(header, Hex("01000000 11121314 2122 't1' 00*916")) && !header.WasCleanClose());
   EXPECT_TRUE(header.CreationTime == 0x14131211 && header.HeaderShort == 0x2221 && header.KespVersion == 1);
   EXPECT_TRUE(header.HeaderText6.IsEmpty() && header.PointCount == 0) << "what version 1 lacks is made new";
   header.SetCleanClose(true);
   EXPECT_EQ(scratch.Body(header, 1), Hex("00*10 't1' 00*916"));
-}
-
-TEST(Header, RecordsTheVersionItIsWrittenIn) {
-  Scratch scratch;
   for (const unsigned short version : std::initializer_list<unsigned short>{0, 1, 2, 3}) {
-    CKespTavoHeader header;
-    header.KespVersion = 3, header.StatusFlags = 6;
-    header.SetCleanClose(true);
-    const ByteVector body = scratch.Body(header, version);
-    EXPECT_EQ(scratch.written, version != 3);
-    EXPECT_EQ(header.KespVersion, version == 0 ? 3u : version) << "its own for 0";
-    EXPECT_TRUE(body.size() < 4086 || (body[2868] == header.KespVersion && body[0] == 7));
+    CKespTavoHeader other;
+    other.KespVersion = 3, other.StatusFlags = 6;
+    other.SetCleanClose(true);
+    const ByteVector body = scratch.Body(other, version);
+    EXPECT_TRUE(scratch.written == (version != 3) && other.KespVersion == (version == 0 ? 3 : version)) << version;
+    EXPECT_TRUE(body.size() < 4086 || (body[2868] == other.KespVersion && body[0] == 7));
   }
 }
 
 TEST(Point, NumbersAreWidenedWithoutSignAndOldStatusesEndAt10) {
   Scratch scratch;
   for (const auto& [stored, old] : {std::pair{0u, 0u}, {9, 9}, {10, 10}, {11, 10}, {65535, 10}}) {
-    CKespPoint point;
+    CKespPoint point, back;
     point.GpsNumber = 70000, point.PointTime = INT32_MIN;
     point.SignalStatus = static_cast<KESP_SIGNAL_STATUS>(0x10000 | stored);
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2}) {
-      CKespPoint back;
       back.m_recordVersion = version, back.GpsNumber = 5;
       back.SetOffset(2.5, -1.0);
       EXPECT_TRUE(scratch.Read(back, scratch.Body(point, version)));
       EXPECT_TRUE(back.SignalStatus == (version == 1 ? old : stored) && back.PointTime == INT32_MIN);
-      EXPECT_EQ(back.GpsNumber, version == 1 ? 0 : 4464);
-      EXPECT_EQ(back.HasOffset, version == 1) << "version 1 has none and leaves it";
+      // Version 1 has no offset and leaves it.
+      EXPECT_TRUE(back.GpsNumber == (version == 1 ? 0 : 4464) && back.HasOffset == (version == 1));
     }
   }
   CKespPoint kept;
@@ -152,33 +143,25 @@ TEST(Attribute, OnlyVersion1ReportsABadKind) {
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
       const bool known = kind == 1 || kind == 5, good = known || version > 1;
       CKespAttribute from, to;
-      from.AttributeKind = kind, from.AuxText = u"behind";
-      to.m_recordVersion = version;
+      from.AttributeKind = kind, from.AuxText = u"behind", to.m_recordVersion = version;
       EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good) << kind << ' ' << version;
       EXPECT_EQ(to.AttributeKind, known || version == 1 ? kind : 2) << kind << ' ' << version;
-      EXPECT_EQ(to.GetError(), good ? KESP_ERROR_NONE : KESP_ERROR_ATTRIBUTE_TYPE);
-      EXPECT_EQ(to.AuxText, CString(u"behind"));
+      EXPECT_TRUE(to.GetError() == (good ? KESP_ERROR_NONE : KESP_ERROR_ATTRIBUTE_TYPE) && to.AuxText == u"behind");
     }
   }
-}
-
-// The flag 0x100 shows how often it was applied: the second time revives what the first left as history.
-TEST(Attribute, AppliesTheSourceFlagOnTheWayToItsBody) {
+  // The flag 0x100 shows how often it is applied on the way to the body: a second time revives what the first left.
   const struct {
     unsigned short own, version;
     bool written;
     std::uint32_t flags;
     // clang-format off
-  } kCases[] = {{3, 1, true, 0}, {3, 2, true, 0x100}, {3, 3, true, 0x100}, {3, 0, true, 0x100},
-                {2, 0, true, 0x108}, {1, 0, true, 0x100}, {3, 4, false, 0x100}};
+  } kCases[] = {{3, 1, true, 0}, {3, 2, true, 0x100}, {3, 3, true, 0x100}, {3, 0, true, 0x100}, {2, 0, true, 0x108}, {1, 0, true, 0x100}, {3, 4, false, 0x100}};
   // clang-format on
-  Scratch scratch;
   for (const auto& c : kCases) {
     CKespAttribute attribute;
     attribute.m_recordVersion = c.own;
     EXPECT_EQ(scratch.Body(attribute, c.version, 0x100).empty(), !c.written);
-    EXPECT_EQ(scratch.written, c.written);
-    EXPECT_EQ(attribute.m_flags, c.flags) << c.own << ' ' << c.version;
+    EXPECT_TRUE(scratch.written == c.written && attribute.m_flags == c.flags) << c.own << ' ' << c.version;
   }
 }
 
@@ -188,10 +171,10 @@ TEST(Attribute, ShowsComparesAndCopiesItsValue) {
     double value;
     const char *sub, *text;
     // clang-format off
-  } kCases[] = {{0, 1, "Red", ""}, {1, 1, "Red", "Oak"}, {2, 45000, "Red", "45,000.0"}, {3, 1, "", "Oak"},
-                {3, 1, "Red", "Oak/Red"}, {4, 45000, "Red", "03/15/2023"}, {4, 0, "Red", "null"}, {5, 1, "Red", ""}};
+  } kCases[] = {{0, 1, "Red", ""}, {1, 1, "Red", "Oak"}, {2, 45000, "Red", "45,000.0"}, {3, 1, "", "Oak"}, {3, 1, "Red", "Oak/Red"},
+                {4, 45000, "Red", "03/15/2023"}, {4, 0, "Red", "null"}, {5, 1, "Red", ""}};
   // clang-format on
-  CKespAttribute a;
+  CKespAttribute a, b;
   a.TextValue = u"Oak", a.Decimals = 1, a.AuxWords = {1, 2}, a.AuxFlag = true;
   for (const auto& c : kCases) {
     a.AttributeKind = c.kind, a.Value = c.value, a.SubValue = c.sub;
@@ -204,17 +187,19 @@ TEST(Attribute, ShowsComparesAndCopiesItsValue) {
   }
   a.FormAppearance.SetPosition(second, first, false);
   a.SecondAppearance.m_style2.Style = 9;
-  CKespAttribute assigned;
-  assigned = a;
-  for (const CKespAttribute& copy : {assigned, CKespAttribute(a)}) {
+  b = a;
+  for (const CKespAttribute& copy : {b, CKespAttribute(a)}) {
     EXPECT_TRUE(copy.HasFormPosition() && copy.AuxFlag && copy.AuxWords == a.AuxWords);
     EXPECT_TRUE(copy.FormAppearance.m_position.m_first == second && copy.FormAppearance.m_position.m_second == first);
     EXPECT_EQ(copy.SecondAppearance.m_style2.Style, 9u);
   }
-  assigned.AttributeName = u"other", assigned.AttributeKind = KESP_ATTRIBUTE_STRING;
-  EXPECT_TRUE(a.IsEqual(assigned));
-  assigned.SubValue = u"red";
-  EXPECT_FALSE(a.IsEqual(assigned));
+  b.AttributeName = u"other", b.AttributeKind = KESP_ATTRIBUTE_STRING;
+  EXPECT_TRUE(a.IsEqual(b));
+  for (const auto& [text, sub, value] :
+       {std::tuple{u"Oak", u"red", 1.0}, {u"Elm", u"Red", 1.0}, {u"Oak", u"Red", 2.0}}) {
+    a.Value = 1, b.TextValue = text, b.SubValue = sub, b.Value = value;
+    EXPECT_FALSE(a.IsEqual(b));
+  }
 }
 
 }  // namespace
