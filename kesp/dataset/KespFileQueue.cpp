@@ -119,13 +119,13 @@ ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Append
   }
   m_pDataFile = new CKespDataFile;
   m_pDataFile->m_version = version;
-  // A failure shows in the next step, which then opens what there is.
-  (void)m_pDataFile->Create(path);
-  const int failure = m_pDataFile->GetSystemError();
+  if (!m_pDataFile->Create(path)) TakeBackUnfinished(path, *m_pDataFile);
+  const int osError = m_pDataFile->GetSystemError();
+  // A failure shows here: what is not there can't be opened.
   bool wasOpen = false;
   const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
-  // Opening has forgotten it, and may have opened nothing: the answer is no error all the same.
-  if (m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = failure;
+  // Why, and not what opening says then.
+  if (!m_pDataFile->IsOpen() || m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = osError;
   if (opened != ERR_NONE) return opened;
   for (CKespRecord* record : m_recordList) (void)(m_pDataFile->*append)(record, 0);
   return ERR_NONE;

@@ -415,8 +415,8 @@ class RandomRun {
     for (const auto& [number, feature] : m_features) {
       const auto* const real = static_cast<const CKespFeature*>(feature->real);
       std::vector<CKespRecord*> family;
-      for (const auto& attribute : real->m_attributeList) family.push_back(attribute.get());
-      for (const auto& point : real->m_pointList) family.push_back(point.get());
+      for (const auto& attribute : real->m_attributeList) family.push_back(attribute);
+      for (const auto& point : real->m_pointList) family.push_back(point);
       if (real->GetFeatureEnd() != nullptr) family.push_back(real->GetFeatureEnd());
       std::vector<CKespRecord*> expected;
       for (const Object* child : feature->Children("APE")) expected.push_back(child->real);
