@@ -45,12 +45,12 @@ ErrorEnum CKespFile::DeleteFeatureAndAssociatedRec(CKespFeature* feature) {
   {
     const WithoutFlush withoutFlush(m_pDataFile);
     for (const auto& point : feature->m_pointList) {
-      if (!point) continue;
+      if (point == nullptr) continue;
       MarkDeletedOnDisk(*point);
       if (m_numPoints != 0) --m_numPoints;  // 0 means not counted
     }
     for (const auto& attribute : feature->m_attributeList) {
-      if (attribute) MarkDeletedOnDisk(*attribute);
+      if (attribute != nullptr) MarkDeletedOnDisk(*attribute);
     }
     // The records of the feature and its end stay undeleted in the file, and the container is only brought there: what
     // is left is a feature without points, which other programs expect to find.

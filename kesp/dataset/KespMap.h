@@ -119,6 +119,7 @@ class KespMap {
   }
   // Enters what was noted. Every other operation does so first.
   void Settle() const {
+    // What is noted belongs to the map already. NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
     if (m_noted.Size() != 0) const_cast<KespMap*>(this)->EnterNoted();
   }
   // False when the key is not there.

@@ -1,8 +1,7 @@
 #include "kesp/platform/ReadAhead.h"
 
-#include <signal.h>
-
 #include <cerrno>
+#include <csignal>
 
 #include "kesp/platform/ObjectPool.h"
 #include "kesp/platform/SystemCalls.h"

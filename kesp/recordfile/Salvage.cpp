@@ -168,9 +168,7 @@ class Salvager {
     KESP_ERROR_TYPE error = KESP_ERROR_NONE;
     if (!std::equal(kSignature.begin(), kSignature.end(), header.begin(), IsSameByte)) {
       error = KESP_ERROR_SIGNATURE;
-    } else if (view.size() < kHeaderLengthCountsFrom) {
-      error = KESP_ERROR_EOF;
-    } else if (first > m_length) {
+    } else if (view.size() >= kHeaderLengthCountsFrom && first > m_length) {
       error = KESP_ERROR_FILE_HEADER;
     } else if (view.size() < kFileHeaderSize) {
       error = KESP_ERROR_EOF;

@@ -73,6 +73,7 @@ class OwningList {
       items = static_cast<Item**>(PoolAllocate(bytes));
     } else {
       const bool pooled = m_capacity <= kMostPooled;
+      // Only realloc grows in place. NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
       items = static_cast<Item**>(pooled ? std::malloc(bytes) : std::realloc(m_items, bytes));
       if (items == nullptr) throw CMemoryException();
       if (!pooled) m_items = items;
@@ -86,7 +87,7 @@ class OwningList {
   }
   void FreeStorage() noexcept {
     if (m_capacity > kMostPooled) {
-      std::free(m_items);
+      std::free(m_items);  // NOLINT(cppcoreguidelines-no-malloc): see Grow
     } else if (m_capacity != 0) {
       PoolFree(m_items, m_capacity * sizeof(Item*));
     }

@@ -127,7 +127,7 @@ bool CKespSearch::PassesPointTest(const CKespFeature& feature) const noexcept {
   if (m_pointNameFilter.IsEmpty() && !Has(SEARCH_TIME_RANGE) && !Has(SEARCH_IN_AREA)) return true;
   bool nameMatched = m_pointNameFilter.IsEmpty();  // and from the first point that has the text, to the end
   for (const auto& point : feature.m_pointList) {
-    if (!point) continue;
+    if (point == nullptr) continue;
     nameMatched = nameMatched || TextMatches(point->PointText.View(), m_pointNameFilter.View());
     if (!nameMatched) continue;
     const CTime time(point->PointTime);
@@ -141,7 +141,7 @@ bool CKespSearch::PassesPointTest(const CKespFeature& feature) const noexcept {
 bool CKespSearch::PassesAttributeTest(const CKespFeature& feature) {
   if (m_valueKind == SEARCH_VALUE_NONE) return true;
   for (const auto& attribute : feature.m_attributeList) {
-    if (attribute && IsAttributeIncluded(attribute->AttributeName) && Validate(attribute)) return true;
+    if (attribute != nullptr && IsAttributeIncluded(attribute->AttributeName) && Validate(attribute)) return true;
   }
   return feature.m_attributeList.empty();
 }

@@ -55,8 +55,8 @@ mode_t ModeOfNewFiles() {
 }  // namespace
 
 SteadyFile::SteadyFile(const std::string& path)
-    : m_descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
-  m_isWritten = m_descriptor >= 0 && ::flock(m_descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    : m_descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)),
+      m_isWritten(m_descriptor >= 0 && ::flock(m_descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
   if (m_isWritten) Complain(path, "is open for writing elsewhere");
 }
 

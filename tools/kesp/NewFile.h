@@ -31,7 +31,7 @@ class SteadyFile {
 
  private:
   int m_descriptor;
-  bool m_isWritten = false;
+  bool m_isWritten;
 };
 
 enum class Existing { kRefuse, kReplace };
