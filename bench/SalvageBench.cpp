@@ -67,6 +67,7 @@ const std::string& FileOf(long thousands, long damage) {
 }
 
 double Salvage(const std::string& path) {
+  std::filesystem::remove(Folder() / "salvaged");  // or emptying the one before would count
   CKespDataFile file;
   if (!file.OpenReadOnly(CString(path))) throw std::runtime_error("can't open " + path);
   kesp::SalvageReport report;
@@ -82,6 +83,7 @@ void SalvageAgainstRebuild(benchmark::State& state) {
   for (auto _ : state) {
     CKespDataFile file;
     if (!file.OpenReadOnly(CString(FileOf(kThousands, 0)))) throw std::runtime_error("can't open");
+    std::filesystem::remove(Folder() / "rebuilt");
     const double rebuild = bench::CpuSeconds([&] {
       if (!file.CopyVerify(CString(Folder() / "rebuilt"), 2)) throw std::runtime_error("not rebuilt");
     });
