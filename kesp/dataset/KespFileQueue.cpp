@@ -119,8 +119,10 @@ ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Append
   }
   m_pDataFile = new CKespDataFile;
   m_pDataFile->m_version = version;
-  if (!m_pDataFile->Create(path)) TakeBackUnfinished(path, *m_pDataFile);
+  const bool isCreated = m_pDataFile->CreateWith(path, CFile::modeNew);
   const int osError = m_pDataFile->GetSystemError();
+  if (osError == EEXIST) return ERR_FILE_EXISTS;  // it came there just now
+  if (!isCreated) TakeBackUnfinished(path, *m_pDataFile);
   // A failure shows here: what is not there can't be opened.
   bool wasOpen = false;
   const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);

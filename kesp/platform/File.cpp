@@ -68,7 +68,8 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
     return false;
   }
   const bool writable = (openFlags & (modeWrite | modeReadWrite)) != 0;
-  const bool create = (openFlags & modeCreate) != 0;
+  const bool fresh = (openFlags & modeNew) != 0;
+  const bool create = fresh || (openFlags & modeCreate) != 0;
   // Not blocking, so that a pipe in the file's place can't hold the caller up. Everything is opened for reading too:
   // the buffer needs it.
   int flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (writable ? O_RDWR : O_RDONLY);
@@ -83,7 +84,7 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
     m_fd = OpenRetrying(name.c_str(), flags | O_CREAT | O_EXCL);
     created = m_fd >= 0;
     // Not emptied here: the lock comes first.
-    if (m_fd < 0 && errno == EEXIST) m_fd = OpenRetrying(name.c_str(), flags | O_CREAT);
+    if (m_fd < 0 && errno == EEXIST && !fresh) m_fd = OpenRetrying(name.c_str(), flags | O_CREAT);
   } else {
     // Only a file's owner may ask for its access time to be left alone.
     if (!writable) m_fd = OpenRetrying(name.c_str(), flags | O_NOATIME);

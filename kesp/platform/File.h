@@ -42,6 +42,7 @@ class KESP_EXPORT CFile {
     shareDenyWrite = 0x0020,  // readers that ask for no lock go on reading
     shareDenyNone = 0x0040,   // no restriction; to write still fails while somebody else denies it
     modeCreate = 0x1000,      // creates the file; one that exists is emptied, once the lock is held
+    modeNew = 0x2000,         // creates the file; fails with EEXIST when something has its name
   };
   enum SeekPosition { begin = 0, current = 1, end = 2 };
 

@@ -93,11 +93,13 @@ bool CKespDataFile::ReadFileHeader() {
 
 bool CKespDataFile::Create(const wchar_t* path) { return path != nullptr && Create(CString(path)); }
 
-bool CKespDataFile::Create(const CString& path) {
+bool CKespDataFile::Create(const CString& path) { return CreateWith(path, CFile::modeCreate); }
+
+bool CKespDataFile::CreateWith(const CString& path, unsigned openFlags) {
   if (IsOpen()) return false;
   m_systemError = 0;
   CFileException failure(CFileException::none, path);
-  if (!m_file.Open(path, CFile::modeCreate | CFile::modeReadWrite | CFile::shareDenyWrite, &failure)) {
+  if (!m_file.Open(path, openFlags | CFile::modeReadWrite | CFile::shareDenyWrite, &failure)) {
     NoteFailure(failure);
     return false;
   }

@@ -159,6 +159,7 @@ class KESP_EXPORT CKespDataFile {
 
  private:
   bool OpenWith(const CString& path, unsigned openFlags);
+  bool CreateWith(const CString& path, unsigned openFlags);
   bool ReadFileHeader();
   bool ReadHeader(kesp::RecordHeader& header);
   CKespPoint* TakePlainPoint();
