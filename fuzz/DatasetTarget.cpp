@@ -34,7 +34,11 @@ void Ask(CKespFile& file) {
     Take(file.GetFeaturesWhereAttribute(u"Girth", logic, u"thick", count, error), count);
     Take(file.GetFeaturesWhereAttribute(u"Girth", logic, 1.0, count, error), count);
   }
-  Take(file.GetStringToStringTags(u"note", count), count);
+  try {
+    Take(file.GetStringToStringTags(u"note", count), count);
+  } catch (const CFileException&) {
+    // Reads the file that has not been read to its end, and meets the feature that is cut short once more.
+  }
 
   std::uint32_t points = 0;
   std::uint32_t features = 0;
