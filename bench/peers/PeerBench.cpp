@@ -3,8 +3,9 @@
 // The comparison's own header makes the features, checks what was read against them, and prints the line that is
 // expected. A feature is written as the feature's record, its attributes, its points and its end. `write` lets the
 // system keep what is written until it likes, as the others do; what it costs to have each record on the disk before
-// the next is AppendBench's question. `read` keeps the file in a CKespFile, whose values are then handed over and
-// checked; `scan` walks over the records, hands over the values of each feature, and keeps none.
+// the next is AppendBench's question. `read` and `scan` walk over the records and hand over the values of each feature,
+// which the header keeps or lets go, as it does with those of the others. Under a NAME that ends in "dataset", `read`
+// keeps the whole file in a CKespFile instead, whose values are handed over and checked afterwards.
 #include <common.hpp>
 #include <memory>
 
@@ -120,7 +121,7 @@ void StartFeature(Feature& feature, const CKespFeature& from) {
   feature.attrs.clear();
 }
 
-void Read(const Args& args) {
+void ReadDataSet(const Args& args) {
   const long residentBefore = proc_kb("VmRSS:");
   const double start = now();
   CKespFile survey;
@@ -140,12 +141,13 @@ void Read(const Args& args) {
   sink.check(args.c, kTolerance);
 }
 
-void Scan(const Args& args) {
-  Sink sink{false, {}, {}};
+void Walk(const Args& args, bool keep) {
+  Sink sink{keep, {}, {}};
   const long residentBefore = proc_kb("VmRSS:");
   const double start = now();
   CKespDataFile file;
   if (!file.OpenReadOnly(CString(args.path)) || !file.SeekToFirstRecord()) die("open " + args.path);
+  file.m_file.ReadAhead();
   Feature feature;
   while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) {
     switch (record->m_recordType) {
@@ -179,10 +181,10 @@ int main(int argc, char** argv) {
   const Args args = parse(argc, argv);
   if (args.op == "write") {
     Write(args);
-  } else if (args.op == "read") {
-    Read(args);
-  } else if (args.op == "scan") {
-    Scan(args);
+  } else if (args.op == "read" && args.peer.ends_with("dataset")) {
+    ReadDataSet(args);
+  } else if (args.op == "read" || args.op == "scan") {
+    Walk(args, args.op == "read");
   } else {
     die("unknown operation " + args.op);
   }
