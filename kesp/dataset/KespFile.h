@@ -180,8 +180,10 @@ class KESP_EXPORT CKespFile {
   ErrorEnum ClearQueueWithoutWriting();
   // Write all that is queued to a new file of file version 3, 2 or 1, which then is the data set's open file; the one
   // that was open is closed as it stands. For versions 1 and 2 the record versions of the queued records must have been
-  // set to fit (CKespRecord::GetRecordVersionFromKespVersion): nothing is converted. A file that can't be given its
-  // file header, as on a full disk, is taken away again and answered with ERR_FILE_NOT_FOUND; GetSystemError says why.
+  // set to fit (CKespRecord::GetRecordVersionFromKespVersion): nothing is converted. Whatever has that name stays, and
+  // is answered with ERR_FILE_EXISTS; then the file that was open stays so, unless the other came there in the midst of
+  // it. A file that can't be given its file header, as on a full disk, is taken away again and answered with
+  // ERR_FILE_NOT_FOUND; GetSystemError says why.
   ErrorEnum WriteNewKespFileFromQueue(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);

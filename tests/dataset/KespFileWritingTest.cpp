@@ -156,6 +156,17 @@ TEST(WriteQueue, LeavesAloneWhatExists) {
     EXPECT_EQ(set.file.WriteNewKespFileFromQueue(Text(taken)), ERR_FILE_EXISTS);
     EXPECT_TRUE(set.file.m_pDataFile->IsOpen());
   }
+  {
+    struct LateLook : IdleDisk {  // as if the file came there behind the look for it
+      int Stat(const char*, struct stat*) override {
+        errno = ENOENT;
+        return -1;
+      }
+    } const late;
+    CKespFile other;
+    EXPECT_EQ(other.WriteNewKespFileFromQueue(Text(set.path)), ERR_FILE_EXISTS);
+    EXPECT_FALSE(other.m_pDataFile->IsOpen());
+  }
   EXPECT_EQ(ReadFile(set.path), before);
 
   // What was read is what is written, and the file that was open is left without a mark.
