@@ -147,7 +147,6 @@ void Walk(const Args& args, bool keep) {
   const double start = now();
   CKespDataFile file;
   if (!file.OpenReadOnly(CString(args.path)) || !file.SeekToFirstRecord()) die("open " + args.path);
-  file.m_file.ReadAhead();
   Feature feature;
   while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) {
     switch (record->m_recordType) {
