@@ -138,6 +138,20 @@ bool Configure(CKespSearch& search, const FindOptions& options) {
   return true;
 }
 
+// As --type takes them; empty for another one.
+std::string_view TypeName(const CKespFeature& feature) {
+  switch (feature.FeatureType) {
+    case KESP_FEATURE_POINT:
+      return "point";
+    case KESP_FEATURE_LINE:
+      return "line";
+    case KESP_FEATURE_AREA:
+      return "area";
+    default:
+      return {};
+  }
+}
+
 struct Times {
   std::optional<std::int64_t> first;
   std::optional<std::int64_t> last;
@@ -166,7 +180,7 @@ void WriteFeatureLine(JsonWriter& json, const CKespFeature& feature) {
   json.BeginObject();
   json.Key("number").Number(std::int64_t{feature.FeatureNumber});
   json.Key("name").Text(feature.FeatureName.View());
-  json.Key("type").Text(feature.GetTypeString().MakeLower().View());
+  json.Key("type").Text(TypeName(feature));
   const Times times = TimesOf(feature);
   WriteTime(json, "firstTime", times.first);
   WriteTime(json, "lastTime", times.last);
@@ -189,6 +203,8 @@ void WriteFeatureLine(JsonWriter& json, const CKespFeature& feature) {
     json.Key("value");
     if (attribute->AttributeKind == KESP_ATTRIBUTE_NUMERIC) {
       json.Number(attribute->Value);
+    } else if (attribute->AttributeKind == KESP_ATTRIBUTE_STRING) {
+      json.Text(attribute->TextValue.View());
     } else {
       json.Text(attribute->GetAsFormatedString(true).View());
     }
@@ -199,33 +215,58 @@ void WriteFeatureLine(JsonWriter& json, const CKespFeature& feature) {
   json.EndLine();
 }
 
+// Rows of columns that are as wide as their longest cells. Keeps the features, not the cells: there may be millions.
 class Table {
  public:
-  using Row = std::array<std::string, 6>;
-
   void Add(const CKespFeature& feature) {
-    const Times times = TimesOf(feature);
-    m_rows.push_back({std::to_string(feature.FeatureNumber), feature.GetTypeString().MakeLower().ToUtf8(),
-                      std::to_string(feature.GetNumPoints()), std::to_string(feature.GetNumAttributes()),
-                      times.first ? std::string(IsoText(*times.first).View()) : "-", Printable(feature.FeatureName)});
+    const std::optional<std::int64_t> firstTime = TimesOf(feature).first;
+    m_rows.push_back({&feature, firstTime});
+    Widen(kNumber, Digits(feature.FeatureNumber).View());
+    Widen(kType, TypeName(feature));
+    Widen(kPoints, Digits(feature.GetNumPoints()).View());
+    Widen(kAttributes, Digits(feature.GetNumAttributes()).View());
+    if (firstTime) Widen(kFirstTime, IsoText(*firstTime).View());
   }
   void Write(Output& out) const {
-    if (m_rows.size() == 1) return;  // the heading alone
-    std::array<std::size_t, std::tuple_size_v<Row>> widths{};
-    for (const Row& row : m_rows) {
-      for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
-    }
-    for (const Row& row : m_rows) {
-      // All but the last column are plain ASCII.
-      for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-        out.Put(row[i]).Put(std::string(widths[i] - row[i].size() + 2, ' '));
-      }
-      out.Put(row.back()).Put('\n');
+    if (m_rows.empty()) return;
+    const auto put = [&](Column column, std::string_view cell) {
+      out.Put(cell);
+      for (std::size_t i = cell.size(); i < m_widths[column] + 2; ++i) out.Put(' ');
+    };
+    for (int i = 0; i < kName; ++i) put(Column(i), kHeadings[static_cast<std::size_t>(i)]);
+    out.Put(kHeadings[kName]).Put('\n');
+    for (const auto& [feature, firstTime] : m_rows) {
+      put(kNumber, Digits(feature->FeatureNumber).View());
+      put(kType, TypeName(*feature));
+      put(kPoints, Digits(feature->GetNumPoints()).View());
+      put(kAttributes, Digits(feature->GetNumAttributes()).View());
+      put(kFirstTime, firstTime ? IsoText(*firstTime).View() : "-");
+      out.Put(Printable(feature->FeatureName)).Put('\n');
     }
   }
 
  private:
-  std::vector<Row> m_rows{{"NUMBER", "TYPE", "POINTS", "ATTRIBUTES", "FIRST TIME", "NAME"}};
+  // All but the last hold plain ASCII.
+  enum Column : std::uint8_t { kNumber, kType, kPoints, kAttributes, kFirstTime, kName };
+  static constexpr std::array<std::string_view, 6> kHeadings{"NUMBER",     "TYPE",       "POINTS",
+                                                             "ATTRIBUTES", "FIRST TIME", "NAME"};
+
+  class Digits {
+   public:
+    explicit Digits(std::int64_t number)
+        : m_size(static_cast<std::size_t>(std::to_chars(m_text.begin(), m_text.end(), number).ptr - m_text.begin())) {}
+    std::string_view View() const noexcept { return {m_text.data(), m_size}; }
+
+   private:
+    std::array<char, 20> m_text;
+    std::size_t m_size;
+  };
+
+  void Widen(Column column, std::string_view cell) { m_widths[column] = std::max(m_widths[column], cell.size()); }
+
+  std::vector<std::pair<const CKespFeature*, std::optional<std::int64_t>>> m_rows;
+  std::array<std::size_t, kName> m_widths{kHeadings[0].size(), kHeadings[1].size(), kHeadings[2].size(),
+                                          kHeadings[3].size(), kHeadings[4].size()};
 };
 
 }  // namespace

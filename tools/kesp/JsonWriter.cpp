@@ -21,6 +21,41 @@ std::size_t FormatFinite(double value, char* to) {
   return static_cast<std::size_t>(end - to);
 }
 
+constexpr bool IsPlain(char16_t unit) noexcept { return unit >= 0x20 && unit < 0x7F && unit != u'"' && unit != u'\\'; }
+
+// In pieces, for most are plain from end to end and take a pass without a branch.
+template <class Unit>
+void PutQuoted(Output& out, std::basic_string_view<Unit> units) {
+  constexpr std::size_t kPiece = 32;
+  out.Put('"');
+  while (!units.empty()) {
+    const auto piece = units.substr(0, kPiece);
+    units.remove_prefix(piece.size());
+    char* to = out.Room(kPiece * kLongestUnit);
+    bool plain = true;
+    for (std::size_t i = 0; i < piece.size(); ++i) {
+      plain &= IsPlain(static_cast<char16_t>(piece[i]));
+      to[i] = static_cast<char>(piece[i]);
+    }
+    if (plain) {
+      out.Took(piece.size());
+      continue;
+    }
+    for (const Unit unit : piece) {
+      if (IsPlain(static_cast<char16_t>(unit))) {
+        out.Put(static_cast<char>(unit));
+        continue;
+      }
+      to = out.Room(kLongestUnit);
+      to[0] = '\\';
+      to[1] = 'u';
+      for (int i = 0; i < 4; ++i) to[2 + i] = kHexDigits[static_cast<char16_t>(unit) >> (12 - 4 * i) & 0xF];
+      out.Took(kLongestUnit);
+    }
+  }
+  out.Put('"');
+}
+
 const char* NameOfNonFinite(double value) {
   if (std::isnan(value)) return "NaN";
   return value > 0 ? "Infinity" : "-Infinity";
@@ -58,23 +93,13 @@ JsonWriter& JsonWriter::Key(std::string_view asciiName) {
 
 void JsonWriter::Text(std::u16string_view units) {
   Separate();
-  m_out.Put('"');
-  for (const char16_t unit : units) {
-    char* const to = m_out.Room(kLongestUnit);
-    if (unit >= 0x20 && unit < 0x7F && unit != u'"' && unit != u'\\') {
-      *to = static_cast<char>(unit);
-      m_out.Took(1);
-    } else {
-      to[0] = '\\';
-      to[1] = 'u';
-      for (int i = 0; i < 4; ++i) to[2 + i] = kHexDigits[unit >> (12 - 4 * i) & 0xF];
-      m_out.Took(kLongestUnit);
-    }
-  }
-  m_out.Put('"');
+  PutQuoted(m_out, units);
 }
 
-void JsonWriter::Text(std::string_view ascii) { Text(std::u16string(ascii.begin(), ascii.end())); }
+void JsonWriter::Text(std::string_view ascii) {
+  Separate();
+  PutQuoted(m_out, ascii);
+}
 
 void JsonWriter::Number(std::int64_t value) {
   Separate();

@@ -1,5 +1,6 @@
 #include "tools/kesp/Opening.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -59,8 +60,10 @@ void Complain(std::string_view path, std::string_view what) {
 }
 
 std::string Printable(const CString& text) {
-  std::string printable;
   const std::u16string_view units = text.View();
+  const auto isPrintable = [](char16_t unit) { return unit >= 0x20 && unit < 0x7F; };
+  if (std::all_of(units.begin(), units.end(), isPrintable)) return {units.begin(), units.end()};
+  std::u16string printable;
   for (std::size_t i = 0; i < units.size(); ++i) {
     const char16_t unit = units[i];
     const bool isHigh = unit >= 0xD800 && unit < 0xDC00;
@@ -68,16 +71,16 @@ std::string Printable(const CString& text) {
     const bool isControl = unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0x202A && unit <= 0x202E) ||
                            (unit >= 0x2066 && unit <= 0x2069);  // the last two turn the reading direction
     if (isPair) {
-      printable += CString(units.substr(i++, 2)).ToUtf8();
+      printable += units.substr(i++, 2);
     } else if (isControl || (unit >= 0xD800 && unit < 0xE000)) {
       std::array<char, 8> escape;
-      (void)std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(unit));
-      printable += escape.data();
+      const int length = std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(unit));
+      printable.append(escape.begin(), escape.begin() + length);
     } else {
-      printable += CString(units.substr(i, 1)).ToUtf8();
+      printable += unit;
     }
   }
-  return printable;
+  return CString(printable).ToUtf8();
 }
 
 }  // namespace kesp::tool

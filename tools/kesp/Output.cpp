@@ -9,7 +9,7 @@
 
 namespace kesp::tool {
 
-Output& Output::Put(std::string_view bytes) {
+Output& Output::PutInPieces(std::string_view bytes) {
   while (!bytes.empty()) {
     if (m_size == kCapacity) Flush();
     const std::size_t count = std::min(bytes.size(), kCapacity - m_size);

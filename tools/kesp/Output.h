@@ -9,6 +9,7 @@
 //   was never flushed, so that an exception on its way isn't met by a second one.
 #pragma once
 #include <cstddef>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <string_view>
@@ -36,7 +37,12 @@ class Output {
     ++m_size;
     return *this;
   }
-  Output& Put(std::string_view bytes);
+  Output& Put(std::string_view bytes) {
+    if (bytes.size() > kCapacity - m_size) return PutInPieces(bytes);
+    std::memcpy(m_buffer.get() + m_size, bytes.data(), bytes.size());
+    m_size += bytes.size();
+    return *this;
+  }
   // At least `count` bytes (256 at most) to write to; Took says how many of them were used.
   char* Room(std::size_t count) {
     if (kCapacity - m_size < count) Flush();
@@ -46,6 +52,8 @@ class Output {
   void Flush();
 
  private:
+  Output& PutInPieces(std::string_view bytes);
+
   static constexpr std::size_t kCapacity = std::size_t{64} * 1024;
 
   int m_descriptor;
