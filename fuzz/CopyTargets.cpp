@@ -136,6 +136,13 @@ void RoundTrip(Input input) {
           if (record->m_recordType == KESP_RECORD_ATTRIBUTE) return record->m_recordVersion != 0;
           return record->m_recordType != KESP_RECORD_TAG || static_cast<const CKespTag*>(record)->m_pData != nullptr;
         });
+    // A header of version 1 takes such a note for its own once nothing is left between the two.
+    const bool hasHeaderNotes = std::any_of(file.m_recordList.begin(), file.m_recordList.end(), [](auto* record) {
+      if (record->m_recordType != KESP_RECORD_NOTE) return false;
+      const CString tag = static_cast<const CKespNote*>(record)->NoteText.Left(4);
+      return tag == u"BMC:" || tag == u"ZOM:";
+    });
+    if (hasHeaderNotes) return;
     if (first) records = written;
     KESP_REQUIRE(written == records && (first || file.m_recordList.GetCount() == written));
     KESP_REQUIRE(file.WriteNewKespFileFromQueue(to) == ERR_NONE && file.m_pDataFile->GetSystemError() == 0);
