@@ -103,6 +103,7 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
   }
   m_length = static_cast<std::uint64_t>(info.st_size);
   if (create && !created) {
+    if (kesp::OpenReader::Reads(info.st_dev, info.st_ino)) return fail(CFileException(EWOULDBLOCK, wanted));
     if (TruncateRetrying(m_fd, 0) != 0) return fail(CFileException(errno, wanted));
     m_length = 0;
   } else if (StatRetrying(m_fd, info) == 0) {
@@ -113,6 +114,7 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
   m_path = wanted;
   m_writable = writable;
   m_directoryUnsynced = created;
+  if (!writable) m_reader.Enter(info.st_dev, info.st_ino);
   return true;
 }
 
@@ -139,6 +141,7 @@ void CFile::Abort() noexcept {
 }
 
 void CFile::Reset() noexcept {
+  m_reader.Leave();
   m_fd = -1;
   m_lastSystemError = 0;
   m_writable = m_gathering = m_syncFailed = m_directoryUnsynced = false;

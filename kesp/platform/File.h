@@ -11,7 +11,8 @@
 // process appended meanwhile is found.
 //
 // Sharing is kept by an advisory lock on the whole file, taken when it is opened and before anything is truncated; it
-// ends with Close or with the process. Plain readers are never in the way. An object is used by one thread at a time.
+// ends with Close or with the process. Plain readers are never in the way, but for one thing: a file that an object of
+// this process reads is not emptied. An object is used by one thread at a time.
 //
 // Errors: CFileException, except where an operation says otherwise. The position then is where the failure came.
 // A failed sync is final: what the system lost at that moment a later Flush can't bring back, so every later Write and
@@ -26,6 +27,7 @@
 #include "kesp/platform/AlignedBytes.h"
 #include "kesp/platform/Exception.h"
 #include "kesp/platform/Export.h"
+#include "kesp/platform/OpenReaders.h"
 #include "kesp/platform/String.h"
 
 namespace kesp {
@@ -121,9 +123,10 @@ class KESP_EXPORT CFile {
   // Writes all that the source holds from its position on, and leaves the source at its end. The system moves the bytes
   // where it can; else they are read and written, `blockSize` at a time at the most.
   void CopyFrom(CFile& source, std::size_t blockSize);
-  // The system's error number of the last failure since the file was opened, also where a record swallowed the
-  // exception; 0 without one.
+  // The system's error number of the last failure since the file was opened or failures were forgotten, also where a
+  // record swallowed the exception; 0 without one.
   int LastSystemError() const noexcept { return m_lastSystemError; }
+  void ForgetSystemError() noexcept { m_lastSystemError = 0; }
   // Deletes a file by its path.
   static void Remove(const CString& path);
 
@@ -164,6 +167,7 @@ class KESP_EXPORT CFile {
   bool m_gathering = false;
   bool m_syncFailed = false;
   int m_lastSystemError = 0;
+  kesp::OpenReader m_reader;
   bool m_directoryUnsynced = false;  // the file was created and its directory not yet told to keep it
   CString m_path;
   std::uint64_t m_position = 0;

@@ -15,11 +15,11 @@ constexpr std::size_t kCopyBlock = std::size_t{1024} * 1024;
 bool CKespDataFile::Copy(const wchar_t* destination) { return destination != nullptr && Copy(CString(destination)); }
 
 bool CKespDataFile::Copy(const CString& destination) {
-  // Without a lock of its own, a file that is open for reading only would not keep itself from being emptied.
+  // Not left to the lock, which some file systems don't know.
   if (m_file.IsSameFile(destination)) return false;
   CFile out;
   CFileException failure(CFileException::none, destination);
-  if (!out.Open(destination, CFile::modeCreate | CFile::modeWrite | CFile::shareDenyNone, &failure)) {
+  if (!out.Open(destination, CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite, &failure)) {
     NoteFailure(failure);
     return false;
   }
@@ -44,9 +44,9 @@ bool CKespDataFile::Copy(const CString& destination) {
     const std::uint64_t length = m_file.GetLength();
     out.CopyFrom(m_file, kCopyBlock);
     out.Flush();
-    const std::uint64_t copied = out.GetLength();
+    if (out.GetLength() < length) return giveUp();
     out.Close();
-    return copied < length ? giveUp() : true;
+    return true;
   } catch (const CFileException& e) {
     NoteFailure(e);
     return giveUp();
@@ -82,7 +82,9 @@ bool CKespDataFile::Rebuild(const CString& destination, unsigned short kespVersi
         out.Leave();
         return false;
       }
+      const KESP_ERROR_TYPE walkEnd = std::exchange(m_error, KESP_ERROR_NONE);
       out.Finish();
+      m_error = walkEnd;  // not of a copy that isn't all on the disk
       // What ended the walk is in m_error, a failure of the system excepted: the rest might be read another time.
       return m_error != KESP_ERROR_NONE || m_systemError == 0;
     } catch (const CFileException& e) {
@@ -99,10 +101,12 @@ bool CKespDataFile::Rebuild(const CString& destination, unsigned short kespVersi
 }
 
 bool CKespDataFile::CopyVerify(const CString& source, const CString& destination, unsigned short kespVersion) {
+  // Which may be this file's own path, and that ends with the file.
+  const CString path = source;  // NOLINT(performance-unnecessary-copy-initialization)
   (void)Close();
   m_systemError = 0;
-  CFileException failure(CFileException::none, source);
-  if (!m_file.Open(source, CFile::modeReadWrite | CFile::shareExclusive, &failure)) {
+  CFileException failure(CFileException::none, path);
+  if (!m_file.Open(path, CFile::modeReadWrite | CFile::shareExclusive, &failure)) {
     NoteFailure(failure);
     return false;
   }

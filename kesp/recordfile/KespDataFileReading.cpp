@@ -165,12 +165,11 @@ CKespRecord* CKespDataFile::ReadNextRecord(std::uint32_t& position, bool skipDel
   }
   if (m_error != KESP_ERROR_NONE) return nullptr;
   // Outside the guard: the version-1 body of a feature raises the end of the file to the caller.
-  const int errorBefore = m_file.LastSystemError();
+  m_file.ForgetSystemError();
   if (record->Read(m_file)) return record.release();
   m_error = record->GetError();
   // A record keeps the exception to itself.
-  const int errorBehind = m_file.LastSystemError();
-  if (m_systemError == 0 && errorBehind != errorBefore) m_systemError = errorBehind;
+  if (m_systemError == 0) m_systemError = m_file.LastSystemError();
   return nullptr;
 }
 
