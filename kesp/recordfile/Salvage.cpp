@@ -157,8 +157,8 @@ class Salvager {
  private:
   enum class Step { kGoOn, kEnd, kFailed };
 
-  // As it stands, the application header behind it excepted. One that nobody could open is made anew, and the records
-  // are taken to begin behind it.
+  // As it stands, the application header behind it excepted. One that nobody could open, or that leads past records, is
+  // made anew, and the records are taken to begin behind it.
   void PutFileHeader() {
     std::array<std::byte, kFileHeaderSize> header{};
     const auto view = View(0, kFileHeaderSize);
@@ -174,6 +174,12 @@ class Salvager {
       error = KESP_ERROR_EOF;
     }
     m_position = m_firstRecord = first;
+    std::uint64_t ignored = 0;
+    if (error == KESP_ERROR_NONE && first > kFileHeaderSize && !IsExactAt(first, ignored) &&
+        FindBefore(first, kFileHeaderSize) != first) {
+      error = KESP_ERROR_FILE_HEADER;
+    }
+    if (error == KESP_ERROR_NONE && first > kFileHeaderSize) m_report.applicationBytes = first - kFileHeaderSize;
     if (error != KESP_ERROR_NONE) {
       std::transform(kSignature.begin(), kSignature.end(), header.begin(),
                      [](char c) { return static_cast<std::byte>(c); });

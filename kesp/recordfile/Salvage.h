@@ -20,8 +20,9 @@
 // may be mistaken for one of the file's own, and only where damage stands before it.
 //
 // Deleted records and those of unknown types are left out, as in CopyVerify, and records are written in the same way.
-// The file header keeps its version; an application header behind it is not copied, and the copy's header says so. One
-// that can't be opened counts as a gap, and is made anew; a version in it that nobody knows becomes 3.
+// The file header keeps its version; an application header behind it is not copied, and the copy's header says so. A
+// file header that can't be opened, or that names a first record where none is while one stands in front of that place,
+// counts as a gap and is made anew; a version in it that nobody knows becomes 3.
 //
 // Takes time in proportion to the file; memory is that of the longest record, which is never longer than the file.
 #pragma once
@@ -47,9 +48,10 @@ struct SalvageGap {
 };
 
 struct SalvageReport {
-  std::uint64_t kept = 0;     // records in the copy
-  std::uint64_t deleted = 0;  // records marked deleted, left out
-  std::uint64_t unknown = 0;  // records of types that nobody knows, left out
+  std::uint64_t kept = 0;              // records in the copy
+  std::uint64_t deleted = 0;           // records marked deleted, left out
+  std::uint64_t unknown = 0;           // records of types that nobody knows, left out
+  std::uint64_t applicationBytes = 0;  // of the application header behind the file header, left out
   std::uint64_t gapCount = 0;
   std::uint64_t gapBytes = 0;
   std::vector<SalvageGap> gaps;  // the first kMostGaps of them, in file order
