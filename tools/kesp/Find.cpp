@@ -233,7 +233,7 @@ class Table {
       out.Put(cell);
       for (std::size_t i = cell.size(); i < m_widths[column] + 2; ++i) out.Put(' ');
     };
-    for (int i = 0; i < kName; ++i) put(Column(i), kHeadings[static_cast<std::size_t>(i)]);
+    for (int i = 0; i < kName; ++i) put(static_cast<Column>(i), kHeadings[static_cast<std::size_t>(i)]);
     out.Put(kHeadings[kName]).Put('\n');
     for (const auto& [feature, firstTime] : m_rows) {
       put(kNumber, Digits(feature->FeatureNumber).View());

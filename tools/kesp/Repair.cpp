@@ -22,17 +22,28 @@ struct Walked {
 Walked WalkOver(CKespDataFile& file) {
   Walked walked;
   RecordWalk walk(file, DeletedRecords::kPassOver);
+  std::uint64_t last = 0;  // where it begins, and what it was counted as
+  std::uint64_t* count = nullptr;
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
-    ++(step == RecordWalk::Step::kRecord ? walked.report.kept
-       : walk.IsDeleted()                ? walked.report.deleted
-                                         : walked.report.unknown);
+    last = walk.Offset();
+    count = step == RecordWalk::Step::kRecord ? &walked.report.kept
+            : walk.IsDeleted()                ? &walked.report.deleted
+                                              : &walked.report.unknown;
+    ++*count;
   }
   walked.end = walk.End();
   const std::uint64_t length = file.m_file.KnownLength();
-  if (!walked.end.IsWhole() && walked.end.offset < length) {
+  const auto noteGap = [&](std::uint64_t offset, KESP_ERROR_TYPE reason) {
     walked.report.gapCount = 1;
-    walked.report.gapBytes = length - walked.end.offset;
-    walked.report.gaps.push_back({walked.end.offset, walked.report.gapBytes, walked.end.error});
+    walked.report.gapBytes = length - offset;
+    walked.report.gaps.push_back({offset, length - offset, reason});
+  };
+  if (walked.end.offset > length && count != nullptr) {
+    // Only a record that is passed over can claim to go on behind the end.
+    --*count;
+    noteGap(last, KESP_ERROR_RECORD_HEADER);
+  } else if (!walked.end.IsWhole() && walked.end.offset < length) {
+    noteGap(walked.end.offset, walked.end.error);
   }
   return walked;
 }
@@ -61,6 +72,9 @@ void Tell(Output& out, CKespDataFile& source, std::uint64_t size, const SalvageR
           std::to_string(source.m_file.KnownLength()) + "\n");
   out.Put("Left out  " + Counted(report.deleted, "deleted record") + ", " + Counted(report.unknown, "record") +
           " of unknown type, " + std::to_string(report.gapBytes) + " damaged bytes\n");
+  if (report.applicationBytes != 0) {
+    out.Put("Left out  an application header of " + Counted(report.applicationBytes, "byte") + "\n");
+  }
   for (const SalvageGap& gap : report.gaps) {
     out.Put("Gap       at offset " + std::to_string(gap.offset) + ", " + Counted(gap.length, "byte") + ": " +
             (gap.reason == KESP_ERROR_NONE ? "a record body that can't be read"

@@ -34,11 +34,14 @@ void FillStandardStreams() {
   }
 }
 
-// As the parser takes them, last to first. It takes [a,b] for a list where several values may stand; ./[a,b] is the
-// same file and no list.
+// As the parser takes them, last to first. Where several files may stand it takes [a,b] for a list of them; ./[a,b] is
+// the same file and no list.
 std::vector<std::string> ArgumentsOf(int argc, char** argv) {
+  const bool takesFiles = argc > 1 && std::string_view(argv[1]) == "validate";
   std::vector<std::string> arguments;
-  for (int i = argc - 1; i > 0; --i) arguments.emplace_back(argv[i][0] == '[' ? "./" + std::string(argv[i]) : argv[i]);
+  for (int i = argc - 1; i > 0; --i) {
+    arguments.emplace_back(takesFiles && argv[i][0] == '[' ? "./" + std::string(argv[i]) : argv[i]);
+  }
   return arguments;
 }
 
@@ -169,6 +172,7 @@ int main(int argc, char** argv) {
   using kesp::tool::Complain;
   kesp::tool::FillStandardStreams();
   (void)std::signal(SIGPIPE, SIG_IGN);  // a reader who has enough is met as EPIPE
+  (void)std::signal(SIGXFSZ, SIG_IGN);  // and a limit on the length of files as EFBIG
   try {
     kesp::tool::Output out(STDOUT_FILENO);
     return kesp::tool::Run(argc, argv, out);
