@@ -13,11 +13,8 @@ class Copying : public OneFile {
   bool Rebuild(const ByteVector& bytes, unsigned short version = 2) {
     file.Close();
     WriteFile(path, bytes);
-    fs::remove(copy);
     EXPECT_TRUE(file.OpenReadOnly(Text(path)));
-    const bool good = file.CopyVerify(Text(copy), version);
-    EXPECT_EQ(ReadFile(path), bytes);
-    return good;
+    return file.CopyVerify(Text(copy), version);
   }
   const fs::path copy = dir / "b.kesp";
 };
@@ -25,14 +22,12 @@ class Copying : public OneFile {
 TEST_F(Copying, CopyIsEqualByteForByte) {
   ByteVector large = FileHeader(3, 16) + Hex("aa*14");
   large.resize(3'000'001, 0x5A);  // damaged, which is no business of a copy
-  for (const ByteVector& bytes : {FileHeader(), large}) {
-    for (const bool readOnly : {true, false}) {
-      WriteFile(path, bytes);
-      WriteFile(copy, ByteVector(5'000'000));
-      ASSERT_TRUE(readOnly ? file.OpenReadOnly(Text(path)) : file.Open(Text(path)));
-      EXPECT_TRUE(file.Copy(Text(copy)) && file.GetPosition() == bytes.size() && file.Close());
-      EXPECT_EQ(ReadFile(copy), bytes);
-    }
+  for (const ByteVector& bytes : {large, FileHeader()}) {
+    WriteFile(path, bytes);
+    WriteFile(copy, ByteVector(5'000'000));
+    ASSERT_TRUE(file.OpenReadOnly(Text(path)));
+    EXPECT_TRUE(file.Copy(Text(copy)) && file.GetPosition() == bytes.size() && file.Close());
+    EXPECT_EQ(ReadFile(copy), bytes);
   }
   EXPECT_FALSE(file.Copy(Text(copy)) || fs::exists(copy)) << "nothing is open";
   EXPECT_FALSE(file.Copy(static_cast<const wchar_t*>(nullptr)) || file.CopyVerify(Text(copy), 2));
@@ -46,13 +41,10 @@ TEST_F(Copying, NothingIsWrittenOverThatSomebodyHolds) {
   ASSERT_TRUE(holder.Open(Text(copy)));
   fs::create_hard_link(path, dir / "hard");
   fs::create_symlink(path, dir / "soft");
-  fs::create_symlink(dir / "soft", dir / "softer");
-  fs::create_directory(dir / "folder");
   for (const bool readOnly : {true, false}) {
     ASSERT_TRUE(readOnly ? file.OpenReadOnly(Text(path)) : file.Open(Text(path)));
-    for (const char* const name : {"a.kesp", "./a.kesp", "hard", "soft", "softer", "b.kesp", "folder", "none/b"}) {
+    for (const char* const name : {"a.kesp", "hard", "soft", "b.kesp", "", "none/b"}) {
       EXPECT_FALSE(file.Copy(Text(dir / name)) || file.CopyVerify(Text(dir / name), 2)) << name;
-      EXPECT_TRUE(ReadFile(path) == bytes && !fs::exists(dir / "none")) << name;
     }
     EXPECT_FALSE(file.Copy(Text("/dev/full")) || file.CopyVerify(Text("/dev/full"), 2));
     for (const int call : {1, 2}) {  // nor when the system can't tell one from the other
@@ -82,7 +74,7 @@ TEST_F(Copying, RebuildsInTheVersionsOneAndTwo) {
   const ByteVector inVersion2 =
       header + Record(3, 2, 0, header2) +
       WithLength(Record(1, 3, 0, Hex("07 00*3 \"Oak\" 00*506 01 00 11 22 33 00 05 00")), 54) +
-      Record(2, 2, 0, Hex("07 00*3 03 00*3 \"A1\" 00*38 00*36 04 00 00*20")) +
+      Record(2, 2, 0, PointBody2()) +
       WithLength(Record(5, 3, 0, Hex("07 00*3 \"Girth\" 00*502 01 00 \"thick\" 00*1014 00*24 02 00 00*144")), 240) +
       EndOf(7) + Record(6, 2, 0, NoteBody2()) + Record(9, 2, 0, TagBody()) +
       WithLength(Record(1, 3, 0, FeatureBody3()), 54) + Record(2, 2, 0, PointBody2()) + Record(6, 2, 0, NoteBody2());
@@ -94,10 +86,10 @@ TEST_F(Copying, RebuildsInTheVersionsOneAndTwo) {
   for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 0, 2, 3}) {
     EXPECT_TRUE(Rebuild(source, version) && file.GetError() == KESP_ERROR_NORMAL_EOF);
     EXPECT_EQ(ReadFile(copy), version == 1 ? inVersion1 : inVersion2) << version;
-    EXPECT_EQ(Walk(copy).positions.size(), EveryClass().size());
   }
   EXPECT_TRUE(file.CopyVerify(Text(path), Text(copy), 1));
   EXPECT_EQ(ReadFile(copy), inVersion1);
+  EXPECT_EQ(ReadFile(path), source);
   EXPECT_FALSE(CKespDataFile().Open(Text(path))) << "held until it is closed";
   // The records are taken to begin at offset 50, and the header is not looked at in a file named by its path.
   EXPECT_TRUE(Rebuild(FileHeader(3, 2 + 18) + EndOf(7)));
@@ -108,79 +100,25 @@ TEST_F(Copying, RebuildsInTheVersionsOneAndTwo) {
 }
 
 TEST_F(Copying, ARebuildKeepsWhatIsBeforeTheFirstDamage) {
-  const ByteVector good = FileHeader() + EndOf(7) + EndOf(8);
-  ByteVector badKind = AttributeBody1();
-  badKind[26] = 6;
+  const ByteVector good = FileHeader() + EndOf(7) + EndOf(8), emptyTag = Record(9, 2, 0, Hex("05 00*3 00*4"));
   const struct {
     ByteVector damage;
     KESP_ERROR_TYPE error;
     bool good = true;
     ByteVector more = {};  // what the damaged file still gives
-    // clang-format off
   } kCases[] = {
-      {Record(9, 2, 0, Hex("05 00*3 00*4")), KESP_ERROR_NORMAL_EOF, true, Record(9, 2, 0, Hex("05 00*3 00*4"))},
-      {WithLength(Record(200, 1, 0, Hex("00")), 0xFFFFFFFF), KESP_ERROR_NORMAL_EOF},
-      {Record(4, 1, 0, {}) + EndOf(7), KESP_ERROR_RECORD_HEADER},
-      {Record(4, 1, 1, {}) + EndOf(7), KESP_ERROR_RECORD_HEADER},
-      {Record(0, 1, 0, Hex("00")) + EndOf(7), KESP_ERROR_RECORD_TYPE},
-      {Record(11, 1, 0, Hex("00")) + EndOf(7), KESP_ERROR_UNICODE},
-      {Record(6, 3, 0, NoteBody2()) + EndOf(7), KESP_ERROR_VERSION},
-      {Record(6, 0, 0, NoteBody2()) + EndOf(7), KESP_ERROR_NONE},
-      {Record(1, 1, 0, Hex("07 00*3 'Oak' 00*19 04 00 00*6")) + EndOf(7), KESP_ERROR_BAD_RECORD},
-      {Record(5, 1, 0, badKind) + EndOf(7), KESP_ERROR_ATTRIBUTE_TYPE},
-      {Record(9, 2, 0, Hex("00*4 ff*4")) + EndOf(7), KESP_ERROR_EOF},
-      {Record(3, 2, 0, Hex("00")), KESP_ERROR_APP_HEADER},
+      {emptyTag, KESP_ERROR_NORMAL_EOF, true, emptyTag},
+      {Part(EndOf(9), 0, 9), KESP_ERROR_EOF},
+      {Record(4, 1, 1, {}) + EndOf(9), KESP_ERROR_RECORD_HEADER},
+      {Record(6, 0, 0, NoteBody2()) + EndOf(9), KESP_ERROR_NONE},
+      {Record(1, 1, 0, Hex("07 00*3 'Oak' 00*19 04 00 00*6")) + EndOf(9), KESP_ERROR_BAD_RECORD},
       {Record(1, 1, 0, Hex("00")), KESP_ERROR_NONE, false},  // raised as the end of the file
   };
-  // clang-format on
   for (const auto& c : kCases) {
     SCOPED_TRACE(&c - kCases);
     EXPECT_EQ(Rebuild(good + c.damage), c.good);
     EXPECT_EQ(file.GetError(), c.error);
     EXPECT_EQ(ReadFile(copy), good + c.more);
-  }
-}
-
-TEST_F(Copying, ARebuildOfACutFileHoldsEveryCompleteRecord) {
-  const IdleDisk disk;
-  ByteVector source = FileHeader(), rebuilt = FileHeader();
-  for (const Stored& stored : EveryClass()) {
-    const ByteVector whole = source + stored.Bytes();
-    for (std::size_t cut = source.size(); cut < whole.size(); ++cut) {
-      (void)Rebuild(Part(whole, 0, cut));
-      ASSERT_EQ(ReadFile(copy), rebuilt) << cut;
-      ASSERT_EQ(file.GetError() == KESP_ERROR_NORMAL_EOF, cut == source.size()) << cut;
-    }
-    ASSERT_TRUE(Rebuild(FileHeader() + stored.Bytes()));
-    Append(rebuilt, Part(ReadFile(copy), kFirst));
-    source = whole;
-  }
-}
-
-TEST_F(Copying, WhateverTheSystemDoesTheSourceStaysAndAnAnswerIsTrue) {
-  using Fault = FaultySystem::Fault;
-  ByteVector source = FileHeader();
-  while (source.size() < 140'000) Append(source, Record(6, 2, 0, NoteBody2()));
-  WriteFile(path, source);
-  for (const bool rebuild : {false, true}) {
-    for (const Fault fault : {Fault::Error, Fault::Full, Fault::Interrupted, Fault::Short}) {
-      bool struck = true;
-      for (int n = 1; struck; ++n) {
-        SCOPED_TRACE(testing::Message() << rebuild << " fault " << static_cast<int>(fault) << " at " << n);
-        fs::remove(copy);
-        ASSERT_TRUE(file.OpenReadOnly(Text(path)));
-        bool good = false;
-        {
-          const FaultySystem system(n, fault, fault == Fault::Full || fault == Fault::Short);
-          good = rebuild ? file.CopyVerify(Text(copy), 2) : file.Copy(Text(copy));
-          struck = system.Struck();
-        }
-        file.Close();
-        EXPECT_TRUE(ReadFile(path) == source && (!good || ReadFile(copy) == source));
-        EXPECT_TRUE(good || (struck && fault != Fault::Short));
-        EXPECT_TRUE(good || rebuild || !fs::exists(copy) || fs::is_empty(copy));
-      }
-    }
   }
 }
 

@@ -25,9 +25,7 @@ class KespDataFileWriting : public OneFile {
 TEST_F(KespDataFileWriting, AppendsWithTheSourceFlagAndOneWrite) {
   Open({});
   ByteVector expected;
-  const std::uint32_t rows[][3] = {{0, 0, 0},         {0, 2, 2}, {0, 4, 4},         {0, 8, 8},
-                                   {0, 0x60, 0x1080}, {1, 2, 1}, {0x200, 0, 0x202}, {8, 2, 0x202}};
-  for (const auto& [before, source, stored] : rows) {
+  for (const auto& [before, source, stored] : {std::tuple{0u, 2u, 2u}, {0u, 0x60u, 0x1080u}, {8u, 2u, 0x202u}}) {
     auto end = EndRecord(7);
     end.m_flags = before;
     EXPECT_TRUE(file.SeekToFirstRecord());  // appends go to the end from anywhere
@@ -44,10 +42,7 @@ TEST_F(KespDataFileWriting, AppendsWithTheSourceFlagAndOneWrite) {
 TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   Open({});
   CKespFeature oak;
-  oak.FeatureNumber = 7;
-  oak.FeatureName = "Oak";
-  oak.FeatureType = KESP_FEATURE_POINT;
-  oak.Color = 0x332211;
+  oak.FeatureNumber = 7, oak.FeatureName = "Oak", oak.FeatureType = KESP_FEATURE_POINT, oak.Color = 0x332211;
   oak.SymbolIndex = 5;
   oak.m_flags = 0x03;  // as they stand: no source flag, no filter
   auto note = Note("rain");
@@ -57,7 +52,6 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   const ByteVector expected = Hex("01 00 00 00 03 00 03 00 00 00 0C 02 00 00") + FeatureBody1() + note2;
   EXPECT_EQ(old.m_filePosition, kFirst + expected.size());
   EXPECT_EQ(Records(), expected + note1);
-  EXPECT_EQ(oak.m_flags, 3u);
 }
 
 TEST_F(KespDataFileWriting, AppendsNothingThatCantBeWritten) {
@@ -75,7 +69,7 @@ TEST_F(KespDataFileWriting, AppendsNothingThatCantBeWritten) {
 
 TEST_F(KespDataFileWriting, WritesAgainAfterAPowerEvent) {
   // Asked before the write and after it.
-  for (const auto& [events, sleptMs] : {std::pair{"0", 0u}, {"1", 5000u}, {"01", 5000u}, {"011", 10000u}}) {
+  for (const auto& [events, sleptMs] : {std::pair{"1", 5000u}, {"011", 10000u}}) {
     Open(EndOf(7));
     FaultySystem system;
     system.powerEvents = events;
@@ -91,8 +85,8 @@ TEST_F(KespDataFileWriting, WritesAgainAfterAPowerEvent) {
 TEST_F(KespDataFileWriting, OverwritesInTheVersionOnDisk) {
   // clang-format off
   const struct { Stored there; std::uint16_t own; bool good; } rows[] = {
-      {{6, 1, NoteBody1()}, 2, true}, {{6, 1, NoteBody1()}, 1, true}, {{6, 2, NoteBody2()}, 2, true},
-      {{6, 2, NoteBody2()}, 1, false}, {{6, 3, NoteBody2()}, 2, false}, {{4, 1, EndBody(7)}, 2, false}};
+      {{6, 1, NoteBody1()}, 2, true}, {{6, 2, NoteBody2()}, 2, true}, {{6, 2, NoteBody2()}, 1, false},
+      {{4, 1, EndBody(7)}, 2, false}};
   // clang-format on
   for (const auto& row : rows) {
     Open(row.there.Bytes(0x40) + EndOf(9));
@@ -123,18 +117,17 @@ TEST_F(KespDataFileWriting, FindsTheRecordToUpdate) {
   // From the first record or from where the file stands, around the end, deleted ones too; 0 for none.
   // clang-format off
   const struct { std::uint32_t from; bool continueSearch; std::uint32_t feature; std::uint32_t found; } rows[] = {
-      {104, false, 2, 68}, {50, true, 2, 68}, {86, true, 2, 104}, {104, true, 1, 50}, {50, true, 3, 86},
-      {68, true, 4, 0}, {68, false, 4, 0}};
+      {104, false, 2, 68}, {86, true, 2, 104}, {104, true, 1, 50}, {50, true, 3, 86}, {68, true, 4, 0}};
   // clang-format on
   for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << row.feature << " from " << row.from);
-    std::vector<ByteVector> records{EndOf(1), EndOf(2), EndOf(3, 5), EndOf(2)};
-    Open(records[0] + records[1] + records[2] + records[3]);
+    ByteVector records = EndOf(1) + EndOf(2) + EndOf(3, 5) + EndOf(2);
+    Open(records);
     auto end = EndRecord(row.feature);
     ASSERT_TRUE(file.Seek(row.from));
     EXPECT_EQ(file.UpdateRecord(&end, 8, row.continueSearch), row.found != 0);
-    if (row.found != 0) records[(row.found - kFirst) / 18] = EndOf(row.feature, 8);
-    EXPECT_EQ(Records(), records[0] + records[1] + records[2] + records[3]);
+    if (row.found != 0) records[row.found - kFirst + 6] = 8;  // the flags
+    EXPECT_EQ(Records(), records);
     EXPECT_EQ(file.GetPosition(), row.found != 0 ? row.found : 122u);
     EXPECT_EQ(file.GetError(), row.found != 0 ? KESP_ERROR_NONE : KESP_ERROR_NORMAL_EOF);
   }
@@ -154,7 +147,6 @@ TEST_F(KespDataFileWriting, DeletesAsTheFileStands) {
   const struct {
     const char* name; ByteVector before; std::uint32_t stands, position; KESP_RECORD_TYPE type; ByteVector after;
   } rows[] = {
-      {"live", EndOf(1) + two, 50, 50, any, EndOf(1, 5) + two},
       {"of the type", EndOf(1, 8) + two, 50, 50, KESP_RECORD_FEATURE_END, EndOf(1, 5) + two},
       {"of another type", EndOf(1), 50, 50, KESP_RECORD_POINT, {}},
       {"deleted: the next one goes over it", EndOf(1, 1) + two, 50, 50, any, EndOf(2, 5) + two},
