@@ -74,6 +74,7 @@ TEST_F(KespDataFile, CreatesFiftyBytesAndSaysWhyAPathCantBeOpened) {
   EXPECT_FALSE(file.Create(Text(dir / "other")) || file.Open(Text(path)));
   EXPECT_EQ(file.GetError(), KESP_ERROR_OPEN);
   EXPECT_TRUE(file.IsOpen() && !std::filesystem::exists(dir / "other"));
+  file.m_headerWord = 0;
   ASSERT_TRUE(file.Close() && file.Open(Text(path)));
   EXPECT_EQ(file.m_headerWord, 0x1234);
 }

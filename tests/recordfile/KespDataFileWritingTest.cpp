@@ -147,7 +147,7 @@ TEST_F(KespDataFileWriting, DeletesAsTheFileStands) {
   const struct {
     const char* name; ByteVector before; std::uint32_t stands, position; KESP_RECORD_TYPE type; ByteVector after;
   } rows[] = {
-      {"of the type", EndOf(1, 8) + two, 50, 50, KESP_RECORD_FEATURE_END, EndOf(1, 5) + two},
+      {"of the type, added before", EndOf(1, 2) + two, 50, 50, KESP_RECORD_FEATURE_END, EndOf(1, 5) + two},
       {"of another type", EndOf(1), 50, 50, KESP_RECORD_POINT, {}},
       {"deleted: the next one goes over it", EndOf(1, 1) + two, 50, 50, any, EndOf(2, 5) + two},
       {"deleted, the next one of another type", EndOf(1, 1) + note2, 50, 50, any, {}},
