@@ -21,16 +21,15 @@ CKespAttribute* Attribute(const char16_t* name, int kind = KESP_ATTRIBUTE_STRING
 
 TEST(Feature, AWrongTypeIsReportedAndTheBodyTaken) {
   Scratch scratch;
-  for (const unsigned type : {0u, 1u, 3u, 4u, 65535u}) {
+  for (const auto& [type, text] : {std::pair{0u, u""}, {1u, u"Point"}, {3u, u"Area"}, {4u, u""}, {65535u, u""}}) {
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
       CKespFeature from, to;
       from.FeatureType = static_cast<KESP_FEATURE_TYPE>(type), from.SymbolIndex = 34;
       to.m_recordVersion = version;
       const bool good = type == 1 || type == 3;
       EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good) << type << ' ' << version;
-      EXPECT_TRUE(to.GetError() == (good ? KESP_ERROR_NONE : KESP_ERROR_BAD_RECORD) && to.SymbolIndex == 34);
-      EXPECT_EQ(to.FeatureType, type);
-      EXPECT_EQ(to.GetTypeString(), CString(type == 1 ? u"Point" : type == 3 ? u"Area" : u""));
+      EXPECT_EQ(to.GetError(), good ? KESP_ERROR_NONE : KESP_ERROR_BAD_RECORD);
+      EXPECT_TRUE(to.FeatureType == type && to.SymbolIndex == 34 && to.GetTypeString() == CString(text));
       // Reading again clears the error, in version 1 alone it stays.
       from.FeatureType = KESP_FEATURE_LINE;
       EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good || version > 1) << type << ' ' << version;
@@ -49,16 +48,12 @@ TEST(Feature, OwnsWhatIsInItsListsUntilItIsRemoved) {
   EXPECT_EQ(feature.GetAttribute(u"none"), nullptr);
 
   const std::unique_ptr<CKespPoint> point(feature.GetPoint(0));
-  feature.RemovePoint(0);
-  EXPECT_TRUE(point->CoordX == 1 && feature.GetNumPoints() == 2 && feature.GetPoint(0)->CoordX == 5);
   const std::unique_ptr<CKespAttribute> attribute(feature.GetAttribute(2));
-  feature.RemoveAttribute(2);
-  for (const int outside : {-1, 2}) {
-    EXPECT_TRUE(feature.GetPoint(outside) == nullptr && feature.GetAttribute(outside) == nullptr);
-    feature.RemovePoint(outside);
-    feature.RemoveAttribute(outside);
-  }
+  for (const int at : {0, -1, 2}) feature.RemovePoint(at);
+  for (const int at : {2, -1, 2}) feature.RemoveAttribute(at);
+  EXPECT_TRUE(point->CoordX == 1 && feature.GetNumPoints() == 2 && feature.GetPoint(0)->CoordX == 5);
   EXPECT_EQ(feature.GetNumAttributes(), 2);
+  for (const int at : {-1, 2}) EXPECT_TRUE(feature.GetPoint(at) == nullptr && feature.GetAttribute(at) == nullptr);
   const std::unique_ptr<CKespFeatureEnd> replaced(new CKespFeatureEnd);
   feature.SetFeatureEnd(replaced.get());
   feature.SetFeatureEnd(new CKespFeatureEnd);
@@ -74,17 +69,15 @@ TEST(Feature, IsCopiedWholeAndAssignedByItsDescription) {
   from.AddAttribute(Attribute(u"Type"));
   from.SetFeatureEnd(new CKespFeatureEnd);
   const CKespFeature copy(from);
-  from.GetPoint(0)->CoordX = 99;
-  from.GetAttribute(0)->AttributeName = u"changed";
-  EXPECT_TRUE(copy.GetPoint(0)->CoordX == 1 && copy.GetAttribute(0)->AttributeName == CString(u"Type"));
-  EXPECT_NE(copy.GetFeatureEnd(), from.GetFeatureEnd());
+  EXPECT_TRUE(copy.GetPoint(0)->CoordX == 1 && copy.GetPoint(0) != from.GetPoint(0));
+  EXPECT_TRUE(copy.CompareAttributeList(&from) && copy.GetAttribute(0) != from.GetAttribute(0));
+  EXPECT_TRUE(copy.GetFeatureEnd() != nullptr && copy.GetFeatureEnd() != from.GetFeatureEnd());
   EXPECT_TRUE(copy.FeatureNumber == 7 && copy.m_flags == 2);
 
   CKespFeature to;
-  to.FeatureNumber = 8;
   EXPECT_FALSE(to = static_cast<CKespFeature*>(nullptr));
   EXPECT_TRUE(to = &from);
-  EXPECT_TRUE(to.FeatureNumber == 8 && to.m_flags == 0 && to.GetFeatureEnd() == nullptr);
+  EXPECT_TRUE(to.FeatureNumber == 0 && to.m_flags == 0 && to.GetFeatureEnd() == nullptr);
   EXPECT_EQ(to.GetNumPoints() + to.GetNumAttributes(), 0);
   for (const CKespFeature* feature : {&copy, static_cast<const CKespFeature*>(&to)}) {
     EXPECT_EQ(feature->FeatureName + feature->DisplayText, CString(u"Oaktext"));
@@ -94,22 +87,15 @@ TEST(Feature, IsCopiedWholeAndAssignedByItsDescription) {
 }
 
 TEST(Feature, ComparesTheLayoutOfItsAttributes) {
-  const struct {
-    const char16_t* name;
-    int kind;
-    bool more, same;
-    // clang-format off
-  } kCases[] = {{u"Height", 2, false, true}, {u"height", 2, false, false}, {u"Height", 4, false, false}, {u"Height", 2, true, false}};
-  // clang-format on
-  for (const auto& c : kCases) {
-    CKespFeature a, b;
-    EXPECT_TRUE(a.CompareAttributeList(&b) && !a.CompareAttributeList(nullptr));
-    a.AddAttribute(Attribute(u"Height", KESP_ATTRIBUTE_NUMERIC));
-    a.GetAttribute(0)->Value = 5;
-    b.AddAttribute(Attribute(c.name, c.kind));
-    if (c.more) b.AddAttribute(Attribute(u"more"));
-    EXPECT_TRUE(a.CompareAttributeList(&b) == c.same && b.CompareAttributeList(&a) == c.same);
-  }
+  CKespFeature a, same, name, kind, more;
+  for (CKespFeature* const one : {&a, &same, &kind, &more})
+    one->AddAttribute(Attribute(u"Height", one == &kind ? KESP_ATTRIBUTE_DATE : KESP_ATTRIBUTE_NUMERIC));
+  a.GetAttribute(0)->Value = 5;
+  name.AddAttribute(Attribute(u"height", KESP_ATTRIBUTE_NUMERIC));
+  more.AddAttribute(Attribute(u"more"));
+  EXPECT_TRUE(a.CompareAttributeList(&same) && !a.CompareAttributeList(nullptr));
+  for (CKespFeature* const other : {&name, &kind, &more})
+    EXPECT_FALSE(a.CompareAttributeList(other) || other->CompareAttributeList(&a));
 }
 
 }  // namespace

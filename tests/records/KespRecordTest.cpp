@@ -42,28 +42,24 @@ TEST(Flags, FollowWhatHappensToTheRecord) {
     // clang-format off
   } kCases[] = {
       {0, kDelete, 0x05}, {0x02, kDelete, 0x01}, {0x08, kDelete, 0x05}, {0x01, kDelete, 0x01}, {0x10, kDelete, 0x05},
-      {0, kClear, 0}, {0x01, kClear, 0x10}, {0x05, kClear, 0}, {0x100, kClear, 0x108}, {0x205, kClear, 0x202},
+      {0x01, kClear, 0x10}, {0x05, kClear, 0}, {0x100, kClear, 0x108}, {0x205, kClear, 0x202},
       {0x200, kDelete, 0x205},  // history is not revived
-      {0x202, 8, 0x202}, {0, 0x60, 0x1080}, {0x1080, 0x60, 0x1080}, {0x1000, 2, 0x1202}, {0, 0x100, 0x100},
-      {0x100, 0, 0x108}, {0x04, 8, 0x04}, {0x01, 2, 0x01},
+      {0x202, 8, 0x202}, {0x1080, 0x60, 0x1080}, {0x1000, 2, 0x1202}, {0x100, 0, 0x108}, {0x04, 8, 0x04},
+      {0x01, 2, 0x01},
   };
   // clang-format on
   for (const auto& c : kCases) {
     CKespNote record;
     record.m_flags = c.flags;
-    if (c.event == kDelete) {
-      record.SetDelete();
-    } else if (c.event == kClear) {
-      record.ClearDelete();
-    } else {
-      record.SetSourceFlag(c.event);
-    }
+    if (c.event == kDelete) record.SetDelete();
+    if (c.event == kClear) record.ClearDelete();
+    if (c.event < kDelete) record.SetSourceFlag(c.event);
     EXPECT_EQ(record.m_flags, c.result) << std::hex << c.flags << ' ' << c.event;
     EXPECT_EQ(record.IsDeleted(), (c.result & 1) != 0);
   }
 }
 
-// The first differ in what is no part of the key, the later ones in one part of it.
+// The others differ in what is no part of the key, then in one part of it.
 TEST(Records, AreTheSameByTheirKeys) {
   CKespFeature feature, feature2;
   CKespFeatureEnd end, end2;
@@ -76,22 +72,19 @@ TEST(Records, AreTheSameByTheirKeys) {
     for (CKespRecord* b : kAll) EXPECT_EQ(a->IsSameKespRecord(b), a == b && a != &header);
     EXPECT_FALSE(a->IsSameKespRecord(nullptr));
   }
-  CKespRecord* const kOthers[] = {&feature2, &end2, &point2, &attribute2, &point3, &attribute3};
   point2.CoordX = attribute2.Value = 5, feature2.FeatureName = point2.PointText = u"other";
+  CKespRecord* const kOthers[] = {&feature2, &end2, &point2, &attribute2, &point3, &attribute3};
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
-  feature2.FeatureNumber = end2.FeatureNumber = point2.PointNumber = attribute2.FeatureNumber = point3.FeatureNumber =
-      1;
-  attribute.AttributeName = attribute2.AttributeName = u"Type", attribute3.AttributeName = u"type";
+  feature2.FeatureNumber = end2.FeatureNumber = point2.PointNumber = point3.FeatureNumber = 1;
+  attribute2.FeatureNumber = 1, attribute3.AttributeName = u"type";
+  attribute.AttributeName = attribute2.AttributeName = u"Type";
   for (int i = 0; i < 6; ++i) EXPECT_FALSE(kAll[i < 4 ? i : i - 2]->IsSameKespRecord(kOthers[i])) << i;
-  const struct {
-    const char16_t *a, *b;
-    bool same;
-    // clang-format off
-  } kNotes[] = {{u"Tree stump", u"Tree line", true}, {u"BMC:a", u"bmc:a", false}, {u"ab", u"ab", true}, {u"ab", u"abc", false}, {u"abcd", u"abc", false}};
-  // clang-format on
-  for (const auto& c : kNotes) {
-    note.NoteText = c.a, note2.NoteText = c.b;
-    EXPECT_EQ(note.IsSameKespRecord(&note2), c.same) << note.NoteText.ToUtf8();
+  for (const auto& [a, b, same] : {std::tuple{u"Tree stump", u"Tree line", true},
+                                   {u"BMC:a", u"bmc:a", false},
+                                   {u"ab", u"abc", false},
+                                   {u"abcd", u"abc", false}}) {
+    note.NoteText = a, note2.NoteText = b;
+    EXPECT_EQ(note.IsSameKespRecord(&note2), same) << note.NoteText.ToUtf8();
   }
 }
 
@@ -117,15 +110,14 @@ TEST(Header, Version1IsReadOtherwiseThanWritten) {
 
 TEST(Point, NumbersAreWidenedWithoutSignAndOldStatusesEndAt10) {
   Scratch scratch;
-  for (const auto& [stored, old] : {std::pair{0u, 0u}, {9, 9}, {10, 10}, {11, 10}, {65535, 10}}) {
-    CKespPoint point, back;
-    point.GpsNumber = 70000, point.PointTime = INT32_MIN;
-    point.SignalStatus = static_cast<KESP_SIGNAL_STATUS>(0x10000 | stored);
+  for (const auto& [stored, old] : {std::pair{9u, 9u}, {11, 10}, {65535, 10}}) {
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2}) {
-      back.m_recordVersion = version, back.GpsNumber = 5;
+      CKespPoint point, back;
+      point.GpsNumber = 70000, back.m_recordVersion = version, back.GpsNumber = 5;
+      point.SignalStatus = static_cast<KESP_SIGNAL_STATUS>(0x10000 | stored);
       back.SetOffset(2.5, -1.0);
       EXPECT_TRUE(scratch.Read(back, scratch.Body(point, version)));
-      EXPECT_TRUE(back.SignalStatus == (version == 1 ? old : stored) && back.PointTime == INT32_MIN);
+      EXPECT_EQ(back.SignalStatus, version == 1 ? old : stored);
       // Version 1 has no offset and leaves it.
       EXPECT_TRUE(back.GpsNumber == (version == 1 ? 0 : 4464) && back.HasOffset == (version == 1));
     }
@@ -134,12 +126,12 @@ TEST(Point, NumbersAreWidenedWithoutSignAndOldStatusesEndAt10) {
   kept.SetOffset(1, 2);
   kept.HasOffset = 2;
   double first = 0, second = 0;
-  EXPECT_TRUE(!kept.GetOffset(first, second) && first + second == 3);
+  EXPECT_TRUE(!kept.GetOffset(first, second) && first == 1 && second == 2);
 }
 
 TEST(Attribute, OnlyVersion1ReportsABadKind) {
   Scratch scratch;
-  for (const int kind : {0, 1, 5, 6, 9, 65535}) {
+  for (const int kind : {0, 1, 5, 6}) {
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
       const bool known = kind == 1 || kind == 5, good = known || version > 1;
       CKespAttribute from, to;
@@ -150,56 +142,44 @@ TEST(Attribute, OnlyVersion1ReportsABadKind) {
     }
   }
   // The flag 0x100 shows how often it is applied on the way to the body: a second time revives what the first left.
-  const struct {
-    unsigned short own, version;
-    bool written;
-    std::uint32_t flags;
-    // clang-format off
-  } kCases[] = {{3, 1, true, 0}, {3, 2, true, 0x100}, {3, 3, true, 0x100}, {3, 0, true, 0x100}, {2, 0, true, 0x108}, {1, 0, true, 0x100}, {3, 4, false, 0x100}};
-  // clang-format on
-  for (const auto& c : kCases) {
+  for (const auto& [own, version, flags] : {std::tuple{3, 1, 0u},
+                                            {3, 2, 0x100u},
+                                            {3, 3, 0x100u},
+                                            {3, 0, 0x100u},
+                                            {2, 0, 0x108u},
+                                            {1, 0, 0x100u},
+                                            {3, 4, 0x100u}}) {
     CKespAttribute attribute;
-    attribute.m_recordVersion = c.own;
-    EXPECT_EQ(scratch.Body(attribute, c.version, 0x100).empty(), !c.written);
-    EXPECT_TRUE(scratch.written == c.written && attribute.m_flags == c.flags) << c.own << ' ' << c.version;
+    attribute.m_recordVersion = static_cast<std::uint16_t>(own);
+    EXPECT_EQ(scratch.Body(attribute, static_cast<std::uint16_t>(version), 0x100).empty(), version == 4);
+    EXPECT_TRUE(scratch.written == (version != 4) && attribute.m_flags == flags) << own << ' ' << version;
   }
 }
 
-TEST(Attribute, ShowsComparesAndCopiesItsValue) {
-  const struct {
-    int kind;
-    double value;
-    const char *sub, *text;
-    // clang-format off
-  } kCases[] = {{0, 1, "Red", ""}, {1, 1, "Red", "Oak"}, {2, 45000, "Red", "45,000.0"}, {3, 1, "", "Oak"}, {3, 1, "Red", "Oak/Red"},
-                {4, 45000, "Red", "03/15/2023"}, {4, 0, "Red", "null"}, {5, 1, "Red", ""}};
-  // clang-format on
-  CKespAttribute a, b;
-  a.TextValue = u"Oak", a.Decimals = 1, a.AuxWords = {1, 2}, a.AuxFlag = true;
-  for (const auto& c : kCases) {
-    a.AttributeKind = c.kind, a.Value = c.value, a.SubValue = c.sub;
-    EXPECT_EQ(a.GetAsFormatedString(false).ToUtf8(), c.text) << c.kind;
+TEST(Attribute, ShowsAndComparesItsValue) {
+  CKespAttribute a;
+  a.TextValue = u"Oak", a.Decimals = 1;
+  for (const auto& [kind, value, sub, text] : {std::tuple{0, 1, "Red", ""},
+                                               {1, 1, "Red", "Oak"},
+                                               {2, 45000, "Red", "45,000.0"},
+                                               {3, 1, "", "Oak"},
+                                               {3, 1, "Red", "Oak/Red"},
+                                               {4, 45000, "Red", "03/15/2023"},
+                                               {5, 1, "Red", ""}}) {
+    a.AttributeKind = kind, a.Value = value, a.SubValue = sub;
+    EXPECT_EQ(a.GetAsFormatedString(false).ToUtf8(), text) << kind;
   }
-  const CRect first(1, 2, 3, 4), second(5, 6, 7, 8);
-  for (const bool shown : {false, true}) {
-    a.FormAppearance.SetPosition(first, second, shown);
-    EXPECT_EQ(a.HasFormPosition(), shown);
+  for (const auto& [text, sub, value, same] : {std::tuple{u"Oak", u"Red", 1, true},
+                                               {u"Oak", u"red", 1, false},
+                                               {u"Elm", u"Red", 1, false},
+                                               {u"Oak", u"Red", 2, false}}) {
+    CKespAttribute b;
+    b.AttributeName = u"other", b.TextValue = text, b.SubValue = sub, b.Value = value;
+    EXPECT_EQ(a.IsEqual(b), same);
   }
-  a.FormAppearance.SetPosition(second, first, false);
-  a.SecondAppearance.m_style2.Style = 9;
-  b = a;
-  for (const CKespAttribute& copy : {b, CKespAttribute(a)}) {
-    EXPECT_TRUE(copy.HasFormPosition() && copy.AuxFlag && copy.AuxWords == a.AuxWords);
-    EXPECT_TRUE(copy.FormAppearance.m_position.m_first == second && copy.FormAppearance.m_position.m_second == first);
-    EXPECT_EQ(copy.SecondAppearance.m_style2.Style, 9u);
-  }
-  b.AttributeName = u"other", b.AttributeKind = KESP_ATTRIBUTE_STRING;
-  EXPECT_TRUE(a.IsEqual(b));
-  for (const auto& [text, sub, value] :
-       {std::tuple{u"Oak", u"red", 1.0}, {u"Elm", u"Red", 1.0}, {u"Oak", u"Red", 2.0}}) {
-    a.Value = 1, b.TextValue = text, b.SubValue = sub, b.Value = value;
-    EXPECT_FALSE(a.IsEqual(b));
-  }
+  a.FormAppearance.SetPosition({1, 2, 3, 4}, {5, 6, 7, 8}, true);
+  a.FormAppearance.SetPosition({5, 6, 7, 8}, {1, 2, 3, 4}, false);
+  EXPECT_TRUE(a.HasFormPosition() && a.FormAppearance.m_position.m_first == CRect(5, 6, 7, 8)) << "the mark stays";
 }
 
 }  // namespace

@@ -6,10 +6,7 @@
 
 namespace kesp::test {
 
-class Scratch {
- public:
-  Scratch() : file(Text(m_dir / "body"), CFile::modeReadWrite | CFile::modeCreate) {}
-
+struct Scratch {
   void Fill(const ByteVector& bytes) {
     file.SetLength(0);
     file.SeekToBegin();
@@ -20,19 +17,15 @@ class Scratch {
     Fill(bytes);
     return record.Read(file);
   }
-  // What Write answers is kept in `written`.
   ByteVector Body(CKespRecord& record, unsigned short version, unsigned long sourceFlag = 0) {
     Fill({});
     written = record.Write(file, sourceFlag, version);
     return ReadFile(m_dir / "body");
   }
 
- private:
   TempDir m_dir;
-
- public:
-  CFile file;
-  bool written = false;
+  CFile file{Text(m_dir / "body"), CFile::modeReadWrite | CFile::modeCreate};
+  bool written = false;  // what the last Write answered
 };
 
 }  // namespace kesp::test
