@@ -43,6 +43,8 @@ TEST_F(KespDataFileReading, StopsOrGoesOnByTypeAndVersion) {
   // An attribute of version 0 comes back empty and unread: the walk goes on inside its body.
   Put(Record(5, 0, 0, EndOf(8)));
   EXPECT_EQ(Walk(path), (Walked{{50, 64}, KESP_ERROR_NORMAL_EOF}));
+  Open(EndOf(7, 0x0A), true);
+  EXPECT_EQ(std::unique_ptr<CKespRecord>(file.ReadNextRecord(true))->m_flags, 0x202u) << "as the filter leaves them";
 }
 
 TEST_F(KespDataFileReading, ChecksTheLengthAgainstTheFile) {
@@ -77,10 +79,11 @@ TEST_F(KespDataFileReading, HandsOutHeaderFieldsAsFarAsTheyGo) {
 // The length in the header is right for the file and too small for the class.
 TEST_F(KespDataFileReading, BlamesABodyThatIsCutShort) {
   const auto cut = [](const ByteVector& body) { return Part(body, 0, body.size() - 1); };
-  const std::pair<Stored, KESP_ERROR_TYPE> rows[] = {{{1, 3, cut(FeatureBody3())}, KESP_ERROR_EOF},
-                                                     {{2, 2, cut(PointBody2())}, KESP_ERROR_EOF},
-                                                     {{3, 2, ByteVector(4085)}, KESP_ERROR_APP_HEADER},
-                                                     {{9, 2, Hex("01 00*3 F0 FF FF FF 04 00*3")}, KESP_ERROR_EOF}};
+  // clang-format off
+  const std::pair<Stored, KESP_ERROR_TYPE> rows[] = {
+      {{1, 3, cut(FeatureBody3())}, KESP_ERROR_EOF}, {{3, 2, ByteVector(4085)}, KESP_ERROR_APP_HEADER},
+      {{2, 2, cut(PointBody2())}, KESP_ERROR_EOF}, {{9, 2, Hex("01 00*3 F0 FF FF FF 04 00*3")}, KESP_ERROR_EOF}};
+  // clang-format on
   for (const auto& [record, error] : rows) {
     Put(EndOf(8) + record.Bytes());
     EXPECT_EQ(Walk(path), (Walked{{kFirst}, error})) << record.type << " v" << record.version;
@@ -99,16 +102,14 @@ TEST_F(KespDataFileReading, BlamesABodyThatIsCutShort) {
 
 TEST_F(KespDataFileReading, KeepsPositionsInThirtyTwoBitsBeyondFourGigabytes) {
   constexpr std::uint64_t kFour = std::uint64_t{1} << 32;
-  const auto header = [](std::uint64_t length) {
-    return WithLength(Record(200, 1, 0, {}), static_cast<std::uint32_t>(length));
-  };
+  const auto header = [](std::uint32_t length) { return WithLength(Record(200, 1, 0, {}), length); };
   const auto put = [&](std::uint64_t at, const ByteVector& what) {
     std::fstream out(path, std::ios::binary | std::ios::in | std::ios::out);
     out.seekp(static_cast<std::streamoff>(at));
     out.write(reinterpret_cast<const char*>(what.data()), static_cast<std::streamsize>(what.size()));
   };
   // The second record ends where 32 bits begin anew: its length is one that wraps.
-  Put(Record(200, 1, 0, ByteVector(536)) + header(kFour + 500 - 614));
+  Put(Record(200, 1, 0, ByteVector(536)) + header(static_cast<std::uint32_t>(500 - 614)));
   std::filesystem::resize_file(path, kFour + 1000);
   put(kFour + 500, EndOf(7));
   ASSERT_TRUE(file.Open(Text(path)));

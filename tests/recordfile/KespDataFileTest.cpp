@@ -20,22 +20,18 @@ class KespDataFile : public OneFile {
 };
 
 TEST_F(KespDataFile, OpensWhatHasAWholeHeader) {
-  const auto cut = [](std::size_t size, ByteVector bytes = FileHeader()) {
-    bytes.resize(size);
-    return bytes;
-  };
   ByteVector badSignature = FileHeader();
   badSignature[41] = 'f';
+  const ByteVector twenty(20, 0xEE), none = FileHeader(3, 0);
   // clang-format off
   const struct { ByteVector bytes; KESP_ERROR_TYPE error; std::uint32_t firstRecord = kFirst; } rows[] = {
-      {{}, KESP_ERROR_SIGNATURE}, {cut(41), KESP_ERROR_SIGNATURE}, {badSignature, KESP_ERROR_SIGNATURE},
-      // Cut inside version and length, with too little for a length of 2, and inside the header word.
-      {cut(43), KESP_ERROR_EOF}, {cut(47), KESP_ERROR_EOF}, {cut(48), KESP_ERROR_FILE_HEADER},
-      {cut(48, FileHeader(3, 0)), KESP_ERROR_EOF}, {cut(49, FileHeader(3, 0)), KESP_ERROR_EOF},
-      {FileHeader(), KESP_ERROR_NONE}, {FileHeader(3, 0), KESP_ERROR_NONE, 48},
-      {FileHeader(2, 0x10) + ByteVector(20, 0xEE), KESP_ERROR_NONE, 64},
+      {{}, KESP_ERROR_SIGNATURE}, {Part(none, 0, 41), KESP_ERROR_SIGNATURE}, {badSignature, KESP_ERROR_SIGNATURE},
+      // Cut inside version, length and header word, and with too little for a length of 2.
+      {Part(none, 0, 43), KESP_ERROR_EOF}, {Part(none, 0, 47), KESP_ERROR_EOF}, {Part(none, 0, 49), KESP_ERROR_EOF},
+      {Part(none, 0, 48), KESP_ERROR_EOF}, {Part(FileHeader(), 0, 48), KESP_ERROR_FILE_HEADER},
+      {FileHeader(), KESP_ERROR_NONE}, {none, KESP_ERROR_NONE, 48}, {FileHeader(2, 0x10) + twenty, KESP_ERROR_NONE, 64},
       // Up to the end, one past it, and so far that it wraps.
-      {FileHeader(3, 0x16) + ByteVector(20), KESP_ERROR_NONE, 70}, {FileHeader(3, 0x17) + ByteVector(20), KESP_ERROR_FILE_HEADER},
+      {FileHeader(3, 0x16) + twenty, KESP_ERROR_NONE, 70}, {FileHeader(3, 0x17) + twenty, KESP_ERROR_FILE_HEADER},
       {FileHeader(3, 0xFFFFFFFF), KESP_ERROR_NONE, 47}};
   // clang-format on
   for (const auto& row : rows) {

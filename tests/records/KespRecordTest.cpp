@@ -79,10 +79,9 @@ TEST(Records, AreTheSameByTheirKeys) {
   attribute2.FeatureNumber = 1, attribute3.AttributeName = u"type";
   attribute.AttributeName = attribute2.AttributeName = u"Type";
   for (int i = 0; i < 6; ++i) EXPECT_FALSE(kAll[i < 4 ? i : i - 2]->IsSameKespRecord(kOthers[i])) << i;
-  for (const auto& [a, b, same] : {std::tuple{u"Tree stump", u"Tree line", true},
-                                   {u"BMC:a", u"bmc:a", false},
-                                   {u"ab", u"abc", false},
-                                   {u"abcd", u"abc", false}}) {
+  const std::tuple<const char16_t*, const char16_t*, bool> kNotes[] = {
+      {u"Tree stump", u"Tree line", true}, {u"BMC:a", u"bmc:a", false}, {u"ab", u"abc", false}};
+  for (const auto& [a, b, same] : kNotes) {
     note.NoteText = a, note2.NoteText = b;
     EXPECT_EQ(note.IsSameKespRecord(&note2), same) << note.NoteText.ToUtf8();
   }
@@ -142,16 +141,14 @@ TEST(Attribute, OnlyVersion1ReportsABadKind) {
     }
   }
   // The flag 0x100 shows how often it is applied on the way to the body: a second time revives what the first left.
-  for (const auto& [own, version, flags] : {std::tuple{3, 1, 0u},
-                                            {3, 2, 0x100u},
-                                            {3, 3, 0x100u},
-                                            {3, 0, 0x100u},
-                                            {2, 0, 0x108u},
-                                            {1, 0, 0x100u},
-                                            {3, 4, 0x100u}}) {
+  // clang-format off
+  const std::tuple<std::uint16_t, std::uint16_t, std::uint32_t> kVersions[] = {
+      {3, 1, 0}, {3, 2, 0x100}, {3, 3, 0x100}, {3, 0, 0x100}, {2, 0, 0x108}, {1, 0, 0x100}, {3, 4, 0x100}};
+  // clang-format on
+  for (const auto& [own, version, flags] : kVersions) {
     CKespAttribute attribute;
-    attribute.m_recordVersion = static_cast<std::uint16_t>(own);
-    EXPECT_EQ(scratch.Body(attribute, static_cast<std::uint16_t>(version), 0x100).empty(), version == 4);
+    attribute.m_recordVersion = own;
+    EXPECT_EQ(scratch.Body(attribute, version, 0x100).empty(), version == 4);
     EXPECT_TRUE(scratch.written == (version != 4) && attribute.m_flags == flags) << own << ' ' << version;
   }
 }
@@ -159,20 +156,18 @@ TEST(Attribute, OnlyVersion1ReportsABadKind) {
 TEST(Attribute, ShowsAndComparesItsValue) {
   CKespAttribute a;
   a.TextValue = u"Oak", a.Decimals = 1;
-  for (const auto& [kind, value, sub, text] : {std::tuple{0, 1, "Red", ""},
-                                               {1, 1, "Red", "Oak"},
-                                               {2, 45000, "Red", "45,000.0"},
-                                               {3, 1, "", "Oak"},
-                                               {3, 1, "Red", "Oak/Red"},
-                                               {4, 45000, "Red", "03/15/2023"},
-                                               {5, 1, "Red", ""}}) {
+  // clang-format off
+  const std::tuple<int, double, const char*, const char*> kShown[] = {
+      {0, 1, "Red", ""}, {1, 1, "Red", "Oak"}, {2, 45000, "Red", "45,000.0"}, {3, 1, "", "Oak"},
+      {3, 1, "Red", "Oak/Red"}, {4, 45000, "Red", "03/15/2023"}, {5, 1, "Red", ""}};
+  const std::tuple<const char*, const char*, double, bool> kOthers[] = {
+      {"Oak", "Red", 1, true}, {"Oak", "red", 1, false}, {"Elm", "Red", 1, false}, {"Oak", "Red", 2, false}};
+  // clang-format on
+  for (const auto& [kind, value, sub, text] : kShown) {
     a.AttributeKind = kind, a.Value = value, a.SubValue = sub;
     EXPECT_EQ(a.GetAsFormatedString(false).ToUtf8(), text) << kind;
   }
-  for (const auto& [text, sub, value, same] : {std::tuple{u"Oak", u"Red", 1, true},
-                                               {u"Oak", u"red", 1, false},
-                                               {u"Elm", u"Red", 1, false},
-                                               {u"Oak", u"Red", 2, false}}) {
+  for (const auto& [text, sub, value, same] : kOthers) {
     CKespAttribute b;
     b.AttributeName = u"other", b.TextValue = text, b.SubValue = sub, b.Value = value;
     EXPECT_EQ(a.IsEqual(b), same);
