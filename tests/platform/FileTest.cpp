@@ -98,9 +98,11 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
       file.ReadAhead();
       for (std::size_t pieces = below(300); pieces != 0 && !testing::Test::HasFailure(); --pieces) {
         read(below(pieces % 8 == 0 ? CFile::kMaxView : 300) + 1);
-        if (below(50) == 0) seek(position += below(700'000));  // over what is not wanted
+        if (below(50) != 0) continue;
+        seek(position += below(700'000));  // over what is not wanted
+        if (below(2) == 0) put(write(3000)), seek(position -= 3000);
+        file.ReadAhead();  // at work already, if nothing was written
       }
-      file.ReadAhead();  // at work already, as a rule
     }
     ASSERT_TRUE(file.GetPosition() == position && (below(50) != 0 || file.GetLength() == model.size()));
   }
