@@ -44,7 +44,7 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
   std::size_t position = 0;
   std::mt19937 random(seed);
   const auto below = [&random](std::size_t limit) { return limit == 0 ? 0 : random() % limit; };
-  const auto size = [&] { return below(20) == 0 ? below(300'000) : below(200); };
+  const auto size = [&] { return below(20) == 0 ? below(400'000) : below(200); };
   const auto write = [&](std::size_t count) {
     ByteVector bytes(count);
     for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
@@ -77,7 +77,9 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
     if (kind < 30) {
       read(size());
     } else if (kind < 50) {
+      const std::size_t start = position;
       put(write(size()));
+      if (below(4) == 0) seek(position = start);
     } else if (kind < 60) {
       CFile::Gather gather(file);
       const ByteVector first = write(size()), all = first + write(size());
