@@ -51,7 +51,7 @@ void SetHeader(CKespTavoHeader& h) {
 
 // One class and version: its bytes written and read, read when they are cut short anywhere, refused by a file.
 template <class R, class SetUp>
-void Check(std::uint16_t version, SetUp setUp, const std::string& hex, KESP_ERROR_TYPE cut = KESP_ERROR_EOF) {
+void Check(std::uint16_t version, const std::string& hex, SetUp setUp, KESP_ERROR_TYPE cut = KESP_ERROR_EOF) {
   SCOPED_TRACE(testing::Message() << typeid(R).name() << version);
   Scratch scratch;
   const ByteVector bytes = Hex(hex);
@@ -97,36 +97,29 @@ void Check(std::uint16_t version, SetUp setUp, const std::string& hex, KESP_ERRO
 }
 
 TEST(Bodies, StandByteForByteInTheFile) {
-  Check<CKespFeature>(1, SetFeature, "01020304 'Oak' 00*19 0300 11121314 2122");
-  Check<CKespFeature>(2, SetFeature, "01020304 \"Oak\" 00*36 0300 11121314 2122");
-  Check<CKespFeature>(3, SetFeature, "01020304 \"Oak\" 00*506 0300 11121314 2122");
-  Check<CKespFeatureEnd>(
-      1, [](CKespFeatureEnd& e) { e.FeatureNumber = 0x84030201; }, "01020384");
+  Check<CKespFeature>(1, "01020304 'Oak' 00*19 0300 11121314 2122", SetFeature);
+  Check<CKespFeature>(2, R"(01020304 "Oak" 00*36 0300 11121314 2122)", SetFeature);
+  Check<CKespFeature>(3, R"(01020304 "Oak" 00*506 0300 11121314 2122)", SetFeature);
+  Check<CKespFeatureEnd>(1, "01020384", [](CKespFeatureEnd& e) { e.FeatureNumber = 0x84030201; });
   const std::string point = "01020304 11121314 ", numbers = " feffffff 00*6 f03f 00*7 40 00*6 04c0 00*6 e03f ";
-  Check<CKespPoint>(1, SetOldPoint, point + "'P7' 00*20" + numbers + "0900");
-  Check<CKespPoint>(2, SetPoint, point + "\"P7\" 00*38" + numbers + "feff 2122 0100 00*6 0840 00*6 1040");
-  const std::string values = " 00*6 f03f 00*7 40 00*6 0840 2122 ";
-  Check<CKespAttribute>(1, SetOldAttribute,
-                        "01020304 'Kind' 00*18 0300 'Oak' 00*38 'Red' 00*18" + values + "'aux' 00*19");
-  Check<CKespAttribute>(2, SetOldAttribute,
-                        "01020304 \"Kind\" 00*34 0300 \"Oak\" 00*76 \"Red\" 00*36" + values + "\"aux\" 00*36");
-  Check<CKespAttribute>(
-      3, SetAttribute,
-      "01020304 \"Kind\" 00*504 0300 \"Oak\" 00*506 \"Red\" 00*506" + values + "\"aux\" 00*122 00*6 1040 00*6 1440");
-  Check<CKespNote>(
-      1, [](CKespNote& n) { n.NoteText = u"T\u00FFz"; }, "54 ff 7a 00*253");
-  Check<CKespNote>(
-      2, [](CKespNote& n) { n.NoteText = u"T\u20AC"; }, "5400 ac20 00*508");
-  Check<CKespTavoHeader>(1, SetOldHeader, "00*10 't1' 00*19 't2' 00*254 't3' 00*254 't4' 00*254 't5' 00*126 00");
-  Check<CKespTavoHeader>(2, SetHeader,
-                         "07020304 11121314 2122 \"t1\" 00*38 \"t2\" 00*508 \"t3\" 00*508 \"t4\" 00*508 "
-                         "\"t5\" 00*252 \"t6\" 00*508 \"t7\" 00*508 02000000 00*6 f03f 00*7 40 00*6 0840 "
-                         "00*6 1040 00*6 1440 00*6 1840 00*6 1c40 00*6 2040 31000000 32000000 33000000 34000000 "
-                         "35000080 \"lp\" 00*38 41000000 \"s1\" 00*508 42000000 \"s2\" 00*508 43000000 "
-                         "51 00 51*30 44000000 52*15 00",
-                         KESP_ERROR_APP_HEADER);
-  Check<CKespTag>(
-      2, [](CKespTag& t) { t.Set("ab", -2); }, "01000000 14000000 08000000 \"ab\" 00*4 04000000 feffffff");
+  Check<CKespPoint>(1, point + "'P7' 00*20" + numbers + "0900", SetOldPoint);
+  Check<CKespPoint>(2, point + "\"P7\" 00*38" + numbers + "feff 2122 0100 00*6 0840 00*6 1040", SetPoint);
+  const std::string a1 = "01020304 'Kind' 00*18 0300 'Oak' 00*38 'Red' 00*18",
+                    values = " 00*6 f03f 00*7 40 00*6 0840 2122 ";
+  const std::string a2 = R"(01020304 "Kind" 00*34 0300 "Oak" 00*76 "Red" 00*36)";
+  const std::string a3 = R"(01020304 "Kind" 00*504 0300 "Oak" 00*506 "Red" 00*506)";
+  Check<CKespAttribute>(1, a1 + values + "'aux' 00*19", SetOldAttribute);
+  Check<CKespAttribute>(2, a2 + values + "\"aux\" 00*36", SetOldAttribute);
+  Check<CKespAttribute>(3, a3 + values + "\"aux\" 00*122 00*6 1040 00*6 1440", SetAttribute);
+  Check<CKespNote>(1, "54 ff 7a 00*253", [](CKespNote& n) { n.NoteText = u"T\u00FFz"; });
+  Check<CKespNote>(2, "5400 ac20 00*508", [](CKespNote& n) { n.NoteText = u"T\u20AC"; });
+  Check<CKespTavoHeader>(1, "00*10 't1' 00*19 't2' 00*254 't3' 00*254 't4' 00*254 't5' 00*126 00", SetOldHeader);
+  Check<CKespTavoHeader>(2, R"(07020304 11121314 2122 "t1" 00*38 "t2" 00*508 "t3" 00*508 "t4" 00*508 "t5" 00*252
+      "t6" 00*508 "t7" 00*508 02000000 00*6 f03f 00*7 40 00*6 0840 00*6 1040 00*6 1440 00*6 1840 00*6 1c40 00*6 2040
+      31000000 32000000 33000000 34000000 35000080 "lp" 00*38 41000000 "s1" 00*508 42000000 "s2" 00*508
+      43000000 51 00 51*30 44000000 52*15 00)",
+                         SetHeader, KESP_ERROR_APP_HEADER);
+  Check<CKespTag>(2, R"(01000000 14000000 08000000 "ab" 00*4 04000000 feffffff)", [](CKespTag& t) { t.Set("ab", -2); });
 }
 
 struct TextLimit {

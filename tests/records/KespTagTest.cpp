@@ -17,8 +17,7 @@ struct OpenTag : CKespTag {
 void SetBlock(CKespTag& tag, KESP_TAG type, const ByteVector& block) {
   Scratch scratch;
   ByteVector body;
-  Append(body, type, 4);
-  Append(body, block.size(), 4);
+  Append(body, type, 4), Append(body, block.size(), 4);
   EXPECT_TRUE(scratch.Read(tag, body + block));
 }
 
