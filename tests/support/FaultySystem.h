@@ -26,12 +26,12 @@ struct IdleDisk : SystemCalls {
 
 class FaultySystem : public IdleDisk {
  public:
-  enum class Fault {
-    Error,        // the call fails with EIO
-    Full,         // calls that take room on the disk fail with ENOSPC, others work
-    Interrupted,  // the call fails with EINTR once; the caller is to try again
-    Short,        // a read or write moves half of what was asked, others work
-    Torn,         // a write moves half, and the disk is full for the next write and for cutting the file back
+  enum class Fault : char {
+    Error = 'E',        // the call fails with EIO
+    Full = 'F',         // calls that take room on the disk fail with ENOSPC, others work
+    Interrupted = 'I',  // the call fails with EINTR once; the caller is to try again
+    Short = 'S',        // a read or write moves half of what was asked, others work
+    Torn = 'T',         // a write moves half, and the disk is full for the next write and for cutting the file back
   };
 
   // Counts only: nothing fails.
