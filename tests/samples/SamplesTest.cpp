@@ -20,10 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-std::string TextOf(const fs::path& path) {
-  const ByteVector bytes = ReadFile(path);
-  return {bytes.begin(), bytes.end()};
-}
 
 // The parser takes no lone surrogates, so every surrogate's escape becomes the text that spells it.
 std::string SpellSurrogates(const std::string& text) {
