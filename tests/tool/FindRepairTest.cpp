@@ -88,7 +88,7 @@ TEST_F(Tool, NothingIsReplacedUnaskedAndNothingIsLeftLyingAbout) {
   ASSERT_TRUE(holder.Open(Text(dir / "held")));
   for (const std::string command : {"copy ", "repair "}) {
     WriteFile(dir / "b", Hex("aa"));
-    EXPECT_EQ(Run(command + "@a @b"), (ToolResult{2, "", "kesp: @b: exists; --force replaces it\n"}));
+    EXPECT_EQ(Run(command + "@a @b"), (ToolResult{2, "", "@b: exists; --force replaces it"}));
     for (const std::string name : {"@a", "@hard", "@soft", "@held", "@", "@none/b", "/dev/full"}) {
       EXPECT_EQ(Run(command + "--force @a " + name).status, 2) << name;
     }
