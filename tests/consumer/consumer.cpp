@@ -34,14 +34,6 @@ std::string BytesOfDump(std::istream& document) {
   return bytes;
 }
 
-template <class Record>
-std::unique_ptr<Record> Next(CKespDataFile& file, bool skipDeleted = true) {
-  std::unique_ptr<CKespRecord> record(file.ReadNextRecord(skipDeleted));
-  std::unique_ptr<Record> wanted(dynamic_cast<Record*>(record.get()));
-  if (wanted) (void)record.release();
-  return wanted;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -53,24 +45,25 @@ int main(int argc, char** argv) {
   Check(file.OpenReadOnly(CString(argv[2])), "the file opens");
   Check(file.GetLength() == 240 && file.m_version == 1, "240 bytes, of file version 1");
   file.SeekToFirstRecord();
+  std::unique_ptr<CKespRecord> record;
+  const auto next = [&] { return record.reset(file.ReadNextRecord(false)), record.get(); };
 
-  const auto feature = Next<CKespFeature>(file);
+  const auto* const feature = dynamic_cast<CKespFeature*>(next());
   Check(feature && feature->FeatureNumber == 7 && feature->FeatureName == u"Oak" &&
             feature->FeatureType == KESP_FEATURE_POINT && feature->Color == 0xFF00 && feature->SymbolIndex == 34,
         "a feature named Oak");
-  const auto point = Next<CKespPoint>(file);
+  const auto* const point = dynamic_cast<CKespPoint*>(next());
   Check(point && point->FeatureNumber == 7 && point->PointNumber == 1 && point->PointText == u"P1" &&
             point->PointTime == 1700000000 && point->CoordY == 48.5 && point->CoordX == 9.25 && point->CoordZ == 512 &&
             point->GpsValue == 1.5 && point->SignalStatus == 3,
         "its point");
-  const auto end = Next<CKespFeatureEnd>(file);
+  const auto* const end = dynamic_cast<CKespFeatureEnd*>(next());
   Check(end && end->FeatureNumber == 7, "its end");
-  const auto tag = Next<CKespTag>(file, false);
+  auto* const tag = dynamic_cast<CKespTag*>(next());
   CString name;
   int age = 0;
   Check(tag && tag->IsDeleted() && tag->m_flags == 5 && tag->GetInteger(name, age) && name == u"Age" && age == 120,
         "a deleted tag");
-  Check(!Next<CKespRecord>(file) && file.GetError() == KESP_ERROR_NORMAL_EOF, "and nothing behind it");
-
+  Check(!next() && file.GetError() == KESP_ERROR_NORMAL_EOF, "and nothing behind it");
   return g_failures == 0 ? 0 : 1;
 }
