@@ -1,10 +1,9 @@
 // One byte of a survey goes wrong, each in turn: how many records stay, to the walk, the rebuild and the salvage, is
 // what the layout says.
 
-#include <fstream>
-
 #include "kesp/recordfile/Salvage.h"
 #include "tests/recordfile/Survey.h"
+#include "tests/support/MemorySystem.h"
 
 using namespace kesp::test;
 
@@ -60,60 +59,47 @@ TEST(DamagedBytes, CostTheRecordsThatTheLayoutSays) {
   for (const Stored& stored : EveryClass()) records.push_back(stored.Bytes());
   ByteVector file = FileHeader();
   for (const ByteVector& record : records) Append(file, record);
-  const TempDir dir;
-  const auto path = dir / "a.kesp", copy = dir / "b.kesp";
-  WriteFile(path, file);
-  std::fstream out(path, std::ios::binary | std::ios::in | std::ios::out);
-  const IdleDisk disk;
+  MemorySystem system;
+  const auto copied = [&] { return Readable(system.At("b"), kFirst, false).size(); };
   std::size_t changes = 0;
-  const auto put = [&](std::size_t at, int byte) {
-    file[at] = static_cast<std::uint8_t>(byte);
-    out.seekp(static_cast<std::streamoff>(at)).put(static_cast<char>(byte)).flush();
-  };
-  // How many records are in the copy that this makes. To empty the last one would make the file system write it out.
-  const auto copied = [&](const auto& make) {
-    std::filesystem::remove(copy);
-    make();
-    return Readable(ReadFile(copy), kFirst, false).size();
-  };
   for (std::size_t at = 0; at < file.size(); ++at) {
-    for (const int to : {file[at] ^ 0xFF, 0}) {
-      const int was = file[at];
+    const std::uint8_t was = file[at], flipped = was ^ 0xFF;
+    for (const std::uint8_t to : {flipped, std::uint8_t{0}}) {
       if (to == was) continue;
-      SCOPED_TRACE(testing::Message() << "byte " << at << " from " << was << " to " << to);
-      put(at, to);
+      SCOPED_TRACE(testing::Message() << "byte " << at << " from " << +was << " to " << +to);
+      ++changes;
+      file[at] = to;
+      system.Put("a", file);
       const std::uint32_t first = 48 + Number(file, 44, 4);
       CKespDataFile damaged;
-      ASSERT_EQ(damaged.OpenReadOnly(Text(path)), at >= 42 && first <= file.size());
-      if (damaged.IsOpen()) {
-        std::size_t count = 0, start = kFirst, salvaged = 0;
-        damaged.SeekToFirstRecord();
-        try {
-          while (const std::unique_ptr<CKespRecord> record{damaged.ReadNextRecord(false)}) ++count;
-        } catch (const CFileException&) {  // of a feature of version 1
-        }
-        EXPECT_EQ(count, Readable(file, first, false).size());
-        const auto readable = Readable(file, kFirst, true);
-        EXPECT_EQ(copied([&] { EXPECT_TRUE(damaged.CopyVerify(Text(copy), 2)); }), readable.size());
-        // The salvage loses the record with the damage at most, and not when readers take it; but an attribute without
-        // a version, which readers hand out empty, could be anything behind a record that is stepped over.
-        bool wasLive = true;
-        for (const ByteVector& record : records) {
-          const bool isHit = at >= start && at < start + record.size();
-          const bool isLive = Number(record, 0, 4) < 10 && (record[6] & 1) == 0;
-          const bool isTaken = std::binary_search(readable.begin(), readable.end(), start) &&
-                               (wasLive || Number(file, start + 4, 2) != 0);
-          salvaged += isHit ? isTaken : isLive;
-          start += record.size();
-          wasLive = isLive;
-        }
-        kesp::SalvageReport report;
-        EXPECT_EQ(copied([&] { EXPECT_TRUE(kesp::Salvage(damaged, Text(copy), 2, report)); }), report.kept);
-        EXPECT_EQ(report.kept, salvaged);
+      ASSERT_EQ(damaged.OpenReadOnly("a"), at >= 42 && first <= file.size());
+      if (!damaged.IsOpen()) continue;
+      std::size_t count = 0, start = kFirst, salvaged = 0;
+      damaged.SeekToFirstRecord();
+      try {
+        while (const std::unique_ptr<CKespRecord> record{damaged.ReadNextRecord(false)}) ++count;
+      } catch (const CFileException&) {  // of a feature of version 1
       }
-      put(at, was);
-      ++changes;
+      EXPECT_EQ(count, Readable(file, first, false).size());
+      const auto readable = Readable(file, kFirst, true);
+      EXPECT_TRUE(damaged.CopyVerify("b", 2) && copied() == readable.size());
+      // The salvage loses the record with the damage at most, and not when readers take it; but an attribute without a
+      // version, which readers hand out empty, could be anything behind a record that is stepped over.
+      bool wasLive = true;
+      for (const ByteVector& record : records) {
+        const bool isHit = at >= start && at < start + record.size();
+        const bool isLive = Number(record, 0, 4) < 10 && (record[6] & 1) == 0;
+        const bool isTaken =
+            std::ranges::binary_search(readable, start) && (wasLive || Number(file, start + 4, 2) != 0);
+        salvaged += isHit ? isTaken : isLive;
+        start += record.size();
+        wasLive = isLive;
+      }
+      kesp::SalvageReport report;
+      EXPECT_TRUE(kesp::Salvage(damaged, "b", 2, report) && copied() == report.kept);
+      EXPECT_EQ(report.kept, salvaged);
     }
+    file[at] = was;
   }
   std::printf("%zu changes of single bytes\n", changes);
 }

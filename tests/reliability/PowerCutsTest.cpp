@@ -32,20 +32,18 @@ struct Recorder : IdleDisk {
   }
   ssize_t Write(int to, const void* from, std::size_t count, std::int64_t offset) override {
     const auto* const bytes = static_cast<const std::uint8_t*>(from);
-    if (to == fd) events.push_back({'w', static_cast<std::uint64_t>(offset), {bytes, bytes + count}});
+    Note(to, {'w', static_cast<std::uint64_t>(offset), {bytes, bytes + count}});
     return SystemCalls::Write(to, from, count, offset);
   }
   ssize_t CopyRange(int, std::int64_t, int, std::int64_t, std::size_t) override { return -1; }
   int Truncate(int of, std::int64_t length) override {
-    if (of == fd) events.push_back({'t', static_cast<std::uint64_t>(length)});
+    Note(of, {'t', static_cast<std::uint64_t>(length)});
     return SystemCalls::Truncate(of, length);
   }
-  int DataSync(int of) override {
-    if (of == fd) events.push_back({'s'});
-    return 0;
-  }
-  int FullSync(int) override {
-    events.push_back({'d'});
+  int DataSync(int of) override { return Note(of, {'s'}); }
+  int FullSync(int) override { return Note(fd, {'d'}); }
+  int Note(int of, const Event& event) {
+    if (of == fd) events.push_back(event);
     return 0;
   }
   // The record that stands at `offset` now.

@@ -46,13 +46,6 @@ class Sharing : public testing::Test {
       Check(copy, least);
     }
   }
-  template <class Act>
-  static pid_t InChild(Act act) {
-    const pid_t child = ::fork();
-    if (child != 0) return child;
-    act();
-    ::_exit(0);
-  }
   const TempDir dir;
   const Path path = dir / "a.kesp", copy = dir / "b.kesp";
   const IdleDisk disk;
@@ -64,37 +57,21 @@ TEST_F(Sharing, KeepsWritersApartAndReadersUndisturbed) {
     board.Clear();
     ASSERT_TRUE(CKespDataFile().Create(Text(path)));
     std::vector<pid_t> children;
-    for (int i = 0; i < writers; ++i) children.push_back(InChild([&] { Write(writers > 1); }));
-    for (int i = 0; i < 2; ++i) children.push_back(InChild([&] { Read(); }));
-    children.push_back(InChild([&] { Copy(); }));
     for (int i = 0; i < writers + 3; ++i) {
+      children.push_back(::fork());
+      if (children.back() != 0) continue;
+      i < writers ? Write(writers > 1) : i < writers + 2 ? Read() : Copy();
+      ::_exit(0);
+    }
+    for (std::size_t i = 0; i < children.size(); ++i) {
       int status = 0;
-      ::waitpid(children[static_cast<std::size_t>(i)], &status, 0);
+      ::waitpid(children[i], &status, 0);
       EXPECT_EQ(status, 0) << "left in line " << WEXITSTATUS(status) << ", signal " << WTERMSIG(status);
-      board.done = i + 1 >= writers;
+      board.done = i + 1 >= static_cast<std::size_t>(writers);
     }
     EXPECT_TRUE(board.appended >= 200 && board.reads >= 3 && Walk(path).positions.size() == board.appended);
     std::printf("%d writers, refused %u times; %u reads and %u copies meanwhile\n", writers, board.refused.load(),
                 board.reads.load(), board.copies.load());
-  }
-}
-
-TEST_F(Sharing, LeavesNoLockOfAProcessThatIsGone) {
-  ASSERT_TRUE(CKespDataFile().Create(Text(path)));
-  for (const bool exclusively : {false, true}) {
-    board.Clear();
-    const pid_t holder = InChild([&] {
-      CKespDataFile file;
-      NEED(exclusively ? file.CopyVerify(Text(path), Text(copy), 2) : file.Open(Text(path)));
-      ++board.writers;
-      for (;;) ::pause();
-    });
-    for (int i = 0; i < 100'000 && board.writers == 0; ++i) ::usleep(100);
-    CKespDataFile file;
-    EXPECT_FALSE(file.Open(Text(path)) || file.Create(Text(path)));
-    ::kill(holder, SIGKILL);
-    ::waitpid(holder, nullptr, 0);
-    EXPECT_TRUE(file.Open(Text(path)));
   }
 }
 

@@ -4,8 +4,6 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,18 +41,6 @@ inline ByteVector Hex(std::string_view text) {
     }
   }
   return bytes;
-}
-
-// The first `size` bytes on the heap without a spare byte behind, so that an overrun is seen.
-struct HeapBytes {
-  std::unique_ptr<std::byte[]> data;
-  std::size_t size;
-  operator std::span<const std::byte>() const { return {data.get(), size}; }
-};
-inline HeapBytes ExactCopy(const ByteVector& bytes, std::size_t size) {
-  HeapBytes copy{std::make_unique<std::byte[]>(size), size};
-  for (std::size_t i = 0; i < size; ++i) copy.data[i] = static_cast<std::byte>(bytes[i]);
-  return copy;
 }
 
 // Little-endian, for building files.

@@ -1,11 +1,5 @@
-// Makes the n-th allocation of the program fail. The program is built with FaultyMemory.cpp, which replaces operator
-// new.
-//
-//   for (int n = 1;; ++n) {
-//     FaultyMemory memory(n);
-//     ... run; check ...
-//     if (!memory.Struck()) break;   // the run passed untouched
-//   }
+// Makes the n-th allocation of the program fail, counted from 1, in a program that is built with FaultyMemory.cpp. When
+// it is not Struck() the run has passed untouched.
 #pragma once
 #include <new>
 

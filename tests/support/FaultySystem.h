@@ -1,10 +1,5 @@
-// Makes the n-th system call of the library fail, come up short, or be counted.
-//
-//   for (int n = 1;; ++n) {
-//     FaultySystem system(n, FaultySystem::Fault::Error);
-//     ... run; check ...
-//     if (!system.Struck()) break;   // the run passed untouched
-//   }
+// Makes the n-th system call of the library fail, come up short, or be counted. With n counted up from 1, the run has
+// passed untouched when it is not Struck().
 #pragma once
 #include <algorithm>
 #include <cerrno>
@@ -92,24 +87,14 @@ class FaultySystem : public IdleDisk {
 
   bool Fails(const char* name, unsigned kind = 0) {
     m_names.emplace_back(name);
-    m_short = false;
-    if (!Struck()) return false;
-    const bool first = Calls() == m_at;
+    const bool first = Calls() == m_at, now = first || (m_forGood && Struck());
+    m_short = (m_fault == Fault::Short && now) || (m_fault == Fault::Torn && first);
+    if (!Struck() || m_fault == Fault::Short) return false;
     errno = m_fault == Fault::Error ? EIO : m_fault == Fault::Interrupted ? EINTR : ENOSPC;
-    switch (m_fault) {
-      case Fault::Error:
-        return first || m_forGood;
-      case Fault::Full:
-        return (first || m_forGood) && (kind & kRoom) != 0;
-      case Fault::Interrupted:
-        return first;
-      case Fault::Short:
-        m_short = first || m_forGood;
-        return false;
-      default:
-        m_short = first;
-        return !first && (m_forGood || ((kind & (kMoves | kCuts)) != 0 && m_tornAlready.insert(kind).second));
-    }
+    if (m_fault == Fault::Error) return now;
+    if (m_fault == Fault::Full) return now && (kind & kRoom) != 0;
+    if (m_fault == Fault::Interrupted) return first;
+    return !first && (m_forGood || ((kind & (kMoves | kCuts)) != 0 && m_tornAlready.insert(kind).second));
   }
   std::size_t Moved(std::size_t count) const { return m_short ? (count + 1) / 2 : count; }
 

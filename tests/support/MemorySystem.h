@@ -28,10 +28,8 @@ class MemorySystem : public SystemCalls {
   }
   const ByteVector& At(const std::string& path) const { return *m_files.at(path); }
   std::uint64_t BytesRead() const { return m_bytesRead; }
-  std::uint64_t Calls() const { return m_calls; }
 
   int Open(const char* path, int flags, unsigned /*mode*/) override {
-    ++m_calls;
     const auto found = m_files.find(path);
     if (found == m_files.end() && (flags & O_CREAT) == 0) return Fail(ENOENT);
     if (found != m_files.end() && (flags & O_EXCL) != 0) return Fail(EEXIST);
@@ -44,17 +42,10 @@ class MemorySystem : public SystemCalls {
     const auto found = m_files.find(path);
     return found == m_files.end() ? Fail(ENOENT) : Describe(*found->second, info);
   }
-  int FileStat(int fd, struct stat* info) override {
-    ++m_calls;
-    return Describe(*m_open.at(fd), info);
-  }
-  std::int64_t End(int fd) override {
-    ++m_calls;
-    return static_cast<std::int64_t>(m_open.at(fd)->size());
-  }
+  int FileStat(int fd, struct stat* info) override { return Describe(*m_open.at(fd), info); }
+  std::int64_t End(int fd) override { return static_cast<std::int64_t>(m_open.at(fd)->size()); }
   int Lock(int /*fd*/, int /*operation*/) override { return 0; }
   ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {
-    ++m_calls;
     const ByteVector& bytes = *m_open.at(fd);
     const auto start = static_cast<std::size_t>(offset);
     const std::size_t size = start < bytes.size() ? std::min(count, bytes.size() - start) : 0;
@@ -63,7 +54,6 @@ class MemorySystem : public SystemCalls {
     return static_cast<ssize_t>(size);
   }
   ssize_t Write(int fd, const void* from, std::size_t count, std::int64_t offset) override {
-    ++m_calls;
     const std::size_t end = static_cast<std::size_t>(offset) + count;
     if (end > kLargestFile) return Fail(EFBIG);
     ByteVector& bytes = *m_open.at(fd);
@@ -101,7 +91,6 @@ class MemorySystem : public SystemCalls {
   std::map<int, std::shared_ptr<ByteVector>> m_open;
   int m_nextDescriptor = 1000;
   std::uint64_t m_bytesRead = 0;
-  std::uint64_t m_calls = 0;
 };
 
 }  // namespace kesp::test
