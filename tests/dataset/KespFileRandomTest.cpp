@@ -4,22 +4,13 @@
 #include <deque>
 #include <map>
 
-#include "kesp/platform/SystemCalls.h"
 #include "tests/dataset/DataSet.h"
+#include "tests/support/FaultySystem.h"
 
 using namespace kesp::test;
 using Access = CKespFileTestAccess;
 
 namespace {
-
-// Disks are slow, and nobody pulls the plug here.
-class WithoutSyncs : public kesp::SystemCalls {
- public:
-  WithoutSyncs() { kesp::SetSystemCalls(this); }
-  ~WithoutSyncs() override { kesp::SetSystemCalls(nullptr); }
-  int DataSync(int) override { return 0; }
-  int FullSync(int) override { return 0; }
-};
 
 // What a record says, in memory or in a file.
 struct Content {
@@ -28,22 +19,23 @@ struct Content {
   std::uint32_t flags = 0;
   bool operator==(const Content&) const = default;
   char Kind() const { return name[0]; }
+  bool IsDeleted() const { return (flags & KESP_FLAG_DELETED) != 0; }
   std::uint32_t Feature() const { return static_cast<std::uint32_t>(std::stoul(name.substr(1))); }
   std::uint32_t Point() const { return static_cast<std::uint32_t>(std::stoul(name.substr(name.find('/') + 1))); }
   void Mark(std::uint32_t mark) {
-    Change([mark](CKespNote& note) { note.SetSourceFlag(mark); });
-  }
-  void Delete() {
-    Change([](CKespNote& note) { note.SetDelete(); });
-  }
-  template <class Operation>
-  void Change(Operation operation) {
     CKespNote note;
     note.m_flags = flags;
-    operation(note);
+    note.SetSourceFlag(mark);
+    flags = note.m_flags;
+  }
+  void Delete() {
+    CKespNote note;
+    note.m_flags = flags;
+    note.SetDelete();
     flags = note.m_flags;
   }
 };
+using Disk = std::vector<Content>;
 void PrintTo(const Content& c, std::ostream* out) { *out << c.name << " \"" << c.text << "\" flags " << c.flags; }
 std::string HeaderText(const std::string& title, std::size_t points, std::size_t features, bool clean) {
   return title + " " + std::to_string(points) + " " + std::to_string(features) + (clean ? " 1" : " 0");
@@ -57,20 +49,23 @@ Content ContentOf(CKespRecord* record) {
   if (auto* const a = dynamic_cast<CKespAttribute*>(record)) text = a->TextValue.ToUtf8();
   return {Name(record), text, record->m_flags};
 }
-using Disk = std::vector<Content>;
+std::vector<CKespRecord*> Family(const CKespFeature& feature) {
+  std::vector<CKespRecord*> family(feature.m_attributeList.begin(), feature.m_attributeList.end());
+  family.insert(family.end(), feature.m_pointList.begin(), feature.m_pointList.end());
+  if (feature.GetFeatureEnd() != nullptr) family.push_back(feature.GetFeatureEnd());
+  return family;
+}
 
 // A record in memory. `real` is only looked at while the model says that it lives.
 struct Object : Content {
-  CKespRecord* real = nullptr;
-  std::string file;               // that it was read from or written to last; empty if none
-  std::size_t place = 0;          // in there
-  std::vector<Object*> children;  // of a feature: attributes, points and an end, each kind in order
+  CKespRecord* real;
+  std::string file{};               // that it was read from or written to last; empty if none
+  std::size_t place = 0;            // in there
+  std::vector<Object*> children{};  // of a feature: attributes, points and an end, each kind in order
   std::vector<Object*> Children(std::string_view kinds) const {
     std::vector<Object*> of;
-    for (const char kind : kinds) {
-      std::copy_if(children.begin(), children.end(), std::back_inserter(of),
-                   [kind](Object* o) { return o->Kind() == kind; });
-    }
+    for (const char kind : kinds)
+      std::ranges::copy_if(children, std::back_inserter(of), [=](auto* child) { return child->Kind() == kind; });
     return of;
   }
 };
@@ -99,12 +94,10 @@ class RandomRun {
   std::string log;  // the latest operations, as they stand above
 
  private:
-  Object* Know(Content content, CKespRecord* real) {
-    Object* const object = &m_objects.emplace_back();
-    static_cast<Content&>(*object) = std::move(content);
-    object->real = real;
-    return object;
+  Object* Any(const std::vector<Object*>& of) {
+    return of.empty() ? nullptr : of[m_random(static_cast<unsigned>(of.size()))];
   }
+  Object* Know(const Content& content, CKespRecord* real) { return &m_objects.emplace_back(Object{content, real}); }
   Object* Ours(CKespRecord* real) { return m_ours.emplace_back(Know(ContentOf(real), real)); }
   // Runs what clears the data set: what it took over goes with it, and the rest of ours then serves nobody.
   template <class Operation>
@@ -130,22 +123,12 @@ class RandomRun {
     const std::uint32_t number = 1 + m_random(40);
     CKespFeature* const feature = m_file->CreateFeature(m_text, KESP_FEATURE_LINE, number);
     Object* const object = Ours(feature);
-    const auto attach = [this, object](CKespRecord* child) {
-      object->children.push_back(Know(ContentOf(child), child));
-    };
-    for (unsigned n = m_random(4); n > 0; --n) {
-      CKespPoint* const point = m_file->CreatePoint(1 + m_random(60), m_text, 5, 1, 2, 3, number);
-      feature->AddPoint(point);
-      attach(point);
-    }
-    for (unsigned n = m_random(3); n > 0; --n) {
-      CKespAttribute* const attribute = m_file->CreateStringAttribute(n == 1 ? "a" : "b", number, m_text);
-      feature->AddAttribute(attribute);
-      attach(attribute);
-    }
-    if (m_random(2) == 0) return object;
-    feature->SetFeatureEnd(m_file->CreateFeatureEnd(number));
-    attach(feature->GetFeatureEnd());
+    for (unsigned n = m_random(4); n > 0; --n)
+      feature->AddPoint(m_file->CreatePoint(1 + m_random(60), m_text, 5, 1, 2, 3, number));
+    for (unsigned n = m_random(3); n > 0; --n)
+      feature->AddAttribute(m_file->CreateStringAttribute(n == 1 ? "a" : "b", number, m_text));
+    if (m_random(2) != 0) feature->SetFeatureEnd(m_file->CreateFeatureEnd(number));
+    for (CKespRecord* child : Family(*feature)) object->children.push_back(Know(ContentOf(child), child));
     return object;
   }
 
@@ -157,34 +140,34 @@ class RandomRun {
       header->HeaderText4 = m_text;
       m_list.push_back(Ours(header));
       m_file->AddTavoHeaderToWriteQueue(header);
-    } else if (what == 1) {
+      return;
+    }
+    if (what == 1) {
       CKespNote* const note = m_file->CreateNote(m_text);
       m_list.insert(m_list.end(), 2, Ours(note));
       for (int i = 0; i < 2; ++i) m_file->AddNoteToWriteQueue(note);
-    } else {
-      // By one of two ways; the second gives the data set the feature, perhaps one of ours that was queued before.
-      Object* feature = nullptr;
-      for (Object* object : m_ours) {
-        if (what > 3 && object->Kind() == 'F' && m_random(4) == 0) feature = object;
-      }
-      if (feature == nullptr) feature = MakeFeature();
-      std::vector<Object*> objects = feature->Children("APE");
-      objects.insert(objects.begin(), feature);
-      m_list.insert(m_list.end(), objects.begin(), objects.end());
-      if (what < 4) {
-        EXPECT_EQ(m_file->AddFeatureAndAssociatedRecToWriteQueue(static_cast<CKespFeature*>(feature->real)), ERR_NONE);
-        return;
-      }
-      m_features[feature->Feature()] = feature;
-      std::vector<CKespRecord*> records;
-      for (Object* object : objects) {
-        records.push_back(object->real);
-        if (object->Kind() != 'P') continue;
-        m_points[object->Point()] = object;
-        ++m_numPoints;
-      }
-      EXPECT_EQ(m_file->AddRecordsToWriteQueue(records.data(), static_cast<int>(records.size())), ERR_NONE);
+      return;
     }
+    // By one of two ways; the second gives the data set the feature, perhaps one of ours that was queued before.
+    Object* feature = nullptr;
+    for (Object* object : m_ours) {
+      if (what > 3 && object->Kind() == 'F' && m_random(4) == 0) feature = object;
+    }
+    if (feature == nullptr) feature = MakeFeature();
+    std::vector<Object*> objects = feature->Children("APE");
+    objects.insert(objects.begin(), feature);
+    m_list.insert(m_list.end(), objects.begin(), objects.end());
+    if (what < 4) {
+      EXPECT_EQ(m_file->AddFeatureAndAssociatedRecToWriteQueue(static_cast<CKespFeature*>(feature->real)), ERR_NONE);
+      return;
+    }
+    m_features[feature->Feature()] = feature;
+    std::vector<CKespRecord*> records;
+    for (Object* object : objects) {
+      records.push_back(object->real);
+      if (object->Kind() == 'P') m_points[object->Point()] = object, ++m_numPoints;
+    }
+    EXPECT_EQ(m_file->AddRecordsToWriteQueue(records.data(), static_cast<int>(records.size())), ERR_NONE);
   }
   void ClearQueue() {
     EXPECT_EQ(m_file->ClearQueueWithoutWriting(), ERR_NONE);
@@ -237,31 +220,29 @@ class RandomRun {
     header = AsRead(header);
     header.Mark(KESP_SRC_MODIFIED);
   }
-  void Close() {
-    EXPECT_EQ(m_file->CloseKesp(), ERR_NONE);
+  void CloseModel() {
     ChangeHeader("");
     m_path.clear();
   }
+  void Close() {
+    EXPECT_EQ(m_file->CloseKesp(), ERR_NONE);
+    CloseModel();
+  }
   void UpdateHeader() {
-    const ErrorEnum result = m_file->UpdateKespHeader(m_text, "", "", "", "", "", 0, 1, 0, 1, false);
-    if (m_path.empty()) {
-      EXPECT_EQ(result, ERR_FILE_NOT_OPEN);
-      return;
-    }
-    const Disk& disk = m_disks[m_path];
-    const auto first =
-        std::find_if(disk.begin(), disk.end(), [](const Content& c) { return (c.flags & KESP_FLAG_DELETED) == 0; });
-    EXPECT_EQ(result, first != disk.end() && first->Kind() == 'H' ? ERR_NONE : ERR_READ_FAILED);
+    ErrorEnum expected = m_path.empty() ? ERR_FILE_NOT_OPEN : ERR_READ_FAILED;
+    const Disk disk = m_path.empty() ? Disk() : m_disks[m_path];
+    const auto first = std::find_if(disk.begin(), disk.end(), [](const Content& c) { return !c.IsDeleted(); });
+    if (first != disk.end() && first->Kind() == 'H') expected = ERR_NONE;
+    EXPECT_EQ(m_file->UpdateKespHeader(m_text, "", "", "", "", "", 0, 1, 0, 1, false), expected);
     ChangeHeader(HeaderText(m_text, PointsInIndex(), m_features.size(), true));
   }
   std::uint32_t PointsInIndex() const {
     std::size_t count = 0;
-    for (const auto& [number, feature] : m_features) count += feature->Children("P").size();
+    for (const auto& entry : m_features) count += entry.second->Children("P").size();
     return static_cast<std::uint32_t>(count);
   }
   static Content AsRead(Content content) {
-    const std::uint32_t stored = std::exchange(content.flags, 0);
-    content.Mark(stored);
+    content.Mark(std::exchange(content.flags, 0));
     return content;
   }
   ErrorEnum ReadModel(bool deleted) {
@@ -269,7 +250,7 @@ class RandomRun {
     const Disk& disk = m_disks[m_path];
     for (std::size_t place = 0; place < disk.size(); ++place) {
       const char kind = disk[place].Kind();
-      if ((disk[place].flags & KESP_FLAG_DELETED) != 0 && !deleted) continue;
+      if (disk[place].IsDeleted() && !deleted) continue;
       if (count == 0 && kind != 'H') return ERR_NO_HEADER;
       if (count++ != 0 && kind == 'H') continue;
       const bool isChild = kind == 'P' || kind == 'A' || kind == 'E';
@@ -294,22 +275,11 @@ class RandomRun {
     m_numPoints = PointsInIndex();
     return ERR_NONE;
   }
-  // What reading made gets known by its places in the list.
-  void Meet() {
-    auto object = m_list.begin();
-    for (CKespRecord* record : m_file->m_recordList) {
-      if (object != m_list.end()) (*object++)->real = record;
-    }
-  }
   void Read() {
     const bool deleted = m_random(3) == 0;
-    if (m_path.empty()) {
-      EXPECT_EQ(m_file->ReadKespFile(deleted), ERR_FILE_NOT_OPEN);
-      return;
-    }
-    const ErrorEnum result = Clearing([&] { return m_file->ReadKespFile(deleted); });
-    EXPECT_EQ(result, ReadModel(deleted));
-    Meet();
+    const auto read = [&] { return m_file->ReadKespFile(deleted); };
+    const ErrorEnum result = m_path.empty() ? read() : Clearing(read);
+    EXPECT_EQ(result, m_path.empty() ? ERR_FILE_NOT_OPEN : ReadModel(deleted));
   }
   void Validate() {
     if (m_disks.empty()) return;
@@ -323,13 +293,10 @@ class RandomRun {
       if (expected == ERR_NONE && feature->Children("P").empty()) expected = ERR_BAD_FEATURE;
     }
     EXPECT_EQ(result, expected);
-    Meet();
-    if (wasOpen) return;
-    ChangeHeader("");
-    m_path.clear();
+    if (!wasOpen) CloseModel();
   }
   void MarkInMemory() {
-    Object* const object = m_list.empty() ? nullptr : m_list[m_random(static_cast<unsigned>(m_list.size()))];
+    Object* const object = Any(m_list);
     if (object == nullptr || object->Kind() == 'H') return;  // a deleted header is one that no reader finds
     EXPECT_EQ(m_file->DeleteRecord(object->real), ERR_NONE);
     object->Delete();
@@ -361,21 +328,22 @@ class RandomRun {
                        [this](const Object* o) { return IsPlaced(o); });
   }
   void DeleteFeature() {
-    if (m_features.empty()) return;
-    Object* const feature = std::next(m_features.begin(), m_random(static_cast<unsigned>(m_features.size())))->second;
-    if (!IsPlaced(feature)) return;
+    std::vector<Object*> features;
+    for (const auto& entry : m_features) features.push_back(entry.second);
+    Object* const feature = Any(features);
+    if (feature == nullptr || !IsPlaced(feature)) return;
     EXPECT_EQ(m_file->DeleteFeatureAndAssociatedRec(static_cast<CKespFeature*>(feature->real)), ERR_NONE);
     DeleteFeatureModel(*feature);
   }
   void DeletePoint() {
-    std::vector<Object*> points;
-    std::copy_if(m_list.begin(), m_list.end(), std::back_inserter(points), [](Object* o) { return o->Kind() == 'P'; });
-    if (points.empty()) return;
-    Object* const point = points[m_random(static_cast<unsigned>(points.size()))];
+    std::vector<Object*> points = m_list;
+    std::erase_if(points, [](const Object* o) { return o->Kind() != 'P'; });
+    Object* const point = Any(points);
+    if (point == nullptr) return;
     Object* const feature = m_features.contains(point->Feature()) ? m_features[point->Feature()] : nullptr;
-    const bool member =
-        feature != nullptr && std::count(feature->children.begin(), feature->children.end(), point) != 0;
-    const bool only = feature != nullptr && feature->Children("P").size() == 1;
+    const std::vector<Object*> siblings = feature != nullptr ? feature->Children("P") : std::vector<Object*>();
+    const bool member = std::find(siblings.begin(), siblings.end(), point) != siblings.end();
+    const bool only = siblings.size() == 1;
     if (!IsPlaced(only ? feature : point)) return;
     auto* const real = static_cast<CKespPoint*>(point->real);
     if (feature != nullptr && m_random(2) == 0) {
@@ -402,25 +370,22 @@ class RandomRun {
     }
   }
   void CompareMemory() {
-    ASSERT_EQ(m_file->m_recordList.GetCount(), static_cast<int>(m_list.size()));
-    auto object = m_list.begin();
+    ASSERT_EQ(m_file->m_recordList.GetCount(), std::ssize(m_list));
+    auto place = m_list.begin();
     for (CKespRecord* record : m_file->m_recordList) {
-      ASSERT_EQ(record, (*object)->real);
-      ASSERT_EQ(ContentOf(record), static_cast<const Content&>(**object++));
+      Object& object = **place++;
+      if (object.real == nullptr) object.real = record;  // reading made it
+      ASSERT_EQ(record, object.real);
+      ASSERT_EQ(ContentOf(record), static_cast<const Content&>(object));
     }
     ASSERT_EQ(m_file->m_numPoints, m_numPoints);
     ASSERT_EQ(m_file->m_pDataFile->IsOpen(), !m_path.empty());
     CompareIndex(m_file->m_featureIndex, m_features);
     CompareIndex(m_file->m_pointIndex, m_points);
     for (const auto& [number, feature] : m_features) {
-      const auto* const real = static_cast<const CKespFeature*>(feature->real);
-      std::vector<CKespRecord*> family;
-      for (const auto& attribute : real->m_attributeList) family.push_back(attribute);
-      for (const auto& point : real->m_pointList) family.push_back(point);
-      if (real->GetFeatureEnd() != nullptr) family.push_back(real->GetFeatureEnd());
       std::vector<CKespRecord*> expected;
       for (const Object* child : feature->Children("APE")) expected.push_back(child->real);
-      ASSERT_EQ(family, expected) << number;
+      ASSERT_EQ(Family(static_cast<CKespFeature&>(*feature->real)), expected) << number;
     }
   }
   void CompareFile(const std::string& name, const Disk& disk) {
@@ -435,7 +400,7 @@ class RandomRun {
     ASSERT_EQ(found, expected) << name;
   }
 
-  WithoutSyncs m_withoutSyncs;
+  IdleDisk m_idleDisk;
   Random m_random;
   TempDir m_dir;
   std::unique_ptr<CKespFile> m_file = std::make_unique<CKespFile>();
