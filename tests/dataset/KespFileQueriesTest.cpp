@@ -60,6 +60,7 @@ TEST(Queries, CompareFlagsTypesTextsAndNumbers) {
   EXPECT_EQ(with(&F::GetRecordsWhereFlags, 0),
             all + "|H A2:height A2:HEIGHT T3 T1|" + all + "|F1 A1:Height F2 P2/5 N:rain T3 F3|||||");
   EXPECT_EQ(type(2), "|F1||F2 F3|||||");
+  EXPECT_EQ(type(0), "|||F1 F2 F3|||||");
   EXPECT_EQ(with(&F::GetFeaturesWhereName, "FENCE"), "|F1|F1 F2 F3|F2 F3|F2|F3|||");
   EXPECT_EQ(with(&F::GetFeaturesWhereName, "en"), "F1 F2||F3|F1 F2 F3||F1 F2 F3|||");
   EXPECT_EQ(with(&F::GetFeaturesWhereName, ""), "F1 F2 F3|||F1 F2 F3||F1 F2 F3|||");
@@ -111,7 +112,7 @@ TEST(Queries, AnswerByNumberAndJoin) {
 
 TEST(Summary, LooksAtEveryPointInTheOrderOfTheIndex) {
   CTime first, last;
-  CBoundingBox extent;
+  CBoundingBox extent(100, 200, 100, 200);
   CString text = u"old";
   unsigned long points = 9, features = 9;
   std::tm start{1, 1, 1, 2, 0, 70, 0, 0, -1, 0, nullptr};
