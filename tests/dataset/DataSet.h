@@ -142,18 +142,15 @@ inline ByteVector Survey(std::initializer_list<ByteVector> records, std::uint16_
 // "H F7 P7/3 A7:Girth E7 N:rain T3"
 inline std::string Name(const CKespRecord* record) {
   if (record == nullptr) return "null";
-  const auto* const f = dynamic_cast<const CKespFeature*>(record);
-  if (f != nullptr) return "F" + std::to_string(f->FeatureNumber);
-  const auto* const p = dynamic_cast<const CKespPoint*>(record);
-  if (p != nullptr) return "P" + std::to_string(p->FeatureNumber) + "/" + std::to_string(p->PointNumber);
-  const auto* const a = dynamic_cast<const CKespAttribute*>(record);
-  if (a != nullptr) return "A" + std::to_string(a->FeatureNumber) + ":" + a->AttributeName.ToUtf8();
-  const auto* const e = dynamic_cast<const CKespFeatureEnd*>(record);
-  if (e != nullptr) return "E" + std::to_string(e->FeatureNumber);
-  const auto* const n = dynamic_cast<const CKespNote*>(record);
-  if (n != nullptr) return "N:" + n->NoteText.ToUtf8();
-  const auto* const t = dynamic_cast<const CKespTag*>(record);
-  return t != nullptr ? "T" + std::to_string(t->GetType()) : "H";
+  if (const auto* const f = dynamic_cast<const CKespFeature*>(record)) return "F" + std::to_string(f->FeatureNumber);
+  if (const auto* const p = dynamic_cast<const CKespPoint*>(record))
+    return "P" + std::to_string(p->FeatureNumber) + "/" + std::to_string(p->PointNumber);
+  if (const auto* const a = dynamic_cast<const CKespAttribute*>(record))
+    return "A" + std::to_string(a->FeatureNumber) + ":" + a->AttributeName.ToUtf8();
+  if (const auto* const e = dynamic_cast<const CKespFeatureEnd*>(record)) return "E" + std::to_string(e->FeatureNumber);
+  if (const auto* const n = dynamic_cast<const CKespNote*>(record)) return "N:" + n->NoteText.ToUtf8();
+  if (const auto* const t = dynamic_cast<const CKespTag*>(record)) return "T" + std::to_string(t->GetType());
+  return "H";
 }
 template <class Range>
 std::string Names(const Range& records) {
@@ -168,12 +165,6 @@ std::string Names(RecordType** array, int count) {
   const std::unique_ptr<RecordType*[]> own(array);
   return Names(std::span<RecordType*>(array, static_cast<std::size_t>(count)));
 }
-inline std::string FeatureOrder(const CKespFile& file) {
-  std::vector<const CKespRecord*> features;
-  for (const auto& entry : file.m_featureIndex) features.push_back(entry.value);
-  return Names(features);
-}
-
 // A data set and a file of the given bytes, opened.
 class DataSet {
  public:

@@ -94,9 +94,8 @@ class RandomRun {
   std::string log;  // the latest operations, as they stand above
 
  private:
-  Object* Any(const std::vector<Object*>& of) {
-    return of.empty() ? nullptr : of[m_random(static_cast<unsigned>(of.size()))];
-  }
+  unsigned Below(std::size_t count) { return m_random(static_cast<unsigned>(count)); }
+  Object* Any(const std::vector<Object*>& of) { return of.empty() ? nullptr : of[Below(of.size())]; }
   Object* Know(const Content& content, CKespRecord* real) { return &m_objects.emplace_back(Object{content, real}); }
   Object* Ours(CKespRecord* real) { return m_ours.emplace_back(Know(ContentOf(real), real)); }
   // Runs what clears the data set: what it took over goes with it, and the rest of ours then serves nobody.
@@ -183,7 +182,7 @@ class RandomRun {
       if (object->Kind() == 'A') object->Mark(mark);  // attributes mark themselves once more
     }
   }
-  std::string AnyFile() { return std::next(m_disks.begin(), m_random(static_cast<unsigned>(m_disks.size())))->first; }
+  std::string AnyFile() { return std::next(m_disks.begin(), Below(m_disks.size()))->first; }
   void WriteNew() {
     if (const std::string gone = m_disks.size() > 3 ? AnyFile() : m_path; gone != m_path) {
       std::filesystem::remove(m_dir / gone);
@@ -231,7 +230,7 @@ class RandomRun {
   void UpdateHeader() {
     ErrorEnum expected = m_path.empty() ? ERR_FILE_NOT_OPEN : ERR_READ_FAILED;
     const Disk disk = m_path.empty() ? Disk() : m_disks[m_path];
-    const auto first = std::find_if(disk.begin(), disk.end(), [](const Content& c) { return !c.IsDeleted(); });
+    const auto first = std::ranges::find_if_not(disk, &Content::IsDeleted);
     if (first != disk.end() && first->Kind() == 'H') expected = ERR_NONE;
     EXPECT_EQ(m_file->UpdateKespHeader(m_text, "", "", "", "", "", 0, 1, 0, 1, false), expected);
     ChangeHeader(HeaderText(m_text, PointsInIndex(), m_features.size(), true));
@@ -308,7 +307,7 @@ class RandomRun {
     Disk& disk = m_disks[m_path];
     const auto isSame = [&](const Content& content) { return content.name == object.name; };
     auto found = std::find_if(disk.begin() + static_cast<std::ptrdiff_t>(object.place), disk.end(), isSame);
-    if (found == disk.end()) found = std::find_if(disk.begin(), disk.end(), isSame);
+    if (found == disk.end()) found = std::ranges::find_if(disk, isSame);
     if (found == disk.end()) return;
     object.Mark(KESP_SRC_DELETED);
     *found = object;
@@ -324,14 +323,12 @@ class RandomRun {
   // A place in another file may be anywhere in this one: there is no telling what is read there.
   bool IsPlaced(const Object* object) const {
     return (m_path.empty() || object->file.empty() || object->file == m_path) &&
-           std::all_of(object->children.begin(), object->children.end(),
-                       [this](const Object* o) { return IsPlaced(o); });
+           std::ranges::all_of(object->children, [this](const Object* child) { return IsPlaced(child); });
   }
   void DeleteFeature() {
-    std::vector<Object*> features;
-    for (const auto& entry : m_features) features.push_back(entry.second);
-    Object* const feature = Any(features);
-    if (feature == nullptr || !IsPlaced(feature)) return;
+    if (m_features.empty()) return;
+    Object* const feature = std::next(m_features.begin(), Below(m_features.size()))->second;
+    if (!IsPlaced(feature)) return;
     EXPECT_EQ(m_file->DeleteFeatureAndAssociatedRec(static_cast<CKespFeature*>(feature->real)), ERR_NONE);
     DeleteFeatureModel(*feature);
   }
@@ -342,8 +339,7 @@ class RandomRun {
     if (point == nullptr) return;
     Object* const feature = m_features.contains(point->Feature()) ? m_features[point->Feature()] : nullptr;
     const std::vector<Object*> siblings = feature != nullptr ? feature->Children("P") : std::vector<Object*>();
-    const bool member = std::find(siblings.begin(), siblings.end(), point) != siblings.end();
-    const bool only = siblings.size() == 1;
+    const bool member = std::ranges::count(siblings, point) != 0, only = siblings.size() == 1;
     if (!IsPlaced(only ? feature : point)) return;
     auto* const real = static_cast<CKespPoint*>(point->real);
     if (feature != nullptr && m_random(2) == 0) {
@@ -391,8 +387,7 @@ class RandomRun {
   void CompareFile(const std::string& name, const Disk& disk) {
     CKespDataFile file;
     ASSERT_TRUE(file.OpenReadOnly(Text(m_dir / name)) && file.SeekToFirstRecord());
-    Disk found;
-    Disk expected;
+    Disk found, expected;
     for (const Content& content : disk) expected.push_back(AsRead(content));
     while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(false)})
       found.push_back(ContentOf(record.get()));
