@@ -135,33 +135,26 @@ TEST(Deletion, LosesNothingWhenMemoryRunsOut) {
 }
 
 TEST(ValidateKesp, OpensAndClosesWhatWasClosed) {
-  const auto with = [](std::uint32_t status, std::uint32_t flags, const ByteVector& more = {}) {
-    const ByteVector header = Record(3, 2, flags, Header2{2, 0, 0, 0, 0, status}.Body());
+  const auto with = [](std::uint32_t status, const ByteVector& more) {  // and marked as modified with it
+    const ByteVector header = Record(3, 2, 8 * status, Header2{2, 0, 0, 0, 0, status}.Body());
     return Survey({header, Feature(7), Point(7, 1), more});
   };
-  const ByteVector foreign = Hex("'Corvanthe'");
-  const struct {
-    ByteVector before;
-    ErrorEnum result;
-    ByteVector after;
-  } rows[] = {{with(0, 0), ERR_NONE, with(1, 8)},
-              {with(0, 0, Feature(8)), ERR_BAD_FEATURE, with(1, 8, Feature(8))},
-              {with(0, 0, Hex("01")), ERR_READ_FAILED, with(1, 8, Hex("01"))},
-              {foreign, ERR_FILE_NOT_OPEN, foreign}};
-  for (const auto& row : rows) {
-    DataSet other(with(0, 0)), set(row.before);
+  const std::pair<ByteVector, ErrorEnum> rows[] = {
+      {{}, ERR_NONE}, {Feature(8), ERR_BAD_FEATURE}, {Hex("01"), ERR_READ_FAILED}};
+  for (const auto& [more, result] : rows) {
+    DataSet other(Hex("'Corvanthe'")), set(with(0, more));
     CString message = u"kept";
-    EXPECT_EQ(set.file.ValidateKesp(), row.result);
-    EXPECT_EQ(set.file.ValidateKesp(Text(set.path), message), row.result);
-    EXPECT_EQ(ReadFile(set.path), row.before);
-    if (set.file.m_pDataFile->IsOpen()) {
-      EXPECT_EQ(set.file.ValidateKesp(Text(other.path), message), ERR_OTHER_FILE_OPEN);
-    }
+    EXPECT_EQ(set.file.ValidateKesp(), result);
+    EXPECT_EQ(set.file.ValidateKesp(Text(set.path), message), result);
+    EXPECT_EQ(ReadFile(set.path), with(0, more));
+    EXPECT_EQ(set.file.ValidateKesp(Text(other.path), message), ERR_OTHER_FILE_OPEN);
     set.file.m_pDataFile->Close();
-    EXPECT_EQ(set.file.ValidateKesp(Text(set.path), message), row.result);
+    EXPECT_EQ(set.file.ValidateKesp(), ERR_FILE_NOT_OPEN);
+    EXPECT_EQ(set.file.ValidateKesp(Text(other.path), message), ERR_FILE_NOT_OPEN);  // it is refused
+    EXPECT_EQ(set.file.ValidateKesp(Text(set.path), message), result);
     EXPECT_EQ(set.file.ValidateKesp(Text(set.dir / "missing"), message), ERR_FILE_NOT_FOUND);
     EXPECT_EQ(message, CString(u"kept"));
-    EXPECT_EQ(ReadFile(set.path), row.after);
+    EXPECT_EQ(ReadFile(set.path), with(1, more));
   }
 }
 

@@ -24,9 +24,8 @@ TEST(Factories, GiveFeaturesPointsAndAttributesTheirFields) {
   EXPECT_EQ(file.AddOffsetToPoint(*point, 8.5, 9.5), ERR_NONE);
   EXPECT_EQ(Name(point.get()) + point->PointText.ToUtf8(), "P7/3A1");
   EXPECT_TRUE(point->CoordY == 1.5 && point->CoordX == 2.5 && point->CoordZ == 3.5 && point->GpsValue == 4.5 &&
-              point->Offset1 == 8.5 && point->Offset2 == 9.5);
-  EXPECT_TRUE(point->PointTime == -9 && point->GpsNumber == 6 && point->SignalStatus == KESP_SIGNAL_STATUS_2 &&
-              point->HasOffset == 1);
+              point->Offset1 == 8.5 && point->Offset2 == 9.5 && point->PointTime == -9 && point->GpsNumber == 6 &&
+              point->SignalStatus == KESP_SIGNAL_STATUS_2 && point->HasOffset == 1);
 
   const struct {
     CKespAttribute* made;
@@ -40,8 +39,8 @@ TEST(Factories, GiveFeaturesPointsAndAttributesTheirFields) {
   for (const auto& row : rows) {
     const auto own = Own(row.made);
     EXPECT_EQ(Name(row.made) + row.made->TextValue.ToUtf8(), std::string("A7:a") + row.text);
-    EXPECT_TRUE(row.made->AttributeKind == row.kind && row.made->Value == row.value) << row.kind;
-    EXPECT_TRUE(row.made->SubValue.IsEmpty() && row.made->AuxNumber1 == 0 && row.made->AuxNumber2 == 0) << row.kind;
+    EXPECT_TRUE(row.made->AttributeKind == row.kind && row.made->Value == row.value && row.made->AuxNumber1 == 0 &&
+                row.made->AuxNumber2 == 0 && row.made->SubValue.IsEmpty());
   }
 }
 
