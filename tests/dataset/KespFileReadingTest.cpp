@@ -142,8 +142,9 @@ TEST(ReadKespFile, HandsFlagsUpOneByOne) {
     return Tag(13, "FeatureChanges", Words({number, flags}));
   };
   const std::pair<ByteVector, std::uint32_t> rows[] = {
-      {f(0x100), 0x108},             // its own, made canonical
-      {f(0x860), 0x18A0},            // A and B, which come back as A
+      {f(0x100), 0x108},   // its own, made canonical
+      {f(0x860), 0x18A0},  // A and B, which come back as A
+      {f(0) + changes(7, 0x860), 0x18A0},
       {f(0) + a(0x15) + p(0x5), 0},  // the children's deletion stays theirs
       {f(0) + a(0x20) + p(0x40), 0x1080},
       {changes(7, 2) + f(0), 2},  // wherever it stands

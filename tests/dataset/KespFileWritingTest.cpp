@@ -138,6 +138,8 @@ TEST(WriteQueue, LeavesAloneWhatExists) {
     EXPECT_EQ(other.WriteNewKespFileFromQueue(Text(set.path)), ERR_FILE_EXISTS);
     EXPECT_FALSE(other.m_pDataFile->IsOpen());
   }
+  EXPECT_EQ(set.file.WriteNewKespFileFromQueue(Text(set.path)), ERR_FILE_EXISTS);
+  EXPECT_TRUE(set.file.m_pDataFile->IsOpen());
   EXPECT_EQ(set.file.WriteNewKespFileFromQueue(Text(set.dir / "missing" / "x")), ERR_FILE_NOT_FOUND);
   EXPECT_FALSE(set.file.m_pDataFile->IsOpen());
   EXPECT_EQ(ReadFile(set.path), before);  // without a mark
