@@ -22,9 +22,11 @@ TEST(ReadKespFile, FilesWhatItFinds) {
       {Survey({Record(3, 2, 1, Header2{}.Body())}), ERR_NONE, "H", 0, 2, true},
       {Survey({h, kCut}), ERR_NONE, "H"},  // right behind the header it reads as the end
       {Survey({h, Feature(7), Point(7, 1), kCut}), ERR_READ_FAILED, "H F7 P7/1"},
-      {Survey({h, Point(7, 1), Attribute(7, "Girth"), End(7), Feature(7), Point(8, 2), h, Point(7, 3)}), ERR_NONE, "H F7 P7/3", 1, 3},
+      {Survey({h, Point(7, 1), Attribute(7, "Girth"), End(7), Feature(7), Point(8, 2), h, Point(7, 3)}), ERR_NONE,
+       "H F7 P7/3", 1, 3},
       {Survey({h, Record(7, 1, 0, {1}), Record(77, 9, 0, {1, 2}), Note("rain")}), ERR_NONE, "H N:rain"},
-      {Survey({Header1(), Feature(7, "Oak", 0, 1), Point(7, 1, {}, 0, 1), End(7)}, 1), ERR_OLD_VERSION, "H F7 P7/1 E7", 0, 1},
+      {Survey({Header1(), Feature(7, "Oak", 0, 1), Point(7, 1, {}, 0, 1), End(7)}, 1), ERR_OLD_VERSION,
+       "H F7 P7/1 E7", 0, 1},
       {Survey({Header1(), Note("rain", 0, 1)}, 1), ERR_NONE, "H N:rain", 0, 1},
       {Survey({Header1(), Feature(7, "Oak", 0, 1), Attribute(9, "a")}, 1), ERR_NONE, "H F7", 0, 3},  // an orphan counts
       {Survey({Header2{3}, Feature(7)}), ERR_NONE, "H F7", 0, 3},

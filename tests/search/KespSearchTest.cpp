@@ -86,7 +86,8 @@ TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
       {Value("", kEmpty), true, true}, {Value("", kText), false, true}, {Value("", kText, kPart), true, false},
       {Value("", kText, kBoth), true, false}, {Value(kOak, kEmpty), false, true},
       // One candidate is enough. Names are equal, or none is a candidate.
-      {Value(kOak, ""), true, true}, {Value("Elm", ""), false, true}, {Value(kOak, "attribute of", kPart), false, false},
+      {Value(kOak, ""), true, true}, {Value("Elm", ""), false, true},
+      {Value(kOak, "attribute of", kPart), false, false},
       {Value(kOak, "ATTRIBUTE OF TEXT"), false, false}, {Value(kOak, "ATTRIBUTE OF TEXT", kFold), true, false},
       // Points by their text.
       {Points("start of the line", 0), true, true}, {Points("START OF THE LINE", kPart), false, false},
@@ -95,7 +96,8 @@ TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
       // By time or area alone; without its sign, -10 would be 4294967286.
       {Points("", kTime, -10, -10), true, true}, {Points("", kTime, -9, 99), false, false},
       {Points("", kTime, 4294967286, 4294967286), false, false}, {Points("", 0, 999, 999, {8, 8, 8, 8}), true, true},
-      {Points("", kArea, 0, 0, {50, 60, 51, 61}), true, true}, {Points("", kArea, 0, 0, {51, 60, 52, 61}), false, false},
+      {Points("", kArea, 0, 0, {50, 60, 51, 61}), true, true},
+      {Points("", kArea, 0, 0, {51, 60, 52, 61}), false, false},
       // Both by one point, not by two; the text may have come earlier, not later.
       {Points("", kTime | kArea, 200, 200, {0, 0, 9, 9}), true, true},
       {Points("", kTime | kArea, 100, 100, {0, 0, 9, 9}), false, false},
