@@ -139,7 +139,7 @@ class KESP_EXPORT CKespDataFile {
   // not deleted, up to the first damage. True whatever ended the walk; GetError tells what did, KESP_ERROR_NORMAL_EOF
   // when all was copied. False when the destination can't be opened, is held by somebody or is this file itself, when a
   // record can't be written (its error is in GetError, the destination stays as far as it got), and when the system
-  // failed (GetError is then never KESP_ERROR_NORMAL_EOF).
+  // failed (GetError then is not what ended the walk).
   // The file header is copied unchanged, with the file version of the source; the records are taken to begin at offset
   // 50. In the copy of a version-2 file the record headers of features and attributes have the length of a version-2
   // body, and version-3 bodies follow: readers read bodies by their layout.

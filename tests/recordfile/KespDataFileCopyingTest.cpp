@@ -25,7 +25,7 @@ TEST_F(Copying, CopyIsEqualByteForByte) {
   for (const ByteVector& bytes : {large, FileHeader()}) {
     WriteFile(path, bytes);
     WriteFile(copy, ByteVector(5'000'000));
-    ASSERT_TRUE(file.OpenReadOnly(Text(path)));
+    ASSERT_TRUE(file.Close() && file.OpenReadOnly(Text(path)));
     EXPECT_TRUE(file.Copy(Text(copy)) && file.GetPosition() == bytes.size() && file.Close());
     EXPECT_EQ(ReadFile(copy), bytes);
   }
@@ -37,13 +37,17 @@ TEST_F(Copying, NothingIsWrittenOverThatSomebodyHolds) {
   const ByteVector bytes = FileHeader() + EndOf(7);
   WriteFile(path, bytes);
   WriteFile(copy, FileHeader() + EndOf(8));
-  CKespDataFile holder;
-  ASSERT_TRUE(holder.Open(Text(copy)));
+  WriteFile(dir / "read", FileHeader() + EndOf(8));
+  CKespDataFile holder, reader;
+  CFile writer;  // one of several
+  ASSERT_TRUE(holder.Open(Text(copy)) && reader.OpenReadOnly(Text(dir / "read")));
+  WriteFile(dir / "shared", FileHeader() + EndOf(8));
+  ASSERT_TRUE(writer.Open(Text(dir / "shared"), CFile::modeWrite | CFile::shareDenyNone));
   fs::create_hard_link(path, dir / "hard");
   fs::create_symlink(path, dir / "soft");
   for (const bool readOnly : {true, false}) {
     ASSERT_TRUE(readOnly ? file.OpenReadOnly(Text(path)) : file.Open(Text(path)));
-    for (const char* const name : {"a.kesp", "hard", "soft", "b.kesp", "", "none/b"}) {
+    for (const char* const name : {"a.kesp", "hard", "soft", "b.kesp", "read", "shared", "", "none/b"}) {
       EXPECT_FALSE(file.Copy(Text(dir / name)) || file.CopyVerify(Text(dir / name), 2)) << name;
     }
     EXPECT_FALSE(file.Copy(Text("/dev/full")) || file.CopyVerify(Text("/dev/full"), 2));
@@ -57,7 +61,35 @@ TEST_F(Copying, NothingIsWrittenOverThatSomebodyHolds) {
     EXPECT_FALSE(CKespDataFile().CopyVerify(Text(path), Text(dir / name), 2)) << name;
   }
   EXPECT_FALSE(CKespDataFile().CopyVerify(Text(dir / "missing"), Text(dir / "new"), 2));
-  EXPECT_TRUE(ReadFile(path) == bytes && ReadFile(copy) == FileHeader() + EndOf(8) && fs::exists("/dev/full"));
+  for (const char* const name : {"b.kesp", "read", "shared"}) {
+    EXPECT_EQ(ReadFile(dir / name), FileHeader() + EndOf(8)) << name;
+  }
+  EXPECT_TRUE(ReadFile(path) == bytes && fs::exists("/dev/full"));
+  reader.Close();
+  ASSERT_TRUE(file.OpenReadOnly(Text(path)) && file.Copy(Text(dir / "read")));
+}
+
+TEST_F(Copying, ARebuildThatFailedIsNoWholeOne) {
+  ByteVector bytes = FileHeader();
+  for (int i = 0; i < 1000; ++i) Append(bytes, Record(6, 2, 0, NoteBody2()));
+  WriteFile(path, bytes);
+  bool struck = true;
+  for (int n = 1; struck; ++n) {
+    ASSERT_TRUE(file.Close() && file.OpenReadOnly(Text(path)));
+    const FaultySystem system(n, FaultySystem::Fault::Full);
+    const bool good = file.CopyVerify(Text(copy), 2);
+    struck = system.Struck();
+    EXPECT_EQ(good, file.GetError() == KESP_ERROR_NORMAL_EOF) << n;
+  }
+  // A body that can't be read, the first time and the next.
+  struct BadSpot : IdleDisk {
+    ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {
+      if (offset < 200'000) return SystemCalls::Read(fd, to, count, offset);
+      errno = EIO;
+      return -1;
+    }
+  } const disk;
+  for (int i = 0; i < 2; ++i) EXPECT_FALSE(file.CopyVerify(Text(copy), 2)) << i;
 }
 
 TEST_F(Copying, RebuildsInTheVersionsOneAndTwo) {
@@ -87,10 +119,11 @@ TEST_F(Copying, RebuildsInTheVersionsOneAndTwo) {
     EXPECT_TRUE(Rebuild(source, version) && file.GetError() == KESP_ERROR_NORMAL_EOF);
     EXPECT_EQ(ReadFile(copy), version == 1 ? inVersion1 : inVersion2) << version;
   }
-  EXPECT_TRUE(file.CopyVerify(Text(path), Text(copy), 1));
+  EXPECT_TRUE(file.CopyVerify(file.m_file.GetFilePath(), Text(copy), 1));
   EXPECT_EQ(ReadFile(copy), inVersion1);
   EXPECT_EQ(ReadFile(path), source);
-  EXPECT_FALSE(CKespDataFile().Open(Text(path))) << "held until it is closed";
+  // Held until it is closed, and alone.
+  EXPECT_FALSE(CKespDataFile().Open(Text(path)) || CKespDataFile().CopyVerify(Text(path), Text(dir / "c"), 1));
   // The records are taken to begin at offset 50, and the header is not looked at in a file named by its path.
   EXPECT_TRUE(Rebuild(FileHeader(3, 2 + 18) + EndOf(7)));
   EXPECT_EQ(ReadFile(copy), FileHeader(3, 2 + 18) + EndOf(7));

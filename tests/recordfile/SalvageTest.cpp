@@ -85,9 +85,13 @@ TEST_F(Salvaging, TakesAllOfWhatIsWholeToTheWalkHoweverOddItLooks) {
 
 TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
   const ByteVector records = EndOf(1) + EndOf(2);
-  EXPECT_EQ(Salvaged(FileHeader(3, 5) + records), FileHeader() + records);
   EXPECT_EQ(Salvaged(FileHeader(7, 20) + records), FileHeader(7) + EndOf(2)) << "the bytes of an application";
-  EXPECT_EQ(Gaps().size(), 0u);
+  EXPECT_TRUE(Gaps().empty() && report.applicationBytes == 18);
+  // A length that leads to no record, past some: to the end, or in between.
+  for (const std::uint32_t length : {38u, 5u}) {
+    EXPECT_EQ(Salvaged(FileHeader(3, length) + records), FileHeader() + records);
+    EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{0, 50, KESP_ERROR_FILE_HEADER}));
+  }
   for (const std::uint16_t version : std::initializer_list<std::uint16_t>{0, 2, 4}) {
     for (const std::size_t at : {41u, 47u}) {
       ByteVector source = FileHeader(version) + records;

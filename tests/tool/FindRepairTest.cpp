@@ -17,7 +17,7 @@ TEST_F(Tool, FindAsksEachThingOfTheSearch) {
                            Record(2, 2, 0, Hex("07 00*3 03 00*3 \"A1\" 00*38 80 00 92 65 00*32 04 00 00*20")));
   const std::pair<std::string, bool> kCases[] = {
       // clang-format off
-      {"", true}, {"--name Elm --name Oak", true}, {"--name oak --ignore-case", false}, {"--type line", true},
+      {"", true}, {"--name Elm --name Oak", true}, {"--name ./[x]", false}, {"--name oak --ignore-case", false}, {"--type line", true},
       {"--type point --type area", false}, {"--attribute Girth --range 1:2", true}, {"--range 1:2 --invert", false},
       {"--attribute Girth --range -3:1", false}, {"--attribute girth --range 2:1 --ignore-case", true},
       {"--value 2", false}, {"--point-text A1", true}, {"--point-text a --partial --ignore-case", true},
@@ -61,6 +61,10 @@ TEST_F(Tool, RepairTellsWhatIsKeptAndWhatIsNot) {
       {FileHeader() + EndOf(7) + Record(1, 1, 0, Hex("00")), "", FileHeader() + EndOf(7),
        "Kept      1 record, 68 bytes of 83\nLeft out  0 deleted records, 0 records of unknown type, 15 damaged bytes\n"
        "Gap       at offset 68, 15 bytes: EOF Error\n"},
+      // A header that nobody follows to its end, and what stands behind it.
+      {FileHeader() + EndOf(7) + WithLength(EndOf(8, 1), 0xFFFFFFF0) + EndOf(9), "", FileHeader() + EndOf(7),
+       "Kept      1 record, 68 bytes of 104\nLeft out  0 deleted records, 0 records of unknown type, 36 damaged bytes\n"
+       "Gap       at offset 68, 36 bytes: Corrupt Record Header\n"},
       {ByteVector(50) + EndOf(7), "--salvage", FileHeader() + EndOf(7),
        "Kept      1 record, 68 bytes of 68\nLeft out  0 deleted records, 0 records of unknown type, 50 damaged bytes\n"
        "Gap       at offset 0, 50 bytes: Bad KESP Signature\n"},
@@ -71,6 +75,9 @@ TEST_F(Tool, RepairTellsWhatIsKeptAndWhatIsNot) {
     EXPECT_EQ(Run("repair @a @b --force " + c.options), (ToolResult{c.source != whole, out, ""}));
     EXPECT_TRUE(ReadFile(dir / "b") == c.copy && ReadFile(dir / "a") == c.source);
   }
+  WriteFile(dir / "a", FileHeader(3, 5) + Hex("aa*3") + EndOf(7));
+  EXPECT_NE(Run("repair @a @b --force --salvage").out.find("Left out  an application header of 3 bytes\n"),
+            std::string::npos);
   for (const ByteVector& none : {FileHeader(3, 20) + Hex("00*18"), ByteVector(90)}) {
     WriteFile(dir / "a", none);
     EXPECT_EQ(Run("repair @a @b --force").status, 2);
