@@ -105,6 +105,7 @@ TEST_F(Tool, NothingIsReplacedUnaskedAndNothingIsLeftLyingAbout) {
     EXPECT_EQ(ReadFile(dir / "b"), bytes);
     EXPECT_EQ(Run(command + "@a @" + std::string(250, command[0])).status, 0) << "as long as a name may be";
   }
+  EXPECT_EQ(Run("copy --force @a @b").out, "Copied 68 bytes, 1 record\n");
   EXPECT_EQ(ReadFile(dir / "a"), bytes);
   EXPECT_EQ(std::distance(fs::directory_iterator(dir / ""), fs::directory_iterator()), 7);
 }

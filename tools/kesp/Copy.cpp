@@ -3,6 +3,7 @@
 #include "tools/kesp/NewFile.h"
 #include "tools/kesp/Opening.h"
 #include "tools/kesp/Output.h"
+#include "tools/kesp/RecordWalk.h"
 
 namespace kesp::tool {
 
@@ -25,7 +26,14 @@ ExitStatus Copy(const CopyOptions& options, Output& out) {
   }
   const std::uint64_t size = copy.Size();
   if (!copy.Keep()) return kExitTrouble;
-  out.Put("Copied " + std::to_string(size) + " bytes\n").Flush();
+  std::uint64_t records = 0;
+  RecordWalk walk(source, DeletedRecords::kPassOver);
+  for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
+    if (step == RecordWalk::Step::kRecord) ++records;
+  }
+  out.Put("Copied " + std::to_string(size) + " bytes, " + std::to_string(records) +
+          (records == 1 ? " record" : " records") + (walk.End().IsWhole() ? "" : "; " + walk.End().Describe()) + "\n")
+      .Flush();
   return kExitWhole;
 }
 
