@@ -41,7 +41,7 @@ struct Trial {
   int systemError = 0;                    // what the library says that the system said
   std::map<std::size_t, bool> answers{};  // about single records, by their place in the file
   Set set{};
-  File& file = *set.m_pDataFile;
+  File& Container() { return *set.m_pDataFile; }  // another one, once a new file was written from the queue
 
   void Say(bool answer) { good &= answer; }
   void Say(ErrorEnum answer) { good &= answer == ERR_NONE; }
@@ -50,10 +50,10 @@ struct Trial {
     auto end = EndRecord(7);
     CKespNote old, note, added;
     old.m_recordVersion = 1;
-    Say(place, file.AppendRecord(&added, 2));
-    Say(place + 1, file.AppendRecordVersion1(&old, 0));
-    Say(place + 2, file.AppendRecordVersion2(&note, 0));
-    Say(place + 3, file.AppendRecord(&end, 2));
+    Say(place, Container().AppendRecord(&added, 2));
+    Say(place + 1, Container().AppendRecordVersion1(&old, 0));
+    Say(place + 2, Container().AppendRecordVersion2(&note, 0));
+    Say(place + 3, Container().AppendRecord(&end, 2));
   }
   void WriteQueue(ErrorEnum (Set::*write)(CString), unsigned short version) {
     CKespNote note;
@@ -63,7 +63,7 @@ struct Trial {
     CKespRecord* records[] = {&note, &point, &end};
     set.AddRecordsToWriteQueue(records, 3);
     Say((set.*write)(path));
-    Say(file.IsOpen());
+    Say(Container().IsOpen());
     set.ClearQueueWithoutWriting();
     Say(set.CloseKesp());
   }
@@ -112,28 +112,28 @@ const Operation kOperations[] = {
     {"append through power events", kEnds, 'o', [](Trial& t) { t.system.powerEvents = "1010", t.AppendAll(3); }},
     {"edit and flush", kEnds, 'o', [](Trial& t) {
       auto end1 = EndRecord(1), end2 = EndRecord(2);
-      t.Say(0, t.file.SeekToFirstRecord() && t.file.OverwriteRecord(&end1, 8));
-      t.Say(1, t.file.UpdateRecord(&end2, 8, true));
-      t.Say(2, t.file.Seek(86) && t.file.DeleteRecord(86, KESP_RECORD_FEATURE_END));
-      t.Say(t.file.Flush()); }},
+      t.Say(0, t.Container().SeekToFirstRecord() && t.Container().OverwriteRecord(&end1, 8));
+      t.Say(1, t.Container().UpdateRecord(&end2, 8, true));
+      t.Say(2, t.Container().Seek(86) && t.Container().DeleteRecord(86, KESP_RECORD_FEATURE_END));
+      t.Say(t.Container().Flush()); }},
     {"copy records over", kEnds, 'o', [](Trial& t) {
       auto end = EndRecord(9);
-      t.Say(2, t.file.CopyRecord(&end, 86));
-      t.Say(3, t.file.AppendRecord(&end, 2)); }},
+      t.Say(2, t.Container().CopyRecord(&end, 86));
+      t.Say(3, t.Container().AppendRecord(&end, 2)); }},
     {"read", kLarge, 'r', [](Trial& t) {
-      const Walked walked = WalkOn(t.file);
+      const Walked walked = WalkOn(t.Container());
       t.Say(walked == Walked{{50, 150084, 150102, 300136}, KESP_ERROR_NORMAL_EOF});
       // What the system does not give is no end.
       EXPECT_EQ(walked.error, t.good ? KESP_ERROR_NORMAL_EOF : KESP_ERROR_NONE); }},
-    {"copy", kLarge, 'o', [](Trial& t) { t.Say(t.file.Copy(t.copy)); }},
+    {"copy", kLarge, 'o', [](Trial& t) { t.Say(t.Container().Copy(t.copy)); }},
     {"copy of nothing", kEnds, '-', [](Trial& t) {
-      EXPECT_FALSE(t.file.Copy(t.copy));
+      EXPECT_FALSE(t.Container().Copy(t.copy));
       t.Say(!fs::exists(t.copy.ToUtf8())); }},
-    {"rebuild", kLarge, 'r', [](Trial& t) { t.Say(t.file.CopyVerify(t.copy, 2)); }},
-    {"rebuild by path", kLarge, '-', [](Trial& t) { t.Say(t.file.CopyVerify(t.path, t.copy, 2)); }},
+    {"rebuild", kLarge, 'r', [](Trial& t) { t.Say(t.Container().CopyVerify(t.copy, 2)); }},
+    {"rebuild by path", kLarge, '-', [](Trial& t) { t.Say(t.Container().CopyVerify(t.path, t.copy, 2)); }},
     {"salvage", {EndOf(1), Hex("00*40"), kLargeTag, EndOf(2)}, 'r', [](Trial& t) {
       kesp::SalvageReport report;
-      t.Say(kesp::Salvage(t.file, t.copy, 2, report)); }},
+      t.Say(kesp::Salvage(t.Container(), t.copy, 2, report)); }},
     {"write over what somebody holds", kEnds, '-', WriteOverWhatSomebodyHolds},
     {"write over what exists", kEnds, '-', [](Trial& t) {
       EXPECT_NE(t.set.WriteNewKespFileFromQueue(t.path), ERR_NONE); }},
@@ -172,19 +172,18 @@ class Faults : public testing::Test {
     fs::remove(copy);
     fs::remove(path);
     if (operation.Exists()) WriteFile(path, operation.Before());
-    File& file = trial.file;
     const char open = operation.open;
-    if (open == 'o') trial.Say(file.Open(trial.path));
-    if (open == 'r') trial.Say(file.OpenReadOnly(trial.path));
-    if (open == 'c' || open == 'O') trial.Say(file.Create(trial.path));
-    EXPECT_EQ(file.IsOpen(), trial.good && open != '-' && open != 'n');
+    if (open == 'o') trial.Say(trial.Container().Open(trial.path));
+    if (open == 'r') trial.Say(trial.Container().OpenReadOnly(trial.path));
+    if (open == 'c' || open == 'O') trial.Say(trial.Container().Create(trial.path));
+    EXPECT_EQ(trial.Container().IsOpen(), trial.good && open != '-' && open != 'n');
     try {
       if (trial.good) operation.run(trial);
     } catch (const CFileException&) {
       trial.good = false;
     }
-    trial.Say(file.Close());
-    trial.Say((trial.systemError = file.GetSystemError()) == 0);
+    trial.Say(trial.Container().Close());
+    trial.Say((trial.systemError = trial.Container().GetSystemError()) == 0);
   }
   // Whether what an operation left behind is what it was answered for, given what it leaves when nothing fails.
   void Check(const Operation& operation, const Trial& trial, char fault, bool forGood, const std::string& call) {
