@@ -151,6 +151,22 @@ TEST(File, ReadingAheadLeavesAFailureToWhoeverReadsThere) {
   }
 }
 
+TEST(File, ReadsAheadFarIntoALongFile) {
+  constexpr std::uint32_t kMarks = 100, kStep = 1 << 20;
+  TempDir dir;
+  CFile file(Text(dir / "file"), kCreator);
+  for (std::uint32_t i = 0; i < kMarks; ++i) file.Seek(i * kStep, CFile::begin), file.Write(&i, sizeof i);
+  file.SeekToBegin();
+  file.ReadAhead();
+  for (std::uint32_t i = 0; i < kMarks; ++i) {
+    std::uint32_t mark = kMarks;
+    EXPECT_TRUE(file.Read(&mark, sizeof mark) == sizeof mark && mark == i);
+    for (std::uint32_t rest = kStep - sizeof mark, size = 1; rest != 0 && size != 0; rest -= size) {
+      size = static_cast<std::uint32_t>(file.ReadView(std::min(rest, 60'000u)).size());
+    }
+  }
+}
+
 TEST(File, FindsWhatAnotherWriterAppended) {
   TempDir dir;
   WriteFile(dir / "file", ByteVector(1000, 7));

@@ -54,7 +54,7 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   CKespBrokenRecord broken;
   EXPECT_FALSE(file.AppendRecord(&withoutBlock, 0) || file.AppendRecord(&unknownVersion, 0));
   EXPECT_FALSE(file.AppendRecord(nullptr, 0) || file.OverwriteRecord(nullptr, 0) || file.CopyRecord(nullptr, kFirst));
-  EXPECT_FALSE(file.UpdateRecord(nullptr, 0, false));
+  EXPECT_FALSE(file.UpdateRecord(nullptr, 0, false) || CKespDataFile().OverwriteRecord(&note, 0));
   EXPECT_TRUE(file.AppendRecord(&broken, 2) && broken.m_filePosition == file.GetLength());
   EXPECT_EQ(Records(), expected + note1);
 }

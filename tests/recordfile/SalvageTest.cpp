@@ -109,25 +109,73 @@ TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
 
 TEST_F(Salvaging, NothingIsMadeUpOfWhatOnlyLooksLikeARecord) {
   const ByteVector damage(40);
-  ByteVector text = NoteBody2(), infinite = PointBody2();
-  text[300] = 1;  // behind the end of the text
-  infinite[60] = 0xF0, infinite[61] = 0x7F;
   const ByteVector kDoubtful[] = {
-      Record(6, 2, 0, text),
-      Record(2, 2, 0, infinite),
-      Record(5, 3, 0, Hex("07 00*3 00*512 06 00 00*1194")),
       EndOf(1, 0x2000),                                             // flags that nobody knows
       WithLength(EndOf(1), 5) + Hex("00"),                          // a length that no end has
       EndOf(1) + Hex("00"),                                         // nothing behind it
-      Record(9, 2, 0, Hex("0e 00*3 00*4")),                         // a kind of tag that nobody knows
       Record(9, 2, 0, Hex("01 00*3 08 00*3 00*4 01 00*3")),         // a payload outside the block
       Record(9, 2, 0, Hex("01 00*3 0c 00*3 04 00*3 \"dd\" 00*4")),  // a name without an end
   };
   for (const ByteVector& doubtful : kDoubtful) {
-    EXPECT_EQ(Salvaged(FileHeader() + EndOf(1) + damage + doubtful + damage + EndOf(2)),
-              FileHeader() + EndOf(1) + EndOf(2))
+    EXPECT_EQ(Salvaged(FileHeader() + EndOf(1) + damage + doubtful + EndOf(3) + EndOf(2)),
+              FileHeader() + EndOf(1) + EndOf(3) + EndOf(2))
         << &doubtful - kDoubtful;
-    EXPECT_EQ(report.gapBytes, doubtful.size() + 80);
+    EXPECT_EQ(report.gapBytes, doubtful.size() + 40);
+  }
+}
+
+TEST_F(Salvaging, BehindDamageEveryTextHasToEndAndEveryNumberToBeFinite) {
+  const struct {
+    std::uint32_t type;
+    std::uint16_t version;
+    std::size_t size;
+    std::size_t choice;                  // where a feature has its type and an attribute its kind
+    std::uint8_t highest;                // of these
+    std::vector<std::size_t> ends = {};  // the last unit of each text
+    std::vector<std::size_t> numbers = {};
+  } kLayouts[] = {
+      {1, 1, 34, 26, 3, {25}},
+      {1, 2, 54, 46, 3, {44}},
+      {1, 3, 524, 516, 3, {514}},
+      {2, 1, 68, 0, 0, {29}, {34, 42, 50, 58}},
+      {2, 2, 108, 0, 0, {48}, {54, 62, 70, 78, 92, 100}},
+      {3, 1, 928, 0, 0, {30, 286, 542, 798, 926}},
+      {3,
+       2,
+       4086,
+       0,
+       0,
+       {50, 562, 1074, 1586, 1842, 2354, 2866, 2996, 3512, 4028},
+       {2872, 2880, 2888, 2896, 2904, 2912, 2920, 2928}},
+      {5, 1, 138, 26, 5, {25, 68, 89, 137}, {90, 98, 106}},
+      {5, 2, 240, 46, 5, {44, 128, 170, 238}, {172, 180, 188}},
+      {5, 3, 1712, 516, 5, {514, 1028, 1540, 1694}, {1542, 1550, 1558, 1696, 1704}},
+      {6, 1, 256, 0, 0, {255}},
+      {6, 2, 512, 0, 0, {510}},
+      {9, 2, 8, 0, 13},
+  };
+  for (const auto& layout : kLayouts) {
+    ByteVector body(layout.size);
+    if (layout.highest != 0) body[layout.choice] = layout.highest;
+    const auto isTaken = [&] {
+      Salvaged(FileHeader() + ByteVector(40) + Record(layout.type, layout.version, 0, body) + EndOf(2));
+      return report.kept == 2;
+    };
+    const auto isTakenWith = [&](std::size_t at, const ByteVector& bytes) {
+      const ByteVector before = body;
+      std::copy(bytes.begin(), bytes.end(), body.begin() + static_cast<std::ptrdiff_t>(at));
+      const bool taken = isTaken();
+      body = before;
+      return taken;
+    };
+    SCOPED_TRACE(testing::Message() << layout.type << ' ' << layout.version);
+    EXPECT_TRUE(isTaken());
+    for (const std::size_t at : layout.ends) EXPECT_FALSE(isTakenWith(at, Hex("01"))) << at;
+    for (const std::size_t at : layout.numbers) {
+      EXPECT_TRUE(isTakenWith(at, Hex("ff*6 ef 7f")) && !isTakenWith(at, Hex("00*6 f0 7f"))) << at;
+    }
+    const auto above = static_cast<std::uint8_t>(layout.highest + 1);
+    EXPECT_NE(isTakenWith(layout.choice, {above}), layout.highest != 0);
   }
 }
 

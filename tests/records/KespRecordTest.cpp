@@ -75,8 +75,10 @@ TEST(Records, AreTheSameByTheirKeys) {
   point2.CoordX = attribute2.Value = 5, feature2.FeatureName = point2.PointText = u"other";
   CKespRecord* const kOthers[] = {&feature2, &end2, &point2, &attribute2, &point3, &attribute3};
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
-  feature2.FeatureNumber = end2.FeatureNumber = point2.PointNumber = point3.FeatureNumber = 1;
-  attribute2.FeatureNumber = 1, attribute3.AttributeName = u"type";
+  EXPECT_TRUE(feature2.SetFeatureNumber(1, 2) && end2.SetFeatureNumber(1, 2) && point3.SetFeatureNumber(1, 2));
+  EXPECT_TRUE(attribute2.SetFeatureNumber(1, 2) && attribute2.FeatureNumber == 1 && point3.FeatureNumber == 1);
+  EXPECT_TRUE(feature2.FeatureNumber == 1 && end2.FeatureNumber == 1);
+  point2.PointNumber = 1, attribute3.AttributeName = u"type";
   attribute.AttributeName = attribute2.AttributeName = u"Type";
   for (int i = 0; i < 6; ++i) EXPECT_FALSE(kAll[i < 4 ? i : i - 2]->IsSameKespRecord(kOthers[i])) << i;
   const std::tuple<const char16_t*, const char16_t*, bool> kNotes[] = {
