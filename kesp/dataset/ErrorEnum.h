@@ -17,6 +17,7 @@ enum ErrorEnum {
   ERR_NOT_FOUND = 13,           // nothing has that number, or nothing matched
   ERR_QUEUE_FAILED = 14,        // an exception while queueing
   ERR_FILE_EXISTS = 15,         // something exists where a new file is to be written
-  ERR_READ_FAILED = 16,         // a record could not be read, or the first one is no header where one is required
-  ERR_UNSUPPORTED_LOGIC = 17    // never seen by a caller: an unsupported comparison ends in ERR_NOT_FOUND
+  ERR_READ_FAILED = 16,       // a record could not be read, or the first one is no header where one is required; also:
+                              // the data set would take much more memory than the file is long
+  ERR_UNSUPPORTED_LOGIC = 17  // never seen by a caller: an unsupported comparison ends in ERR_NOT_FOUND
 };

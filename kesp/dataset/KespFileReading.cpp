@@ -1,5 +1,6 @@
 // The store: opening, closing, clearing, and reading a whole file into it.
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <memory>
 #include <new>
@@ -14,6 +15,13 @@ namespace {
 constexpr double kSmallestExtent = 1e-7;  // sides of an extent that is taken over are longer than this
 constexpr int kMessageLimit = 255;        // characters of a system message that are handed on
 constexpr int kNoteTagLength = 4;
+// What a data set may occupy: so much, and so much for each byte of the file.
+constexpr std::uint64_t kMemoryToBeginWith = std::uint64_t{48} << 20;
+constexpr std::uint64_t kMemoryPerByte = 4;
+// What is reckoned for what is not in the pool: a record's entries in lists, a link, and the list of a feature's links.
+constexpr std::uint64_t kBytesOfEntries = 32;
+constexpr std::uint64_t kBytesOfLink = 48;
+constexpr std::uint64_t kBytesOfLinkList = 96;
 constexpr std::u16string_view kBmcTag = u"BMC:";
 constexpr std::u16string_view kZomTag = u"ZOM:";
 
@@ -219,6 +227,9 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   const ReadingAhead ahead(m_pDataFile->m_file);
   const kesp::PoolSession session;
   Reading reading;
+  // Only a file made for it comes there: of a survey that somebody collected, half the length is enough.
+  const std::uint64_t mostMemory =
+      kesp::PoolBytesInUse() + kMemoryToBeginWith + kMemoryPerByte * m_pDataFile->m_file.KnownLength();
   // Damage right behind the header reads as a file that ends there; further on it is reported.
   while (next) {
     TakeVersion(*next, reading);
@@ -227,6 +238,12 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
     while (CKespPoint* const point = m_pDataFile->TakePlainPoint()) {
       TakeVersion(*point, reading);
       if (FilePoint(point, reading)) m_recordList.AddTail(point);
+    }
+    const std::uint64_t listed = kBytesOfEntries * static_cast<std::uint64_t>(m_recordList.GetCount()) +
+                                 kBytesOfLink * m_ownLinks.size() + kBytesOfLinkList * m_ownLinkLists.size();
+    if (kesp::PoolBytesInUse() + listed > mostMemory) {
+      if (m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = ENOMEM;
+      return ERR_READ_FAILED;
     }
     next.reset(m_pDataFile->ReadNextRecord(skipDeleted));
     if (!next && m_pDataFile->GetError() != KESP_ERROR_NORMAL_EOF) return ERR_READ_FAILED;

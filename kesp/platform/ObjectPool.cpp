@@ -4,6 +4,7 @@
 #include <sys/single_threaded.h>
 
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <mutex>
@@ -84,6 +85,7 @@ struct Pool {
   Region* regions = nullptr;             // with a free span
   Region* spare = nullptr;               // empty ones, by `next`
   std::size_t spareCount = 0;
+  std::atomic<std::size_t> regionsInUse = 0;
   bool hadFirst = false;
 };
 
@@ -139,12 +141,15 @@ Region* TakeRegion(Pool& pool) {
     place = MapRegion(pool.hadFirst);
     pool.hadFirst = true;
   }
-  return place == nullptr ? nullptr : new (place) Region{kAllSpans, {}};
+  if (place == nullptr) return nullptr;
+  pool.regionsInUse.store(pool.regionsInUse.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  return new (place) Region{kAllSpans, {}};
 }
 
 // Some empty regions are kept for the next data set. Their pages, but for the first, are the system's to take back
 // whenever it wants them.
 void GiveRegionBack(Pool& pool, Region* region) {
+  pool.regionsInUse.store(pool.regionsInUse.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
   if (pool.spareCount == kMostSpareRegions) {
     ::munmap(region, kRegionSize);
     return;
@@ -265,6 +270,8 @@ bool PoolPrepare() noexcept {
   ++pool.spareCount;
   return true;
 }
+
+std::size_t PoolBytesInUse() noexcept { return kRegionSize * g_pool.regionsInUse.load(std::memory_order_relaxed); }
 
 PoolSession::PoolSession() : m_nested(t_inSession || !kPooled) {
   if (m_nested) return;
