@@ -86,7 +86,7 @@ TEST(String, CutsFindsAndComparesUnitByUnit) {
   for (const auto& [first, count, part] : kParts) EXPECT_EQ(text.Mid(first, count), CString(part)) << first;
   EXPECT_EQ(text.Left(-1) + text.Left(1) + text.Right(3) + text.Mid(9), CString(u"Dtxtt"));
   EXPECT_EQ(text.Right(99), text);
-  EXPECT_EQ(CString(u" \t\u00A0\u3000Oak  Red\v\r\n ").Trim(), CString(u"Oak  Red"));
+  EXPECT_EQ(CString(u" \t\u00A0\u3000Oak  Red\v\u2003\r\n\u2028 ").Trim(), CString(u"Oak  Red"));
   EXPECT_TRUE(CString(u" \n ").Trim().IsEmpty());
   // Folding touches A to Z only; order is that of the units, not of the characters they make.
   const struct {

@@ -55,6 +55,7 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   EXPECT_FALSE(file.AppendRecord(&withoutBlock, 0) || file.AppendRecord(&unknownVersion, 0));
   EXPECT_FALSE(file.AppendRecord(nullptr, 0) || file.OverwriteRecord(nullptr, 0) || file.CopyRecord(nullptr, kFirst));
   EXPECT_FALSE(file.UpdateRecord(nullptr, 0, false) || CKespDataFile().OverwriteRecord(&note, 0));
+  EXPECT_FALSE(CKespDataFile().UpdateRecord(&note, 0, true));
   EXPECT_TRUE(file.AppendRecord(&broken, 2) && broken.m_filePosition == file.GetLength());
   EXPECT_EQ(Records(), expected + note1);
 }

@@ -49,6 +49,7 @@ void CheckNumbers() {
   }
   for (const auto& [date, text] : kDates) EXPECT_EQ(GetDateString(date).ToUtf8(), text) << date;
   for (const auto& [text, number] : kTexts) EXPECT_EQ(NumberFromText(text), number) << CString(text).ToUtf8();
+  EXPECT_EQ(NumberFromText(std::u16string(300, u'0') + u"7"), 7);
 }
 
 TEST(Utilities, NumbersAndDatesFollowTheirTablesInEveryLocale) {
