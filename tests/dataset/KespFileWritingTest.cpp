@@ -182,4 +182,22 @@ TEST(WriteQueue, TellsOfAFullDisk) {
   }
 }
 
+TEST(WriteQueue, EnteredFeaturesAndQueuedHeadersGoWithTheStore) {
+  static int gone = 0;
+  struct Counted : CKespFeature {
+    ~Counted() override { ++gone; }
+  };
+  struct CountedHeader : CKespTavoHeader {
+    ~CountedHeader() override { ++gone; }
+  };
+  {
+    CKespFile file;
+    CKespRecord* const feature = new Counted;
+    CKespRecord* records[] = {feature, feature};
+    EXPECT_EQ(file.AddRecordsToWriteQueue(records, 2), ERR_NONE);
+    EXPECT_EQ(file.AddTavoHeaderToWriteQueue(new CountedHeader), ERR_NONE);
+  }
+  EXPECT_EQ(gone, 2);
+}
+
 }  // namespace

@@ -53,6 +53,7 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   CKespTag withoutBlock;
   CKespBrokenRecord broken;
   EXPECT_FALSE(file.AppendRecord(&withoutBlock, 0) || file.AppendRecord(&unknownVersion, 0));
+  EXPECT_TRUE(file.SeekToFirstRecord());  // where there is something to overwrite
   EXPECT_FALSE(file.AppendRecord(nullptr, 0) || file.OverwriteRecord(nullptr, 0) || file.CopyRecord(nullptr, kFirst));
   EXPECT_FALSE(file.UpdateRecord(nullptr, 0, false) || CKespDataFile().OverwriteRecord(&note, 0));
   EXPECT_FALSE(CKespDataFile().UpdateRecord(&note, 0, true));
