@@ -2,10 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <csignal>
+#include <functional>
 #include <random>
+#include <thread>
 
 #include "tests/support/Bytes.h"
 #include "tests/support/FaultySystem.h"
@@ -151,12 +156,33 @@ TEST(File, ReadingAheadLeavesAFailureToWhoeverReadsThere) {
   }
 }
 
+TEST(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
+  static std::atomic<int> taken = 0;
+  TempDir dir;
+  WriteFile(dir / "file", ByteVector(9'000'001));
+  CFile file(Text(dir / "file"), kReader);
+  file.ReadAhead();
+  (void)file.ReadView(1);
+  const auto before = std::signal(SIGUSR1, [](int) { ++taken; });
+  sigset_t signals, masked;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, SIGUSR1);
+  ::pthread_sigmask(SIG_BLOCK, &signals, &masked);
+  ::kill(::getpid(), SIGUSR1);  // of the two threads the other one could take it
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(taken, 0);
+  ::pthread_sigmask(SIG_SETMASK, &masked, nullptr);
+  EXPECT_EQ(taken, 1);
+  (void)std::signal(SIGUSR1, before);
+}
+
 TEST(File, ReadsAheadFarIntoALongFile) {
   constexpr std::uint32_t kMarks = 100, kStep = 1 << 20;
+  constexpr std::int64_t kFrom = std::int64_t{5} << 30;  // a place that 32 bits can't name, behind a hole
   TempDir dir;
   CFile file(Text(dir / "file"), kCreator);
-  for (std::uint32_t i = 0; i < kMarks; ++i) file.Seek(i * kStep, CFile::begin), file.Write(&i, sizeof i);
-  file.SeekToBegin();
+  for (std::uint32_t i = 0; i < kMarks; ++i) file.Seek(kFrom + i * kStep, CFile::begin), file.Write(&i, sizeof i);
+  file.Seek(kFrom, CFile::begin);
   file.ReadAhead();
   for (std::uint32_t i = 0; i < kMarks; ++i) {
     std::uint32_t mark = kMarks;
@@ -216,7 +242,10 @@ TEST(File, TellsWhyAnOperationFailed) {
     EXPECT_EQ(error.m_cause, cause) << name;
     EXPECT_NE(error.GetErrorMessage().Find(Text(dir / name)), -1) << error.what();
   }
-  EXPECT_EQ(CauseOf([&] { (void)ReadText(file, 1); }), CFileException::invalidFile);
+  const std::function<void()> kOnAClosedFile[] = {[&] { (void)ReadText(file, 1); }, [&] { (void)file.ReadView(1); },
+                                                  [&] { file.Write("a", 1); },      [&] { file.SetLength(1); },
+                                                  [&] { (void)file.GetLength(); },  [&] { file.SeekToBegin(); }};
+  for (const auto& run : kOnAClosedFile) EXPECT_EQ(CauseOf(run), CFileException::invalidFile) << &run - kOnAClosedFile;
   EXPECT_EQ(CauseOf([&] { CFile::Remove(Text(dir / "none")); }), CFileException::fileNotFound);
 
   ASSERT_TRUE(file.Open(Text(dir / "file"), kWriter));

@@ -176,6 +176,12 @@ TEST_F(Salvaging, BehindDamageEveryTextHasToEndAndEveryNumberToBeFinite) {
     }
     const auto above = static_cast<std::uint8_t>(layout.highest + 1);
     EXPECT_NE(isTakenWith(layout.choice, {above}), layout.highest != 0);
+    if (layout.type == 6) {
+      EXPECT_FALSE(isTakenWith(0, ByteVector(layout.size, 1))) << "no end at all";
+    }
+    if (layout.choice != 0) {
+      EXPECT_FALSE(isTakenWith(layout.choice, {1, 1})) << "16 bits";
+    }
   }
 }
 
