@@ -101,18 +101,18 @@ TEST(ReadKespFile, InterpretsTags) {
   const auto tag = [](std::uint32_t kind, std::initializer_list<std::uint32_t> words, const char* name = "") {
     return Tag(kind, name, Words(words));
   };
-  DataSet set(Survey({Header2{2, 1, 2, 3, 4}, tag(7, {4, 5, 0x10, 6}), tag(7, {8, 9, 0x10, 6}), tag(7, {1, 2, 0x10, 7}),
-                      tag(7, {1, 2, 3}), Tag(9, "", Floats({3, 1, 1, 1, 1})), Tag(11, "", Floats({3, 1, 1, 1, 1, 2})),
-                      Tag(9, "", Floats({4, 1, 1, 1, 1})), tag(9, {3}), tag(10, {4, 1, 9, 2, 3, 6}),
-                      tag(10, {4, 1, 4, 2, 3, 6}), tag(10, {3}), tag(13, {4, 8}, "FEATUREchanges"),
-                      tag(13, {5, 8}, "Feature Changes"), Feature(4), Point(4, 1)}));
+  DataSet set(Survey({Header2{2, 1, 2, 3, 4}, tag(7, {4, 5, 0x10, 6}), tag(7, {8, 9, 0x10, 6}),
+                      tag(7, {1, 70'002, 0x10, 7}), tag(7, {1, 2, 3}), Tag(9, "", Floats({3, 1, 1, 1, 1})),
+                      Tag(11, "", Floats({3, 1, 1, 1, 1, 2})), Tag(9, "", Floats({4, 1, 1, 1, 1})), tag(9, {3}),
+                      tag(10, {4, 1, 9, 2, 3, 6}), tag(10, {4, 1, 4, 2, 3, 6}), tag(10, {3}),
+                      tag(13, {4, 8}, "FEATUREchanges"), tag(13, {5, 8}, "Feature Changes"), Feature(4), Point(4, 1)}));
   CKespFile& file = set.file;
   for (int times = 0; times < 2; ++times) ASSERT_EQ(file.ReadKespFile(false), ERR_NONE);
   const auto& tags = file.m_tagList;
   ASSERT_EQ(Names(tags), "T7 T7 T7 T7 T9 T11 T9 T9 T10 T10 T10 T13 T13");
   const CKespFeaturePtPair mark = *file.m_gpsMarkIndex.Find(CGPSTime(0x10, 6));
   EXPECT_TRUE(mark.FeatureNumber == 8 && mark.PointNumber == 9);  // the later one
-  EXPECT_EQ(file.m_gpsMarkIndex.Find(CGPSTime(0x10, 7))->PointNumber, 2u);
+  EXPECT_EQ(file.m_gpsMarkIndex.Find(CGPSTime(0x10, 7))->PointNumber, 70'002u);
   EXPECT_TRUE(file.m_gpsMarkIndex.GetCount() == 2 && file.m_qualityMarkIndex.GetCount() == 3);
   EXPECT_EQ(*file.m_qualityMarkIndex.Find(3), tags[5]);  // both kinds share the index
   EXPECT_EQ(*file.m_qualityMarkIndex.Find(4), tags[6]);

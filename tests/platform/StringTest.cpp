@@ -72,6 +72,7 @@ TEST(String, TakesEveryByteSequenceAndGivesItBack) {
   }
   EXPECT_EQ(Units(CString(L"a\U0001F600\uFFFF")), u"a\U0001F600\uFFFF");
   EXPECT_EQ(Units(CString::FromLatin1("\xE4\xFF")), u"\u00E4\u00FF");
+  EXPECT_EQ(CString(std::wstring(300, L'x').c_str()).GetLength(), 300);
   EXPECT_TRUE(CString(static_cast<const wchar_t*>(nullptr)).IsEmpty());
 }
 

@@ -32,6 +32,19 @@ TEST_F(Copying, CopyIsEqualByteForByte) {
     EXPECT_EQ(ReadFile(copy), bytes);
   }
   EXPECT_FALSE(file.Copy(Text(copy)) || fs::exists(copy)) << "nothing is open";
+  struct BadClose : IdleDisk {
+    int Close(int fd) override {
+      SystemCalls::Close(fd);
+      errno = EIO;
+      return -1;
+    }
+  };
+  ASSERT_TRUE(file.OpenReadOnly(Text(path)));
+  {
+    const BadClose disk;
+    EXPECT_FALSE(file.Copy(Text(copy)) || fs::exists(copy));
+  }
+  EXPECT_TRUE(file.Close());
   EXPECT_FALSE(file.Copy(static_cast<const wchar_t*>(nullptr)) || file.CopyVerify(Text(copy), 2));
 }
 

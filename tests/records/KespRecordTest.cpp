@@ -75,9 +75,11 @@ TEST(Records, AreTheSameByTheirKeys) {
   point2.CoordX = attribute2.Value = 5, feature2.FeatureName = point2.PointText = u"other";
   CKespRecord* const kOthers[] = {&feature2, &end2, &point2, &attribute2, &point3, &attribute3};
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
-  EXPECT_TRUE(feature2.SetFeatureNumber(1, 2) && end2.SetFeatureNumber(1, 2) && point3.SetFeatureNumber(1, 2));
-  EXPECT_TRUE(attribute2.SetFeatureNumber(1, 2) && attribute2.FeatureNumber == 1 && point3.FeatureNumber == 1);
-  EXPECT_TRUE(feature2.FeatureNumber == 1 && end2.FeatureNumber == 1);
+  EXPECT_TRUE(feature2.SetFeatureNumber(70'000, 2) && end2.SetFeatureNumber(70'000, 2) &&
+              point3.SetFeatureNumber(70'000, 2));
+  EXPECT_TRUE(attribute2.SetFeatureNumber(70'000, 2) && attribute2.FeatureNumber == 70'000 &&
+              point3.FeatureNumber == 70'000);
+  EXPECT_TRUE(feature2.FeatureNumber == 70'000 && end2.FeatureNumber == 70'000);
   point2.PointNumber = 1, attribute3.AttributeName = u"type";
   attribute.AttributeName = attribute2.AttributeName = u"Type";
   for (int i = 0; i < 6; ++i) EXPECT_FALSE(kAll[i < 4 ? i : i - 2]->IsSameKespRecord(kOthers[i])) << i;

@@ -184,6 +184,9 @@ TEST(Tag, ALengthOfZeroLeavesTheBlock) {
   EXPECT_EQ(scratch.Body(tag, 0), Hex("01000000 00000000"));
   tag.Set("n", 5);
   tag = *&tag, empty = tag;
+  EXPECT_TRUE(empty.Set(CString(std::u16string(40'000, u'n')), 6) &&
+              Answers(empty) == "int " + std::string(40'000, 'n') + " 6");
+  empty = tag;
   EXPECT_TRUE(Answers(tag) == "int n 5" && Answers(empty) == "int n 5");
 }
 
