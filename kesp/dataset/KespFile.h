@@ -88,9 +88,9 @@ class KESP_EXPORT CKespFile {
   ErrorEnum CloseKesp();
   // Clears the store and reads the whole open file into it, with or without the records marked deleted. Points,
   // attributes and ends whose feature did not come before them are dropped. Point offsets are cleared: a data set
-  // that was read holds none. After ERR_READ_FAILED and ERR_OLD_VERSION the store holds what was read. A file whose data
-  // set would take more than some 64 MiB and four times the file's length ends in ERR_READ_FAILED, with ENOMEM as the
-  // container's system error: only one that was made for it does, where a survey takes half its length.
+  // that was read holds none. After ERR_READ_FAILED and ERR_OLD_VERSION the store holds what was read. A file whose
+  // data set would take more than some 64 MiB and four times the file's length ends in ERR_READ_FAILED, with ENOMEM as
+  // the container's system error: only one that was made for it does, where a survey takes half its length.
   ErrorEnum ReadKespFile(bool readDeleted);
   // The file version that the header record on disk names.
   ErrorEnum GetKespVersion(unsigned long& version);
