@@ -239,12 +239,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
       TakeVersion(*point, reading);
       if (FilePoint(point, reading)) m_recordList.AddTail(point);
     }
-    const std::uint64_t listed = kBytesOfEntries * static_cast<std::uint64_t>(m_recordList.GetCount()) +
-                                 kBytesOfLink * m_ownLinks.size() + kBytesOfLinkList * m_ownLinkLists.size();
-    if (kesp::PoolBytesInUse() + listed > mostMemory) {
-      if (m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = ENOMEM;
-      return ERR_READ_FAILED;
-    }
+    if (ReckonMemory() > mostMemory) return OutOfMemory();
     next.reset(m_pDataFile->ReadNextRecord(skipDeleted));
     if (!next && m_pDataFile->GetError() != KESP_ERROR_NORMAL_EOF) return ERR_READ_FAILED;
   }
@@ -252,6 +247,16 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   if (m_kespVersion < 2 && !m_featureIndex.IsEmpty()) return ERR_OLD_VERSION;
   m_numPoints = reading.points;
   return ERR_NONE;
+}
+
+std::uint64_t CKespFile::ReckonMemory() const noexcept {
+  return kesp::PoolBytesInUse() + kBytesOfEntries * static_cast<std::uint64_t>(m_recordList.GetCount()) +
+         kBytesOfLink * m_ownLinks.size() + kBytesOfLinkList * m_ownLinkLists.size();
+}
+
+ErrorEnum CKespFile::OutOfMemory() noexcept {
+  if (m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = ENOMEM;
+  return ERR_READ_FAILED;
 }
 
 // The class of a record answers the same for all records of a version: it is asked again when one of another class or

@@ -37,13 +37,25 @@ int TruncateRetrying(int fd, std::int64_t length) {
   return Uninterrupted([&] { return kesp::System().Truncate(fd, length); });
 }
 
-// Null means that no lock is wanted.
+// 0 when no lock is wanted.
 int LockOperation(unsigned openFlags, bool writable) {
   if ((openFlags & (CFile::shareDenyWrite | CFile::shareExclusive)) != 0) {
     return LOCK_EX;
   }
   // Who writes without restriction shares the file with others like it, and fails while somebody denies writing.
   return writable ? LOCK_SH : 0;
+}
+
+// Also true when no lock is wanted; errno has the reason otherwise.
+bool TakeLock(int fd, int operation) {
+  return operation == 0 || Uninterrupted([&] { return kesp::System().Lock(fd, operation | LOCK_NB); }) == 0;
+}
+
+// False when somebody reads the file, or the system refuses; errno has the reason.
+bool EmptyFile(int fd, const struct stat& info) {
+  if (!kesp::OpenReader::Reads(info.st_dev, info.st_ino)) return TruncateRetrying(fd, 0) == 0;
+  errno = EWOULDBLOCK;
+  return false;
 }
 
 }  // namespace
@@ -97,14 +109,10 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
   if (!S_ISREG(info.st_mode)) {
     return fail(CFileException(CFileException::invalidFile, S_ISDIR(info.st_mode) ? EISDIR : EINVAL, wanted));
   }
-  if (const int operation = LockOperation(openFlags, writable); operation != 0) {
-    const int result = Uninterrupted([&] { return kesp::System().Lock(m_fd, operation | LOCK_NB); });
-    if (result != 0) return fail(CFileException(errno, wanted));
-  }
+  if (!TakeLock(m_fd, LockOperation(openFlags, writable))) return fail(CFileException(errno, wanted));
   m_length = static_cast<std::uint64_t>(info.st_size);
   if (create && !created) {
-    if (kesp::OpenReader::Reads(info.st_dev, info.st_ino)) return fail(CFileException(EWOULDBLOCK, wanted));
-    if (TruncateRetrying(m_fd, 0) != 0) return fail(CFileException(errno, wanted));
+    if (!EmptyFile(m_fd, info)) return fail(CFileException(errno, wanted));
     m_length = 0;
   } else if (StatRetrying(m_fd, info) == 0) {
     m_length = static_cast<std::uint64_t>(info.st_size);  // it may have grown until the lock was ours

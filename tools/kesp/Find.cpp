@@ -220,7 +220,7 @@ class Table {
  public:
   void Add(const CKespFeature& feature) {
     const std::optional<std::int64_t> firstTime = TimesOf(feature).first;
-    m_rows.push_back({&feature, firstTime});
+    m_rows.emplace_back(&feature, firstTime);
     Widen(kNumber, Digits(feature.FeatureNumber).View());
     Widen(kType, TypeName(feature));
     Widen(kPoints, Digits(feature.GetNumPoints()).View());
