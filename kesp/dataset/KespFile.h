@@ -287,8 +287,9 @@ class KESP_EXPORT CKespFile {
   bool FilePoint(CKespPoint* point, Reading& reading);
   CKespFeature* FeatureOf(std::uint32_t number, Reading& reading) const;
   void TakeVersion(CKespRecord& record, Reading& reading);
-  std::uint64_t ReckonMemory() const noexcept;  // bytes of the store, and of all that is in the pool
-  ErrorEnum OutOfMemory() noexcept;             // notes it in the container
+  // Bytes of the store, given what this thread had of the pool before.
+  std::uint64_t ReckonMemory(std::int64_t takenBefore) const noexcept;
+  ErrorEnum OutOfMemory() noexcept;  // notes it in the container
   void HandUpFlags(Reading& reading);
   void HandUpFlags(CKespFeature& feature);
   void HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& feature);

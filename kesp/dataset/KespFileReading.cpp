@@ -228,8 +228,8 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   const kesp::PoolSession session;
   Reading reading;
   // Only a file made for it comes there: of a survey that somebody collected, half the length is enough.
-  const std::uint64_t mostMemory =
-      kesp::PoolBytesInUse() + kMemoryToBeginWith + kMemoryPerByte * m_pDataFile->m_file.KnownLength();
+  const std::uint64_t mostMemory = kMemoryToBeginWith + kMemoryPerByte * m_pDataFile->m_file.KnownLength();
+  const std::int64_t takenBefore = kesp::PoolBytesTaken();
   // Damage right behind the header reads as a file that ends there; further on it is reported.
   while (next) {
     TakeVersion(*next, reading);
@@ -239,7 +239,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
       TakeVersion(*point, reading);
       if (FilePoint(point, reading)) m_recordList.AddTail(point);
     }
-    if (ReckonMemory() > mostMemory) return OutOfMemory();
+    if (ReckonMemory(takenBefore) > mostMemory) return OutOfMemory();
     next.reset(m_pDataFile->ReadNextRecord(skipDeleted));
     if (!next && m_pDataFile->GetError() != KESP_ERROR_NORMAL_EOF) return ERR_READ_FAILED;
   }
@@ -249,9 +249,10 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   return ERR_NONE;
 }
 
-std::uint64_t CKespFile::ReckonMemory() const noexcept {
-  return kesp::PoolBytesInUse() + kBytesOfEntries * static_cast<std::uint64_t>(m_recordList.GetCount()) +
-         kBytesOfLink * m_ownLinks.size() + kBytesOfLinkList * m_ownLinkLists.size();
+std::uint64_t CKespFile::ReckonMemory(std::int64_t takenBefore) const noexcept {
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(kesp::PoolBytesTaken() - takenBefore, 0)) +
+         kBytesOfEntries * static_cast<std::uint64_t>(m_recordList.GetCount()) + kBytesOfLink * m_ownLinks.size() +
+         kBytesOfLinkList * m_ownLinkLists.size();
 }
 
 ErrorEnum CKespFile::OutOfMemory() noexcept {

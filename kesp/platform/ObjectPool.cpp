@@ -4,7 +4,6 @@
 #include <sys/single_threaded.h>
 
 #include <array>
-#include <atomic>
 #include <bit>
 #include <cstdint>
 #include <mutex>
@@ -85,7 +84,6 @@ struct Pool {
   Region* regions = nullptr;             // with a free span
   Region* spare = nullptr;               // empty ones, by `next`
   std::size_t spareCount = 0;
-  std::atomic<std::size_t> regionsInUse = 0;
   bool hadFirst = false;
 };
 
@@ -96,6 +94,7 @@ constinit Pool g_pool;
 // Whether this thread holds the pool's lock, for a PoolSession. Looked at for every block, so its place is fixed when
 // the library is loaded.
 [[gnu::tls_model("initial-exec")]] thread_local bool t_inSession = false;
+[[gnu::tls_model("initial-exec")]] thread_local std::int64_t t_spansTaken = 0;
 
 // As long as the process has one thread there is nobody to lock out.
 class MaybeLock {
@@ -141,15 +140,12 @@ Region* TakeRegion(Pool& pool) {
     place = MapRegion(pool.hadFirst);
     pool.hadFirst = true;
   }
-  if (place == nullptr) return nullptr;
-  pool.regionsInUse.store(pool.regionsInUse.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  return new (place) Region{kAllSpans, {}};
+  return place == nullptr ? nullptr : new (place) Region{kAllSpans, {}};
 }
 
 // Some empty regions are kept for the next data set. Their pages, but for the first, are the system's to take back
 // whenever it wants them.
 void GiveRegionBack(Pool& pool, Region* region) {
-  pool.regionsInUse.store(pool.regionsInUse.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
   if (pool.spareCount == kMostSpareRegions) {
     ::munmap(region, kRegionSize);
     return;
@@ -167,6 +163,7 @@ Span* TakeSpan(Pool& pool, std::size_t which) {
     if (fresh == nullptr) return nullptr;
     PushFront(pool.regions, fresh);
   }
+  ++t_spansTaken;
   Region* const region = pool.regions;
   const int index = std::countr_zero(region->freeSpans);
   region->freeSpans &= region->freeSpans - 1;
@@ -177,6 +174,7 @@ Span* TakeSpan(Pool& pool, std::size_t which) {
 }
 
 void GiveSpanBack(Pool& pool, Span* span) {
+  --t_spansTaken;
   auto* const region = StartOf<Region>(span, kRegionSize);
   if (region->freeSpans == 0) PushFront(pool.regions, region);
   region->freeSpans |= 1U << (reinterpret_cast<std::uintptr_t>(span) % kRegionSize / kSpanSize);
@@ -271,7 +269,7 @@ bool PoolPrepare() noexcept {
   return true;
 }
 
-std::size_t PoolBytesInUse() noexcept { return kRegionSize * g_pool.regionsInUse.load(std::memory_order_relaxed); }
+std::int64_t PoolBytesTaken() noexcept { return static_cast<std::int64_t>(kSpanSize) * t_spansTaken; }
 
 PoolSession::PoolSession() : m_nested(t_inSession || !kPooled) {
   if (m_nested) return;

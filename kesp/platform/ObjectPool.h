@@ -10,6 +10,7 @@
 // Any thread may allocate and free. Errors: CMemoryException.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 #include <limits>
 
 #include "kesp/platform/Exception.h"
@@ -27,8 +28,9 @@ KESP_EXPORT void PoolFree(void* block, std::size_t size) noexcept;
 // False when enough is ready already, or when there is none to be had.
 bool PoolPrepare() noexcept;
 
-// Bytes of the regions that blocks are in; 0 in a build for the address sanitizer. Other threads have a part in it.
-std::size_t PoolBytesInUse() noexcept;
+// Bytes of the spans that this thread took, less those that it gave back, which others may have taken: only differences
+// mean something. Always 0 in a build for the address sanitizer.
+std::int64_t PoolBytesTaken() noexcept;
 
 // Whoever makes or deletes millions of blocks locks the pool once, and not for each. Other threads' blocks wait
 // meanwhile, so it must not last: PoolPause lets go of the lock for as long as something else is waited for.
