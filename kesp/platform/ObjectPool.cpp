@@ -4,11 +4,14 @@
 #include <sys/single_threaded.h>
 
 #include <array>
+#include <atomic>
 #include <bit>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "kesp/platform/Exception.h"
 
@@ -78,6 +81,16 @@ struct alignas(kCacheLine) Span {
 };
 static_assert(sizeof(Region) == kCacheLine && sizeof(Span) == kCacheLine);
 
+}  // namespace
+
+// What this thread freed last of each size, kept for when it asks for that size again: who walks over a file makes and
+// deletes one record after another, and so neither locks the pool nor looks at a span.
+struct KeptBlocks {
+  std::array<void*, kSizes> last{};
+};
+
+namespace {
+
 struct Pool {
   std::mutex mutex;
   std::array<Span*, kSizes> withRoom{};  // of each size; the first one is in use
@@ -95,6 +108,11 @@ constinit Pool g_pool;
 // the library is loaded.
 [[gnu::tls_model("initial-exec")]] thread_local bool t_inSession = false;
 [[gnu::tls_model("initial-exec")]] thread_local std::int64_t t_spansTaken = 0;
+
+// Null before the first block is freed, once the thread ends, and in a session, which needs neither and may free a
+// whole data set.
+[[gnu::tls_model("initial-exec")]] thread_local KeptBlocks* t_kept = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local bool t_keptMade = false;
 
 // As long as the process has one thread there is nobody to lock out.
 class MaybeLock {
@@ -117,8 +135,8 @@ T* StartOf(void* inside, std::size_t size) {
   return reinterpret_cast<T*>(reinterpret_cast<std::uintptr_t>(inside) & ~(size - 1));
 }
 
-// Memory for a region, or null. Only the first one is not asked for as a huge page, for those who have little.
-void* MapRegion(bool huge) {
+// Memory for a region, or null.
+void* MapRegion() {
   // More than that, of which an aligned part is kept.
   void* const raw = ::mmap(nullptr, 2 * kRegionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (raw == MAP_FAILED) return nullptr;
@@ -127,8 +145,29 @@ void* MapRegion(bool huge) {
   if (lead != 0) ::munmap(begin, lead);
   std::byte* const aligned = begin + lead;
   ::munmap(aligned + kRegionSize, kRegionSize - lead);
-  if (huge) ::madvise(aligned, kRegionSize, MADV_HUGEPAGE);  // a wish: without it the pages are small
   return aligned;
+}
+
+// How many regions are still to be of small pages, since a huge one was slow to come.
+std::atomic<int> g_smallToCome{0};
+
+// Has the system bring all pages of a region at once. False when it can't: some systems can't do that at all, and leave
+// it to the first touch.
+bool MakePages(void* region) noexcept {
+  using Clock = std::chrono::steady_clock;
+  constexpr Clock::duration kSlow = std::chrono::milliseconds(1);  // several times what a huge page in memory takes
+  constexpr int kSmallRegions = 64;                                // 128 MiB, after which another try hardly matters
+  constexpr int kPopulateWrite = 23;                               // MADV_POPULATE_WRITE, which older headers lack
+  const bool huge = g_smallToCome.load(std::memory_order_relaxed) <= 0;
+  if (huge) ::madvise(region, kRegionSize, MADV_HUGEPAGE);  // a wish
+  const Clock::time_point start = Clock::now();
+  if (::madvise(region, kRegionSize, kPopulateWrite) != 0) return false;
+  if (!huge) {
+    --g_smallToCome;
+  } else if (Clock::now() - start > kSlow) {
+    g_smallToCome = kSmallRegions;
+  }
+  return true;
 }
 
 Region* TakeRegion(Pool& pool) {
@@ -137,8 +176,8 @@ Region* TakeRegion(Pool& pool) {
     pool.spare = pool.spare->links.next;
     --pool.spareCount;
   } else {
-    place = MapRegion(pool.hadFirst);
-    pool.hadFirst = true;
+    place = MapRegion();
+    if (place != nullptr && std::exchange(pool.hadFirst, true)) (void)MakePages(place);
   }
   return place == nullptr ? nullptr : new (place) Region{kAllSpans, {}};
 }
@@ -189,25 +228,16 @@ Span* SpanOf(void* block) {
   return reinterpret_cast<Span*>(firstOfRegion ? start + sizeof(Region) : start);
 }
 
-}  // namespace
+[[gnu::noinline]] void* TakeFromHeap(std::size_t size) {
+  void* const block = ::operator new(size, std::nothrow);
+  if (block == nullptr) throw CMemoryException();
+  return block;
+}
 
-void* PoolAllocate(std::size_t size) {
-  if (!kPooled || size > kLargestPooledBlock || size == 0) {
-    void* const block = ::operator new(size, std::nothrow);
-    if (block == nullptr) throw CMemoryException();
-    return block;
-  }
-  const std::size_t which = (size - 1) / kGranule;
+// A block out of the first span that has room, `first` among the spans of its size.
+void* TakeBlockOf(Span*& first, std::size_t which) noexcept {
   const std::size_t blockSize = (which + 1) * kGranule;
-  Pool& pool = g_pool;
-  const MaybeLock lock(pool.mutex);
-  Span*& first = pool.withRoom[which];
-  Span* const span = first != nullptr ? first : TakeSpan(pool, which);
-  if (span == nullptr) throw CMemoryException();
-  if (!span->listed) {
-    PushFront(first, span);
-    span->listed = true;
-  }
+  Span* const span = first;
   ++span->live;
   void* block = span->free;
   if (block != nullptr) {
@@ -226,11 +256,25 @@ void* PoolAllocate(std::size_t size) {
   return block;
 }
 
-void PoolFree(void* block, std::size_t size) noexcept {
-  if (!kPooled || size > kLargestPooledBlock || size == 0) {
-    ::operator delete(block);
-    return;
+[[gnu::noinline]] void* TakeBlockLocked(std::size_t which) {
+  Pool& pool = g_pool;
+  const MaybeLock lock(pool.mutex);
+  Span*& first = pool.withRoom[which];
+  if (first == nullptr) {
+    Span* const span = TakeSpan(pool, which);
+    if (span == nullptr) throw CMemoryException();
+    PushFront(first, span);
+    span->listed = true;
   }
+  return TakeBlockOf(first, which);
+}
+
+void* TakeBlock(std::size_t which) {
+  Span*& first = g_pool.withRoom[which];
+  return t_inSession && first != nullptr ? TakeBlockOf(first, which) : TakeBlockLocked(which);
+}
+
+[[gnu::noinline]] void GiveBlockBack(void* block) noexcept {
   Span* const span = SpanOf(block);
   Pool& pool = g_pool;
   const MaybeLock lock(pool.mutex);
@@ -248,6 +292,51 @@ void PoolFree(void* block, std::size_t size) noexcept {
   }
 }
 
+// Gives all of them back when the thread ends. What other destructors delete later still is not kept.
+struct KeptBlocksEnd {
+  KeptBlocks* const kept;
+  ~KeptBlocksEnd() {
+    t_kept = nullptr;
+    for (void* const block : kept->last) {
+      if (block != nullptr) GiveBlockBack(block);
+    }
+    delete kept;
+  }
+};
+
+// Where PoolFree goes when it can't simply keep the block.
+[[gnu::noinline]] void KeepOrGiveBack(void* block, std::size_t which) noexcept {
+  if (!t_keptMade && !t_inSession) {
+    t_kept = new (std::nothrow) KeptBlocks;
+    if (t_kept != nullptr) static thread_local const KeptBlocksEnd end{t_kept};
+    t_keptMade = true;
+  }
+  if (t_kept == nullptr) return GiveBlockBack(block);
+  void* const before = std::exchange(t_kept->last[which], block);
+  if (before != nullptr) GiveBlockBack(before);
+}
+
+}  // namespace
+
+void* PoolAllocate(std::size_t size) {
+  if (!kPooled || size > kLargestPooledBlock || size == 0) {
+    return TakeFromHeap(size);
+  }
+  const std::size_t which = (size - 1) / kGranule;
+  if (t_kept == nullptr || t_kept->last[which] == nullptr) return TakeBlock(which);
+  return std::exchange(t_kept->last[which], nullptr);
+}
+
+void PoolFree(void* block, std::size_t size) noexcept {
+  if (!kPooled || size > kLargestPooledBlock || size == 0) {
+    ::operator delete(block);
+    return;
+  }
+  const std::size_t which = (size - 1) / kGranule;
+  if (t_kept == nullptr || t_kept->last[which] != nullptr) return KeepOrGiveBack(block, which);
+  t_kept->last[which] = block;
+}
+
 bool PoolPrepare() noexcept {
   if (!kPooled) return false;
   Pool& pool = g_pool;
@@ -255,10 +344,9 @@ bool PoolPrepare() noexcept {
     const MaybeLock lock(pool.mutex);
     if (pool.spareCount >= kReadyRegions) return false;
   }
-  void* const place = MapRegion(true);
+  void* const place = MapRegion();
   if (place == nullptr) return false;
-  constexpr int kPopulateWrite = 23;  // MADV_POPULATE_WRITE, which older headers lack
-  if (::madvise(place, kRegionSize, kPopulateWrite) != 0) {
+  if (!MakePages(place)) {
     ::munmap(place, kRegionSize);
     return false;
   }
@@ -275,9 +363,11 @@ PoolSession::PoolSession() : m_nested(t_inSession || !kPooled) {
   if (m_nested) return;
   g_pool.mutex.lock();
   t_inSession = true;
+  m_kept = std::exchange(t_kept, nullptr);
 }
 PoolSession::~PoolSession() {
   if (m_nested) return;
+  if (m_kept != nullptr) t_kept = m_kept;
   t_inSession = false;
   g_pool.mutex.unlock();
 }

@@ -1,11 +1,13 @@
 // Memory for records and their texts: many small blocks of few sizes, made and dropped together.
 //
-// Blocks come out of regions of 2 MiB that ask the system for huge pages, since a page touched for the first time costs
-// far more than what is put into it; the first region does without, for those who have little. A region is cut into
-// spans of 64 KiB, each for blocks of one size, so that many sizes waste little. When the last block of a region is
-// freed it is kept for the next data set, up to 128 MiB of them, as memory that the system may take back when it wants
-// it; beyond that it is unmapped. Blocks over kLargestPooledBlock bytes come from the ordinary heap, and so does
-// everything in a build for the address sanitizer, which then sees each block's bounds.
+// Blocks come out of regions of 2 MiB whose pages are there before the first block is: a page touched for the first
+// time costs far more than what is put into it. A huge page is cheapest, except on a virtual machine whose host must
+// find the memory first; where one was slow to come, the next regions are of small pages. The first region is of small
+// ones that come when they are touched, for those who have little. A region is cut into spans of 64 KiB, each for
+// blocks of one size, so that many sizes waste little. When the last block of a region is freed it is kept for the next
+// data set, up to 128 MiB of them, as memory that the system may take back when it wants it; beyond that it is
+// unmapped. Blocks over kLargestPooledBlock bytes come from the ordinary heap, and so does everything in a build for
+// the address sanitizer, which then sees each block's bounds.
 //
 // Any thread may allocate and free. Errors: CMemoryException.
 #pragma once
@@ -34,6 +36,8 @@ std::int64_t PoolBytesTaken() noexcept;
 
 // Whoever makes or deletes millions of blocks locks the pool once, and not for each. Other threads' blocks wait
 // meanwhile, so it must not last: PoolPause lets go of the lock for as long as something else is waited for.
+struct KeptBlocks;
+
 class PoolSession {
  public:
   PoolSession();
@@ -43,6 +47,7 @@ class PoolSession {
 
  private:
   const bool m_nested;
+  KeptBlocks* m_kept = nullptr;
 };
 class PoolPause {
  public:

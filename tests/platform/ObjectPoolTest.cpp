@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <random>
+#include <thread>
 #include <vector>
 
 namespace kesp::test {
@@ -21,6 +26,38 @@ TEST(ObjectPool, UsesAgainWhatWasFreed) {
     for (void* const block : blocks) PoolFree(block, kSize);
     EXPECT_LE(PoolBytesTaken(), most / 2);
   }
+}
+
+TEST(ObjectPool, ThreadsShareBlocksAndLeaveNoneBehind) {
+  constexpr std::size_t kThreads = 4, kPlaces = 64, kSizes = 40;
+  std::array<std::atomic<std::uint8_t*>, kPlaces> places{};  // blocks of 8 times 1 and more, filled with that number
+  const auto check = [](std::uint8_t* block) {
+    if (block == nullptr) return;
+    EXPECT_TRUE(std::all_of(block, block + block[0] * 8, [&](std::uint8_t byte) { return byte == block[0]; }));
+    PoolFree(block, block[0] * std::size_t{8});
+  };
+  const auto work = [&](unsigned seed) {
+    std::minstd_rand random(seed);
+    for (int i = 0; i < 50'000; ++i) {
+      const std::size_t number = 1 + random() % kSizes;
+      auto* const block = static_cast<std::uint8_t*>(PoolAllocate(number * 8));
+      std::fill_n(block, number * 8, static_cast<std::uint8_t>(number));
+      check(random() % 2 == 0 ? block : places[random() % kPlaces].exchange(block));
+    }
+  };
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < kThreads; ++i) threads.emplace_back(work, i + 1);
+  for (std::thread& thread : threads) thread.join();
+  for (auto& place : places) check(place);
+
+  void* const own = PoolAllocate(900);
+  void* first = nullptr;
+  std::thread([&] { PoolFree(first = PoolAllocate(1000), 1000); }).join();
+  void* const second = PoolAllocate(1000);
+  const bool pooled = PoolBytesTaken() != 0;
+  EXPECT_TRUE(second == first || !pooled) << "what a thread kept is there again when it has ended";
+  PoolFree(second, 1000);
+  PoolFree(own, 900);
 }
 
 }  // namespace
