@@ -1,6 +1,7 @@
 #include "kesp/platform/String.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <cwchar>
 
@@ -65,8 +66,9 @@ std::size_t DecodeUtf8(std::string_view text, std::size_t at, bool surrogatesPas
   return tooLong ? 0 : count;
 }
 
-void AppendUtf8(std::string& out, std::uint32_t code) {
-  const auto put = [&out](std::uint32_t byte) { out += static_cast<char>(static_cast<unsigned char>(byte)); };
+// Writes the code point as up to four bytes and gives the place behind them.
+char* PutUtf8(char* out, std::uint32_t code) {
+  const auto put = [&out](std::uint32_t byte) { *out++ = static_cast<char>(static_cast<unsigned char>(byte)); };
   if (code < 0x80) {
     put(code);
   } else if (code < 0x800) {
@@ -82,22 +84,44 @@ void AppendUtf8(std::string& out, std::uint32_t code) {
     put(0x80 | (code >> 6 & 0x3F));
     put(0x80 | (code & 0x3F));
   }
+  return out;
+}
+
+// Whether the next four units are all below 0x80.
+bool IsPlain(const char16_t* units) {
+  std::uint64_t four = 0;
+  std::memcpy(&four, units, sizeof four);
+  return (four & 0xFF80FF80FF80FF80U) == 0;
 }
 
 std::string EncodeUtf8(std::u16string_view text, bool strayBytes) {
   std::string out;
-  out.reserve(text.size());
+  // Piece by piece, so that the text costs one allocation as a rule, and none when it is short.
+  constexpr std::size_t kPiece = 256;
+  std::array<char, kPiece> piece;
+  char* at = piece.data();
   for (std::size_t i = 0; i < text.size(); ++i) {
+    for (; text.size() - i >= 4 && IsPlain(text.data() + i) && at <= piece.data() + kPiece - 8; i += 4, at += 4) {
+      std::transform(text.data() + i, text.data() + i + 4, at, [](char16_t unit) { return static_cast<char>(unit); });
+    }
+    if (i == text.size()) break;
     std::uint32_t code = text[i];
     if (IsHigh(text[i]) && i + 1 < text.size() && IsLow(text[i + 1])) {
       code = 0x10000U + ((code - kFirstHigh) << 10) + (text[i + 1] - std::uint32_t{kFirstLow});
       ++i;
-    } else if (strayBytes && code >= 0xDC80 && code <= 0xDCFF) {
-      out += static_cast<char>(static_cast<unsigned char>(code & 0xFF));
-      continue;
     }
-    AppendUtf8(out, code);
+    if (strayBytes && code >= 0xDC80 && code <= 0xDCFF) {
+      *at++ = static_cast<char>(static_cast<unsigned char>(code & 0xFF));
+    } else {
+      at = PutUtf8(at, code);
+    }
+    if (at > piece.data() + kPiece - 4) {
+      if (out.empty()) out.reserve(text.size());
+      out.append(piece.data(), at);
+      at = piece.data();
+    }
   }
+  out.append(piece.data(), at);
   return out;
 }
 
@@ -190,11 +214,6 @@ void CString::Assign(const char16_t* units, std::size_t count) {
   std::memcpy(fresh.m_long.data, units, count * sizeof(char16_t));
   fresh.SetLength(count);
   *this = std::move(fresh);
-}
-
-void CString::Empty() noexcept {
-  if (IsLong()) Release();
-  SetSmallLength(0);
 }
 
 CString& CString::operator+=(const CString& other) {

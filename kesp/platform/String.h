@@ -62,7 +62,10 @@ class KESP_EXPORT CString {
   int GetLength() const noexcept { return static_cast<int>(Size()); }
   std::size_t Size() const noexcept { return IsLong() ? m_long.size : kInline - m_small[kInline]; }
   bool IsEmpty() const noexcept { return Size() == 0; }
-  void Empty() noexcept;
+  void Empty() noexcept {
+    if (IsLong()) Release();
+    SetSmallLength(0);
+  }
   // The units with a zero behind them; valid until the text changes.
   const char16_t* GetString() const noexcept { return IsLong() ? m_long.data : m_small; }
   std::u16string_view View() const noexcept { return {GetString(), Size()}; }

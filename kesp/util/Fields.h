@@ -62,6 +62,7 @@ inline std::size_t TextLength16(const std::byte* from, std::size_t units) noexce
 }
 // Makes `text` of the `units` code units at `from`, up to the first zero unit.
 inline void LoadText16(CString& text, const std::byte* from, std::size_t units) {
+  if (units == 0 || LoadLittle<std::uint16_t>(from) == 0) return text.Empty();  // as most are
   const std::size_t length = TextLength16(from, units);
   char16_t* const out = text.Resize(length);
   if constexpr (std::endian::native == std::endian::little) {

@@ -69,6 +69,10 @@ TEST(String, TakesEveryByteSequenceAndGivesItBack) {
     EXPECT_EQ(text.ToUtf8(), c.utf8.empty() ? c.bytes : c.utf8) << c.bytes;
     EXPECT_EQ(CString(text.ToUtf8()), text) << c.bytes;
     EXPECT_EQ(text.ToPathBytes(), c.bytes) << "the name on the disk";
+    for (std::size_t length = 240; length < 260; ++length) {  // around the end of a piece
+      const std::string before(length, 'x');
+      EXPECT_EQ((CString(before) + text + u"xxxxx").ToUtf8(), before + text.ToUtf8() + "xxxxx") << length << c.bytes;
+    }
   }
   EXPECT_EQ(Units(CString(L"a\U0001F600\uFFFF")), u"a\U0001F600\uFFFF");
   EXPECT_EQ(Units(CString::FromLatin1("\xE4\xFF")), u"\u00E4\u00FF");
