@@ -34,16 +34,13 @@ const CKespNote* AsTaggedNote(const CKespRecord* record, std::u16string_view tag
 
 class ReadingAhead {
  public:
-  explicit ReadingAhead(CFile& file) : m_file(file) {
-    constexpr std::uint64_t kWorthIt = std::uint64_t{4} << 20;  // bytes
-    if (file.KnownLength() >= kWorthIt) file.ReadAhead();
-  }
-  ~ReadingAhead() { m_file.EndReadAhead(); }
+  explicit ReadingAhead(CKespDataFile& file) : m_file(file) { file.ReadAhead(true); }
+  ~ReadingAhead() { m_file.m_file.EndReadAhead(); }
   ReadingAhead(const ReadingAhead&) = delete;
   ReadingAhead& operator=(const ReadingAhead&) = delete;
 
  private:
-  CFile& m_file;
+  CKespDataFile& m_file;
 };
 
 }  // namespace
@@ -224,7 +221,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   }
   if (!next && m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF) return ERR_NONE;
 
-  const ReadingAhead ahead(m_pDataFile->m_file);
+  const ReadingAhead ahead(*m_pDataFile);
   const kesp::PoolSession session;
   Reading reading;
   // Only a file made for it comes there: of a survey that somebody collected, half the length is enough.

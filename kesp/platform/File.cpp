@@ -226,12 +226,12 @@ void CFile::FillBuffer(std::size_t count) {
   m_bufferSize += ReadSystem(m_data + kept, count - kept, most, m_position + kept);
 }
 
-void CFile::ReadAhead() noexcept {
-  if (m_fd < 0 || m_ahead || std::thread::hardware_concurrency() < 2) return;
+void CFile::ReadAhead(bool objectsAreKept) noexcept {
+  if (m_fd < 0 || m_ahead || !kesp::ReadAhead::HasProcessor()) return;
   try {
     const std::uint64_t buffered = m_bufferStart + m_bufferSize;
     const bool follows = m_position >= m_bufferStart && m_position <= buffered;
-    m_ahead = std::make_unique<kesp::ReadAhead>(m_fd, follows ? buffered : m_position, kMaxView);
+    m_ahead = std::make_unique<kesp::ReadAhead>(m_fd, follows ? buffered : m_position, kMaxView, objectsAreKept);
   } catch (const std::exception&) {
     // No memory, or no thread: it is read when it is wanted.
   }

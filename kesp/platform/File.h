@@ -5,7 +5,7 @@
 //   std::uint32_t type = 0;
 //   if (file.Read(&type, sizeof type) != sizeof type) ...  // the end of the file
 //
-// Positions and lengths are 64-bit byte counts. Reading goes through a buffer of up to 256 KiB that grows with
+// Positions and lengths are 64-bit byte counts. Reading goes through a buffer of up to 1 MiB that grows with
 // sequential reading; writing goes to the system at once (see Gather) and the buffer follows it, so what was written
 // through this object is what it reads. A read at the end of the file asks the system again each time: what another
 // process appended meanwhile is found.
@@ -82,7 +82,8 @@ class KESP_EXPORT CFile {
   }
   // Has another thread read ahead from here on, until the file ends or is written to, or reading goes on far from where
   // it was. A wish, for those who are about to read many megabytes in a row; without the means for it nothing happens.
-  void ReadAhead() noexcept;
+  // Where what is made of the bytes will be kept, memory is made ready for it too.
+  void ReadAhead(bool objectsAreKept = false) noexcept;
   void EndReadAhead() noexcept;  // nothing when it has ended
   // The same for those who are done with less: the next `count` bytes where they stand in the buffer already, without
   // taking them, or null. Skip takes them then.
@@ -145,7 +146,7 @@ class KESP_EXPORT CFile {
   };
 
  private:
-  static constexpr std::size_t kBufferSize = 256 * 1024;
+  static constexpr std::size_t kBufferSize = 1024 * 1024;
   static constexpr std::size_t kFirstRead = 4 * 1024;  // what a read somewhere new asks for; doubled while it goes on
 
   [[noreturn]] void Raise(int osError);

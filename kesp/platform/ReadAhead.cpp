@@ -1,5 +1,7 @@
 #include "kesp/platform/ReadAhead.h"
 
+#include <sched.h>
+
 #include <cerrno>
 #include <csignal>
 
@@ -29,7 +31,7 @@ class SignalsBlocked {
 // sleeping is for when it is not.
 template <class MustWait>
 void WaitWhile(const std::atomic<std::size_t>& number, MustWait mustWait) noexcept {
-  constexpr int kLooks = 200;
+  constexpr int kLooks = 1000;
   for (int look = 0; look < kLooks; ++look) {
     if (!mustWait(number.load(std::memory_order_acquire))) return;
     std::this_thread::yield();
@@ -43,8 +45,18 @@ void WaitWhile(const std::atomic<std::size_t>& number, MustWait mustWait) noexce
 
 }  // namespace
 
-ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront)
-    : m_fd(fd), m_offset(offset), m_roomInFront(roomInFront), m_memory(kBlocks * (roomInFront + kBlockSize)) {
+bool ReadAhead::HasProcessor() noexcept {
+  cpu_set_t mine;
+  if (::sched_getaffinity(0, sizeof mine, &mine) != 0) return true;  // more processors than the set has room for
+  return CPU_COUNT(&mine) > 1;
+}
+
+ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept)
+    : m_fd(fd),
+      m_offset(offset),
+      m_roomInFront(roomInFront),
+      m_objectsAreKept(objectsAreKept),
+      m_memory(kBlocks * (roomInFront + kBlockSize)) {
   if (!m_memory) throw std::bad_alloc();
   const SignalsBlocked blocked;
   m_thread = std::thread([this] { Run(); });
@@ -93,7 +105,7 @@ void ReadAhead::Run() {
       if (ReadBlock(*number) < Block(*number).size()) return;
       continue;
     }
-    if (PoolPrepare()) continue;
+    if (m_objectsAreKept && PoolPrepare()) continue;
     const std::size_t claimed = m_claimed.load(std::memory_order_relaxed);
     WaitWhile(m_given, [claimed](std::size_t given) { return claimed >= given + kMostAhead; });
   }

@@ -2,7 +2,7 @@
 //
 // While one thread makes objects of what was read, the system copies what comes next out of its page cache on another
 // processor. Who has nothing to do helps: the taker reads a block himself where he would have to wait, and the thread
-// makes memory ready for the objects to come (see PoolPrepare). It pays for files of many megabytes.
+// makes memory ready for objects that will be kept (see PoolPrepare). It pays for files of many megabytes.
 //
 // Blocks come in the order of the file and follow one another. The end of the file, and a failed read, end them: Next
 // then answers none, and whoever wants more reads on for himself, and meets the end or the failure.
@@ -24,8 +24,10 @@ namespace kesp {
 
 class ReadAhead {
  public:
+  // Whether this thread and another can run at the same time. Two that take turns are slower than one.
+  static bool HasProcessor() noexcept;
   // In front of each block there are `roomInFront` bytes for what is left of the one before.
-  ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront);
+  ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept);
   ~ReadAhead();
   ReadAhead(const ReadAhead&) = delete;
   ReadAhead& operator=(const ReadAhead&) = delete;
@@ -36,8 +38,8 @@ class ReadAhead {
   std::uint64_t NextOffset() const noexcept { return OffsetOf(m_given.load(std::memory_order_relaxed)); }
 
  private:
-  static constexpr std::size_t kBlockSize = std::size_t{256} << 10;
-  static constexpr std::size_t kBlocks = 8;
+  static constexpr std::size_t kBlockSize = std::size_t{128} << 10;
+  static constexpr std::size_t kBlocks = 16;
   static constexpr std::size_t kPage = 4096;
   // The block given last is being looked at, and the rest of the one before is being moved in front of it.
   static constexpr std::size_t kMostAhead = kBlocks - 2;
@@ -61,6 +63,7 @@ class ReadAhead {
   const int m_fd;
   const std::uint64_t m_offset;
   const std::size_t m_roomInFront;
+  const bool m_objectsAreKept;
   const AlignedBytes m_memory;
 
   // Blocks are numbered as they come. Whoever claims one reads it into its slot, and notes there its size, and then

@@ -63,6 +63,11 @@ CKespPoint* CKespDataFile::TakePlainPoint() {
   return point.release();
 }
 
+void CKespDataFile::ReadAhead(bool recordsAreKept) noexcept {
+  constexpr std::uint64_t kWorthIt = std::uint64_t{4} << 20;  // bytes
+  if (IsOpen() && m_file.KnownLength() >= m_file.GetPosition() + kWorthIt) m_file.ReadAhead(recordsAreKept);
+}
+
 // Fills `header` as far as the file goes; the rest of it stays 0.
 bool CKespDataFile::ReadHeader(kesp::RecordHeader& header) {
   const auto fail = [this](KESP_ERROR_TYPE error) {
@@ -123,11 +128,15 @@ bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short&
 
 CKespRecord* CKespDataFile::ReadNextRecord(std::uint32_t& position, bool skipDeleted) {
   m_error = KESP_ERROR_NONE;
-  if (!IsOpen()) return nullptr;
   if (CKespPoint* const point = TakePlainPoint()) {
     position = point->m_filePosition;
     return point;
   }
+  return ReadAnyRecord(position, skipDeleted);
+}
+
+CKespRecord* CKespDataFile::ReadAnyRecord(std::uint32_t& position, bool skipDeleted) {
+  if (!IsOpen()) return nullptr;
   std::unique_ptr<CKespRecord> record;
   try {
     while (!record && m_error == KESP_ERROR_NONE) {

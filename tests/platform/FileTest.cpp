@@ -40,7 +40,7 @@ std::string ReadText(CFile& file, std::size_t count) {
 }
 
 // Thousands of operations beside an array of bytes that goes through the same. Positions are drawn around the edges of
-// the read buffer (256 KiB) as well as near each other, so that writes fall inside, at the end of, behind and before
+// the read buffer (1 MiB) as well as near each other, so that writes fall inside, at the end of, behind and before
 // it, and into what is read ahead.
 void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
   TempDir dir;
@@ -49,10 +49,11 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
   std::size_t position = 0;
   std::mt19937 random(seed);
   const auto below = [&random](std::size_t limit) { return limit == 0 ? 0 : random() % limit; };
-  const auto size = [&] { return below(20) == 0 ? below(400'000) : below(200); };
+  const auto size = [&] { return below(20) == 0 ? below(1'2'400'000) : below(200); };
   const auto write = [&](std::size_t count) {
     ByteVector bytes(count);
-    for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
+    auto word = static_cast<std::uint32_t>(random());
+    for (auto& byte : bytes) byte = static_cast<std::uint8_t>((word = word * 1664525 + 1013904223) >> 24);
     file.Write(bytes.data(), bytes.size());
     return bytes;
   };
@@ -92,13 +93,13 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
       gather.Commit();
       put(all);
     } else if (kind < 70) {
-      position = below(2) == 0 ? below(700'000) : std::min<std::size_t>(position + below(300), 700'000);
+      position = below(2) == 0 ? below(2'800'000) : std::min<std::size_t>(position + below(300), 2'800'000);
       seek(position);
     } else if (kind < 80) {
       const std::size_t back = below(std::min<std::size_t>(position + 1, 500));
       ASSERT_EQ(file.Seek(-static_cast<std::int64_t>(back), CFile::current), position -= back);
     } else if (kind == 80 && !readsAhead) {
-      model.resize(below(600'000));
+      model.resize(below(2'400'000));
       file.SetLength(model.size());
     } else if (kind == 80) {
       if (below(2) == 0) seek(position = below(model.size()));
@@ -106,7 +107,7 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
       for (std::size_t pieces = below(300); pieces != 0 && !testing::Test::HasFailure(); --pieces) {
         read(below(pieces % 8 == 0 ? CFile::kMaxView : 300) + 1);
         if (below(50) != 0) continue;
-        seek(position += below(700'000));  // over what is not wanted
+        seek(position += below(2'800'000));  // over what is not wanted
         if (below(2) == 0) put(write(3000)), seek(position -= 3000);
         file.ReadAhead();  // at work already, if nothing was written
       }
@@ -117,10 +118,10 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
   EXPECT_TRUE(ReadFile(dir / "file") == model);
 }
 TEST(File, ReadsWhatItWroteWhereverThatFallsInTheBuffer) {
-  RunBesideAModel(1, 4000, false);
-  RunBesideAModel(3, 4000, true);
+  RunBesideAModel(1, 2500, false);
+  RunBesideAModel(3, 2500, true);
   FaultySystem halves(1, Fault::Short, true);  // of what was asked
-  RunBesideAModel(2, 1500, false);
+  RunBesideAModel(2, 1000, false);
 }
 
 // Fails the reads that reach a place in the file, so often; any thread may read.

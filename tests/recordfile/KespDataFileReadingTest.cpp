@@ -1,5 +1,9 @@
+#include <memory>
+#include <optional>
+
 #include "kesp/platform/Exception.h"
 #include "kesp/records/KespFeature.h"
+#include "kesp/records/KespFeatureEnd.h"
 #include "tests/recordfile/Survey.h"
 
 using namespace kesp::test;
@@ -133,12 +137,23 @@ TEST_F(KespDataFileReading, KeepsPositionsInThirtyTwoBitsBeyondFourGigabytes) {
 }
 
 TEST_F(KespDataFileReading, AsksTheSystemNothingForEachRecord) {
+  constexpr std::uint32_t kRecords = 300'000;
   ByteVector bytes;
-  for (std::uint32_t i = 0; i < 10'000; ++i) Append(bytes, EndOf(i));
+  for (std::uint32_t i = 0; i < kRecords; ++i) Append(bytes, EndOf(i));
   Put(bytes);
-  const FaultySystem system;
-  EXPECT_EQ(Walk(path).positions.size(), 10'000u);
-  EXPECT_LT(system.Calls(), 30);
+  for (const bool ahead : {false, true}) {
+    std::optional<FaultySystem> system;
+    if (!ahead) system.emplace();  // counts, but for one thread
+    ASSERT_TRUE(file.OpenReadOnly(Text(path)) && file.SeekToFirstRecord());
+    if (ahead) file.ReadAhead();
+    std::uint32_t count = 0;
+    while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) {
+      ASSERT_EQ(static_cast<const CKespFeatureEnd&>(*record).FeatureNumber, count++);
+    }
+    EXPECT_TRUE(count == kRecords && file.GetError() == KESP_ERROR_NORMAL_EOF);
+    file.Close();
+    EXPECT_LT(system ? system->Calls() : 0, 30);
+  }
 }
 
 }  // namespace
