@@ -110,16 +110,34 @@ void Write(const Args& args) {
   report(seconds, residentBefore, size_of(args.path), sync_path(args.path));
 }
 
-Attr ToAttr(const CKespAttribute& from) { return {FromKesp(from.AttributeKind), from.TextValue.ToUtf8(), from.Value}; }
+// Gathers the values of one feature after the other. How many points come is not known before the feature's end, so
+// they are gathered in a place that is used again, and each feature's own vectors are made once, in their length.
+class Handover {
+ public:
+  explicit Handover(Sink& sink) : m_sink(sink) {}
 
-Point ToPoint(const CKespPoint& from) { return {from.CoordX, from.CoordY, from.CoordZ, from.PointTime}; }
+  void Start(const CKespFeature& from) {
+    m_feature.type = static_cast<int>(from.FeatureType);
+    m_feature.name = from.FeatureName.ToUtf8();
+  }
+  void Add(const CKespAttribute& from) {
+    m_attributes.push_back({FromKesp(from.AttributeKind), from.TextValue.ToUtf8(), from.Value});
+  }
+  void Add(const CKespPoint& from) { m_points.push_back({from.CoordX, from.CoordY, from.CoordZ, from.PointTime}); }
+  void End() {
+    m_feature.attrs.assign(std::make_move_iterator(m_attributes.begin()), std::make_move_iterator(m_attributes.end()));
+    m_feature.pts.assign(m_points.begin(), m_points.end());
+    m_attributes.clear();
+    m_points.clear();
+    m_sink.take(m_feature);
+  }
 
-void StartFeature(Feature& feature, const CKespFeature& from) {
-  feature.type = static_cast<int>(from.FeatureType);
-  feature.name = from.FeatureName.ToUtf8();
-  feature.pts.clear();
-  feature.attrs.clear();
-}
+ private:
+  Sink& m_sink;
+  Feature m_feature;
+  std::vector<Attr> m_attributes;
+  std::vector<Point> m_points;
+};
 
 void ReadDataSet(const Args& args) {
   const long residentBefore = proc_kb("VmRSS:");
@@ -131,12 +149,12 @@ void ReadDataSet(const Args& args) {
   report(now() - start, residentBefore, 0);
 
   Sink sink{false, {}, {}};
-  Feature feature;
+  Handover handover(sink);
   for (const auto& entry : survey.m_featureIndex) {
-    StartFeature(feature, *entry.value);
-    for (const auto& attribute : entry.value->m_attributeList) feature.attrs.push_back(ToAttr(*attribute));
-    for (const auto& point : entry.value->m_pointList) feature.pts.push_back(ToPoint(*point));
-    sink.take(feature);
+    handover.Start(*entry.value);
+    for (const auto& attribute : entry.value->m_attributeList) handover.Add(*attribute);
+    for (const auto& point : entry.value->m_pointList) handover.Add(*point);
+    handover.End();
   }
   sink.check(args.c, kTolerance);
 }
@@ -147,22 +165,23 @@ void Walk(const Args& args, bool keep) {
   const double start = now();
   CKespDataFile file;
   if (!file.OpenReadOnly(CString(args.path)) || !file.SeekToFirstRecord()) die("open " + args.path);
-  Feature feature;
+  file.ReadAhead();
+  Handover handover(sink);
   while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) {
     switch (record->m_recordType) {
       case KESP_RECORD_HEADER:
         break;
       case KESP_RECORD_FEATURE:
-        StartFeature(feature, static_cast<const CKespFeature&>(*record));
+        handover.Start(static_cast<const CKespFeature&>(*record));
         break;
       case KESP_RECORD_ATTRIBUTE:
-        feature.attrs.push_back(ToAttr(static_cast<const CKespAttribute&>(*record)));
+        handover.Add(static_cast<const CKespAttribute&>(*record));
         break;
       case KESP_RECORD_POINT:
-        feature.pts.push_back(ToPoint(static_cast<const CKespPoint&>(*record)));
+        handover.Add(static_cast<const CKespPoint&>(*record));
         break;
       case KESP_RECORD_FEATURE_END:
-        sink.take(feature);
+        handover.End();
         break;
       default:
         die("a record that was not written");
