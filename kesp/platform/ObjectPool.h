@@ -34,10 +34,10 @@ bool PoolPrepare() noexcept;
 // mean something. Always 0 in a build for the address sanitizer.
 std::int64_t PoolBytesTaken() noexcept;
 
-// Whoever makes or deletes millions of blocks locks the pool once, and not for each. Other threads' blocks wait
-// meanwhile, so it must not last: PoolPause lets go of the lock for as long as something else is waited for.
 struct KeptBlocks;
 
+// Whoever makes or deletes millions of blocks locks the pool once, and not for each. Other threads' blocks wait
+// meanwhile, so it must not last: PoolPause lets go of the lock for as long as something else is waited for.
 class PoolSession {
  public:
   PoolSession();

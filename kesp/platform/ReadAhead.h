@@ -39,7 +39,7 @@ class ReadAhead {
 
  private:
   static constexpr std::size_t kBlockSize = std::size_t{128} << 10;
-  static constexpr std::size_t kBlocks = 16;
+  static constexpr std::size_t kBlocks = 10;
   static constexpr std::size_t kPage = 4096;
   // The block given last is being looked at, and the rest of the one before is being moved in front of it.
   static constexpr std::size_t kMostAhead = kBlocks - 2;
