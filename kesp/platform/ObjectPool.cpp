@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 #include <sys/single_threaded.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -38,8 +39,9 @@ static_assert(kRegionSize / kSpanSize == 32);
 constexpr std::size_t kGranule = 8;
 constexpr std::size_t kSizes = kLargestPooledBlock / kGranule;
 constexpr std::size_t kCacheLine = 64;
-constexpr std::size_t kMostSpareRegions = 64;  // 128 MiB
-constexpr std::size_t kReadyRegions = 4;       // what PoolPrepare keeps ready
+constexpr std::size_t kMostSpareRegions = 64;   // 128 MiB
+constexpr std::size_t kReadyRegions = 4;        // what PoolPrepare keeps ready
+constexpr std::size_t kMostRegionsAtOnce = 16;  // of address space: 32 MiB
 
 struct FreeBlock {
   FreeBlock* next;
@@ -95,9 +97,6 @@ struct Pool {
   std::mutex mutex;
   std::array<Span*, kSizes> withRoom{};  // of each size; the first one is in use
   Region* regions = nullptr;             // with a free span
-  Region* spare = nullptr;               // empty ones, by `next`
-  std::size_t spareCount = 0;
-  bool hadFirst = false;
 };
 
 // Never destroyed: records may outlive every other static object.
@@ -135,19 +134,6 @@ T* StartOf(void* inside, std::size_t size) {
   return reinterpret_cast<T*>(reinterpret_cast<std::uintptr_t>(inside) & ~(size - 1));
 }
 
-// Memory for a region, or null.
-void* MapRegion() {
-  // More than that, of which an aligned part is kept.
-  void* const raw = ::mmap(nullptr, 2 * kRegionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (raw == MAP_FAILED) return nullptr;
-  auto* const begin = static_cast<std::byte*>(raw);
-  const std::size_t lead = (kRegionSize - reinterpret_cast<std::uintptr_t>(begin) % kRegionSize) % kRegionSize;
-  if (lead != 0) ::munmap(begin, lead);
-  std::byte* const aligned = begin + lead;
-  ::munmap(aligned + kRegionSize, kRegionSize - lead);
-  return aligned;
-}
-
 // How many regions are still to be of small pages, since a huge one was slow to come.
 std::atomic<int> g_smallToCome{0};
 
@@ -170,35 +156,97 @@ bool MakePages(void* region) noexcept {
   return true;
 }
 
-Region* TakeRegion(Pool& pool) {
-  void* place = pool.spare;
-  if (place != nullptr) {
-    pool.spare = pool.spare->links.next;
-    --pool.spareCount;
-  } else {
-    place = MapRegion();
-    if (place != nullptr && std::exchange(pool.hadFirst, true)) (void)MakePages(place);
+// Where regions come from, and go when they are empty. It has a lock of its own, held for moments only, so that one
+// thread can make them ready while another has the pool.
+class Regions {
+ public:
+  // Null when there is no memory.
+  Region* Take() noexcept {
+    void* fresh = nullptr;
+    {
+      const std::lock_guard lock(m_mutex);
+      if (m_spare != nullptr) return PopSpare();
+      fresh = CutFresh();
+      if (!std::exchange(m_hadFirst, true)) return Begin(fresh);
+    }
+    if (fresh != nullptr) (void)MakePages(fresh);
+    return Begin(fresh);
   }
-  return place == nullptr ? nullptr : new (place) Region{kAllSpans, {}};
-}
+  // Some are kept for the next data set. Their pages, but for the first, are the system's to take back whenever it
+  // wants them.
+  void Give(Region* region) noexcept {
+    constexpr std::size_t kSmallestPage = 4096;
+    const std::lock_guard lock(m_mutex);
+    if (m_spareCount == kMostSpareRegions) {
+      ::munmap(region, kRegionSize);
+      return;
+    }
+    ::madvise(reinterpret_cast<std::byte*>(region) + kSmallestPage, kRegionSize - kSmallestPage, MADV_FREE);
+    PushSpare(region);
+  }
+  // See PoolPrepare.
+  bool Prepare() noexcept {
+    void* fresh = nullptr;
+    {
+      const std::lock_guard lock(m_mutex);
+      if (m_spareCount >= kReadyRegions) return false;
+      fresh = CutFresh();
+    }
+    if (fresh == nullptr) return false;
+    const bool ready = MakePages(fresh);
+    const std::lock_guard lock(m_mutex);
+    PushSpare(Begin(fresh));
+    return ready;
+  }
 
-// Some empty regions are kept for the next data set. Their pages, but for the first, are the system's to take back
-// whenever it wants them.
-void GiveRegionBack(Pool& pool, Region* region) {
-  if (pool.spareCount == kMostSpareRegions) {
-    ::munmap(region, kRegionSize);
-    return;
+ private:
+  static Region* Begin(void* place) noexcept { return place == nullptr ? nullptr : new (place) Region{kAllSpans, {}}; }
+  void PushSpare(Region* region) noexcept {
+    region->links.next = m_spare;
+    m_spare = region;
+    ++m_spareCount;
   }
-  constexpr std::size_t kSmallestPage = 4096;
-  ::madvise(reinterpret_cast<std::byte*>(region) + kSmallestPage, kRegionSize - kSmallestPage, MADV_FREE);
-  region->links.next = pool.spare;
-  pool.spare = region;
-  ++pool.spareCount;
-}
+  Region* PopSpare() noexcept {
+    Region* const region = m_spare;
+    m_spare = region->links.next;
+    --m_spareCount;
+    return Begin(region);
+  }
+  // Address space for a region. It is asked for in ever longer pieces, since the system lets nobody change the map of
+  // the process's memory while pages are being made in it.
+  void* CutFresh() noexcept {
+    if (m_fresh == m_freshEnd && !Map(m_atOnce) && !Map(1)) return nullptr;
+    return std::exchange(m_fresh, m_fresh + kRegionSize);
+  }
+  bool Map(std::size_t regions) noexcept {
+    // One more than that, of which an aligned part is kept.
+    const std::size_t wanted = regions * kRegionSize;
+    void* const raw = ::mmap(nullptr, wanted + kRegionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (raw == MAP_FAILED) return false;
+    auto* const begin = static_cast<std::byte*>(raw);
+    const std::size_t lead = (kRegionSize - reinterpret_cast<std::uintptr_t>(begin) % kRegionSize) % kRegionSize;
+    if (lead != 0) ::munmap(begin, lead);
+    m_fresh = begin + lead;
+    m_freshEnd = m_fresh + wanted;
+    ::munmap(m_freshEnd, kRegionSize - lead);
+    m_atOnce = std::min(2 * m_atOnce, kMostRegionsAtOnce);
+    return true;
+  }
+
+  std::mutex m_mutex;
+  Region* m_spare = nullptr;  // empty ones, by `next`
+  std::size_t m_spareCount = 0;
+  std::byte* m_fresh = nullptr;  // mapped and not handed out yet, up to m_freshEnd
+  std::byte* m_freshEnd = nullptr;
+  std::size_t m_atOnce = 1;
+  bool m_hadFirst = false;
+};
+static_assert(std::is_trivially_destructible_v<Regions>);
+constinit Regions g_regions;
 
 Span* TakeSpan(Pool& pool, std::size_t which) {
   if (pool.regions == nullptr) {
-    Region* const fresh = TakeRegion(pool);
+    Region* const fresh = g_regions.Take();
     if (fresh == nullptr) return nullptr;
     PushFront(pool.regions, fresh);
   }
@@ -219,7 +267,7 @@ void GiveSpanBack(Pool& pool, Span* span) {
   region->freeSpans |= 1U << (reinterpret_cast<std::uintptr_t>(span) % kRegionSize / kSpanSize);
   if (region->freeSpans != kAllSpans) return;
   Unlink(pool.regions, region);
-  GiveRegionBack(pool, region);
+  g_regions.Give(region);
 }
 
 Span* SpanOf(void* block) {
@@ -337,25 +385,7 @@ void PoolFree(void* block, std::size_t size) noexcept {
   t_kept->last[which] = block;
 }
 
-bool PoolPrepare() noexcept {
-  if (!kPooled) return false;
-  Pool& pool = g_pool;
-  {
-    const MaybeLock lock(pool.mutex);
-    if (pool.spareCount >= kReadyRegions) return false;
-  }
-  void* const place = MapRegion();
-  if (place == nullptr) return false;
-  if (!MakePages(place)) {
-    ::munmap(place, kRegionSize);
-    return false;
-  }
-  const MaybeLock lock(pool.mutex);
-  auto* const region = new (place) Region{kAllSpans, {nullptr, pool.spare}};
-  pool.spare = region;
-  ++pool.spareCount;
-  return true;
-}
+bool PoolPrepare() noexcept { return kPooled && g_regions.Prepare(); }
 
 std::int64_t PoolBytesTaken() noexcept { return static_cast<std::int64_t>(kSpanSize) * t_spansTaken; }
 
