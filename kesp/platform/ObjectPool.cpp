@@ -354,7 +354,8 @@ struct KeptBlocksEnd {
 
 // Where PoolFree goes when it can't simply keep the block.
 [[gnu::noinline]] void KeepOrGiveBack(void* block, std::size_t which) noexcept {
-  if (!t_keptMade && !t_inSession) {
+  if (t_inSession) return GiveBlockBack(block);
+  if (!t_keptMade) {
     t_kept = new (std::nothrow) KeptBlocks;
     if (t_kept != nullptr) static thread_local const KeptBlocksEnd end{t_kept};
     t_keptMade = true;

@@ -55,7 +55,16 @@ class OwningList {
   }
   // Deletes all items, from the first on.
   void clear() noexcept {
-    for (Item* item : *this) delete item;
+    // Whoever drops a whole survey waits for memory and nothing else: the items to come are fetched meanwhile.
+    constexpr std::size_t kAhead = 8;
+    for (std::size_t i = 0; i < m_size; ++i) {
+      if (i + kAhead < m_size) {
+        const char* const coming = reinterpret_cast<const char*>(m_items[i + kAhead]);
+        __builtin_prefetch(coming, 1);
+        __builtin_prefetch(coming + 64, 1);
+      }
+      delete m_items[i];
+    }
     FreeStorage();
     m_items = nullptr;
     m_size = m_capacity = 0;
