@@ -22,7 +22,7 @@ void WriteLastLine(Output& out, KESP_ERROR_TYPE error, const CString& message) {
 }
 
 ExitStatus DumpDataset(const DumpOptions& options, DeletedRecords deleted, Output& out) {
-  CKespFile file;
+  CKespFile& file = DatasetOfThisRun();
   const bool isOpen = OpenForReading(file, options.path);
   const DatasetEnd end = ReadDataset(file, deleted);
   JsonWriter json(out);

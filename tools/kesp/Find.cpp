@@ -274,7 +274,7 @@ class Table {
 ExitStatus Find(const FindOptions& options, Output& out) {
   CKespSearch search;
   if (!Configure(search, options)) return kExitTrouble;
-  CKespFile file;
+  CKespFile& file = DatasetOfThisRun();
   if (!OpenForReading(file, options.path)) return kExitTrouble;
   const DatasetEnd end = ReadDataset(file, DeletedRecords::kPassOver);
   JsonWriter json(out);

@@ -261,7 +261,7 @@ void WriteReport(Output& out, CKespFile& dataset, const DatasetEnd& datasetEnd, 
 }  // namespace
 
 ExitStatus Info(const InfoOptions& options, Output& out) {
-  CKespFile dataset;
+  CKespFile& dataset = DatasetOfThisRun();
   if (!OpenForReading(dataset, options.path)) return kExitTrouble;
   const Summary summary = Summarize(*dataset.m_pDataFile);
   const DatasetEnd datasetEnd = ReadDataset(dataset, DeletedRecords::kPassOver);

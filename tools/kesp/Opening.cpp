@@ -41,6 +41,11 @@ bool OpenForWriting(CKespFile& file, const std::string& path) {
   return file.m_pDataFile->IsOpen() || OpenForWriting(*file.m_pDataFile, path);
 }
 
+CKespFile& DatasetOfThisRun() {
+  static CKespFile* const dataset = new CKespFile;
+  return *dataset;
+}
+
 std::string WhyNotOpen(const CKespDataFile& file) {
   if (file.GetSystemError() == EWOULDBLOCK) return "in use by another program";
   if (const int osError = file.GetSystemError(); osError != 0) return std::generic_category().message(osError);
