@@ -1,6 +1,7 @@
 #include "kesp/platform/ReadAhead.h"
 
 #include <sched.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -53,6 +54,7 @@ bool ReadAhead::HasProcessor() noexcept {
 
 ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept)
     : m_fd(fd),
+      m_process(::getpid()),
       m_offset(offset),
       m_roomInFront(roomInFront),
       m_objectsAreKept(objectsAreKept),
@@ -63,6 +65,10 @@ ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool
 }
 
 ReadAhead::~ReadAhead() {
+  if (::getpid() != m_process) {
+    m_thread.detach();
+    return;
+  }
   m_stop = true;
   m_given += kBlocks;  // makes room, for one who waits for it
   m_given.notify_one();
@@ -79,7 +85,7 @@ std::optional<std::size_t> ReadAhead::Claim() noexcept {
 }
 
 std::span<std::byte> ReadAhead::Next() {
-  if (m_ended) return {};
+  if (m_ended || ::getpid() != m_process) return {};
   const std::size_t number = m_given.load(std::memory_order_relaxed);
   while (!IsRead(number)) {
     if (const std::optional<std::size_t> other = Claim()) {

@@ -7,9 +7,13 @@
 // Blocks come in the order of the file and follow one another. The end of the file, and a failed read, end them: Next
 // then answers none, and whoever wants more reads on for himself, and meets the end or the failure.
 //
+// A child that the process forks meanwhile has no such thread: there it ends at once, and the child reads for itself.
+//
 // Ownership: borrows the descriptor, which must stay open as long as the object lives. A block is valid until the one
 // behind the next is taken. Errors: std::bad_alloc and std::system_error from the constructor. Not installed.
 #pragma once
+#include <sys/types.h>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -61,6 +65,7 @@ class ReadAhead {
   }
 
   const int m_fd;
+  const pid_t m_process;
   const std::uint64_t m_offset;
   const std::size_t m_roomInFront;
   const bool m_objectsAreKept;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -49,7 +50,7 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
   std::size_t position = 0;
   std::mt19937 random(seed);
   const auto below = [&random](std::size_t limit) { return limit == 0 ? 0 : random() % limit; };
-  const auto size = [&] { return below(20) == 0 ? below(1'2'400'000) : below(200); };
+  const auto size = [&] { return below(20) == 0 ? below(1'600'000) : below(200); };
   const auto write = [&](std::size_t count) {
     ByteVector bytes(count);
     auto word = static_cast<std::uint32_t>(random());
@@ -175,6 +176,31 @@ TEST(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
   ::pthread_sigmask(SIG_SETMASK, &masked, nullptr);
   EXPECT_EQ(taken, 1);
   (void)std::signal(SIGUSR1, before);
+}
+
+TEST(File, AChildThatIsForkedReadsOnForItself) {
+  constexpr std::size_t kSize = 9'000'001;
+  TempDir dir;
+  WriteFile(dir / "file", ByteVector(kSize));
+  for (int times = 0; times < 30; ++times) {
+    CFile file(Text(dir / "file"), kReader);
+    file.ReadAhead();
+    std::size_t got = 0;
+    const auto readTo = [&](std::size_t end) {
+      while (got < end) got += file.ReadView(std::min<std::size_t>(50'000, end - got)).size();
+    };
+    readTo(static_cast<std::size_t>(times) * 200'000);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      ::alarm(20);
+      readTo(kSize);
+      file.Close();
+      ::_exit(file.IsOpen() ? 1 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0) << times;
+  }
 }
 
 TEST(File, ReadsAheadFarIntoALongFile) {
