@@ -1,5 +1,6 @@
 #include "kesp/platform/ObjectPool.h"
 
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/single_threaded.h>
 
@@ -9,6 +10,7 @@
 #include <bit>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <type_traits>
@@ -109,8 +111,8 @@ constinit Pool g_pool;
 [[gnu::tls_model("initial-exec")]] thread_local bool t_inSession = false;
 [[gnu::tls_model("initial-exec")]] thread_local std::int64_t t_spansTaken = 0;
 
-// Null before the first block is freed, once the thread ends, and in a session, which needs neither and may free a
-// whole data set.
+// Null until the thread frees a block outside a session, when the thread ends, and as a rule in a session, which holds
+// the lock already and may free a whole data set.
 [[gnu::tls_model("initial-exec")]] thread_local KeptBlocks* t_kept = nullptr;
 [[gnu::tls_model("initial-exec")]] thread_local bool t_keptMade = false;
 
@@ -178,7 +180,7 @@ class Regions {
   void Give(Region* region) noexcept {
     constexpr std::size_t kSmallestPage = 4096;
     const std::lock_guard lock(m_mutex);
-    if (m_spareCount == kMostSpareRegions) {
+    if (m_spareCount >= kMostSpareRegions) {
       ::munmap(region, kRegionSize);
       return;
     }
@@ -345,24 +347,31 @@ void* TakeBlock(std::size_t which) {
 }
 
 // Gives all of them back when the thread ends. What other destructors delete later still is not kept.
-struct KeptBlocksEnd {
-  KeptBlocks* const kept;
-  ~KeptBlocksEnd() {
-    t_kept = nullptr;
-    for (void* const block : kept->last) {
-      if (block != nullptr) GiveBlockBack(block);
-    }
-    delete kept;
+void EndKeeping(void* blocks) {
+  t_kept = nullptr;
+  const std::unique_ptr<KeptBlocks> kept(static_cast<KeptBlocks*>(blocks));
+  for (void* const block : kept->last) {
+    if (block != nullptr) GiveBlockBack(block);
   }
-};
+}
+
+// Null without the memory. By a key, since a thread_local object that can't be registered ends the process.
+KeptBlocks* BeginKeeping() noexcept {
+  static pthread_key_t key{};
+  static const bool hasKey = ::pthread_key_create(&key, EndKeeping) == 0;
+  if (!hasKey) return nullptr;
+  auto* const kept = new (std::nothrow) KeptBlocks;
+  if (kept == nullptr || ::pthread_setspecific(key, kept) == 0) return kept;
+  delete kept;
+  return nullptr;
+}
 
 // Where PoolFree goes when it can't simply keep the block.
 [[gnu::noinline]] void KeepOrGiveBack(void* block, std::size_t which) noexcept {
   if (t_inSession) return GiveBlockBack(block);
   if (!t_keptMade) {
-    t_kept = new (std::nothrow) KeptBlocks;
-    if (t_kept != nullptr) static thread_local const KeptBlocksEnd end{t_kept};
     t_keptMade = true;
+    t_kept = BeginKeeping();
   }
   if (t_kept == nullptr) return GiveBlockBack(block);
   void* const before = std::exchange(t_kept->last[which], block);

@@ -2,12 +2,14 @@
 //
 // Blocks come out of regions of 2 MiB whose pages are there before the first block is: a page touched for the first
 // time costs far more than what is put into it. A huge page is cheapest, except on a virtual machine whose host must
-// find the memory first; where one was slow to come, the next regions are of small pages. The first region is of small
-// ones that come when they are touched, for those who have little. A region is cut into spans of 64 KiB, each for
-// blocks of one size, so that many sizes waste little. When the last block of a region is freed it is kept for the next
-// data set, up to 128 MiB of them, as memory that the system may take back when it wants it; beyond that it is
-// unmapped. Blocks over kLargestPooledBlock bytes come from the ordinary heap, and so does everything in a build for
-// the address sanitizer, which then sees each block's bounds.
+// find the memory first; where one was slow to come, the next regions are of small pages, where the system leaves the
+// choice. The first region is of small ones that come when they are touched, for those who have little. A region is cut
+// into spans of 64 KiB, each for blocks of one size, so that many sizes waste little. When the last block of a region
+// is freed it is kept for the next data set, up to 128 MiB of them, as memory that the system may take back when it
+// wants it; beyond that it is unmapped. Blocks over kLargestPooledBlock bytes come from the ordinary heap, and so does
+// everything in a build for the address sanitizer, which then sees each block's bounds.
+//
+// What a thread freed last of each size stays with it until it ends, and keeps the region that it is in.
 //
 // Any thread may allocate and free. Errors: CMemoryException.
 #pragma once

@@ -57,11 +57,12 @@ class OwningList {
   void clear() noexcept {
     // Whoever drops a whole survey waits for memory and nothing else: the items to come are fetched meanwhile.
     constexpr std::size_t kAhead = 8;
+    constexpr std::size_t kCacheLine = 64;
     for (std::size_t i = 0; i < m_size; ++i) {
-      if (i + kAhead < m_size) {
-        const char* const coming = reinterpret_cast<const char*>(m_items[i + kAhead]);
+      if (i + kAhead < m_size && m_items[i + kAhead] != nullptr) {
+        const auto* const coming = reinterpret_cast<const std::byte*>(m_items[i + kAhead]);
         __builtin_prefetch(coming, 1);
-        __builtin_prefetch(coming + 64, 1);
+        if constexpr (sizeof(Item) > kCacheLine) __builtin_prefetch(coming + kCacheLine, 1);
       }
       delete m_items[i];
     }
