@@ -42,7 +42,7 @@ bool OpenForWriting(CKespFile& file, const std::string& path) {
 }
 
 CKespFile& DatasetOfThisRun() {
-  static CKespFile* const dataset = new CKespFile;
+  static auto* const dataset = new CKespFile;
   return *dataset;
 }
 
