@@ -26,7 +26,7 @@
 //     a feature, by AddRecordsToWriteQueue          the data set, when cleared while the feature index holds it
 //   the array that a query answers                  the caller, with delete[]; never what it points to
 //   m_pDataFile                                     the data set; the writers of new files put another in its place
-//   m_pBmcText                                      the data set; another string each time it is cleared
+//   m_pBmcText                                      the data set, when it ends; another string each time a file is read
 //
 // Errors: every operation answers an ErrorEnum. The writers answer ERR_NONE once they have got as far as writing: they
 // don't look at the answers of single appends and rewrites. Afterwards, and before closing, all was written if
@@ -39,10 +39,12 @@
 // One thread at a time.
 #pragma once
 #include <array>
+#include <concepts>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "kesp/dataset/ErrorEnum.h"
@@ -179,13 +181,13 @@ class KESP_EXPORT CKespFile {
   // Also enters points and features into their indexes and counts the points. Headers and points are not entered as
   // features: they have no feature number of their own to stand under, and would be deleted twice.
   ErrorEnum AddRecordsToWriteQueue(CKespRecord** records, int count);
+  // Empties m_recordList. What callers queued, headers too, is theirs again; what reading made stays the data set's.
   ErrorEnum ClearQueueWithoutWriting();
   // Write all that is queued to a new file of file version 3, 2 or 1, which then is the data set's open file; the one
   // that was open is closed as it stands. For versions 1 and 2 the record versions of the queued records must have been
   // set to fit (CKespRecord::GetRecordVersionFromKespVersion): nothing is converted. Whatever has that name stays, and
-  // is answered with ERR_FILE_EXISTS; then the file that was open stays so, unless the other came there in the midst of
-  // it. A file that can't be given its file header, as on a full disk, is taken away again and answered with
-  // ERR_FILE_NOT_FOUND; GetSystemError says why.
+  // is answered with ERR_FILE_EXISTS; the file that was open then stays so. A file that can't be given its file header,
+  // as on a full disk, is taken away again and answered with ERR_FILE_NOT_FOUND; GetSystemError says why.
   ErrorEnum WriteNewKespFileFromQueue(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);
@@ -211,7 +213,8 @@ class KESP_EXPORT CKespFile {
                                            ErrorEnum& error);
   CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, CString text, int& count,
                                            ErrorEnum& error);
-  CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, int value, int& count,
+  template <std::integral Number>
+  CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, Number value, int& count,
                                            ErrorEnum& error) {
     return GetFeaturesWhereAttribute(std::move(attribute), logic, static_cast<double>(value), count, error);
   }
@@ -220,8 +223,9 @@ class KESP_EXPORT CKespFile {
                                                        LogicFlag logic, double value, int& count, ErrorEnum& error);
   CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount, CString attribute,
                                                        LogicFlag logic, CString text, int& count, ErrorEnum& error);
+  template <std::integral Number>
   CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount, CString attribute,
-                                                       LogicFlag logic, int value, int& count, ErrorEnum& error) {
+                                                       LogicFlag logic, Number value, int& count, ErrorEnum& error) {
     return GetFeaturesFromFeaturesWhereAttribute(features, featureCount, std::move(attribute), logic,
                                                  static_cast<double>(value), count, error);
   }
@@ -305,6 +309,7 @@ class KESP_EXPORT CKespFile {
   std::vector<CKespFeature*> m_ownFeatures;
   std::vector<CKespRecord*> m_ownRecords;
   std::vector<CKespTavoHeader*> m_queuedHeaders;
+  std::deque<CString> m_bmcTexts;  // of every reading, since a host may still look at them
   std::deque<CKespFeatureLink> m_ownLinks;
   std::deque<CKespLinkList> m_ownLinkLists;
 };

@@ -71,7 +71,14 @@ void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, i
   MarkDeletedOnDisk(*point);
   m_recordList.Remove(point);
   CKespPoint* indexed = nullptr;
-  if (m_pointIndex.Lookup(point->PointNumber, indexed) && indexed == point) m_pointIndex.RemoveKey(point->PointNumber);
+  std::uint32_t number = point->PointNumber;
+  if (!m_pointIndex.Lookup(number, indexed) || indexed != point) {
+    // Another has taken the number, or it is not the one under which the point was entered.
+    const auto entry = std::find_if(m_pointIndex.begin(), m_pointIndex.end(),
+                                    [point](const auto& candidate) { return candidate.value == point; });
+    if (entry != m_pointIndex.end()) number = entry->key, indexed = point;
+  }
+  if (indexed == point) m_pointIndex.RemoveKey(number);
   feature.RemovePoint(index);
   delete point;
   if (m_numPoints != 0) --m_numPoints;

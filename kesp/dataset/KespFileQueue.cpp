@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <memory>
 #include <string>
 
 #include "kesp/dataset/KespFile.h"
@@ -96,7 +97,7 @@ ErrorEnum CKespFile::AddRecordsToWriteQueue(CKespRecord** records, int count) {
 
 ErrorEnum CKespFile::ClearQueueWithoutWriting() {
   m_recordList.RemoveAll();
-  m_queuedHeaders.clear();  // they are their callers' again
+  m_queuedHeaders.clear();
   return ERR_NONE;
 }
 
@@ -112,16 +113,14 @@ ErrorEnum CKespFile::WriteNewKespFileFromQueueVersion1(CString path) {
 
 ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Appender append) {
   if (MayExist(path)) return ERR_FILE_EXISTS;
-  if (m_pDataFile != nullptr) {
-    (void)m_pDataFile->Close();
-    delete m_pDataFile;
-    m_pDataFile = nullptr;
-  }
-  m_pDataFile = new CKespDataFile;
-  m_pDataFile->m_version = version;
-  const bool isCreated = m_pDataFile->CreateWith(path, CFile::modeNew);
-  const int osError = m_pDataFile->GetSystemError();
-  if (osError == EEXIST) return ERR_FILE_EXISTS;  // it came there just now
+  auto created = std::make_unique<CKespDataFile>();
+  created->m_version = version;
+  const bool isCreated = created->CreateWith(path, CFile::modeNew);
+  const int osError = created->GetSystemError();
+  if (osError == EEXIST) return ERR_FILE_EXISTS;  // a link that leads nowhere, or it came there just now
+  if (m_pDataFile != nullptr) (void)m_pDataFile->Close();
+  delete m_pDataFile;
+  m_pDataFile = created.release();
   if (!isCreated) TakeBackUnfinished(path, *m_pDataFile);
   // A failure shows here: what is not there can't be opened.
   bool wasOpen = false;

@@ -50,7 +50,6 @@ CKespFile::CKespFile() : m_pDataFile(new CKespDataFile) {}
 CKespFile::~CKespFile() {
   ClearStorage();
   delete m_pDataFile;
-  delete m_pBmcText;
 }
 
 // Never fails: the destructor needs it.
@@ -60,7 +59,6 @@ void CKespFile::ClearStorage() noexcept {
   m_lastPointTime = CTime();
   m_extent.Invalidate();
   m_kespVersion = 0;
-  if (m_pBmcText != nullptr) m_pBmcText->Empty();
 
   // Features that callers entered into the index, and headers that they queued, go with what reading made. Each object
   // is deleted once however often it was entered.
@@ -71,8 +69,14 @@ void CKespFile::ClearStorage() noexcept {
     for (const auto& entry : m_featureIndex) {
       if (!std::binary_search(m_ownFeatures.begin(), m_ownFeatures.end(), entry.value)) entered.push_back(entry.value);
     }
-    for (CKespTavoHeader* header : m_queuedHeaders) {
-      if (!std::binary_search(m_ownRecords.begin(), m_ownRecords.end(), header)) entered.push_back(header);
+    // Whoever took a header out of the list has it back.
+    std::sort(m_queuedHeaders.begin(), m_queuedHeaders.end());
+    for (CKespRecord* record : m_recordList) {
+      if (m_queuedHeaders.empty()) break;
+      if (std::binary_search(m_queuedHeaders.begin(), m_queuedHeaders.end(), record) &&
+          !std::binary_search(m_ownRecords.begin(), m_ownRecords.end(), record)) {
+        entered.push_back(record);
+      }
     }
     std::sort(entered.begin(), entered.end());
     entered.erase(std::unique(entered.begin(), entered.end()), entered.end());
@@ -106,14 +110,17 @@ ErrorEnum CKespFile::OpenKespReadOnly(CString path, CString& message) { return O
 
 ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOnly) {
   message.Empty();
-  if (!FileExists(path)) return ERR_FILE_NOT_FOUND;
+  const bool isOpen = m_pDataFile != nullptr && m_pDataFile->IsOpen();
+  const bool isSame = isOpen && m_pDataFile->m_path.CompareNoCase(path) == 0;
+  // Here the name in other letter case leads to no file.
+  if (!FileExists(path) && !(isSame && FileExists(m_pDataFile->m_path))) return ERR_FILE_NOT_FOUND;
   if (m_pDataFile == nullptr) {
     message = u"Memory allocation failed. Free some memory and try again.";
     return ERR_MEMORY;
   }
   try {
-    if (m_pDataFile->IsOpen()) {
-      if (m_pDataFile->m_path.CompareNoCase(path) == 0) return readOnly ? ERR_NONE : MakeWritable(message);
+    if (isOpen) {
+      if (isSame) return readOnly ? ERR_NONE : MakeWritable(message);
       message = u"Please close the already open file.";
       return ERR_OTHER_FILE_OPEN;
     }
@@ -195,7 +202,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
   ClearStorage();
-  if (m_pBmcText == nullptr) m_pBmcText = new CString;
+  m_pBmcText = &m_bmcTexts.emplace_back();
   if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
   const bool skipDeleted = !readDeleted;
 

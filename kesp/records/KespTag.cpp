@@ -7,7 +7,6 @@
 #include <memory>
 #include <new>
 #include <span>
-#include <vector>
 
 #include "kesp/platform/File.h"
 #include "kesp/records/VersionTables.h"
@@ -180,9 +179,10 @@ bool CKespTag::Set(const CString& name, double value) {
 }
 
 bool CKespTag::Set(const CString& name, const CString& value) {
-  std::vector<std::byte> payload(2 * (value.Size() + 1), std::byte{0});
-  kesp::StoreUnits(payload.data(), value.GetString(), value.Size());
-  return Set(KESP_TAG_STRING, name, payload.data(), payload.size());
+  const std::size_t length = 2 * (value.Size() + 1);
+  (void)Set(KESP_TAG_STRING, name, nullptr, length);
+  kesp::StoreUnits(Bytes(m_pData) + (m_dataLength - length), value.GetString(), value.Size());  // before its zero
+  return true;
 }
 
 bool CKespTag::Set(const CString& name, const CPoint3D& point) {

@@ -103,6 +103,12 @@ TEST(Deletion, FindsRecordsWhereverTheyStandOrNone) {
   EXPECT_EQ(ReadFile(set.path), TwoFeatures({1, 2, 3, 7}));
   EXPECT_EQ(file.m_numPoints, 0u);
   EXPECT_EQ(file.m_pDataFile->GetPosition(), feature->GetFeatureEnd()->m_filePosition);
+
+  ASSERT_EQ(file.ReadKespFile(true), ERR_NONE);
+  CKespPoint* const point = set.Point(1);
+  point->PointNumber = 98;
+  Access::DeletePoint(file, point);
+  EXPECT_EQ(file.m_pointIndex.Find(1), nullptr) << "where it stood under the number that it had";
 }
 
 // Whatever is asked of the memory: the point is still everywhere or nowhere.

@@ -66,6 +66,7 @@ TEST(Queries, CompareFlagsTypesTextsAndNumbers) {
   EXPECT_EQ(with(&F::GetFeaturesWhereName, ""), "F1 F2 F3|||F1 F2 F3||F1 F2 F3|||");
   EXPECT_EQ(attribute(1.0), "|F1||F2||F1 F2|||");  // of the first of that name
   EXPECT_EQ(attribute(2), "|F2||F1|F1||||");
+  EXPECT_EQ(attribute(2UL) + among(2L), attribute(2) + among(2));
   EXPECT_EQ(attribute(inf), "|||F1 F2|F1 F2||||");
   EXPECT_EQ(attribute(inf - inf), "||||||||");
   EXPECT_EQ(attribute(CString("LOW")), "|F1|F1 F2|F2|F2||||");

@@ -74,8 +74,10 @@ TEST(ReadKespFile, TakesTheExtentAndTheNotesBehindAnOldHeader) {
     DataSet set(row.bytes);
     EXPECT_EQ(set.file.ReadKespFile(true), ERR_NONE);
     EXPECT_EQ(*set.file.m_pBmcText, CString(row.bytes[42] == 1 ? "deleted" : ""));
+    const CString* const before = set.file.m_pBmcText;
     EXPECT_EQ(set.file.ReadKespFile(false), ERR_NONE);
     EXPECT_EQ(*set.file.m_pBmcText, CString(row.bmc));
+    EXPECT_NE(set.file.m_pBmcText, before) << "a host may still look at that of the last reading";
     std::vector<double> e(4);
     set.file.m_extent.Get(e[0], e[1], e[2], e[3]);
     EXPECT_EQ(set.file.m_extent.IsValid() ? e : std::vector<double>{}, row.extent);
@@ -176,8 +178,7 @@ TEST(OpenKesp, AnswersByWhatIsThere) {
   EXPECT_TRUE(message.IsEmpty());
   EXPECT_EQ(file.OpenKesp(Text(set.dir / "refused"), message), ERR_OTHER_FILE_OPEN);
   EXPECT_EQ(message, CString(u"Please close the already open file."));
-  file.m_pDataFile->m_path.MakeUpper();
-  EXPECT_EQ(file.OpenKesp(Text(set.path), message), ERR_NONE);  // whatever the letter case
+  EXPECT_EQ(file.OpenKesp(Text(set.path).MakeUpper(), message), ERR_NONE);  // whatever the letter case
   EXPECT_TRUE(message.IsEmpty());
   EXPECT_EQ(file.GetKespVersion(version), ERR_NONE);
   EXPECT_EQ(version, 3u);

@@ -134,12 +134,15 @@ TEST(WriteQueue, LeavesAloneWhatExists) {
         return -1;
       }
     } const late;
-    CKespFile other;
-    EXPECT_EQ(other.WriteNewKespFileFromQueue(Text(set.path)), ERR_FILE_EXISTS);
-    EXPECT_FALSE(other.m_pDataFile->IsOpen());
+    EXPECT_EQ(set.file.WriteNewKespFileFromQueue(Text(set.path)), ERR_FILE_EXISTS);
+    EXPECT_TRUE(set.file.m_pDataFile->IsOpen());
   }
-  EXPECT_EQ(set.file.WriteNewKespFileFromQueue(Text(set.path)), ERR_FILE_EXISTS);
-  EXPECT_TRUE(set.file.m_pDataFile->IsOpen());
+  std::filesystem::create_symlink("nowhere", set.dir / "link");
+  for (const auto& path : {set.path, set.dir / "link"}) {
+    EXPECT_EQ(set.file.WriteNewKespFileFromQueue(Text(path)), ERR_FILE_EXISTS);
+    EXPECT_TRUE(set.file.m_pDataFile->IsOpen());
+  }
+  EXPECT_FALSE(std::filesystem::exists(set.dir / "nowhere"));
   EXPECT_EQ(set.file.WriteNewKespFileFromQueue(Text(set.dir / "missing" / "x")), ERR_FILE_NOT_FOUND);
   EXPECT_FALSE(set.file.m_pDataFile->IsOpen());
   EXPECT_EQ(ReadFile(set.path), before);  // without a mark
@@ -162,6 +165,8 @@ TEST(WriteQueue, TakesOverWhatItIndexesAndHeaders) {
   CKespFile other;
   other.AddTavoHeaderToWriteQueue(&ours);
   other.ClearQueueWithoutWriting();  // ours again
+  other.AddTavoHeaderToWriteQueue(&ours);
+  other.m_recordList.Remove(&ours);  // and again
 }
 
 // From some call on the disk is full. What is there then is whole, and whoever looks is told.
