@@ -96,10 +96,10 @@ class KESP_EXPORT CKespDataFile {
   bool DidPowerEventHappen();
 
   // For a walk over all that follows: until the file ends, a thread of the library's own reads ahead, which takes a
-  // third of a long walk's time away. It ends when the file is written to, closed, or read elsewhere; no signal of the
-  // host's is handled in it, and a child that the host forks goes on without it. For those who keep the records it
-  // makes memory ready, too, and the host should not fork meanwhile. A wish: nothing happens where less than 4 MiB are
-  // left, or without a second processor.
+  // third to a half of a long walk's time away. It ends when the file is written to, closed, or read elsewhere; no
+  // signal of the host's is handled in it, and a child that the host forks goes on without it. For those who keep the
+  // records it makes memory ready, too, and the host should not fork meanwhile. A wish: nothing happens where less than
+  // 4 MiB are left, or without a second processor.
   void ReadAhead(bool recordsAreKept = false) noexcept;
   // Reads the 14 bytes of a record header and leaves the file at the body. All outputs are 0 where nothing was read.
   bool ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short& version, unsigned long& flags,
