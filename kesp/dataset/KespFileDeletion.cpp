@@ -68,6 +68,7 @@ ErrorEnum CKespFile::DeleteFeatureAndAssociatedRec(CKespFeature* feature) {
 // Marks the point deleted on disk, takes it out of everything that refers to it, and deletes it. What can run out of
 // memory comes first, so that the point is either still everywhere or nowhere.
 void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, int index) {
+  m_pointIndex.Settle();
   MarkDeletedOnDisk(*point);
   m_recordList.Remove(point);
   CKespPoint* indexed = nullptr;

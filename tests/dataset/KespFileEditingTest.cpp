@@ -118,7 +118,8 @@ TEST(Deletion, LosesNothingWhenMemoryRunsOut) {
     DataSet set(TwoFeatures({}));
     ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
     CKespFeature* const feature = set.Feature(7);
-    CKespPoint* const point = set.Point(2);
+    CKespPoint* const point = feature->GetPoint(1);  // not by the index, which is made when it is first asked
+    ASSERT_EQ(point->PointNumber, 2u);
     struck = false;
     const auto throws = [&](auto operation) {
       try {
