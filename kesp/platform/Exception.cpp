@@ -1,6 +1,7 @@
 #include "kesp/platform/Exception.h"
 
 #include <cerrno>
+#include <string>
 #include <system_error>
 
 namespace {
@@ -66,7 +67,15 @@ std::string MessageOf(CFileException::Cause cause, int osError, const CString& p
 
 }  // namespace
 
-CFileException::CFileException(int osError, const CString& path) : CFileException(CauseOf(osError), osError, path) {}
+CFileException::CFileException(int osError, const CString& path) noexcept
+    : CFileException(CauseOf(osError), osError, path) {}
 
-CFileException::CFileException(Cause cause, int osError, const CString& path)
-    : CException(MessageOf(cause, osError, path)), m_cause(cause), m_lOsError(osError), m_strFileName(path) {}
+CFileException::CFileException(Cause cause, int osError, const CString& path) noexcept
+    : m_cause(cause), m_lOsError(osError) {
+  try {
+    m_text = MessageOf(cause, osError, path);
+    m_strFileName = path;
+  } catch (const std::exception&) {
+    // What counts is the cause.
+  }
+}

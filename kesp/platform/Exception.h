@@ -1,38 +1,50 @@
 // What the library throws, by value, where something can't be answered with a result.
 //
+//   try {
+//     survey.AddNoteToWriteQueue(note);
+//   } catch (const std::bad_alloc&) {  // a CMemoryException, or the standard library's
+//     ...
+//   } catch (const CException& e) {  // every other exception of the library
+//     Complain(e.GetErrorMessage());
+//   }
+//
 // The operations of the container and of the data set catch these themselves; they reach a host only where a
 // header says so, and from direct use of CFile, CString and the collections.
 #pragma once
 #include <exception>
+#include <new>
 #include <string>
 #include <utility>
 
 #include "kesp/platform/Export.h"
 #include "kesp/platform/String.h"
 
-class KESP_EXPORT CException : public std::exception {
+// The common base. It is no std::exception, so that each class below is one exactly once: CMemoryException by way of
+// std::bad_alloc, the others directly.
+class KESP_EXPORT CException {
  public:
-  explicit CException(std::string text) : m_text(std::move(text)) {}
-  const char* what() const noexcept override { return m_text.c_str(); }  // UTF-8
-  CString GetErrorMessage() const { return CString::FromUtf8(m_text); }
-
- private:
-  std::string m_text;
+  CException() = default;
+  CException(const CException&) = default;
+  CException& operator=(const CException&) = default;
+  virtual ~CException() = default;
+  virtual const char* what() const noexcept = 0;  // UTF-8
+  CString GetErrorMessage() const { return CString::FromUtf8(what()); }
 };
 
-class KESP_EXPORT CMemoryException : public CException {
+// Out of memory. A handler for std::bad_alloc catches it too. Making one takes no memory.
+class KESP_EXPORT CMemoryException : public CException, public std::bad_alloc {
  public:
-  CMemoryException() : CException("Out of memory") {}
+  const char* what() const noexcept override { return "Out of memory"; }
 };
 
-// An index outside a collection.
-class KESP_EXPORT CInvalidArgException : public CException {
+// An index outside a collection, or a null where an object is wanted.
+class KESP_EXPORT CInvalidArgException : public CException, public std::exception {
  public:
-  CInvalidArgException() : CException("Invalid argument") {}
+  const char* what() const noexcept override { return "Invalid argument"; }
 };
 
 // A file operation that failed: why, and what the system said.
-class KESP_EXPORT CFileException : public CException {
+class KESP_EXPORT CFileException : public CException, public std::exception {
  public:
   enum Cause {
     none,
@@ -49,12 +61,17 @@ class KESP_EXPORT CFileException : public CException {
     endOfFile,
   };
 
-  // The cause is derived from the system's error number; `path` goes into the message.
-  CFileException(int osError, const CString& path);
-  CFileException(Cause cause, int osError, const CString& path);
-  CFileException(Cause cause, const CString& path) : CFileException(cause, 0, path) {}
+  // The cause is derived from the system's error number; `path` goes into the message. Without the memory for them,
+  // the path is left out, and the message says no more than that a file operation failed.
+  CFileException(int osError, const CString& path) noexcept;
+  CFileException(Cause cause, int osError, const CString& path) noexcept;
+  CFileException(Cause cause, const CString& path) noexcept : CFileException(cause, 0, path) {}
+  const char* what() const noexcept override { return m_text.empty() ? "File error" : m_text.c_str(); }
 
   Cause m_cause;
   int m_lOsError;  // errno, 0 when the system was not asked
   CString m_strFileName;
+
+ private:
+  std::string m_text;
 };
