@@ -84,7 +84,6 @@ void CKespFile::ClearStorage() noexcept {
     entered.clear();  // without the memory to tell them apart they are left where they are
   }
 
-  const kesp::PoolSession session;
   for (CKespRecord* record : entered) delete record;
   for (CKespFeature* feature : m_ownFeatures) delete feature;
   for (CKespRecord* record : m_ownRecords) delete record;
@@ -229,7 +228,6 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
   if (!next && m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF) return ERR_NONE;
 
   const ReadingAhead ahead(*m_pDataFile);
-  const kesp::PoolSession session;
   Reading reading;
   // Only a file made for it comes there: of a survey that somebody collected, half the length is enough.
   const std::uint64_t mostMemory = kMemoryToBeginWith + kMemoryPerByte * m_pDataFile->m_file.KnownLength();

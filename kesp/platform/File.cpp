@@ -11,7 +11,6 @@
 #include <new>
 #include <string>
 
-#include "kesp/platform/ObjectPool.h"
 #include "kesp/platform/ReadAhead.h"
 #include "kesp/platform/SystemCalls.h"
 
@@ -187,7 +186,6 @@ std::span<const std::byte> CFile::ReadViewSlow(std::size_t count) {
   RequireOpen();
   CommitGathered();
   if (count > kMaxView) throw CInvalidArgException();
-  const kesp::PoolPause pause;  // the disk may be slow
   if (!m_ahead || !TakeAhead(count)) FillBuffer(count);
   const auto at = static_cast<std::size_t>(m_position - m_bufferStart);
   const std::size_t handed = std::min(count, m_bufferSize - at);
@@ -227,7 +225,7 @@ void CFile::FillBuffer(std::size_t count) {
 }
 
 void CFile::ReadAhead(bool objectsAreKept) noexcept {
-  if (m_fd < 0 || m_ahead || !kesp::ReadAhead::HasProcessor()) return;
+  if (m_fd < 0 || m_ahead || !kesp::ReadAhead::IsWorthwhile()) return;
   try {
     const std::uint64_t buffered = m_bufferStart + m_bufferSize;
     const bool follows = m_position >= m_bufferStart && m_position <= buffered;

@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/single_threaded.h>
 
 #include <algorithm>
 #include <array>
@@ -17,6 +16,7 @@
 #include <utility>
 
 #include "kesp/platform/Exception.h"
+#include "kesp/platform/Locks.h"
 
 namespace kesp {
 namespace {
@@ -41,10 +41,11 @@ static_assert(kRegionSize / kSpanSize == 32);
 constexpr std::size_t kGranule = 8;
 constexpr std::size_t kSizes = kLargestPooledBlock / kGranule;
 constexpr std::size_t kCacheLine = 64;
-constexpr std::size_t kMostSpareRegions = 64;   // 128 MiB
-constexpr std::size_t kReadyRegions = 4;        // what PoolPrepare keeps ready
-constexpr std::size_t kFetchedAhead = 4;        // blocks
-constexpr std::size_t kMostRegionsAtOnce = 16;  // of address space: 32 MiB
+constexpr std::size_t kRunSize = std::size_t{16} << 10;  // what a thread takes of a span at once
+constexpr std::size_t kMostSpareRegions = 64;            // 128 MiB
+constexpr std::size_t kReadyRegions = 4;                 // what PoolPrepare keeps ready
+constexpr std::size_t kFetchedAhead = 4;                 // blocks
+constexpr std::size_t kMostRegionsAtOnce = 16;           // of address space: 32 MiB
 
 struct FreeBlock {
   FreeBlock* next;
@@ -73,31 +74,25 @@ void Unlink(T*& first, T* item) {
 struct alignas(kCacheLine) Region {
   std::uint32_t freeSpans;  // a bit for each
   Links<Region> links;      // listed while a span is free
+  Region* previousInUse;
+  Region* nextInUse;
 };
 
 // At the start of every span that is in use.
 struct alignas(kCacheLine) Span {
   FreeBlock* free;      // blocks that were given back
   std::byte* fresh;     // from here on no block was handed out yet
-  std::uint32_t live;   // blocks in use
+  std::uint32_t live;   // blocks in use, or in a thread's stock
   std::uint32_t which;  // of the sizes
   Links<Span> links;    // listed while there is room
   bool listed;
 };
 static_assert(sizeof(Region) == kCacheLine && sizeof(Span) == kCacheLine);
 
-}  // namespace
+std::size_t BlockSize(std::size_t which) { return (which + 1) * kGranule; }
 
-// What this thread freed last of each size, kept for when it asks for that size again: who walks over a file makes and
-// deletes one record after another, and so neither locks the pool nor looks at a span.
-struct KeptBlocks {
-  std::array<void*, kSizes> last{};
-};
-
-namespace {
-
+// Guarded by g_poolLock.
 struct Pool {
-  std::mutex mutex;
   std::array<Span*, kSizes> withRoom{};  // of each size; the first one is in use
   Region* regions = nullptr;             // with a free span
 };
@@ -106,36 +101,45 @@ struct Pool {
 static_assert(std::is_trivially_destructible_v<Pool>);
 constinit Pool g_pool;
 
-// Whether this thread holds the pool's lock, for a PoolSession. Looked at for every block, so its place is fixed when
-// the library is loaded.
-[[gnu::tls_model("initial-exec")]] thread_local bool t_inSession = false;
-[[gnu::tls_model("initial-exec")]] thread_local std::int64_t t_spansTaken = 0;
-
-// Null until the thread frees a block outside a session, when the thread ends, and as a rule in a session, which holds
-// the lock already and may free a whole data set.
-[[gnu::tls_model("initial-exec")]] thread_local KeptBlocks* t_kept = nullptr;
-[[gnu::tls_model("initial-exec")]] thread_local bool t_keptMade = false;
-
-// As long as the process has one thread there is nobody to lock out.
-class MaybeLock {
- public:
-  explicit MaybeLock(std::mutex& mutex) : m_mutex(__libc_single_threaded != 0 || t_inSession ? nullptr : &mutex) {
-    if (m_mutex != nullptr) m_mutex->lock();
-  }
-  ~MaybeLock() {
-    if (m_mutex != nullptr) m_mutex->unlock();
-  }
-  MaybeLock(const MaybeLock&) = delete;
-  MaybeLock& operator=(const MaybeLock&) = delete;
-
- private:
-  std::mutex* m_mutex;
-};
-
 template <class T>
 T* StartOf(void* inside, std::size_t size) {
   return reinterpret_cast<T*>(reinterpret_cast<std::uintptr_t>(inside) & ~(size - 1));
 }
+
+std::byte* EndOf(Span* span) { return StartOf<std::byte>(span, kSpanSize) + kSpanSize; }
+
+Span* SpanOf(void* block) {
+  auto* const start = StartOf<std::byte>(block, kSpanSize);
+  const bool firstOfRegion = reinterpret_cast<std::uintptr_t>(start) % kRegionSize == 0;
+  return reinterpret_cast<Span*>(firstOfRegion ? start + sizeof(Region) : start);
+}
+
+// Blocks of one span, on their way to a thread or back.
+struct Blocks {
+  FreeBlock* first = nullptr;
+  FreeBlock* last = nullptr;  // of those given back
+  std::uint32_t count = 0;
+
+  void Push(void* block) noexcept {
+    first = new (block) FreeBlock{first};
+    if (count++ == 0) last = first;
+  }
+  void* Pop() noexcept {
+    FreeBlock* const block = first;
+    first = block->next;
+    --count;
+    return block;
+  }
+};
+
+// What a thread can hand out of one size, and what it has freed.
+struct Stock {
+  FreeBlock* free = nullptr;  // of a run
+  std::byte* fresh = nullptr;
+  std::byte* freshEnd = nullptr;
+  Blocks freed;
+  void* freedSpan = nullptr;  // where the blocks of `freed` are, while there are any
+};
 
 // How many regions are still to be of small pages, since a huge one was slow to come.
 std::atomic<int> g_smallToCome{0};
@@ -159,85 +163,119 @@ bool MakePages(void* region) noexcept {
   return true;
 }
 
-// Where regions come from, and go when they are empty. It has a lock of its own, held for moments only, so that one
-// thread can make them ready while another has the pool.
+// Where regions come from, and go when they are empty. Pages are made, and address space is asked for and given back,
+// without the lock: other threads wait for the links alone.
 class Regions {
  public:
   // Null when there is no memory.
   Region* Take() noexcept {
-    void* fresh = nullptr;
+    bool isFirst = false;
     {
-      const std::lock_guard lock(m_mutex);
-      if (m_spare != nullptr) return PopSpare();
-      fresh = CutFresh();
-      if (!std::exchange(m_hadFirst, true)) return Begin(fresh);
+      const std::lock_guard lock(g_regionsLock);
+      if (m_spare != nullptr) return Begin(PopSpare());
+      isFirst = !std::exchange(m_hadFirst, true);
     }
-    if (fresh != nullptr) (void)MakePages(fresh);
+    void* const fresh = CutFresh();
+    if (fresh == nullptr) return nullptr;
+    if (!isFirst) (void)MakePages(fresh);
+    const std::lock_guard lock(g_regionsLock);
     return Begin(fresh);
   }
   // Some are kept for the next data set. Their pages, but for the first, are the system's to take back whenever it
   // wants them.
   void Give(Region* region) noexcept {
     constexpr std::size_t kSmallestPage = 4096;
-    const std::lock_guard lock(m_mutex);
-    if (m_spareCount >= kMostSpareRegions) {
-      ::munmap(region, kRegionSize);
-      return;
+    {
+      const std::lock_guard lock(g_regionsLock);
+      (region->previousInUse != nullptr ? region->previousInUse->nextInUse : m_inUse) = region->nextInUse;
+      if (region->nextInUse != nullptr) region->nextInUse->previousInUse = region->previousInUse;
     }
     ::madvise(reinterpret_cast<std::byte*>(region) + kSmallestPage, kRegionSize - kSmallestPage, MADV_FREE);
-    PushSpare(region);
+    {
+      const std::lock_guard lock(g_regionsLock);
+      if (m_spareCount < kMostSpareRegions) return PushSpare(region);
+    }
+    ::munmap(region, kRegionSize);
   }
   // See PoolPrepare.
   bool Prepare() noexcept {
-    void* fresh = nullptr;
     {
-      const std::lock_guard lock(m_mutex);
+      const std::lock_guard lock(g_regionsLock);
       if (m_spareCount >= kReadyRegions) return false;
-      fresh = CutFresh();
     }
+    void* const fresh = CutFresh();
     if (fresh == nullptr) return false;
     const bool ready = MakePages(fresh);
-    const std::lock_guard lock(m_mutex);
-    PushSpare(Begin(fresh));
+    const std::lock_guard lock(g_regionsLock);
+    PushSpare(new (fresh) Region{});
     return ready;
+  }
+  // Whether a block is in one of the regions in use.
+  bool Have(void* block) noexcept {
+    const auto* const wanted = StartOf<Region>(block, kRegionSize);
+    const std::lock_guard lock(g_regionsLock);
+    const Region* region = m_inUse;
+    while (region != nullptr && region != wanted) region = region->nextInUse;
+    return region != nullptr;
   }
 
  private:
-  static Region* Begin(void* place) noexcept { return place == nullptr ? nullptr : new (place) Region{kAllSpans, {}}; }
+  // With the lock held.
+  Region* Begin(void* place) noexcept {
+    auto* const region = new (place) Region{kAllSpans, {}, nullptr, m_inUse};
+    if (m_inUse != nullptr) m_inUse->previousInUse = region;
+    return m_inUse = region;
+  }
   void PushSpare(Region* region) noexcept {
     region->links.next = m_spare;
     m_spare = region;
     ++m_spareCount;
   }
-  Region* PopSpare() noexcept {
+  void* PopSpare() noexcept {
     Region* const region = m_spare;
     m_spare = region->links.next;
     --m_spareCount;
-    return Begin(region);
+    return region;
   }
-  // Address space for a region. It is asked for in ever longer pieces, since the system lets nobody change the map of
-  // the process's memory while pages are being made in it.
+  // Address space for a region; null when there is none. It is asked for in ever longer pieces, since the system lets
+  // nobody change the map of the process's memory while pages are being made in it.
   void* CutFresh() noexcept {
-    if (m_fresh == m_freshEnd && !Map(m_atOnce) && !Map(1)) return nullptr;
-    return std::exchange(m_fresh, m_fresh + kRegionSize);
+    std::size_t atOnce = 1;
+    {
+      const std::lock_guard lock(g_regionsLock);
+      if (m_fresh != m_freshEnd) return std::exchange(m_fresh, m_fresh + kRegionSize);
+      atOnce = m_atOnce;
+    }
+    std::byte* piece = Map(atOnce);
+    if (piece == nullptr && atOnce > 1) piece = Map(atOnce = 1);
+    if (piece == nullptr) return nullptr;
+    {
+      const std::lock_guard lock(g_regionsLock);
+      m_atOnce = std::min(2 * atOnce, kMostRegionsAtOnce);
+      if (m_fresh == m_freshEnd) {
+        m_fresh = piece + kRegionSize;
+        m_freshEnd = piece + atOnce * kRegionSize;
+        return piece;
+      }
+    }
+    // Another thread brought some meanwhile.
+    if (atOnce > 1) ::munmap(piece + kRegionSize, (atOnce - 1) * kRegionSize);
+    return piece;
   }
-  bool Map(std::size_t regions) noexcept {
+  static std::byte* Map(std::size_t regions) noexcept {
     // One more than that, of which an aligned part is kept.
     const std::size_t wanted = regions * kRegionSize;
     void* const raw = ::mmap(nullptr, wanted + kRegionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (raw == MAP_FAILED) return false;
+    if (raw == MAP_FAILED) return nullptr;
     auto* const begin = static_cast<std::byte*>(raw);
     const std::size_t lead = (kRegionSize - reinterpret_cast<std::uintptr_t>(begin) % kRegionSize) % kRegionSize;
     if (lead != 0) ::munmap(begin, lead);
-    m_fresh = begin + lead;
-    m_freshEnd = m_fresh + wanted;
-    ::munmap(m_freshEnd, kRegionSize - lead);
-    m_atOnce = std::min(2 * m_atOnce, kMostRegionsAtOnce);
-    return true;
+    ::munmap(begin + lead + wanted, kRegionSize - lead);
+    return begin + lead;
   }
 
-  std::mutex m_mutex;
-  Region* m_spare = nullptr;  // empty ones, by `next`
+  Region* m_inUse = nullptr;
+  Region* m_spare = nullptr;  // empty ones, by `links.next`
   std::size_t m_spareCount = 0;
   std::byte* m_fresh = nullptr;  // mapped and not handed out yet, up to m_freshEnd
   std::byte* m_freshEnd = nullptr;
@@ -247,36 +285,138 @@ class Regions {
 static_assert(std::is_trivially_destructible_v<Regions>);
 constinit Regions g_regions;
 
-Span* TakeSpan(Pool& pool, std::size_t which) {
-  if (pool.regions == nullptr) {
-    Region* const fresh = g_regions.Take();
-    if (fresh == nullptr) return nullptr;
-    PushFront(pool.regions, fresh);
-  }
-  ++t_spansTaken;
-  Region* const region = pool.regions;
+// A span out of a region that has a free one, for blocks of one size; null without such a region. With the lock held.
+Span* BeginSpan(std::size_t which) noexcept {
+  Region* const region = g_pool.regions;
+  if (region == nullptr) return nullptr;
   const int index = std::countr_zero(region->freeSpans);
   region->freeSpans &= region->freeSpans - 1;
-  if (region->freeSpans == 0) Unlink(pool.regions, region);
-  std::byte* place = reinterpret_cast<std::byte*>(region) + static_cast<std::size_t>(index) * kSpanSize;
+  if (region->freeSpans == 0) Unlink(g_pool.regions, region);
+  std::byte* const place = reinterpret_cast<std::byte*>(region) + static_cast<std::size_t>(index) * kSpanSize;
   std::byte* const head = index == 0 ? place + sizeof(Region) : place;
-  return new (head) Span{nullptr, head + sizeof(Span), 0, static_cast<std::uint32_t>(which), {}, false};
+  auto* const span = new (head) Span{nullptr, head + sizeof(Span), 0, static_cast<std::uint32_t>(which), {}, true};
+  PushFront(g_pool.withRoom[which], span);
+  return span;
 }
 
-void GiveSpanBack(Pool& pool, Span* span) {
-  --t_spansTaken;
+// Returns the region when that was its last span: it is to be given back once the lock is not held any more.
+Region* EndSpan(Span* span) noexcept {
   auto* const region = StartOf<Region>(span, kRegionSize);
-  if (region->freeSpans == 0) PushFront(pool.regions, region);
+  if (region->freeSpans == 0) PushFront(g_pool.regions, region);
   region->freeSpans |= 1U << (reinterpret_cast<std::uintptr_t>(span) % kRegionSize / kSpanSize);
-  if (region->freeSpans != kAllSpans) return;
-  Unlink(pool.regions, region);
-  g_regions.Give(region);
+  if (region->freeSpans != kAllSpans) return nullptr;
+  Unlink(g_pool.regions, region);
+  return region;
 }
 
-Span* SpanOf(void* block) {
-  auto* const start = StartOf<std::byte>(block, kSpanSize);
-  const bool firstOfRegion = reinterpret_cast<std::uintptr_t>(start) % kRegionSize == 0;
-  return reinterpret_cast<Span*>(firstOfRegion ? start + sizeof(Region) : start);
+// Takes up to `most` bytes of blocks for the stock, and at least one block. Returns the bytes taken: 0 without memory.
+std::size_t TakeRun(std::size_t which, std::size_t most, Stock& stock) noexcept {
+  const std::size_t blockSize = BlockSize(which);
+  std::unique_lock lock(g_poolLock);
+  Span* span = g_pool.withRoom[which];
+  while (span == nullptr && (span = BeginSpan(which)) == nullptr) {
+    lock.unlock();
+    Region* const region = g_regions.Take();
+    if (region == nullptr) return 0;
+    lock.lock();
+    PushFront(g_pool.regions, region);
+    span = g_pool.withRoom[which];
+  }
+  std::byte* const end = EndOf(span);
+  std::size_t count = 0;
+  if (span->free != nullptr && most > blockSize) {
+    // All that were given back: those that were handed out, less those in use.
+    const std::byte* const first = reinterpret_cast<std::byte*>(span) + sizeof(Span);
+    count = static_cast<std::size_t>(span->fresh - first) / blockSize - span->live;
+    stock.free = std::exchange(span->free, nullptr);
+  } else if (span->free != nullptr) {
+    count = 1;
+    stock.free = std::exchange(span->free, span->free->next);
+    stock.free->next = nullptr;
+  } else {
+    count =
+        std::min(std::max<std::size_t>(most / blockSize, 1), static_cast<std::size_t>(end - span->fresh) / blockSize);
+    stock.fresh = span->fresh;
+    stock.freshEnd = span->fresh += count * blockSize;
+  }
+  span->live += static_cast<std::uint32_t>(count);
+  if (span->free == nullptr && span->fresh + blockSize > end) {
+    Unlink(g_pool.withRoom[which], span);
+    span->listed = false;
+  }
+  return count * blockSize;
+}
+
+void GiveBack(Blocks& blocks) noexcept {
+  Span* const span = SpanOf(blocks.first);
+  Region* emptied = nullptr;
+  {
+    const std::lock_guard lock(g_poolLock);
+    Span*& first = g_pool.withRoom[span->which];
+    blocks.last->next = span->free;
+    span->free = blocks.first;
+    span->live -= blocks.count;
+    if (!span->listed) {
+      PushFront(first, span);
+      span->listed = true;
+    }
+    // One of each size stays, so that a block made and freed again and again costs no more than that.
+    if (span->live == 0 && (span->links.next != nullptr || span->links.previous != nullptr)) {
+      Unlink(first, span);
+      emptied = EndSpan(span);
+    }
+  }
+  blocks = {};
+  if (emptied != nullptr) g_regions.Give(emptied);
+}
+
+struct ThreadStocks {
+  std::array<Stock, kSizes> stocks{};
+  std::int64_t bytesTaken = 0;
+
+  void GiveBackFreed(std::size_t which) noexcept {
+    Blocks& freed = stocks[which].freed;
+    bytesTaken -= static_cast<std::int64_t>(freed.count * BlockSize(which));
+    kesp::GiveBack(freed);
+  }
+};
+
+// Looked at for each block, so its place is fixed when the library is loaded. Null before the thread's first block,
+// when the thread ends, and without the memory for it.
+[[gnu::tls_model("initial-exec")]] thread_local ThreadStocks* t_stocks = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local bool t_stocksMade = false;
+
+// Gives all of it back when the thread ends. What other destructors delete later goes back at once.
+void EndStocks(void* ended) {
+  t_stocks = nullptr;
+  const std::unique_ptr<ThreadStocks> own(static_cast<ThreadStocks*>(ended));
+  for (std::size_t which = 0; which < kSizes; ++which) {
+    Stock& stock = own->stocks[which];
+    if (stock.freed.count != 0) GiveBack(stock.freed);
+    Blocks rest;
+    while (stock.free != nullptr) rest.Push(std::exchange(stock.free, stock.free->next));
+    if (rest.count != 0) GiveBack(rest);
+    for (; stock.fresh != stock.freshEnd; stock.fresh += BlockSize(which)) rest.Push(stock.fresh);
+    if (rest.count != 0) GiveBack(rest);
+  }
+}
+
+// Null without the memory. By a key, since a thread_local object that can't be registered ends the process.
+ThreadStocks* MakeStocks() noexcept {
+  static pthread_key_t key{};
+  static const bool hasKey = ::pthread_key_create(&key, EndStocks) == 0;
+  if (!hasKey) return nullptr;
+  auto stocks = std::unique_ptr<ThreadStocks>(new (std::nothrow) ThreadStocks);
+  if (stocks == nullptr || ::pthread_setspecific(key, stocks.get()) != 0) return nullptr;
+  return stocks.release();
+}
+
+ThreadStocks* Stocks() noexcept {
+  if (!t_stocksMade) {
+    t_stocksMade = true;
+    t_stocks = MakeStocks();
+  }
+  return t_stocks;
 }
 
 [[gnu::noinline]] void* TakeFromHeap(std::size_t size) {
@@ -285,108 +425,49 @@ Span* SpanOf(void* block) {
   return block;
 }
 
-// A block out of the first span that has room, `first` among the spans of its size.
-void* TakeBlockOf(Span*& first, std::size_t which) noexcept {
-  const std::size_t blockSize = (which + 1) * kGranule;
-  Span* const span = first;
-  ++span->live;
-  void* block = span->free;
-  if (block != nullptr) {
-    span->free = span->free->next;
-    __builtin_prefetch(span->free, 1);
-  } else {
-    block = span->fresh;
-    span->fresh += blockSize;
-    // Filling memory that no cache has is most of what a record costs: some blocks before it is its turn a block is
-    // fetched, all of it.
-    const std::byte* const coming = span->fresh + kFetchedAhead * blockSize;
-    for (std::size_t line = 0; line < blockSize; line += kCacheLine) __builtin_prefetch(coming + line, 1);
-  }
-  const std::byte* const end = StartOf<std::byte>(span, kSpanSize) + kSpanSize;
-  if (span->free == nullptr && span->fresh + blockSize > end) {
-    Unlink(first, span);
-    span->listed = false;
-  }
-  return block;
+// Out of a new run, or, in a thread without a stock, for itself.
+[[gnu::noinline]] void* TakeFromPool(std::size_t which) {
+  ThreadStocks* const mine = Stocks();
+  Stock single;
+  Stock& stock = mine != nullptr ? mine->stocks[which] : single;
+  const std::size_t taken = TakeRun(which, mine != nullptr ? kRunSize : BlockSize(which), stock);
+  if (taken == 0) throw CMemoryException();
+  if (mine != nullptr) mine->bytesTaken += static_cast<std::int64_t>(taken);
+  if (stock.free != nullptr) return std::exchange(stock.free, stock.free->next);
+  return std::exchange(stock.fresh, stock.fresh + BlockSize(which));
 }
 
-[[gnu::noinline]] void* TakeBlockLocked(std::size_t which) {
-  Pool& pool = g_pool;
-  const MaybeLock lock(pool.mutex);
-  Span*& first = pool.withRoom[which];
-  if (first == nullptr) {
-    Span* const span = TakeSpan(pool, which);
-    if (span == nullptr) throw CMemoryException();
-    PushFront(first, span);
-    span->listed = true;
+// Where PoolFree goes with the first block of another span.
+[[gnu::noinline]] void FreeElsewhere(void* block, std::size_t which) noexcept {
+  ThreadStocks* const mine = Stocks();
+  if (mine == nullptr) {
+    Blocks single;
+    single.Push(block);
+    return GiveBack(single);
   }
-  return TakeBlockOf(first, which);
-}
-
-void* TakeBlock(std::size_t which) {
-  Span*& first = g_pool.withRoom[which];
-  return t_inSession && first != nullptr ? TakeBlockOf(first, which) : TakeBlockLocked(which);
-}
-
-[[gnu::noinline]] void GiveBlockBack(void* block) noexcept {
-  Span* const span = SpanOf(block);
-  Pool& pool = g_pool;
-  const MaybeLock lock(pool.mutex);
-  Span*& first = pool.withRoom[span->which];
-  span->free = new (block) FreeBlock{span->free};
-  --span->live;
-  if (!span->listed) {
-    PushFront(first, span);
-    span->listed = true;
-  }
-  // One of each size stays, so that a block made and freed again and again costs no more than that.
-  if (span->live == 0 && (span->links.next != nullptr || span->links.previous != nullptr)) {
-    Unlink(first, span);
-    GiveSpanBack(pool, span);
-  }
-}
-
-// Gives all of them back when the thread ends. What other destructors delete later still is not kept.
-void EndKeeping(void* blocks) {
-  t_kept = nullptr;
-  const std::unique_ptr<KeptBlocks> kept(static_cast<KeptBlocks*>(blocks));
-  for (void* const block : kept->last) {
-    if (block != nullptr) GiveBlockBack(block);
-  }
-}
-
-// Null without the memory. By a key, since a thread_local object that can't be registered ends the process.
-KeptBlocks* BeginKeeping() noexcept {
-  static pthread_key_t key{};
-  static const bool hasKey = ::pthread_key_create(&key, EndKeeping) == 0;
-  if (!hasKey) return nullptr;
-  auto* const kept = new (std::nothrow) KeptBlocks;
-  if (kept == nullptr || ::pthread_setspecific(key, kept) == 0) return kept;
-  delete kept;
-  return nullptr;
-}
-
-// Where PoolFree goes when it can't simply keep the block.
-[[gnu::noinline]] void KeepOrGiveBack(void* block, std::size_t which) noexcept {
-  if (t_inSession) return GiveBlockBack(block);
-  if (!t_keptMade) {
-    t_keptMade = true;
-    t_kept = BeginKeeping();
-  }
-  if (t_kept == nullptr) return GiveBlockBack(block);
-  void* const before = std::exchange(t_kept->last[which], block);
-  if (before != nullptr) GiveBlockBack(before);
+  Stock& stock = mine->stocks[which];
+  if (stock.freed.count != 0) mine->GiveBackFreed(which);
+  stock.freedSpan = StartOf<void>(block, kSpanSize);
+  stock.freed.Push(block);
 }
 
 }  // namespace
 
 void* PoolAllocate(std::size_t size) {
-  if (!kPooled || size > kLargestPooledBlock || size == 0) {
-    return TakeFromHeap(size);
-  }
+  if (!kPooled || size > kLargestPooledBlock || size == 0) return TakeFromHeap(size);
   const std::size_t which = (size - 1) / kGranule;
-  if (t_kept == nullptr || t_kept->last[which] == nullptr) return TakeBlock(which);
-  return std::exchange(t_kept->last[which], nullptr);
+  if (t_stocks == nullptr) return TakeFromPool(which);
+  Stock& stock = t_stocks->stocks[which];
+  if (stock.freed.count != 0) return stock.freed.Pop();
+  if (stock.free != nullptr) return std::exchange(stock.free, stock.free->next);
+  if (stock.fresh == stock.freshEnd) return TakeFromPool(which);
+  const std::size_t blockSize = BlockSize(which);
+  void* const block = std::exchange(stock.fresh, stock.fresh + blockSize);
+  // Filling memory that no cache has is most of what a record costs: some blocks before it is its turn a block is
+  // fetched, all of it.
+  const std::byte* const coming = stock.fresh + kFetchedAhead * blockSize;
+  for (std::size_t line = 0; line < blockSize; line += kCacheLine) __builtin_prefetch(coming + line, 1);
+  return block;
 }
 
 void PoolFree(void* block, std::size_t size) noexcept {
@@ -395,36 +476,22 @@ void PoolFree(void* block, std::size_t size) noexcept {
     return;
   }
   const std::size_t which = (size - 1) / kGranule;
-  if (t_kept == nullptr || t_kept->last[which] != nullptr) return KeepOrGiveBack(block, which);
-  t_kept->last[which] = block;
+  if (t_stocks == nullptr) return FreeElsewhere(block, which);
+  Stock& stock = t_stocks->stocks[which];
+  if (stock.freedSpan != StartOf<void>(block, kSpanSize)) return FreeElsewhere(block, which);
+  stock.freed.Push(block);
+}
+
+void PoolFreeUnsized(void* block) noexcept {
+  if (!kPooled || !g_regions.Have(block)) {
+    ::operator delete(block);
+    return;
+  }
+  PoolFree(block, BlockSize(SpanOf(block)->which));
 }
 
 bool PoolPrepare() noexcept { return kPooled && g_regions.Prepare(); }
 
-std::int64_t PoolBytesTaken() noexcept { return static_cast<std::int64_t>(kSpanSize) * t_spansTaken; }
-
-PoolSession::PoolSession() : m_nested(t_inSession || !kPooled) {
-  if (m_nested) return;
-  g_pool.mutex.lock();
-  t_inSession = true;
-  m_kept = std::exchange(t_kept, nullptr);
-}
-PoolSession::~PoolSession() {
-  if (m_nested) return;
-  if (m_kept != nullptr) t_kept = m_kept;
-  t_inSession = false;
-  g_pool.mutex.unlock();
-}
-
-PoolPause::PoolPause() : m_inSession(t_inSession) {
-  if (!m_inSession) return;
-  t_inSession = false;
-  g_pool.mutex.unlock();
-}
-PoolPause::~PoolPause() {
-  if (!m_inSession) return;
-  g_pool.mutex.lock();
-  t_inSession = true;
-}
+std::int64_t PoolBytesTaken() noexcept { return t_stocks != nullptr ? t_stocks->bytesTaken : 0; }
 
 }  // namespace kesp

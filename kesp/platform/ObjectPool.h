@@ -9,13 +9,15 @@
 // wants it; beyond that it is unmapped. Blocks over kLargestPooledBlock bytes come from the ordinary heap, and so does
 // everything in a build for the address sanitizer, which then sees each block's bounds.
 //
-// What a thread freed last of each size stays with it until it ends, and keeps the region that it is in.
+// Each thread has a stock: of each size, a run of up to 16 KiB of a span that nobody else hands out of, and the blocks
+// that it freed last, as long as they are of one span. Only getting a run and giving such blocks back takes the pool's
+// lock, for a moment, so that threads hardly meet. Any thread may free what another allocated. A thread's stock goes
+// back when the thread ends.
 //
-// Any thread may allocate and free. Errors: CMemoryException.
+// Errors: CMemoryException.
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <limits>
 
 #include "kesp/platform/Exception.h"
 #include "kesp/platform/Export.h"
@@ -27,54 +29,15 @@ constexpr std::size_t kLargestPooledBlock = 1024;
 KESP_EXPORT void* PoolAllocate(std::size_t size);
 // `size` is what the block was allocated with.
 KESP_EXPORT void PoolFree(void* block, std::size_t size) noexcept;
+// The same for a caller who does not know the size; takes time.
+KESP_EXPORT void PoolFreeUnsized(void* block) noexcept;
 
 // Makes a piece of memory ready before it is asked for, so that those who ask need not wait while the system clears it.
 // False when enough is ready already, or when there is none to be had.
 bool PoolPrepare() noexcept;
 
-// Bytes of the spans that this thread took, less those that it gave back, which others may have taken: only differences
-// mean something. Always 0 in a build for the address sanitizer.
+// Bytes of the runs that this thread took, less what it gave back, which others may have taken: only differences mean
+// something. Always 0 in a build for the address sanitizer.
 std::int64_t PoolBytesTaken() noexcept;
-
-struct KeptBlocks;
-
-// Whoever makes or deletes millions of blocks locks the pool once, and not for each. Other threads' blocks wait
-// meanwhile, so it must not last: PoolPause lets go of the lock for as long as something else is waited for.
-class PoolSession {
- public:
-  PoolSession();
-  ~PoolSession();
-  PoolSession(const PoolSession&) = delete;
-  PoolSession& operator=(const PoolSession&) = delete;
-
- private:
-  const bool m_nested;
-  KeptBlocks* m_kept = nullptr;
-};
-class PoolPause {
- public:
-  PoolPause();
-  ~PoolPause();
-  PoolPause(const PoolPause&) = delete;
-  PoolPause& operator=(const PoolPause&) = delete;
-
- private:
-  const bool m_inSession;
-};
-
-// For containers whose storage is small as a rule.
-template <class T>
-struct PoolAllocator {
-  using value_type = T;
-  PoolAllocator() noexcept = default;
-  template <class U>
-  PoolAllocator(const PoolAllocator<U>&) noexcept {}
-  T* allocate(std::size_t count) {
-    if (count > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw CMemoryException();
-    return static_cast<T*>(PoolAllocate(count * sizeof(T)));
-  }
-  void deallocate(T* block, std::size_t count) noexcept { PoolFree(block, count * sizeof(T)); }
-  friend bool operator==(const PoolAllocator&, const PoolAllocator&) noexcept { return true; }
-};
 
 }  // namespace kesp

@@ -2,16 +2,17 @@
 
 #include <mutex>
 
+#include "kesp/platform/Locks.h"
+
 namespace kesp {
 namespace {
 
-std::mutex mutex;
-OpenReader* first = nullptr;
+OpenReader* first = nullptr;  // guarded by g_openReadersLock
 
 }  // namespace
 
 void OpenReader::Enter(std::uint64_t device, std::uint64_t fileNumber) noexcept {
-  const std::lock_guard lock(mutex);
+  const std::lock_guard lock(g_openReadersLock);
   m_device = device;
   m_fileNumber = fileNumber;
   m_next = first;
@@ -21,15 +22,16 @@ void OpenReader::Enter(std::uint64_t device, std::uint64_t fileNumber) noexcept 
 }
 
 void OpenReader::Leave() noexcept {
+  // Looked at under the lock: a neighbour that enters or leaves changes it.
+  const std::lock_guard lock(g_openReadersLock);
   if (m_link == nullptr) return;
-  const std::lock_guard lock(mutex);
   *m_link = m_next;
   if (m_next != nullptr) m_next->m_link = m_link;
   m_link = nullptr;
 }
 
 bool OpenReader::Reads(std::uint64_t device, std::uint64_t fileNumber) noexcept {
-  const std::lock_guard lock(mutex);
+  const std::lock_guard lock(g_openReadersLock);
   for (const OpenReader* reader = first; reader != nullptr; reader = reader->m_next) {
     if (reader->m_device == device && reader->m_fileNumber == fileNumber) return true;
   }

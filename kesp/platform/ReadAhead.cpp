@@ -5,12 +5,16 @@
 
 #include <cerrno>
 #include <csignal>
+#include <new>
+#include <thread>
 
 #include "kesp/platform/ObjectPool.h"
 #include "kesp/platform/SystemCalls.h"
 
 namespace kesp {
 namespace {
+
+std::atomic<bool> g_allowed{true};
 
 // No signal of the host's is handled in a thread that the host does not know.
 class SignalsBlocked {
@@ -46,7 +50,10 @@ void WaitWhile(const std::atomic<std::size_t>& number, MustWait mustWait) noexce
 
 }  // namespace
 
-bool ReadAhead::HasProcessor() noexcept {
+void ReadAhead::Allow(bool allowed) noexcept { g_allowed = allowed; }
+
+bool ReadAhead::IsWorthwhile() noexcept {
+  if (!g_allowed) return false;
   cpu_set_t mine;
   if (::sched_getaffinity(0, sizeof mine, &mine) != 0) return true;  // more processors than the set has room for
   return CPU_COUNT(&mine) > 1;
@@ -61,18 +68,20 @@ ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool
       m_memory(kBlocks * (roomInFront + kBlockSize)) {
   if (!m_memory) throw std::bad_alloc();
   const SignalsBlocked blocked;
-  m_thread = std::thread([this] { Run(); });
+  if (::pthread_create(&m_thread, nullptr, RunThread, this) != 0) throw std::bad_alloc();
 }
 
 ReadAhead::~ReadAhead() {
-  if (::getpid() != m_process) {
-    m_thread.detach();
-    return;
-  }
+  if (::getpid() != m_process) return;  // a forked child, where the number of the thread may be another's
   m_stop = true;
   m_given += kBlocks;  // makes room, for one who waits for it
   m_given.notify_one();
-  m_thread.join();
+  ::pthread_join(m_thread, nullptr);
+}
+
+void* ReadAhead::RunThread(void* self) {
+  static_cast<ReadAhead*>(self)->Run();
+  return nullptr;
 }
 
 // The next block that nobody reads yet, if there is room for one.

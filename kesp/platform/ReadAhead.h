@@ -8,10 +8,13 @@
 // then answers none, and whoever wants more reads on for himself, and meets the end or the failure.
 //
 // A child that the process forks meanwhile has no such thread: there it ends at once, and the child reads for itself.
+// No signal of the host's is handled in the thread. A host that wants no thread of the library's switches it off.
 //
 // Ownership: borrows the descriptor, which must stay open as long as the object lives. A block is valid until the one
-// behind the next is taken. Errors: std::bad_alloc and std::system_error from the constructor. Not installed.
+// behind the next is taken. Errors: std::bad_alloc from the constructor, without the memory or without a thread. Not
+// installed.
 #pragma once
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <array>
@@ -20,7 +23,6 @@
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <thread>
 
 #include "kesp/platform/AlignedBytes.h"
 
@@ -28,8 +30,10 @@ namespace kesp {
 
 class ReadAhead {
  public:
-  // Whether this thread and another can run at the same time. Two that take turns are slower than one.
-  static bool HasProcessor() noexcept;
+  // Whether there may be such a thread at all, for the whole process. Any thread may say so.
+  static void Allow(bool allowed) noexcept;
+  // Whether there may be one, and it and this thread can run at the same time. Two that take turns are slower than one.
+  static bool IsWorthwhile() noexcept;
   // In front of each block there are `roomInFront` bytes for what is left of the one before.
   ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept);
   ~ReadAhead();
@@ -48,6 +52,7 @@ class ReadAhead {
   // The block given last is being looked at, and the rest of the one before is being moved in front of it.
   static constexpr std::size_t kMostAhead = kBlocks - 2;
 
+  static void* RunThread(void* self);
   void Run();
   std::optional<std::size_t> Claim() noexcept;
   std::size_t ReadBlock(std::size_t number) noexcept;
@@ -80,7 +85,7 @@ class ReadAhead {
   std::atomic<bool> m_stop{false};
   bool m_ended = false;  // the taker has had the last block
 
-  std::thread m_thread;  // last: it uses all the others
+  pthread_t m_thread{};
 };
 
 }  // namespace kesp

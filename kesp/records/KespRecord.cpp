@@ -11,12 +11,44 @@ std::uint32_t Low32(unsigned long value) { return static_cast<std::uint32_t>(val
 
 }  // namespace
 
-// NOLINTNEXTLINE(cert-dcl54-cpp,misc-new-delete-overloads): the sized delete belongs to it
+// NOLINTBEGIN(cert-dcl54-cpp,misc-new-delete-overloads): see the header
 void* CKespRecord::operator new(std::size_t size) { return kesp::PoolAllocate(size); }
+
+void* CKespRecord::operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  try {
+    return kesp::PoolAllocate(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+void* CKespRecord::operator new(std::size_t size, std::align_val_t alignment) {
+  void* const record = operator new(size, alignment, std::nothrow);
+  if (record == nullptr) throw CMemoryException();
+  return record;
+}
+
+void* CKespRecord::operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t& tag) noexcept {
+  return ::operator new(size, alignment, tag);
+}
 
 void CKespRecord::operator delete(void* record, std::size_t size) noexcept {
   if (record != nullptr) kesp::PoolFree(record, size);
 }
+
+void CKespRecord::operator delete(void* record, std::size_t /*size*/, std::align_val_t alignment) noexcept {
+  ::operator delete(record, alignment);
+}
+
+// Called when a constructor raises, without the size.
+void CKespRecord::operator delete(void* record, const std::nothrow_t& /*tag*/) noexcept {
+  if (record != nullptr) kesp::PoolFreeUnsized(record);
+}
+
+void CKespRecord::operator delete(void* record, std::align_val_t alignment, const std::nothrow_t& /*tag*/) noexcept {
+  ::operator delete(record, alignment);
+}
+// NOLINTEND(cert-dcl54-cpp,misc-new-delete-overloads)
 
 bool CKespRecord::IsSameKespRecord(CKespRecord* /*other*/) { return false; }
 

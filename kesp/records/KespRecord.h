@@ -6,11 +6,13 @@
 //
 // Ownership: who receives a record from the container owns it and deletes it through the virtual destructor. The
 // `file` of Read and Write stays the caller's.
-// Errors: Read answers false and leaves its reason in m_error, or leaves 0 there when the class refuses the version
-// or the file object failed; Write answers false. Neither raises, except the version-1 body of a feature.
+// Errors: Read returns false and leaves its reason in m_error, or leaves 0 there when the class refuses the version
+//   or the file object failed; Write returns false. The version-1 body of a feature raises CFileException instead, and
+//   without memory for a text or a buffer both raise a std::bad_alloc, except that a tag's Read returns false.
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <new>
 
 #include "kesp/platform/Export.h"
 #include "kesp/records/KespError.h"
@@ -56,11 +58,21 @@ class KESP_EXPORT CKespRecord {
   CKespRecord& operator=(const CKespRecord& other) noexcept = default;
   virtual ~CKespRecord() = default;
 
-  // Records come out of a pool of the library's; plain new and delete go on working for every class derived from this.
-  static void* operator new(std::size_t size);  // NOLINT(cert-dcl54-cpp,misc-new-delete-overloads): the sized delete
+  // Records come out of a pool of the library's. Plain new and delete go on working for classes that hosts derive,
+  // those aligned to more than 16 bytes too, and so does new (std::nothrow). Without memory new raises
+  // CMemoryException, which is a std::bad_alloc. NOLINTBEGIN(cert-dcl54-cpp,misc-new-delete-overloads): the sized
+  // delete belongs to the plain new
+  static void* operator new(std::size_t size);
+  static void* operator new(std::size_t size, const std::nothrow_t& tag) noexcept;
+  static void* operator new(std::size_t size, std::align_val_t alignment);
+  static void* operator new(std::size_t size, std::align_val_t alignment, const std::nothrow_t& tag) noexcept;
   static void* operator new(std::size_t /*size*/, void* place) noexcept { return place; }
   static void operator delete(void* record, std::size_t size) noexcept;
+  static void operator delete(void* record, std::size_t size, std::align_val_t alignment) noexcept;
+  static void operator delete(void* record, const std::nothrow_t& tag) noexcept;
+  static void operator delete(void* record, std::align_val_t alignment, const std::nothrow_t& tag) noexcept;
   static void operator delete(void* /*record*/, void* /*place*/) noexcept {}
+  // NOLINTEND(cert-dcl54-cpp,misc-new-delete-overloads)
 
   // Body length in bytes that Write produces for a record version; 0 stands for the record's own, here and below.
   virtual unsigned long GetLength(unsigned short version) = 0;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdlib>
+#include <iterator>
 #include <random>
 #include <thread>
 #include <vector>
@@ -14,15 +16,16 @@ namespace {
 
 TEST(ObjectPool, UsesAgainWhatWasFreed) {
   constexpr std::size_t kSize = 200, kCount = 50'000;  // of several regions
+  constexpr std::int64_t kRun = 64 << 10;              // at most as much more is in the thread's stock
   std::vector<void*> blocks(kCount);
   std::int64_t most = 0;
   for (int times = 0; times < 10; ++times) {
     for (void*& block : blocks) block = PoolAllocate(kSize);
     if (times == 0) most = PoolBytesTaken();
-    EXPECT_EQ(PoolBytesTaken(), most) << times;
+    EXPECT_LE(std::abs(PoolBytesTaken() - most), kRun) << times;
     for (std::size_t i = 0; i < kCount; i += 2) PoolFree(blocks[i], kSize);
     for (std::size_t i = 0; i < kCount; i += 2) blocks[i] = PoolAllocate(kSize);
-    EXPECT_EQ(PoolBytesTaken(), most) << times;
+    EXPECT_LE(std::abs(PoolBytesTaken() - most), kRun) << times;
     for (void* const block : blocks) PoolFree(block, kSize);
     EXPECT_LE(PoolBytesTaken(), most / 2);
   }
@@ -50,14 +53,23 @@ TEST(ObjectPool, ThreadsShareBlocksAndLeaveNoneBehind) {
   for (std::thread& thread : threads) thread.join();
   for (auto& place : places) check(place);
 
-  void* const own = PoolAllocate(900);
-  void* first = nullptr;
-  std::thread([&] { PoolFree(first = PoolAllocate(1000), 1000); }).join();
-  void* const second = PoolAllocate(1000);
+  // What a thread had in stock is there again when it has ended.
+  constexpr std::size_t kAll = 200;
+  std::vector<void*> first(kAll), second(kAll);
+  const auto take = [](std::vector<void*>& blocks) {
+    for (void*& block : blocks) block = PoolAllocate(1000);
+  };
+  const auto free = [](std::vector<void*>& blocks) {
+    for (void* const block : blocks) PoolFree(block, 1000);
+  };
+  std::thread([&] { take(first), free(first); }).join();
+  take(second);
+  std::sort(first.begin(), first.end()), std::sort(second.begin(), second.end());
+  std::vector<void*> both;
+  std::set_intersection(first.begin(), first.end(), second.begin(), second.end(), std::back_inserter(both));
   const bool pooled = PoolBytesTaken() != 0;
-  EXPECT_TRUE(second == first || !pooled) << "what a thread kept is there again when it has ended";
-  PoolFree(second, 1000);
-  PoolFree(own, 900);
+  EXPECT_TRUE(both.size() >= kAll - 64 || !pooled) << both.size();
+  free(second);
 }
 
 }  // namespace

@@ -14,6 +14,27 @@ struct Filter : CKespNote {
   using CKespRecord::RestoreHistoricalFlags;
 };
 
+TEST(Allocation, DoesWhatTheLanguagePromises) {
+  struct alignas(64) Aligned : CKespNote {};
+  struct Refusing : CKespPoint {
+    Refusing() { throw CInvalidArgException(); }
+    double more[4] = {};
+  };
+  for (int times = 0; times < 8; ++times) {
+    const std::unique_ptr<CKespNote> plain(new CKespNote), careful(new (std::nothrow) CKespNote);
+    const std::unique_ptr<Aligned> aligned(new Aligned), both(new (std::nothrow) Aligned);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(aligned.get()) % 64, 0u);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(both.get()) % 64, 0u);
+    EXPECT_NE(careful, nullptr);
+    EXPECT_THROW((void)new (std::nothrow) Refusing, CException);  // and gives the memory back
+  }
+  // Each is an exception of the library's and of the language's, exactly once.
+  EXPECT_THROW(throw CMemoryException(), std::bad_alloc);
+  EXPECT_THROW(throw CMemoryException(), CException);
+  EXPECT_THROW(throw CInvalidArgException(), std::exception);
+  EXPECT_THROW(throw CFileException(2, "x"), std::exception);
+}
+
 TEST(Flags, AreReducedInOrder) {
   const struct {
     std::uint32_t flags, filtered;

@@ -1,0 +1,30 @@
+#include "kesp/platform/Locks.h"
+
+#include <pthread.h>
+
+namespace kesp {
+
+constinit std::mutex g_openReadersLock;
+constinit std::mutex g_poolLock;
+constinit std::mutex g_regionsLock;
+
+namespace {
+
+void LockAll() {
+  g_openReadersLock.lock();
+  g_poolLock.lock();
+  g_regionsLock.lock();
+}
+
+void UnlockAll() {
+  g_regionsLock.unlock();
+  g_poolLock.unlock();
+  g_openReadersLock.unlock();
+}
+
+// When the library is loaded, before any of its threads can hold one. Without the memory for it forking is as safe as
+// it is with any library that has locks.
+[[maybe_unused]] const int g_registered = ::pthread_atfork(LockAll, UnlockAll, UnlockAll);
+
+}  // namespace
+}  // namespace kesp

@@ -1,0 +1,78 @@
+// Several threads, each with data sets of its own. Meant for the thread sanitizer (the preset `tsan`).
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "tests/dataset/DataSet.h"
+
+using namespace kesp::test;
+
+namespace {
+
+template <class Work>
+void InThreads(unsigned count, Work work) {
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < count; ++i) threads.emplace_back(work, i);
+  for (std::thread& thread : threads) thread.join();
+}
+
+TEST(Threads, EachHaveDataSetsOfTheirOwn) {
+  constexpr std::uint32_t kPoints = 40'000;  // more than 4 MiB: read ahead by yet another thread
+  const TempDir dir;
+  ByteVector survey = Survey({Header2{}, Feature(7), Attribute(7, "Girth", "a text of more than eleven")});
+  for (std::uint32_t i = 1; i <= kPoints; ++i) Append(survey, Point(7, i, {.text = "a text of 19 units."}));
+  Append(survey, End(7));
+  WriteFile(dir / "shared.kesp", survey);
+  std::vector<std::unique_ptr<CKespFile>> kept(4);  // read by one thread, let go by another
+  InThreads(4, [&](unsigned i) {
+    CString message;
+    for (int times = 0; times < 3; ++times) {
+      auto file = std::make_unique<CKespFile>();
+      EXPECT_EQ(file->OpenKespReadOnly(Text(dir / "shared.kesp"), message), ERR_NONE);
+      EXPECT_EQ(file->ReadKespFile(false), ERR_NONE);
+      EXPECT_EQ(file->m_numPoints, kPoints);
+      int count = 0;
+      ErrorEnum error = ERR_NONE;
+      CKespFeature** const oaks = file->GetFeaturesWhereName(LOGIC_EQUAL, "oak", count, error);
+      EXPECT_EQ(Names(oaks, count), "F7");
+      const CString own = Text(dir / ("own" + std::to_string(i)));
+      CKespFile written;
+      CKespNote note;
+      note.NoteText = u"written by a thread of its own";
+      written.AddNoteToWriteQueue(&note);
+      std::filesystem::remove(own.ToUtf8());
+      EXPECT_EQ(written.WriteNewKespFileFromQueue(own), ERR_NONE);
+      EXPECT_EQ(written.CloseKesp(), ERR_NONE);
+      kept[i] = std::move(file);
+    }
+  });
+  InThreads(4, [&](unsigned i) { kept[(i + 1) % 4].reset(); });
+}
+
+TEST(Threads, OpenAndCloseReadersSideBySide) {
+  const TempDir dir;
+  WriteFile(dir / "a.kesp", FileHeader());
+  InThreads(4, [&](unsigned) {
+    for (int times = 0; times < 500; ++times) {
+      CKespDataFile file;
+      EXPECT_TRUE(file.OpenReadOnly(Text(dir / "a.kesp")));
+      EXPECT_FALSE(CKespDataFile().Create(Text(dir / "a.kesp"))) << "while this process reads it";
+    }
+  });
+}
+
+// A record of the host's whose destructor waits for a thread that makes records itself: no lock is held meanwhile.
+TEST(Threads, AreNotWaitedForUnderALock) {
+  struct Waiting : CKespTavoHeader {
+    ~Waiting() override {
+      auto made = std::async(std::launch::async, [] {
+        for (int i = 0; i < 10'000; ++i) std::make_unique<CKespPoint>()->PointText = "a text of 19 units.";
+      });
+      EXPECT_EQ(made.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    }
+  };
+  CKespFile file;
+  file.AddTavoHeaderToWriteQueue(new Waiting);
+}
+
+}  // namespace
