@@ -3,13 +3,16 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <limits>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "kesp/platform/ReadAhead.h"
 #include "kesp/platform/SystemCalls.h"
@@ -45,11 +48,6 @@ int LockOperation(unsigned openFlags, bool writable) {
   return writable ? LOCK_SH : 0;
 }
 
-// Also true when no lock is wanted; errno has the reason otherwise.
-bool TakeLock(int fd, int operation) {
-  return operation == 0 || Uninterrupted([&] { return kesp::System().Lock(fd, operation | LOCK_NB); }) == 0;
-}
-
 // False when somebody reads the file, or the system refuses; errno has the reason.
 bool EmptyFile(int fd, const struct stat& info) {
   if (!kesp::OpenReader::Reads(info.st_dev, info.st_ino)) return TruncateRetrying(fd, 0) == 0;
@@ -63,12 +61,22 @@ CFile::CFile() noexcept = default;
 
 CFile::CFile(const CString& path, unsigned openFlags) {
   CFileException error(CFileException::none, path);
-  if (!Open(path, openFlags, &error)) throw CFileException(error);
+  if (!Open(path, openFlags, &error)) throw CFileException(std::move(error));
 }
 
 CFile::~CFile() { Abort(); }
 
 bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error) {
+  try {
+    return TryOpen(path, openFlags, error);
+  } catch (const std::bad_alloc&) {
+    Abort();
+    if (error != nullptr) *error = CFileException(ENOMEM, path);
+    return false;
+  }
+}
+
+bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* error) {
   // Which may be this object's own, and that is emptied next.
   const CString wanted = path;  // NOLINT(performance-unnecessary-copy-initialization)
   Abort();
@@ -108,7 +116,7 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
   if (!S_ISREG(info.st_mode)) {
     return fail(CFileException(CFileException::invalidFile, S_ISDIR(info.st_mode) ? EISDIR : EINVAL, wanted));
   }
-  if (!TakeLock(m_fd, LockOperation(openFlags, writable))) return fail(CFileException(errno, wanted));
+  if (!TakeLock(LockOperation(openFlags, writable))) return fail(CFileException(errno, wanted));
   m_length = static_cast<std::uint64_t>(info.st_size);
   if (create && !created) {
     if (!EmptyFile(m_fd, info)) return fail(CFileException(errno, wanted));
@@ -119,10 +127,21 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
     return fail(CFileException(errno, wanted));
   }
   m_path = wanted;
+  m_identity = {info.st_dev, info.st_ino};
   m_writable = writable;
-  m_directoryUnsynced = created;
+  m_directoryUnsynced = create;  // also where it was there, or a link led to where it was not
   if (!writable) m_reader.Enter(info.st_dev, info.st_ino);
   return true;
+}
+
+// Also true when no lock is wanted, or the file system has none; errno has the reason otherwise.
+bool CFile::TakeLock(int operation) {
+  if (operation == 0) return true;
+  if (Uninterrupted([&] { return kesp::System().Lock(m_fd, operation | LOCK_NB); }) == 0) {
+    m_lockedBy = ::getpid();
+    return true;
+  }
+  return errno == ENOLCK || errno == EOPNOTSUPP;
 }
 
 void CFile::Close() {
@@ -134,22 +153,33 @@ void CFile::Close() {
     throw;
   }
   EndReadAhead();
-  const int fd = m_fd;
-  const CString path = m_path;
+  CString path = std::move(m_path);
+  const int reason = CloseDescriptor();
   Reset();
-  // Not tried again when interrupted: the descriptor is gone all the same.
-  if (kesp::System().Close(fd) != 0 && errno != EINTR) throw CFileException(errno, path);
+  if (reason != 0) throw CFileException(reason, path);
 }
 
 void CFile::Abort() noexcept {
   EndReadAhead();
-  if (m_fd >= 0) kesp::System().Close(m_fd);
+  (void)CloseDescriptor();
   Reset();
+}
+
+// Returns the system's error number, 0 for none.
+int CFile::CloseDescriptor() noexcept {
+  if (m_fd < 0) return 0;
+  // A child between fork and exec still has the descriptor, and with it the lock, unless that is given up first. In the
+  // child itself the lock is the parent's.
+  if (m_lockedBy != 0 && m_lockedBy == ::getpid()) (void)kesp::System().Lock(m_fd, LOCK_UN);
+  // Not tried again when interrupted: the descriptor is gone all the same.
+  return kesp::System().Close(m_fd) != 0 && errno != EINTR ? errno : 0;
 }
 
 void CFile::Reset() noexcept {
   m_reader.Leave();
+  m_identity = {};
   m_fd = -1;
+  m_lockedBy = 0;
   m_lastSystemError = 0;
   m_writable = m_gathering = m_syncFailed = m_directoryUnsynced = false;
   m_path.Empty();
@@ -222,6 +252,13 @@ void CFile::FillBuffer(std::size_t count) {
   m_nextRead = follows ? std::min(2 * m_nextRead, kBufferSize) : kFirstRead;
   const std::size_t most = std::min(kBufferSize - kept, std::max(m_nextRead, count - kept));
   m_bufferSize += ReadSystem(m_data + kept, count - kept, most, m_position + kept);
+}
+
+void CFile::ReadAgain() {
+  if (m_fd < 0 || m_writable) return;
+  EndReadAhead();
+  m_bufferSize = 0;
+  (void)GetLength();
 }
 
 void CFile::ReadAhead(bool objectsAreKept) noexcept {
@@ -424,9 +461,12 @@ void CFile::Flush() {
 // that of a directory, and some directories may not be opened or stand elsewhere by now: nothing is known to be lost
 // then. When there is no descriptor or memory for it now, the next flush tries again.
 void CFile::SyncDirectory() {
-  const std::string name = m_path.ToPathBytes();
-  const std::size_t slash = name.rfind('/');
-  const std::string directory = slash == std::string::npos ? "." : name.substr(0, slash + 1);
+  std::string directory;
+  try {
+    directory = DirectoryOfFile();
+  } catch (const std::bad_alloc&) {
+    Raise(ENOMEM);
+  }
   const int fd = OpenRetrying(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0 && errno != EACCES && errno != EPERM && errno != ENOENT && errno != ENOTDIR) Raise(errno);
   m_directoryUnsynced = false;
@@ -440,19 +480,30 @@ void CFile::SyncDirectory() {
   }
 }
 
+// Where the file is now, whatever the process's working directory has become and whatever links its path goes through.
+// Where the system doesn't say, what the path says.
+std::string CFile::DirectoryOfFile() const {
+  std::string place(PATH_MAX, '\0');
+  const std::string self = "/proc/self/fd/" + std::to_string(m_fd);
+  const ssize_t size = Uninterrupted([&] { return kesp::System().ReadLink(self.c_str(), place.data(), place.size()); });
+  const bool isKnown = size > 0 && static_cast<std::size_t>(size) < place.size() && place.front() == '/';
+  const std::string name = isKnown ? place.substr(0, static_cast<std::size_t>(size)) : m_path.ToPathBytes();
+  const std::size_t slash = name.rfind('/');
+  return slash == std::string::npos ? "." : name.substr(0, slash + 1);
+}
+
 void CFile::TouchModified() noexcept {
   if (m_fd >= 0 && m_writable) Uninterrupted([this] { return kesp::System().TouchModified(m_fd); });
 }
 
 bool CFile::IsSameFile(const CString& path) const {
   if (m_fd < 0) return false;
-  struct stat mine {};
   struct stat other {};
   const std::string name = path.ToPathBytes();
   if (Uninterrupted([&] { return kesp::System().Stat(name.c_str(), &other); }) != 0) {
     return errno != ENOENT && errno != ENOTDIR;
   }
-  return StatRetrying(m_fd, mine) != 0 || (mine.st_dev == other.st_dev && mine.st_ino == other.st_ino);
+  return m_identity == kesp::FileIdentity{other.st_dev, other.st_ino};
 }
 
 void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
@@ -487,6 +538,8 @@ void CFile::Remove(const CString& path) {
   const std::string name = path.ToPathBytes();
   if (Uninterrupted([&] { return kesp::System().Unlink(name.c_str()); }) != 0) throw CFileException(errno, path);
 }
+
+void CFile::NoteOutOfMemory() noexcept { m_lastSystemError = ENOMEM; }
 
 void CFile::Raise(int osError) {
   m_lastSystemError = osError;

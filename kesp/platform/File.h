@@ -11,17 +11,23 @@
 // process appended meanwhile is found.
 //
 // Sharing is kept by an advisory lock on the whole file, taken when it is opened and before anything is truncated; it
-// ends with Close or with the process. Plain readers are never in the way, but for one thing: a file that an object of
-// this process reads is not emptied. An object is used by one thread at a time.
+// ends with Close or with the process. A child that the process forks has no part in it: what the child closes stays
+// locked, and what the parent closes is free although the child still has the descriptor. A file system that has no
+// such locks (ENOLCK, EOPNOTSUPP) is used without. Plain readers are never in the way, but for one thing: a file that
+// an object of this process reads is not emptied. An object is used by one thread at a time.
 //
-// Errors: CFileException, except where an operation says otherwise. The position then is where the failure came.
+// Errors: CFileException, and CMemoryException or another std::bad_alloc without the memory for a buffer, except where
+// an operation says otherwise. The position then is where the failure came.
 // A failed sync is final: what the system lost at that moment a later Flush can't bring back, so every later Write and
 // Flush raises hardIO until the file is opened anew. Only a directory that could not be opened is tried again.
 #pragma once
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "kesp/platform/AlignedBytes.h"
@@ -32,7 +38,14 @@
 
 namespace kesp {
 class ReadAhead;
-}
+
+// Tells a file from every other of the machine, by whatever name it is opened, as long as it exists.
+struct FileIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t fileNumber = 0;
+  friend bool operator==(const FileIdentity&, const FileIdentity&) noexcept = default;
+};
+}  // namespace kesp
 
 class KESP_EXPORT CFile {
  public:
@@ -56,8 +69,8 @@ class KESP_EXPORT CFile {
   CFile(const CFile&) = delete;
   CFile& operator=(const CFile&) = delete;
 
-  // Answers false when the file can't be opened, is not a regular file, or is held by somebody who denies it; `error`
-  // then receives the reason. An object that is open already is closed first. Raises nothing.
+  // False when the file can't be opened, is not a regular file, or is held by somebody who denies it; `error` then
+  // receives the reason (ENOMEM without memory). An object that is open already is closed first. Raises nothing.
   bool Open(const CString& path, unsigned openFlags, CFileException* error = nullptr);
   bool IsOpen() const noexcept { return m_fd >= 0; }
   bool IsWritable() const noexcept { return m_writable; }
@@ -93,6 +106,9 @@ class KESP_EXPORT CFile {
     return there ? m_data + offset : nullptr;
   }
   void Skip(std::size_t count) noexcept { m_position += count; }
+  // On a file that is open for reading: what was read before is read again, since somebody else may have written to
+  // the file. One that is open for writing is nobody else's to write.
+  void ReadAgain();
   // Writes all of it or raises. Past the end, the gap reads as zeros.
   void Write(const void* from, std::size_t count);
 
@@ -112,6 +128,7 @@ class KESP_EXPORT CFile {
   // The length as last seen, without asking the system.
   std::uint64_t KnownLength() const noexcept { return m_length; }
   const CString& GetFilePath() const noexcept { return m_path; }
+  kesp::FileIdentity Identity() const noexcept { return m_identity; }  // zeros on a closed object
 
   // On the disk, with all that is needed to find it again: returns when the device has it. Nothing on a file that is
   // open for reading.
@@ -127,6 +144,8 @@ class KESP_EXPORT CFile {
   // The system's error number of the last failure since the file was opened or failures were forgotten, also where a
   // record swallowed the exception; 0 without one.
   int LastSystemError() const noexcept { return m_lastSystemError; }
+  // For a record that swallows an exception: memory ran out (ENOMEM).
+  void NoteOutOfMemory() noexcept;
   void ForgetSystemError() noexcept { m_lastSystemError = 0; }
   // Deletes a file by its path.
   static void Remove(const CString& path);
@@ -149,6 +168,9 @@ class KESP_EXPORT CFile {
   static constexpr std::size_t kBufferSize = 1024 * 1024;
   static constexpr std::size_t kFirstRead = 4 * 1024;  // what a read somewhere new asks for; doubled while it goes on
 
+  bool TryOpen(const CString& path, unsigned openFlags, CFileException* error);
+  bool TakeLock(int operation);
+  int CloseDescriptor() noexcept;
   [[noreturn]] void Raise(int osError);
   void RequireOpen() const;
   void CommitGathered();
@@ -161,15 +183,18 @@ class KESP_EXPORT CFile {
   bool TakeAhead(std::size_t count);
   void UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept;
   void SyncDirectory();
+  std::string DirectoryOfFile() const;
   void Reset() noexcept;
 
   int m_fd = -1;
+  pid_t m_lockedBy = 0;  // the process that took the lock; 0 without one
   bool m_writable = false;
   bool m_gathering = false;
   bool m_syncFailed = false;
   int m_lastSystemError = 0;
   kesp::OpenReader m_reader;
-  bool m_directoryUnsynced = false;  // the file was created and its directory not yet told to keep it
+  kesp::FileIdentity m_identity;
+  bool m_directoryUnsynced = false;  // the file may be new, and its directory was not yet told to keep it
   CString m_path;
   std::uint64_t m_position = 0;
   std::uint64_t m_length = 0;  // as last seen

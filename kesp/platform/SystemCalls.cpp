@@ -39,6 +39,7 @@ int SystemCalls::TouchModified(int fd) {
   return ::futimens(fd, times);
 }
 int SystemCalls::Unlink(const char* path) { return ::unlink(path); }
+ssize_t SystemCalls::ReadLink(const char* path, char* to, std::size_t size) { return ::readlink(path, to, size); }
 void SystemCalls::SleepMs(unsigned milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }

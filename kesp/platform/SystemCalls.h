@@ -32,6 +32,7 @@ class SystemCalls {
   virtual int FullSync(int fd);       // for directories
   virtual int TouchModified(int fd);  // the modification time becomes now, the access time stays
   virtual int Unlink(const char* path);
+  virtual ssize_t ReadLink(const char* path, char* to, std::size_t size);
   virtual void SleepMs(unsigned milliseconds);
   // Whether the device lost power since it was last asked. No system says so: always false.
   virtual bool PowerEventHappened() { return false; }

@@ -1,5 +1,6 @@
 #include "kesp/platform/File.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -254,6 +255,72 @@ TEST(File, WhoDeniesWritingKeepsWritersOutAndReadersIn) {
     holder.Close();
     EXPECT_TRUE(second.Open(path, then, &error)) << "the lock ends with Close";
   }
+}
+
+TEST(File, TheLockIsTheProcessesThatTookIt) {
+  TempDir dir;
+  const auto path = Text(dir / "file");
+  WriteFile(dir / "file", Hex("'bytes'"));
+  CFile file(path, kWriter);
+  int wait[2];
+  ASSERT_EQ(::pipe(wait), 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    file.Close();  // the parent's all the same
+    ::_exit(CFile().Open(path, kWriter) ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(CFile().Open(path, kWriter));
+  const pid_t holder = ::fork();  // as between fork and exec: it has the descriptor
+  if (holder == 0) {
+    char byte = 0;
+    ::close(wait[1]);
+    ::_exit(::read(wait[0], &byte, 1) == 0 ? 0 : 1);
+  }
+  file.Close();
+  EXPECT_TRUE(CFile().Open(path, kWriter));
+  ::close(wait[0]), ::close(wait[1]);
+  ASSERT_EQ(::waitpid(holder, &status, 0), holder);
+}
+
+TEST(File, DoesWithoutALockWhereTheFileSystemHasNone) {
+  struct NoLocks : SystemCalls {
+    explicit NoLocks(int error) : reason(error) { SetSystemCalls(this); }
+    ~NoLocks() override { SetSystemCalls(nullptr); }
+    int Lock(int, int) override { return errno = reason, -1; }
+    const int reason;
+  };
+  TempDir dir;
+  for (const auto& [reason, opens] : {std::pair{ENOLCK, true}, {EOPNOTSUPP, true}, {EACCES, false}}) {
+    const NoLocks none(reason);
+    CFile file;
+    EXPECT_EQ(file.Open(Text(dir / "file"), kCreator), opens) << reason;
+  }
+}
+
+TEST(File, SyncsTheDirectoryThatItIsIn) {
+  struct Directories : SystemCalls {
+    Directories() { SetSystemCalls(this); }
+    ~Directories() override { SetSystemCalls(nullptr); }
+    int Open(const char* path, int flags, unsigned mode) override {
+      if ((flags & O_DIRECTORY) != 0) opened.push_back(std::filesystem::canonical(path));
+      return SystemCalls::Open(path, flags, mode);
+    }
+    std::vector<std::filesystem::path> opened;
+  } directories;
+  const auto before = std::filesystem::current_path();
+  TempDir dir;
+  const auto target = std::filesystem::canonical(dir / "");
+  std::filesystem::create_directory(dir / "links");
+  std::filesystem::create_symlink(target / "new", dir / "links" / "dangling");
+  std::filesystem::current_path(target);
+  CFile relative("file", kCreator), linked(Text(dir / "links" / "dangling"), kCreator);
+  std::filesystem::current_path(before);
+  relative.Flush();
+  linked.Flush();
+  EXPECT_EQ(directories.opened, (std::vector{target, target}));
 }
 
 TEST(File, TellsWhyAnOperationFailed) {

@@ -30,7 +30,7 @@ const struct {
               {"End", "lseek", "EI"}, {"Lock", "flock", "EI"}, {"Read", "read", "EIS"}, {"Write", "write", "EFIST"},
               {"CopyRange", "copy_file_range", "EFIST"}, {"Truncate", "truncate", "EFI"},
               {"DataSync", "fdatasync", "EFI"}, {"FullSync", "fsync", "EFI"}, {"TouchModified", "futimens", "EI"},
-              {"Unlink", "unlink", "EI"}, {"SleepMs", "", ""}, {"PowerEventHappened", "", ""}};
+              {"Unlink", "unlink", "EI"}, {"ReadLink", "readlink", "EI"}, {"SleepMs", "", ""}, {"PowerEventHappened", "", ""}};
 // clang-format on
 
 // One run of an operation, and what it was answered.

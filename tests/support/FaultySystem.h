@@ -73,6 +73,9 @@ class FaultySystem : public IdleDisk {
   int FullSync(int fd) override { return Fails("fsync", kRoom) ? -1 : IdleDisk::FullSync(fd); }
   int TouchModified(int fd) override { return Fails("futimens") ? -1 : SystemCalls::TouchModified(fd); }
   int Unlink(const char* path) override { return Fails("unlink") ? -1 : SystemCalls::Unlink(path); }
+  ssize_t ReadLink(const char* path, char* to, std::size_t size) override {
+    return Fails("readlink") ? -1 : SystemCalls::ReadLink(path, to, size);
+  }
   void SleepMs(unsigned milliseconds) override { sleptMs += milliseconds; }
   bool PowerEventHappened() override {
     const bool happened = !powerEvents.empty() && powerEvents.front() == '1';
