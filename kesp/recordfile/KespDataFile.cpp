@@ -41,24 +41,20 @@ bool CKespDataFile::OpenWith(const CString& path, unsigned openFlags) {
     m_error = KESP_ERROR_OPEN;
     return false;
   }
-  m_systemError = 0;
+  ForgetFailures();
   CFileException failure(CFileException::none, path);
   if (!m_file.Open(path, openFlags, &failure)) {
     NoteFailure(failure);
     m_error = KESP_ERROR_OPEN;
     return false;
   }
-  try {
-    if (ReadFileHeader()) {
-      m_tornFrom.reset();
-      m_path = path;
-      return true;
-    }
-  } catch (const CFileException& e) {
-    NoteFailure(e);
-  }
-  m_file.Abort();
-  return false;
+  const bool good = Guarded([&] {
+    if (!ReadFileHeader()) return false;
+    m_path = path;
+    return true;
+  });
+  if (!good) m_file.Abort();
+  return good;
 }
 
 bool CKespDataFile::ReadFileHeader() {
@@ -97,13 +93,13 @@ bool CKespDataFile::Create(const CString& path) { return CreateWith(path, CFile:
 
 bool CKespDataFile::CreateWith(const CString& path, unsigned openFlags) {
   if (IsOpen()) return false;
-  m_systemError = 0;
+  ForgetFailures();
   CFileException failure(CFileException::none, path);
   if (!m_file.Open(path, openFlags | CFile::modeReadWrite | CFile::shareDenyWrite, &failure)) {
     NoteFailure(failure);
     return false;
   }
-  try {
+  const bool good = Guarded([&] {
     std::array<std::byte, kesp::kFileHeaderSize> header;
     std::transform(kesp::kSignature.begin(), kesp::kSignature.end(), header.begin(),
                    [](char c) { return static_cast<std::byte>(c); });
@@ -114,13 +110,16 @@ bool CKespDataFile::CreateWith(const CString& path, unsigned openFlags) {
     m_file.Write(header.data(), header.size());
     m_firstRecordOffset = kesp::kHeaderLengthCountsFrom + kesp::kOwnHeaderLength;
     m_path = path;
-    m_tornFrom.reset();
     return true;
-  } catch (const CFileException& e) {
-    NoteFailure(e);
-    m_file.Abort();
-    return false;
-  }
+  });
+  if (!good) m_file.Abort();
+  return good;
+}
+
+void CKespDataFile::ForgetFailures() noexcept {
+  m_systemError = 0;
+  m_failedAppends = 0;
+  m_tornFrom.reset();
 }
 
 bool CKespDataFile::Close() {
@@ -140,17 +139,19 @@ bool CKespDataFile::Close() {
 }
 
 bool CKespDataFile::Seek(unsigned long position) {
-  if (!IsOpen()) return false;
-  try {
-    m_file.Seek(static_cast<std::uint32_t>(position), CFile::begin);
-    return true;
-  } catch (const CFileException& e) {
-    NoteFailure(e);
-    return false;
-  }
+  return IsOpen() && Guarded([&] {
+           m_file.Seek(static_cast<std::uint32_t>(position), CFile::begin);
+           return true;
+         });
 }
 
-bool CKespDataFile::SeekToFirstRecord() { return Seek(m_firstRecordOffset); }
+bool CKespDataFile::SeekToFirstRecord() {
+  return IsOpen() && Guarded([this] {
+           m_file.ReadAgain();
+           m_file.Seek(m_firstRecordOffset, CFile::begin);
+           return true;
+         });
+}
 
 unsigned long CKespDataFile::GetLength() {
   if (!IsOpen()) return kNoPosition;
@@ -191,6 +192,7 @@ void CKespDataFile::UpdateLastModifiedStatus() noexcept { m_file.TouchModified()
 
 bool CKespDataFile::DidPowerEventHappen() { return kesp::System().PowerEventHappened(); }
 
-void CKespDataFile::NoteFailure(const CFileException& failure) noexcept {
-  if (m_systemError == 0) m_systemError = failure.m_lOsError;
+void CKespDataFile::NoteError(int osError) noexcept {
+  ++m_failures;
+  if (m_systemError == 0) m_systemError = osError;
 }

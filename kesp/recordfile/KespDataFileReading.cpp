@@ -1,6 +1,8 @@
 // The walk over the records of an open file, and the factory that turns record types into objects.
+#include <cerrno>
 #include <memory>
 
+#include "kesp/platform/ReadAhead.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RecordHeader.h"
 #include "kesp/records/KespAttribute.h"
@@ -68,7 +70,9 @@ void CKespDataFile::ReadAhead(bool recordsAreKept) noexcept {
   if (IsOpen() && m_file.KnownLength() >= m_file.GetPosition() + kWorthIt) m_file.ReadAhead(recordsAreKept);
 }
 
-// Fills `header` as far as the file goes; the rest of it stays 0.
+void CKespDataFile::AllowReadAhead(bool allowed) noexcept { kesp::ReadAhead::Allow(allowed); }
+
+// Fills `header` as far as the file goes; the rest of it stays 0. Raises when memory runs out.
 bool CKespDataFile::ReadHeader(kesp::RecordHeader& header) {
   const auto fail = [this](KESP_ERROR_TYPE error) {
     m_error = error;
@@ -104,7 +108,7 @@ bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short&
   m_error = KESP_ERROR_NONE;
   if (!IsOpen()) return false;
   kesp::RecordHeader header;
-  const bool good = ReadHeader(header);
+  const bool good = Guarded([&] { return ReadHeader(header); });
   type = static_cast<KESP_RECORD_TYPE>(header.type);
   version = header.version;
   flags = header.flags;
@@ -127,20 +131,40 @@ bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short&
 }
 
 CKespRecord* CKespDataFile::ReadNextRecord(std::uint32_t& position, bool skipDeleted) {
-  m_error = KESP_ERROR_NONE;
-  if (CKespPoint* const point = TakePlainPoint()) {
-    position = point->m_filePosition;
-    return point;
-  }
-  return ReadAnyRecord(position, skipDeleted);
+  std::uint64_t wide = position;
+  // Handed out also when the read raises.
+  struct HandOut {
+    std::uint32_t& to;
+    const std::uint64_t& from;
+    ~HandOut() { to = static_cast<std::uint32_t>(from); }
+  } const handOut{position, wide};
+  return ReadNext(wide, skipDeleted);
 }
 
-CKespRecord* CKespDataFile::ReadAnyRecord(std::uint32_t& position, bool skipDeleted) {
+CKespRecord* CKespDataFile::ReadNext(std::uint64_t& position, bool skipDeleted) {
+  m_error = KESP_ERROR_NONE;
+  m_ranOutOfMemory = false;
   if (!IsOpen()) return nullptr;
+  try {
+    const std::uint64_t start = m_file.GetPosition();
+    if (CKespPoint* const point = TakePlainPoint()) {
+      position = start;
+      return point;
+    }
+    return ReadAnyRecord(position, skipDeleted);
+  } catch (const std::bad_alloc&) {
+    m_error = KESP_ERROR_NONE;
+    m_ranOutOfMemory = true;
+    NoteError(ENOMEM);
+    return nullptr;
+  }
+}
+
+CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDeleted) {
   std::unique_ptr<CKespRecord> record;
   try {
     while (!record && m_error == KESP_ERROR_NONE) {
-      position = static_cast<std::uint32_t>(m_file.GetPosition());
+      position = m_file.GetPosition();
       // A header that the system fails to give leaves no code and ends the walk all the same.
       kesp::RecordHeader header;
       if (!ReadHeader(header)) return nullptr;
@@ -165,7 +189,7 @@ CKespRecord* CKespDataFile::ReadAnyRecord(std::uint32_t& position, bool skipDele
         record->m_recordType = type;
         record->m_recordVersion = header.version;
         record->SetSourceFlag(header.flags);
-        record->m_filePosition = position;
+        record->m_filePosition = static_cast<std::uint32_t>(position);
       }
     }
   } catch (const CFileException& e) {
@@ -178,7 +202,8 @@ CKespRecord* CKespDataFile::ReadAnyRecord(std::uint32_t& position, bool skipDele
   if (record->Read(m_file)) return record.release();
   m_error = record->GetError();
   // A record keeps the exception to itself.
-  if (m_systemError == 0) m_systemError = m_file.LastSystemError();
+  m_ranOutOfMemory = m_file.LastSystemError() == ENOMEM;
+  if (m_file.LastSystemError() != 0) NoteError(m_file.LastSystemError());
   return nullptr;
 }
 

@@ -1,9 +1,12 @@
 // Putting records into an open file: appending, overwriting, updating and marking deleted.
+#include <cerrno>
 #include <memory>
 
 #include "kesp/platform/SystemCalls.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RecordHeader.h"
+#include "kesp/recordfile/StoredBody.h"
+#include "kesp/records/KespTag.h"
 
 namespace {
 
@@ -47,79 +50,106 @@ void CKespDataFile::TakeBackTornRecord() {
   m_tornFrom.reset();
 }
 
+// A refusal of the record's is noted as a failure, so that nobody takes the record for written.
+bool CKespDataFile::WriteBody(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion) {
+  m_file.ForgetSystemError();
+  if (kesp::WriteStoredBody(record, m_file, sourceFlag, bodyVersion)) return true;
+  NoteError(m_file.LastSystemError() != 0 ? m_file.LastSystemError() : EINVAL);
+  return false;
+}
+
 // The record's header and body in one write, and on the disk. `begun` becomes true once something may be in the file.
 bool CKespDataFile::WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun) {
   CFile::Gather gather(m_file);
   // Version and length are the record's own whatever version the body is written in.
   WriteRecordHeader(m_file, record, record.m_recordVersion, record.GetLength(kOwnVersion));
-  if (!record.Write(m_file, sourceFlag, bodyVersion)) return false;
+  if (!WriteBody(record, sourceFlag, bodyVersion)) return false;
   begun = true;
   gather.Commit();
   return Flush();
 }
 
 bool CKespDataFile::Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion) {
-  if (!IsOpen() || record == nullptr) return false;
-  std::uint64_t start = 0;
-  bool begun = false;
-  try {
-    if (DidPowerEventHappen()) ReopenAfterPowerEvent();
-    TakeBackTornRecord();
-    start = m_file.SeekToEnd();
-    record->m_filePosition = static_cast<std::uint32_t>(start);
-    if (bodyVersion == kOwnVersion) record->SetSourceFlag(sourceFlag);
-    if (record->m_recordType == KESP_RECORD_BROKEN) return true;
-    while (WriteWhole(*record, sourceFlag, bodyVersion, begun)) {
-      if (!DidPowerEventHappen()) {
-        // The last byte is looked at once more, which leaves the file at its end.
-        m_file.Seek(-1, CFile::current);
-        (void)m_file.ReadView(1);
-        return true;
-      }
-      ReopenAfterPowerEvent();
-      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-    }
-    // A record that can't write itself: as a rule nothing of it has reached the file.
-    begun = begun || m_file.GetLength() > start;
-  } catch (const CFileException& e) {
-    NoteFailure(e);
-  } catch (const std::exception&) {
-    // Out of memory: answered like a failed write.
+  if (!IsOpen()) return false;
+  const auto append = [&] {
+    if (record != nullptr) return AppendWhole(*record, sourceFlag, bodyVersion);
+    NoteError(EINVAL);
+    return false;
+  };
+  if (Guarded(append)) return true;
+  ++m_failedAppends;
+  return false;
+}
+
+bool CKespDataFile::AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion) {
+  if (DidPowerEventHappen()) ReopenAfterPowerEvent();
+  TakeBackTornRecord();
+  const std::uint64_t start = m_file.SeekToEnd();
+  record.m_filePosition = static_cast<std::uint32_t>(start);
+  if (auto* const tag = dynamic_cast<CKespTag*>(&record)) tag->m_dataPosition = 0;
+  if (bodyVersion == kOwnVersion) record.SetSourceFlag(sourceFlag);
+  if (record.m_recordType == KESP_RECORD_BROKEN) return true;
+  if (record.GetLength(kOwnVersion) == 0) {
+    NoteError(EINVAL);
+    return false;
   }
-  if (begun) {
-    // Taken back, so that a later record does not stand behind half a one, where no reader would find it.
-    m_tornFrom = start;
-    try {
-      TakeBackTornRecord();
-    } catch (const CFileException&) {
-      // The system won't have it now; a reader stops at the partial record.
+  // What begins to be written is taken back unless all of it gets to the disk, so that a later record is not put after
+  // half a one, where no reader would find it.
+  class Torn {
+   public:
+    Torn(CKespDataFile& file, std::uint64_t from) : m_file(file), m_from(from) {}
+    ~Torn() {
+      // A record that can't write itself: as a rule nothing of it has reached the file.
+      if (isWhole || !(begun || m_file.m_file.KnownLength() > m_from)) return;
+      m_file.m_tornFrom = m_from;
+      // The system may not have it now; a reader stops at the partial record.
+      (void)m_file.Guarded([this] { return m_file.TakeBackTornRecord(), true; });
     }
+    Torn(const Torn&) = delete;
+    Torn& operator=(const Torn&) = delete;
+    bool begun = false;
+    bool isWhole = false;
+
+   private:
+    CKespDataFile& m_file;
+    const std::uint64_t m_from;
+  } torn(*this, start);
+  while (WriteWhole(record, sourceFlag, bodyVersion, torn.begun)) {
+    if (!DidPowerEventHappen()) {
+      // The last byte is looked at once more, which leaves the file at its end.
+      m_file.Seek(-1, CFile::current);
+      (void)m_file.ReadView(1);
+      torn.isWhole = true;
+      return true;
+    }
+    ReopenAfterPowerEvent();
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
   }
   return false;
 }
 
 bool CKespDataFile::OverwriteRecord(CKespRecord* record, unsigned long sourceFlag) {
-  if (!IsOpen() || record == nullptr) return false;
-  try {
-    kesp::RecordHeader found;
-    const std::uint64_t start = m_file.GetPosition();
-    kesp::FieldReader reader(m_file.ReadView(6));
-    reader.U32(found.type);
-    reader.U16(found.version);
-    if (reader.Failed()) throw CFileException(CFileException::endOfFile, m_path);
-    if (found.type != record->m_recordType || found.version > record->m_recordVersion) return false;
+  return IsOpen() && record != nullptr && Guarded([&] { return Overwrite(*record, sourceFlag); });
+}
 
-    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-    record->SetSourceFlag(sourceFlag);
-    CFile::Gather gather(m_file);
-    WriteRecordHeader(m_file, *record, found.version, record->GetLength(found.version));
-    if (!record->Write(m_file, sourceFlag, found.version)) return false;  // the record there stays as it is
-    gather.Commit();
-    return true;
-  } catch (const CFileException& e) {
-    NoteFailure(e);
-    return false;
-  }
+bool CKespDataFile::Overwrite(CKespRecord& record, unsigned long sourceFlag) {
+  kesp::RecordHeader found;
+  const std::uint64_t start = m_file.GetPosition();
+  kesp::FieldReader reader(m_file.ReadView(6));
+  reader.U32(found.type);
+  reader.U16(found.version);
+  if (reader.Failed()) throw CFileException(CFileException::endOfFile, m_path);
+  if (found.type != record.m_recordType || found.version > record.m_recordVersion) return false;
+  // An attribute of version 0 has no body there: any that is written would go over its neighbour.
+  if (found.version == 0 && found.type != KESP_RECORD_TAG) return false;
+
+  m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+  record.SetSourceFlag(sourceFlag);
+  CFile::Gather gather(m_file);
+  WriteRecordHeader(m_file, record, found.version, record.GetLength(found.version));
+  if (!WriteBody(record, sourceFlag, found.version)) return false;  // the record there stays as it is
+  gather.Commit();
+  return true;
 }
 
 bool CKespDataFile::CopyRecord(CKespRecord* record, unsigned long position) {
@@ -129,31 +159,48 @@ bool CKespDataFile::CopyRecord(CKespRecord* record, unsigned long position) {
 }
 
 bool CKespDataFile::UpdateRecord(CKespRecord* record, unsigned long sourceFlag, bool continueSearch) {
-  if (!IsOpen() || record == nullptr) return false;
-  try {
-    if (!continueSearch && !SeekToFirstRecord()) return false;
-    std::uint32_t position = 0;
-    for (;;) {
-      const std::unique_ptr<CKespRecord> found(ReadNextRecord(position, false));
-      if (!found) return continueSearch && UpdateRecord(record, sourceFlag, false);
-      if (found->IsSameKespRecord(record)) break;
-    }
-    m_file.Seek(position, CFile::begin);
-    if (!OverwriteRecord(record, sourceFlag)) return false;
-    m_file.Seek(position, CFile::begin);
-    return true;
-  } catch (const CFileException& e) {
-    NoteFailure(e);
-    return false;
+  return IsOpen() && record != nullptr &&
+         Guarded([&] { return FindAndOverwrite(*record, sourceFlag, continueSearch) == Update::kDone; });
+}
+
+CKespDataFile::Update CKespDataFile::FindAndOverwrite(CKespRecord& record, unsigned long sourceFlag,
+                                                      bool continueSearch) {
+  const std::uint32_t failuresBefore = m_failures;
+  if (!continueSearch && !SeekToFirstRecord()) return Update::kFailed;
+  std::uint64_t position = 0;
+  for (;;) {
+    const std::unique_ptr<CKespRecord> found(ReadNext(position, false));
+    if (found && found->IsSameKespRecord(&record)) break;
+    if (found) continue;
+    if (m_failures != failuresBefore) return Update::kFailed;  // it may be there, and can't be read
+    return continueSearch ? FindAndOverwrite(record, sourceFlag, false) : Update::kNotFound;
   }
+  m_file.Seek(static_cast<std::int64_t>(position), CFile::begin);
+  if (!Overwrite(record, sourceFlag)) return Update::kFailed;
+  m_file.Seek(static_cast<std::int64_t>(position), CFile::begin);
+  return Update::kDone;
 }
 
 bool CKespDataFile::DeleteRecord(unsigned long position, KESP_RECORD_TYPE type) {
   if (!IsOpen()) return false;
-  const std::unique_ptr<CKespRecord> record(ReadNextRecord(position != 0));
+  std::uint64_t foundAt = 0;
+  const std::unique_ptr<CKespRecord> record(ReadNext(foundAt, position != 0));
   if (!record) return false;
   if (type != KESP_RECORD_NONE && type != record->m_recordType) return false;
-  m_file.Seek(static_cast<std::uint32_t>(position), CFile::begin);
+  const auto wanted = static_cast<std::uint32_t>(position);
+  const bool isThere = static_cast<std::uint32_t>(foundAt) == wanted;
+  m_file.Seek(static_cast<std::int64_t>(isThere ? foundAt : wanted), CFile::begin);
+  if (!isThere && !Guarded([&] { return IsAsLongAsHere(*record); })) return false;
   record->SetDelete();
   return OverwriteRecord(record.get(), KESP_SRC_DELETED);
+}
+
+// Whether the record at the file's position, which stays there, has a body as long as this one would have in its place.
+bool CKespDataFile::IsAsLongAsHere(CKespRecord& record) {
+  const std::uint64_t start = m_file.GetPosition();
+  kesp::RecordHeader here;
+  kesp::FieldReader reader(m_file.ReadView(kesp::kRecordHeaderSize));
+  kesp::DescribeRecordHeader(reader, here);
+  m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+  return !reader.Failed() && here.length == record.GetLength(here.version);
 }

@@ -31,6 +31,8 @@ class RebuiltFile {
   // header is that of record version `kespVersion`: for features and attributes of file version 2 it is shorter than
   // the body. Readers go by the body's layout.
   bool Put(CKespRecord& record);
+  // Why a record was refused, where memory was the reason (ENOMEM); 0 otherwise.
+  int SystemError() const noexcept { return m_file.LastSystemError(); }
   // On the disk, and closed.
   void Finish();
   // Closed as far as it got, on the disk or not.

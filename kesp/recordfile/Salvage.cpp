@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <cmath>
 #include <memory>
 #include <optional>
@@ -324,7 +325,10 @@ class Salvager {
   }
 
   Step Keep(CKespRecord& record, std::uint64_t end) {
-    if (!m_out.Put(record)) return Step::kFailed;
+    if (!m_out.Put(record)) {
+      if (m_source.m_systemError == 0) m_source.m_systemError = m_out.SystemError();
+      return Step::kFailed;
+    }
     ++m_report.kept;
     m_position = end;
     return Step::kGoOn;
@@ -469,13 +473,14 @@ class Salvager {
 
 bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
   report = {};
-  if (!source.IsOpen() || source.m_file.IsSameFile(destination)) return false;
+  if (!source.IsOpen()) return false;
   const int earlierFailure = std::exchange(source.m_systemError, 0);
   const auto note = [&](const CFileException& failure) {
     if (source.m_systemError == 0) source.m_systemError = failure.m_lOsError;
   };
   bool good = false;
   try {
+    if (source.m_file.IsSameFile(destination)) return false;
     source.m_file.Flush();
     RebuiltFile out(destination, kespVersion);
     try {
@@ -487,8 +492,9 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
   } catch (const CFileException& e) {
     note(e);
     good = false;
-  } catch (const std::exception&) {
-    good = false;  // out of memory
+  } catch (const std::bad_alloc&) {
+    if (source.m_systemError == 0) source.m_systemError = ENOMEM;
+    good = false;
   }
   if (earlierFailure != 0) source.m_systemError = earlierFailure;
   return good;

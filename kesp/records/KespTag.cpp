@@ -436,7 +436,10 @@ bool CKespTag::Read(CFile& file) {
       ReplaceBlock(block.release());
     }
     return true;
-  } catch (const CException&) {
+  } catch (const CFileException&) {
+    return false;
+  } catch (const std::bad_alloc&) {
+    file.NoteOutOfMemory();
     return false;
   }
 }
@@ -448,7 +451,10 @@ bool CKespTag::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short /
     file.Write(fixed.data(), fixed.size());
     file.Write(m_pData, m_dataLength);
     return true;
-  } catch (const CException&) {
+  } catch (const CFileException&) {
+    return false;
+  } catch (const std::bad_alloc&) {
+    file.NoteOutOfMemory();
     return false;
   }
 }

@@ -95,12 +95,12 @@ TEST_F(KespDataFileReading, BlamesABodyThatIsCutShort) {
   // Old features raise instead; the position is handed out, and nothing leaks.
   Open(Stored{1, 1, cut(FeatureBody1())}.Bytes());
   unsigned long position = 0;
-  EXPECT_THROW(file.ReadNextRecord(position, false), CFileException);
+  EXPECT_THROW((void)file.ReadNextRecord(position, false), CFileException);
   EXPECT_EQ(position, kFirst);
   CKespFeature feature;
   EXPECT_FALSE(file.UpdateRecord(&feature, 8, false));
   ASSERT_TRUE(file.SeekToFirstRecord());
-  EXPECT_THROW(file.DeleteRecord(kFirst, KESP_RECORD_NONE), CFileException);
+  EXPECT_THROW((void)file.DeleteRecord(kFirst, 0), CFileException);
   EXPECT_EQ(file.GetSystemError(), 0);  // a short file is no failure of the system
 }
 
@@ -135,6 +135,21 @@ TEST_F(KespDataFileReading, KeepsPositionsInThirtyTwoBitsBeyondFourGigabytes) {
     EXPECT_EQ(position, length == 954 ? 1018u : 50u);
   }
 }
+
+TEST_F(KespDataFileReading, SeesWhatAnotherProcessChangedSinceTheLastWalk) {
+  Open(EndOf(1) + EndOf(2), true);
+  EXPECT_EQ(WalkOn(file, true).positions.size(), 2u);
+  WriteFile(path, FileHeader() + EndOf(1, 5) + EndOf(2) + EndOf(3));
+  ASSERT_TRUE(file.SeekToFirstRecord());
+  EXPECT_EQ(WalkOn(file, true), (Walked{{68, 86}, KESP_ERROR_NORMAL_EOF}));
+}
+
+// A number would pass for true.
+template <class Argument>
+concept CanBeRead = requires(CKespDataFile& file, Argument argument) {
+  file.ReadNextRecord(argument);
+};
+static_assert(CanBeRead<bool> && !CanBeRead<int> && !CanBeRead<unsigned long>);
 
 TEST_F(KespDataFileReading, AsksTheSystemNothingForEachRecord) {
   constexpr std::uint32_t kRecords = 300'000;

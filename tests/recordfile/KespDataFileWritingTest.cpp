@@ -1,3 +1,6 @@
+#include <cerrno>
+#include <fstream>
+
 #include "kesp/records/KespBrokenRecord.h"
 #include "kesp/records/KespFeature.h"
 #include "kesp/records/KespNote.h"
@@ -49,12 +52,22 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   EXPECT_TRUE(file.AppendRecordVersion1(&old, 0));
   const ByteVector expected = Hex("01 00 00 00 03 00 03 00 00 00 0C 02 00 00") + FeatureBody1() + note2;
   EXPECT_EQ(old.m_filePosition, kFirst + expected.size());
-  // Nothing comes of what can't be written, and of what stands for a broken record.
+  EXPECT_EQ(file.GetSystemError(), 0);
+  // Nothing comes of what can't be written, and of what stands for a broken record. The former is noted each time.
   CKespTag withoutBlock;
   CKespBrokenRecord broken;
-  EXPECT_FALSE(file.AppendRecord(&withoutBlock, 0) || file.AppendRecord(&unknownVersion, 0));
+  oak.m_recordVersion = 9;  // its Write would return true, without a body
+  std::uint32_t failed = 0;
+  for (CKespRecord* const refused :
+       std::initializer_list<CKespRecord*>{&withoutBlock, &unknownVersion, &oak, nullptr}) {
+    EXPECT_FALSE(file.AppendRecord(refused, 0));
+    EXPECT_EQ(file.GetSystemError(), EINVAL) << failed;
+    EXPECT_EQ(file.GetFailedAppends(), ++failed);
+    EXPECT_EQ(Records(), expected + note1);
+    file.m_systemError = 0;
+  }
   EXPECT_TRUE(file.SeekToFirstRecord());  // where there is something to overwrite
-  EXPECT_FALSE(file.AppendRecord(nullptr, 0) || file.OverwriteRecord(nullptr, 0) || file.CopyRecord(nullptr, kFirst));
+  EXPECT_FALSE(file.OverwriteRecord(nullptr, 0) || file.CopyRecord(nullptr, kFirst));
   EXPECT_FALSE(file.UpdateRecord(nullptr, 0, false) || CKespDataFile().OverwriteRecord(&note, 0));
   EXPECT_FALSE(CKespDataFile().UpdateRecord(&note, 0, true));
   EXPECT_TRUE(file.AppendRecord(&broken, 2) && broken.m_filePosition == file.GetLength());
@@ -125,22 +138,70 @@ TEST_F(KespDataFileWriting, FindsTheRecordToUpdate) {
   EXPECT_EQ(file.GetError(), KESP_ERROR_RECORD_HEADER);
 }
 
+TEST_F(KespDataFileWriting, FindsWhatToUpdateBeyondFourGigabytes) {
+  constexpr std::uint32_t kPassedOver = 0xFFFFFFE0;  // from 82 to 4 GiB and 50
+  Put(EndOf(1) + WithLength(Record(200, 1, 0, {}), kPassedOver));
+  std::filesystem::resize_file(path, 82 + std::uintmax_t{kPassedOver} + 18);
+  std::fstream(path, std::ios::binary | std::ios::in | std::ios::out)
+      .seekp(82 + std::streamoff{kPassedOver})
+      .write(reinterpret_cast<const char*>(EndOf(2).data()), 18);
+  ASSERT_TRUE(file.Open(Text(path)));
+  auto end = EndRecord(2);
+  EXPECT_TRUE(file.UpdateRecord(&end, 8, false));
+  EXPECT_TRUE(file.DeleteRecord(kFirst, 0)) << "where it was found, not at the low 32 bits of that";
+  ASSERT_TRUE(file.SeekToFirstRecord());
+  for (const auto& [number, flags] : {std::pair{1u, 0u}, {2u, 5u}}) {
+    const std::unique_ptr<CKespRecord> record(file.ReadNextRecord(false));
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(static_cast<const CKespFeatureEnd&>(*record).FeatureNumber, number);
+    EXPECT_EQ(record->m_flags, flags);
+  }
+}
+
+TEST_F(KespDataFileWriting, KeepsATagWithAnEmptyBlockAndTellsItFromStrangers) {
+  const ByteVector empty = Stored{9, 2, Hex("03 00*3 00*4")}.Bytes(), other = Stored{9, 2, TagBody()}.Bytes();
+  const auto flagged = [](ByteVector record, std::uint8_t flags) {
+    record[6] = flags;
+    return record;
+  };
+  Open(empty + other);
+  const std::unique_ptr<CKespRecord> tag(file.ReadNextRecord(false)), stranger(file.ReadNextRecord(false));
+  EXPECT_TRUE(file.UpdateRecord(tag.get(), 8, false));
+  EXPECT_TRUE(file.Seek(kFirst) && file.DeleteRecord(kFirst, 0));
+  EXPECT_EQ(Records(), flagged(empty, 5) + other);
+  // In another file the place that a tag had here is somebody else's.
+  CKespDataFile second;
+  ASSERT_TRUE(second.Create(Text(dir / "b.kesp")));
+  for (CKespRecord* const record : {tag.get(), stranger.get()}) {
+    record->m_flags = 0;
+    ASSERT_TRUE(second.AppendRecord(record, 2));
+    EXPECT_EQ(static_cast<CKespTag&>(*record).m_dataPosition, 0u);
+    EXPECT_FALSE(second.UpdateRecord(record, 8, false));
+  }
+  EXPECT_EQ(Part(ReadFile(dir / "b.kesp"), kFirst), flagged(empty, 2) + flagged(other, 2));
+}
+
 TEST_F(KespDataFileWriting, DeletesAsTheFileStands) {
   const auto any = KESP_RECORD_NONE;
-  const ByteVector two = EndOf(2);
+  const ByteVector two = EndOf(2), tag = Stored{9, 2, TagBody()}.Bytes(), deletedTag = Stored{9, 2, TagBody()}.Bytes(1);
+  const ByteVector longer = Stored{9, 2, Hex("00*4 14 00*3 04 00*3 00*4 08 00*3 01*8")}.Bytes();
   const struct {
     const char* name;
     ByteVector before;
     std::uint32_t stands, position;
     KESP_RECORD_TYPE type;
     ByteVector after;  // empty for a refusal
-  } rows[] = {{"of the type, added before", EndOf(1, 2) + two, 50, 50, KESP_RECORD_FEATURE_END, EndOf(1, 5) + two},
-              {"of another type", EndOf(1), 50, 50, KESP_RECORD_POINT, {}},
-              {"deleted: the next one goes over it", EndOf(1, 1) + two, 50, 50, any, EndOf(2, 5) + two},
-              {"deleted, the next one of another type", EndOf(1, 1) + note2, 50, 50, any, {}},
-              {"standing elsewhere", EndOf(1) + two, 68, 50, any, EndOf(2, 5) + two},
-              {"position 0 is no place to write", EndOf(1), 50, 0, any, {}},
-              {"at the end", EndOf(1), 68, 50, any, {}}};
+  } rows[] = {
+      {"of the type, added before", EndOf(1, 2) + two, 50, 50, KESP_RECORD_FEATURE_END, EndOf(1, 5) + two},
+      {"of another type", EndOf(1), 50, 50, KESP_RECORD_POINT, {}},
+      {"deleted: the next one goes over it", EndOf(1, 1) + two, 50, 50, any, EndOf(2, 5) + two},
+      {"deleted, the next one of another type", EndOf(1, 1) + note2, 50, 50, any, {}},
+      {"deleted: the next tag is as long", deletedTag + tag, 50, 50, any, Stored{9, 2, TagBody()}.Bytes(5) + tag},
+      {"deleted: the next tag is longer", deletedTag + longer + two, 50, 50, any, {}},
+      {"an attribute without a body", Record(5, 0, 0, {}) + two, 50, 50, any, {}},
+      {"standing elsewhere", EndOf(1) + two, 68, 50, any, EndOf(2, 5) + two},
+      {"position 0 is no place to write", EndOf(1), 50, 0, any, {}},
+      {"at the end", EndOf(1), 68, 50, any, {}}};
   for (const auto& row : rows) {
     Open(row.before);
     ASSERT_TRUE(file.Seek(row.stands));

@@ -94,7 +94,8 @@ void Carry(CKespFile& file, const Plan& plan) {
   for (const Plan::Whole& whole : plan.features) file.DeleteFeatureAndAssociatedRec(whole.feature);
   for (CKespPoint* point : plan.points) {
     point->SetDelete();
-    if (file.m_pDataFile->Seek(point->m_filePosition)) file.m_pDataFile->UpdateRecord(point, KESP_SRC_DELETED, true);
+    (void)(file.m_pDataFile->Seek(point->m_filePosition) &&
+           file.m_pDataFile->UpdateRecord(point, KESP_SRC_DELETED, true));
   }
   file.m_pDataFile->Flush();
 }
