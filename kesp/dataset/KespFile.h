@@ -28,13 +28,17 @@
 //   m_pDataFile                                     the data set; the writers of new files put another in its place
 //   m_pBmcText                                      the data set, when it ends; another string each time a file is read
 //
-// Errors: every operation answers an ErrorEnum. The writers answer ERR_NONE once they have got as far as writing: they
-// don't look at the answers of single appends and rewrites. Afterwards, and before closing, all was written if
-// m_pDataFile->IsOpen() and m_pDataFile->GetSystemError() == 0; the latter has the errno of the first failure since
-// the file was opened. A write to a file that is open for looking only is such a failure (EBADF).
-// CMemoryException and std::bad_alloc get out where no result stands for them, and so does a CFileException: from
-// whatever reads records when a version-1 feature is cut short, the data set holding what it had read by then, and from
-// CloseKesp and DeleteFeatureAndAssociatedRec when the system can't bring everything to the disk.
+// Errors: every operation returns an ErrorEnum; ErrorText has a sentence for each. The writers return ERR_NONE once
+// they have got as far as writing: a single append that fails does not change the result. After a writer has returned
+// ERR_NONE, and before closing, every queued record is on the disk if m_pDataFile->IsOpen() and
+// m_pDataFile->GetSystemError() == 0. The latter has the errno of the first failure since the file was opened: ENOMEM
+// when memory ran out, EINVAL for a record that could not be written (a null, a tag without content, a record version
+// that its class does not know), EBADF for a write to a file that is open read-only;
+// m_pDataFile->GetFailedAppends() counts the records that are missing. The same holds for what UpdateKespHeader,
+// CloseKesp and the deletions rewrite, except that a record that is not found in the file is no such failure.
+// A std::bad_alloc (CMemoryException is one) leaves the operations that make records, queue them or return arrays. A
+// CFileException leaves whatever reads records when a version-1 feature is cut short, the data set holding what it had
+// read by then, and CloseKesp and DeleteFeatureAndAssociatedRec when the system can't bring everything to the disk.
 //
 // One thread at a time.
 #pragma once
@@ -77,23 +81,31 @@ class KESP_EXPORT CKespFile {
 
   // --- Opening, reading, closing ---------------------------------------------------------------------------------
 
-  // Opens the file for reading and writing; the store is not touched. A path that is open already, in whatever letter
-  // case, stays open; one that is open for looking only is opened anew for writing, and if that fails stays as it is
-  // (ERR_FILE_EXCEPTION). `message` is a text for a person, empty unless something can be said. A file that the
-  // container refuses is answered with ERR_NONE all the same, and the next operation that wants an open file with
-  // ERR_FILE_NOT_OPEN; m_pDataFile->GetErrorString() says why.
+  // Opens the file for reading and writing; the store is not touched. A path that is open already stays open, in
+  // whatever letter case, unless that spelling leads to another file (ERR_OTHER_FILE_OPEN); one that is open read-only
+  // is opened again for writing, and if that fails stays as it is (ERR_FILE_EXCEPTION). `message` is a text for a
+  // person, empty unless something can be said.
+  // ERR_NONE does not mean that the file is open: a file that the container refuses (another signature, a damaged file
+  // header, a writer that has it) gives ERR_NONE too, and the next operation that wants an open file returns
+  // ERR_FILE_NOT_OPEN. m_pDataFile->IsOpen() tells at once, m_pDataFile->GetErrorString() why not.
   ErrorEnum OpenKesp(CString path, CString& message);
-  // The same for looking only: no lock, and the file's bytes and times stay as they are, also when it is closed. A path
-  // that is open for writing stays so.
+  // The same read-only: no lock, and the file's bytes and times stay as they are, also when it is closed. A path that
+  // is open for writing stays so.
   ErrorEnum OpenKespReadOnly(CString path, CString& message);
   // Marks the file as cleanly closed, flushes and closes it. The store keeps its content.
   ErrorEnum CloseKesp();
   // Clears the store and reads the whole open file into it, with or without the records marked deleted. Points,
   // attributes and ends whose feature did not come before them are dropped. Point offsets are cleared: a data set
-  // that was read holds none. After ERR_READ_FAILED and ERR_OLD_VERSION the store holds what was read. A file whose
-  // data set would take more than some 64 MiB and four times the file's length ends in ERR_READ_FAILED, with ENOMEM as
-  // the container's system error: only one that was made for it does, where a survey takes half its length.
+  // that was read holds none. After ERR_READ_FAILED, ERR_MEMORY and ERR_OLD_VERSION the store holds what was read.
+  // Damage right after the header reads as the end of the file does, with ERR_NONE: WasReadToEnd tells them apart.
   ErrorEnum ReadKespFile(bool readDeleted);
+  // Whether the last ReadKespFile, or the last one of a validation, came to the clean end of the file. False after
+  // damage, wherever it is, and before anything was read; m_pDataFile->GetErrorString() then says what ended it.
+  bool WasReadToEnd() const noexcept { return m_wasReadToEnd; }
+  // The memory in bytes at which ReadKespFile ends with ERR_MEMORY, and ENOMEM as the container's system error. By
+  // default, and for 0, 64 MiB and four times the file's length: a survey takes about half its length, so that only a
+  // crafted file gets there. Counted are records, texts and lists; what one record takes may go beyond it.
+  void SetMemoryLimit(std::uint64_t bytes) noexcept { m_memoryLimit = bytes; }
   // The file version that the header record on disk names.
   ErrorEnum GetKespVersion(unsigned long& version);
   ErrorEnum GetKespVersion(std::uint32_t& version);
@@ -191,9 +203,14 @@ class KESP_EXPORT CKespFile {
   ErrorEnum WriteNewKespFileFromQueue(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);
-  // Appends all that is queued to the file, which is opened if no file is, and opened anew where it is open for looking
-  // only. To a file that the container refuses nothing is appended, and the answer is ERR_NONE (see Errors above).
+  // Appends all that is queued to the file, which is opened if no file is, and opened again where it is open read-only.
+  // To a file that the container refuses nothing is appended, and the result is ERR_NONE (see Errors above).
+  // Beware: what ReadKespFile read is in the queue too. Open, read, append writes the whole file a second time, after
+  // itself: call ClearQueueWithoutWriting before queueing what is new. CountQueuedFromOpenFile tells.
   ErrorEnum AppendToKespFileFromQueue(CString path);
+  // How many of the queued records are in the open file already, because they were read from it or written to it: 0 is
+  // what AppendToKespFileFromQueue wants. Looks at the m_filePosition of each queued record.
+  int CountQueuedFromOpenFile() const;
 
   // --- Queries ---------------------------------------------------------------------------------------------------
   // Each answers an array, empty but never null, in the order of the record list, writes the number of entries and
@@ -277,6 +294,9 @@ class KESP_EXPORT CKespFile {
   friend struct CKespFileTestAccess;
 
   ErrorEnum OpenWith(const CString& path, CString& message, bool readOnly);
+  bool NamesOpenFile(const CString& path) const;
+  ErrorEnum ReadStore(bool readDeleted);
+  ErrorEnum OutOfMemory() noexcept;  // notes it in the container
   ErrorEnum MakeWritable(CString& message);
   // What the reader keeps in mind from record to record.
   struct Reading {
@@ -293,7 +313,6 @@ class KESP_EXPORT CKespFile {
   void TakeVersion(CKespRecord& record, Reading& reading);
   // Bytes of the store, given what this thread had of the pool before.
   std::uint64_t ReckonMemory(std::int64_t takenBefore) const noexcept;
-  ErrorEnum OutOfMemory() noexcept;  // notes it in the container
   void HandUpFlags(Reading& reading);
   void HandUpFlags(CKespFeature& feature);
   void HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& feature);
@@ -309,6 +328,9 @@ class KESP_EXPORT CKespFile {
   std::vector<CKespFeature*> m_ownFeatures;
   std::vector<CKespRecord*> m_ownRecords;
   std::vector<CKespTavoHeader*> m_queuedHeaders;
+  std::uint64_t m_memoryLimit = 0;  // 0 for the default
+  bool m_wasReadToEnd = false;
+  kesp::FileIdentity m_storedIn;   // where the store was read from, or written to last
   std::deque<CString> m_bmcTexts;  // of every reading, since a host may still look at them
   std::deque<CKespFeatureLink> m_ownLinks;
   std::deque<CKespLinkList> m_ownLinkLists;

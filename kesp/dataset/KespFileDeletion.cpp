@@ -1,5 +1,6 @@
 // Deleting features and points, in memory and on disk, and validating a file.
 #include <algorithm>
+#include <limits>
 #include <memory>
 
 #include "kesp/dataset/KespFile.h"
@@ -31,12 +32,19 @@ class WithoutFlush {
 
 void CKespFile::MarkDeletedOnDisk(CKespRecord& record) {
   record.SetDelete();
-  if (m_pDataFile == nullptr) return;
-  (void)m_pDataFile->Seek(record.m_filePosition);
-  // Normally the first record read back is the one; else the whole file is searched, and once more if that fails.
-  if (!m_pDataFile->UpdateRecord(&record, KESP_SRC_DELETED, true)) {
-    (void)m_pDataFile->UpdateRecord(&record, KESP_SRC_DELETED, false);
-  }
+  if (m_pDataFile == nullptr || !m_pDataFile->IsOpen()) return;
+  // Beyond 4 GiB the position may be another's.
+  const bool isPlaceKnown = m_pDataFile->m_file.KnownLength() <= std::numeric_limits<std::uint32_t>::max();
+  if (isPlaceKnown) (void)m_pDataFile->Seek(record.m_filePosition);
+  // Normally the first record read back is the one; else the whole file is searched, and once more if that does not
+  // find it. A disk that refuses is not asked again.
+  (void)m_pDataFile->Guarded([&] {
+    auto result = m_pDataFile->FindAndOverwrite(record, KESP_SRC_DELETED, isPlaceKnown);
+    if (result == CKespDataFile::Update::kNotFound) {
+      result = m_pDataFile->FindAndOverwrite(record, KESP_SRC_DELETED, false);
+    }
+    return result == CKespDataFile::Update::kDone;
+  });
 }
 
 ErrorEnum CKespFile::DeleteFeatureAndAssociatedRec(CKespFeature* feature) {

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "kesp/dataset/KespFile.h"
@@ -111,7 +112,7 @@ ErrorEnum CKespFile::WriteNewKespFileFromQueueVersion1(CString path) {
   return WriteNew(path, 1, &CKespDataFile::AppendRecordVersion1);
 }
 
-ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Appender append) {
+ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Appender append) try {
   if (MayExist(path)) return ERR_FILE_EXISTS;
   auto created = std::make_unique<CKespDataFile>();
   created->m_version = version;
@@ -128,16 +129,31 @@ ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Append
   // Why, and not what opening says then.
   if (!m_pDataFile->IsOpen() || m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = osError;
   if (opened != ERR_NONE) return opened;
+  m_storedIn = m_pDataFile->m_file.Identity();
   for (CKespRecord* record : m_recordList) (void)(m_pDataFile->*append)(record, 0);
   return ERR_NONE;
+} catch (const std::bad_alloc&) {
+  return OutOfMemory();
 }
 
-ErrorEnum CKespFile::AppendToKespFileFromQueue(CString path) {
+ErrorEnum CKespFile::AppendToKespFileFromQueue(CString path) try {
   bool wasOpen = false;
   ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
   CString message;
   if (opened == ERR_NONE && wasOpen) opened = MakeWritable(message);
   if (opened != ERR_NONE) return opened;
+  m_storedIn = m_pDataFile->m_file.Identity();
   for (CKespRecord* record : m_recordList) (void)m_pDataFile->AppendRecord(record, KESP_SRC_ADDED);
   return ERR_NONE;
+} catch (const std::bad_alloc&) {
+  return OutOfMemory();
+}
+
+int CKespFile::CountQueuedFromOpenFile() const {
+  if (m_pDataFile == nullptr || !m_pDataFile->IsOpen() || m_pDataFile->m_file.Identity() != m_storedIn) return 0;
+  int count = 0;
+  for (const CKespRecord* record : m_recordList) {
+    if (record != nullptr && record->m_filePosition != 0) ++count;
+  }
+  return count;
 }

@@ -109,38 +109,50 @@ ErrorEnum CKespFile::OpenKespReadOnly(CString path, CString& message) { return O
 
 ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOnly) {
   message.Empty();
-  const bool isOpen = m_pDataFile != nullptr && m_pDataFile->IsOpen();
-  const bool isSame = isOpen && m_pDataFile->m_path.CompareNoCase(path) == 0;
-  // Here the name in other letter case leads to no file.
-  if (!FileExists(path) && !(isSame && FileExists(m_pDataFile->m_path))) return ERR_FILE_NOT_FOUND;
-  if (m_pDataFile == nullptr) {
-    message = u"Memory allocation failed. Free some memory and try again.";
-    return ERR_MEMORY;
-  }
+  // Without the memory for the text the code has to say it.
+  const auto say = [&message](const CException& e) {
+    try {
+      message = e.GetErrorMessage().Left(kMessageLimit);
+    } catch (const std::bad_alloc&) {
+      message.Empty();
+    }
+  };
   try {
+    const bool isOpen = m_pDataFile != nullptr && m_pDataFile->IsOpen();
+    const bool isSame = isOpen && NamesOpenFile(path);
+    // The name in other letter case may lead to no file here.
+    if (!FileExists(path) && !(isSame && FileExists(m_pDataFile->m_path))) return ERR_FILE_NOT_FOUND;
+    if (m_pDataFile == nullptr) {
+      message = u"Memory allocation failed. Free some memory and try again.";
+      return ERR_MEMORY;
+    }
     if (isOpen) {
       if (isSame) return readOnly ? ERR_NONE : MakeWritable(message);
       message = u"Please close the already open file.";
       return ERR_OTHER_FILE_OPEN;
     }
     // A file that the container refuses leaves it closed, and the next operation says so.
-    (void)(readOnly ? m_pDataFile->OpenReadOnly(path) : m_pDataFile->Open(path));
+    const bool opened = readOnly ? m_pDataFile->OpenReadOnly(path) : m_pDataFile->Open(path);
+    if (!opened && m_pDataFile->GetSystemError() == ENOMEM) throw CMemoryException();
     return ERR_NONE;
-  } catch (const CMemoryException& e) {
-    message = e.GetErrorMessage().Left(kMessageLimit);
-    return ERR_MEMORY;
   } catch (const std::bad_alloc&) {
-    message = CMemoryException().GetErrorMessage();
-    return ERR_MEMORY;
+    say(CMemoryException());
+    return OutOfMemory();
   } catch (const CFileException& e) {
-    message = e.GetErrorMessage().Left(kMessageLimit);
+    say(e);
     return ERR_FILE_EXCEPTION;
   } catch (...) {
     return ERR_UNKNOWN_EXCEPTION;
   }
 }
 
-// A file that is held for looking only would take every write without a word and keep none of it.
+// The same name in any letter case, unless that spelling leads to another file.
+bool CKespFile::NamesOpenFile(const CString& path) const {
+  if (m_pDataFile->m_path.CompareNoCase(path) != 0) return false;
+  return !FileExists(path) || m_pDataFile->m_file.IsSameFile(path);
+}
+
+// A file that is held read-only would take every write without a word and keep none of it.
 ErrorEnum CKespFile::MakeWritable(CString& message) {
   if (m_pDataFile->m_file.IsWritable()) return ERR_NONE;
   const CString path = m_pDataFile->m_path;
@@ -174,7 +186,7 @@ ErrorEnum CKespFile::CheckFileOpenIfClosed(bool& wasOpen, CString path) {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (m_pDataFile->IsOpen()) {
     wasOpen = true;
-    return m_pDataFile->m_path.CompareNoCase(path) == 0 ? ERR_NONE : ERR_OTHER_FILE_OPEN;
+    return NamesOpenFile(path) ? ERR_NONE : ERR_OTHER_FILE_OPEN;
   }
   CString message;
   return OpenKesp(path, message);
@@ -198,9 +210,29 @@ ErrorEnum CKespFile::GetKespVersion(std::uint32_t& version) {
 }
 
 ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
+  m_wasReadToEnd = false;
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
+  try {
+    const ErrorEnum result = ReadStore(readDeleted);
+    if (m_pDataFile->m_ranOutOfMemory) return ERR_MEMORY;
+    // A last record that claims to go on after the end of a file ends the walk as the end does.
+    m_wasReadToEnd = m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF &&
+                     m_pDataFile->m_file.GetPosition() == m_pDataFile->m_file.KnownLength();
+    return result;
+  } catch (const std::bad_alloc&) {
+    return OutOfMemory();
+  }
+}
+
+ErrorEnum CKespFile::OutOfMemory() noexcept {
+  if (m_pDataFile != nullptr) m_pDataFile->NoteError(ENOMEM);
+  return ERR_MEMORY;
+}
+
+ErrorEnum CKespFile::ReadStore(bool readDeleted) {
   ClearStorage();
+  m_storedIn = m_pDataFile->m_file.Identity();
   m_pBmcText = &m_bmcTexts.emplace_back();
   if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
   const bool skipDeleted = !readDeleted;
@@ -229,8 +261,9 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
 
   const ReadingAhead ahead(*m_pDataFile);
   Reading reading;
-  // Only a file made for it comes there: of a survey that somebody collected, half the length is enough.
-  const std::uint64_t mostMemory = kMemoryToBeginWith + kMemoryPerByte * m_pDataFile->m_file.KnownLength();
+  // Only a crafted file reaches the limit that is set by default; a survey needs about half the file's length.
+  const std::uint64_t mostMemory =
+      m_memoryLimit != 0 ? m_memoryLimit : kMemoryToBeginWith + kMemoryPerByte * m_pDataFile->m_file.KnownLength();
   const std::int64_t takenBefore = kesp::PoolBytesTaken();
   // Damage right behind the header reads as a file that ends there; further on it is reported.
   while (next) {
@@ -241,7 +274,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
       TakeVersion(*point, reading);
       if (FilePoint(point, reading)) m_recordList.AddTail(point);
     }
-    if (ReckonMemory(takenBefore) > mostMemory) return OutOfMemory();
+    if (ReckonMemory(takenBefore) > mostMemory) throw CMemoryException();
     next.reset(m_pDataFile->ReadNextRecord(skipDeleted));
     if (!next && m_pDataFile->GetError() != KESP_ERROR_NORMAL_EOF) return ERR_READ_FAILED;
   }
@@ -255,11 +288,6 @@ std::uint64_t CKespFile::ReckonMemory(std::int64_t takenBefore) const noexcept {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(kesp::PoolBytesTaken() - takenBefore, 0)) +
          kBytesOfEntries * static_cast<std::uint64_t>(m_recordList.GetCount()) + kBytesOfLink * m_ownLinks.size() +
          kBytesOfLinkList * m_ownLinkLists.size();
-}
-
-ErrorEnum CKespFile::OutOfMemory() noexcept {
-  if (m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = ENOMEM;
-  return ERR_READ_FAILED;
 }
 
 // The class of a record answers the same for all records of a version: it is asked again when one of another class or
@@ -394,8 +422,7 @@ void CKespFile::TakeExtentNote(std::u16string_view numbers) try {
   if (std::fabs(values[0] - values[1]) > kSmallestExtent && std::fabs(values[2] - values[3]) > kSmallestExtent) {
     m_extent.Set(values[0], values[1], values[2], values[3]);
   }
-} catch (const CException&) {
-} catch (const std::bad_alloc&) {
+} catch (const std::exception&) {
 }
 
 bool CKespFile::ProcessTag(CKespTag* tag) {

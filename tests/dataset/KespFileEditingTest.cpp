@@ -3,6 +3,7 @@
 
 #include "tests/dataset/DataSet.h"
 #include "tests/support/FaultyMemory.h"
+#include "tests/support/FaultySystem.h"
 
 using namespace kesp::test;
 using Access = CKespFileTestAccess;
@@ -109,6 +110,21 @@ TEST(Deletion, FindsRecordsWhereverTheyStandOrNone) {
   point->PointNumber = 98;
   Access::DeletePoint(file, point);
   EXPECT_EQ(file.m_pointIndex.Find(1), nullptr) << "where it stood under the number that it had";
+}
+
+TEST(Deletion, DoesNotSearchTheFileWhereWritingIsRefused) {
+  constexpr std::uint32_t kPoints = 4'000;  // more than the read buffer holds when it begins
+  ByteVector survey = Survey({Header2{}, Feature(7)});
+  for (std::uint32_t i = 1; i <= kPoints; ++i) Append(survey, Point(7, i));
+  DataSet set(survey);
+  ASSERT_EQ(set.file.CloseKesp(), ERR_NONE);
+  CString message;
+  ASSERT_EQ(set.file.OpenKespReadOnly(Text(set.path), message), ERR_NONE);
+  ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+  FaultySystem counting;
+  EXPECT_EQ(set.file.DeleteFeatureAndAssociatedRec(set.Feature(7)), ERR_NONE);
+  EXPECT_LT(counting.Calls(), static_cast<int>(kPoints / 10));
+  EXPECT_EQ(set.file.m_pDataFile->GetSystemError(), EBADF);
 }
 
 // Whatever is asked of the memory: the point is still everywhere or nowhere.

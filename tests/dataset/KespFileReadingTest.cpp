@@ -4,6 +4,13 @@ using namespace kesp::test;
 
 namespace {
 
+// A record whose body would end 10 bytes after 4 GiB: the sum passes for a small one.
+ByteVector WithWrappingLength() {
+  ByteVector record = Record(200, 1, 0, {});
+  Put(record, 10, std::uint64_t{0} - (50 + 4100 + 14) + 10, 4);
+  return record;
+}
+
 const ByteVector kCut = Hex("01 00 00 00 03");  // of a record header
 
 TEST(ReadKespFile, FilesWhatItFinds) {
@@ -202,6 +209,41 @@ TEST(OpenKesp, AnswersByWhatIsThere) {
         file.GetFeature(1, feature), file.AppendToKespFileFromQueue(Text(set.path)),
         file.UpdateKespHeader("", "", "", "", "", "", 0, 1, 0, 1, true)})
     EXPECT_EQ(result, ERR_MEMORY);
+}
+
+TEST(ReadKespFile, TellsWhetherItCameToTheEnd) {
+  const ByteVector broken = Hex("00*14");
+  const struct {
+    const char* name;
+    ByteVector file;
+    ErrorEnum result;
+    bool toTheEnd;
+  } rows[] = {
+      {"whole", Survey({Header2{}, Feature(7)}), ERR_NONE, true},
+      {"old", Survey({Header1(), Feature(7, "Oak", 0, 1)}), ERR_OLD_VERSION, true},
+      {"damage right after the header", Survey({Header2{}, broken}), ERR_NONE, false},
+      {"damage further on", Survey({Header2{}, Feature(7), broken}), ERR_READ_FAILED, false},
+      {"a length that wraps, and leads past the end", Survey({Header2{}, WithWrappingLength()}), ERR_NONE, false},
+      {"refused", Hex("'Corvanthe'"), ERR_FILE_NOT_OPEN, false}};
+  for (const auto& row : rows) {
+    DataSet set(row.file);
+    EXPECT_FALSE(set.file.WasReadToEnd());
+    EXPECT_EQ(set.file.ReadKespFile(false), row.result) << row.name;
+    EXPECT_EQ(set.file.WasReadToEnd(), row.toTheEnd) << row.name;
+  }
+}
+
+TEST(ReadKespFile, EndsAtTheLimitOfTheHosts) {
+  ByteVector file = Survey({Header2{}, Feature(7)});
+  for (std::uint32_t i = 1; i <= 5'000; ++i) Append(file, Point(7, i));
+  DataSet set(file);
+  set.file.SetMemoryLimit(100'000);
+  EXPECT_EQ(set.file.ReadKespFile(false), ERR_MEMORY);
+  EXPECT_EQ(set.file.m_pDataFile->GetSystemError(), ENOMEM);
+  EXPECT_FALSE(set.file.WasReadToEnd());
+  EXPECT_FALSE(set.file.m_recordList.IsEmpty());
+  set.file.SetMemoryLimit(0);
+  EXPECT_EQ(set.file.ReadKespFile(false), ERR_NONE);
 }
 
 }  // namespace

@@ -187,6 +187,55 @@ TEST(WriteQueue, TellsOfAFullDisk) {
   }
 }
 
+// All of the queue is written, or the host is told.
+TEST(WriteQueue, TellsOfRecordsThatCannotBeWritten) {
+  const TempDir dir;
+  CKespFile file;
+  CKespNote first, unknown;
+  CKespTag hollow;
+  unknown.m_recordVersion = 7;
+  file.AddNoteToWriteQueue(&first);
+  file.AddTagToWriteQueue(&hollow);
+  file.AddNoteToWriteQueue(&unknown);
+  EXPECT_EQ(file.WriteNewKespFileFromQueue(Text(dir / "new")), ERR_NONE);
+  EXPECT_TRUE(file.m_pDataFile->IsOpen());
+  EXPECT_EQ(file.m_pDataFile->GetSystemError(), EINVAL);
+  EXPECT_EQ(file.m_pDataFile->GetFailedAppends(), 2u);
+  EXPECT_EQ(ReadFile(dir / "new"), Survey({Note("")}));
+}
+
+TEST(WriteQueue, CountsWhatIsInTheFileAlready) {
+  DataSet set(Survey({Header2{}, Feature(7), Point(7, 1)}));
+  EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 0);
+  ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+  CKespNote note;
+  set.file.AddNoteToWriteQueue(&note);
+  EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 3);
+  set.file.ClearQueueWithoutWriting();
+  set.file.AddNoteToWriteQueue(&note);
+  EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 0);
+  EXPECT_EQ(set.file.AppendToKespFileFromQueue(Text(set.path)), ERR_NONE);
+  EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 1);
+  // In another file it is new.
+  CString message;
+  WriteFile(set.dir / "other", Survey({}));
+  EXPECT_EQ(set.file.CloseKesp(), ERR_NONE);
+  EXPECT_EQ(set.file.OpenKesp(Text(set.dir / "other"), message), ERR_NONE);
+  EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 0);
+}
+
+TEST(WriteQueue, IsNotWrittenIntoAFileOfAnotherSpelling) {
+  DataSet set(Survey({Header2{}}));
+  const auto other = set.dir / "SURVEY.kesp";
+  WriteFile(other, Survey({}));
+  CString message;
+  CKespNote note;
+  set.file.AddNoteToWriteQueue(&note);
+  EXPECT_EQ(set.file.OpenKesp(Text(other), message), ERR_OTHER_FILE_OPEN);
+  EXPECT_EQ(set.file.AppendToKespFileFromQueue(Text(other)), ERR_OTHER_FILE_OPEN);
+  EXPECT_EQ(ReadFile(set.path), Survey({Header2{}}));
+}
+
 TEST(WriteQueue, EnteredFeaturesAndQueuedHeadersGoWithTheStore) {
   static int gone = 0;
   struct Counted : CKespFeature {

@@ -1,0 +1,116 @@
+// Each allocation of an operation on a file fails in turn. The operation then says so, by its result and ENOMEM, raises
+// nothing, and leaves the file whole. Under the address sanitizer each record and text is an allocation; without it
+// those that come out of the library's pool are not counted.
+#include <cerrno>
+#include <functional>
+
+#include "kesp/recordfile/Salvage.h"
+#include "kesp/records/KespAttribute.h"
+#include "tests/dataset/DataSet.h"
+#include "tests/recordfile/Survey.h"
+#include "tests/support/FaultyMemory.h"
+
+using namespace kesp::test;
+
+namespace {
+
+const ByteVector kLargeTag = Tag(0, "blob", ByteVector(150'000, 1));
+const ByteVector kStored =
+    Survey({Header2{}, Feature(7, "a name of more than eleven"), Point(7, 1), Point(7, 2),
+            Attribute(7, "Girth", "a text of more than eleven"), End(7), kLargeTag, Note("rain and more rain")});
+
+struct Place {
+  CString path, copy, fresh;
+  CKespDataFile file;
+  CKespFile set;
+  CKespFeatureEnd end = EndRecord(9);
+  CKespNote note;
+  CKespTag tag;
+};
+
+bool WalkAll(CKespDataFile& file) {
+  int count = 0;
+  while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(false)}) ++count;
+  return count == 8 && file.GetError() == KESP_ERROR_NORMAL_EOF;
+}
+
+const struct {
+  const char* name;
+  char open;  // (o)pen for writing, (r)ead-only, - not at all; in capitals for the data set
+  std::function<bool(Place&)> run;
+  // clang-format off
+} kOperations[] = {
+    {"open", '-', [](Place& p) { return p.file.Open(p.path); }},
+    {"open read-only", '-', [](Place& p) { return p.file.OpenReadOnly(p.path); }},
+    {"create", '-', [](Place& p) { return p.file.Create(p.fresh); }},
+    {"walk", 'r', [](Place& p) { return p.file.SeekToFirstRecord() && WalkAll(p.file); }},
+    {"append", 'o', [](Place& p) { return p.file.AppendRecord(&p.note, 2) && p.file.AppendRecord(&p.tag, 2); }},
+    {"overwrite", 'o', [](Place& p) { return p.file.SeekToFirstRecord() && p.file.UpdateRecord(&p.note, 8, true); }},
+    {"delete", 'o', [](Place& p) { return p.file.Seek(kFirst + 4100) && p.file.DeleteRecord(kFirst + 4100, 0); }},
+    {"copy", 'o', [](Place& p) { return p.file.Copy(p.copy); }},
+    {"rebuild", 'o', [](Place& p) { return p.file.CopyVerify(p.copy, 2) && p.file.GetError() == KESP_ERROR_NORMAL_EOF; }},
+    {"rebuild by path", '-', [](Place& p) { return p.file.CopyVerify(p.path, p.copy, 2); }},
+    {"salvage", 'r', [](Place& p) {
+      kesp::SalvageReport report;
+      return kesp::Salvage(p.file, p.copy, 2, report) && report.kept == 8; }},
+    {"close", 'o', [](Place& p) { return p.file.Close(); }},
+    {"open a data set", '-', [](Place& p) {
+      CString message;
+      return p.set.OpenKesp(p.path, message) == ERR_NONE && p.set.m_pDataFile->IsOpen(); }},
+    {"read a data set", 'R', [](Place& p) { return p.set.ReadKespFile(false) == ERR_NONE && p.set.WasReadToEnd(); }},
+    {"append a queue", 'O', [](Place& p) {
+      return p.set.AppendToKespFileFromQueue(p.path) == ERR_NONE && p.set.m_pDataFile->GetSystemError() == 0; }},
+    {"write a queue", '-', [](Place& p) {
+      return p.set.WriteNewKespFileFromQueue(p.fresh) == ERR_NONE && p.set.m_pDataFile->IsOpen() &&
+             p.set.m_pDataFile->GetSystemError() == 0; }}};
+// clang-format on
+
+TEST(ShortMemory, IsToldAndHarmsNoFile) {
+  const TempDir dir;
+  int points = 0;
+  for (const auto& operation : kOperations) {
+    bool struck = true;
+    for (int at = 1; struck; ++at) {
+      SCOPED_TRACE(testing::Message() << operation.name << ": allocation " << at);
+      for (const char* const name : {"a.kesp", "b.kesp", "c.kesp"}) std::filesystem::remove(dir / name);
+      WriteFile(dir / "a.kesp", kStored);
+      Place place;
+      place.path = Text(dir / "a.kesp"), place.copy = Text(dir / "b.kesp"), place.fresh = Text(dir / "c.kesp");
+      place.note.NoteText = "rain and no more rain";
+      place.tag.Set("a name of more than eleven", 1);
+      CString message;
+      if (operation.open == 'o') place.file.Open(place.path);
+      if (operation.open == 'r') place.file.OpenReadOnly(place.path);
+      if (operation.open == 'O') place.set.OpenKesp(place.path, message);
+      if (operation.open == 'R') place.set.OpenKespReadOnly(place.path, message);
+      ASSERT_EQ(place.file.IsOpen() || place.set.m_pDataFile->IsOpen(), operation.open != '-');
+      place.set.AddNoteToWriteQueue(&place.note);
+      bool good = false;
+      {
+        const IdleDisk disk;
+        const FaultyMemory memory(at);
+        EXPECT_NO_THROW(good = operation.run(place));
+        struck = FaultyMemory::Struck();
+      }
+      points += struck;
+      const int error = std::max(place.file.GetSystemError(), place.set.m_pDataFile->GetSystemError());
+      // Some can be done without, such as a thread that reads ahead.
+      EXPECT_TRUE(good || (struck && error == ENOMEM)) << error;
+      EXPECT_TRUE(!good || error == 0) << error;
+      place.file.Close();
+      place.set.m_pDataFile->Close();
+      // What was there still is; an append or an edit is there or is not.
+      const ByteVector now = ReadFile(dir / "a.kesp");
+      const Walked walked = Walk(dir / "a.kesp");
+      EXPECT_EQ(walked.error, KESP_ERROR_NORMAL_EOF);
+      EXPECT_GE(walked.positions.size(), 8u);
+      EXPECT_TRUE(good || now.size() == kStored.size() || Part(now, 0, kStored.size()) == kStored);
+      CKespDataFile again;
+      EXPECT_TRUE(again.Open(place.path)) << "not locked any more";
+      if (HasFailure()) return;
+    }
+  }
+  std::printf("%d allocations in %zu operations\n", points, std::size(kOperations));
+}
+
+}  // namespace
