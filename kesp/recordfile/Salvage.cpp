@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cmath>
 #include <memory>
 #include <optional>
@@ -147,11 +148,17 @@ class Salvager {
   // False when a record can't be written or the system can't read; raises what the file objects raise.
   bool Run() {
     PutFileHeader();
-    for (;;) {
+    // What was there at the start is looked at, so that a writer who goes on appending is no reason to go on here. Each
+    // step leads further, except the one that goes back to the end of the file header.
+    while (m_position < m_length) {
+      [[maybe_unused]] const std::uint64_t before = m_position;
+      [[maybe_unused]] const bool hadGoneBack = m_hasGoneBack;
       const Step step = Next();
       if (step == Step::kFailed) return false;
       if (step == Step::kEnd) return true;
+      assert(m_position > before || m_hasGoneBack != hadGoneBack);
     }
+    return true;
   }
 
  private:
@@ -367,10 +374,17 @@ class Salvager {
   }
 
   Step Damage(std::uint64_t offset, KESP_ERROR_TYPE reason) {
-    // Where not even the first record stands, the file header may have named a wrong place.
-    const bool isFirst = offset == m_firstRecord && offset > kFileHeaderSize && m_report.kept == 0;
-    const std::uint64_t from = isFirst ? kFileHeaderSize : offset;
-    return Skip(from, Find(isFirst ? from : from + 1), reason);
+    // Where not even the first record can be read, the file header may have named a wrong place. Looked into once: the
+    // search back there may find nothing that is kept, and lead here again.
+    if (offset == m_firstRecord && offset > kFileHeaderSize && m_report.kept == 0 && !m_hasGoneBack) {
+      m_hasGoneBack = true;
+      const std::uint64_t found = FindBefore(offset, kFileHeaderSize);
+      if (found < offset) {
+        m_report.applicationBytes = 0;
+        return Skip(kFileHeaderSize, found, reason);
+      }
+    }
+    return Skip(offset, Find(offset + 1), reason);
   }
 
   void NoteGap(std::uint64_t from, std::uint64_t to, KESP_ERROR_TYPE reason) {
@@ -460,6 +474,7 @@ class Salvager {
   std::uint64_t m_position = 0;
   std::uint64_t m_firstRecord = 0;
   bool m_damaged = false;
+  bool m_hasGoneBack = false;
   std::vector<std::byte> m_window;
   std::uint64_t m_windowStart = 0;
   std::optional<bool> m_isWhole;  // unknown until it is asked

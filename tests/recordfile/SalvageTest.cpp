@@ -101,6 +101,16 @@ TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
       EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{0, 50, reason}));
     }
   }
+  // A first record that can't be read: what is before its place is looked at once, also when none of it is kept.
+  ByteVector noType = FeatureBody1();
+  noType[26] = 0;
+  const ByteVector unreadable = Record(1, 1, 0, noType) + Hex("ee");
+  EXPECT_EQ(Salvaged(FileHeader(3, 20) + EndOf(1, 1) + unreadable), FileHeader());
+  EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 49, KESP_ERROR_RECORD_HEADER}));
+  EXPECT_TRUE(report.deleted == 1 && report.applicationBytes == 0);
+  EXPECT_EQ(Salvaged(FileHeader(3, 20) + Hex("aa*18") + unreadable), FileHeader());
+  EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 49, KESP_ERROR_BAD_RECORD}));
+  EXPECT_EQ(report.applicationBytes, 18u);
   for (const std::size_t length : {0u, 43u, 49u}) {
     EXPECT_EQ(Salvaged(Part(FileHeader(3, 0), 0, length)), FileHeader()) << length;
     EXPECT_EQ(report.gapBytes, length);
