@@ -154,7 +154,7 @@ class Salvager {
       [[maybe_unused]] const std::uint64_t before = m_position;
       [[maybe_unused]] const bool hadGoneBack = m_hasGoneBack;
       const Step step = Next();
-      if (step == Step::kFailed) return false;
+      if (step == Step::kFailed || m_source.m_systemError != 0) return false;
       if (step == Step::kEnd) return true;
       assert(m_position > before || m_hasGoneBack != hadGoneBack);
     }
@@ -279,10 +279,10 @@ class Salvager {
 
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
-    // Half a record may have others behind it, where a writer was cut off and a later one appended. A tag's block may
+    // Half a record may have others after it, where a writer was cut off and a later one appended. A tag's block may
     // hold anything, and is believed.
     std::uint64_t inside = 0;  // where another record begins in this one's place; never 0
-    if (isExact && type != KESP_RECORD_TAG && !GoesOnAt(body + bodyLength) && !IsWholeToTheWalk()) {
+    if (isExact && type != KESP_RECORD_TAG && !GoesOnAt(body + bodyLength) && !IsBelieved(start)) {
       inside = RecordWithin(body, body + bodyLength);
       if (inside != 0 && m_damaged) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
       // A header that is left of its record.
@@ -304,7 +304,7 @@ class Salvager {
       return Damage(start, error);
     }
     const std::uint64_t end = m_file.GetPosition();
-    if (inside == 0 && (isExact || GoesOnAt(end) || IsWholeToTheWalk())) return Keep(*record, end);
+    if (inside == 0 && (isExact || GoesOnAt(end) || IsBelieved(start))) return Keep(*record, end);
     // The walk takes it and goes astray: up to there the copy has what the walk has.
     if (m_damaged) return Damage(start, KESP_ERROR_RECORD_HEADER);
     if (Keep(*record, end) == Step::kFailed) return Step::kFailed;
@@ -312,22 +312,41 @@ class Salvager {
     return Skip(found < end ? start : end, found, KESP_ERROR_RECORD_HEADER);
   }
 
-  // Asked when a record looks like damage, which a whole file may have too: lengths that nobody minds, say. Walks over
-  // all of it, once.
-  bool IsWholeToTheWalk() {
+  // Whether what begins at `start`, where the walk gets to, is what the walk takes it for. So is all of a file that the
+  // walk comes to the end of, and otherwise what is before the last header that is as it should be: nobody gets there
+  // by chance. The walk is asked when a record looks like damage, which a whole file may have too: lengths that nobody
+  // minds, say.
+  bool IsBelieved(std::uint64_t start) {
     if (m_damaged) return false;
-    if (!m_isWhole) {
-      m_isWhole = false;
+    if (!m_believed) m_believed = WalkAll();
+    return start < *m_believed;
+  }
+  // Where the walk's last exact header is; the end of the file where it gets there.
+  std::uint64_t WalkAll() {
+    std::uint64_t lastExact = m_firstRecord;
+    std::uint64_t start = m_firstRecord;
+    while (start < m_length) {
+      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+      KESP_RECORD_TYPE type = KESP_RECORD_NONE;
+      RecordHeader header;
+      if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) return lastExact;
+      header.type = type;
+      std::uint64_t bodyLength = 0;
+      if (IsExact(header, start, bodyLength)) lastExact = start;
+      if (IsPassedOver(header)) {
+        start += kRecordHeaderSize + header.length;
+        continue;
+      }
+      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
       try {
-        m_file.Seek(static_cast<std::int64_t>(m_firstRecord), CFile::begin);
-        while (const std::unique_ptr<CKespRecord> record{m_source.ReadNextRecord(true)}) {
-        }
-        m_isWhole = m_source.GetError() == KESP_ERROR_NORMAL_EOF && m_file.GetPosition() == m_length;
+        if (!std::unique_ptr<CKespRecord>{m_source.ReadNextRecord(false)}) return lastExact;
       } catch (const CFileException& e) {
         if (e.m_cause != CFileException::endOfFile) throw;
+        return lastExact;
       }
+      start = m_file.GetPosition();
     }
-    return *m_isWhole;
+    return start == m_length ? m_length : lastExact;
   }
 
   Step Keep(CKespRecord& record, std::uint64_t end) {
@@ -344,21 +363,21 @@ class Salvager {
     std::uint64_t& count = isDeleted ? m_report.deleted : m_report.unknown;
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
-    std::uint64_t end = body + header.length;
-    bool goesOn = GoesOnAt(end);
-    if (isExact && header.length != bodyLength && !goesOn) {
-      end = body + bodyLength;
-      goesOn = GoesOnAt(end);
-    }
-    // Where records stand inside it, it is no record but a header that leads astray; a tag's block may hold anything.
-    const bool isBelieved = isExact ? goesOn || header.type == KESP_RECORD_TAG : goesOn && MayPassOver(header);
-    const std::uint64_t inside = isExact && isBelieved ? 0 : RecordWithin(body, end);
-    if ((inside == 0 && (isExact || isBelieved)) || IsWholeToTheWalk()) {
+    const std::uint64_t end = body + header.length;
+    const bool goesOn = GoesOnAt(end);
+    const auto passTo = [&](std::uint64_t to) {
       ++count;
-      m_position = end;
+      m_position = to;
       return Step::kGoOn;
-    }
+    };
+    if (isExact && goesOn) return passTo(end);
+    const std::uint64_t inside = RecordWithin(body, end);
+    if ((inside == 0 && goesOn && MayPassOver(header)) || IsBelieved(start)) return passTo(end);
+    // What was marked deleted was whole then. But a tag is not known by its length.
+    if (isExact && header.type != KESP_RECORD_TAG) return passTo(body + bodyLength);
+    // Where records are inside it, it is no record but a header that leads astray.
     if (inside != 0) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
+    if (isExact) return passTo(end);
     // It may be the record before the damage, or a damaged header: what is found decides.
     const std::uint64_t found = Find(body);
     const bool isWhole = end <= found && end <= m_length;
@@ -477,7 +496,7 @@ class Salvager {
   bool m_hasGoneBack = false;
   std::vector<std::byte> m_window;
   std::uint64_t m_windowStart = 0;
-  std::optional<bool> m_isWhole;  // unknown until it is asked
+  std::optional<std::uint64_t> m_believed;  // what IsBelieved compares with; unknown until it is asked
 };
 
 }  // namespace
