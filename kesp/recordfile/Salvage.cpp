@@ -279,10 +279,9 @@ class Salvager {
 
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
-    // Half a record may have others after it, where a writer was cut off and a later one appended. A tag's block may
-    // hold anything, and is believed.
+    // Half a record may have others after it, where a writer was cut off and a later one appended.
     std::uint64_t inside = 0;  // where another record begins in this one's place; never 0
-    if (isExact && type != KESP_RECORD_TAG && !GoesOnAt(body + bodyLength) && !IsBelieved(start)) {
+    if (isExact && !GoesOnAt(body + bodyLength) && !IsBelieved(start)) {
       inside = RecordWithin(body, body + bodyLength);
       if (inside != 0 && m_damaged) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
       // A header that is left of its record.

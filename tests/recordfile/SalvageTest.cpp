@@ -120,6 +120,22 @@ TEST_F(Salvaging, LooksIntoNoRecordThatTheWalkStepsOverBeforeTheDamage) {
   EXPECT_TRUE(report.unknown == 1 && report.gapBytes == 40);
 }
 
+TEST_F(Salvaging, FindsWhatWasAppendedAfterAHalfTag) {
+  const ByteVector before = EndOf(1);
+  const ByteVector after = EndOf(2) + EndOf(3) + EndOf(4) + EndOf(5);
+  const ByteVector half = Record(9, 2, 0, Hex("00*4 30 00*3 00*4 28 00*3")) + Hex("aa*7");
+  const ByteVector tag = WithLength(half, 56);  // 33 bytes of its block are those of the next records
+  for (const bool isDeleted : {false, true}) {
+    ByteVector source = FileHeader() + before + tag + after;
+    source[kFirst + 18 + 6] = isDeleted;
+    const ByteVector taken = isDeleted ? ByteVector() : Part(source, 68, 68 + 14 + 56);  // as the walk has it
+    EXPECT_EQ(Salvaged(source), FileHeader() + before + taken + after);
+    EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 37, KESP_ERROR_RECORD_HEADER}));
+  }
+  // Other damage before it: nothing of it is taken.
+  EXPECT_EQ(Salvaged(FileHeader() + Hex("00*40") + before + tag + after), FileHeader() + before + after);
+}
+
 TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
   const ByteVector records = EndOf(1) + EndOf(2);
   EXPECT_EQ(Salvaged(FileHeader(7, 20) + records), FileHeader(7) + EndOf(2)) << "the bytes of an application";
