@@ -89,6 +89,10 @@ void Salvage(Input input) {
   KESP_REQUIRE(system.At("a") == bytes);
   // Every byte of the source is looked at a few times at the most, however it is made.
   KESP_REQUIRE(system.BytesRead() - readBefore <= 64 * input.size() + 65536);
+  // And it comes to an end: nothing is counted twice, each record having its header and each gap its bytes.
+  constexpr std::uint64_t kHeader = 14;
+  KESP_REQUIRE(kHeader * (report.kept + report.deleted + report.unknown) + kFirst <= input.size());
+  KESP_REQUIRE(report.gapCount <= report.gapBytes && report.gapBytes + report.applicationBytes <= input.size());
   std::uint64_t behind = 0;
   std::uint64_t sum = 0;
   for (const SalvageGap& gap : report.gaps) {

@@ -4,6 +4,7 @@
 #include "kesp/dataset/ErrorEnum.h"
 #include "kesp/dataset/KespFile.h"
 #include "kesp/dataset/LogicFlag.h"
+#include "kesp/format/FormatLoss.h"
 #include "kesp/geometry/BoundingBox.h"
 #include "kesp/geometry/Point2D.h"
 #include "kesp/geometry/Point3D.h"

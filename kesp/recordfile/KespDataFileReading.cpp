@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "kesp/format/RecordKinds.h"
 #include "kesp/platform/ReadAhead.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RecordHeader.h"
@@ -12,12 +13,10 @@
 #include "kesp/records/KespPoint.h"
 #include "kesp/records/KespTag.h"
 #include "kesp/records/KespTavoHeader.h"
-#include "kesp/records/PointBody.h"
 
 namespace {
 
-constexpr std::uint32_t kFirstWideType = 10;  // types 10 to 14 are kept for records with wide-character text
-constexpr std::uint32_t kLastWideType = 14;
+constexpr std::size_t kPlainPointLength = kesp::BodyLengthOf(KESP_RECORD_POINT, 2);
 
 std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
   switch (type) {
@@ -45,18 +44,18 @@ std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
 // A point of the newest version without any mark, as nearly all of what a file holds is: read in one go when all of it
 // is in the buffer. Null, and nothing taken, for all else.
 CKespPoint* CKespDataFile::TakePlainPoint() {
-  const std::byte* const bytes = m_file.Buffered(kesp::kRecordHeaderSize + kesp::kPointVersion2Length);
+  const std::byte* const bytes = m_file.Buffered(kesp::kRecordHeaderSize + kPlainPointLength);
   if (bytes == nullptr) return nullptr;
   kesp::RecordHeader header;
-  kesp::UncheckedFieldReader reader({bytes, kesp::kRecordHeaderSize + kesp::kPointVersion2Length});
+  kesp::UncheckedFieldReader reader({bytes, kesp::kRecordHeaderSize + kPlainPointLength});
   kesp::DescribeRecordHeader(reader, header);
   if (header.type != KESP_RECORD_POINT || header.version != 2 || header.flags != 0 ||
-      header.length != kesp::kPointVersion2Length) {
+      header.length != kPlainPointLength) {
     return nullptr;
   }
   // A file of 4 GiB and more is compared as ReadHeader does.
   const std::uint64_t start = m_file.GetPosition();
-  constexpr std::size_t kWhole = kesp::kRecordHeaderSize + kesp::kPointVersion2Length;
+  constexpr std::size_t kWhole = kesp::kRecordHeaderSize + kPlainPointLength;
   if (static_cast<std::uint32_t>(start + kWhole) > static_cast<std::uint32_t>(m_file.KnownLength())) return nullptr;
   auto point = std::make_unique<CKespPoint>();
   kesp::kPointVersion2(reader, *point);
@@ -177,8 +176,8 @@ CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDele
       const auto type = static_cast<KESP_RECORD_TYPE>(header.type);
       if (type == KESP_RECORD_NONE) {
         m_error = KESP_ERROR_RECORD_TYPE;
-      } else if (type >= kFirstWideType && type <= kLastWideType) {
-        m_error = KESP_ERROR_UNICODE;  // refused rather than misread
+      } else if (kesp::KindOfRecord(type).use == kesp::RecordUse::kRefused) {
+        m_error = KESP_ERROR_UNICODE;
       } else {
         record = MakeRecord(type);
         if (!record) m_file.Seek(header.length, CFile::current);

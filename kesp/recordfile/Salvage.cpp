@@ -2,135 +2,33 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
+#include <cassert>
 #include <cerrno>
-#include <cmath>
 #include <memory>
 #include <optional>
 #include <span>
 #include <utility>
 #include <vector>
 
+#include "kesp/format/RecordKinds.h"
 #include "kesp/recordfile/FileHeader.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RebuiltFile.h"
 #include "kesp/recordfile/RecordHeader.h"
-#include "kesp/records/KespAttribute.h"
-#include "kesp/records/KespFeature.h"
-#include "kesp/records/KespFeatureEnd.h"
-#include "kesp/records/KespNote.h"
-#include "kesp/records/KespPoint.h"
 #include "kesp/records/KespTag.h"
-#include "kesp/records/KespTavoHeader.h"
 
 namespace kesp {
 namespace {
 
 constexpr std::uint16_t kNewestFileVersion = 3;
-constexpr std::uint32_t kKnownFlags = 0x1FFF;    // every KESP_FLAG
-constexpr std::uint32_t kTypes = 10;             // known types are below
-constexpr std::uint32_t kFirstRefusedType = 10;  // to 14
-constexpr std::uint32_t kLastRefusedType = 14;
-constexpr std::size_t kTagFixed = 8;  // kind and block length, in front of the block
-constexpr std::size_t kVersions = 4;  // versions 1 to 3; 0 is none
-
-// Which body lengths a type and version has.
-struct TypeLengths {
-  unsigned short newest = 0;  // 0: no known type
-  std::array<std::uint32_t, kVersions> length{};
-};
-
-template <class Record>
-TypeLengths LengthsOf() {
-  Record record;
-  TypeLengths lengths;
-  lengths.newest = record.m_recordVersion;
-  for (unsigned short v = 1; v <= lengths.newest; ++v) {
-    lengths.length[v] = static_cast<std::uint32_t>(record.GetLength(v));
-  }
-  return lengths;
-}
-
-const TypeLengths& LengthsOfType(std::uint32_t type) {
-  static const std::array<TypeLengths, kTypes> kAll = [] {
-    std::array<TypeLengths, kTypes> all;
-    all[KESP_RECORD_FEATURE] = LengthsOf<CKespFeature>();
-    all[KESP_RECORD_POINT] = LengthsOf<CKespPoint>();
-    all[KESP_RECORD_HEADER] = LengthsOf<CKespTavoHeader>();
-    all[KESP_RECORD_FEATURE_END] = LengthsOf<CKespFeatureEnd>();
-    all[KESP_RECORD_ATTRIBUTE] = LengthsOf<CKespAttribute>();
-    all[KESP_RECORD_NOTE] = LengthsOf<CKespNote>();
-    all[KESP_RECORD_TAG] = LengthsOf<CKespTag>();
-    return all;
-  }();
-  return kAll[type < kTypes ? type : KESP_RECORD_NONE];
-}
-
-// What can be told of a body besides its length: where its texts, its finite numbers and its number of few values
-// stand. The offsets are those of the record classes.
-struct TextField {
-  std::uint16_t offset;
-  std::uint16_t units;
-};
-struct BodyShape {
-  std::uint32_t type;
-  std::uint16_t version;
-  std::uint16_t unitWidth;  // bytes
-  std::array<TextField, 10> texts;
-  std::array<std::uint16_t, 8> numbers;  // doubles; 0 for none
-  std::uint16_t choice;                  // 16 bits; 0 for none
-  std::uint16_t choices;                 // its highest value, the lowest being 1
-};
-// clang-format off
-constexpr BodyShape kShapes[] = {
-    {KESP_RECORD_FEATURE, 1, 1, {{{4, 22}}}, {}, 26, 3},
-    {KESP_RECORD_FEATURE, 2, 2, {{{4, 21}}}, {}, 46, 3},
-    {KESP_RECORD_FEATURE, 3, 2, {{{4, 256}}}, {}, 516, 3},
-    {KESP_RECORD_POINT, 1, 1, {{{8, 22}}}, {34, 42, 50, 58}, 0, 0},
-    {KESP_RECORD_POINT, 2, 2, {{{8, 21}}}, {54, 62, 70, 78, 92, 100}, 0, 0},
-    {KESP_RECORD_HEADER, 1, 1, {{{10, 21}, {31, 256}, {287, 256}, {543, 256}, {799, 128}}}, {}, 0, 0},
-    {KESP_RECORD_HEADER, 2, 2, {{{10, 21}, {52, 256}, {564, 256}, {1076, 256}, {1588, 128}, {1844, 256}, {2356, 256},
-                                 {2956, 21}, {3002, 256}, {3518, 256}}},
-     {2872, 2880, 2888, 2896, 2904, 2912, 2920, 2928}, 0, 0},
-    {KESP_RECORD_ATTRIBUTE, 1, 1, {{{4, 22}, {28, 41}, {69, 21}, {116, 22}}}, {90, 98, 106}, 26, 5},
-    {KESP_RECORD_ATTRIBUTE, 2, 2, {{{4, 21}, {48, 41}, {130, 21}, {198, 21}}}, {172, 180, 188}, 46, 5},
-    {KESP_RECORD_ATTRIBUTE, 3, 2, {{{4, 256}, {518, 256}, {1030, 256}, {1568, 64}}},
-     {1542, 1550, 1558, 1696, 1704}, 516, 5},
-    {KESP_RECORD_NOTE, 1, 1, {{{0, 256}}}, {}, 0, 0},
-    {KESP_RECORD_NOTE, 2, 2, {{{0, 256}}}, {}, 0, 0},
-};
-// clang-format on
-
-// A text that ends inside its field, with nothing but zeros behind the end.
-bool IsPossibleText(std::span<const std::byte> field, std::size_t unitWidth) {
-  const auto isZero = [&](std::size_t i) {
-    return std::all_of(field.begin() + static_cast<std::ptrdiff_t>(i),
-                       field.begin() + static_cast<std::ptrdiff_t>(i + unitWidth),
-                       [](std::byte b) { return b == std::byte{0}; });
-  };
-  std::size_t end = 0;
-  while (end < field.size() && !isZero(end)) end += unitWidth;
-  if (end == field.size()) return false;
-  while (end < field.size() && isZero(end)) end += unitWidth;
-  return end == field.size();
-}
+constexpr std::uint32_t kKnownFlags = 0x1FFF;  // every KESP_FLAG
+constexpr std::size_t kTagFixed = 8;           // kind and block length, in front of the block
 
 bool IsPossibleBody(std::uint32_t type, std::uint16_t version, std::span<const std::byte> body) {
-  for (const BodyShape& shape : kShapes) {
-    if (shape.type != type || shape.version != version) continue;
-    for (const TextField& text : shape.texts) {
-      const std::size_t size = std::size_t{text.units} * shape.unitWidth;
-      if (size != 0 && !IsPossibleText(body.subspan(text.offset, size), shape.unitWidth)) return false;
-    }
-    for (const std::uint16_t number : shape.numbers) {
-      const auto value = std::bit_cast<double>(LoadLittle<std::uint64_t>(body.data() + number));
-      if (number != 0 && !std::isfinite(value)) return false;
-    }
-    if (shape.choices == 0) return true;
-    const auto choice = LoadLittle<std::uint16_t>(body.data() + shape.choice);
-    return choice >= 1 && choice <= shape.choices;
-  }
-  return true;  // a feature end: any number will do
+  FieldChecker checker(body);
+  constexpr BodyFields kFields{};
+  WithBody(type, version, [&](auto describe) { describe(checker, kFields); });
+  return checker.IsPossible();
 }
 
 RecordHeader DecodeHeader(std::span<const std::byte> bytes) {
@@ -148,11 +46,17 @@ class Salvager {
   // False when a record can't be written or the system can't read; raises what the file objects raise.
   bool Run() {
     PutFileHeader();
-    for (;;) {
+    // What was there at the start is looked at, so that a writer who goes on appending is no reason to go on here. Each
+    // step leads further, except the one that goes back to the end of the file header.
+    while (m_position < m_length) {
+      [[maybe_unused]] const std::uint64_t before = m_position;
+      [[maybe_unused]] const bool hadGoneBack = m_hasGoneBack;
       const Step step = Next();
-      if (step == Step::kFailed) return false;
+      if (step == Step::kFailed || m_source.m_systemError != 0) return false;
       if (step == Step::kEnd) return true;
+      assert(m_position > before || m_hasGoneBack != hadGoneBack);
     }
+    return true;
   }
 
  private:
@@ -206,8 +110,8 @@ class Salvager {
   // Whether the header of a known type and version has known flags, and the length that a body of that layout has.
   // The layout's length, which is where the next record begins, is handed out.
   bool IsExact(const RecordHeader& header, std::uint64_t offset, std::uint64_t& bodyLength) {
-    const TypeLengths& lengths = LengthsOfType(header.type);
-    if (header.version == 0 || header.version > lengths.newest || (header.flags & ~kKnownFlags) != 0) return false;
+    const RecordKind& kind = KindOfRecord(header.type);
+    if (header.version == 0 || header.version > kind.newest || (header.flags & ~kKnownFlags) != 0) return false;
     const std::uint64_t body = offset + kRecordHeaderSize;
     if (header.type == KESP_RECORD_TAG) {
       bodyLength = header.length;
@@ -216,8 +120,8 @@ class Salvager {
       return fixed.size() == kTagFixed &&
              LoadLittle<std::uint32_t>(fixed.data() + 4) == header.length - static_cast<std::uint32_t>(kTagFixed);
     }
-    bodyLength = lengths.length[header.version];
-    const bool isLengthOfVersion2 = header.version == 3 && header.length == lengths.length[2];
+    bodyLength = kind.length[header.version];
+    const bool isLengthOfVersion2 = header.version == 3 && header.length == kind.length[2];
     return (header.length == bodyLength || isLengthOfVersion2) && Fits(body, bodyLength);
   }
   bool IsExactAt(std::uint64_t offset, std::uint64_t& bodyLength) {
@@ -234,28 +138,17 @@ class Salvager {
     if (hops == 0 || !Fits(offset, kRecordHeaderSize)) return false;
     const RecordHeader header = DecodeHeader(View(offset, kRecordHeaderSize));
     const std::uint64_t body = offset + kRecordHeaderSize;
-    const std::uint32_t layout = IsPassedOver(header) ? 0 : LayoutLength(header);
+    const std::size_t layout = IsPassedOver(header) ? 0 : BodyLengthOf(header.type, header.version);
     if (layout != 0) return header.length != 0 && GoesOnAt(body + layout, hops - 1);
     return IsPassedOver(header) && MayPassOver(header) && GoesOnAt(body + header.length, hops - 1);
   }
   static bool IsPassedOver(const RecordHeader& header) {
-    return (header.flags & KESP_FLAG_DELETED) != 0 ||
-           (LengthsOfType(header.type).newest == 0 && !IsRefused(header.type));
+    return (header.flags & KESP_FLAG_DELETED) != 0 || KindOfRecord(header.type).use == RecordUse::kPassedOver;
   }
   // A header that the walk steps over leads anywhere. Behind damage only one that looks like a header is followed.
   static bool MayPassOver(const RecordHeader& header) {
     return header.type <= 0xFFFF && header.version <= 0xFF && (header.flags & ~kKnownFlags) == 0 && header.length != 0;
   }
-  static bool IsRefused(std::uint32_t type) {
-    return type == KESP_RECORD_NONE || (type >= kFirstRefusedType && type <= kLastRefusedType);
-  }
-  // Of a fixed layout that the walk reads; 0 for others.
-  static std::uint32_t LayoutLength(const RecordHeader& header) {
-    const TypeLengths& lengths = LengthsOfType(header.type);
-    if (header.type == KESP_RECORD_TAG || header.version > lengths.newest) return 0;
-    return lengths.length[header.version];
-  }
-
   // One record where records are known to begin, or the search for the next such place.
   // NOLINTNEXTLINE(readability-function-cognitive-complexity): the cases of one step, each a line or two
   Step Next() {
@@ -273,10 +166,9 @@ class Salvager {
 
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
-    // Half a record may have others behind it, where a writer was cut off and a later one appended. A tag's block may
-    // hold anything, and is believed.
+    // Half a record may have others after it, where a writer was cut off and a later one appended.
     std::uint64_t inside = 0;  // where another record begins in this one's place; never 0
-    if (isExact && type != KESP_RECORD_TAG && !GoesOnAt(body + bodyLength) && !IsWholeToTheWalk()) {
+    if (isExact && !GoesOnAt(body + bodyLength) && !IsBelieved(start)) {
       inside = RecordWithin(body, body + bodyLength);
       if (inside != 0 && m_damaged) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
       // A header that is left of its record.
@@ -298,7 +190,7 @@ class Salvager {
       return Damage(start, error);
     }
     const std::uint64_t end = m_file.GetPosition();
-    if (inside == 0 && (isExact || GoesOnAt(end) || IsWholeToTheWalk())) return Keep(*record, end);
+    if (inside == 0 && (isExact || GoesOnAt(end) || IsBelieved(start))) return Keep(*record, end);
     // The walk takes it and goes astray: up to there the copy has what the walk has.
     if (m_damaged) return Damage(start, KESP_ERROR_RECORD_HEADER);
     if (Keep(*record, end) == Step::kFailed) return Step::kFailed;
@@ -306,22 +198,41 @@ class Salvager {
     return Skip(found < end ? start : end, found, KESP_ERROR_RECORD_HEADER);
   }
 
-  // Asked when a record looks like damage, which a whole file may have too: lengths that nobody minds, say. Walks over
-  // all of it, once.
-  bool IsWholeToTheWalk() {
+  // Whether what begins at `start`, where the walk gets to, is what the walk takes it for. So is all of a file that the
+  // walk comes to the end of, and otherwise what is before the last header that is as it should be: nobody gets there
+  // by chance. The walk is asked when a record looks like damage, which a whole file may have too: lengths that nobody
+  // minds, say.
+  bool IsBelieved(std::uint64_t start) {
     if (m_damaged) return false;
-    if (!m_isWhole) {
-      m_isWhole = false;
+    if (!m_believed) m_believed = WalkAll();
+    return start < *m_believed;
+  }
+  // Where the walk's last exact header is; the end of the file where it gets there.
+  std::uint64_t WalkAll() {
+    std::uint64_t lastExact = m_firstRecord;
+    std::uint64_t start = m_firstRecord;
+    while (start < m_length) {
+      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+      KESP_RECORD_TYPE type = KESP_RECORD_NONE;
+      RecordHeader header;
+      if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) return lastExact;
+      header.type = type;
+      std::uint64_t bodyLength = 0;
+      if (IsExact(header, start, bodyLength)) lastExact = start;
+      if (IsPassedOver(header)) {
+        start += kRecordHeaderSize + header.length;
+        continue;
+      }
+      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
       try {
-        m_file.Seek(static_cast<std::int64_t>(m_firstRecord), CFile::begin);
-        while (const std::unique_ptr<CKespRecord> record{m_source.ReadNextRecord(true)}) {
-        }
-        m_isWhole = m_source.GetError() == KESP_ERROR_NORMAL_EOF && m_file.GetPosition() == m_length;
+        if (!std::unique_ptr<CKespRecord>{m_source.ReadNextRecord(false)}) return lastExact;
       } catch (const CFileException& e) {
         if (e.m_cause != CFileException::endOfFile) throw;
+        return lastExact;
       }
+      start = m_file.GetPosition();
     }
-    return *m_isWhole;
+    return start == m_length ? m_length : lastExact;
   }
 
   Step Keep(CKespRecord& record, std::uint64_t end) {
@@ -341,21 +252,21 @@ class Salvager {
     std::uint64_t& count = isDeleted ? m_report.deleted : m_report.unknown;
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
-    std::uint64_t end = body + header.length;
-    bool goesOn = GoesOnAt(end);
-    if (isExact && header.length != bodyLength && !goesOn) {
-      end = body + bodyLength;
-      goesOn = GoesOnAt(end);
-    }
-    // Where records stand inside it, it is no record but a header that leads astray; a tag's block may hold anything.
-    const bool isBelieved = isExact ? goesOn || header.type == KESP_RECORD_TAG : goesOn && MayPassOver(header);
-    const std::uint64_t inside = isExact && isBelieved ? 0 : RecordWithin(body, end);
-    if ((inside == 0 && (isExact || isBelieved)) || IsWholeToTheWalk()) {
+    const std::uint64_t end = body + header.length;
+    const bool goesOn = GoesOnAt(end);
+    const auto passTo = [&](std::uint64_t to) {
       ++count;
-      m_position = end;
+      m_position = to;
       return Step::kGoOn;
-    }
+    };
+    if (isExact && goesOn) return passTo(end);
+    const std::uint64_t inside = RecordWithin(body, end);
+    if ((inside == 0 && goesOn && MayPassOver(header)) || IsBelieved(start)) return passTo(end);
+    // What was marked deleted was whole then. But a tag is not known by its length.
+    if (isExact && header.type != KESP_RECORD_TAG) return passTo(body + bodyLength);
+    // Where records are inside it, it is no record but a header that leads astray.
     if (inside != 0) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
+    if (isExact) return passTo(end);
     // It may be the record before the damage, or a damaged header: what is found decides.
     const std::uint64_t found = Find(body);
     const bool isWhole = end <= found && end <= m_length;
@@ -371,10 +282,17 @@ class Salvager {
   }
 
   Step Damage(std::uint64_t offset, KESP_ERROR_TYPE reason) {
-    // Where not even the first record stands, the file header may have named a wrong place.
-    const bool isFirst = offset == m_firstRecord && offset > kFileHeaderSize && m_report.kept == 0;
-    const std::uint64_t from = isFirst ? kFileHeaderSize : offset;
-    return Skip(from, Find(isFirst ? from : from + 1), reason);
+    // Where not even the first record can be read, the file header may have named a wrong place. Looked into once: the
+    // search back there may find nothing that is kept, and lead here again.
+    if (offset == m_firstRecord && offset > kFileHeaderSize && m_report.kept == 0 && !m_hasGoneBack) {
+      m_hasGoneBack = true;
+      const std::uint64_t found = FindBefore(offset, kFileHeaderSize);
+      if (found < offset) {
+        m_report.applicationBytes = 0;
+        return Skip(kFileHeaderSize, found, reason);
+      }
+    }
+    return Skip(offset, Find(offset + 1), reason);
   }
 
   void NoteGap(std::uint64_t from, std::uint64_t to, KESP_ERROR_TYPE reason) {
@@ -421,9 +339,9 @@ class Salvager {
   // The little that most bytes fail at.
   static bool MayBegin(const std::byte* at) {
     const auto type = LoadLittle<std::uint32_t>(at);
-    if (type == 0 || type >= kTypes) return false;
+    if (type == 0 || type > KESP_RECORD_TAG) return false;
     const auto version = LoadLittle<std::uint16_t>(at + 4);
-    return version != 0 && version <= LengthsOfType(type).newest &&
+    return version != 0 && version <= KindOfRecord(type).newest &&
            (LoadLittle<std::uint32_t>(at + 6) & ~kKnownFlags) == 0;
   }
   bool IsCandidate(const RecordHeader& header, std::uint64_t offset) {
@@ -464,9 +382,10 @@ class Salvager {
   std::uint64_t m_position = 0;
   std::uint64_t m_firstRecord = 0;
   bool m_damaged = false;
+  bool m_hasGoneBack = false;
   std::vector<std::byte> m_window;
   std::uint64_t m_windowStart = 0;
-  std::optional<bool> m_isWhole;  // unknown until it is asked
+  std::optional<std::uint64_t> m_believed;  // what IsBelieved compares with; unknown until it is asked
 };
 
 }  // namespace

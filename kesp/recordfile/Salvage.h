@@ -6,18 +6,22 @@
 //   if (!kesp::Salvage(file, L"salvaged.kesp", 2, report)) return Complain("can't be written");
 //   for (const kesp::SalvageGap& gap : report.gaps) Tell(gap.offset, gap.length);
 //
-// CKespDataFile::CopyVerify ends at the first damage; this goes on behind it. Up to there it takes the records that the
-// walk takes. Behind it, it looks byte by byte for the next record that leaves no doubt:
+// CKespDataFile::CopyVerify ends at the first damage; this goes on after it. Up to there it takes the records that the
+// walk takes, and looks into none that the walk steps over: in all of a file that the walk gets to the end of, and
+// otherwise up to the last header on its way that has a known type and the length that belongs to it. After the damage
+// it looks byte by byte for the next record that leaves no doubt:
 //
 //   - a type, version and flags that are known, and the body length of just that type and version (in files made by
 //     CopyVerify, also the shorter length that it states for features and attributes); a tag's three lengths agree;
 //   - a body that can be: a feature's type 1 to 3, an attribute's kind 1 to 5, a tag's 0 to 13, finite numbers, and
 //     texts that end, with zeros behind their end;
-//   - right behind it the header of another record, or the end of the file.
+//   - right after it the header of another record, or the end of the file.
 //
-// From there it walks on, and takes what has such a header, or a record behind it. So it may leave out a whole record
-// that has damage on both sides, rather than make one up. Only a record that somebody stored inside the block of a tag
-// may be mistaken for one of the file's own, and only where damage stands before it.
+// From there it walks on, and takes what has such a header, or a record after it. A record that has neither after its
+// stated end may be half of one, left by a writer who was cut off, with those of a later one in the place of the rest:
+// it is searched for them. So the salvage may leave out a whole record that has damage on both sides, rather than make
+// one up. Only a record that somebody stored inside a tag, or inside one of unknown type, may be mistaken for one of
+// the file's own, and only where damage is before that tag or right after it.
 //
 // Deleted records and those of unknown types are left out, as in CopyVerify, and records are written in the same way.
 // The file header keeps its version; an application header behind it is not copied, and the copy's header says so. A

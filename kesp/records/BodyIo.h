@@ -1,4 +1,5 @@
-// How a record class gets its body out of a file and into it, given the body's description (see kesp/util/Fields.h).
+// How a record class gets its body out of a file and into it, given the body's description (see
+// kesp/format/Bodies.h).
 #pragma once
 #include <array>
 #include <cstddef>

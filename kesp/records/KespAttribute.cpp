@@ -1,50 +1,8 @@
 #include "kesp/records/KespAttribute.h"
 
+#include "kesp/format/Bodies.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/util/Utilities.h"
-
-namespace {
-
-constexpr auto kVersion1 = [](auto& v, auto& a) {
-  v.U32(a.FeatureNumber);            // 0
-  v.Text8(a.AttributeName, 22, 20);  // 4
-  v.U16(a.AttributeKind);            // 26
-  v.Text8(a.TextValue, 41);          // 28
-  v.Text8(a.SubValue, 21);           // 69
-  v.F64(a.Value);                    // 90
-  v.F64(a.AuxNumber1);               // 98
-  v.F64(a.AuxNumber2);               // 106
-  v.U16(a.Decimals);                 // 114
-  v.Text8(a.AuxText, 22, 20);        // 116
-};
-constexpr auto kVersion2 = [](auto& v, auto& a) {
-  v.U32(a.FeatureNumber);         // 0
-  v.Text16(a.AttributeName, 21);  // 4
-  v.U16(a.AttributeKind);         // 46
-  v.Text16(a.TextValue, 41);      // 48
-  v.Text16(a.SubValue, 21);       // 130
-  v.F64(a.Value);                 // 172
-  v.F64(a.AuxNumber1);            // 180
-  v.F64(a.AuxNumber2);            // 188
-  v.U16(a.Decimals);              // 196
-  v.Text16(a.AuxText, 21);        // 198
-};
-constexpr auto kVersion3 = [](auto& v, auto& a) {
-  v.U32(a.FeatureNumber);          // 0
-  v.Text16(a.AttributeName, 256);  // 4
-  v.U16(a.AttributeKind);          // 516
-  v.Text16(a.TextValue, 256);      // 518
-  v.Text16(a.SubValue, 256);       // 1030
-  v.F64(a.Value);                  // 1542
-  v.F64(a.AuxNumber1);             // 1550
-  v.F64(a.AuxNumber2);             // 1558
-  v.U16(a.Decimals);               // 1566
-  v.Text16(a.AuxText, 64);         // 1568
-  v.F64(a.AuxNumber3);             // 1696
-  v.F64(a.AuxNumber4);             // 1704
-};
-
-}  // namespace
 
 bool CKespAttribute::SetFeatureNumber(unsigned long featureNumber, unsigned long) noexcept {
   FeatureNumber = static_cast<std::uint32_t>(featureNumber);
@@ -73,11 +31,11 @@ CString CKespAttribute::GetAsFormatedString(bool noGrouping) const {
 unsigned long CKespAttribute::GetLength(unsigned short version) {
   switch (OwnVersionIfZero(version)) {
     case 1:
-      return kesp::BodyLength(*this, kVersion1);
+      return kesp::BodyLength(*this, kesp::kAttributeVersion1);
     case 2:
-      return kesp::BodyLength(*this, kVersion2);
+      return kesp::BodyLength(*this, kesp::kAttributeVersion2);
     case 3:
-      return kesp::BodyLength(*this, kVersion3);
+      return kesp::BodyLength(*this, kesp::kAttributeVersion3);
     default:
       return 0;
   }
@@ -104,7 +62,7 @@ bool CKespAttribute::Read(CFile& file) {
 bool CKespAttribute::ReadVersion3(CFile& file) {
   m_error = KESP_ERROR_NONE;
   if (m_recordVersion != 3) return ReadVersion2(file);
-  kesp::ReadBody(file, *this, kVersion3, KESP_ERROR_EOF);
+  kesp::ReadBody(file, *this, kesp::kAttributeVersion3, KESP_ERROR_EOF);
   if (!IsKnownKind()) AttributeKind = KESP_ATTRIBUTE_NUMERIC;
   return true;
 }
@@ -112,14 +70,14 @@ bool CKespAttribute::ReadVersion3(CFile& file) {
 bool CKespAttribute::ReadVersion2(CFile& file) {
   m_error = KESP_ERROR_NONE;
   if (m_recordVersion != 2) return ReadVersion1(file);
-  kesp::ReadBody(file, *this, kVersion2, KESP_ERROR_EOF);
+  kesp::ReadBody(file, *this, kesp::kAttributeVersion2, KESP_ERROR_EOF);
   if (!IsKnownKind()) AttributeKind = KESP_ATTRIBUTE_NUMERIC;
   return true;
 }
 
 bool CKespAttribute::ReadVersion1(CFile& file) {
   if (m_recordVersion != 1) return false;
-  kesp::ReadBody(file, *this, kVersion1, KESP_ERROR_EOF);
+  kesp::ReadBody(file, *this, kesp::kAttributeVersion1, KESP_ERROR_EOF);
   // The oldest format is held to its kinds, the later ones are mended: hosts tell damage in old files by this error.
   if (!IsKnownKind()) m_error = KESP_ERROR_ATTRIBUTE_TYPE;
   return m_error == KESP_ERROR_NONE;
@@ -151,7 +109,7 @@ bool CKespAttribute::WriteVersion3(CFile& file, unsigned long sourceFlag, unsign
   SetSourceFlag(sourceFlag);
   if (resolved == 2) return WriteVersion2(file, sourceFlag, 2);
   if (resolved != 3) return WriteVersion1(file, sourceFlag, resolved);
-  kesp::WriteBody(file, *this, kVersion3);
+  kesp::WriteBody(file, *this, kesp::kAttributeVersion3);
   return true;
 }
 
@@ -160,13 +118,13 @@ bool CKespAttribute::WriteVersion2(CFile& file, unsigned long sourceFlag, unsign
   SetSourceFlag(sourceFlag);
   if (resolved == 3) return WriteVersion3(file, sourceFlag, resolved);
   if (resolved != 2) return WriteVersion1(file, sourceFlag, resolved);
-  kesp::WriteBody(file, *this, kVersion2);
+  kesp::WriteBody(file, *this, kesp::kAttributeVersion2);
   return true;
 }
 
 bool CKespAttribute::WriteVersion1(CFile& file, unsigned long /*sourceFlag*/, unsigned short version) {
   if (version != 1) return false;
-  kesp::WriteBody(file, *this, kVersion1);
+  kesp::WriteBody(file, *this, kesp::kAttributeVersion1);
   return true;
 }
 

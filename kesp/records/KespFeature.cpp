@@ -2,32 +2,12 @@
 
 #include <algorithm>
 
+#include "kesp/format/Bodies.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/util/StringTable.h"
 #include "kesp/util/Utilities.h"
 
 namespace {
-
-constexpr auto kBehindName = [](auto& v, auto& f) {
-  v.U16(f.FeatureType);
-  v.U32(f.Color);
-  v.U16(f.SymbolIndex);
-};
-constexpr auto kVersion1 = [](auto& v, auto& f) {
-  v.U32(f.FeatureNumber);          // 0
-  v.Text8(f.FeatureName, 22, 20);  // 4
-  kBehindName(v, f);               // 26
-};
-constexpr auto kVersion2 = [](auto& v, auto& f) {
-  v.U32(f.FeatureNumber);       // 0
-  v.Text16(f.FeatureName, 21);  // 4
-  kBehindName(v, f);            // 46
-};
-constexpr auto kVersion3 = [](auto& v, auto& f) {
-  v.U32(f.FeatureNumber);        // 0
-  v.Text16(f.FeatureName, 256);  // 4
-  kBehindName(v, f);             // 516
-};
 
 template <class Item>
 Item* At(const kesp::OwningList<Item>& list, int index) noexcept {
@@ -147,11 +127,11 @@ CString CKespFeature::GetTypeString() const {
 unsigned long CKespFeature::GetLength(unsigned short version) {
   switch (OwnVersionIfZero(version)) {
     case 1:
-      return kesp::BodyLength(*this, kVersion1);
+      return kesp::BodyLength(*this, kesp::kFeatureVersion1);
     case 2:
-      return kesp::BodyLength(*this, kVersion2);
+      return kesp::BodyLength(*this, kesp::kFeatureVersion2);
     case 3:
-      return kesp::BodyLength(*this, kVersion3);
+      return kesp::BodyLength(*this, kesp::kFeatureVersion3);
     default:
       return 0;
   }
@@ -174,7 +154,7 @@ bool CKespFeature::ReadVersion3(CFile& file) {
   m_error = KESP_ERROR_NONE;
   try {
     if (m_recordVersion != 3) return ReadVersion2(file);
-    kesp::ReadBody(file, *this, kVersion3, KESP_ERROR_EOF);
+    kesp::ReadBody(file, *this, kesp::kFeatureVersion3, KESP_ERROR_EOF);
     return CheckType();
   } catch (const CFileException&) {
     return false;
@@ -185,7 +165,7 @@ bool CKespFeature::ReadVersion2(CFile& file) {
   m_error = KESP_ERROR_NONE;
   try {
     if (m_recordVersion != 2) return ReadVersion1(file);
-    kesp::ReadBody(file, *this, kVersion2, KESP_ERROR_EOF);
+    kesp::ReadBody(file, *this, kesp::kFeatureVersion2, KESP_ERROR_EOF);
     return CheckType();
   } catch (const CFileException&) {
     return false;
@@ -194,7 +174,7 @@ bool CKespFeature::ReadVersion2(CFile& file) {
 
 bool CKespFeature::ReadVersion1(CFile& file) {
   if (m_recordVersion != 1) return false;
-  kesp::ReadBody(file, *this, kVersion1, KESP_ERROR_EOF);
+  kesp::ReadBody(file, *this, kesp::kFeatureVersion1, KESP_ERROR_EOF);
   return CheckType();
 }
 
@@ -218,7 +198,7 @@ bool CKespFeature::WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned
   const unsigned short resolved = OwnVersionIfZero(version);
   try {
     if (resolved != 3) return WriteVersion2(file, sourceFlag, version);
-    kesp::WriteBody(file, *this, kVersion3);
+    kesp::WriteBody(file, *this, kesp::kFeatureVersion3);
     return true;
   } catch (const CFileException&) {
     return false;
@@ -231,7 +211,7 @@ bool CKespFeature::WriteVersion2(CFile& file, unsigned long sourceFlag, unsigned
       case 1:
         return WriteVersion1(file, 1);
       case 2:
-        kesp::WriteBody(file, *this, kVersion2);
+        kesp::WriteBody(file, *this, kesp::kFeatureVersion2);
         return true;
       case 3:
         return WriteVersion3(file, sourceFlag, 3);
@@ -245,7 +225,7 @@ bool CKespFeature::WriteVersion2(CFile& file, unsigned long sourceFlag, unsigned
 
 bool CKespFeature::WriteVersion1(CFile& file, unsigned short version) {
   if (version != 1) return false;
-  kesp::WriteBody(file, *this, kVersion1);
+  kesp::WriteBody(file, *this, kesp::kFeatureVersion1);
   return true;
 }
 

@@ -1,24 +1,21 @@
 #include "kesp/records/KespFeatureEnd.h"
 
+#include "kesp/format/Bodies.h"
 #include "kesp/records/BodyIo.h"
-
-namespace {
-
-constexpr auto kBody = [](auto& v, auto& end) { v.U32(end.FeatureNumber); };
-
-}  // namespace
 
 bool CKespFeatureEnd::SetFeatureNumber(unsigned long featureNumber, unsigned long) noexcept {
   FeatureNumber = static_cast<std::uint32_t>(featureNumber);
   return true;
 }
 
-unsigned long CKespFeatureEnd::GetLength(unsigned short /*version*/) { return kesp::BodyLength(*this, kBody); }
+unsigned long CKespFeatureEnd::GetLength(unsigned short /*version*/) {
+  return kesp::BodyLength(*this, kesp::kFeatureEndBody);
+}
 
 bool CKespFeatureEnd::Read(CFile& file) {
   m_error = KESP_ERROR_NONE;
   try {
-    kesp::ReadBody(file, *this, kBody, KESP_ERROR_EOF);
+    kesp::ReadBody(file, *this, kesp::kFeatureEndBody, KESP_ERROR_EOF);
     return true;
   } catch (const CFileException&) {
     return false;
@@ -27,7 +24,7 @@ bool CKespFeatureEnd::Read(CFile& file) {
 
 bool CKespFeatureEnd::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short /*version*/) {
   try {
-    kesp::WriteBody(file, *this, kBody);
+    kesp::WriteBody(file, *this, kesp::kFeatureEndBody);
     return true;
   } catch (const CFileException&) {
     return false;

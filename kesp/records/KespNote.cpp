@@ -1,12 +1,10 @@
 #include "kesp/records/KespNote.h"
 
+#include "kesp/format/Bodies.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/records/VersionTables.h"
 
 namespace {
-
-constexpr auto kVersion1 = [](auto& v, auto& note) { v.Text8(note.NoteText, 256); };
-constexpr auto kVersion2 = [](auto& v, auto& note) { v.Text16(note.NoteText, 256); };
 
 constexpr int kTagLength = 4;  // characters that tell one tagged note from another
 
@@ -15,9 +13,9 @@ constexpr int kTagLength = 4;  // characters that tell one tagged note from anot
 unsigned long CKespNote::GetLength(unsigned short version) {
   switch (OwnVersionIfZero(version)) {
     case 1:
-      return kesp::BodyLength(*this, kVersion1);
+      return kesp::BodyLength(*this, kesp::kNoteVersion1);
     case 2:
-      return kesp::BodyLength(*this, kVersion2);
+      return kesp::BodyLength(*this, kesp::kNoteVersion2);
     default:
       return 0;
   }
@@ -27,7 +25,7 @@ bool CKespNote::Read(CFile& file) {
   m_error = KESP_ERROR_NONE;
   try {
     if (m_recordVersion != 2) return ReadOldVersions(file);
-    kesp::ReadBody(file, *this, kVersion2, KESP_ERROR_EOF);
+    kesp::ReadBody(file, *this, kesp::kNoteVersion2, KESP_ERROR_EOF);
     return true;
   } catch (const CFileException&) {
     return false;
@@ -36,7 +34,7 @@ bool CKespNote::Read(CFile& file) {
 
 bool CKespNote::ReadOldVersions(CFile& file) {
   if (m_recordVersion != 1) return false;
-  kesp::ReadBody(file, *this, kVersion1, KESP_ERROR_EOF);
+  kesp::ReadBody(file, *this, kesp::kNoteVersion1, KESP_ERROR_EOF);
   return true;
 }
 
@@ -44,7 +42,7 @@ bool CKespNote::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short 
   const unsigned short resolved = OwnVersionIfZero(version);
   try {
     if (resolved != 2) return WriteOldVersions(file, resolved);
-    kesp::WriteBody(file, *this, kVersion2);
+    kesp::WriteBody(file, *this, kesp::kNoteVersion2);
     return true;
   } catch (const CFileException&) {
     return false;
@@ -53,7 +51,7 @@ bool CKespNote::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short 
 
 bool CKespNote::WriteOldVersions(CFile& file, unsigned short version) {
   if (version != 1) return false;
-  kesp::WriteBody(file, *this, kVersion1);
+  kesp::WriteBody(file, *this, kesp::kNoteVersion1);
   return true;
 }
 

@@ -1,7 +1,7 @@
 #include "kesp/records/KespPoint.h"
 
+#include "kesp/format/Bodies.h"
 #include "kesp/records/BodyIo.h"
-#include "kesp/records/PointBody.h"
 #include "kesp/records/VersionTables.h"
 
 namespace {

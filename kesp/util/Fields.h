@@ -1,5 +1,6 @@
-// Takes record fields out of memory and puts them there: the three visitors that a body description is written
-// against, so that reading, writing and length can't drift apart.
+// Takes record fields out of memory and puts them there: the visitors that a body description is written against, so
+// that reading, writing, length and what a body may hold can't drift apart. The descriptions are in
+// kesp/format/Bodies.h.
 //
 //   template <class Visitor, class Record>
 //   void DescribeVersion1(Visitor& v, Record& r) {
@@ -12,6 +13,7 @@
 #pragma once
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -92,6 +94,11 @@ class BasicFieldReader {
   void U16(T& field) noexcept {
     if (const std::byte* at = Take(2)) field = static_cast<T>(LoadLittle<std::uint16_t>(at));
   }
+  // One of few values, which the reader of the record checks.
+  template <class T>
+  void Choice16(T& field, std::uint16_t /*least*/, std::uint16_t /*most*/) noexcept {
+    U16(field);
+  }
   template <class T>
   void U32(T& field) noexcept {
     if (const std::byte* at = Take(4)) field = static_cast<T>(LoadLittle<std::uint32_t>(at));
@@ -153,6 +160,10 @@ class FieldWriter {
     m_at += 2;
   }
   template <class T>
+  void Choice16(const T& field, std::uint16_t /*least*/, std::uint16_t /*most*/) noexcept {
+    U16(field);
+  }
+  template <class T>
   void U32(const T& field) noexcept {
     StoreLittle(m_at, static_cast<std::uint32_t>(field));
     m_at += 4;
@@ -195,12 +206,25 @@ class FieldCounter {
     m_length += 2;
   }
   template <class T>
+  constexpr void Choice16(const T&, std::uint16_t, std::uint16_t) noexcept {
+    m_length += 2;
+  }
+  template <class T>
   constexpr void U32(const T&) noexcept {
     m_length += 4;
   }
-  constexpr void F64(const double&) noexcept { m_length += 8; }
-  constexpr void Text16(const CString&, std::size_t units) noexcept { m_length += 2 * units; }
-  constexpr void Text8(const CString&, std::size_t bytes, std::size_t = 0) noexcept { m_length += bytes; }
+  template <class T>
+  constexpr void F64(const T&) noexcept {
+    m_length += 8;
+  }
+  template <class T>
+  constexpr void Text16(const T&, std::size_t units) noexcept {
+    m_length += 2 * units;
+  }
+  template <class T>
+  constexpr void Text8(const T&, std::size_t bytes, std::size_t = 0) noexcept {
+    m_length += bytes;
+  }
   constexpr void Raw(std::span<const std::uint8_t> field) noexcept { m_length += field.size(); }
   constexpr void Skip(std::size_t bytes) noexcept { m_length += bytes; }
 
@@ -208,6 +232,55 @@ class FieldCounter {
 
  private:
   std::size_t m_length = 0;
+};
+
+// Tells whether bytes can be a body that a writer made: texts that end inside their fields, with zeros after the end,
+// finite numbers, and of few values one of these. Takes no value out. Borrows the bytes, which are as long as the body.
+class FieldChecker {
+ public:
+  explicit FieldChecker(std::span<const std::byte> body) noexcept : m_at(body.data()) {}
+
+  template <class T>
+  void U16(const T&) noexcept {
+    Skip(2);
+  }
+  template <class T>
+  void Choice16(const T&, std::uint16_t least, std::uint16_t most) noexcept {
+    const auto value = LoadLittle<std::uint16_t>(m_at);
+    m_isPossible = m_isPossible && value >= least && value <= most;
+    Skip(2);
+  }
+  template <class T>
+  void U32(const T&) noexcept {
+    Skip(4);
+  }
+  template <class T>
+  void F64(const T&) noexcept {
+    m_isPossible = m_isPossible && std::isfinite(std::bit_cast<double>(LoadLittle<std::uint64_t>(m_at)));
+    Skip(8);
+  }
+  template <class T>
+  void Text16(const T&, std::size_t units) noexcept {
+    EndsInZeros(2 * units, 2 * TextLength16(m_at, units));
+  }
+  template <class T>
+  void Text8(const T&, std::size_t bytes, std::size_t = 0) noexcept {
+    EndsInZeros(bytes, static_cast<std::size_t>(std::find(m_at, m_at + bytes, std::byte{0}) - m_at));
+  }
+  void Raw(std::span<const std::uint8_t> field) noexcept { Skip(field.size()); }
+  void Skip(std::size_t bytes) noexcept { m_at += bytes; }
+
+  [[nodiscard]] bool IsPossible() const noexcept { return m_isPossible; }
+
+ private:
+  void EndsInZeros(std::size_t width, std::size_t end) noexcept {
+    m_isPossible = m_isPossible && end < width &&
+                   std::all_of(m_at + end, m_at + width, [](std::byte b) { return b == std::byte{0}; });
+    Skip(width);
+  }
+
+  const std::byte* m_at;
+  bool m_isPossible = true;
 };
 
 }  // namespace kesp

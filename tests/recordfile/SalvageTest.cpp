@@ -83,6 +83,59 @@ TEST_F(Salvaging, TakesAllOfWhatIsWholeToTheWalkHoweverOddItLooks) {
   EXPECT_TRUE(report.kept == 21 && report.deleted == 20 && report.gapCount == 0);
 }
 
+TEST_F(Salvaging, LooksIntoNoRecordThatTheWalkStepsOverBeforeTheDamage) {
+  const ByteVector note = Record(6, 2, 0, NoteBody2());
+  const ByteVector image = Hex("01*8") + EndOf(5) + note;  // of records
+  const ByteVector unknown = Record(20, 1, 0, image);
+  const ByteVector notes = EndOf(1) + EndOf(2);
+  ByteVector block = Hex("00*4") + Hex("28 02 00 00") + image;
+  const ByteVector tag = Record(9, 2, 0, Hex("00*4 30 02 00 00") + block);
+  const auto deleted = [](ByteVector record) {
+    record[6] = 1;
+    return record;
+  };
+  // A note whose text is one of a record that ends where the note does.
+  const ByteVector gone = Record(6, 2, 1, Hex("61 00*493") + EndOf(5));
+  const struct {
+    ByteVector stepped;
+    std::uint64_t deleted, unknown, kept;
+  } kCases[] = {
+      {unknown, 0, 1, 0},      {gone, 1, 0, 0}, {Record(20, 0x100, 0, image), 0, 1, 0},
+      {deleted(tag), 1, 0, 0}, {tag, 0, 0, 1},  {unknown + gone + unknown, 1, 2, 0},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(&c - kCases);
+    const ByteVector kept = c.kept != 0 ? c.stepped : ByteVector();
+    EXPECT_EQ(Salvaged(FileHeader() + c.stepped + notes + Hex("00*40") + notes), FileHeader() + kept + notes + notes);
+    EXPECT_EQ(report.deleted, c.deleted);
+    EXPECT_EQ(report.unknown, c.unknown);
+    EXPECT_EQ(report.gapBytes, 40u);
+  }
+  // Right before the damage, and after another.
+  EXPECT_EQ(Salvaged(FileHeader() + notes + gone + Hex("00*40") + notes + gone + Hex("00*40") + notes),
+            FileHeader() + notes + notes + notes);
+  EXPECT_TRUE(report.deleted == 2 && report.gapBytes == 80);
+  const ByteVector single = Record(20, 1, 0, Hex("01*8") + EndOf(5));
+  EXPECT_EQ(Salvaged(FileHeader() + notes + single + Hex("00*40") + notes), FileHeader() + notes + notes);
+  EXPECT_TRUE(report.unknown == 1 && report.gapBytes == 40);
+}
+
+TEST_F(Salvaging, FindsWhatWasAppendedAfterAHalfTag) {
+  const ByteVector before = EndOf(1);
+  const ByteVector after = EndOf(2) + EndOf(3) + EndOf(4) + EndOf(5);
+  const ByteVector half = Record(9, 2, 0, Hex("00*4 30 00*3 00*4 28 00*3")) + Hex("aa*7");
+  const ByteVector tag = WithLength(half, 56);  // 33 bytes of its block are those of the next records
+  for (const bool isDeleted : {false, true}) {
+    ByteVector source = FileHeader() + before + tag + after;
+    source[kFirst + 18 + 6] = isDeleted;
+    const ByteVector taken = isDeleted ? ByteVector() : Part(source, 68, 68 + 14 + 56);  // as the walk has it
+    EXPECT_EQ(Salvaged(source), FileHeader() + before + taken + after);
+    EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 37, KESP_ERROR_RECORD_HEADER}));
+  }
+  // Other damage before it: nothing of it is taken.
+  EXPECT_EQ(Salvaged(FileHeader() + Hex("00*40") + before + tag + after), FileHeader() + before + after);
+}
+
 TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
   const ByteVector records = EndOf(1) + EndOf(2);
   EXPECT_EQ(Salvaged(FileHeader(7, 20) + records), FileHeader(7) + EndOf(2)) << "the bytes of an application";
@@ -101,6 +154,16 @@ TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
       EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{0, 50, reason}));
     }
   }
+  // A first record that can't be read: what is before its place is looked at once, also when none of it is kept.
+  ByteVector noType = FeatureBody1();
+  noType[26] = 0;
+  const ByteVector unreadable = Record(1, 1, 0, noType) + Hex("ee");
+  EXPECT_EQ(Salvaged(FileHeader(3, 20) + EndOf(1, 1) + unreadable), FileHeader());
+  EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 49, KESP_ERROR_RECORD_HEADER}));
+  EXPECT_TRUE(report.deleted == 1 && report.applicationBytes == 0);
+  EXPECT_EQ(Salvaged(FileHeader(3, 20) + Hex("aa*18") + unreadable), FileHeader());
+  EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 49, KESP_ERROR_BAD_RECORD}));
+  EXPECT_EQ(report.applicationBytes, 18u);
   for (const std::size_t length : {0u, 43u, 49u}) {
     EXPECT_EQ(Salvaged(Part(FileHeader(3, 0), 0, length)), FileHeader()) << length;
     EXPECT_EQ(report.gapBytes, length);
