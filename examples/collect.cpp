@@ -149,7 +149,9 @@ void Write(const CString& path) {
 void Open(CKespFile& survey, const CString& path) {
   CString message;
   Require(survey.OpenKesp(path, message), "the file can't be opened: " + message.ToUtf8());
-  Require(survey.ReadKespFile(false), "the file can't be read");
+  (void)survey.ReadKespFile(false);
+  // What is appended after damage would never be found.
+  if (!survey.WasReadToEnd()) throw std::runtime_error("the file can't be read to its end");
 }
 
 void Append(const CString& path) {

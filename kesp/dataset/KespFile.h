@@ -55,6 +55,7 @@
 #include "kesp/dataset/KespMap.h"
 #include "kesp/dataset/LogicFlag.h"
 #include "kesp/dataset/RecordList.h"
+#include "kesp/format/FormatLoss.h"
 #include "kesp/geometry/BoundingBox.h"
 #include "kesp/geometry/Point3D.h"
 #include "kesp/geometry/Rect2D.h"
@@ -196,13 +197,20 @@ class KESP_EXPORT CKespFile {
   // Empties m_recordList. What callers queued, headers too, is theirs again; what reading made stays the data set's.
   ErrorEnum ClearQueueWithoutWriting();
   // Write all that is queued to a new file of file version 3, 2 or 1, which then is the data set's open file; the one
-  // that was open is closed as it stands. For versions 1 and 2 the record versions of the queued records must have been
-  // set to fit (CKespRecord::GetRecordVersionFromKespVersion): nothing is converted. Whatever has that name stays, and
-  // is answered with ERR_FILE_EXISTS; the file that was open then stays so. A file that can't be given its file header,
-  // as on a full disk, is taken away again and answered with ERR_FILE_NOT_FOUND; GetSystemError says why.
+  // that was open is closed as it is. The writers for versions 1 and 2 write bodies of record version 1 or 2 after
+  // headers with the records' own versions, and convert nothing: each queued record must have the m_recordVersion that
+  // the writer writes, or the file can't be read. SetQueueVersion sees to it. (For version 2 that is not what
+  // GetRecordVersionFromKespVersion gives: it names version 3 for features and attributes.)
+  // What has that name already stays, and the result is ERR_FILE_EXISTS; the file that was open then stays so. A file
+  // that can't be given its file header, as on a full disk, is taken away again (ERR_FILE_NOT_FOUND); GetSystemError
+  // says why.
   ErrorEnum WriteNewKespFileFromQueue(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
   ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);
+  // Gives each queued record the record version that the writer for file version 1 or 2 writes: 1 or 2, and 1 for a
+  // feature end. Adds to `loss` what the records hold and such a file can't. Changes nothing but the versions, and for
+  // other file versions nothing at all. Call it before WriteNewKespFileFromQueueVersion1 or -Version2.
+  void SetQueueVersion(unsigned short fileVersion, kesp::FormatLoss& loss);
   // Appends all that is queued to the file, which is opened if no file is, and opened again where it is open read-only.
   // To a file that the container refuses nothing is appended, and the result is ERR_NONE (see Errors above).
   // Beware: what ReadKespFile read is in the queue too. Open, read, append writes the whole file a second time, after

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "kesp/dataset/KespFile.h"
+#include "kesp/format/RecordKinds.h"
 #include "kesp/platform/SystemCalls.h"
 #include "kesp/recordfile/FileHeader.h"
 #include "kesp/util/Utilities.h"
@@ -100,6 +101,16 @@ ErrorEnum CKespFile::ClearQueueWithoutWriting() {
   m_recordList.RemoveAll();
   m_queuedHeaders.clear();
   return ERR_NONE;
+}
+
+void CKespFile::SetQueueVersion(unsigned short fileVersion, kesp::FormatLoss& loss) {
+  if (fileVersion != 1 && fileVersion != 2) return;
+  for (CKespRecord* record : m_recordList) {
+    if (record == nullptr) continue;
+    loss.Add(*record, fileVersion);
+    const std::uint16_t newest = kesp::KindOfRecord(record->m_recordType).newest;
+    if (newest != 0) record->m_recordVersion = std::min<std::uint16_t>(fileVersion, newest);
+  }
 }
 
 ErrorEnum CKespFile::WriteNewKespFileFromQueue(CString path) { return WriteNew(path, 3, &CKespDataFile::AppendRecord); }

@@ -132,6 +132,11 @@ class KESP_EXPORT CKespDataFile {
   template <std::integral Number>
   requires(!std::same_as<Number, bool>) CKespRecord* ReadNextRecord(Number) = delete;
 
+  // Whether the file ends where a record ends, so that what is appended is found: walks over the record headers, and
+  // leaves the file's position as it is. False at damage, after a part of a record, where a length leads past the end,
+  // and when the system fails; GetError then says what ended the walk.
+  [[nodiscard]] bool EndsWhole();
+
   // Appends and returns true once the record is on the disk. m_filePosition of the record becomes its place, and a
   // tag's m_dataPosition 0, so that a tag taken over from another file is not taken for one of this. The source flag is
   // put into the record: 0 for a new file, 2 for an existing one. A CKespBrokenRecord is passed over with true. A
@@ -207,6 +212,7 @@ class KESP_EXPORT CKespDataFile {
   bool WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);
   bool WriteBody(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool Overwrite(CKespRecord& record, unsigned long sourceFlag);
+  bool WalkOverHeaders();
   bool IsAsLongAsHere(CKespRecord& record);
   // Looks from the file's position on, and then, if that is wanted, from the first record.
   Update FindAndOverwrite(CKespRecord& record, unsigned long sourceFlag, bool continueSearch);

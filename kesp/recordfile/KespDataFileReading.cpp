@@ -206,6 +206,50 @@ CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDele
   return nullptr;
 }
 
+bool CKespDataFile::EndsWhole() {
+  m_error = KESP_ERROR_NONE;
+  if (!IsOpen()) return false;
+  return Guarded([this] {
+    const std::uint64_t before = m_file.GetPosition();
+    const bool whole = SeekToFirstRecord() && WalkOverHeaders();
+    m_file.Seek(static_cast<std::int64_t>(before), CFile::begin);
+    return whole;
+  });
+}
+
+// Goes where ReadNextRecord goes when it skips deleted records.
+bool CKespDataFile::WalkOverHeaders() {
+  const auto fail = [this](KESP_ERROR_TYPE error) {
+    m_error = error;
+    return false;
+  };
+  for (;;) {
+    const std::uint64_t start = m_file.GetPosition();
+    kesp::RecordHeader header;
+    if (!ReadHeader(header)) return m_error == KESP_ERROR_NORMAL_EOF;
+    const kesp::RecordKind& kind = kesp::KindOfRecord(header.type);
+    std::uint64_t length = header.length;
+    if ((header.flags & KESP_FLAG_DELETED) == 0 && kind.use != kesp::RecordUse::kPassedOver) {
+      // A body that is read is as long as its layout, whatever the header says. A tag says it once more.
+      length = kesp::BodyLengthOf(header.type, header.version);
+      if (header.type == KESP_RECORD_TAG && header.version <= kind.newest) {
+        const std::span<const std::byte> fixed = m_file.ReadView(2 * sizeof(std::uint32_t));
+        if (fixed.size() < 2 * sizeof(std::uint32_t)) return fail(KESP_ERROR_EOF);
+        length = kesp::LoadLittle<std::uint32_t>(fixed.data() + sizeof(std::uint32_t));
+      } else if (length == 0 || header.type == KESP_RECORD_FEATURE || header.version == 1) {
+        // One that is refused, or whose body may be.
+        if (!m_file.ReachesTo(m_file.GetPosition() + length)) return fail(KESP_ERROR_EOF);
+        m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+        std::uint64_t position = 0;
+        if (!std::unique_ptr<CKespRecord>(ReadAnyRecord(position, true))) return false;
+        continue;
+      }
+    }
+    if (!m_file.ReachesTo(m_file.GetPosition() + length)) return fail(KESP_ERROR_EOF);
+    m_file.Seek(static_cast<std::int64_t>(length), CFile::current);
+  }
+}
+
 CKespRecord* CKespDataFile::ReadNextRecord(unsigned long& position, bool skipDeleted) {
   auto position32 = static_cast<std::uint32_t>(position);
   // Handed out also when the read raises.

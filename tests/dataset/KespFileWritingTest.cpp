@@ -204,6 +204,31 @@ TEST(WriteQueue, TellsOfRecordsThatCannotBeWritten) {
   EXPECT_EQ(ReadFile(dir / "new"), Survey({Note("")}));
 }
 
+TEST(WriteQueue, IsBroughtToAnOldVersion) {
+  const std::string longName(30, 'n');
+  for (const std::uint16_t version : {std::uint16_t{1}, std::uint16_t{2}}) {
+    DataSet set(Survey({Header2{}, Feature(7, longName), Attribute(7, "Girth", "thick"), Point(7, 1, {.text = "A1"}),
+                        End(7), Tag(1, "n", Words({5})), Note("rain")}));
+    ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+    set.Point(1)->SetOffset(1.5, 2.5);
+    kesp::FormatLoss loss;
+    set.file.SetQueueVersion(3, loss);
+    EXPECT_TRUE(loss.IsNone() && set.Feature(7)->m_recordVersion == 3);
+    set.file.SetQueueVersion(version, loss);
+    EXPECT_EQ(loss.features, (kesp::FormatLoss::Kind{1, 1, 0}));
+    EXPECT_EQ(loss.points, version == 1 ? (kesp::FormatLoss::Kind{1, 0, 3}) : kesp::FormatLoss::Kind{});
+    const CString path = Text(set.dir / "old");
+    EXPECT_EQ(version == 1 ? set.file.WriteNewKespFileFromQueueVersion1(path)
+                           : set.file.WriteNewKespFileFromQueueVersion2(path),
+              ERR_NONE);
+    const auto result = set.file.ReadKespFile(false);
+    EXPECT_EQ(result, version == 1 ? ERR_OLD_VERSION : ERR_NONE);
+    EXPECT_TRUE(set.file.WasReadToEnd());
+    EXPECT_EQ(Names(set.file.m_recordList), "H F7 A7:Girth P7/1 E7 T1 N:rain");
+    EXPECT_EQ(set.Feature(7)->FeatureName.ToUtf8(), std::string(20, 'n'));
+  }
+}
+
 TEST(WriteQueue, CountsWhatIsInTheFileAlready) {
   DataSet set(Survey({Header2{}, Feature(7), Point(7, 1)}));
   EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 0);

@@ -136,6 +136,38 @@ TEST_F(KespDataFileReading, KeepsPositionsInThirtyTwoBitsBeyondFourGigabytes) {
   }
 }
 
+// As the walk does, also where single bytes are damaged, and where it ends early.
+TEST_F(KespDataFileReading, TellsWhetherTheFileEndsWhole) {
+  ByteVector whole;
+  for (const Stored& stored : EveryClass()) Append(whole, stored.Bytes());
+  Append(whole, EndOf(1, 5) + Record(200, 1, 0, ByteVector(9)) + Record(9, 2, 1, TagBody()));
+  const auto agrees = [this](const ByteVector& records) {
+    Put(records);
+    EXPECT_TRUE(file.OpenReadOnly(Text(path)) && file.Seek(kFirst + 1));
+    const bool isWhole = file.EndsWhole();
+    EXPECT_EQ(file.GetPosition(), kFirst + 1);
+    EXPECT_TRUE(file.SeekToFirstRecord());
+    KESP_ERROR_TYPE error = KESP_ERROR_EOF;
+    try {
+      error = WalkOn(file, true).error;
+    } catch (const CFileException&) {
+    }
+    EXPECT_EQ(isWhole, error == KESP_ERROR_NORMAL_EOF && file.GetPosition() == file.GetLength());
+    return !HasFailure();
+  };
+  EXPECT_TRUE(agrees(whole) && file.EndsWhole());
+  for (std::size_t size = 0; size < whole.size(); size += size % 100 < 50 ? 1 : 49) {
+    ASSERT_TRUE(agrees(Part(whole, 0, size))) << size;
+  }
+  for (std::size_t at = 0; at < whole.size(); at += at % 600 < 60 ? 1 : 7) {
+    ByteVector damaged = whole;
+    damaged[at] = static_cast<std::uint8_t>(~damaged[at]);
+    ASSERT_TRUE(agrees(damaged)) << at;
+  }
+  file.Close();
+  EXPECT_FALSE(file.EndsWhole());
+}
+
 TEST_F(KespDataFileReading, SeesWhatAnotherProcessChangedSinceTheLastWalk) {
   Open(EndOf(1) + EndOf(2), true);
   EXPECT_EQ(WalkOn(file, true).positions.size(), 2u);
