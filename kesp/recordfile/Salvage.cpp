@@ -429,16 +429,17 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
   };
   bool good = false;
   try {
-    if (source.m_file.IsSameFile(destination)) return false;
-    source.m_file.Flush();
-    RebuiltFile out(destination);
-    try {
-      const std::uint16_t version = kespVersion <= kNewestOldVersion ? kespVersion : 0;
-      good = Salvager(source, out, version, report).Run();
-    } catch (const CFileException& e) {
-      note(e);
+    if (!source.m_file.IsSameFile(destination)) {
+      source.m_file.Flush();
+      RebuiltFile out(destination);
+      try {
+        const std::uint16_t version = kespVersion <= kNewestOldVersion ? kespVersion : 0;
+        good = Salvager(source, out, version, report).Run();
+      } catch (const CFileException& e) {
+        note(e);
+      }
+      out.Finish();  // what was read stays
     }
-    out.Finish();  // what was read stays
   } catch (const CFileException& e) {
     note(e);
     good = false;
@@ -452,9 +453,13 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
 
 bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
   report = {};
-  CKespDataFile file;
-  return file.m_file.Open(source, CFile::modeRead | CFile::shareDenyNone) &&
-         Salvage(file, destination, kespVersion, report);
+  try {
+    CKespDataFile file;
+    return file.m_file.Open(source, CFile::modeRead | CFile::shareDenyNone) &&
+           Salvage(file, destination, kespVersion, report);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 }  // namespace kesp

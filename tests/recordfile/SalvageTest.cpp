@@ -1,6 +1,7 @@
 // What comes back of a survey whose file was overwritten in places.
 #include "kesp/recordfile/Salvage.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <random>
 #include <set>
@@ -303,8 +304,10 @@ TEST_F(Salvaging, ItsAnswerIsFalseWhenItCannotWriteOrWouldWriteOverItsSource) {
   Put(EndOf(1));
   fs::create_hard_link(path, dir / "hard");
   ASSERT_TRUE(file.OpenReadOnly(Text(path)));
+  EXPECT_FALSE(file.Copy(Text(dir / "none" / "a")));
   for (const fs::path& to : {path, dir / "hard", fs::path("/dev/full")}) {
     EXPECT_FALSE(kesp::Salvage(file, Text(to), 2, report)) << to;
+    EXPECT_EQ(file.GetSystemError(), ENOENT) << "what failed first";
   }
   EXPECT_EQ(Records(), EndOf(1));
 }
