@@ -9,6 +9,15 @@
 namespace {
 
 constexpr std::size_t kCopyBlock = std::size_t{1024} * 1024;
+constexpr unsigned short kNewestVersionOfCopy = 2;
+
+// Of a record in a file rebuilt for version 1 or 2: the record version that belongs to the file version, the flags as
+// they are. The length is that of record version `kespVersion`: for features and attributes of file version 2 it is
+// shorter than the body. Readers go by the body's layout.
+kesp::RecordHeader HeaderInCopy(CKespRecord& record, unsigned short kespVersion) {
+  return {record.m_recordType, record.GetRecordVersionFromKespVersion(kespVersion), record.m_flags,
+          static_cast<std::uint32_t>(record.GetLength(kespVersion))};
+}
 
 }  // namespace
 
@@ -58,8 +67,9 @@ bool CKespDataFile::CopyVerify(const CString& destination, unsigned short kespVe
 }
 
 bool CKespDataFile::Rebuild(const CString& destination, unsigned short kespVersion) {
+  if (kespVersion == 0 || kespVersion > kNewestVersionOfCopy) kespVersion = kNewestVersionOfCopy;
   m_file.Flush();
-  kesp::RebuiltFile out(destination, kespVersion);
+  kesp::RebuiltFile out(destination);
   bool refused = false;
   const bool walked = Guarded([&] {
     // The header goes over as it is, whatever version is asked for, and the records are taken to begin after it: an
@@ -70,7 +80,7 @@ bool CKespDataFile::Rebuild(const CString& destination, unsigned short kespVersi
     m_error = KESP_ERROR_NONE;
     // A walk that ends without a code, as where a class refuses a body for its version, ends the rebuild too.
     while (const std::unique_ptr<CKespRecord> record{ReadNextRecord(true)}) {
-      refused = !out.Put(*record);
+      refused = !out.Put(HeaderInCopy(*record, kespVersion), *record);
       if (refused) m_error = record->GetError();
       if (refused) return false;
     }

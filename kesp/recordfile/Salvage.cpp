@@ -21,8 +21,9 @@ namespace kesp {
 namespace {
 
 constexpr std::uint16_t kNewestFileVersion = 3;
-constexpr std::uint32_t kKnownFlags = 0x1FFF;  // every KESP_FLAG
-constexpr std::size_t kTagFixed = 8;           // kind and block length, in front of the block
+constexpr std::uint16_t kNewestOldVersion = 2;  // of the file versions that are there for the asking
+constexpr std::uint32_t kKnownFlags = 0x1FFF;   // every KESP_FLAG
+constexpr std::size_t kTagFixed = 8;            // kind and block length, in front of the block
 
 bool IsPossibleBody(std::uint32_t type, std::uint16_t version, std::span<const std::byte> body) {
   FieldChecker checker(body);
@@ -40,8 +41,14 @@ RecordHeader DecodeHeader(std::span<const std::byte> bytes) {
 
 class Salvager {
  public:
-  Salvager(CKespDataFile& source, RebuiltFile& out, SalvageReport& report)
-      : m_source(source), m_file(source.m_file), m_out(out), m_report(report), m_length(m_file.GetLength()) {}
+  // A version of 0 is that of the source.
+  Salvager(CKespDataFile& source, RebuiltFile& out, std::uint16_t version, SalvageReport& report)
+      : m_source(source),
+        m_file(source.m_file),
+        m_out(out),
+        m_version(version),
+        m_report(report),
+        m_length(m_file.GetLength()) {}
 
   // False when a record can't be written or the system can't read; raises what the file objects raise.
   bool Run() {
@@ -62,8 +69,8 @@ class Salvager {
  private:
   enum class Step { kGoOn, kEnd, kFailed };
 
-  // As it stands, the application header behind it excepted. One that nobody could open, or that leads past records, is
-  // made anew, and the records are taken to begin behind it.
+  // As it is, but for the application header after it and a version that is asked for. One that nobody could open, or
+  // that leads past records, is made anew, and the records are taken to begin behind it.
   void PutFileHeader() {
     std::array<std::byte, kFileHeaderSize> header{};
     const auto view = View(0, kFileHeaderSize);
@@ -94,6 +101,7 @@ class Salvager {
       m_firstRecord = kFileHeaderSize;
       (void)Skip(0, std::min<std::uint64_t>(kFileHeaderSize, m_length), error);
     }
+    if (m_version != 0) StoreLittle(header.data() + kSignature.size(), m_version);
     StoreLittle(header.data() + kHeaderLengthCountsFrom - 4, kOwnHeaderLength);
     m_out.PutFileHeader(header);
   }
@@ -190,10 +198,10 @@ class Salvager {
       return Damage(start, error);
     }
     const std::uint64_t end = m_file.GetPosition();
-    if (inside == 0 && (isExact || GoesOnAt(end) || IsBelieved(start))) return Keep(*record, end);
+    if (inside == 0 && (isExact || GoesOnAt(end) || IsBelieved(start))) return Keep(start, *record, end);
     // The walk takes it and goes astray: up to there the copy has what the walk has.
     if (m_damaged) return Damage(start, KESP_ERROR_RECORD_HEADER);
-    if (Keep(*record, end) == Step::kFailed) return Step::kFailed;
+    if (Keep(start, *record, end) == Step::kFailed) return Step::kFailed;
     const std::uint64_t found = inside != 0 ? inside : Find(body);
     return Skip(found < end ? start : end, found, KESP_ERROR_RECORD_HEADER);
   }
@@ -235,14 +243,35 @@ class Salvager {
     return start == m_length ? m_length : lastExact;
   }
 
-  Step Keep(CKespRecord& record, std::uint64_t end) {
-    if (!m_out.Put(record)) {
+  Step Keep(std::uint64_t start, CKespRecord& record, std::uint64_t end) {
+    if (!Put(start, record)) {
       if (m_source.m_systemError == 0) m_source.m_systemError = m_out.SystemError();
       return Step::kFailed;
     }
     ++m_report.kept;
     m_position = end;
     return Step::kGoOn;
+  }
+  // The record in its own version, or in the one that is asked for where that is older. One of no version is read as if
+  // it had the newest.
+  bool Put(std::uint64_t start, CKespRecord& record) {
+    const RecordKind& kind = KindOfRecord(record.m_recordType);
+    const std::uint16_t own = record.m_recordVersion;
+    std::uint16_t version = own != 0 ? own : kind.newest;
+    if (m_version != 0) version = std::min(version, m_version);
+    const RecordHeader header{record.m_recordType, version, record.m_flags,
+                              static_cast<std::uint32_t>(record.GetLength(version))};
+    // Its bytes rather than what its class makes of them, which may end a text earlier, or leave out an old header's
+    // time. But a header of version 2 names the file version.
+    const bool namesVersion = record.m_recordType == KESP_RECORD_HEADER && version == 2 && m_version != 0;
+    if (version == own && kind.length[version] != 0 && !namesVersion) {
+      const auto body = View(start + kRecordHeaderSize, header.length);
+      if (body.size() < header.length) return false;
+      m_out.Put(header, body);
+      return true;
+    }
+    if (m_version != 0) m_report.loss.Add(record, version);
+    return m_out.Put(header, record);
   }
 
   // A record that the walk steps over, if it has the length that it states.
@@ -377,6 +406,7 @@ class Salvager {
   CKespDataFile& m_source;
   CFile& m_file;
   RebuiltFile& m_out;
+  std::uint16_t m_version;
   SalvageReport& m_report;
   std::uint64_t m_length;
   std::uint64_t m_position = 0;
@@ -399,15 +429,17 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
   };
   bool good = false;
   try {
-    if (source.m_file.IsSameFile(destination)) return false;
-    source.m_file.Flush();
-    RebuiltFile out(destination, kespVersion);
-    try {
-      good = Salvager(source, out, report).Run();
-    } catch (const CFileException& e) {
-      note(e);
+    if (!source.m_file.IsSameFile(destination)) {
+      source.m_file.Flush();
+      RebuiltFile out(destination);
+      try {
+        const std::uint16_t version = kespVersion <= kNewestOldVersion ? kespVersion : 0;
+        good = Salvager(source, out, version, report).Run();
+      } catch (const CFileException& e) {
+        note(e);
+      }
+      out.Finish();  // what was read stays
     }
-    out.Finish();  // what was read stays
   } catch (const CFileException& e) {
     note(e);
     good = false;
@@ -421,9 +453,13 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
 
 bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
   report = {};
-  CKespDataFile file;
-  return file.m_file.Open(source, CFile::modeRead | CFile::shareDenyNone) &&
-         Salvage(file, destination, kespVersion, report);
+  try {
+    CKespDataFile file;
+    return file.m_file.Open(source, CFile::modeRead | CFile::shareDenyNone) &&
+           Salvage(file, destination, kespVersion, report);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 }  // namespace kesp

@@ -3,7 +3,7 @@
 //   CKespDataFile file;
 //   if (!file.OpenReadOnly(L"broken.kesp")) return Complain(file.GetErrorString());
 //   kesp::SalvageReport report;
-//   if (!kesp::Salvage(file, L"salvaged.kesp", 2, report)) return Complain("can't be written");
+//   if (!kesp::Salvage(file, L"salvaged.kesp", 0, report)) return Complain("can't be written");
 //   for (const kesp::SalvageGap& gap : report.gaps) Tell(gap.offset, gap.length);
 //
 // CKespDataFile::CopyVerify ends at the first damage; this goes on after it. Up to there it takes the records that the
@@ -23,16 +23,22 @@
 // one up. Only a record that somebody stored inside a tag, or inside one of unknown type, may be mistaken for one of
 // the file's own, and only where damage is before that tag or right after it.
 //
-// Deleted records and those of unknown types are left out, as in CopyVerify, and records are written in the same way.
-// The file header keeps its version; an application header behind it is not copied, and the copy's header says so. A
-// file header that can't be opened, or that names a first record where none is while one stands in front of that place,
-// counts as a gap and is made anew; a version in it that nobody knows becomes 3.
+// Deleted records and those of unknown types are left out. All others come over as they are: in the record version that
+// they have, byte for byte, with the length of their body in the header, also where the source states another one; the
+// flags as they are read. An attribute without a version, which is read as an empty one, gets its newest. Writing an
+// older file version is for the asking: then a record of a newer one is converted, and the report tells what that
+// loses.
+//
+// The file header keeps its version unless one is asked for; an application header after it is not copied, and the
+// copy's header says so. A file header that can't be opened, or that names a first record where none is while one is in
+// front of that place, counts as a gap and is made again; a version in it that nobody knows becomes 3.
 //
 // Takes time in proportion to the file; memory is that of the longest record, which is never longer than the file.
 #pragma once
 #include <cstdint>
 #include <vector>
 
+#include "kesp/format/FormatLoss.h"
 #include "kesp/platform/Export.h"
 #include "kesp/platform/String.h"
 #include "kesp/records/KespError.h"
@@ -58,13 +64,15 @@ struct SalvageReport {
   std::uint64_t applicationBytes = 0;  // of the application header behind the file header, left out
   std::uint64_t gapCount = 0;
   std::uint64_t gapBytes = 0;
+  FormatLoss loss;               // in the records kept, by the file version that was asked for
   std::vector<SalvageGap> gaps;  // the first kMostGaps of them, in file order
 
   static constexpr std::size_t kMostGaps = 4096;
 };
 
-// Copies what can be saved of the open file, which may be open for reading only, in file version 1 or 2 (0 and others
-// count as 2). True when the copy is on the disk, however much was lost. False when the source isn't open, the
+// Copies what can be saved of the open file, which may be open read-only. `kespVersion` is the file version to write: 1
+// or 2, in which no record has a newer record version than that and the header record names it; 0 and all others keep
+// each record's own. True when the copy is on the disk, however much was lost. False when the source isn't open, the
 // destination can't be opened, is the source itself or held by somebody, a record can't be written, or the system
 // failed; GetSystemError of the source has its reason. The destination then stays as far as it got; the source never
 // changes. The file position of the source and its GetError mean nothing afterwards.

@@ -1,6 +1,7 @@
 // What comes back of a survey whose file was overwritten in places.
 #include "kesp/recordfile/Salvage.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <random>
 #include <set>
@@ -15,9 +16,9 @@ namespace fs = std::filesystem;
 
 class Salvaging : public OneFile {
  protected:
-  ByteVector Salvaged(const ByteVector& source) {
+  ByteVector Salvaged(const ByteVector& source, unsigned short version = 0) {
     WriteFile(path, source);
-    EXPECT_TRUE(kesp::Salvage(Text(path), Text(copy), 2, report));
+    EXPECT_TRUE(kesp::Salvage(Text(path), Text(copy), version, report));
     EXPECT_EQ(ReadFile(path), source);
     const Walked walked = Walk(copy);
     EXPECT_TRUE(walked.error == KESP_ERROR_NORMAL_EOF && walked.positions.size() == report.kept);
@@ -81,6 +82,56 @@ TEST_F(Salvaging, TakesAllOfWhatIsWholeToTheWalkHoweverOddItLooks) {
   for (std::uint32_t i = 0; i < 20; ++i) odd = odd + WithLength(EndOf(i), 5 + i % 3) + EndOf(i, 0x80000001);
   Salvaged(FileHeader() + odd + EndOf(7));
   EXPECT_TRUE(report.kept == 21 && report.deleted == 20 && report.gapCount == 0);
+}
+
+TEST_F(Salvaging, KeepsEachRecordInItsVersionUnlessAnOlderOneIsAskedFor) {
+  ByteVector header1 = HeaderBody1(), note1 = NoteBody1(), header2(4086), attribute3(1712);
+  header1[4] = 5;                              // its creation time, which nobody writes
+  std::fill(note1.begin(), note1.end(), 'x');  // a text without an end
+  header2[2868] = 3;                           // KespVersion
+  header2[0] = attribute3[516] = 1;
+  std::fill_n(attribute3.begin() + 518, 82, std::uint8_t{1});  // 41 units of text
+  ByteVector feature2 = FeatureBody3();
+  feature2.erase(feature2.begin() + 46, feature2.begin() + 516);
+  const ByteVector old = Record(3, 1, 0, header1) + Record(1, 1, 0, FeatureBody1()) + Record(2, 1, 0, PointBody1()) +
+                         Record(5, 1, 2, AttributeBody1()) + Record(6, 1, 0, note1) + Record(9, 1, 0, TagBody());
+  for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
+    const ByteVector all = FileHeader(version) + old + Record(3, 2, 0, header2) + Record(1, 2, 0, feature2) +
+                           Record(1, 3, 0, FeatureBody3()) + Record(5, 3, 0, attribute3) +
+                           Record(2, 2, 0, PointBody2()) + Record(6, 2, 0, NoteBody2()) + Record(9, 2, 0, TagBody()) +
+                           EndOf(7);
+    for (const unsigned short asIs : std::initializer_list<unsigned short>{0, 3, 7}) {
+      EXPECT_EQ(Salvaged(all, asIs), all);
+      EXPECT_TRUE(report.loss.IsNone());
+    }
+    // The lengths of a rebuilt copy.
+    EXPECT_EQ(Salvaged(FileHeader(version) + WithLength(Record(1, 3, 0, FeatureBody3()), 54) + EndOf(7)),
+              FileHeader(version) + Record(1, 3, 0, FeatureBody3()) + EndOf(7));
+
+    ByteVector attribute2(240), header22 = header2;
+    attribute2[46] = 1;
+    std::fill_n(attribute2.begin() + 48, 80, std::uint8_t{1});
+    header22[2868] = 2;
+    EXPECT_EQ(Salvaged(all, 2), FileHeader(2) + old + Record(3, 2, 0, header22) + Record(1, 2, 0, feature2) +
+                                    Record(1, 2, 0, feature2) + Record(5, 2, 0, attribute2) +
+                                    Record(2, 2, 0, PointBody2()) + Record(6, 2, 0, NoteBody2()) +
+                                    Record(9, 2, 0, TagBody()) + EndOf(7));
+    kesp::FormatLoss loss;
+    loss.attributes = {1, 1, 0};
+    EXPECT_EQ(report.loss, loss);
+    const ByteVector feature1 = Hex("07 00*3 'Oak' 00*19 02 00 11 22 33 00 05 00");
+    EXPECT_EQ(Salvaged(all, 1), FileHeader(1) + old + Record(3, 1, 0, ByteVector(928)) + Record(1, 1, 0, feature1) +
+                                    Record(1, 1, 0, feature1) + Record(5, 1, 0, Hex("00*26 01 00*111")) +
+                                    Record(2, 1, 0, PointBody1()) + Record(6, 1, 0, NoteBody1()) +
+                                    Record(9, 1, 0, TagBody()) + EndOf(7));
+    loss.headers = {1, 0, 1};
+    EXPECT_EQ(report.loss, loss);
+  }
+  // Without a version, an attribute is an empty one.
+  const ByteVector empty = Hex("05 00*3 00 00 00*4 01 00*3");
+  Salvaged(FileHeader() + empty + EndOf(7));
+  EXPECT_EQ(report.kept, 2u);
+  EXPECT_EQ(ReadFile(copy).size(), 50u + 14 + 1712 + 18);
 }
 
 TEST_F(Salvaging, LooksIntoNoRecordThatTheWalkStepsOverBeforeTheDamage) {
@@ -253,8 +304,10 @@ TEST_F(Salvaging, ItsAnswerIsFalseWhenItCannotWriteOrWouldWriteOverItsSource) {
   Put(EndOf(1));
   fs::create_hard_link(path, dir / "hard");
   ASSERT_TRUE(file.OpenReadOnly(Text(path)));
+  EXPECT_FALSE(file.Copy(Text(dir / "none" / "a")));
   for (const fs::path& to : {path, dir / "hard", fs::path("/dev/full")}) {
     EXPECT_FALSE(kesp::Salvage(file, Text(to), 2, report)) << to;
+    EXPECT_EQ(file.GetSystemError(), ENOENT) << "what failed first";
   }
   EXPECT_EQ(Records(), EndOf(1));
 }
@@ -285,9 +338,9 @@ TEST_F(Salvaging, BringsBackNearlyAllThatWasNotOverwritten) {
     for (std::uint32_t i = 0; i < kRecords; ++i) {
       const Stored stored = Numbered(i);
       const std::uint32_t length = stored.type == 1 ? 54 : stored.type == 5 ? 240 : 0;
-      records.push_back(length != 0 ? WithLength(stored.Bytes(), length) : stored.Bytes());
+      records.push_back(stored.Bytes());
       offsets.push_back(damaged.size());
-      Append(damaged, seed % 2 == 0 ? records.back() : stored.Bytes());
+      Append(damaged, length != 0 && seed % 2 == 0 ? WithLength(stored.Bytes(), length) : stored.Bytes());
     }
     offsets.push_back(damaged.size());
     std::mt19937 random(seed);
@@ -322,7 +375,7 @@ TEST_F(Salvaging, BringsBackNearlyAllThatWasNotOverwritten) {
     std::set<ByteVector> inPlace;
     for (const std::size_t i : touched) {
       WriteFile(path, FileHeader() + Part(damaged, offsets[i], offsets[i + 1]));
-      EXPECT_TRUE(file.CopyVerify(Text(path), Text(copy), 2));
+      EXPECT_TRUE(kesp::Salvage(Text(path), Text(copy), 0, report));
       inPlace.insert(Part(ReadFile(copy), kFirst));
     }
     for (const ByteVector& record : kept) EXPECT_TRUE(inPlace.contains(record));

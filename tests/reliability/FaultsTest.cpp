@@ -133,7 +133,7 @@ const Operation kOperations[] = {
     {"rebuild by path", kLarge, '-', [](Trial& t) { t.Say(t.Container().CopyVerify(t.path, t.copy, 2)); }},
     {"salvage", {EndOf(1), Hex("00*40"), kLargeTag, EndOf(2)}, 'r', [](Trial& t) {
       kesp::SalvageReport report;
-      t.Say(kesp::Salvage(t.Container(), t.copy, 2, report)); }},
+      t.Say(kesp::Salvage(t.Container(), t.copy, 0, report)); }},
     {"write over what somebody holds", kEnds, '-', WriteOverWhatSomebodyHolds},
     {"write over what exists", kEnds, '-', [](Trial& t) {
       EXPECT_NE(t.set.WriteNewKespFileFromQueue(t.path), ERR_NONE); }},

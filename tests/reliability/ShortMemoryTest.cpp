@@ -19,6 +19,9 @@ const ByteVector kStored =
     Survey({Header2{}, Feature(7, "a name of more than eleven"), Point(7, 1), Point(7, 2),
             Attribute(7, "Girth", "a text of more than eleven"), End(7), kLargeTag, Note("rain and more rain")});
 
+constexpr std::size_t kSecond = kFirst + 4100;  // after the header record
+const ByteVector kDamaged = Part(kStored, 0, kSecond) + ByteVector(40) + Part(kStored, kSecond);
+
 struct Place {
   CString path, copy, fresh;
   CKespDataFile file;
@@ -36,7 +39,7 @@ bool WalkAll(CKespDataFile& file) {
 
 const struct {
   const char* name;
-  char open;  // (o)pen for writing, (r)ead-only, - not at all; in capitals for the data set
+  char open;  // (o)pen for writing, (r)ead-only, (d)amaged, - not at all; in capitals for the data set
   std::function<bool(Place&)> run;
   // clang-format off
 } kOperations[] = {
@@ -46,13 +49,16 @@ const struct {
     {"walk", 'r', [](Place& p) { return p.file.SeekToFirstRecord() && WalkAll(p.file); }},
     {"append", 'o', [](Place& p) { return p.file.AppendRecord(&p.note, 2) && p.file.AppendRecord(&p.tag, 2); }},
     {"overwrite", 'o', [](Place& p) { return p.file.SeekToFirstRecord() && p.file.UpdateRecord(&p.note, 8, true); }},
-    {"delete", 'o', [](Place& p) { return p.file.Seek(kFirst + 4100) && p.file.DeleteRecord(kFirst + 4100, 0); }},
+    {"delete", 'o', [](Place& p) { return p.file.Seek(kSecond) && p.file.DeleteRecord(kSecond, 0); }},
     {"copy", 'o', [](Place& p) { return p.file.Copy(p.copy); }},
     {"rebuild", 'o', [](Place& p) { return p.file.CopyVerify(p.copy, 2) && p.file.GetError() == KESP_ERROR_NORMAL_EOF; }},
     {"rebuild by path", '-', [](Place& p) { return p.file.CopyVerify(p.path, p.copy, 2); }},
     {"salvage", 'r', [](Place& p) {
       kesp::SalvageReport report;
-      return kesp::Salvage(p.file, p.copy, 2, report) && report.kept == 8; }},
+      return kesp::Salvage(p.file, p.copy, 2, report) && report.kept == 8 && report.gapCount == 0; }},
+    {"salvage after damage", 'd', [](Place& p) {
+      kesp::SalvageReport report;
+      return kesp::Salvage(p.file, p.copy, 0, report) && report.kept == 8 && report.gapBytes == 40; }},
     {"close", 'o', [](Place& p) { return p.file.Close(); }},
     {"open a data set", '-', [](Place& p) {
       CString message;
@@ -80,6 +86,10 @@ TEST(ShortMemory, IsToldAndHarmsNoFile) {
       place.tag.Set("a name of more than eleven", 1);
       CString message;
       if (operation.open == 'o') place.file.Open(place.path);
+      if (operation.open == 'd') {
+        WriteFile(dir / "d.kesp", kDamaged);
+        place.file.OpenReadOnly(Text(dir / "d.kesp"));
+      }
       if (operation.open == 'r') place.file.OpenReadOnly(place.path);
       if (operation.open == 'O') place.set.OpenKesp(place.path, message);
       if (operation.open == 'R') place.set.OpenKespReadOnly(place.path, message);

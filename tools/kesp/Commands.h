@@ -81,7 +81,7 @@ ExitStatus Copy(const CopyOptions& options, Output& out);
 struct RepairOptions {
   std::string source;
   std::string destination;
-  unsigned short version = 2;
+  unsigned short version = 0;  // 0: 2 for a rebuild, the source's own for a salvage
   bool salvage = false;
   bool force = false;
 };

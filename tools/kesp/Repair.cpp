@@ -8,6 +8,7 @@
 namespace kesp::tool {
 namespace {
 
+constexpr unsigned short kVersionOfRebuild = 2;  // where none is asked for
 constexpr std::uint32_t kRecordsOfRebuild = 50;  // where a rebuild takes the records to begin
 
 std::string Counted(std::uint64_t count, std::string_view what) {
@@ -48,6 +49,10 @@ Walked WalkOver(CKespDataFile& file) {
   return walked;
 }
 
+unsigned short VersionOfRebuild(const RepairOptions& options) {
+  return options.version != 0 ? options.version : kVersionOfRebuild;
+}
+
 bool Rebuild(CKespDataFile& source, const NewFile& copy, const RepairOptions& options, SalvageReport& report) {
   // cppcheck-suppress unreadVariable
   const Growth growth(copy, source.m_file.KnownLength());
@@ -56,7 +61,7 @@ bool Rebuild(CKespDataFile& source, const NewFile& copy, const RepairOptions& op
   report = walked.report;
   if (walked.end.systemError != 0) return false;
   // A version-1 feature that is cut short is answered with false, though all before it is there: counting tells.
-  return source.CopyVerify(copy.Path(), options.version) || source.GetSystemError() == 0;
+  return source.CopyVerify(copy.Path(), VersionOfRebuild(options)) || source.GetSystemError() == 0;
 }
 
 // Read once more: a copy that is given out as whole has been seen to be so.
@@ -83,6 +88,22 @@ void Tell(Output& out, CKespDataFile& source, std::uint64_t size, const SalvageR
   }
   if (report.gapCount > report.gaps.size()) {
     out.Put("and " + Counted(report.gapCount - report.gaps.size(), "more gap") + "\n");
+  }
+}
+
+void TellLoss(Output& out, const FormatLoss& loss, unsigned short version) {
+  const struct {
+    const FormatLoss::Kind& kind;
+    const char* what;
+  } kKinds[] = {{loss.headers, "header"},
+                {loss.features, "feature"},
+                {loss.points, "point"},
+                {loss.attributes, "attribute"},
+                {loss.notes, "note"}};
+  for (const auto& [kind, what] : kKinds) {
+    if (kind.records == 0) continue;
+    out.Put("Lost      in version " + std::to_string(version) + ", " + Counted(kind.texts, "text") + " and " +
+            Counted(kind.numbers, "number") + " of " + Counted(kind.records, what) + "\n");
   }
 }
 
@@ -128,9 +149,16 @@ ExitStatus Repair(const RepairOptions& options, Output& out) {
   const std::uint64_t size = copy.Size();
   if (!copy.Keep()) return kExitTrouble;
   Tell(out, source, size, report);
-  out.Put("Written   in the layouts of file version " + std::to_string(options.version) +
-          "; a rebuild knows 1 and 2 only\n")
-      .Flush();
+  if (!options.salvage) {
+    out.Put("Written   in the layouts of file version " + std::to_string(VersionOfRebuild(options)) +
+            "; a rebuild knows 1 and 2 only\n");
+  } else if (options.version != 0) {
+    TellLoss(out, report.loss, options.version);
+    out.Put("Written   in file version " + std::to_string(options.version) + "\n");
+  } else {
+    out.Put("Written   in the version of the file, each record in its own\n");
+  }
+  out.Flush();
   return report.gapCount == 0 ? kExitWhole : kExitDamaged;
 }
 

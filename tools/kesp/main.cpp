@@ -143,8 +143,10 @@ int Run(int argc, char** argv, Output& out) {
       "repair", "Rebuild a data file without its deleted records, up to the first damage or beyond it");
   repairCommand->add_option("SRC", repair.source, "The data file")->required();
   repairCommand->add_option("DST", repair.destination, "The rebuilt file")->required();
-  repairCommand->add_option("--version", repair.version, "File version 1 or 2 (default)")->check(CLI::Range(1, 2));
-  repairCommand->add_flag("--salvage", repair.salvage, "Go on behind damage");
+  repairCommand
+      ->add_option("--version", repair.version, "File version 1 or 2 (default: 2; with --salvage, that of SRC)")
+      ->check(CLI::Range(1, 2));
+  repairCommand->add_flag("--salvage", repair.salvage, "Go on after damage, with each record as it is");
   repairCommand->add_flag("--force", repair.force, "Replace a file that exists");
   repairCommand->callback([&] { command = [&] { return Repair(repair, out); }; });
 
