@@ -70,7 +70,7 @@ class Salvager {
   enum class Step { kGoOn, kEnd, kFailed };
 
   // As it is, but for the application header after it and a version that is asked for. One that nobody could open, or
-  // that leads past records, is made anew, and the records are taken to begin behind it.
+  // that leads past records, is made again, and the records are taken to begin after it.
   void PutFileHeader() {
     std::array<std::byte, kFileHeaderSize> header{};
     const auto view = View(0, kFileHeaderSize);
@@ -140,7 +140,7 @@ class Salvager {
     std::uint64_t ignored = 0;
     return offset == m_length || IsExactAt(offset, ignored);
   }
-  // Whether records go on at `offset`: the end, an exact header, or a few of another kind and one of these behind them.
+  // Whether records go on at `offset`: the end, an exact header, or a few of another kind and one of these after them.
   bool GoesOnAt(std::uint64_t offset, int hops = 4) {
     if (IsEndOrExact(offset)) return true;
     if (hops == 0 || !Fits(offset, kRecordHeaderSize)) return false;
@@ -153,10 +153,11 @@ class Salvager {
   static bool IsPassedOver(const RecordHeader& header) {
     return (header.flags & KESP_FLAG_DELETED) != 0 || KindOfRecord(header.type).use == RecordUse::kPassedOver;
   }
-  // A header that the walk steps over leads anywhere. Behind damage only one that looks like a header is followed.
+  // A header that the walk steps over leads anywhere. After damage only one that looks like a header is followed.
   static bool MayPassOver(const RecordHeader& header) {
     return header.type <= 0xFFFF && header.version <= 0xFF && (header.flags & ~kKnownFlags) == 0 && header.length != 0;
   }
+
   // One record where records are known to begin, or the search for the next such place.
   // NOLINTNEXTLINE(readability-function-cognitive-complexity): the cases of one step, each a line or two
   Step Next() {
@@ -193,7 +194,7 @@ class Salvager {
     if (!record) {
       const KESP_ERROR_TYPE error = m_source.GetError();
       if (error == KESP_ERROR_NONE && m_source.m_systemError != 0) return Step::kFailed;
-      // An impossible body behind a header that is as it should be: the next record is where it says.
+      // An impossible body after a header that is as it should be: the next record is where it says.
       if (isExact && GoesOnAt(body + bodyLength)) return Skip(start, body + bodyLength, error);
       return Damage(start, error);
     }

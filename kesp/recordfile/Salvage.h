@@ -14,7 +14,7 @@
 //   - a type, version and flags that are known, and the body length of just that type and version (in files made by
 //     CopyVerify, also the shorter length that it states for features and attributes); a tag's three lengths agree;
 //   - a body that can be: a feature's type 1 to 3, an attribute's kind 1 to 5, a tag's 0 to 13, finite numbers, and
-//     texts that end, with zeros behind their end;
+//     texts that end, with zeros after their end;
 //   - right after it the header of another record, or the end of the file.
 //
 // From there it walks on, and takes what has such a header, or a record after it. A record that has neither after its
@@ -61,7 +61,7 @@ struct SalvageReport {
   std::uint64_t kept = 0;              // records in the copy
   std::uint64_t deleted = 0;           // records marked deleted, left out
   std::uint64_t unknown = 0;           // records of types that nobody knows, left out
-  std::uint64_t applicationBytes = 0;  // of the application header behind the file header, left out
+  std::uint64_t applicationBytes = 0;  // of the application header after the file header, left out
   std::uint64_t gapCount = 0;
   std::uint64_t gapBytes = 0;
   FormatLoss loss;               // in the records kept, by the file version that was asked for
@@ -79,7 +79,7 @@ struct SalvageReport {
 KESP_EXPORT bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
                          SalvageReport& report);
 // The same with the file at a path, which CKespDataFile may refuse to open: where the file header is damaged, this
-// goes on behind it. False also when there is no such file.
+// goes on after it. False also when there is no such file.
 KESP_EXPORT bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion,
                          SalvageReport& report);
 
