@@ -1,5 +1,7 @@
+#include <atomic>
 #include <new>
 #include <random>
+#include <vector>
 
 #include "kesp/dataset/KespMap.h"
 #include "kesp/dataset/RecordList.h"
@@ -21,9 +23,13 @@ std::uint64_t MakeSeed() noexcept {
 }  // namespace
 
 std::uint64_t ProcessSeed() noexcept {
-  // Kept here and not in the header: a host with hidden visibility has a copy of its own of what is inline there.
-  static const std::uint64_t seed = MakeSeed();
-  return seed;
+  // Kept here and not in the header: a host with hidden visibility has a copy of its own of what is inline there. Not a
+  // static of this function either, whose making another thread may be at when the process forks.
+  static constinit std::atomic<std::uint64_t> seed{0};
+  std::uint64_t known = seed.load(std::memory_order_relaxed);
+  if (known != 0) return known;
+  const std::uint64_t made = MakeSeed() | 1;
+  return seed.compare_exchange_strong(known, made) ? made : known;
 }
 
 void RecordList::NotePlace(const CKespRecord* last) noexcept {
@@ -68,11 +74,13 @@ void RecordList::Remove(const CKespRecord* record) noexcept {
       ++m_holes;
     }
   }
-  if (2 * m_holes > m_records.Size()) CloseHoles();
+  std::erase(m_headers, record);
+  if (m_walks == 0 && 2 * m_holes > m_records.Size()) CloseHoles();
 }
 
 void RecordList::RemoveAll() noexcept {
   m_records.Clear();
+  m_headers = {};
   ForgetPlaces();
   m_holes = 0;
 }

@@ -88,8 +88,7 @@ void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, i
     if (entry != m_pointIndex.end()) number = entry->key, indexed = point;
   }
   if (indexed == point) m_pointIndex.RemoveKey(number);
-  feature.RemovePoint(index);
-  delete point;
+  delete feature.RemovePoint(index);
   if (m_numPoints != 0) --m_numPoints;
 }
 

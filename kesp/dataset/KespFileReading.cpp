@@ -48,12 +48,17 @@ class ReadingAhead {
 CKespFile::CKespFile() : m_pDataFile(new CKespDataFile) {}
 
 CKespFile::~CKespFile() {
-  ClearStorage();
+  Clear();
   delete m_pDataFile;
 }
 
+void CKespFile::ClearStorage() {
+  Clear();
+  m_pBmcText = &m_bmcTexts.emplace_back();
+}
+
 // Never fails: the destructor needs it.
-void CKespFile::ClearStorage() noexcept {
+void CKespFile::Clear() noexcept {
   m_numPoints = 0;
   m_firstPointTime = CTime::GetCurrentTime();
   m_lastPointTime = CTime();
@@ -61,7 +66,7 @@ void CKespFile::ClearStorage() noexcept {
   m_kespVersion = 0;
 
   // Features that callers entered into the index, and headers that they queued, go with what reading made. Each object
-  // is deleted once however often it was entered.
+  // is deleted once however often it was entered. A header that was taken out of the list is its caller's again.
   std::sort(m_ownFeatures.begin(), m_ownFeatures.end());
   std::sort(m_ownRecords.begin(), m_ownRecords.end());
   std::vector<CKespRecord*> entered;
@@ -69,14 +74,8 @@ void CKespFile::ClearStorage() noexcept {
     for (const auto& entry : m_featureIndex) {
       if (!std::binary_search(m_ownFeatures.begin(), m_ownFeatures.end(), entry.value)) entered.push_back(entry.value);
     }
-    // Whoever took a header out of the list has it back.
-    std::sort(m_queuedHeaders.begin(), m_queuedHeaders.end());
-    for (CKespRecord* record : m_recordList) {
-      if (m_queuedHeaders.empty()) break;
-      if (std::binary_search(m_queuedHeaders.begin(), m_queuedHeaders.end(), record) &&
-          !std::binary_search(m_ownRecords.begin(), m_ownRecords.end(), record)) {
-        entered.push_back(record);
-      }
+    for (CKespRecord* header : m_recordList.Headers()) {
+      if (!std::binary_search(m_ownRecords.begin(), m_ownRecords.end(), header)) entered.push_back(header);
     }
     std::sort(entered.begin(), entered.end());
     entered.erase(std::unique(entered.begin(), entered.end()), entered.end());
@@ -89,7 +88,6 @@ void CKespFile::ClearStorage() noexcept {
   for (CKespRecord* record : m_ownRecords) delete record;
   m_ownFeatures = {};
   m_ownRecords = {};
-  m_queuedHeaders = {};
   m_featureIndex.RemoveAll();
   m_pointIndex.RemoveAll();
   m_qualityMarkIndex.RemoveAll();
@@ -233,7 +231,6 @@ ErrorEnum CKespFile::OutOfMemory() noexcept {
 ErrorEnum CKespFile::ReadStore(bool readDeleted) {
   ClearStorage();
   m_storedIn = m_pDataFile->m_file.Identity();
-  m_pBmcText = &m_bmcTexts.emplace_back();
   if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
   const bool skipDeleted = !readDeleted;
 
@@ -481,7 +478,7 @@ bool CKespFile::AddFeatureLink(const CKespFeatureLink& link) {
 }
 
 ErrorEnum CKespFile::CheckTavoFileIntegrity() {
-  ClearStorage();
+  Clear();  // also where there is nothing to read
   const ErrorEnum result = ReadKespFile(false);
   if (result != ERR_NONE) return result;
   const bool whole = std::all_of(m_featureIndex.begin(), m_featureIndex.end(),

@@ -79,6 +79,8 @@ class KespMap {
   };
 
   KespMap() { m_heads.fill(kNone); }
+  KespMap(const KespMap&) = delete;
+  KespMap& operator=(const KespMap&) = delete;
 
   Iterator begin() const {
     Settle();
@@ -141,7 +143,14 @@ class KespMap {
     return true;
   }
   // Gives the memory back.
-  void RemoveAll() noexcept { *this = KespMap(); }
+  void RemoveAll() noexcept {
+    m_noted.Clear();
+    m_entries.Clear();
+    std::vector<Slot>().swap(m_slots);
+    m_heads.fill(kNone);
+    m_firstFree = kNone;
+    m_count = 0;
+  }
 
  private:
   static constexpr std::uint32_t kNone = 0xFFFFFFFF;
@@ -196,20 +205,16 @@ class KespMap {
 
   static std::uint32_t HashWord(const Key& key) noexcept { return static_cast<std::uint32_t>(key); }
   static std::uint32_t BucketOf(const Key& key) noexcept { return (HashWord(key) >> 4) % kBuckets; }
-  static std::uint64_t Mixed(std::uint64_t word) noexcept {
-    std::uint64_t z = word + ProcessSeedOnce();
+  std::uint64_t Mixed(std::uint64_t word) const noexcept {
+    std::uint64_t z = word + m_seed;
     z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9U;
     z = (z ^ (z >> 27)) * 0x94D049BB133111EBU;
     return z ^ (z >> 31);
   }
-  static std::uint64_t ProcessSeedOnce() noexcept {
-    static const std::uint64_t seed = ProcessSeed();
-    return seed;
-  }
   // Keys that are more than their hash word add the rest.
-  static std::uint64_t Spread(std::uint32_t key) noexcept { return Mixed(key / kGroup) * kGroup + key % kGroup; }
+  std::uint64_t Spread(std::uint32_t key) const noexcept { return Mixed(key / kGroup) * kGroup + key % kGroup; }
   template <class Composite>
-  static std::uint64_t Spread(const Composite& key) noexcept {
+  std::uint64_t Spread(const Composite& key) const noexcept {
     return Mixed(std::uint64_t{key.FirstPart} << 32 | key.SecondPart);
   }
   std::size_t Home(const Key& key) const noexcept { return Spread(key) & (m_slots.size() - 1); }
@@ -256,6 +261,7 @@ class KespMap {
   std::array<std::uint32_t, kBuckets> m_heads{};
   std::uint32_t m_firstFree = kNone;
   std::size_t m_count = 0;
+  const std::uint64_t m_seed = ProcessSeed();
 };
 
 }  // namespace kesp

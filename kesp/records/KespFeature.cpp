@@ -15,8 +15,9 @@ Item* At(const kesp::OwningList<Item>& list, int index) noexcept {
 }
 
 template <class Item>
-void Unlink(kesp::OwningList<Item>& list, int index) {
-  if (index >= 0 && static_cast<std::size_t>(index) < list.size()) (void)list.release(static_cast<std::size_t>(index));
+Item* Unlink(kesp::OwningList<Item>& list, int index) noexcept {
+  const bool isThere = index >= 0 && static_cast<std::size_t>(index) < list.size();
+  return isThere ? list.release(static_cast<std::size_t>(index)) : nullptr;
 }
 
 template <class Item>
@@ -54,7 +55,11 @@ bool CKespFeature::operator=(CKespFeature* other) {
   return true;
 }
 
-CKespFeature::~CKespFeature() = default;
+// In the order of Clear, which hosts' own points and attributes may look at.
+CKespFeature::~CKespFeature() {
+  m_attributeList.clear();
+  m_pointList.clear();
+}
 
 bool CKespFeature::SetFeatureNumber(unsigned long featureNumber, unsigned long, bool) noexcept {
   FeatureNumber = static_cast<std::uint32_t>(featureNumber);
@@ -77,9 +82,9 @@ CKespAttribute* CKespFeature::GetAttribute(const CString& name) const noexcept {
   return nullptr;
 }
 
-void CKespFeature::RemovePoint(int index) { Unlink(m_pointList, index); }
+CKespPoint* CKespFeature::RemovePoint(int index) noexcept { return Unlink(m_pointList, index); }
 
-void CKespFeature::RemoveAttribute(int index) { Unlink(m_attributeList, index); }
+CKespAttribute* CKespFeature::RemoveAttribute(int index) noexcept { return Unlink(m_attributeList, index); }
 
 bool CKespFeature::RemoveAllAttributes() {
   m_attributeList.clear();

@@ -3,9 +3,9 @@
 // In the file a feature is a record of its own; its points, attributes and end follow as records that carry its number.
 //
 // Ownership: the feature owns the points and attributes in its lists and its end, and deletes them in Clear and when
-// destroyed. AddPoint, AddAttribute and SetFeatureEnd take ownership; RemovePoint and RemoveAttribute give it back to
-// the caller, who got the pointer from GetPoint or GetAttribute before.
-// Positions in the lists count from 0; outside 0 .. count - 1 the getters answer null and the removers do nothing.
+// destroyed. AddPoint, AddAttribute and SetFeatureEnd take ownership; RemovePoint and RemoveAttribute give it back with
+// the pointer that they return.
+// Positions in the lists count from 0; outside 0 .. count - 1 the getters and the removers return null.
 //
 // Errors: a body with a type other than 1, 2 and 3 is filled whole but answered with KESP_ERROR_BAD_RECORD. Reading and
 // writing version 1 through Read and Write lets a CFileException of the file object out (the end of the file
@@ -32,6 +32,9 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
   CKespFeature() noexcept : CKespRecord(KESP_RECORD_FEATURE, 3) {}
   CKespFeature(const CKespFeature& other);  // deep: every point, every attribute and the end are copied
   CKespFeature& operator=(const CKespFeature&) = delete;
+  // Everything, the number, the lists and the end included. The other one is then without points, attributes and end.
+  CKespFeature(CKespFeature&& other) noexcept = default;
+  CKespFeature& operator=(CKespFeature&& other) noexcept = default;
   // Takes over what describes the other feature (colour, name, type, symbol, display values) and nothing else: the
   // number, the common fields, the points, the attributes and the end stay. False for null.
   bool operator=(CKespFeature* other);
@@ -61,8 +64,8 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
   CKespAttribute* GetAttribute(int index) const noexcept;
   // The first attribute of that name, ignoring case; null without one.
   CKespAttribute* GetAttribute(const CString& name) const noexcept;
-  void RemovePoint(int index);
-  void RemoveAttribute(int index);
+  CKespPoint* RemovePoint(int index) noexcept;
+  CKespAttribute* RemoveAttribute(int index) noexcept;
   bool RemoveAllAttributes();  // deletes them; always true
   bool Clear();                // deletes points, attributes and end; always true
 

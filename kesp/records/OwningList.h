@@ -2,9 +2,10 @@
 //
 //   for (const CKespPoint* point : feature.m_pointList) Show(*point);
 //
-// 16 bytes when empty, and small ones take their memory out of the library's pool, since there is a list or two in each
-// of a survey's features. Asking by position takes constant time; adding does on the average. A long list grows in
-// place where the system can, without copying. Entries may be null.
+// 24 bytes when empty, and small ones take their memory out of the library's pool, since there is a list or two in each
+// of a survey's features. Asking by position takes constant time, and so does removing at either end; adding does on
+// the average, and removing elsewhere moves the shorter side. A long list grows in place where the system can, without
+// copying. Entries may be null.
 //
 // Errors: CMemoryException from push_back; the list is then as it was, and the entry is still the caller's.
 #pragma once
@@ -29,28 +30,46 @@ class OwningList {
   ~OwningList() { clear(); }
   OwningList(const OwningList&) = delete;
   OwningList& operator=(const OwningList&) = delete;
+  OwningList(OwningList&& other) noexcept { swap(other); }
+  OwningList& operator=(OwningList&& other) noexcept {
+    OwningList moved(std::move(other));
+    swap(moved);
+    return *this;
+  }
+  void swap(OwningList& other) noexcept {
+    std::swap(m_storage, other.m_storage);
+    std::swap(m_front, other.m_front);
+    std::swap(m_size, other.m_size);
+    std::swap(m_capacity, other.m_capacity);
+  }
 
   std::size_t size() const noexcept { return m_size; }
   bool empty() const noexcept { return m_size == 0; }
-  Item* operator[](std::size_t at) const noexcept { return m_items[at]; }
-  Item* front() const noexcept { return m_items[0]; }
-  Item* back() const noexcept { return m_items[m_size - 1]; }
-  Item* const* begin() const noexcept { return m_items; }
-  Item* const* end() const noexcept { return m_items + m_size; }
+  Item* operator[](std::size_t at) const noexcept { return begin()[at]; }
+  Item* front() const noexcept { return *begin(); }
+  Item* back() const noexcept { return begin()[m_size - 1]; }
+  Item* const* begin() const noexcept { return m_storage + m_front; }
+  Item* const* end() const noexcept { return begin() + m_size; }
 
   // Takes the item over.
   void push_back(Item* item) {
-    if (m_size == m_capacity) Grow(m_capacity == 0 ? kFirstRoom : std::size_t{2} * m_capacity);
-    m_items[m_size++] = item;
+    if (m_front + m_size == m_capacity) MakeRoom();
+    m_storage[m_front + m_size++] = item;
   }
   void reserve(std::size_t capacity) {
-    if (capacity > m_capacity) Grow(capacity);
+    if (capacity > m_capacity - m_front) Grow(capacity);
   }
   // Takes the entry out and hands it back to the caller.
   Item* release(std::size_t at) noexcept {
-    Item* const item = m_items[at];
-    std::copy(m_items + at + 1, m_items + m_size, m_items + at);
+    Item** const items = m_storage + m_front;
+    Item* const item = items[at];
     --m_size;
+    if (at < m_size / 2) {
+      std::copy_backward(items, items + at, items + at + 1);
+      ++m_front;
+    } else {
+      std::copy(items + at + 1, items + m_size + 1, items + at);
+    }
     return item;
   }
   // Deletes all items, from the first on.
@@ -58,52 +77,64 @@ class OwningList {
     // Whoever drops a whole survey waits for memory and nothing else: the items to come are fetched meanwhile.
     constexpr std::size_t kAhead = 8;
     constexpr std::size_t kCacheLine = 64;
+    Item** const items = m_storage + m_front;
     for (std::size_t i = 0; i < m_size; ++i) {
-      if (i + kAhead < m_size && m_items[i + kAhead] != nullptr) {
-        const auto* const coming = reinterpret_cast<const std::byte*>(m_items[i + kAhead]);
+      if (i + kAhead < m_size && items[i + kAhead] != nullptr) {
+        const auto* const coming = reinterpret_cast<const std::byte*>(items[i + kAhead]);
         __builtin_prefetch(coming, 1);
         if constexpr (sizeof(Item) > kCacheLine) __builtin_prefetch(coming + kCacheLine, 1);
       }
-      delete m_items[i];
+      delete items[i];
     }
     FreeStorage();
-    m_items = nullptr;
-    m_size = m_capacity = 0;
+    m_storage = nullptr;
+    m_front = m_size = m_capacity = 0;
   }
 
  private:
   static constexpr std::size_t kFirstRoom = 4;
   static constexpr std::size_t kMostPooled = kLargestPooledBlock / sizeof(Item*);
 
+  // At the end: where at least half of the storage is free at its front, that is used again.
+  void MakeRoom() {
+    if (m_front > m_size) return MoveToFront();
+    Grow(m_capacity == 0 ? kFirstRoom : std::size_t{2} * m_capacity);
+  }
+  void MoveToFront() noexcept {
+    std::copy_n(m_storage + m_front, m_size, m_storage);
+    m_front = 0;
+  }
   void Grow(std::size_t capacity) {
     if (capacity > std::numeric_limits<std::uint32_t>::max()) throw CMemoryException();
+    MoveToFront();
     const std::size_t bytes = capacity * sizeof(Item*);
-    Item** items = nullptr;
+    Item** storage = nullptr;
     if (capacity <= kMostPooled) {
-      items = static_cast<Item**>(PoolAllocate(bytes));
+      storage = static_cast<Item**>(PoolAllocate(bytes));
     } else {
       const bool pooled = m_capacity <= kMostPooled;
       // Only realloc grows in place. NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
-      items = static_cast<Item**>(pooled ? std::malloc(bytes) : std::realloc(m_items, bytes));
-      if (items == nullptr) throw CMemoryException();
-      if (!pooled) m_items = items;
+      storage = static_cast<Item**>(pooled ? std::malloc(bytes) : std::realloc(m_storage, bytes));
+      if (storage == nullptr) throw CMemoryException();
+      if (!pooled) m_storage = storage;
     }
-    if (items != m_items) {
-      std::copy_n(m_items, m_size, items);
+    if (storage != m_storage) {
+      std::copy_n(m_storage, m_size, storage);
       FreeStorage();
-      m_items = items;
+      m_storage = storage;
     }
     m_capacity = static_cast<std::uint32_t>(capacity);
   }
   void FreeStorage() noexcept {
     if (m_capacity > kMostPooled) {
-      std::free(m_items);  // NOLINT(cppcoreguidelines-no-malloc): see Grow
+      std::free(m_storage);  // NOLINT(cppcoreguidelines-no-malloc): see Grow
     } else if (m_capacity != 0) {
-      PoolFree(m_items, m_capacity * sizeof(Item*));
+      PoolFree(m_storage, m_capacity * sizeof(Item*));
     }
   }
 
-  Item** m_items = nullptr;
+  Item** m_storage = nullptr;
+  std::uint32_t m_front = 0;  // entries that were released before the first
   std::uint32_t m_size = 0;
   std::uint32_t m_capacity = 0;
 };

@@ -71,4 +71,31 @@ TEST(RecordList, KeepsItsOrderWhateverIsRemoved) {
   }
 }
 
+TEST(RecordList, IsWalkedWhateverGoesAndComes) {
+  std::vector<CKespNote> notes(3000);
+  CKespNote late;
+  kesp::RecordList list;
+  for (CKespNote& note : notes) list.AddTail(&note);
+  std::vector<CKespRecord*> walked;
+  for (CKespRecord* record : list) {
+    walked.push_back(record);
+    const auto at = static_cast<std::size_t>(static_cast<CKespNote*>(record) - notes.data());
+    if (record == &late) continue;
+    list.Remove(record);
+    if (at % 3 == 0) list.Remove(&notes[at + 1]);  // before the walk gets there
+    if (at == 0) {
+      list.AddTail(&late);
+      list.Remove(&late);
+      list.AddTail(&late);
+    }
+  }
+  std::vector<CKespRecord*> expected;
+  for (std::size_t i = 0; i < notes.size(); ++i) {
+    if (i % 3 != 1) expected.push_back(&notes[i]);
+  }
+  expected.push_back(&late);
+  EXPECT_TRUE(walked == expected);
+  EXPECT_TRUE(list.GetCount() == 1 && list.GetHead() == &late);
+}
+
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "kesp/kesp.h"
 #include "tests/records/Scratch.h"
 
@@ -47,10 +49,11 @@ TEST(Feature, OwnsWhatIsInItsListsUntilItIsRemoved) {
   EXPECT_EQ(feature.GetAttribute(u"type"), feature.GetAttribute(0));
   EXPECT_EQ(feature.GetAttribute(u"none"), nullptr);
 
-  const std::unique_ptr<CKespPoint> point(feature.GetPoint(0));
-  const std::unique_ptr<CKespAttribute> attribute(feature.GetAttribute(2));
-  for (const int at : {0, -1, 2}) feature.RemovePoint(at);
-  for (const int at : {2, -1, 2}) feature.RemoveAttribute(at);
+  const std::unique_ptr<CKespPoint> point(feature.RemovePoint(0));
+  const std::unique_ptr<CKespAttribute> attribute(feature.RemoveAttribute(2));
+  EXPECT_EQ(attribute->AttributeName, CString(u"TYPE"));
+  for (const int at : {-1, 2})
+    EXPECT_TRUE(feature.RemovePoint(at) == nullptr && feature.RemoveAttribute(at) == nullptr);
   EXPECT_TRUE(point->CoordX == 1 && feature.GetNumPoints() == 2 && feature.GetPoint(0)->CoordX == 5);
   EXPECT_EQ(feature.GetNumAttributes(), 2);
   for (const int at : {-1, 2}) EXPECT_TRUE(feature.GetPoint(at) == nullptr && feature.GetAttribute(at) == nullptr);
@@ -84,6 +87,63 @@ TEST(Feature, IsCopiedWholeAndAssignedByItsDescription) {
     EXPECT_TRUE(feature->FeatureType == KESP_FEATURE_LINE && feature->Color == 3 && feature->SymbolIndex == 4);
     EXPECT_TRUE(feature->DisplayWord1 == 5 && feature->DisplayWord2 == 6);
   }
+}
+
+TEST(Feature, HandsAllOfItOverWhenItIsMoved) {
+  CKespFeature from;
+  from.FeatureNumber = 7, from.FeatureName = u"a name of more than eleven";
+  from.AddPoint(Point(1, 2));
+  from.AddAttribute(Attribute(u"Type"));
+  from.SetFeatureEnd(new CKespFeatureEnd);
+  const CKespPoint* const point = from.GetPoint(0);
+  CKespFeature moved(std::move(from)), assigned;
+  assigned.AddPoint(Point(3, 4));
+  assigned = std::move(moved);
+  EXPECT_TRUE(assigned.GetPoint(0) == point && assigned.GetNumAttributes() == 1 && assigned.GetFeatureEnd() != nullptr);
+  EXPECT_TRUE(assigned.FeatureNumber == 7 && assigned.FeatureName == CString(u"a name of more than eleven"));
+  for (CKespFeature* const left : {&from, &moved}) {  // NOLINT(bugprone-use-after-move): an empty feature
+    EXPECT_EQ(left->GetNumPoints() + left->GetNumAttributes(), 0);
+    EXPECT_TRUE(left->GetFeatureEnd() == nullptr && left->AddPoint(Point(1, 1)));
+  }
+}
+
+TEST(Feature, ListsKeepTheirOrderWhereverSomethingIsTakenOut) {
+  std::minstd_rand random(3);
+  CKespFeature feature;
+  std::vector<CKespPoint*> model;
+  for (int step = 0; step < 5000; ++step) {
+    if (random() % 20 < (step / 500 % 2 == 0 ? 12u : 8u)) {
+      model.push_back(Point(step, 0));
+      feature.AddPoint(model.back());
+    } else if (!model.empty()) {
+      const std::size_t places[] = {0, model.size() - 1, random() % model.size()};
+      const std::size_t at = places[random() % 3];
+      const std::unique_ptr<CKespPoint> removed(feature.RemovePoint(static_cast<int>(at)));
+      ASSERT_EQ(removed.get(), model[at]);
+      model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
+    }
+    ASSERT_TRUE(std::equal(feature.m_pointList.begin(), feature.m_pointList.end(), model.begin(), model.end())) << step;
+  }
+}
+
+TEST(Feature, IsTakenApartInTheOrderOfClear) {
+  static std::string order;
+  struct LoggedPoint : CKespPoint {
+    ~LoggedPoint() override { order += 'P'; }
+  };
+  struct LoggedAttribute : CKespAttribute {
+    ~LoggedAttribute() override { order += 'A'; }
+  };
+  struct LoggedEnd : CKespFeatureEnd {
+    ~LoggedEnd() override { order += 'E'; }
+  };
+  {
+    CKespFeature feature;
+    feature.SetFeatureEnd(new LoggedEnd);
+    feature.AddPoint(new LoggedPoint);
+    feature.AddAttribute(new LoggedAttribute);
+  }
+  EXPECT_EQ(order, "APE");
 }
 
 TEST(Feature, ComparesTheLayoutOfItsAttributes) {
