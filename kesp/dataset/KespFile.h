@@ -26,7 +26,7 @@
 //     a feature, by AddRecordsToWriteQueue          the data set, when cleared while the feature index holds it
 //   the array that a query answers                  the caller, with delete[]; never what it points to
 //   m_pDataFile                                     the data set; the writers of new files put another in its place
-//   m_pBmcText                                      the data set, when it ends; another string each time a file is read
+//   m_pBmcText                                      the data set, when it ends; another string after each clearing
 //
 // Errors: every operation returns an ErrorEnum; ErrorText has a sentence for each. The writers return ERR_NONE once
 // they have got as far as writing: a single append that fails does not change the result. After a writer has returned
@@ -145,34 +145,39 @@ class KESP_EXPORT CKespFile {
   // --- Making records --------------------------------------------------------------------------------------------
   // What is made is the caller's. Numbers are the caller's business: nothing checks or reserves them.
 
-  CKespFeature* CreateFeature(CString name, KESP_FEATURE_TYPE type, unsigned long featureNumber);  // symbol index 34
-  CKespPoint* CreatePoint(unsigned long pointNumber, CString text, std::int32_t time, double coordY, double coordX,
-                          double coordZ, unsigned long featureNumber);
-  CKespNote* CreateNote(CString text);
-  CKespFeatureEnd* CreateFeatureEnd(unsigned long featureNumber);
-  CKespAttribute* CreateStringAttribute(CString name, unsigned long featureNumber, CString value);
-  CKespAttribute* CreateMenuAttribute(CString name, unsigned long featureNumber, CString value);
+  [[nodiscard]] CKespFeature* CreateFeature(CString name, KESP_FEATURE_TYPE type,
+                                            unsigned long featureNumber);  // symbol index 34
+  [[nodiscard]] CKespPoint* CreatePoint(unsigned long pointNumber, CString text, std::int32_t time, double coordY,
+                                        double coordX, double coordZ, unsigned long featureNumber);
+  [[nodiscard]] CKespNote* CreateNote(CString text);
+  [[nodiscard]] CKespFeatureEnd* CreateFeatureEnd(unsigned long featureNumber);
+  [[nodiscard]] CKespAttribute* CreateStringAttribute(CString name, unsigned long featureNumber, CString value);
+  [[nodiscard]] CKespAttribute* CreateMenuAttribute(CString name, unsigned long featureNumber, CString value);
   // The last two numbers are taken and dropped, here and for dates: only the value has a place.
-  CKespAttribute* CreateNumericAttribute(CString name, unsigned long featureNumber, double value, double second,
-                                         double third);
-  CKespAttribute* CreateDateAttribute(CString name, unsigned long featureNumber, double date, double second,
-                                      double third);
-  CKespTag* CreateTag(CString name, unsigned long featureNumber, unsigned long pointNumber, unsigned long timeFirstPart,
-                      unsigned long timeSecondPart);       // GPS mark
-  CKespTag* CreateTag(unsigned long color, CString name);  // colour, like the next two
-  CKespTag* CreateTag(CString name, unsigned long color);
-  CKespTag* CreateTag(CString name, std::uint32_t color);
-  CKespTag* CreateTag(CString name, CRect2D rect);
-  CKespTag* CreateTag(CString name, CPoint3D point);
-  CKespTag* CreateTag(CString name, CString value);
-  CKespTag* CreateTag(CString name, double value);
-  CKespTag* CreateTag(CString name, int value);
-  CKespTag* CreateTagGps(unsigned long number, unsigned long value1, unsigned long value2, unsigned long value3,
-                         unsigned long value4);  // quality mark; the values become floats
-  CKespTag* CreateTagGpsEx(unsigned long number, float value1, float value2, float value3, float value4, int integer);
-  CKespTag* CreateTagFeatureLink(unsigned long featureNumber1, unsigned long qualifier1, unsigned long featureNumber2,
-                                 unsigned long qualifier2, unsigned long linkValue);
-  CKespTag* CreateTagBlob(CString name, const void* data, int length);
+  [[nodiscard]] CKespAttribute* CreateNumericAttribute(CString name, unsigned long featureNumber, double value,
+                                                       double second, double third);
+  [[nodiscard]] CKespAttribute* CreateDateAttribute(CString name, unsigned long featureNumber, double date,
+                                                    double second, double third);
+  [[nodiscard]] CKespTag* CreateTag(CString name, unsigned long featureNumber, unsigned long pointNumber,
+                                    unsigned long timeFirstPart,
+                                    unsigned long timeSecondPart);       // GPS mark
+  [[nodiscard]] CKespTag* CreateTag(unsigned long color, CString name);  // colour, like the next two
+  [[nodiscard]] CKespTag* CreateTag(CString name, unsigned long color);
+  [[nodiscard]] CKespTag* CreateTag(CString name, std::uint32_t color);
+  [[nodiscard]] CKespTag* CreateTag(CString name, CRect2D rect);
+  [[nodiscard]] CKespTag* CreateTag(CString name, CPoint3D point);
+  [[nodiscard]] CKespTag* CreateTag(CString name, CString value);
+  [[nodiscard]] CKespTag* CreateTag(CString name, double value);
+  [[nodiscard]] CKespTag* CreateTag(CString name, int value);
+  [[nodiscard]] CKespTag* CreateTagGps(unsigned long number, unsigned long value1, unsigned long value2,
+                                       unsigned long value3,
+                                       unsigned long value4);  // quality mark; the values become floats
+  [[nodiscard]] CKespTag* CreateTagGpsEx(unsigned long number, float value1, float value2, float value3, float value4,
+                                         int integer);
+  [[nodiscard]] CKespTag* CreateTagFeatureLink(unsigned long featureNumber1, unsigned long qualifier1,
+                                               unsigned long featureNumber2, unsigned long qualifier2,
+                                               unsigned long linkValue);
+  [[nodiscard]] CKespTag* CreateTagBlob(CString name, const void* data, int length);
 
   // Always ERR_NONE. The feature must not be null.
   ErrorEnum AddGpsInfoToPoint(CKespPoint& point, double value, int number, KESP_SIGNAL_STATUS status);
@@ -190,10 +195,10 @@ class KESP_EXPORT CKespFile {
   ErrorEnum AddFeatureRecOnlyToWriteQueue(CKespFeature* feature);
   // The feature, its attributes, its points, its end.
   ErrorEnum AddFeatureAndAssociatedRecToWriteQueue(CKespFeature* feature);
-  ErrorEnum AddFeaturesToWriteQueue(CKespFeature** features, int count);  // a null one is passed over
+  ErrorEnum AddFeaturesToWriteQueue(CKespFeature* const* features, int count);  // a null one is passed over
   // Also enters points and features into their indexes and counts the points. Headers and points are not entered as
   // features: they have no feature number of their own to stand under, and would be deleted twice.
-  ErrorEnum AddRecordsToWriteQueue(CKespRecord** records, int count);
+  ErrorEnum AddRecordsToWriteQueue(CKespRecord* const* records, int count);
   // Empties m_recordList. What callers queued, headers too, is theirs again; what reading made stays the data set's.
   ErrorEnum ClearQueueWithoutWriting();
   // Write all that is queued to a new file of file version 3, 2 or 1, which then is the data set's open file; the one
@@ -204,9 +209,9 @@ class KESP_EXPORT CKespFile {
   // What has that name already stays, and the result is ERR_FILE_EXISTS; the file that was open then stays so. A file
   // that can't be given its file header, as on a full disk, is taken away again (ERR_FILE_NOT_FOUND); GetSystemError
   // says why.
-  ErrorEnum WriteNewKespFileFromQueue(CString path);
-  ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
-  ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);
+  [[nodiscard]] ErrorEnum WriteNewKespFileFromQueue(CString path);
+  [[nodiscard]] ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
+  [[nodiscard]] ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);
   // Gives each queued record the record version that the writer for file version 1 or 2 writes: 1 or 2, and 1 for a
   // feature end. Adds to `loss` what the records hold and such a file can't. Changes nothing but the versions, and for
   // other file versions nothing at all. Call it before WriteNewKespFileFromQueueVersion1 or -Version2.
@@ -215,7 +220,7 @@ class KESP_EXPORT CKespFile {
   // To a file that the container refuses nothing is appended, and the result is ERR_NONE (see Errors above).
   // Beware: what ReadKespFile read is in the queue too. Open, read, append writes the whole file a second time, after
   // itself: call ClearQueueWithoutWriting before queueing what is new. CountQueuedFromOpenFile tells.
-  ErrorEnum AppendToKespFileFromQueue(CString path);
+  [[nodiscard]] ErrorEnum AppendToKespFileFromQueue(CString path);
   // How many of the queued records are in the open file already, because they were read from it or written to it: 0 is
   // what AppendToKespFileFromQueue wants. Looks at the m_filePosition of each queued record.
   int CountQueuedFromOpenFile() const;
@@ -224,50 +229,58 @@ class KESP_EXPORT CKespFile {
   // Each answers an array, empty but never null, in the order of the record list, writes the number of entries and
   // ERR_NONE or ERR_NOT_FOUND.
 
-  CKespRecord** GetRecordsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
-  CKespFeature** GetFeaturesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
-  CKespPoint** GetPointsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
-  CKespAttribute** GetAttributesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
-  CKespNote** GetNotesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
-  CKespTag** GetTagsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error);
+  [[nodiscard]] CKespRecord** GetRecordsWhereFlags(LogicFlag logic, unsigned long mask, int& count,
+                                                   ErrorEnum& error) const;
+  [[nodiscard]] CKespFeature** GetFeaturesWhereFlags(LogicFlag logic, unsigned long mask, int& count,
+                                                     ErrorEnum& error) const;
+  [[nodiscard]] CKespPoint** GetPointsWhereFlags(LogicFlag logic, unsigned long mask, int& count,
+                                                 ErrorEnum& error) const;
+  [[nodiscard]] CKespAttribute** GetAttributesWhereFlags(LogicFlag logic, unsigned long mask, int& count,
+                                                         ErrorEnum& error) const;
+  [[nodiscard]] CKespNote** GetNotesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) const;
+  [[nodiscard]] CKespTag** GetTagsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) const;
   // Types are compared by their names: all types but 1 to 3 have the empty name and are one.
-  CKespFeature** GetFeaturesWhereType(LogicFlag logic, KESP_FEATURE_TYPE type, int& count, ErrorEnum& error);
-  CKespFeature** GetFeaturesWhereName(LogicFlag logic, CString name, int& count, ErrorEnum& error);
+  [[nodiscard]] CKespFeature** GetFeaturesWhereType(LogicFlag logic, KESP_FEATURE_TYPE type, int& count,
+                                                    ErrorEnum& error) const;
+  [[nodiscard]] CKespFeature** GetFeaturesWhereName(LogicFlag logic, CString name, int& count, ErrorEnum& error) const;
   // By the first attribute of that name (ignoring case): its Value, or its TextValue. Features without it are left out.
-  CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, double value, int& count,
-                                           ErrorEnum& error);
-  CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, CString text, int& count,
-                                           ErrorEnum& error);
+  [[nodiscard]] CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, double value, int& count,
+                                                         ErrorEnum& error) const;
+  [[nodiscard]] CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, CString text, int& count,
+                                                         ErrorEnum& error) const;
   template <std::integral Number>
-  CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, Number value, int& count,
-                                           ErrorEnum& error) {
+  [[nodiscard]] CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, Number value, int& count,
+                                                         ErrorEnum& error) const {
     return GetFeaturesWhereAttribute(std::move(attribute), logic, static_cast<double>(value), count, error);
   }
   // The same over an array of the caller's.
-  CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount, CString attribute,
-                                                       LogicFlag logic, double value, int& count, ErrorEnum& error);
-  CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount, CString attribute,
-                                                       LogicFlag logic, CString text, int& count, ErrorEnum& error);
+  [[nodiscard]] CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature* const* features, int featureCount,
+                                                                     CString attribute, LogicFlag logic, double value,
+                                                                     int& count, ErrorEnum& error) const;
+  [[nodiscard]] CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature* const* features, int featureCount,
+                                                                     CString attribute, LogicFlag logic, CString text,
+                                                                     int& count, ErrorEnum& error) const;
   template <std::integral Number>
-  CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount, CString attribute,
-                                                       LogicFlag logic, Number value, int& count, ErrorEnum& error) {
+  [[nodiscard]] CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature* const* features, int featureCount,
+                                                                     CString attribute, LogicFlag logic, Number value,
+                                                                     int& count, ErrorEnum& error) const {
     return GetFeaturesFromFeaturesWhereAttribute(features, featureCount, std::move(attribute), logic,
                                                  static_cast<double>(value), count, error);
   }
   // Both arrays one behind the other, in a new one. The two stay the caller's.
-  CKespFeature** JoinTwoArrays(CKespFeature** first, int firstCount, CKespFeature** second, int secondCount,
-                               int& count);
+  [[nodiscard]] CKespFeature** JoinTwoArrays(CKespFeature* const* first, int firstCount, CKespFeature* const* second,
+                                             int secondCount, int& count) const;
   // The string tags of that name, ignoring case. Reads the open file first if the record list is empty.
-  CKespTag** GetStringToStringTags(CString name, int& count);
+  [[nodiscard]] CKespTag** GetStringToStringTags(CString name, int& count);
   // By number. They want an open file.
-  ErrorEnum GetPoint(unsigned long pointNumber, CKespPoint*& point);
-  ErrorEnum GetFeature(unsigned long featureNumber, CKespFeature*& feature);
+  ErrorEnum GetPoint(unsigned long pointNumber, CKespPoint*& point) const;
+  ErrorEnum GetFeature(unsigned long featureNumber, CKespFeature*& feature) const;
   // Of the features in the index. Without points the first time is 10000 days ahead and the last is local time
   // 2 January 1970, 01:01:01. Among points of the same last time the first in the index's order gives the text.
   ErrorEnum GetKespDataSummary(unsigned long& numPoints, unsigned long& numFeatures, CBoundingBox& extent,
-                               CTime& firstTime, CTime& lastTime, CString& lastPointText);
+                               CTime& firstTime, CTime& lastTime, CString& lastPointText) const;
   ErrorEnum GetKespDataSummary(std::uint32_t& numPoints, std::uint32_t& numFeatures, CBoundingBox& extent,
-                               CTime& firstTime, CTime& lastTime, CString& lastPointText);
+                               CTime& firstTime, CTime& lastTime, CString& lastPointText) const;
 
   // --- The store -------------------------------------------------------------------------------------------------
 
@@ -289,7 +302,8 @@ class KESP_EXPORT CKespFile {
   CString* m_pBmcText = nullptr;    // text of a version-1 "BMC:" note
 
  private:
-  void ClearStorage() noexcept;
+  void ClearStorage();
+  void Clear() noexcept;
   bool ProcessTag(CKespTag* tag);
   bool AddFeatureLink(const CKespFeatureLink& link);
   bool ReadKespHeaderVersion1(CKespRecord** next, bool skipDeleted);
@@ -335,7 +349,6 @@ class KESP_EXPORT CKespFile {
   // too.
   std::vector<CKespFeature*> m_ownFeatures;
   std::vector<CKespRecord*> m_ownRecords;
-  std::vector<CKespTavoHeader*> m_queuedHeaders;
   std::uint64_t m_memoryLimit = 0;  // 0 for the default
   bool m_wasReadToEnd = false;
   kesp::FileIdentity m_storedIn;   // where the store was read from, or written to last

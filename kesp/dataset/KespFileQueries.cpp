@@ -121,34 +121,37 @@ auto TextTest(const CString& attribute, LogicFlag logic, const CString& text) {
 }
 
 struct FeatureArray {
-  CKespFeature** first;
+  CKespFeature* const* first;
   int count;
-  CKespFeature** begin() const { return first; }
-  CKespFeature** end() const { return first + std::max(count, 0); }
+  CKespFeature* const* begin() const { return first; }
+  CKespFeature* const* end() const { return first + std::max(count, 0); }
 };
 
 }  // namespace
 
-CKespRecord** CKespFile::GetRecordsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) {
+CKespRecord** CKespFile::GetRecordsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) const {
   return WhereFlags<CKespRecord>(m_recordList, KESP_RECORD_NONE, logic, mask, count, error);
 }
-CKespFeature** CKespFile::GetFeaturesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) {
+CKespFeature** CKespFile::GetFeaturesWhereFlags(LogicFlag logic, unsigned long mask, int& count,
+                                                ErrorEnum& error) const {
   return WhereFlags<CKespFeature>(m_recordList, KESP_RECORD_FEATURE, logic, mask, count, error);
 }
-CKespPoint** CKespFile::GetPointsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) {
+CKespPoint** CKespFile::GetPointsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) const {
   return WhereFlags<CKespPoint>(m_recordList, KESP_RECORD_POINT, logic, mask, count, error);
 }
-CKespAttribute** CKespFile::GetAttributesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) {
+CKespAttribute** CKespFile::GetAttributesWhereFlags(LogicFlag logic, unsigned long mask, int& count,
+                                                    ErrorEnum& error) const {
   return WhereFlags<CKespAttribute>(m_recordList, KESP_RECORD_ATTRIBUTE, logic, mask, count, error);
 }
-CKespNote** CKespFile::GetNotesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) {
+CKespNote** CKespFile::GetNotesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) const {
   return WhereFlags<CKespNote>(m_recordList, KESP_RECORD_NOTE, logic, mask, count, error);
 }
-CKespTag** CKespFile::GetTagsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) {
+CKespTag** CKespFile::GetTagsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) const {
   return WhereFlags<CKespTag>(m_recordList, KESP_RECORD_TAG, logic, mask, count, error);
 }
 
-CKespFeature** CKespFile::GetFeaturesWhereType(LogicFlag logic, KESP_FEATURE_TYPE type, int& count, ErrorEnum& error) {
+CKespFeature** CKespFile::GetFeaturesWhereType(LogicFlag logic, KESP_FEATURE_TYPE type, int& count,
+                                               ErrorEnum& error) const {
   const auto test = [=](const CKespFeature& feature) {
     const bool same = NameOf(feature.FeatureType) == NameOf(type);
     return logic == LOGIC_EQUAL ? same : logic == LOGIC_NOT_EQUAL && !same;
@@ -156,37 +159,37 @@ CKespFeature** CKespFile::GetFeaturesWhereType(LogicFlag logic, KESP_FEATURE_TYP
   return Select<CKespFeature>(m_recordList, KESP_RECORD_FEATURE, test, count, error);
 }
 
-CKespFeature** CKespFile::GetFeaturesWhereName(LogicFlag logic, CString name, int& count, ErrorEnum& error) {
+CKespFeature** CKespFile::GetFeaturesWhereName(LogicFlag logic, CString name, int& count, ErrorEnum& error) const {
   const auto test = [&](const CKespFeature& feature) { return TextMatches(logic, feature.FeatureName, name); };
   return Select<CKespFeature>(m_recordList, KESP_RECORD_FEATURE, test, count, error);
 }
 
 CKespFeature** CKespFile::GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, double value, int& count,
-                                                    ErrorEnum& error) {
+                                                    ErrorEnum& error) const {
   return Select<CKespFeature>(m_recordList, KESP_RECORD_FEATURE, NumberTest(attribute, logic, value), count, error);
 }
 
 CKespFeature** CKespFile::GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, CString text, int& count,
-                                                    ErrorEnum& error) {
+                                                    ErrorEnum& error) const {
   return Select<CKespFeature>(m_recordList, KESP_RECORD_FEATURE, TextTest(attribute, logic, text), count, error);
 }
 
-CKespFeature** CKespFile::GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount,
+CKespFeature** CKespFile::GetFeaturesFromFeaturesWhereAttribute(CKespFeature* const* features, int featureCount,
                                                                 CString attribute, LogicFlag logic, double value,
-                                                                int& count, ErrorEnum& error) {
+                                                                int& count, ErrorEnum& error) const {
   return Select<CKespFeature>(FeatureArray{features, featureCount}, KESP_RECORD_FEATURE,
                               NumberTest(attribute, logic, value), count, error);
 }
 
-CKespFeature** CKespFile::GetFeaturesFromFeaturesWhereAttribute(CKespFeature** features, int featureCount,
+CKespFeature** CKespFile::GetFeaturesFromFeaturesWhereAttribute(CKespFeature* const* features, int featureCount,
                                                                 CString attribute, LogicFlag logic, CString text,
-                                                                int& count, ErrorEnum& error) {
+                                                                int& count, ErrorEnum& error) const {
   return Select<CKespFeature>(FeatureArray{features, featureCount}, KESP_RECORD_FEATURE,
                               TextTest(attribute, logic, text), count, error);
 }
 
-CKespFeature** CKespFile::JoinTwoArrays(CKespFeature** first, int firstCount, CKespFeature** second, int secondCount,
-                                        int& count) {
+CKespFeature** CKespFile::JoinTwoArrays(CKespFeature* const* first, int firstCount, CKespFeature* const* second,
+                                        int secondCount, int& count) const {
   const FeatureArray a{first, firstCount};
   const FeatureArray b{second, secondCount};
   std::vector<CKespFeature*> both(a.begin(), a.end());
@@ -207,13 +210,13 @@ CKespTag** CKespFile::GetStringToStringTags(CString name, int& count) {
   return HandOut(found, count);
 }
 
-ErrorEnum CKespFile::GetPoint(unsigned long pointNumber, CKespPoint*& point) {
+ErrorEnum CKespFile::GetPoint(unsigned long pointNumber, CKespPoint*& point) const {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
   return m_pointIndex.Lookup(static_cast<std::uint32_t>(pointNumber), point) ? ERR_NONE : ERR_NOT_FOUND;
 }
 
-ErrorEnum CKespFile::GetFeature(unsigned long featureNumber, CKespFeature*& feature) {
+ErrorEnum CKespFile::GetFeature(unsigned long featureNumber, CKespFeature*& feature) const {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
   return m_featureIndex.Lookup(static_cast<std::uint32_t>(featureNumber), feature) ? ERR_NONE : ERR_NOT_FOUND;
@@ -227,7 +230,7 @@ std::uint32_t CKespFile::GetNumberOfPoints() {
 }
 
 ErrorEnum CKespFile::GetKespDataSummary(unsigned long& numPoints, unsigned long& numFeatures, CBoundingBox& extent,
-                                        CTime& firstTime, CTime& lastTime, CString& lastPointText) {
+                                        CTime& firstTime, CTime& lastTime, CString& lastPointText) const {
   lastPointText.Empty();
   firstTime = CTime(CTime::GetCurrentTime().GetTime() + kTenThousandDays);
   std::tm earliest{};
@@ -259,7 +262,7 @@ ErrorEnum CKespFile::GetKespDataSummary(unsigned long& numPoints, unsigned long&
 }
 
 ErrorEnum CKespFile::GetKespDataSummary(std::uint32_t& numPoints, std::uint32_t& numFeatures, CBoundingBox& extent,
-                                        CTime& firstTime, CTime& lastTime, CString& lastPointText) {
+                                        CTime& firstTime, CTime& lastTime, CString& lastPointText) const {
   unsigned long points = 0;
   unsigned long features = 0;
   const ErrorEnum result = GetKespDataSummary(points, features, extent, firstTime, lastTime, lastPointText);

@@ -40,15 +40,7 @@ void TakeBackUnfinished(const CString& path, const CKespDataFile& file) {
 }  // namespace
 
 ErrorEnum CKespFile::Queue(CKespRecord* record) {
-  const bool isHeader = record != nullptr && record->m_recordType == KESP_RECORD_HEADER;
-  auto* const header = isHeader ? dynamic_cast<CKespTavoHeader*>(record) : nullptr;
-  if (header != nullptr) m_queuedHeaders.push_back(header);
-  try {
-    m_recordList.AddTail(record);
-  } catch (...) {
-    if (header != nullptr) m_queuedHeaders.pop_back();  // its caller's, since it is not queued
-    throw;
-  }
+  m_recordList.AddTail(record);
   return ERR_NONE;
 }
 
@@ -67,7 +59,7 @@ ErrorEnum CKespFile::AddFeatureAndAssociatedRecToWriteQueue(CKespFeature* featur
   return ERR_NONE;
 }
 
-ErrorEnum CKespFile::AddFeaturesToWriteQueue(CKespFeature** features, int count) {
+ErrorEnum CKespFile::AddFeaturesToWriteQueue(CKespFeature* const* features, int count) {
   try {
     for (int i = 0; i < count; ++i) (void)AddFeatureAndAssociatedRecToWriteQueue(features[i]);
     return ERR_NONE;
@@ -76,7 +68,7 @@ ErrorEnum CKespFile::AddFeaturesToWriteQueue(CKespFeature** features, int count)
   }
 }
 
-ErrorEnum CKespFile::AddRecordsToWriteQueue(CKespRecord** records, int count) {
+ErrorEnum CKespFile::AddRecordsToWriteQueue(CKespRecord* const* records, int count) {
   try {
     for (int i = 0; i < count; ++i) {
       CKespRecord* const record = records[i];
@@ -99,7 +91,6 @@ ErrorEnum CKespFile::AddRecordsToWriteQueue(CKespRecord** records, int count) {
 
 ErrorEnum CKespFile::ClearQueueWithoutWriting() {
   m_recordList.RemoveAll();
-  m_queuedHeaders.clear();
   return ERR_NONE;
 }
 

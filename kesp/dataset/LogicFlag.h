@@ -2,7 +2,7 @@
 #pragma once
 
 //                         flags and a mask            text                              number
-enum LogicFlag {
+enum LogicFlag : int {
   LOGIC_ALL = 1,        // every bit of the mask      contains, case-sensitive          -
   LOGIC_EQUAL = 2,      // equal                      equal, ignoring case              closer than 2e-12
   LOGIC_NONE = 4,       // no bit of the mask         does not contain                  -

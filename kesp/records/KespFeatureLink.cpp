@@ -14,6 +14,11 @@ bool Joins(const CKespFeatureLink& link, unsigned long first, unsigned long seco
 
 }  // namespace
 
+void CKespLinkList::Add(CKespFeatureLink* link) {
+  if (link == nullptr) throw CInvalidArgException();
+  m_links.push_back(link);
+}
+
 CKespFeatureLink* CKespLinkList::GetAt(int index) const {
   if (index < 0 || static_cast<std::size_t>(index) >= m_links.size()) throw CInvalidArgException();
   return m_links[static_cast<std::size_t>(index)];

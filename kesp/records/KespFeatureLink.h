@@ -26,11 +26,11 @@ class KESP_EXPORT CKespFeatureLink {
 };
 
 // Borrows the links it points to: nothing here deletes one.
-// Errors: an index outside the list raises CInvalidArgException.
+// Errors: an index outside the list, and a null that is added, raise CInvalidArgException.
 class KESP_EXPORT CKespLinkList {
  public:
   unsigned long GetCount() const noexcept { return static_cast<unsigned long>(m_links.size()); }
-  void Add(CKespFeatureLink* link) { m_links.push_back(link); }
+  void Add(CKespFeatureLink* link);
   CKespFeatureLink* GetAt(int index) const;
   CKespFeatureLink* operator[](int index) const { return GetAt(index); }
   void Clear() noexcept { m_links.clear(); }

@@ -152,18 +152,21 @@ bool CKespTag::Set(const CKespTag& other) {
 }
 
 bool CKespTag::Set(KESP_TAG type, const CString& name, const void* data, unsigned long length) {
-  m_tagType = type;
-  const std::size_t nameUnits = name.Size() + 1;
-  const std::size_t nameBytes = (2 * nameUnits + 3) & ~std::size_t{3};
-  if (length > std::numeric_limits<std::uint32_t>::max() - nameBytes - kBlockWords) throw CMemoryException();
-  const std::size_t blockLength = nameBytes + length + kBlockWords;
+  // GetBinary hands a length out as an int, and the record header has 32 bits for the whole body.
+  constexpr std::uint64_t kLargestPayload = std::numeric_limits<std::int32_t>::max();
+  constexpr std::uint64_t kLargestBlock = std::numeric_limits<std::uint32_t>::max() - kFixedPart;
+  const std::uint64_t nameUnits = std::uint64_t{name.Size()} + 1;
+  const std::uint64_t nameBytes = (2 * nameUnits + 3) & ~std::uint64_t{3};
+  if (length > kLargestPayload || nameBytes + length + kBlockWords > kLargestBlock) throw CMemoryException();
+  const auto blockLength = static_cast<std::uint32_t>(nameBytes + length + kBlockWords);
   std::unique_ptr<unsigned char[]> block = AllocateBytes(blockLength);
   std::memset(block.get(), 0, blockLength);
   kesp::StoreLittle(Bytes(block.get()), static_cast<std::uint32_t>(nameBytes));
   kesp::StoreUnits(Bytes(block.get()) + 4, name.GetString(), name.Size());
   kesp::StoreLittle(Bytes(block.get()) + 4 + nameBytes, Low32(length));
   if (length != 0 && data != nullptr) std::memcpy(block.get() + 8 + nameBytes, data, length);
-  m_dataLength = static_cast<std::uint32_t>(blockLength);
+  m_tagType = type;
+  m_dataLength = blockLength;
   ReplaceBlock(block.release());
   return true;
 }
@@ -246,7 +249,7 @@ bool CKespTag::Set(unsigned long first, unsigned long second, CString& name) {
   return Set(first, second, static_cast<const CString&>(name));
 }
 
-bool CKespTag::GetBinary(CString& name, void** data, int& length) {
+bool CKespTag::GetBinary(CString& name, void** data, int& length) const {
   if (data == nullptr) return false;
   *data = nullptr;
   length = 0;
@@ -261,28 +264,38 @@ bool CKespTag::GetBinary(CString& name, void** data, int& length) {
   return true;
 }
 
-bool CKespTag::GetInteger(CString& name, int& value) {
+bool kesp::GetBlob(const CKespTag& tag, CString& name, std::vector<std::byte>& bytes) {
+  if (tag.m_tagType != KESP_TAG_BLOB) return false;
+  const BlockParts parts = PartsOf(tag);
+  if (!parts.hasPayload) return false;
+  std::vector<std::byte> payload(parts.payload.begin(), parts.payload.end());
+  LoadText16(name, parts.name.data(), parts.name.size() / 2);
+  bytes.swap(payload);
+  return true;
+}
+
+bool CKespTag::GetInteger(CString& name, int& value) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_INTEGER, 4, &name);
   if (payload == nullptr) return false;
   value = static_cast<int>(WordAt(payload, 0));
   return true;
 }
 
-bool CKespTag::GetDouble(CString& name, double& value) {
+bool CKespTag::GetDouble(CString& name, double& value) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_DOUBLE, 8, &name);
   if (payload == nullptr) return false;
   value = DoubleAt(payload, 0);
   return true;
 }
 
-bool CKespTag::GetString(CString& name, CString& value) {
+bool CKespTag::GetString(CString& name, CString& value) const {
   if (PayloadOf(*this, KESP_TAG_STRING, 2, &name) == nullptr) return false;
   const std::span<const std::byte> payload = PartsOf(*this).payload;
   kesp::LoadText16(value, payload.data(), payload.size() / 2);
   return true;
 }
 
-bool CKespTag::GetPoint(CString& name, CPoint3D& point) {
+bool CKespTag::GetPoint(CString& name, CPoint3D& point) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_POINT, 24, &name);
   if (payload == nullptr) return false;
   point.x = DoubleAt(payload, 0);
@@ -290,26 +303,26 @@ bool CKespTag::GetPoint(CString& name, CPoint3D& point) {
   return true;
 }
 
-bool CKespTag::GetRect(CString& name, CRect2D& rect) {
+bool CKespTag::GetRect(CString& name, CRect2D& rect) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_RECT, 32, &name);
   if (payload == nullptr) return false;
   rect = CRect2D(DoubleAt(payload, 0), DoubleAt(payload, 1), DoubleAt(payload, 2), DoubleAt(payload, 3));
   return true;
 }
 
-bool CKespTag::GetColor(CString& name, unsigned long& color) {
+bool CKespTag::GetColor(CString& name, unsigned long& color) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_COLOR, 4, &name);
   if (payload == nullptr) return false;
   color = WordAt(payload, 0);
   return true;
 }
 
-bool CKespTag::GetColor(CString& name, std::uint32_t& color) {
+bool CKespTag::GetColor(CString& name, std::uint32_t& color) const {
   return GetNarrow([&](unsigned long& c) { return GetColor(name, c); }, color);
 }
 
 bool CKespTag::GetGPSMark(CString& name, unsigned long& featureNumber, unsigned long& pointNumber,
-                          unsigned long& timeFirstPart, unsigned long& timeSecondPart) {
+                          unsigned long& timeFirstPart, unsigned long& timeSecondPart) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_GPS_MARK, 16, &name);
   if (payload == nullptr) return false;
   featureNumber = WordAt(payload, 0);
@@ -320,23 +333,23 @@ bool CKespTag::GetGPSMark(CString& name, unsigned long& featureNumber, unsigned 
 }
 
 bool CKespTag::GetGPSMark(CString& name, std::uint32_t& featureNumber, std::uint32_t& pointNumber,
-                          std::uint32_t& timeFirstPart, std::uint32_t& timeSecondPart) {
+                          std::uint32_t& timeFirstPart, std::uint32_t& timeSecondPart) const {
   return GetNarrow([&](auto&... out) { return GetGPSMark(name, out...); }, featureNumber, pointNumber, timeFirstPart,
                    timeSecondPart);
 }
 
-bool CKespTag::GetFileLink(unsigned long& number, CString& fileName) {
+bool CKespTag::GetFileLink(unsigned long& number, CString& fileName) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_FILE_LINK, 4, &fileName);
   if (payload == nullptr) return false;
   number = WordAt(payload, 0);
   return true;
 }
 
-bool CKespTag::GetFileLink(std::uint32_t& number, CString& fileName) {
+bool CKespTag::GetFileLink(std::uint32_t& number, CString& fileName) const {
   return GetNarrow([&](unsigned long& n) { return GetFileLink(n, fileName); }, number);
 }
 
-bool CKespTag::GetQualityMark(unsigned long& number, float& value1, float& value2, float& value3, float& value4) {
+bool CKespTag::GetQualityMark(unsigned long& number, float& value1, float& value2, float& value3, float& value4) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_QUALITY_MARK, 20, nullptr);
   if (payload == nullptr) return false;
   number = ToUnsigned(FloatAt(payload, 0));
@@ -347,11 +360,11 @@ bool CKespTag::GetQualityMark(unsigned long& number, float& value1, float& value
   return true;
 }
 
-bool CKespTag::GetQualityMark(std::uint32_t& number, float& value1, float& value2, float& value3, float& value4) {
+bool CKespTag::GetQualityMark(std::uint32_t& number, float& value1, float& value2, float& value3, float& value4) const {
   return GetNarrow([&](unsigned long& n) { return GetQualityMark(n, value1, value2, value3, value4); }, number);
 }
 
-bool CKespTag::GetFeatureLink(CKespFeatureLink& link) {
+bool CKespTag::GetFeatureLink(CKespFeatureLink& link) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_FEATURE_LINK, 24, nullptr);
   if (payload == nullptr) return false;
   link.m_featureNumber1 = WordAt(payload, 0);
@@ -365,7 +378,7 @@ bool CKespTag::GetFeatureLink(CKespFeatureLink& link) {
 }
 
 bool CKespTag::GetQualityMarkEx(unsigned long& number, float& value1, float& value2, float& value3, float& value4,
-                                int& integer) {
+                                int& integer) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_QUALITY_MARK_EX, 24, nullptr);
   if (payload == nullptr) return false;
   number = ToUnsigned(FloatAt(payload, 0));
@@ -378,12 +391,12 @@ bool CKespTag::GetQualityMarkEx(unsigned long& number, float& value1, float& val
 }
 
 bool CKespTag::GetQualityMarkEx(std::uint32_t& number, float& value1, float& value2, float& value3, float& value4,
-                                int& integer) {
+                                int& integer) const {
   return GetNarrow([&](unsigned long& n) { return GetQualityMarkEx(n, value1, value2, value3, value4, integer); },
                    number);
 }
 
-bool CKespTag::GetPosErrMark(unsigned long& number, float& value1, float& value2, float& value3) {
+bool CKespTag::GetPosErrMark(unsigned long& number, float& value1, float& value2, float& value3) const {
   value1 = value2 = value3 = 0.0F;
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_POS_ERR_MARK, 16, nullptr);
   if (payload == nullptr) return false;
@@ -394,11 +407,11 @@ bool CKespTag::GetPosErrMark(unsigned long& number, float& value1, float& value2
   return true;
 }
 
-bool CKespTag::GetPosErrMark(std::uint32_t& number, float& value1, float& value2, float& value3) {
+bool CKespTag::GetPosErrMark(std::uint32_t& number, float& value1, float& value2, float& value3) const {
   return GetNarrow([&](unsigned long& n) { return GetPosErrMark(n, value1, value2, value3); }, number);
 }
 
-bool CKespTag::GetNamedFlag(unsigned long& first, unsigned long& second, CString& name) {
+bool CKespTag::GetNamedFlag(unsigned long& first, unsigned long& second, CString& name) const {
   const std::byte* const payload = PayloadOf(*this, KESP_TAG_NAMED_FLAG, 8, &name);
   if (payload == nullptr) return false;
   first = WordAt(payload, 0);
@@ -406,7 +419,7 @@ bool CKespTag::GetNamedFlag(unsigned long& first, unsigned long& second, CString
   return true;
 }
 
-bool CKespTag::GetNamedFlag(std::uint32_t& first, std::uint32_t& second, CString& name) {
+bool CKespTag::GetNamedFlag(std::uint32_t& first, std::uint32_t& second, CString& name) const {
   return GetNarrow([&](unsigned long& a, unsigned long& b) { return GetNamedFlag(a, b, name); }, first, second);
 }
 

@@ -18,13 +18,14 @@
 // Errors: a getter answers false and leaves its outputs alone when the kind is another one (GetPosErrMark alone has
 //   set its three floats to 0 then); also when the name or the payload lies partly outside the block, the payload is
 //   empty or shorter than its kind's, or there is no block; the name may have been assigned by then. Nothing outside
-//   the block is read. Setters raise CMemoryException when the block can't be allocated, and have changed the kind by
-//   then.
+//   the block is read. Setters raise CMemoryException when the block can't be allocated, and have changed nothing then.
 //
 // The number of the quality and position-error marks, and the integer of the extended quality mark, are stored as
 // single-precision floats: above 2^24 they come back rounded. A float that fits no integer comes back as 0.
 #pragma once
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "kesp/geometry/Point3D.h"
 #include "kesp/geometry/Rect2D.h"
@@ -61,8 +62,11 @@ class KESP_EXPORT CKespTag : public CKespRecord {
 
   // Copies the common fields and the tag. A source of length 0 leaves the block of this tag in place. Always true.
   bool Set(const CKespTag& other);
-  // The setter that all others call; always true. Null data leaves a payload of `length` zeros.
+  // The setter that all others call; always true. Null data leaves a payload of `length` zeros. A payload of more than
+  // 2^31 - 1 bytes, or one whose block would make a body of 2^32 bytes or more with the name, is refused: raises
+  // CMemoryException and changes nothing.
   bool Set(KESP_TAG type, const CString& name, const void* data, unsigned long length);
+  bool Set(KESP_TAG type, const CString& name) = delete;  // would pass for a file link whose number is the kind
 
   // Kinds 1 to 13 in their order. A plain literal and a std::uint32_t both choose as the type says.
   bool Set(const CString& name, int value);
@@ -82,31 +86,32 @@ class KESP_EXPORT CKespTag : public CKespRecord {
   bool Set(unsigned long first, unsigned long second, CString& name);
   bool Set(unsigned long first, unsigned long second, const CString& name);
 
-  bool GetInteger(CString& name, int& value);
-  bool GetDouble(CString& name, double& value);
-  bool GetString(CString& name, CString& value);
-  bool GetPoint(CString& name, CPoint3D& point);  // x and y only: the caller's z stays, as hosts with 2D points expect
-  bool GetRect(CString& name, CRect2D& rect);
-  bool GetColor(CString& name, unsigned long& color);
-  bool GetColor(CString& name, std::uint32_t& color);
+  bool GetInteger(CString& name, int& value) const;
+  bool GetDouble(CString& name, double& value) const;
+  bool GetString(CString& name, CString& value) const;
+  bool GetPoint(CString& name,
+                CPoint3D& point) const;  // x and y only: the caller's z stays, as hosts with 2D points expect
+  bool GetRect(CString& name, CRect2D& rect) const;
+  bool GetColor(CString& name, unsigned long& color) const;
+  bool GetColor(CString& name, std::uint32_t& color) const;
   bool GetGPSMark(CString& name, unsigned long& featureNumber, unsigned long& pointNumber, unsigned long& timeFirstPart,
-                  unsigned long& timeSecondPart);
+                  unsigned long& timeSecondPart) const;
   bool GetGPSMark(CString& name, std::uint32_t& featureNumber, std::uint32_t& pointNumber, std::uint32_t& timeFirstPart,
-                  std::uint32_t& timeSecondPart);
-  bool GetFileLink(unsigned long& number, CString& fileName);
-  bool GetFileLink(std::uint32_t& number, CString& fileName);
-  bool GetQualityMark(unsigned long& number, float& value1, float& value2, float& value3, float& value4);
-  bool GetQualityMark(std::uint32_t& number, float& value1, float& value2, float& value3, float& value4);
+                  std::uint32_t& timeSecondPart) const;
+  bool GetFileLink(unsigned long& number, CString& fileName) const;
+  bool GetFileLink(std::uint32_t& number, CString& fileName) const;
+  bool GetQualityMark(unsigned long& number, float& value1, float& value2, float& value3, float& value4) const;
+  bool GetQualityMark(std::uint32_t& number, float& value1, float& value2, float& value3, float& value4) const;
   // The link's m_tagRecordPosition becomes this tag's m_filePosition.
-  bool GetFeatureLink(CKespFeatureLink& link);
+  bool GetFeatureLink(CKespFeatureLink& link) const;
   bool GetQualityMarkEx(unsigned long& number, float& value1, float& value2, float& value3, float& value4,
-                        int& integer);
+                        int& integer) const;
   bool GetQualityMarkEx(std::uint32_t& number, float& value1, float& value2, float& value3, float& value4,
-                        int& integer);
-  bool GetPosErrMark(unsigned long& number, float& value1, float& value2, float& value3);
-  bool GetPosErrMark(std::uint32_t& number, float& value1, float& value2, float& value3);
-  bool GetNamedFlag(unsigned long& first, unsigned long& second, CString& name);
-  bool GetNamedFlag(std::uint32_t& first, std::uint32_t& second, CString& name);
+                        int& integer) const;
+  bool GetPosErrMark(unsigned long& number, float& value1, float& value2, float& value3) const;
+  bool GetPosErrMark(std::uint32_t& number, float& value1, float& value2, float& value3) const;
+  bool GetNamedFlag(unsigned long& first, unsigned long& second, CString& name) const;
+  bool GetNamedFlag(std::uint32_t& first, std::uint32_t& second, CString& name) const;
 
   unsigned long GetLength(unsigned short version) override;  // 8 more than m_dataLength, in every version
   // A block length that goes past the end of the file is KESP_ERROR_EOF before anything is allocated.
@@ -124,9 +129,17 @@ class KESP_EXPORT CKespTag : public CKespRecord {
 
  protected:
   // Hands out the name and a copy of the payload, which the caller releases with array delete.
-  bool GetBinary(CString& name, void** data, int& length);
+  bool GetBinary(CString& name, void** data, int& length) const;
 
  private:
   void Init() noexcept;
   void ReplaceBlock(unsigned char* block) noexcept;
 };
+
+namespace kesp {
+
+// Name and bytes of a tag of kind KESP_TAG_BLOB, which may be none. False, with both unchanged, for a tag of another
+// kind, without a block, or whose name or payload is partly outside the block. Raises std::bad_alloc.
+KESP_EXPORT bool GetBlob(const CKespTag& tag, CString& name, std::vector<std::byte>& bytes);
+
+}  // namespace kesp

@@ -1,6 +1,7 @@
 #include "kesp/search/KespSearch.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "kesp/geometry/Point2D.h"
 #include "kesp/records/KespAttribute.h"
@@ -59,14 +60,14 @@ bool CKespSearch::IsAttributeIncluded(const CString& name) const noexcept {
   return m_attributeNameFilter.IsEmpty() || TextsEqual(name.View(), m_attributeNameFilter.View());
 }
 
-bool CKespSearch::Validate(double value) noexcept {
+bool CKespSearch::Validate(double value) const noexcept {
   if (!m_enabled || m_valueKind == SEARCH_VALUE_NONE) return true;
   if (m_valueKind != SEARCH_VALUE_NUMBER) return false;
   const bool matches = !(value < m_lowValue) && !(value > m_highValue);  // a NaN fails neither
   return matches != m_inverted;
 }
 
-bool CKespSearch::Validate(const CKespAttribute* attribute) {
+bool CKespSearch::Validate(const CKespAttribute* attribute) const {
   if (!m_enabled || m_valueKind == SEARCH_VALUE_NONE) return true;
   if (attribute == nullptr) return false;
   switch (attribute->AttributeKind) {
@@ -84,9 +85,13 @@ bool CKespSearch::Validate(const CKespAttribute* attribute) {
 }
 
 bool CKespSearch::Validate(const CKespFeature* feature) {
+  if (m_enabled && feature != nullptr && (m_searchOptions & kAllTypes) == 0) m_searchOptions |= kAllTypes;
+  return std::as_const(*this).Validate(feature);
+}
+
+bool CKespSearch::Validate(const CKespFeature* feature) const {
   if (!m_enabled) return true;
   if (feature == nullptr) return false;
-  if ((m_searchOptions & kAllTypes) == 0) m_searchOptions |= kAllTypes;
   return IsTypeIncluded(feature->FeatureType) && IsFeatureIncluded(feature->FeatureName) && PassesPointTest(*feature) &&
          PassesAttributeTest(*feature);
 }
@@ -111,6 +116,7 @@ bool CKespSearch::TextMatches(std::u16string_view text, std::u16string_view want
 }
 
 bool CKespSearch::IsTypeIncluded(std::uint32_t type) const noexcept {
+  if ((m_searchOptions & kAllTypes) == 0) return true;
   switch (type) {
     case KESP_FEATURE_POINT:
       return Has(SEARCH_POINT_FEATURES);
@@ -138,7 +144,7 @@ bool CKespSearch::PassesPointTest(const CKespFeature& feature) const noexcept {
   return feature.m_pointList.empty();
 }
 
-bool CKespSearch::PassesAttributeTest(const CKespFeature& feature) {
+bool CKespSearch::PassesAttributeTest(const CKespFeature& feature) const {
   if (m_valueKind == SEARCH_VALUE_NONE) return true;
   for (const auto& attribute : feature.m_attributeList) {
     if (attribute != nullptr && IsAttributeIncluded(attribute->AttributeName) && Validate(attribute)) return true;

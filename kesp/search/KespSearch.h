@@ -104,20 +104,26 @@ class KESP_EXPORT CKespSearch {
 
   // Whether a value is the wanted one. A disabled filter and SEARCH_VALUE_NONE take every value; otherwise a number
   // fails a search for a text and the other way round, inverted or not. A NaN lies in every range.
-  bool Validate(double value) noexcept;
-  bool Validate(const CString& text) noexcept { return ValidateText(text.View()); }
-  // Whole numbers, so that a plain 0 is one and not a null pointer. That takes that none of these is const, as the
-  // feature's can't be.
+  bool Validate(double value) const noexcept;
+  bool Validate(const CString& text) const noexcept { return ValidateText(text.View()); }
+  // Whole numbers, so that a plain 0 is one and not a null pointer. Twice, since a filter that is not const would
+  // choose a feature otherwise.
   template <std::integral Number>
   bool Validate(Number value) noexcept {
     return Validate(static_cast<double>(value));
   }
+  template <std::integral Number>
+  bool Validate(Number value) const noexcept {
+    return Validate(static_cast<double>(value));
+  }
   // The same for an attribute's value, its name aside: the number of a numeric one, the text of a string, the date as
   // GetAsFormatedString has it, either text of a menu. Other kinds and null fail where a value is asked for.
-  bool Validate(const CKespAttribute* attribute);
-  // Whether the feature passes. A disabled filter takes every feature, null too; an enabled one refuses null and
-  // changes nothing.
+  bool Validate(const CKespAttribute* attribute) const;
+  // Whether the feature passes. A disabled filter takes every feature, null too; an enabled one refuses null. Without
+  // any of the three types in the options it takes all types, and unless it is const it keeps that in the options:
+  // hosts that show them rely on it.
   bool Validate(const CKespFeature* feature);
+  bool Validate(const CKespFeature* feature) const;
 
   CString m_searchText;
   double m_lowValue = 0;
@@ -140,5 +146,5 @@ class KESP_EXPORT CKespSearch {
   bool TextMatches(std::u16string_view text, std::u16string_view wanted) const noexcept;  // partially too
   bool IsTypeIncluded(std::uint32_t type) const noexcept;
   bool PassesPointTest(const CKespFeature& feature) const noexcept;
-  bool PassesAttributeTest(const CKespFeature& feature);
+  bool PassesAttributeTest(const CKespFeature& feature) const;
 };

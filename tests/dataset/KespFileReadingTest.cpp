@@ -1,3 +1,5 @@
+#include <set>
+
 #include "tests/dataset/DataSet.h"
 
 using namespace kesp::test;
@@ -173,6 +175,13 @@ TEST(ReadKespFile, HandsFlagsUpOneByOne) {
     EXPECT_EQ(cut.file.GetSrcCtrlFlagsForFeat(7), flags);
   }
   EXPECT_EQ(CKespFile().GetSrcCtrlFlagsForFeat(7), 0xFFFFFFFFu);
+}
+
+TEST(ErrorText, HasASentenceForEachValue) {
+  std::set<std::string> sentences;
+  for (int value = -1; value <= 18; ++value) sentences.insert(ErrorText(static_cast<ErrorEnum>(value)).ToUtf8());
+  EXPECT_EQ(sentences.size(), 19u);  // -1 and 18 share one
+  for (const std::string& sentence : sentences) EXPECT_TRUE(sentence.size() > 8 && sentence.ends_with('.')) << sentence;
 }
 
 TEST(OpenKesp, AnswersByWhatIsThere) {

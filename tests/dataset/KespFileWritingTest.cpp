@@ -167,6 +167,18 @@ TEST(WriteQueue, TakesOverWhatItIndexesAndHeaders) {
   other.ClearQueueWithoutWriting();  // ours again
   other.AddTavoHeaderToWriteQueue(&ours);
   other.m_recordList.Remove(&ours);  // and again
+
+  static int deleted = 0;
+  struct Counted : CKespTavoHeader {
+    ~Counted() override { ++deleted; }
+  };
+  {
+    CKespFile straight;
+    straight.m_recordList.AddTail(new Counted);  // without the queue's operations: goes with the store all the same
+    straight.m_recordList.AddTail(straight.m_recordList.GetHead());
+    straight.AddNoteToWriteQueue(std::make_unique<CKespNote>().get());  // deleted by its host by then
+  }
+  EXPECT_EQ(deleted, 1);
 }
 
 // From some call on the disk is full. What is there then is whole, and whoever looks is told.

@@ -205,6 +205,38 @@ TEST(Tag, IsTheSameWhereItWasRead) {
   EXPECT_FALSE(first.IsSameKespRecord(&otherKind) || first.IsSameKespRecord(&otherLength));
 }
 
+// What would not fit its length fields, or never come out again, is refused, and the tag is as it was.
+TEST(Tag, RefusesAPayloadThatCannotBeHandedOut) {
+  for (const unsigned long length : {0x80000000UL, 0xFFFFFFECUL, 0xFFFFFFFFUL, ~0UL}) {
+    CKespTag tag;
+    tag.Set("n", 5);
+    EXPECT_THROW(tag.Set(KESP_TAG_BLOB, L"x", nullptr, length), CMemoryException) << length;
+    CString name;
+    int value = 0;
+    EXPECT_TRUE(tag.GetInteger(name, value) && value == 5);
+  }
+}
+template <class... Arguments>
+concept CanBeSet = requires(CKespTag& tag, Arguments... arguments) {
+  tag.Set(arguments...);
+};
+static_assert(CanBeSet<unsigned long, const wchar_t*> && !CanBeSet<KESP_TAG, const wchar_t*>);
+
+TEST(Tag, HandsOutItsBlob) {
+  std::vector<std::byte> bytes(1);
+  CString name(u"-");
+  CKespTag tag;
+  EXPECT_FALSE(kesp::GetBlob(tag, name, bytes));  // no block
+  tag.Set("n", 5);
+  EXPECT_FALSE(kesp::GetBlob(tag, name, bytes));
+  EXPECT_TRUE(name == CString(u"-") && bytes.size() == 1);
+  for (const std::string_view text : {"", "two words"}) {
+    tag.Set(KESP_TAG_BLOB, "n", text.data(), text.size());
+    EXPECT_TRUE(kesp::GetBlob(std::as_const(tag), name, bytes) && name == CString(u"n"));
+    EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()), text);
+  }
+}
+
 TEST(LinkList, RemovesInItsOwnOrder) {
   using Pairs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
   const struct {
@@ -220,6 +252,7 @@ TEST(LinkList, RemovesInItsOwnOrder) {
   for (const auto& c : kCases) {
     std::vector<CKespFeatureLink> links(c.links.size());
     CKespLinkList list;
+    EXPECT_THROW(list.Add(nullptr), CInvalidArgException);
     for (std::size_t i = 0; i < links.size(); ++i) {
       std::tie(links[i].m_featureNumber1, links[i].m_featureNumber2) = c.links[i];
       list.Add(&links[i]);

@@ -62,12 +62,12 @@ const struct {
     {"close", 'o', [](Place& p) { return p.file.Close(); }},
     {"open a data set", '-', [](Place& p) {
       CString message;
-      return p.set.OpenKesp(p.path, message) == ERR_NONE && p.set.m_pDataFile->IsOpen(); }},
+      return p.set.OpenKesp(std::move(p.path), message) == ERR_NONE && p.set.m_pDataFile->IsOpen(); }},
     {"read a data set", 'R', [](Place& p) { return p.set.ReadKespFile(false) == ERR_NONE && p.set.WasReadToEnd(); }},
     {"append a queue", 'O', [](Place& p) {
-      return p.set.AppendToKespFileFromQueue(p.path) == ERR_NONE && p.set.m_pDataFile->GetSystemError() == 0; }},
+      return p.set.AppendToKespFileFromQueue(std::move(p.path)) == ERR_NONE && p.set.m_pDataFile->GetSystemError() == 0; }},
     {"write a queue", '-', [](Place& p) {
-      return p.set.WriteNewKespFileFromQueue(p.fresh) == ERR_NONE && p.set.m_pDataFile->IsOpen() &&
+      return p.set.WriteNewKespFileFromQueue(std::move(p.fresh)) == ERR_NONE && p.set.m_pDataFile->IsOpen() &&
              p.set.m_pDataFile->GetSystemError() == 0; }}};
 // clang-format on
 
@@ -116,7 +116,7 @@ TEST(ShortMemory, IsToldAndHarmsNoFile) {
       EXPECT_GE(walked.positions.size(), 8u);
       EXPECT_TRUE(good || now.size() == kStored.size() || Part(now, 0, kStored.size()) == kStored);
       CKespDataFile again;
-      EXPECT_TRUE(again.Open(place.path)) << "not locked any more";
+      EXPECT_TRUE(again.Open(Text(dir / "a.kesp"))) << "not locked any more";
       if (HasFailure()) return;
     }
   }
