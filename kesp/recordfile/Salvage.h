@@ -76,11 +76,11 @@ struct SalvageReport {
 // destination can't be opened, is the source itself or held by somebody, a record can't be written, or the system
 // failed; GetSystemError of the source has its reason. The destination then stays as far as it got; the source never
 // changes. The file position of the source and its GetError mean nothing afterwards.
-KESP_EXPORT bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
-                         SalvageReport& report);
+[[nodiscard]] KESP_EXPORT bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
+                                       SalvageReport& report);
 // The same with the file at a path, which CKespDataFile may refuse to open: where the file header is damaged, this
 // goes on after it. False also when there is no such file.
-KESP_EXPORT bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion,
-                         SalvageReport& report);
+[[nodiscard]] KESP_EXPORT bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion,
+                                       SalvageReport& report);
 
 }  // namespace kesp
