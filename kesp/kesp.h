@@ -16,7 +16,7 @@
 #include "kesp/platform/String.h"
 #include "kesp/platform/Time.h"
 #include "kesp/recordfile/KespDataFile.h"
-#include "kesp/recordfile/Salvage.h"
+#include "kesp/salvage/Salvage.h"
 #include "kesp/records/AttributeAppearance.h"
 #include "kesp/records/GpsTime.h"
 #include "kesp/records/KespAttribute.h"

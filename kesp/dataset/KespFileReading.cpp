@@ -6,7 +6,7 @@
 #include <new>
 
 #include "kesp/dataset/KespFile.h"
-#include "kesp/platform/ObjectPool.h"
+#include "kesp/memory/ObjectPool.h"
 #include "kesp/util/NumberText.h"
 #include "kesp/util/Utilities.h"
 

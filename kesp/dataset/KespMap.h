@@ -4,59 +4,85 @@
 //
 //   for (const auto& entry : file.m_featureIndex) Show(entry.key, *entry.value);
 //
-// The chains of the buckets are for iterating only. Finding, adding and removing go through an index beside them
-// and take constant time however the keys fall into the buckets; a seed of the process's own keeps a hostile file from
-// choosing keys that collide there. Values are copied; what they point to is not owned.
+// Keys are 32-bit numbers or GPS times, whose hash word is the first part. Values take 8 bytes and are copied; what
+// they point to is not owned. Finding, adding and removing take constant time however the keys fall into the buckets.
 //
-// Entries that come in great numbers and may never be asked for can be noted first (Note), for half the memory and a
-// fraction of the time; the first other operation enters them.
-//
-// Removing the entry an iterator stands on makes it invalid, nothing else does but RemoveAll.
-// Errors: std::bad_alloc and CMemoryException from SetAt, Note and Settle, and from every operation behind a Note that
-// was not settled. What the map held it still holds.
+// Removing the entry that an iterator is at makes it invalid, nothing else does but RemoveAll.
+// Errors: std::bad_alloc from SetAt, Note and Settle, and from every operation after a Note that was not settled. What
+// the map held it still holds.
 #pragma once
-#include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
-#include "kesp/dataset/BlockList.h"
 #include "kesp/platform/Export.h"
 
 namespace kesp {
 
-KESP_EXPORT std::uint64_t ProcessSeed() noexcept;
+// What maps of all keys and values are made of: keys as words, whose low half is the hash word, and values as the bytes
+// of words. The operations are those of KespMap.
+class KESP_EXPORT MapOfWords {
+ public:
+  struct Entry {
+    std::uint64_t key = 0;
+    alignas(8) std::byte value[8]{};
+    std::uint32_t previous = 0;  // in the chain of its bucket
+    std::uint32_t next = 0;
+  };
+
+  MapOfWords();
+  ~MapOfWords();
+  MapOfWords(const MapOfWords&) = delete;
+  MapOfWords& operator=(const MapOfWords&) = delete;
+
+  // In the promised order; null at the end.
+  const Entry* First() const;
+  const Entry* After(const Entry* entry) const noexcept;
+
+  std::size_t Count() const;
+  bool IsEmpty() const noexcept;
+  const Entry* Find(std::uint64_t key) const;  // null when it is not there
+  // True when the key was there; `before` is then its former value.
+  bool SetAt(std::uint64_t key, std::uint64_t value, std::uint64_t& before);
+  void Note(std::uint32_t key, std::uint64_t value);
+  void Settle() const;
+  bool RemoveKey(std::uint64_t key);
+  void RemoveAll() noexcept;
+
+ private:
+  struct State;
+  std::unique_ptr<State> m_state;
+};
 
 template <class Key, class Value>
 class KespMap {
- public:
-  static constexpr std::uint32_t kBuckets = 17;
+  static_assert(sizeof(Value) == 8 || sizeof(Value) == 4);
+  static_assert(std::is_trivially_copyable_v<Value> && std::is_default_constructible_v<Value>);
 
+ public:
   struct Entry {
     Key key{};
     Value value{};
-    std::uint32_t previous = kNone;  // in the chain of its bucket
-    std::uint32_t next = kNone;
   };
 
+  // Input iterator; hands entries out by value.
   class Iterator {
    public:
     using value_type = Entry;
     using difference_type = std::ptrdiff_t;
+    struct Arrow {
+      Entry entry;
+      const Entry* operator->() const { return &entry; }
+    };
     Iterator() = default;
-    Iterator(const KespMap* map, std::uint32_t bucket) : m_map(map), m_bucket(bucket) { FindFilledBucket(); }
-    const Entry& operator*() const { return m_map->m_entries[m_at]; }
-    const Entry* operator->() const { return &m_map->m_entries[m_at]; }
+    Iterator(const MapOfWords* words, const MapOfWords::Entry* at) : m_words(words), m_at(at) {}
+    Entry operator*() const { return {KeyOf(m_at->key), *ValueOf(m_at)}; }
+    Arrow operator->() const { return {**this}; }
     Iterator& operator++() {
-      m_at = m_map->m_entries[m_at].next;
-      if (m_at == kNone) {
-        ++m_bucket;
-        FindFilledBucket();
-      }
+      m_at = m_words->After(m_at);
       return *this;
     }
     Iterator operator++(int) {
@@ -67,31 +93,14 @@ class KespMap {
     bool operator==(const Iterator& other) const { return m_at == other.m_at; }
 
    private:
-    void FindFilledBucket() {
-      m_at = kNone;
-      for (; m_bucket < kBuckets; ++m_bucket) {
-        if ((m_at = m_map->m_heads[m_bucket]) != kNone) return;
-      }
-    }
-    const KespMap* m_map = nullptr;
-    std::uint32_t m_bucket = kBuckets;
-    std::uint32_t m_at = kNone;
+    const MapOfWords* m_words = nullptr;
+    const MapOfWords::Entry* m_at = nullptr;
   };
 
-  KespMap() { m_heads.fill(kNone); }
-  KespMap(const KespMap&) = delete;
-  KespMap& operator=(const KespMap&) = delete;
-
-  Iterator begin() const {
-    Settle();
-    return {this, 0};
-  }
-  Iterator end() const { return {this, kBuckets}; }
-  int GetCount() const {
-    Settle();
-    return static_cast<int>(m_count);
-  }
-  bool IsEmpty() const noexcept { return m_count == 0 && m_noted.Size() == 0; }
+  Iterator begin() const { return {&m_words, m_words.First()}; }
+  Iterator end() const { return {&m_words, nullptr}; }
+  int GetCount() const { return static_cast<int>(m_words.Count()); }
+  bool IsEmpty() const noexcept { return m_words.IsEmpty(); }
 
   // False, and nothing stored, when the key is not there.
   bool Lookup(const Key& key, Value& value) const {
@@ -101,167 +110,53 @@ class KespMap {
     return true;
   }
   // Null when the key is not there; valid until the next change.
-  const Value* Find(const Key& key) const {
-    Settle();
-    if (m_count == 0) return nullptr;
-    const std::uint32_t at = m_slots[SlotOf(key)].at;
-    return at == kNone ? nullptr : &m_entries[at].value;
-  }
-  // Answers the value that was replaced; a default one for a new key.
+  const Value* Find(const Key& key) const { return ValueOf(m_words.Find(WordOf(key))); }
+  // Returns the value that was replaced; a default one for a new key.
   Value SetAt(const Key& key, const Value& value) {
-    Settle();
-    return Enter(key, value);
+    std::uint64_t before = 0;
+    Value replaced{};
+    if (m_words.SetAt(WordOf(key), Pack(value), before))
+      std::memcpy(static_cast<void*>(&replaced), &before, sizeof replaced);
+    return replaced;
   }
-  // SetAt, put off until something else is asked of the map.
+  // SetAt, put off until something else is asked of the map: for entries that come in great numbers and may never be
+  // asked for. It takes half the memory and a fraction of the time.
   void Note(const Key& key, const Value& value) {
-    Noted noted;
-    std::memcpy(noted.bytes.data(), &key, sizeof key);
-    std::memcpy(noted.bytes.data() + sizeof key, &value, sizeof value);
-    m_noted.Append(noted);
+    static_assert(sizeof(Key) == 4);
+    m_words.Note(key, Pack(value));
   }
   // Enters what was noted. Every other operation does so first.
-  void Settle() const {
-    // What is noted belongs to the map already. NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
-    if (m_noted.Size() != 0) const_cast<KespMap*>(this)->EnterNoted();
-  }
+  void Settle() const { m_words.Settle(); }
   // False when the key is not there.
-  bool RemoveKey(const Key& key) {
-    Settle();
-    if (m_count == 0) return false;
-    const std::size_t slot = SlotOf(key);
-    const std::uint32_t at = m_slots[slot].at;
-    if (at == kNone) return false;
-    Entry& entry = m_entries[at];
-    (entry.previous != kNone ? m_entries[entry.previous].next : m_heads[BucketOf(key)]) = entry.next;
-    if (entry.next != kNone) m_entries[entry.next].previous = entry.previous;
-    entry = Entry{};
-    entry.previous = kFree;
-    entry.next = m_firstFree;
-    m_firstFree = at;
-    --m_count;
-    CloseGap(slot);
-    return true;
-  }
+  bool RemoveKey(const Key& key) { return m_words.RemoveKey(WordOf(key)); }
   // Gives the memory back.
-  void RemoveAll() noexcept {
-    m_noted.Clear();
-    m_entries.Clear();
-    std::vector<Slot>().swap(m_slots);
-    m_heads.fill(kNone);
-    m_firstFree = kNone;
-    m_count = 0;
-  }
+  void RemoveAll() noexcept { m_words.RemoveAll(); }
 
  private:
-  static constexpr std::uint32_t kNone = 0xFFFFFFFF;
-  static constexpr std::uint32_t kFree = 0xFFFFFFFE;  // in `previous` of an entry that is in no chain
-  static constexpr std::size_t kGroup = 8;  // neighbouring keys share a group of slots, which fills a cache line
-
-  struct Slot {
-    std::uint32_t at = kNone;    // in m_entries
-    std::uint32_t hashWord = 0;  // of the key, so that another key is told without a look at its entry
-  };
-
-  // Packed, since there may be millions.
-  static_assert(std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Value>);
-  struct Noted {
-    std::array<std::byte, sizeof(Key) + sizeof(Value)> bytes;
-  };
-
-  void EnterNoted() {
-    std::size_t size = std::max<std::size_t>(m_slots.size(), kGroup);
-    while (size < 2 * (m_count + m_noted.Size() + 1)) size *= 2;
-    if (size != m_slots.size()) Rehash(size);
-    // Entering the same again changes nothing, so they are dropped when all are in.
-    for (std::size_t i = 0; i < m_noted.Size(); ++i) {
-      Key key;
-      Value value;
-      std::memcpy(&key, m_noted[i].bytes.data(), sizeof key);
-      std::memcpy(&value, m_noted[i].bytes.data() + sizeof key, sizeof value);
-      Enter(key, value);
-    }
-    m_noted.Clear();
+  // The low half of a key's word is its hash word, whatever the byte order.
+  static std::uint64_t WordOf(std::uint32_t key) noexcept { return key; }
+  template <class Composite>
+  static std::uint64_t WordOf(const Composite& key) noexcept {
+    return std::uint64_t{key.SecondPart} << 32 | key.FirstPart;
   }
-  Value Enter(const Key& key, const Value& value) {
-    if (2 * (m_count + 1) > m_slots.size()) Rehash(std::max<std::size_t>(2 * m_slots.size(), kGroup));
-    const std::size_t slot = SlotOf(key);
-    FetchAhead(key);
-    if (m_slots[slot].at != kNone) return std::exchange(m_entries[m_slots[slot].at].value, value);
-    std::uint32_t at = m_firstFree;
-    if (at != kNone) {
-      m_firstFree = m_entries[at].next;
+  static Key KeyOf(std::uint64_t word) noexcept {
+    const auto low = static_cast<std::uint32_t>(word);
+    if constexpr (sizeof(Key) == 4) {
+      return low;
     } else {
-      at = static_cast<std::uint32_t>(m_entries.Size());
-      m_entries.Append(Entry{});
+      return Key(low, static_cast<std::uint32_t>(word >> 32));
     }
-    std::uint32_t& head = m_heads[BucketOf(key)];
-    m_entries[at] = {key, value, kNone, head};
-    if (head != kNone) m_entries[head].previous = at;
-    head = at;
-    m_slots[slot] = {at, HashWord(key)};
-    ++m_count;
-    return Value{};
+  }
+  static std::uint64_t Pack(const Value& value) noexcept {
+    std::uint64_t bytes = 0;
+    std::memcpy(&bytes, static_cast<const void*>(&value), sizeof value);
+    return bytes;
+  }
+  static const Value* ValueOf(const MapOfWords::Entry* entry) noexcept {
+    return entry == nullptr ? nullptr : std::launder(reinterpret_cast<const Value*>(entry->value));
   }
 
-  static std::uint32_t HashWord(const Key& key) noexcept { return static_cast<std::uint32_t>(key); }
-  static std::uint32_t BucketOf(const Key& key) noexcept { return (HashWord(key) >> 4) % kBuckets; }
-  std::uint64_t Mixed(std::uint64_t word) const noexcept {
-    std::uint64_t z = word + m_seed;
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9U;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBU;
-    return z ^ (z >> 31);
-  }
-  // Keys that are more than their hash word add the rest.
-  std::uint64_t Spread(std::uint32_t key) const noexcept { return Mixed(key / kGroup) * kGroup + key % kGroup; }
-  template <class Composite>
-  std::uint64_t Spread(const Composite& key) const noexcept {
-    return Mixed(std::uint64_t{key.FirstPart} << 32 | key.SecondPart);
-  }
-  std::size_t Home(const Key& key) const noexcept { return Spread(key) & (m_slots.size() - 1); }
-  // Numbers are given one after another as a rule: has the next group of slots fetched while this one is filled.
-  void FetchAhead(std::uint32_t key) const noexcept {
-    if (key % kGroup == 0)
-      __builtin_prefetch(&m_slots[Spread(static_cast<std::uint32_t>(key + kGroup)) & (m_slots.size() - 1)], 1);
-  }
-  template <class Composite>
-  void FetchAhead(const Composite&) const noexcept {}
-  // The key's slot, or the empty one where it would go. There is always an empty one.
-  std::size_t SlotOf(const Key& key) const noexcept {
-    const std::size_t mask = m_slots.size() - 1;
-    std::size_t slot = Home(key);
-    while (m_slots[slot].at != kNone &&
-           !(m_slots[slot].hashWord == HashWord(key) && m_entries[m_slots[slot].at].key == key)) {
-      slot = (slot + 1) & mask;
-    }
-    return slot;
-  }
-  void Rehash(std::size_t size) {
-    m_slots.assign(size, Slot{});
-    for (std::uint32_t at = 0; at < m_entries.Size(); ++at) {
-      if (m_entries[at].previous == kFree) continue;
-      m_slots[SlotOf(m_entries[at].key)] = {at, HashWord(m_entries[at].key)};
-    }
-  }
-  // Moves back what had been pushed past the slot that became empty.
-  void CloseGap(std::size_t gap) noexcept {
-    const std::size_t mask = m_slots.size() - 1;
-    for (std::size_t slot = (gap + 1) & mask; m_slots[slot].at != kNone; slot = (slot + 1) & mask) {
-      const std::size_t home = Home(m_entries[m_slots[slot].at].key);
-      if (((slot - home) & mask) >= ((slot - gap) & mask)) {
-        m_slots[gap] = m_slots[slot];
-        gap = slot;
-      }
-    }
-    m_slots[gap] = Slot{};
-  }
-
-  BlockList<Noted> m_noted;
-  BlockList<Entry> m_entries;
-  std::vector<Slot> m_slots;  // the size is a power of 2, at most half of them are used
-  std::array<std::uint32_t, kBuckets> m_heads{};
-  std::uint32_t m_firstFree = kNone;
-  std::size_t m_count = 0;
-  const std::uint64_t m_seed = ProcessSeed();
+  MapOfWords m_words;
 };
 
 }  // namespace kesp

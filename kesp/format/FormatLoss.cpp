@@ -87,11 +87,13 @@ void AddTo(FormatLoss::Kind& kind, const std::tuple<Bodies...>& bodies, const Re
   });
   if constexpr (std::is_same_v<Record, CKespTavoHeader>) kept.KespVersion = record.KespVersion;
 
-  FieldList before, after;
+  FieldList before;
+  FieldList after;
   const auto& newest = std::get<sizeof...(Bodies) - 1>(bodies);
   newest(before, record);
   newest(after, std::as_const(kept));
-  std::uint64_t texts = 0, numbers = 0;
+  std::uint64_t texts = 0;
+  std::uint64_t numbers = 0;
   for (std::size_t i = 0; i < before.Fields().size(); ++i) {
     const FieldList::Field& field = before.Fields()[i];
     if (!(field == after.Fields()[i])) ++(field.text != nullptr ? texts : numbers);

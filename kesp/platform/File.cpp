@@ -14,6 +14,8 @@
 #include <string>
 #include <utility>
 
+#include "kesp/memory/AlignedBytes.h"
+#include "kesp/platform/OpenReaders.h"
 #include "kesp/platform/ReadAhead.h"
 #include "kesp/platform/SystemCalls.h"
 
@@ -130,7 +132,7 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
   m_identity = {info.st_dev, info.st_ino};
   m_writable = writable;
   m_directoryUnsynced = create;  // also where it was there, or a link led to where it was not
-  if (!writable) m_reader.Enter(info.st_dev, info.st_ino);
+  if (!writable) m_reader = std::make_unique<kesp::OpenReader>(info.st_dev, info.st_ino);
   return true;
 }
 
@@ -176,7 +178,7 @@ int CFile::CloseDescriptor() noexcept {
 }
 
 void CFile::Reset() noexcept {
-  m_reader.Leave();
+  m_reader.reset();
   m_identity = {};
   m_fd = -1;
   m_lockedBy = 0;
@@ -185,7 +187,7 @@ void CFile::Reset() noexcept {
   m_path.Empty();
   m_position = m_length = m_bufferStart = m_gatherStart = 0;
   m_bufferSize = 0;
-  m_buffer = {};
+  m_buffer.reset();
   m_data = nullptr;
   m_nextRead = kFirstRead;
   m_gathered.clear();
@@ -224,16 +226,19 @@ std::span<const std::byte> CFile::ReadViewSlow(std::size_t count) {
 }
 
 bool CFile::MakeBuffer() noexcept {
-  if (!m_buffer) {
-    m_buffer = kesp::AlignedBytes(kBufferSize + kesp::AlignedBytes::kLine);
-    m_data = m_buffer.Data();
+  if (m_buffer) return true;
+  m_buffer.reset(new (std::nothrow) kesp::AlignedBytes(kBufferSize + kesp::AlignedBytes::kLine));
+  if (!m_buffer || !*m_buffer) {
+    m_buffer.reset();
+    return false;
   }
-  return static_cast<bool>(m_buffer);
+  m_data = m_buffer->Data();
+  return true;
 }
 
 // Where in the buffer the piece of the file begins that is to begin there: kBufferSize bytes have room.
 std::byte* CFile::PlaceInBuffer(std::uint64_t position) const noexcept {
-  return m_buffer.Data() + position % kesp::AlignedBytes::kLine;
+  return m_buffer->Data() + position % kesp::AlignedBytes::kLine;
 }
 
 // Makes the buffer begin at the position, or hold it, with `count` bytes from there on, or all that the file has.
@@ -299,7 +304,7 @@ bool CFile::TakeAhead(std::size_t count) {
 void CFile::EndReadAhead() noexcept {
   if (!m_ahead) return;
   const std::uint64_t end = m_bufferStart + m_bufferSize;
-  const bool taken = m_data < m_buffer.Data() || m_data > m_buffer.Data() + kesp::AlignedBytes::kLine;
+  const bool taken = !m_buffer || m_data < m_buffer->Data() || m_data > m_buffer->Data() + kesp::AlignedBytes::kLine;
   if (taken) {
     const std::byte* const from = m_data + (m_position - m_bufferStart);
     const bool kept =

@@ -30,13 +30,13 @@
 #include <string>
 #include <vector>
 
-#include "kesp/platform/AlignedBytes.h"
 #include "kesp/platform/Exception.h"
 #include "kesp/platform/Export.h"
-#include "kesp/platform/OpenReaders.h"
 #include "kesp/platform/String.h"
 
 namespace kesp {
+class AlignedBytes;
+class OpenReader;
 class ReadAhead;
 
 // Tells a file from every other of the machine, by whatever name it is opened, as long as it exists.
@@ -192,13 +192,13 @@ class KESP_EXPORT CFile {
   bool m_gathering = false;
   bool m_syncFailed = false;
   int m_lastSystemError = 0;
-  kesp::OpenReader m_reader;
+  std::unique_ptr<kesp::OpenReader> m_reader;  // of a file that is open read-only
   kesp::FileIdentity m_identity;
   bool m_directoryUnsynced = false;  // the file may be new, and its directory was not yet told to keep it
   CString m_path;
   std::uint64_t m_position = 0;
-  std::uint64_t m_length = 0;  // as last seen
-  kesp::AlignedBytes m_buffer;
+  std::uint64_t m_length = 0;                    // as last seen
+  std::unique_ptr<kesp::AlignedBytes> m_buffer;  // null until something is read or written
   std::unique_ptr<kesp::ReadAhead> m_ahead;
   std::byte* m_data = nullptr;      // the buffer, or what was read ahead last
   std::uint64_t m_bufferStart = 0;  // where in the file the first byte of it stands

@@ -11,23 +11,19 @@ OpenReader* first = nullptr;  // guarded by g_openReadersLock
 
 }  // namespace
 
-void OpenReader::Enter(std::uint64_t device, std::uint64_t fileNumber) noexcept {
+OpenReader::OpenReader(std::uint64_t device, std::uint64_t fileNumber) noexcept
+    : m_device(device), m_fileNumber(fileNumber) {
   const std::lock_guard lock(g_openReadersLock);
-  m_device = device;
-  m_fileNumber = fileNumber;
   m_next = first;
   m_link = &first;
   if (first != nullptr) first->m_link = &m_next;
   first = this;
 }
 
-void OpenReader::Leave() noexcept {
-  // Looked at under the lock: a neighbour that enters or leaves changes it.
+OpenReader::~OpenReader() {
   const std::lock_guard lock(g_openReadersLock);
-  if (m_link == nullptr) return;
   *m_link = m_next;
   if (m_next != nullptr) m_next->m_link = m_link;
-  m_link = nullptr;
 }
 
 bool OpenReader::Reads(std::uint64_t device, std::uint64_t fileNumber) noexcept {

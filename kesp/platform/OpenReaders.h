@@ -3,37 +3,28 @@
 // Such an object takes no lock, so that nobody ever waits for it, and a lock can't keep a file from being emptied while
 // it is read. Within a process this does: who is about to empty a file asks first.
 //
-//   OpenReader reader;
-//   reader.Enter(info.st_dev, info.st_ino);
-//   ... OpenReader::Reads(info.st_dev, info.st_ino) ...  // true
-//   reader.Leave();
+//   const OpenReader reader(info.st_dev, info.st_ino);
+//   ... OpenReader::Reads(info.st_dev, info.st_ino) ...  // true as long as it lives
 //
-// Any thread may call these. Nothing is allocated, and nothing raised.
+// Any thread may call these. Nothing is allocated, and nothing raised. Not installed.
 #pragma once
 #include <cstdint>
 
-#include "kesp/platform/Export.h"
-
 namespace kesp {
 
-class KESP_EXPORT OpenReader {
+class OpenReader {
  public:
-  OpenReader() noexcept = default;
-  ~OpenReader() { Leave(); }
+  OpenReader(std::uint64_t device, std::uint64_t fileNumber) noexcept;
+  ~OpenReader();
   OpenReader(const OpenReader&) = delete;
   OpenReader& operator=(const OpenReader&) = delete;
-
-  // Not one that has entered already.
-  void Enter(std::uint64_t device, std::uint64_t fileNumber) noexcept;
-  // Nothing for one that never entered.
-  void Leave() noexcept;
   static bool Reads(std::uint64_t device, std::uint64_t fileNumber) noexcept;
 
  private:
   OpenReader* m_next = nullptr;
-  OpenReader** m_link = nullptr;  // what points here; null while outside
-  std::uint64_t m_device = 0;
-  std::uint64_t m_fileNumber = 0;
+  OpenReader** m_link = nullptr;  // what points here
+  const std::uint64_t m_device;
+  const std::uint64_t m_fileNumber;
 };
 
 }  // namespace kesp

@@ -8,7 +8,7 @@
 #include <new>
 #include <thread>
 
-#include "kesp/platform/ObjectPool.h"
+#include "kesp/memory/ObjectPool.h"
 #include "kesp/platform/SystemCalls.h"
 
 namespace kesp {

@@ -24,7 +24,7 @@
 #include <optional>
 #include <span>
 
-#include "kesp/platform/AlignedBytes.h"
+#include "kesp/memory/AlignedBytes.h"
 
 namespace kesp {
 

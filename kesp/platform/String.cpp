@@ -5,8 +5,8 @@
 #include <cstring>
 #include <cwchar>
 
+#include "kesp/memory/ObjectPool.h"
 #include "kesp/platform/Exception.h"
-#include "kesp/platform/ObjectPool.h"
 
 namespace {
 

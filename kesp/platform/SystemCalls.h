@@ -1,4 +1,4 @@
-// Every call that the library makes to the system goes through this one interface, so that a test can make the n-th
+// Every call to the system that concerns files goes through this one interface, so that a test can make the n-th
 // of them fail, come up short, or be recorded.
 //
 // Each function behaves as the call it is named after: a result below 0 means failure, with errno set. CFile deals

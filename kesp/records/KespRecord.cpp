@@ -2,8 +2,8 @@
 
 #include <bit>
 
+#include "kesp/memory/ObjectPool.h"
 #include "kesp/platform/Exception.h"
-#include "kesp/platform/ObjectPool.h"
 
 namespace {
 

@@ -2,24 +2,25 @@
 //
 //   for (const CKespPoint* point : feature.m_pointList) Show(*point);
 //
-// 24 bytes when empty, and small ones take their memory out of the library's pool, since there is a list or two in each
-// of a survey's features. Asking by position takes constant time, and so does removing at either end; adding does on
-// the average, and removing elsewhere moves the shorter side. A long list grows in place where the system can, without
-// copying. Entries may be null.
+// 24 bytes when empty, since there are two in each of a survey's features. Asking by position takes constant time, and
+// so does removing at either end; adding does on the average, and removing elsewhere moves the shorter side. A long
+// list grows in place where the system can, without copying. Entries may be null.
 //
 // Errors: CMemoryException from push_back; the list is then as it was, and the entry is still the caller's.
 #pragma once
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <limits>
 #include <utility>
 
-#include "kesp/platform/Exception.h"
-#include "kesp/platform/ObjectPool.h"
+#include "kesp/platform/Export.h"
 
 namespace kesp {
+
+// The storage of such lists: room for `capacity` pointers, of which the first `used` move over from the old storage,
+// which goes. Raises CMemoryException, and the old storage is then as it was.
+KESP_EXPORT void* GrowPointers(void* old, std::size_t oldCapacity, std::size_t used, std::size_t capacity);
+KESP_EXPORT void FreePointers(void* storage, std::size_t capacity) noexcept;
 
 template <class Item>
 class OwningList {
@@ -86,14 +87,13 @@ class OwningList {
       }
       delete items[i];
     }
-    FreeStorage();
+    FreePointers(m_storage, m_capacity);
     m_storage = nullptr;
     m_front = m_size = m_capacity = 0;
   }
 
  private:
   static constexpr std::size_t kFirstRoom = 4;
-  static constexpr std::size_t kMostPooled = kLargestPooledBlock / sizeof(Item*);
 
   // At the end: where at least half of the storage is free at its front, that is used again.
   void MakeRoom() {
@@ -105,32 +105,9 @@ class OwningList {
     m_front = 0;
   }
   void Grow(std::size_t capacity) {
-    if (capacity > std::numeric_limits<std::uint32_t>::max()) throw CMemoryException();
     MoveToFront();
-    const std::size_t bytes = capacity * sizeof(Item*);
-    Item** storage = nullptr;
-    if (capacity <= kMostPooled) {
-      storage = static_cast<Item**>(PoolAllocate(bytes));
-    } else {
-      const bool pooled = m_capacity <= kMostPooled;
-      // Only realloc grows in place. NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
-      storage = static_cast<Item**>(pooled ? std::malloc(bytes) : std::realloc(m_storage, bytes));
-      if (storage == nullptr) throw CMemoryException();
-      if (!pooled) m_storage = storage;
-    }
-    if (storage != m_storage) {
-      std::copy_n(m_storage, m_size, storage);
-      FreeStorage();
-      m_storage = storage;
-    }
+    m_storage = static_cast<Item**>(GrowPointers(m_storage, m_capacity, m_size, capacity));
     m_capacity = static_cast<std::uint32_t>(capacity);
-  }
-  void FreeStorage() noexcept {
-    if (m_capacity > kMostPooled) {
-      std::free(m_storage);  // NOLINT(cppcoreguidelines-no-malloc): see Grow
-    } else if (m_capacity != 0) {
-      PoolFree(m_storage, m_capacity * sizeof(Item*));
-    }
   }
 
   Item** m_storage = nullptr;

@@ -1,7 +1,7 @@
 // One byte of a survey goes wrong, each in turn: how many records stay, to the walk, the rebuild and the salvage, is
 // what the layout says.
 
-#include "kesp/recordfile/Salvage.h"
+#include "kesp/salvage/Salvage.h"
 #include "tests/recordfile/Survey.h"
 #include "tests/support/MemorySystem.h"
 

@@ -9,7 +9,7 @@
 #include <map>
 #include <set>
 
-#include "kesp/recordfile/Salvage.h"
+#include "kesp/salvage/Salvage.h"
 #include "tests/dataset/DataSet.h"
 #include "tests/recordfile/Survey.h"
 

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <functional>
 
-#include "kesp/recordfile/Salvage.h"
+#include "kesp/salvage/Salvage.h"
 #include "kesp/records/KespAttribute.h"
 #include "tests/dataset/DataSet.h"
 #include "tests/recordfile/Survey.h"

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "kesp/platform/ObjectPool.h"
+#include "kesp/memory/ObjectPool.h"
 
 namespace kesp {
 

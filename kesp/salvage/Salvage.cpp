@@ -1,4 +1,4 @@
-#include "kesp/recordfile/Salvage.h"
+#include "kesp/salvage/Salvage.h"
 
 #include <algorithm>
 #include <array>

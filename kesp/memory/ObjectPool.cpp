@@ -1,4 +1,4 @@
-#include "kesp/platform/ObjectPool.h"
+#include "kesp/memory/ObjectPool.h"
 
 #include <pthread.h>
 #include <sys/mman.h>

@@ -1,5 +1,5 @@
 // What comes back of a survey whose file was overwritten in places.
-#include "kesp/recordfile/Salvage.h"
+#include "kesp/salvage/Salvage.h"
 
 #include <cerrno>
 #include <filesystem>

@@ -1,0 +1,221 @@
+#include "kesp/dataset/KespMap.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "kesp/memory/BlockList.h"
+
+namespace kesp {
+namespace {
+
+constexpr std::uint32_t kBuckets = 17;
+constexpr std::uint32_t kNone = 0xFFFFFFFF;
+constexpr std::uint32_t kFree = 0xFFFFFFFE;  // in `previous` of an entry that is in no chain
+constexpr std::size_t kGroup = 8;            // neighbouring keys share a group of slots, which fills a cache line
+
+std::uint64_t MakeSeed() noexcept {
+  // Without a source of randomness the maps are still right, only predictable.
+  try {
+    std::random_device device;
+    return std::uint64_t{device()} << 32 | device();
+  } catch (const std::exception&) {
+    return 0x9E3779B97F4A7C15U;
+  }
+}
+
+// Of the process. No static of a function, whose making another thread may be at when the process forks.
+std::uint64_t Seed() noexcept {
+  static constinit std::atomic<std::uint64_t> seed{0};
+  std::uint64_t known = seed.load(std::memory_order_relaxed);
+  if (known != 0) return known;
+  const std::uint64_t made = MakeSeed() | 1;
+  return seed.compare_exchange_strong(known, made) ? made : known;
+}
+
+std::uint32_t HashWord(std::uint64_t key) { return static_cast<std::uint32_t>(key); }
+std::uint32_t BucketOf(std::uint64_t key) { return (HashWord(key) >> 4) % kBuckets; }
+
+}  // namespace
+
+// The chains of the buckets are for iterating only. Keys are found through a table of slots, open-addressed; a seed of
+// the process's own keeps a hostile file from choosing keys that collide there.
+struct MapOfWords::State {
+  struct Slot {
+    std::uint32_t at = kNone;    // in entries
+    std::uint32_t hashWord = 0;  // of the key, so that another key is told without a look at its entry
+  };
+  // Packed, since there may be millions.
+  struct Noted {
+    std::uint32_t key;
+    std::array<std::byte, 8> value;
+  };
+  static_assert(sizeof(Noted) == 12);
+
+  std::uint64_t Mixed(std::uint64_t word) const noexcept {
+    std::uint64_t z = word + seed;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9U;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBU;
+    return z ^ (z >> 31);
+  }
+  std::size_t Home(std::uint64_t key) const noexcept {
+    return (Mixed(key / kGroup) * kGroup + key % kGroup) & (slots.size() - 1);
+  }
+  // The key's slot, or the empty one where it would go. There is always an empty one.
+  std::size_t SlotOf(std::uint64_t key) const noexcept {
+    const std::size_t mask = slots.size() - 1;
+    std::size_t slot = Home(key);
+    while (slots[slot].at != kNone && !(slots[slot].hashWord == HashWord(key) && entries[slots[slot].at].key == key)) {
+      slot = (slot + 1) & mask;
+    }
+    return slot;
+  }
+  void Rehash(std::size_t size) {
+    slots.assign(size, Slot{});
+    for (std::uint32_t at = 0; at < entries.Size(); ++at) {
+      if (entries[at].previous == kFree) continue;
+      slots[SlotOf(entries[at].key)] = {at, HashWord(entries[at].key)};
+    }
+  }
+  // Null for a new key, else the entry of the key, whose value is still the old one.
+  Entry* Enter(std::uint64_t key, std::uint64_t value) {
+    if (2 * (count + 1) > slots.size()) Rehash(std::max<std::size_t>(2 * slots.size(), kGroup));
+    const std::size_t slot = SlotOf(key);
+    if (slots[slot].at != kNone) return &entries[slots[slot].at];
+    std::uint32_t at = firstFree;
+    if (at != kNone) {
+      firstFree = entries[at].next;
+    } else {
+      at = static_cast<std::uint32_t>(entries.Size());
+      entries.Append(Entry{});
+    }
+    std::uint32_t& head = heads[BucketOf(key)];
+    Entry& entry = entries[at];
+    entry.key = key;
+    std::memcpy(entry.value, &value, sizeof value);
+    entry.previous = kNone;
+    entry.next = head;
+    if (head != kNone) entries[head].previous = at;
+    head = at;
+    slots[slot] = {at, HashWord(key)};
+    ++count;
+    return nullptr;
+  }
+  void EnterNoted() {
+    std::size_t size = std::max<std::size_t>(slots.size(), kGroup);
+    while (size < 2 * (count + noted.Size() + 1)) size *= 2;
+    if (size != slots.size()) Rehash(size);
+    // Entering the same again changes nothing, so they are dropped when all are in.
+    for (std::size_t i = 0; i < noted.Size(); ++i) {
+      std::uint64_t value = 0;
+      std::memcpy(&value, noted[i].value.data(), sizeof value);
+      if (Entry* const known = Enter(noted[i].key, value)) std::memcpy(known->value, &value, sizeof value);
+    }
+    noted.Clear();
+  }
+  // Moves back what had been pushed past the slot that became empty.
+  void CloseGap(std::size_t gap) noexcept {
+    const std::size_t mask = slots.size() - 1;
+    for (std::size_t slot = (gap + 1) & mask; slots[slot].at != kNone; slot = (slot + 1) & mask) {
+      const std::size_t home = Home(entries[slots[slot].at].key);
+      if (((slot - home) & mask) >= ((slot - gap) & mask)) {
+        slots[gap] = slots[slot];
+        gap = slot;
+      }
+    }
+    slots[gap] = Slot{};
+  }
+  const Entry* FirstFrom(std::uint32_t bucket) const noexcept {
+    while (bucket < kBuckets && heads[bucket] == kNone) ++bucket;
+    return bucket < kBuckets ? &entries[heads[bucket]] : nullptr;
+  }
+
+  BlockList<Noted> noted;
+  BlockList<Entry> entries;
+  std::vector<Slot> slots;  // the size is a power of 2, at most half of them are used
+  std::array<std::uint32_t, kBuckets> heads = [] {
+    std::array<std::uint32_t, kBuckets> none{};
+    none.fill(kNone);
+    return none;
+  }();
+  std::uint32_t firstFree = kNone;
+  std::size_t count = 0;
+  const std::uint64_t seed = Seed();
+};
+
+MapOfWords::MapOfWords() : m_state(std::make_unique<State>()) {}
+MapOfWords::~MapOfWords() = default;
+
+const MapOfWords::Entry* MapOfWords::First() const {
+  Settle();
+  return m_state->FirstFrom(0);
+}
+
+const MapOfWords::Entry* MapOfWords::After(const Entry* entry) const noexcept {
+  return entry->next != kNone ? &m_state->entries[entry->next] : m_state->FirstFrom(BucketOf(entry->key) + 1);
+}
+
+std::size_t MapOfWords::Count() const {
+  Settle();
+  return m_state->count;
+}
+
+bool MapOfWords::IsEmpty() const noexcept { return m_state->count == 0 && m_state->noted.Size() == 0; }
+
+const MapOfWords::Entry* MapOfWords::Find(std::uint64_t key) const {
+  Settle();
+  if (m_state->count == 0) return nullptr;
+  const std::uint32_t at = m_state->slots[m_state->SlotOf(key)].at;
+  return at == kNone ? nullptr : &m_state->entries[at];
+}
+
+bool MapOfWords::SetAt(std::uint64_t key, std::uint64_t value, std::uint64_t& before) {
+  Settle();
+  Entry* const known = m_state->Enter(key, value);
+  if (known == nullptr) return false;
+  std::memcpy(&before, known->value, sizeof before);
+  std::memcpy(known->value, &value, sizeof value);
+  return true;
+}
+
+void MapOfWords::Note(std::uint32_t key, std::uint64_t value) {
+  State::Noted noted{key, {}};
+  std::memcpy(noted.value.data(), &value, sizeof value);
+  m_state->noted.Append(noted);
+}
+
+void MapOfWords::Settle() const {
+  if (m_state->noted.Size() != 0) m_state->EnterNoted();
+}
+
+bool MapOfWords::RemoveKey(std::uint64_t key) {
+  Settle();
+  if (m_state->count == 0) return false;
+  State& state = *m_state;
+  const std::size_t slot = state.SlotOf(key);
+  const std::uint32_t at = state.slots[slot].at;
+  if (at == kNone) return false;
+  Entry& entry = state.entries[at];
+  (entry.previous != kNone ? state.entries[entry.previous].next : state.heads[BucketOf(key)]) = entry.next;
+  if (entry.next != kNone) state.entries[entry.next].previous = entry.previous;
+  entry.previous = kFree;
+  entry.next = state.firstFree;
+  state.firstFree = at;
+  --state.count;
+  state.CloseGap(slot);
+  return true;
+}
+
+void MapOfWords::RemoveAll() noexcept {
+  m_state->noted.Clear();
+  m_state->entries.Clear();
+  std::vector<State::Slot>().swap(m_state->slots);
+  m_state->heads.fill(kNone);
+  m_state->firstFree = kNone;
+  m_state->count = 0;
+}
+
+}  // namespace kesp

@@ -1,0 +1,131 @@
+#include "kesp/dataset/RecordList.h"
+
+#include <cstdint>
+#include <new>
+#include <unordered_map>
+
+#include "kesp/memory/BlockList.h"
+#include "kesp/records/KespRecord.h"
+
+namespace kesp {
+namespace {
+
+// Stands for an entry that was removed: an address at which no record can be.
+CKespRecord* Hole() noexcept { return reinterpret_cast<CKespRecord*>(std::uintptr_t{1}); }
+
+}  // namespace
+
+struct RecordList::State {
+  void NotePlace(const CKespRecord* last) noexcept {
+    try {
+      places.emplace(last, records.Size() - 1);
+    } catch (const std::bad_alloc&) {
+      ForgetPlaces();
+    }
+  }
+  bool FindPlaces() noexcept {
+    if (placesKnown) return true;
+    try {
+      places.reserve(records.Size());
+      for (std::size_t i = 0; i < records.Size(); ++i) {
+        if (records[i] != Hole()) places.emplace(records[i], i);
+      }
+      placesKnown = true;
+    } catch (const std::bad_alloc&) {
+      ForgetPlaces();
+    }
+    return placesKnown;
+  }
+  void ForgetPlaces() noexcept {
+    places.clear();
+    placesKnown = false;
+  }
+  void CloseHoles() noexcept {
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < records.Size(); ++i) {
+      if (records[i] != Hole()) records[kept++] = records[i];
+    }
+    records.Truncate(kept);
+    holes = 0;
+    ForgetPlaces();
+  }
+
+  BlockList<CKespRecord*> records;
+  std::vector<CKespRecord*> headers;
+  std::size_t holes = 0;
+  std::size_t walks = 0;  // iterators that are no ends
+  // Where each record is. Made when the first one is removed, so that reading and queueing need not pay for it.
+  std::unordered_multimap<const CKespRecord*, std::size_t> places;
+  bool placesKnown = false;
+};
+
+RecordList::RecordList() : m_state(std::make_unique<State>()) {}
+RecordList::~RecordList() = default;
+
+int RecordList::GetCount() const noexcept { return static_cast<int>(m_state->records.Size() - m_state->holes); }
+
+const std::vector<CKespRecord*>& RecordList::Headers() const noexcept { return m_state->headers; }
+
+void RecordList::AddTail(CKespRecord* record) {
+  const bool isHeader = record != nullptr && record->m_recordType == KESP_RECORD_HEADER;
+  if (isHeader) m_state->headers.push_back(record);
+  try {
+    m_state->records.Append(record);
+  } catch (...) {
+    if (isHeader) m_state->headers.pop_back();
+    throw;
+  }
+  if (m_state->placesKnown) m_state->NotePlace(record);
+}
+
+void RecordList::Remove(const CKespRecord* record) noexcept {
+  State& state = *m_state;
+  if (state.FindPlaces()) {
+    const auto [first, last] = state.places.equal_range(record);
+    for (auto place = first; place != last; ++place) {
+      state.records[place->second] = Hole();
+      ++state.holes;
+    }
+    state.places.erase(first, last);
+  } else {
+    for (std::size_t i = 0; i < state.records.Size(); ++i) {
+      if (state.records[i] != record) continue;
+      state.records[i] = Hole();
+      ++state.holes;
+    }
+  }
+  std::erase(state.headers, record);
+  if (state.walks == 0 && 2 * state.holes > state.records.Size()) state.CloseHoles();
+}
+
+void RecordList::RemoveAll() noexcept {
+  m_state->records.Clear();
+  m_state->headers = {};
+  m_state->ForgetPlaces();
+  m_state->holes = 0;
+}
+
+RecordList::Iterator::Iterator(const RecordList* list) noexcept : m_list(list) {
+  ++m_list->m_state->walks;
+  SkipHoles();
+}
+
+RecordList::Iterator::Iterator(const Iterator& other) noexcept : m_list(other.m_list), m_at(other.m_at) {
+  if (m_list != nullptr) ++m_list->m_state->walks;
+}
+
+RecordList::Iterator::~Iterator() {
+  if (m_list != nullptr) --m_list->m_state->walks;
+}
+
+CKespRecord* RecordList::Iterator::operator*() const noexcept { return m_list->m_state->records[m_at]; }
+
+bool RecordList::Iterator::IsEnd() const noexcept {
+  return m_list == nullptr || m_at >= m_list->m_state->records.Size();
+}
+
+void RecordList::Iterator::SkipHoles() noexcept {
+  while (!IsEnd() && m_list->m_state->records[m_at] == Hole()) ++m_at;
+}
+
+}  // namespace kesp
