@@ -42,12 +42,9 @@
 //
 // One thread at a time.
 #pragma once
-#include <array>
 #include <concepts>
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -72,6 +69,11 @@
 #include "kesp/records/KespPoint.h"
 #include "kesp/records/KespTag.h"
 #include "kesp/records/KespTavoHeader.h"
+
+namespace kesp {
+class StoreReader;
+struct Store;
+}  // namespace kesp
 
 class KESP_EXPORT CKespFile {
  public:
@@ -102,11 +104,11 @@ class KESP_EXPORT CKespFile {
   ErrorEnum ReadKespFile(bool readDeleted);
   // Whether the last ReadKespFile, or the last one of a validation, came to the clean end of the file. False after
   // damage, wherever it is, and before anything was read; m_pDataFile->GetErrorString() then says what ended it.
-  bool WasReadToEnd() const noexcept { return m_wasReadToEnd; }
+  bool WasReadToEnd() const noexcept;
   // The memory in bytes at which ReadKespFile ends with ERR_MEMORY, and ENOMEM as the container's system error. By
   // default, and for 0, 64 MiB and four times the file's length: a survey takes about half its length, so that only a
   // crafted file gets there. Counted are records, texts and lists; what one record takes may go beyond it.
-  void SetMemoryLimit(std::uint64_t bytes) noexcept { m_memoryLimit = bytes; }
+  void SetMemoryLimit(std::uint64_t bytes) noexcept;
   // The file version that the header record on disk names.
   ErrorEnum GetKespVersion(unsigned long& version);
   ErrorEnum GetKespVersion(std::uint32_t& version);
@@ -302,57 +304,31 @@ class KESP_EXPORT CKespFile {
   CString* m_pBmcText = nullptr;    // text of a version-1 "BMC:" note
 
  private:
+  friend class kesp::StoreReader;
+  friend struct CKespFileTestAccess;
+
   void ClearStorage();
   void Clear() noexcept;
   bool ProcessTag(CKespTag* tag);
   bool AddFeatureLink(const CKespFeatureLink& link);
-  bool ReadKespHeaderVersion1(CKespRecord** next, bool skipDeleted);
   ErrorEnum CheckTavoFileIntegrity();
   ErrorEnum CheckFileOpenIfClosed(bool& wasOpen, CString path);
   CKespFeature* GetKespFeature(CKespPoint* point) const;
   std::uint32_t GetNumberOfPoints();
   void DeletePoint(CKespPoint* point);
   int DeletePointInFeature(CKespPoint* point, CKespFeature* feature);
-  friend struct CKespFileTestAccess;
 
   ErrorEnum OpenWith(const CString& path, CString& message, bool readOnly);
   bool NamesOpenFile(const CString& path) const;
-  ErrorEnum ReadStore(bool readDeleted);
-  ErrorEnum OutOfMemory() noexcept;  // notes it in the container
   ErrorEnum MakeWritable(CString& message);
-  // What the reader keeps in mind from record to record.
-  struct Reading {
-    CKespFeature* lastFeature = nullptr;       // records of one feature follow one another
-    std::vector<CKespFeature*> withMarks;      // features that have, or own what has, a flag word other than 0
-    std::uint32_t points = 0;                  // in the features of the index
-    std::array<std::uint64_t, 4> kindsSeen{};  // record types and versions seen last
-    std::size_t kindsCount = 0;
-  };
-  // Files one record that was read, and answers whether it is kept.
-  bool FileRecord(CKespRecord* record, Reading& reading);
-  bool FilePoint(CKespPoint* point, Reading& reading);
-  CKespFeature* FeatureOf(std::uint32_t number, Reading& reading) const;
-  void TakeVersion(CKespRecord& record, Reading& reading);
-  // Bytes of the store, given what this thread had of the pool before.
-  std::uint64_t ReckonMemory(std::int64_t takenBefore) const noexcept;
-  void HandUpFlags(Reading& reading);
-  void HandUpFlags(CKespFeature& feature);
-  void HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& feature);
-  void TakeExtentNote(std::u16string_view numbers);
+  ErrorEnum OutOfMemory() noexcept;  // notes it in the container
+  void ApplyChangesTag(std::uint32_t featureNumber, CKespFeature& feature);
+  static void ApplyMarksOfChildren(CKespFeature& feature);
   void MarkDeletedOnDisk(CKespRecord& record);
   void RemovePointFromStore(CKespPoint* point, CKespFeature& feature, int index);
   ErrorEnum Queue(CKespRecord* record);
   using Appender = bool (CKespDataFile::*)(CKespRecord*, unsigned long);
   ErrorEnum WriteNew(const CString& path, std::uint16_t version, Appender append);
 
-  // What reading made and no feature owns, to be deleted when cleared; the features apart, since the index has them
-  // too.
-  std::vector<CKespFeature*> m_ownFeatures;
-  std::vector<CKespRecord*> m_ownRecords;
-  std::uint64_t m_memoryLimit = 0;  // 0 for the default
-  bool m_wasReadToEnd = false;
-  kesp::FileIdentity m_storedIn;   // where the store was read from, or written to last
-  std::deque<CString> m_bmcTexts;  // of every reading, since a host may still look at them
-  std::deque<CKespFeatureLink> m_ownLinks;
-  std::deque<CKespLinkList> m_ownLinkLists;
+  std::unique_ptr<kesp::Store> m_own;
 };

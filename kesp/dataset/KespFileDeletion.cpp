@@ -1,4 +1,4 @@
-// Deleting features and points, in memory and on disk, and validating a file.
+// Deleting features and points, in memory and on disk.
 #include <algorithm>
 #include <limits>
 #include <memory>
@@ -120,26 +120,4 @@ void CKespFile::DeletePoint(CKespPoint* point) {
 ErrorEnum CKespFile::DeleteRecord(CKespRecord* record) {
   if (record != nullptr) record->SetDelete();
   return ERR_NONE;
-}
-
-ErrorEnum CKespFile::ValidateKesp(CString path, CString& /*message*/) {
-  bool wasOpen = false;
-  const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
-  if (opened != ERR_NONE) return opened;
-  ErrorEnum checked = ERR_NONE;
-  try {
-    checked = CheckTavoFileIntegrity();
-  } catch (...) {
-    if (!wasOpen) (void)m_pDataFile->Close();
-    throw;
-  }
-  if (wasOpen) return checked;
-  const ErrorEnum closed = CloseKesp();
-  return checked != ERR_NONE ? checked : closed;
-}
-
-ErrorEnum CKespFile::ValidateKesp() {
-  if (m_pDataFile == nullptr) return ERR_MEMORY;
-  if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
-  return CheckTavoFileIntegrity();
 }

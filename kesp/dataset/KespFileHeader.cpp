@@ -1,9 +1,8 @@
-// Keeping the header record true on disk, and handing source flags up to the features.
-#include <algorithm>
+// Keeping the header record true on disk, and bringing source flags to the features.
 #include <memory>
-#include <vector>
 
 #include "kesp/dataset/KespFile.h"
+#include "kesp/format/HeaderNotes.h"
 #include "kesp/util/NumberText.h"
 
 namespace {
@@ -12,7 +11,7 @@ namespace {
 constexpr std::uint32_t kDeletionState = KESP_FLAG_DELETED | KESP_SRC_DELETED | KESP_SRC_RESTORED;
 
 template <class Records>
-void HandUp(const Records& records, CKespFeature& feature) {
+void ApplyMarks(const Records& records, CKespFeature& feature) {
   for (const auto* record : records) {
     if (record != nullptr) feature.SetSourceFlag(record->m_flags & ~kDeletionState);
   }
@@ -61,12 +60,12 @@ ErrorEnum CKespFile::UpdateKespHeaderVersion1(CString bmcText, CBoundingBox exte
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   // Found among the stored notes by its first four characters.
   CKespNote note;
-  note.NoteText = u"BMC:" + bmcText;
+  note.NoteText = CString(kesp::kBmcTag) + bmcText;
   (void)m_pDataFile->UpdateRecord(&note, KESP_SRC_MODIFIED, false);
   if (extent.IsValid()) {
     CKespNote zom;
-    zom.NoteText = u"ZOM:" + Fixed8(extent.MinX()) + u"," + Fixed8(extent.MaxX()) + u"," + Fixed8(extent.MinY()) +
-                   u"," + Fixed8(extent.MaxY());
+    zom.NoteText = CString(kesp::kZomTag) + Fixed8(extent.MinX()) + u"," + Fixed8(extent.MaxX()) + u"," +
+                   Fixed8(extent.MinY()) + u"," + Fixed8(extent.MaxY());
     (void)m_pDataFile->UpdateRecord(&zom, KESP_SRC_MODIFIED, false);
   }
   return ERR_NONE;
@@ -84,29 +83,11 @@ ErrorEnum CKespFile::SetCleanKespClose(bool clean) {
 }
 
 void CKespFile::PropigateSourceCtrlFlagsToFeatures() {
-  for (const auto& entry : m_featureIndex) HandUpChangesFlag(entry.key, *entry.value);
-  for (const auto& entry : m_featureIndex) HandUpFlags(*entry.value);
+  for (const auto& entry : m_featureIndex) ApplyChangesTag(entry.key, *entry.value);
+  for (const auto& entry : m_featureIndex) ApplyMarksOfChildren(*entry.value);
 }
 
-// The same for what was just read, leaving alone the features in which every flag word is 0: they stay so.
-void CKespFile::HandUpFlags(Reading& reading) {
-  for (const auto& entry : m_featureChangesIndex) {
-    CKespFeature* feature = nullptr;
-    if (!m_featureIndex.Lookup(entry.key, feature)) continue;
-    HandUpChangesFlag(entry.key, *feature);
-    reading.withMarks.push_back(feature);
-  }
-  std::vector<CKespFeature*>& features = reading.withMarks;
-  std::sort(features.begin(), features.end());
-  features.erase(std::unique(features.begin(), features.end()), features.end());
-  for (CKespFeature* feature : features) {
-    // Not the features whose number a later one took.
-    CKespFeature* indexed = nullptr;
-    if (m_featureIndex.Lookup(feature->FeatureNumber, indexed) && indexed == feature) HandUpFlags(*feature);
-  }
-}
-
-void CKespFile::HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& feature) {
+void CKespFile::ApplyChangesTag(std::uint32_t featureNumber, CKespFeature& feature) {
   CKespTag* tag = nullptr;
   if (!m_featureChangesIndex.Lookup(featureNumber, tag)) return;
   std::uint32_t number = 0;
@@ -117,9 +98,9 @@ void CKespFile::HandUpChangesFlag(std::uint32_t featureNumber, CKespFeature& fea
 }
 
 // One by one: restoring and filtering between two marks is not the same as adding both.
-void CKespFile::HandUpFlags(CKespFeature& feature) {
-  HandUp(feature.m_attributeList, feature);
-  HandUp(feature.m_pointList, feature);
+void CKespFile::ApplyMarksOfChildren(CKespFeature& feature) {
+  ApplyMarks(feature.m_attributeList, feature);
+  ApplyMarks(feature.m_pointList, feature);
   feature.SetSourceFlag(0);
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "kesp/dataset/KespFile.h"
+#include "kesp/dataset/Store.h"
 #include "kesp/format/RecordKinds.h"
 #include "kesp/platform/SystemCalls.h"
 #include "kesp/recordfile/FileHeader.h"
@@ -131,7 +132,7 @@ ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Append
   // Why, and not what opening says then.
   if (!m_pDataFile->IsOpen() || m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = osError;
   if (opened != ERR_NONE) return opened;
-  m_storedIn = m_pDataFile->m_file.Identity();
+  m_own->storedIn = m_pDataFile->m_file.Identity();
   for (CKespRecord* record : m_recordList) (void)(m_pDataFile->*append)(record, 0);
   return ERR_NONE;
 } catch (const std::bad_alloc&) {
@@ -144,7 +145,7 @@ ErrorEnum CKespFile::AppendToKespFileFromQueue(CString path) try {
   CString message;
   if (opened == ERR_NONE && wasOpen) opened = MakeWritable(message);
   if (opened != ERR_NONE) return opened;
-  m_storedIn = m_pDataFile->m_file.Identity();
+  m_own->storedIn = m_pDataFile->m_file.Identity();
   for (CKespRecord* record : m_recordList) (void)m_pDataFile->AppendRecord(record, KESP_SRC_ADDED);
   return ERR_NONE;
 } catch (const std::bad_alloc&) {
@@ -152,7 +153,7 @@ ErrorEnum CKespFile::AppendToKespFileFromQueue(CString path) try {
 }
 
 int CKespFile::CountQueuedFromOpenFile() const {
-  if (m_pDataFile == nullptr || !m_pDataFile->IsOpen() || m_pDataFile->m_file.Identity() != m_storedIn) return 0;
+  if (m_pDataFile == nullptr || !m_pDataFile->IsOpen() || m_pDataFile->m_file.Identity() != m_own->storedIn) return 0;
   int count = 0;
   for (const CKespRecord* record : m_recordList) {
     if (record != nullptr && record->m_filePosition != 0) ++count;

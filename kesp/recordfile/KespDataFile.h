@@ -53,8 +53,9 @@
 #include "kesp/records/KespRecord.h"
 
 namespace kesp {
+class StoreReader;
 struct RecordHeader;
-}
+}  // namespace kesp
 
 class CKespPoint;
 
@@ -196,6 +197,7 @@ class KESP_EXPORT CKespDataFile {
 
  private:
   friend class CKespFile;
+  friend class kesp::StoreReader;
   enum class Update { kDone, kNotFound, kFailed };
 
   bool OpenWith(const CString& path, unsigned openFlags);

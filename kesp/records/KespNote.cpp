@@ -1,14 +1,11 @@
 #include "kesp/records/KespNote.h"
 
 #include "kesp/format/Bodies.h"
+#include "kesp/format/HeaderNotes.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/records/VersionTables.h"
 
-namespace {
-
-constexpr int kTagLength = 4;  // characters that tell one tagged note from another
-
-}  // namespace
+namespace {}  // namespace
 
 unsigned long CKespNote::GetLength(unsigned short version) {
   switch (OwnVersionIfZero(version)) {
@@ -58,7 +55,8 @@ bool CKespNote::WriteOldVersions(CFile& file, unsigned short version) {
 bool CKespNote::IsSameKespRecord(CKespRecord* other) {
   if (other == nullptr || other->m_recordType != m_recordType) return false;
   const auto* const note = dynamic_cast<const CKespNote*>(other);
-  return note != nullptr && note->NoteText.View().substr(0, kTagLength) == NoteText.View().substr(0, kTagLength);
+  return note != nullptr &&
+         note->NoteText.View().substr(0, kesp::kNoteTagLength) == NoteText.View().substr(0, kesp::kNoteTagLength);
 }
 
 unsigned short CKespNote::GetRecordVersionFromKespVersion(unsigned short kespVersion) {

@@ -1,0 +1,125 @@
+// Opening and closing a file.
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "kesp/dataset/KespFile.h"
+#include "kesp/dataset/Store.h"
+#include "kesp/util/Utilities.h"
+
+namespace {
+
+constexpr int kMessageLimit = 255;  // characters of a system message that are handed on
+
+}  // namespace
+
+ErrorEnum CKespFile::OpenKesp(CString path, CString& message) { return OpenWith(path, message, false); }
+
+ErrorEnum CKespFile::OpenKespReadOnly(CString path, CString& message) { return OpenWith(path, message, true); }
+
+ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOnly) {
+  message.Empty();
+  // Without the memory for the text the code has to say it.
+  const auto say = [&message](const CException& e) {
+    try {
+      message = e.GetErrorMessage().Left(kMessageLimit);
+    } catch (const std::bad_alloc&) {
+      message.Empty();
+    }
+  };
+  try {
+    const bool isOpen = m_pDataFile != nullptr && m_pDataFile->IsOpen();
+    const bool isSame = isOpen && NamesOpenFile(path);
+    // The name in other letter case may lead to no file here.
+    if (!FileExists(path) && !(isSame && FileExists(m_pDataFile->m_path))) return ERR_FILE_NOT_FOUND;
+    if (m_pDataFile == nullptr) {
+      message = u"Memory allocation failed. Free some memory and try again.";
+      return ERR_MEMORY;
+    }
+    if (isOpen) {
+      if (isSame) return readOnly ? ERR_NONE : MakeWritable(message);
+      message = u"Please close the already open file.";
+      return ERR_OTHER_FILE_OPEN;
+    }
+    // A file that the container refuses leaves it closed, and the next operation says so.
+    const bool opened = readOnly ? m_pDataFile->OpenReadOnly(path) : m_pDataFile->Open(path);
+    if (!opened && m_pDataFile->GetSystemError() == ENOMEM) throw CMemoryException();
+    return ERR_NONE;
+  } catch (const std::bad_alloc&) {
+    say(CMemoryException());
+    return OutOfMemory();
+  } catch (const CFileException& e) {
+    say(e);
+    return ERR_FILE_EXCEPTION;
+  } catch (...) {
+    return ERR_UNKNOWN_EXCEPTION;
+  }
+}
+
+// The same name in any letter case, unless that spelling leads to another file.
+bool CKespFile::NamesOpenFile(const CString& path) const {
+  if (m_pDataFile->m_path.CompareNoCase(path) != 0) return false;
+  return !FileExists(path) || m_pDataFile->m_file.IsSameFile(path);
+}
+
+// A file that is held read-only would take every write without a word and keep none of it.
+ErrorEnum CKespFile::MakeWritable(CString& message) {
+  if (m_pDataFile->m_file.IsWritable()) return ERR_NONE;
+  const CString path = m_pDataFile->m_path;
+  (void)m_pDataFile->Close();
+  if (m_pDataFile->Open(path)) return ERR_NONE;
+  const int osError = m_pDataFile->GetSystemError();
+  // As it was, if the system still lets it.
+  (void)m_pDataFile->OpenReadOnly(path);
+  message = CFileException(osError, path).GetErrorMessage().Left(kMessageLimit);
+  return ERR_FILE_EXCEPTION;
+}
+
+ErrorEnum CKespFile::CloseKesp() {
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  if (!m_pDataFile->IsOpen()) return ERR_NONE;
+  if (m_pDataFile->m_file.IsWritable()) {
+    try {
+      (void)SetCleanKespClose(true);
+      m_pDataFile->Flush();
+    } catch (...) {
+      (void)m_pDataFile->Close();  // or nobody could open the file any more
+      throw;
+    }
+  }
+  (void)m_pDataFile->Close();
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::CheckFileOpenIfClosed(bool& wasOpen, CString path) {
+  wasOpen = false;
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  if (m_pDataFile->IsOpen()) {
+    wasOpen = true;
+    return NamesOpenFile(path) ? ERR_NONE : ERR_OTHER_FILE_OPEN;
+  }
+  CString message;
+  return OpenKesp(path, message);
+}
+
+ErrorEnum CKespFile::GetKespVersion(unsigned long& version) {
+  if (m_pDataFile == nullptr) return ERR_MEMORY;
+  if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
+  if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
+  const std::unique_ptr<CKespRecord> first(m_pDataFile->ReadNextRecord(true));
+  if (!first || first->m_recordType != KESP_RECORD_HEADER) return ERR_READ_FAILED;
+  version = static_cast<const CKespTavoHeader&>(*first).KespVersion;
+  return ERR_NONE;
+}
+
+ErrorEnum CKespFile::GetKespVersion(std::uint32_t& version) {
+  unsigned long wide = version;
+  const ErrorEnum result = GetKespVersion(wide);
+  version = static_cast<std::uint32_t>(wide);
+  return result;
+}
+
+ErrorEnum CKespFile::OutOfMemory() noexcept {
+  if (m_pDataFile != nullptr) m_pDataFile->NoteError(ENOMEM);
+  return ERR_MEMORY;
+}
