@@ -12,6 +12,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/Measure.h"
@@ -72,6 +73,36 @@ void ReadAgainstWalk(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * features * kRecordsEach);
 }
 BENCHMARK(ReadAgainstWalk)->ArgName("MB")->Arg(200)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// "times_alone": two files read into two data sets by two threads at once, without threads that read ahead, beside one
+// of them alone. 1 when nothing is shared but the memory; with one processor it is 2.
+void TwoAtOnce(benchmark::State& state) {
+  const long features = state.range(0) * 1000 * 1000 / kBytesEach;
+  const std::string& path = FileOf(features);
+  CKespDataFile::AllowReadAhead(false);
+  std::vector<double> ratios;
+  const auto readOne = [&] {
+    CKespFile survey;
+    Open(survey, path, true);
+    Read(survey);
+  };
+  const auto once = [&] {
+    const double alone = bench::Seconds(readOne);
+    const double both = bench::Seconds([&] {
+      std::thread other(readOne);
+      readOne();
+      other.join();
+    });
+    ratios.push_back(both / alone);
+    state.SetIterationTime(both);
+  };
+  once();
+  ratios.clear();
+  for (auto _ : state) once();
+  CKespDataFile::AllowReadAhead(true);
+  state.counters["times_alone"] = bench::Median(ratios);
+}
+BENCHMARK(TwoAtOnce)->ArgName("MB")->Arg(200)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 using Surveys = std::vector<std::unique_ptr<CKespFile>>;
 
