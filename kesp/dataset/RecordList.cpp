@@ -1,5 +1,6 @@
 #include "kesp/dataset/RecordList.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <new>
 #include <unordered_map>
@@ -46,13 +47,20 @@ struct RecordList::State {
       if (records[i] != Hole()) records[kept++] = records[i];
     }
     records.Truncate(kept);
-    holes = 0;
+    holes = front = 0;
     ForgetPlaces();
+  }
+  void MakeHole(std::size_t at) noexcept {
+    records[at] = Hole();
+    ++holes;
+    while (front < records.Size() && records[front] == Hole()) ++front;
   }
 
   BlockList<CKespRecord*> records;
   std::vector<CKespRecord*> headers;
   std::size_t holes = 0;
+  std::size_t front = 0;  // all before this one are holes
+  std::size_t gone = 0;  // entries that RemoveAll dropped: a walk that was at one of them goes on with the first of now
   std::size_t walks = 0;  // iterators that are no ends
   // Where each record is. Made when the first one is removed, so that reading and queueing need not pay for it.
   std::unordered_multimap<const CKespRecord*, std::size_t> places;
@@ -83,15 +91,12 @@ void RecordList::Remove(const CKespRecord* record) noexcept {
   if (state.FindPlaces()) {
     const auto [first, last] = state.places.equal_range(record);
     for (auto place = first; place != last; ++place) {
-      state.records[place->second] = Hole();
-      ++state.holes;
+      state.MakeHole(place->second);
     }
     state.places.erase(first, last);
   } else {
     for (std::size_t i = 0; i < state.records.Size(); ++i) {
-      if (state.records[i] != record) continue;
-      state.records[i] = Hole();
-      ++state.holes;
+      if (state.records[i] == record) state.MakeHole(i);
     }
   }
   std::erase(state.headers, record);
@@ -99,15 +104,16 @@ void RecordList::Remove(const CKespRecord* record) noexcept {
 }
 
 void RecordList::RemoveAll() noexcept {
+  m_state->gone += m_state->records.Size();
   m_state->records.Clear();
   m_state->headers = {};
   m_state->ForgetPlaces();
-  m_state->holes = 0;
+  m_state->holes = m_state->front = 0;
 }
 
-RecordList::Iterator::Iterator(const RecordList* list) noexcept : m_list(list) {
+RecordList::Iterator::Iterator(const RecordList* list) noexcept
+    : m_list(list), m_at(list->m_state->gone + list->m_state->front) {
   ++m_list->m_state->walks;
-  SkipHoles();
 }
 
 RecordList::Iterator::Iterator(const Iterator& other) noexcept : m_list(other.m_list), m_at(other.m_at) {
@@ -118,14 +124,22 @@ RecordList::Iterator::~Iterator() {
   if (m_list != nullptr) --m_list->m_state->walks;
 }
 
-CKespRecord* RecordList::Iterator::operator*() const noexcept { return m_list->m_state->records[m_at]; }
-
-bool RecordList::Iterator::IsEnd() const noexcept {
-  return m_list == nullptr || m_at >= m_list->m_state->records.Size();
+CKespRecord* RecordList::Iterator::operator*() const noexcept {
+  const State& state = *m_list->m_state;
+  if (m_at < state.gone) return nullptr;
+  CKespRecord* const record = state.records[m_at - state.gone];
+  return record != Hole() ? record : nullptr;
 }
 
-void RecordList::Iterator::SkipHoles() noexcept {
-  while (!IsEnd() && m_list->m_state->records[m_at] == Hole()) ++m_at;
+RecordList::Iterator& RecordList::Iterator::operator++() noexcept {
+  const State& state = *m_list->m_state;
+  m_at = std::max(m_at + 1, state.gone + state.front);
+  while (!IsEnd() && state.records[m_at - state.gone] == Hole()) ++m_at;
+  return *this;
+}
+
+bool RecordList::Iterator::IsEnd() const noexcept {
+  return m_list == nullptr || (m_at >= m_list->m_state->gone + m_list->m_state->records.Size());
 }
 
 }  // namespace kesp

@@ -7,7 +7,7 @@
 // and so may null.
 //
 // A walk goes on whatever is removed and appended meanwhile: a record that is removed before the walk comes to it is
-// left out, one that is appended is met. Only the entry that the walk is at must not be looked at after its removal.
+// left out, one that is appended is met.
 //
 // Ownership: none, but the list knows which of its entries are header records, since the data set deletes those.
 // Errors: out of memory leaves AddTail, which then has added nothing. Remove never fails; without the memory for its
@@ -40,12 +40,8 @@ class KESP_EXPORT RecordList {
       return *this;
     }
     ~Iterator();
-    CKespRecord* operator*() const noexcept;
-    Iterator& operator++() noexcept {
-      ++m_at;
-      SkipHoles();
-      return *this;
-    }
+    CKespRecord* operator*() const noexcept;  // null when it was removed meanwhile
+    Iterator& operator++() noexcept;
     Iterator operator++(int) {
       Iterator old = *this;
       ++*this;
@@ -58,9 +54,8 @@ class KESP_EXPORT RecordList {
 
    private:
     bool IsEnd() const noexcept;
-    void SkipHoles() noexcept;
     const RecordList* m_list = nullptr;
-    std::size_t m_at = 0;
+    std::size_t m_at = 0;  // counted from the list's beginning, cleared entries included
   };
 
   RecordList();

@@ -96,6 +96,13 @@ TEST(RecordList, IsWalkedWhateverGoesAndComes) {
   expected.push_back(&late);
   EXPECT_TRUE(walked == expected);
   EXPECT_TRUE(list.GetCount() == 1 && list.GetHead() == &late);
+  for (auto walk = list.begin(); walk != list.end(); ++walk) {
+    if (*walk != &late) continue;
+    list.RemoveAll();
+    EXPECT_EQ(*walk, nullptr);
+    list.AddTail(notes.data());
+    EXPECT_EQ(*++walk, notes.data());
+  }
 }
 
 }  // namespace
