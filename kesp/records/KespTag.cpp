@@ -6,16 +6,17 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <optional>
 #include <span>
+#include <utility>
 
+#include "kesp/format/TagBlock.h"
 #include "kesp/platform/File.h"
 #include "kesp/records/VersionTables.h"
 #include "kesp/util/Fields.h"
 
 namespace {
 
-constexpr std::size_t kFixedPart = 8;   // kind and block length, before the block
-constexpr std::size_t kBlockWords = 8;  // the two lengths inside the block
 constexpr std::uint32_t kEmptyDataLength = 8;
 
 std::unique_ptr<unsigned char[]> AllocateBytes(std::size_t count) {
@@ -64,38 +65,26 @@ double DoubleAt(const std::byte* payload, std::size_t index) {
   return std::bit_cast<double>(kesp::LoadLittle<std::uint64_t>(payload + 8 * index));
 }
 
-// Where a block's name and payload stand, as far as they lie inside it.
-struct BlockParts {
-  bool hasName = false;
-  bool hasPayload = false;
-  std::span<const std::byte> name;
-  std::span<const std::byte> payload;
-};
-
-BlockParts PartsOf(const CKespTag& tag) {
-  BlockParts parts;
-  if (tag.m_pData == nullptr || tag.m_dataLength < 4) return parts;
-  const std::span<const std::byte> rest(Bytes(tag.m_pData) + 4, tag.m_dataLength - 4);
-  const auto nameBytes = kesp::LoadLittle<std::uint32_t>(Bytes(tag.m_pData));
-  if (nameBytes > rest.size()) return parts;
-  parts.hasName = true;
-  parts.name = rest.first(nameBytes);
-  const std::span<const std::byte> behind = rest.subspan(nameBytes);
-  if (behind.size() < 4) return parts;
-  const auto payloadLength = kesp::LoadLittle<std::uint32_t>(behind.data());
-  if (payloadLength > behind.size() - 4) return parts;
-  parts.hasPayload = true;
-  parts.payload = behind.subspan(4, payloadLength);
-  return parts;
+std::span<const std::byte> BlockOf(const CKespTag& tag) {
+  return {Bytes(tag.m_pData), tag.m_pData != nullptr ? tag.m_dataLength : 0};
 }
 
-// The payload of a tag of the wanted kind when it has at least `size` bytes, else null. The name is assigned as soon
-// as it is known to lie inside the block.
+// The payload, as far as it lies inside the block. The name is assigned as soon as it does.
+std::optional<std::span<const std::byte>> PayloadAndName(const CKespTag& tag, CString* name) {
+  const std::span<const std::byte> block = BlockOf(tag);
+  const kesp::TagBlockLayout layout = kesp::LayoutOfTagBlock(block);
+  if (layout.nameBytes && name != nullptr) {
+    kesp::LoadText16(*name, block.data() + kesp::TagBlockLayout::kName, *layout.nameBytes / 2);
+  }
+  if (!layout.payloadLength) return std::nullopt;
+  return block.subspan(layout.Payload(), *layout.payloadLength);
+}
+
+// The payload of a tag of the wanted kind when it has at least `size` bytes, else null.
 const std::byte* PayloadOf(const CKespTag& tag, KESP_TAG kind, std::size_t size, CString* name) {
   if (tag.m_tagType != kind) return nullptr;
-  const BlockParts parts = PartsOf(tag);
-  if (parts.hasName && name != nullptr) kesp::LoadText16(*name, parts.name.data(), parts.name.size() / 2);
-  return parts.hasPayload && !parts.payload.empty() && parts.payload.size() >= size ? parts.payload.data() : nullptr;
+  const auto payload = PayloadAndName(tag, name);
+  return payload && !payload->empty() && payload->size() >= size ? payload->data() : nullptr;
 }
 
 // Runs a getter that hands numbers out as unsigned long for a caller who keeps them in 32 bits.
@@ -154,17 +143,13 @@ bool CKespTag::Set(const CKespTag& other) {
 bool CKespTag::Set(KESP_TAG type, const CString& name, const void* data, unsigned long length) {
   // GetBinary hands a length out as an int, and the record header has 32 bits for the whole body.
   constexpr std::uint64_t kLargestPayload = std::numeric_limits<std::int32_t>::max();
-  constexpr std::uint64_t kLargestBlock = std::numeric_limits<std::uint32_t>::max() - kFixedPart;
-  const std::uint64_t nameUnits = std::uint64_t{name.Size()} + 1;
-  const std::uint64_t nameBytes = (2 * nameUnits + 3) & ~std::uint64_t{3};
-  if (length > kLargestPayload || nameBytes + length + kBlockWords > kLargestBlock) throw CMemoryException();
-  const auto blockLength = static_cast<std::uint32_t>(nameBytes + length + kBlockWords);
+  constexpr std::uint64_t kLargestBlock = std::numeric_limits<std::uint32_t>::max() - kesp::kTagFixedPart;
+  if (length > kLargestPayload || kesp::TagBlockLength(name.Size(), length) > kLargestBlock) throw CMemoryException();
+  const auto blockLength = static_cast<std::uint32_t>(kesp::TagBlockLength(name.Size(), length));
   std::unique_ptr<unsigned char[]> block = AllocateBytes(blockLength);
   std::memset(block.get(), 0, blockLength);
-  kesp::StoreLittle(Bytes(block.get()), static_cast<std::uint32_t>(nameBytes));
-  kesp::StoreUnits(Bytes(block.get()) + 4, name.GetString(), name.Size());
-  kesp::StoreLittle(Bytes(block.get()) + 4 + nameBytes, Low32(length));
-  if (length != 0 && data != nullptr) std::memcpy(block.get() + 8 + nameBytes, data, length);
+  const auto payload = kesp::ComposeTagBlock({Bytes(block.get()), blockLength}, name, Low32(length));
+  if (length != 0 && data != nullptr) std::memcpy(payload.data(), data, payload.size());
   m_tagType = type;
   m_dataLength = blockLength;
   ReplaceBlock(block.release());
@@ -253,24 +238,29 @@ bool CKespTag::GetBinary(CString& name, void** data, int& length) const {
   if (data == nullptr) return false;
   *data = nullptr;
   length = 0;
-  const BlockParts parts = PartsOf(*this);
-  if (parts.hasName) kesp::LoadText16(name, parts.name.data(), parts.name.size() / 2);
+  const auto payload = PayloadAndName(*this, &name);
   constexpr auto kLargest = static_cast<std::size_t>(std::numeric_limits<int>::max());
-  if (!parts.hasPayload || parts.payload.empty() || parts.payload.size() > kLargest) return false;
-  std::unique_ptr<unsigned char[]> copy = AllocateBytes(parts.payload.size());
-  std::memcpy(copy.get(), parts.payload.data(), parts.payload.size());
-  length = static_cast<int>(parts.payload.size());
+  if (!payload || payload->empty() || payload->size() > kLargest) return false;
+  std::unique_ptr<unsigned char[]> copy = AllocateBytes(payload->size());
+  std::memcpy(copy.get(), payload->data(), payload->size());
+  length = static_cast<int>(payload->size());
   *data = copy.release();
   return true;
 }
 
+kesp::TagParts kesp::PartsOf(const CKespTag& tag) {
+  TagParts parts;
+  if (LayoutOfTagBlock(BlockOf(tag)).nameBytes) parts.name.emplace();
+  parts.payload = PayloadAndName(tag, parts.name ? &*parts.name : nullptr);
+  return parts;
+}
+
 bool kesp::GetBlob(const CKespTag& tag, CString& name, std::vector<std::byte>& bytes) {
   if (tag.m_tagType != KESP_TAG_BLOB) return false;
-  const BlockParts parts = PartsOf(tag);
-  if (!parts.hasPayload) return false;
-  std::vector<std::byte> payload(parts.payload.begin(), parts.payload.end());
-  LoadText16(name, parts.name.data(), parts.name.size() / 2);
-  bytes.swap(payload);
+  TagParts parts = PartsOf(tag);
+  if (!parts.payload) return false;
+  bytes.assign(parts.payload->begin(), parts.payload->end());
+  name = std::move(*parts.name);
   return true;
 }
 
@@ -290,7 +280,7 @@ bool CKespTag::GetDouble(CString& name, double& value) const {
 
 bool CKespTag::GetString(CString& name, CString& value) const {
   if (PayloadOf(*this, KESP_TAG_STRING, 2, &name) == nullptr) return false;
-  const std::span<const std::byte> payload = PartsOf(*this).payload;
+  const std::span<const std::byte> payload = *PayloadAndName(*this, nullptr);
   kesp::LoadText16(value, payload.data(), payload.size() / 2);
   return true;
 }
@@ -424,7 +414,7 @@ bool CKespTag::GetNamedFlag(std::uint32_t& first, std::uint32_t& second, CString
 }
 
 unsigned long CKespTag::GetLength(unsigned short /*version*/) {
-  return static_cast<std::uint32_t>(m_dataLength + kFixedPart);
+  return static_cast<std::uint32_t>(m_dataLength + kesp::kTagFixedPart);
 }
 
 bool CKespTag::Read(CFile& file) {
@@ -435,8 +425,8 @@ bool CKespTag::Read(CFile& file) {
       file.SeekToEnd();
       return CFileException(CFileException::endOfFile, file.GetFilePath());
     };
-    const std::span<const std::byte> fixed = file.ReadView(kFixedPart);
-    if (fixed.size() < kFixedPart) throw endOfFile();
+    const std::span<const std::byte> fixed = file.ReadView(kesp::kTagFixedPart);
+    if (fixed.size() < kesp::kTagFixedPart) throw endOfFile();
     m_tagType = static_cast<KESP_TAG>(kesp::LoadLittle<std::uint32_t>(fixed.data()));
     m_dataLength = kesp::LoadLittle<std::uint32_t>(fixed.data() + 4);
     const std::uint64_t start = file.GetPosition();

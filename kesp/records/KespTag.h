@@ -25,6 +25,8 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <span>
 #include <vector>
 
 #include "kesp/geometry/Point3D.h"
@@ -138,6 +140,13 @@ class KESP_EXPORT CKespTag : public CKespRecord {
 
 namespace kesp {
 
+// The parts of a tag's block, each as far as it is inside the block; neither without one. The payload borrows the tag's
+// bytes until they change. Raises std::bad_alloc.
+struct TagParts {
+  std::optional<CString> name;
+  std::optional<std::span<const std::byte>> payload;
+};
+KESP_EXPORT TagParts PartsOf(const CKespTag& tag);
 // Name and bytes of a tag of kind KESP_TAG_BLOB, which may be none. False, with both unchanged, for a tag of another
 // kind, without a block, or whose name or payload is partly outside the block. Raises std::bad_alloc.
 KESP_EXPORT bool GetBlob(const CKespTag& tag, CString& name, std::vector<std::byte>& bytes);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kesp/format/RecordKinds.h"
+#include "kesp/format/TagBlock.h"
 #include "kesp/recordfile/FileHeader.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RebuiltFile.h"
@@ -23,7 +24,6 @@ namespace {
 constexpr std::uint16_t kNewestFileVersion = 3;
 constexpr std::uint16_t kNewestOldVersion = 2;  // of the file versions that are there for the asking
 constexpr std::uint32_t kKnownFlags = 0x1FFF;   // every KESP_FLAG
-constexpr std::size_t kTagFixed = 8;            // kind and block length, in front of the block
 
 bool IsPossibleBody(std::uint32_t type, std::uint16_t version, std::span<const std::byte> body) {
   FieldChecker checker(body);
@@ -123,10 +123,10 @@ class Salvager {
     const std::uint64_t body = offset + kRecordHeaderSize;
     if (header.type == KESP_RECORD_TAG) {
       bodyLength = header.length;
-      if (header.length < kTagFixed || !Fits(body, header.length)) return false;
-      const auto fixed = View(body, kTagFixed);
-      return fixed.size() == kTagFixed &&
-             LoadLittle<std::uint32_t>(fixed.data() + 4) == header.length - static_cast<std::uint32_t>(kTagFixed);
+      if (header.length < kTagFixedPart || !Fits(body, header.length)) return false;
+      const auto fixed = View(body, kTagFixedPart);
+      return fixed.size() == kTagFixedPart &&
+             LoadLittle<std::uint32_t>(fixed.data() + 4) == header.length - static_cast<std::uint32_t>(kTagFixedPart);
     }
     bodyLength = kind.length[header.version];
     const bool isLengthOfVersion2 = header.version == 3 && header.length == kind.length[2];
@@ -392,15 +392,13 @@ class Salvager {
     };
     const auto kind = word(body);
     if (!kind || *kind > KESP_TAG_NAMED_FLAG) return false;
-    if (length == kTagFixed) return true;
-    const std::uint64_t block = body + kTagFixed;
-    const std::uint64_t blockLength = length - kTagFixed;
-    const auto nameBytes = word(block);
-    if (blockLength < 8 || !nameBytes || *nameBytes > blockLength - 8) return false;
-    const auto payload = word(block + 4 + *nameBytes);
-    if (!payload || *payload > blockLength - 8 - *nameBytes) return false;
-    if (*nameBytes < 2) return *nameBytes == 0;
-    const auto terminator = View(block + 4 + *nameBytes - 2, 2);
+    if (length == kTagFixedPart) return true;
+    const std::uint64_t block = body + kTagFixedPart;
+    const TagBlockLayout layout =
+        LayoutOfTagBlock(length - kTagFixedPart, [&](std::uint64_t offset) { return word(block + offset); });
+    if (!layout.payloadLength) return false;
+    if (*layout.nameBytes < 2) return *layout.nameBytes == 0;
+    const auto terminator = View(block + TagBlockLayout::kName + *layout.nameBytes - 2, 2);
     return terminator.size() == 2 && LoadLittle<std::uint16_t>(terminator.data()) == 0;
   }
 

@@ -113,13 +113,13 @@ void JsonWriter::Number(double value) {
   m_out.Took(FormatFinite(value, m_out.Room(kLongestNumber)));
 }
 
-void JsonWriter::Hex(std::span<const std::uint8_t> bytes) {
+void JsonWriter::Hex(std::span<const std::byte> bytes) {
   Separate();
   m_out.Put('"');
-  for (const std::uint8_t byte : bytes) {
+  for (const std::byte byte : bytes) {
     char* const to = m_out.Room(2);
-    to[0] = kHexDigits[byte >> 4];
-    to[1] = kHexDigits[byte & 0xF];
+    to[0] = kHexDigits[std::to_integer<std::size_t>(byte >> 4)];
+    to[1] = kHexDigits[std::to_integer<std::size_t>(byte & std::byte{0xF})];
     m_out.Took(2);
   }
   m_out.Put('"');

@@ -38,7 +38,7 @@ class JsonWriter {
   void Bool(bool value) { Literal(value ? "true" : "false"); }
   void Null() { Literal("null"); }
   // Two lower-case digits a byte, in quotes.
-  void Hex(std::span<const std::uint8_t> bytes);
+  void Hex(std::span<const std::byte> bytes);
   void EndLine();  // after a whole document
 
  private:

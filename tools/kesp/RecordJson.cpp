@@ -29,7 +29,7 @@ class FieldsWriter {
     return *this;
   }
   FieldsWriter& Hex(std::string_view name, std::span<const std::uint8_t> bytes) {
-    m_json.Key(name).Hex(bytes);
+    m_json.Key(name).Hex(std::as_bytes(bytes));
     return *this;
   }
 
@@ -115,7 +115,7 @@ void WriteAttribute(FieldsWriter json, const CKespAttribute& a) {
 // The bytes of a tag's block or payload, taken apart little-endian. The caller has seen to it that they are there.
 class TagBytes {
  public:
-  explicit TagBytes(std::span<const std::uint8_t> bytes) noexcept : m_bytes(bytes) {}
+  explicit TagBytes(std::span<const std::byte> bytes) noexcept : m_bytes(bytes) {}
 
   std::uint32_t U32(std::size_t offset) const { return static_cast<std::uint32_t>(Load(offset, 4)); }
   double F32(std::size_t offset) const { return std::bit_cast<float>(U32(offset)); }
@@ -134,34 +134,11 @@ class TagBytes {
  private:
   std::uint64_t Load(std::size_t offset, std::size_t width) const {
     std::uint64_t value = 0;
-    for (std::size_t i = width; i-- > 0;) value = value << 8 | m_bytes[offset + i];
+    for (std::size_t i = width; i-- > 0;) value = value << 8 | std::to_integer<std::uint64_t>(m_bytes[offset + i]);
     return value;
   }
-  std::span<const std::uint8_t> m_bytes;
+  std::span<const std::byte> m_bytes;
 };
-
-struct TagParts {
-  std::optional<std::u16string> name;                    // nothing when it isn't inside the block
-  std::optional<std::span<const std::uint8_t>> payload;  // the same
-};
-
-TagParts PartsOf(const CKespTag& tag) {
-  TagParts parts;
-  constexpr std::size_t kLengthField = 4;  // in front of the name and in front of the payload
-  if (tag.m_pData == nullptr || tag.m_dataLength < kLengthField) return parts;
-  std::span<const std::uint8_t> rest(tag.m_pData, tag.m_dataLength);
-  const std::uint32_t nameBytes = TagBytes(rest).U32(0);
-  rest = rest.subspan(kLengthField);
-  if (nameBytes > rest.size()) return parts;
-  parts.name = TagBytes(rest.first(nameBytes)).Text();
-
-  rest = rest.subspan(nameBytes);
-  if (rest.size() < kLengthField) return parts;
-  const std::uint32_t payloadLength = TagBytes(rest).U32(0);
-  rest = rest.subspan(kLengthField);
-  if (payloadLength <= rest.size()) parts.payload = rest.first(payloadLength);
-  return parts;
-}
 
 // Bytes that a payload must have to be decoded; 0 for the kinds whose payloads are just bytes.
 std::size_t PayloadSize(KESP_TAG kind) {
@@ -267,7 +244,7 @@ void WriteTag(JsonWriter& json, CKespTag& tag) {
   const TagParts parts = PartsOf(tag);
   json.Key("name");
   if (parts.name) {
-    json.Text(*parts.name);
+    json.Text(parts.name->View());
   } else {
     json.Null();
   }
