@@ -1,6 +1,6 @@
 #include "kesp/records/KespAttribute.h"
 
-#include "kesp/format/Bodies.h"
+#include "kesp/format/RecordKinds.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/util/Utilities.h"
 
@@ -29,16 +29,7 @@ CString CKespAttribute::GetAsFormatedString(bool noGrouping) const {
 }
 
 unsigned long CKespAttribute::GetLength(unsigned short version) {
-  switch (OwnVersionIfZero(version)) {
-    case 1:
-      return kesp::BodyLength(*this, kesp::kAttributeVersion1);
-    case 2:
-      return kesp::BodyLength(*this, kesp::kAttributeVersion2);
-    case 3:
-      return kesp::BodyLength(*this, kesp::kAttributeVersion3);
-    default:
-      return 0;
-  }
+  return kesp::BodyLengthOf(KESP_RECORD_ATTRIBUTE, OwnVersionIfZero(version));
 }
 
 bool CKespAttribute::Read(CFile& file) {

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "kesp/format/Bodies.h"
+#include "kesp/format/RecordKinds.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/util/StringTable.h"
 #include "kesp/util/Utilities.h"
@@ -130,16 +130,7 @@ CString CKespFeature::GetTypeString() const {
 }
 
 unsigned long CKespFeature::GetLength(unsigned short version) {
-  switch (OwnVersionIfZero(version)) {
-    case 1:
-      return kesp::BodyLength(*this, kesp::kFeatureVersion1);
-    case 2:
-      return kesp::BodyLength(*this, kesp::kFeatureVersion2);
-    case 3:
-      return kesp::BodyLength(*this, kesp::kFeatureVersion3);
-    default:
-      return 0;
-  }
+  return kesp::BodyLengthOf(KESP_RECORD_FEATURE, OwnVersionIfZero(version));
 }
 
 bool CKespFeature::Read(CFile& file) {

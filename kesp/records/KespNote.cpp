@@ -1,6 +1,6 @@
 #include "kesp/records/KespNote.h"
 
-#include "kesp/format/Bodies.h"
+#include "kesp/format/RecordKinds.h"
 #include "kesp/format/HeaderNotes.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/records/VersionTables.h"
@@ -8,14 +8,7 @@
 namespace {}  // namespace
 
 unsigned long CKespNote::GetLength(unsigned short version) {
-  switch (OwnVersionIfZero(version)) {
-    case 1:
-      return kesp::BodyLength(*this, kesp::kNoteVersion1);
-    case 2:
-      return kesp::BodyLength(*this, kesp::kNoteVersion2);
-    default:
-      return 0;
-  }
+  return kesp::BodyLengthOf(KESP_RECORD_NOTE, OwnVersionIfZero(version));
 }
 
 bool CKespNote::Read(CFile& file) {

@@ -1,6 +1,6 @@
 #include "kesp/records/KespPoint.h"
 
-#include "kesp/format/Bodies.h"
+#include "kesp/format/RecordKinds.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/records/VersionTables.h"
 
@@ -28,14 +28,7 @@ bool CKespPoint::GetOffset(double& first, double& second) const noexcept {
 }
 
 unsigned long CKespPoint::GetLength(unsigned short version) {
-  switch (OwnVersionIfZero(version)) {
-    case 1:
-      return kesp::BodyLength(*this, kesp::kPointVersion1);
-    case 2:
-      return kesp::BodyLength(*this, kesp::kPointVersion2);
-    default:
-      return 0;
-  }
+  return kesp::BodyLengthOf(KESP_RECORD_POINT, OwnVersionIfZero(version));
 }
 
 bool CKespPoint::Read(CFile& file) {

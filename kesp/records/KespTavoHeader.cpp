@@ -1,6 +1,6 @@
 #include "kesp/records/KespTavoHeader.h"
 
-#include "kesp/format/Bodies.h"
+#include "kesp/format/RecordKinds.h"
 #include "kesp/platform/Time.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/records/VersionTables.h"
@@ -37,14 +37,7 @@ void CKespTavoHeader::SetCleanClose(bool clean) noexcept {
 }
 
 unsigned long CKespTavoHeader::GetLength(unsigned short version) {
-  switch (OwnVersionIfZero(version)) {
-    case 1:
-      return kesp::BodyLength(*this, kesp::kHeaderVersion1AsWritten);
-    case 2:
-      return kesp::BodyLength(*this, kesp::kHeaderVersion2);
-    default:
-      return 0;
-  }
+  return kesp::BodyLengthOf(KESP_RECORD_HEADER, OwnVersionIfZero(version));
 }
 
 bool CKespTavoHeader::Read(CFile& file) {
