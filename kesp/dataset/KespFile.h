@@ -307,6 +307,7 @@ class KESP_EXPORT CKespFile {
   friend class kesp::StoreReader;
   friend struct CKespFileTestAccess;
 
+  explicit CKespFile(std::unique_ptr<CKespDataFile> container);
   void ClearStorage();
   void Clear() noexcept;
   bool ProcessTag(CKespTag* tag);

@@ -6,8 +6,12 @@
 #include "kesp/dataset/KespFile.h"
 #include "kesp/dataset/Store.h"
 
-CKespFile::CKespFile() : m_pDataFile(nullptr), m_own(std::make_unique<kesp::Store>()) {
-  m_pDataFile = new CKespDataFile;
+CKespFile::CKespFile() : CKespFile(std::make_unique<CKespDataFile>()) {}
+
+// By way of the pointer, which deletes the container when there is no memory for the rest.
+CKespFile::CKespFile(std::unique_ptr<CKespDataFile> container)
+    : m_pDataFile(container.get()), m_own(std::make_unique<kesp::Store>()) {
+  (void)container.release();
 }
 
 CKespFile::~CKespFile() {

@@ -14,8 +14,8 @@ OpenReader* first = nullptr;  // guarded by g_openReadersLock
 OpenReader::OpenReader(std::uint64_t device, std::uint64_t fileNumber) noexcept
     : m_device(device), m_fileNumber(fileNumber) {
   const std::lock_guard lock(g_openReadersLock);
-  m_next = first;
-  m_link = &first;
+  m_next = first;   // NOLINT(cppcoreguidelines-prefer-member-initializer): under the lock
+  m_link = &first;  // NOLINT(cppcoreguidelines-prefer-member-initializer): as above
   if (first != nullptr) first->m_link = &m_next;
   first = this;
 }
