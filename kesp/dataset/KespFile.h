@@ -36,9 +36,11 @@
 // that its class does not know), EBADF for a write to a file that is open read-only;
 // m_pDataFile->GetFailedAppends() counts the records that are missing. The same holds for what UpdateKespHeader,
 // CloseKesp and the deletions rewrite, except that a record that is not found in the file is no such failure.
-// A std::bad_alloc (CMemoryException is one) leaves the operations that make records, queue them or return arrays. A
-// CFileException leaves whatever reads records when a version-1 feature is cut short, the data set holding what it had
-// read by then, and CloseKesp and DeleteFeatureAndAssociatedRec when the system can't bring everything to the disk.
+// A std::bad_alloc (CMemoryException is one) leaves the operations that make records, queue them or return arrays, the
+// summary, SetQueueVersion and PropigateSourceCtrlFlagsToFeatures; the others return ERR_MEMORY. (Texts are passed by
+// value: copying one is the caller's.) A CFileException leaves whatever reads records when a version-1 feature is cut
+// short, the data set holding what it had read by then, and CloseKesp and DeleteFeatureAndAssociatedRec when the system
+// can't bring everything to the disk.
 //
 // One thread at a time.
 #pragma once
@@ -310,6 +312,7 @@ class KESP_EXPORT CKespFile {
   explicit CKespFile(std::unique_ptr<CKespDataFile> container);
   void ClearStorage();
   void Clear() noexcept;
+  void FindEntered(std::vector<CKespRecord*>& entered) noexcept;
   bool ProcessTag(CKespTag* tag);
   bool AddFeatureLink(const CKespFeatureLink& link);
   ErrorEnum CheckTavoFileIntegrity();

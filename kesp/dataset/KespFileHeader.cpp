@@ -1,5 +1,6 @@
 // Keeping the header record true on disk, and bringing source flags to the features.
 #include <memory>
+#include <new>
 
 #include "kesp/dataset/KespFile.h"
 #include "kesp/format/HeaderNotes.h"
@@ -22,7 +23,8 @@ CString Fixed8(double value) { return CString::FromLatin1(kesp::FixedNotation(va
 }  // namespace
 
 ErrorEnum CKespFile::UpdateKespHeader(CString text1, CString text2, CString text3, CString text4, CString text5,
-                                      CString text6, double minY, double maxY, double minX, double maxX, bool flag) {
+                                      CString text6, double minY, double maxY, double minX, double maxX,
+                                      bool flag) try {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
   if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
@@ -53,10 +55,12 @@ ErrorEnum CKespFile::UpdateKespHeader(CString text1, CString text2, CString text
   (void)(m_pDataFile->SeekToFirstRecord() && m_pDataFile->OverwriteRecord(&header, KESP_SRC_MODIFIED));
   if (header.m_recordVersion == 1) (void)UpdateKespHeaderVersion1(text5, box);
   return ERR_NONE;
+} catch (const std::bad_alloc&) {
+  return OutOfMemory();
 }
 
 // cppcheck-suppress passedByValue
-ErrorEnum CKespFile::UpdateKespHeaderVersion1(CString bmcText, CBoundingBox extent) {
+ErrorEnum CKespFile::UpdateKespHeaderVersion1(CString bmcText, CBoundingBox extent) try {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   // Found among the stored notes by its first four characters.
   CKespNote note;
@@ -69,6 +73,8 @@ ErrorEnum CKespFile::UpdateKespHeaderVersion1(CString bmcText, CBoundingBox exte
     (void)m_pDataFile->UpdateRecord(&zom, KESP_SRC_MODIFIED, false);
   }
   return ERR_NONE;
+} catch (const std::bad_alloc&) {
+  return OutOfMemory();
 }
 
 ErrorEnum CKespFile::SetCleanKespClose(bool clean) {

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <type_traits>
 #include <vector>
@@ -210,16 +211,20 @@ CKespTag** CKespFile::GetStringToStringTags(CString name, int& count) {
   return HandOut(found, count);
 }
 
-ErrorEnum CKespFile::GetPoint(unsigned long pointNumber, CKespPoint*& point) const {
+ErrorEnum CKespFile::GetPoint(unsigned long pointNumber, CKespPoint*& point) const try {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
   return m_pointIndex.Lookup(static_cast<std::uint32_t>(pointNumber), point) ? ERR_NONE : ERR_NOT_FOUND;
+} catch (const std::bad_alloc&) {
+  return ERR_MEMORY;
 }
 
-ErrorEnum CKespFile::GetFeature(unsigned long featureNumber, CKespFeature*& feature) const {
+ErrorEnum CKespFile::GetFeature(unsigned long featureNumber, CKespFeature*& feature) const try {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
   return m_featureIndex.Lookup(static_cast<std::uint32_t>(featureNumber), feature) ? ERR_NONE : ERR_NOT_FOUND;
+} catch (const std::bad_alloc&) {
+  return ERR_MEMORY;
 }
 
 std::uint32_t CKespFile::GetNumberOfPoints() {

@@ -24,6 +24,28 @@ void CKespFile::ClearStorage() {
   m_pBmcText = &m_own->bmcTexts.emplace_back();
 }
 
+// Features that callers entered into the index, and headers that they queued: they go with what reading made. Each
+// object is deleted once however often it was entered. A header that was taken out of the list is its caller's again.
+// Without the memory to tell them apart they are left where they are.
+void CKespFile::FindEntered(std::vector<CKespRecord*>& entered) noexcept {
+  std::vector<CKespFeature*>& features = m_own->features;
+  std::vector<CKespRecord*>& records = m_own->records;
+  std::sort(features.begin(), features.end());
+  std::sort(records.begin(), records.end());
+  try {
+    for (const auto& entry : m_featureIndex) {
+      if (!std::binary_search(features.begin(), features.end(), entry.value)) entered.push_back(entry.value);
+    }
+    for (CKespRecord* header : m_recordList.Headers()) {
+      if (!std::binary_search(records.begin(), records.end(), header)) entered.push_back(header);
+    }
+    std::sort(entered.begin(), entered.end());
+    entered.erase(std::unique(entered.begin(), entered.end()), entered.end());
+  } catch (const std::bad_alloc&) {
+    entered.clear();
+  }
+}
+
 // Never fails: the destructor needs it.
 void CKespFile::Clear() noexcept {
   m_numPoints = 0;
@@ -32,25 +54,8 @@ void CKespFile::Clear() noexcept {
   m_extent.Invalidate();
   m_kespVersion = 0;
 
-  // Features that callers entered into the index, and headers that they queued, go with what reading made. Each object
-  // is deleted once however often it was entered. A header that was taken out of the list is its caller's again.
-  std::sort(m_own->features.begin(), m_own->features.end());
-  std::sort(m_own->records.begin(), m_own->records.end());
   std::vector<CKespRecord*> entered;
-  try {
-    for (const auto& entry : m_featureIndex) {
-      if (!std::binary_search(m_own->features.begin(), m_own->features.end(), entry.value))
-        entered.push_back(entry.value);
-    }
-    for (CKespRecord* header : m_recordList.Headers()) {
-      if (!std::binary_search(m_own->records.begin(), m_own->records.end(), header)) entered.push_back(header);
-    }
-    std::sort(entered.begin(), entered.end());
-    entered.erase(std::unique(entered.begin(), entered.end()), entered.end());
-  } catch (const std::bad_alloc&) {
-    entered.clear();  // without the memory to tell them apart they are left where they are
-  }
-
+  FindEntered(entered);
   for (CKespRecord* record : entered) delete record;
   for (CKespFeature* feature : m_own->features) delete feature;
   for (CKespRecord* record : m_own->records) delete record;

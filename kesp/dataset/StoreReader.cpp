@@ -193,49 +193,54 @@ bool StoreReader::PlacePoint(CKespPoint* point) {
   return true;
 }
 
+void StoreReader::PlaceFeature(std::unique_ptr<CKespRecord> record) {
+  auto* const feature = static_cast<CKespFeature*>(record.get());
+  m_own.features.push_back(feature);
+  (void)record.release();
+  if (const CKespFeature* const replaced = m_file.m_featureIndex.SetAt(feature->FeatureNumber, feature)) {
+    m_points -= static_cast<std::uint32_t>(replaced->GetNumPoints());
+  }
+  m_lastFeature = feature;
+  NoteMarks(*feature, *feature);
+}
+
+bool StoreReader::PlaceEnd(std::unique_ptr<CKespRecord> record) {
+  auto* const end = static_cast<CKespFeatureEnd*>(record.get());
+  CKespFeature* const feature = FeatureOf(end->FeatureNumber);
+  if (feature == nullptr) return false;
+  if (CKespFeatureEnd* const replaced = feature->GetFeatureEnd()) m_own.records.push_back(replaced);
+  feature->SetFeatureEnd(end);
+  (void)record.release();
+  return true;
+}
+
+bool StoreReader::PlaceAttribute(std::unique_ptr<CKespRecord> record) {
+  auto* const attribute = static_cast<CKespAttribute*>(record.get());
+  CKespFeature* const feature = FeatureOf(attribute->FeatureNumber);
+  if (feature == nullptr) return false;
+  feature->AddAttribute(attribute);
+  (void)record.release();
+  NoteMarks(*attribute, *feature);
+  return true;
+}
+
 bool StoreReader::Place(CKespRecord* record) {
   std::unique_ptr<CKespRecord> own(record);
-  const auto keep = [&] {
-    m_own.records.push_back(record);
-    (void)own.release();
-  };
   switch (record->m_recordType) {
-    case KESP_RECORD_FEATURE: {
-      auto* const feature = static_cast<CKespFeature*>(record);
-      m_own.features.push_back(feature);
-      (void)own.release();
-      if (const CKespFeature* const replaced = m_file.m_featureIndex.SetAt(feature->FeatureNumber, feature)) {
-        m_points -= static_cast<std::uint32_t>(replaced->GetNumPoints());
-      }
-      m_lastFeature = feature;
-      NoteMarks(*feature, *feature);
+    case KESP_RECORD_FEATURE:
+      PlaceFeature(std::move(own));
       return true;
-    }
     case KESP_RECORD_POINT:
       return PlacePoint(static_cast<CKespPoint*>(own.release()));
-    case KESP_RECORD_FEATURE_END: {
-      auto* const end = static_cast<CKespFeatureEnd*>(record);
-      CKespFeature* const feature = FeatureOf(end->FeatureNumber);
-      if (feature == nullptr) return false;
-      if (CKespFeatureEnd* const replaced = feature->GetFeatureEnd()) m_own.records.push_back(replaced);
-      feature->SetFeatureEnd(end);
-      (void)own.release();
-      return true;
-    }
-    case KESP_RECORD_ATTRIBUTE: {
-      auto* const attribute = static_cast<CKespAttribute*>(record);
-      CKespFeature* const feature = FeatureOf(attribute->FeatureNumber);
-      if (feature == nullptr) return false;
-      feature->AddAttribute(attribute);
-      (void)own.release();
-      NoteMarks(*attribute, *feature);
-      return true;
-    }
+    case KESP_RECORD_FEATURE_END:
+      return PlaceEnd(std::move(own));
+    case KESP_RECORD_ATTRIBUTE:
+      return PlaceAttribute(std::move(own));
     case KESP_RECORD_NOTE:
-      keep();
-      return true;
     case KESP_RECORD_TAG:
-      keep();
+      m_own.records.push_back(record);
+      (void)own.release();
+      if (record->m_recordType == KESP_RECORD_NOTE) return true;
       m_file.ProcessTag(static_cast<CKespTag*>(record));
       m_file.m_tagList.push_back(static_cast<CKespTag*>(record));
       return true;

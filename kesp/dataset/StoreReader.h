@@ -9,6 +9,7 @@
 #pragma once
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 #include <vector>
 
@@ -37,7 +38,10 @@ class StoreReader {
   void Add(CKespRecord* record);
   void AddPoint(CKespPoint* point);
   bool Place(CKespRecord* record);
+  void PlaceFeature(std::unique_ptr<CKespRecord> record);
   bool PlacePoint(CKespPoint* point);
+  bool PlaceEnd(std::unique_ptr<CKespRecord> record);
+  bool PlaceAttribute(std::unique_ptr<CKespRecord> record);
   CKespFeature* FeatureOf(std::uint32_t number);
   void NoteMarks(const CKespRecord& record, CKespFeature& feature);
   void NoteNeededVersion(CKespRecord& record);

@@ -209,12 +209,9 @@ CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDele
 bool CKespDataFile::EndsWhole() {
   m_error = KESP_ERROR_NONE;
   if (!IsOpen()) return false;
-  return Guarded([this] {
-    const std::uint64_t before = m_file.GetPosition();
-    const bool whole = SeekToFirstRecord() && WalkOverHeaders();
-    m_file.Seek(static_cast<std::int64_t>(before), CFile::begin);
-    return whole;
-  });
+  const std::uint64_t before = m_file.GetPosition();
+  const bool whole = Guarded([this] { return SeekToFirstRecord() && WalkOverHeaders(); });
+  return Guarded([&] { return m_file.Seek(static_cast<std::int64_t>(before), CFile::begin), whole; });
 }
 
 // Goes where ReadNextRecord goes when it skips deleted records.

@@ -87,8 +87,9 @@ class Salvager {
     }
     m_position = m_firstRecord = first;
     std::uint64_t ignored = 0;
+    // Where the walk gets from that record to the end of the file, it is the first, whatever it looks like.
     if (error == KESP_ERROR_NONE && first > kFileHeaderSize && !IsExactAt(first, ignored) &&
-        FindBefore(first, kFileHeaderSize) != first) {
+        FindBefore(first, kFileHeaderSize) != first && (first == m_length || WalkAll() != m_length)) {
       error = KESP_ERROR_FILE_HEADER;
     }
     if (error == KESP_ERROR_NONE && first > kFileHeaderSize) m_report.applicationBytes = first - kFileHeaderSize;
@@ -208,40 +209,41 @@ class Salvager {
   }
 
   // Whether what begins at `start`, where the walk gets to, is what the walk takes it for. So is all of a file that the
-  // walk comes to the end of, and otherwise what is before the last header that is as it should be: nobody gets there
-  // by chance. The walk is asked when a record looks like damage, which a whole file may have too: lengths that nobody
-  // minds, say.
+  // walk comes to the end of, and otherwise what is before the last record that it reads, or the last header that is as
+  // it should be: nobody gets there by chance. The walk is asked when a record looks like damage, which a whole file
+  // may have too: lengths that nobody minds, say.
   bool IsBelieved(std::uint64_t start) {
     if (m_damaged) return false;
     if (!m_believed) m_believed = WalkAll();
     return start < *m_believed;
   }
-  // Where the walk's last exact header is; the end of the file where it gets there.
+  // Where the walk's last record or exact header is; the end of the file where it gets there.
   std::uint64_t WalkAll() {
-    std::uint64_t lastExact = m_firstRecord;
+    std::uint64_t last = m_firstRecord;
     std::uint64_t start = m_firstRecord;
     while (start < m_length) {
       m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
       KESP_RECORD_TYPE type = KESP_RECORD_NONE;
       RecordHeader header;
-      if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) return lastExact;
+      if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) return last;
       header.type = type;
       std::uint64_t bodyLength = 0;
-      if (IsExact(header, start, bodyLength)) lastExact = start;
+      if (IsExact(header, start, bodyLength)) last = start;
       if (IsPassedOver(header)) {
         start += kRecordHeaderSize + header.length;
         continue;
       }
       m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
       try {
-        if (!std::unique_ptr<CKespRecord>{m_source.ReadNextRecord(false)}) return lastExact;
+        if (!std::unique_ptr<CKespRecord>{m_source.ReadNextRecord(false)}) return last;
       } catch (const CFileException& e) {
         if (e.m_cause != CFileException::endOfFile) throw;
-        return lastExact;
+        return last;
       }
+      last = start;
       start = m_file.GetPosition();
     }
-    return start == m_length ? m_length : lastExact;
+    return start == m_length ? m_length : last;
   }
 
   Step Keep(std::uint64_t start, CKespRecord& record, std::uint64_t end) {

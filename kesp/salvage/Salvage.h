@@ -8,8 +8,8 @@
 //
 // CKespDataFile::CopyVerify ends at the first damage; this goes on after it. Up to there it takes the records that the
 // walk takes, and looks into none that the walk steps over: in all of a file that the walk gets to the end of, and
-// otherwise up to the last header on its way that has a known type and the length that belongs to it. After the damage
-// it looks byte by byte for the next record that leaves no doubt:
+// otherwise up to the last record that it reads, or the last header on its way that has a known type and the length
+// that belongs to it. After the damage it looks byte by byte for the next record that leaves no doubt:
 //
 //   - a type, version and flags that are known, and the body length of just that type and version (in files made by
 //     CopyVerify, also the shorter length that it states for features and attributes); a tag's three lengths agree;

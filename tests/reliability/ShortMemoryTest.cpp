@@ -4,8 +4,8 @@
 #include <cerrno>
 #include <functional>
 
-#include "kesp/salvage/Salvage.h"
 #include "kesp/records/KespAttribute.h"
+#include "kesp/salvage/Salvage.h"
 #include "tests/dataset/DataSet.h"
 #include "tests/recordfile/Survey.h"
 #include "tests/support/FaultyMemory.h"
@@ -59,6 +59,14 @@ const struct {
     {"salvage after damage", 'd', [](Place& p) {
       kesp::SalvageReport report;
       return kesp::Salvage(p.file, p.copy, 0, report) && report.kept == 8 && report.gapBytes == 40; }},
+    {"look at the end", 'r', [](Place& p) {
+      (void)p.file.Seek(kFirst);
+      const bool whole = p.file.EndsWhole();
+      EXPECT_EQ(p.file.GetPosition(), kFirst);
+      return whole; }},
+    {"update the header", 'O', [](Place& p) {
+      return p.set.UpdateKespHeader({}, {}, {}, {}, {}, {}, 0, 1, 0, 1, true) == ERR_NONE &&
+             p.set.m_pDataFile->GetSystemError() == 0; }},
     {"close", 'o', [](Place& p) { return p.file.Close(); }},
     {"open a data set", '-', [](Place& p) {
       CString message;

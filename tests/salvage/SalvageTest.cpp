@@ -169,6 +169,9 @@ TEST_F(Salvaging, LooksIntoNoRecordThatTheWalkStepsOverBeforeTheDamage) {
   const ByteVector single = Record(20, 1, 0, Hex("01*8") + EndOf(5));
   EXPECT_EQ(Salvaged(FileHeader() + notes + single + Hex("00*40") + notes), FileHeader() + notes + notes);
   EXPECT_TRUE(report.unknown == 1 && report.gapBytes == 40);
+  // And before a record that the walk reads although its header states another length.
+  EXPECT_EQ(Salvaged(FileHeader() + notes + single + WithLength(EndOf(3), 9) + Hex("00*40") + notes),
+            FileHeader() + notes + EndOf(3) + notes);
 }
 
 TEST_F(Salvaging, FindsWhatWasAppendedAfterAHalfTag) {
@@ -191,6 +194,10 @@ TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
   const ByteVector records = EndOf(1) + EndOf(2);
   EXPECT_EQ(Salvaged(FileHeader(7, 20) + records), FileHeader(7) + EndOf(2)) << "the bytes of an application";
   EXPECT_TRUE(Gaps().empty() && report.applicationBytes == 18);
+  // So they are where the walk comes to the end from there, whatever the first record looks like.
+  const ByteVector odd = WithLength(EndOf(3), 9) + EndOf(2);
+  EXPECT_EQ(Salvaged(FileHeader(3, 38) + EndOf(1) + EndOf(1) + odd), FileHeader() + EndOf(3) + EndOf(2));
+  EXPECT_TRUE(Gaps().empty() && report.applicationBytes == 36);
   // A length that leads to no record, past some: to the end, or in between.
   for (const std::uint32_t length : {38u, 5u}) {
     EXPECT_EQ(Salvaged(FileHeader(3, length) + records), FileHeader() + records);
