@@ -1,8 +1,6 @@
 #include <filesystem>
-#include <set>
 
 #include "tests/recordfile/Survey.h"
-#include "tests/support/MemorySystem.h"
 
 using namespace kesp::test;
 
@@ -167,28 +165,6 @@ TEST_F(Copying, ARebuildKeepsWhatIsBeforeTheFirstDamage) {
     EXPECT_EQ(Rebuild(good + c.damage), c.good);
     EXPECT_TRUE(file.GetError() == c.error && file.CanAttemptRepair() == (c.error > KESP_ERROR_NORMAL_EOF));
     EXPECT_EQ(ReadFile(copy), good + c.more);
-  }
-}
-
-TEST_F(Copying, ARebuildOfACutFileHoldsAllBeforeTheCut) {
-  MemorySystem system;
-  ByteVector whole = FileHeader(), expected = whole;
-  std::set<std::size_t> ends = {whole.size()};  // where records end
-  for (const Stored& stored : EveryClass()) {
-    Append(whole, stored.Bytes());
-    ends.insert(whole.size());
-  }
-  for (std::size_t cut = kFirst; cut <= whole.size(); ++cut) {
-    system.Put("a", Part(whole, 0, cut));
-    CKespDataFile source, copied;
-    ASSERT_TRUE(source.OpenReadOnly("a"));
-    (void)source.CopyVerify("b", 2);
-    if (ends.contains(cut)) {
-      expected = system.At("b");
-      ASSERT_TRUE(copied.OpenReadOnly("b"));
-      ASSERT_EQ(WalkOn(copied).positions.size(), std::distance(ends.begin(), ends.find(cut)));
-    }
-    ASSERT_EQ(system.At("b"), expected) << cut;
   }
 }
 

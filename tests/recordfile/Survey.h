@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "fuzz/Reader.h"
+#include "kesp/platform/Exception.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/records/KespFeatureEnd.h"
 #include "tests/support/Bytes.h"
@@ -43,25 +45,24 @@ inline std::vector<Stored> EveryClass() {
           {2, 2, PointBody2()},  {6, 2, NoteBody2()}};
 }
 
-struct Walked {
-  std::vector<std::uint32_t> positions;
-  KESP_ERROR_TYPE error;
-  bool operator==(const Walked&) const = default;
-};
 inline void PrintTo(const Walked& walked, std::ostream* out) {
   *out << "records at";
   for (const auto position : walked.positions) *out << ' ' << position;
-  *out << ", error " << walked.error;
+  *out << ", error " << walked.error << (walked.raised ? ", raised" : "");
 }
 // The rest of the file from where it stands.
 inline Walked WalkOn(CKespDataFile& file, bool skipDeleted = false) {
   Walked walked;
   std::uint32_t position = 0;
-  while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(position, skipDeleted)}) {
-    EXPECT_EQ(record->m_filePosition, position);
-    walked.positions.push_back(position);
+  try {
+    while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(position, skipDeleted)}) {
+      EXPECT_EQ(record->m_filePosition, position);
+      walked.positions.push_back(position);
+    }
+    walked.error = file.GetError();
+  } catch (const CFileException&) {
+    walked.raised = true;
   }
-  walked.error = file.GetError();
   return walked;
 }
 inline Walked Walk(const std::filesystem::path& path, bool skipDeleted = false) {
