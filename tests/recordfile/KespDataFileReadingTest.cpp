@@ -20,7 +20,8 @@ TEST_F(KespDataFileReading, StopsOrGoesOnByTypeAndVersion) {
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{0, 1, 2, 3, 4, 9, 0xFFFF}) {
       for (const auto& [flags, skipDeleted] : {std::pair{0u, true}, {1u, false}, {5u, true}}) {
         SCOPED_TRACE(testing::Message() << type << " v" << version << " flags " << flags << skipDeleted);
-        const ByteVector records = Record(type, version, flags, type == 9 ? TagBody() : EndBody(7)) + EndOf(8);
+        const ByteVector records =
+            Record(type, version, flags, type == 9 ? SampleBody(9, 2) : SampleBody(4, 1)) + EndOf(8);
         const Walked expected = ReadFrom(FileHeader() + records, kFirst, skipDeleted);
         Open(records, true);
         EXPECT_EQ(WalkOn(file, skipDeleted), expected);
@@ -30,7 +31,7 @@ TEST_F(KespDataFileReading, StopsOrGoesOnByTypeAndVersion) {
       }
     }
   }
-  Open(Record(200, 9, 0, EndBody(7)) + EndOf(7, 0x0A), true);
+  Open(Record(200, 9, 0, SampleBody(4, 1)) + EndOf(7, 0x0A), true);
   std::uint32_t position = 0;
   const std::unique_ptr<CKespRecord> record(file.ReadNextRecord(position, true));
   EXPECT_TRUE(position == 68 && record->m_flags == 0x202u) << "as the filter leaves them";
@@ -68,7 +69,7 @@ TEST_F(KespDataFileReading, HandsOutHeaderFieldsAsFarAsTheyGo) {
 // The length in the header is right for the file and too small for the class.
 TEST_F(KespDataFileReading, RaisesOverAnOldFeatureThatIsCutShort) {
   // The position is handed out, and nothing leaks.
-  Open(Record(1, 1, 0, Part(FeatureBody1(), 0, 33)));
+  Open(Record(1, 1, 0, Part(SampleBody(1, 1), 0, 33)));
   unsigned long position = 0;
   EXPECT_THROW((void)file.ReadNextRecord(position, false), CFileException);
   EXPECT_EQ(position, kFirst);

@@ -10,15 +10,10 @@ using namespace kesp::test;
 namespace {
 
 TEST(DamagedBytes, CostTheRecordsThatTheLayoutSays) {
-  ByteVector feature2 = FeatureBody3(), attribute3(1712), attribute2(240);
-  feature2.erase(feature2.begin() + 46, feature2.begin() + 516);
-  attribute2[46] = attribute3[516] = 2;
-  std::vector<ByteVector> records = {Record(3, 2, 0, ByteVector(4086)),  Record(1, 2, 0, feature2),
-                                     Record(200, 1, 0, Hex("01 02 03")), Record(5, 2, 0, attribute2),
-                                     Record(5, 3, 0, attribute3),        EndOf(8, 5)};
-  for (const Stored& stored : EveryClass()) records.push_back(stored.Bytes());
-  ByteVector whole = FileHeader();
-  for (const ByteVector& record : records) Append(whole, record);
+  std::vector<ByteVector> records = {Sample(3, 2), Sample(1, 2), Record(200, 1, 0, Hex("01 02 03")),
+                                     Sample(5, 2), Sample(5, 3), EndOf(8, 5)};
+  for (const auto& [type, version] : kEveryClass) records.push_back(Sample(type, version));
+  const ByteVector whole = Survey(records);
   MemorySystem system;
   const auto copied = [&] { return ReadFrom(system.At("b"), kFirst, false).positions.size(); };
   std::size_t changes = 0;
