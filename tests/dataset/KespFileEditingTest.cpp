@@ -20,18 +20,20 @@ TEST(UpdateKespHeader, WritesTextsExtentAndSummary) {
   const Header2 header{2, 1, 2, 3, 4, 0xF0};
   DataSet set(Survey({header}) + records);
   ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
-  ByteVector body = header.Body();
-  Put(body, 0, 0xF1, 4);
-  const std::pair<std::size_t, const char*> texts[] = {{10, "four"},  {52, "two"},    {564, "three"}, {1076, "one"},
-                                                       {1588, "six"}, {1844, "five"}, {2956, "A1"}};
-  for (const auto& [offset, text] : texts) Put(body, offset, text, 2);
-  const double extents[] = {10, 20, 30, 40, -1, 5, 2, 6};
-  for (std::size_t i = 0; i < 8; ++i) Put(body, 2872 + 8 * i, extents[i]);
-  const std::uint32_t numbers[] = {2, 1, 0, static_cast<std::uint32_t>(-7), 900000};  // two counts, a spare, two times
-  for (std::size_t i = 0; i < 5; ++i) Put(body, 2936 + 4 * i, numbers[i], 4);
   for (const bool flag : {true, false}) {
+    const ByteVector body = Body(3, 2, {{"status", 0xF1},   {"created", 1'000'000'000},
+                                        {"t1", "four"},     {"t2", "two"},
+                                        {"t3", "three"},    {"t4", "one"},
+                                        {"t5", "six"},      {"t6", "five"},
+                                        {"kespVersion", 2}, {"minX", 10},
+                                        {"maxX", 20},       {"minY", 30},
+                                        {"maxY", 40},       {"data1", -1},
+                                        {"data2", 5},       {"data3", 2},
+                                        {"data4", 6},       {"points", 2},
+                                        {"features", 1},    {"first", -7},
+                                        {"last", 900000},   {"lastText", "A1"},
+                                        {"slot1", flag}});
     EXPECT_EQ(Update(set.file, 30, flag ? 40 : 20, 10, 20, flag), ERR_NONE);  // the second extent is none: left
-    Put(body, 2998, flag ? 1 : 0, 4);
     EXPECT_EQ(ReadFile(set.path), FileHeader() + Record(3, 2, 8, body) + records) << flag;
   }
 }
@@ -45,10 +47,7 @@ TEST(UpdateKespHeader, StoresTextAndExtentOfAnOldFileInItsNotes) {
   } rows[] = {{bmc + zom, newBmc + zom, 0},  // no valid extent
               {feature, feature, 2},         // nothing is appended
               {zom + feature + bmc + bmc, newZom + feature + newBmc + bmc, 2}};
-  ByteVector body(928);
-  const std::pair<std::size_t, const char*> texts[] = {
-      {10, "four"}, {31, "two"}, {287, "three"}, {543, "one"}, {799, "six"}};
-  for (const auto& [offset, text] : texts) Put(body, offset, text, 1);
+  const ByteVector body = Body(3, 1, {{"t1", "four"}, {"t2", "two"}, {"t3", "three"}, {"t4", "one"}, {"t5", "six"}});
   for (const auto& row : rows) {
     DataSet set(Survey({Header1()}, 1) + row.before);
     EXPECT_EQ(Update(set.file, 3, 4, 1, row.maxX), ERR_NONE);
@@ -78,11 +77,9 @@ TEST(SetCleanKespClose, TouchesOneBitOfANewerHeaderThatComesFirst) {
 // marked deleted.
 ByteVector TwoFeatures(const std::vector<std::size_t>& deleted) {
   ByteVector records[] = {Feature(7),  Attribute(7, "a"), Point(7, 1),       Point(7, 2), Feature(8),
-                          Point(8, 4), Point(7, 3),       Attribute(7, "b"), End(7)};
+                          Point(8, 4), Point(7, 3),       Attribute(7, "b"), EndOf(7)};
   for (const std::size_t place : deleted) records[place][6] = 0x5;
-  ByteVector all = Survey({Header2{}});
-  for (const ByteVector& record : records) Append(all, record);
-  return all;
+  return Survey({Header2{}}) + Part(Survey(records), kFirst);
 }
 
 TEST(Deletion, FindsRecordsWhereverTheyStandOrNone) {

@@ -6,13 +6,8 @@ using namespace kesp::test;
 
 namespace {
 
-// A record whose body would end 10 bytes after 4 GiB: the sum passes for a small one.
-ByteVector WithWrappingLength() {
-  ByteVector record = Record(200, 1, 0, {});
-  Put(record, 10, std::uint64_t{0} - (50 + 4100 + 14) + 10, 4);
-  return record;
-}
-
+// Its body would end 10 bytes after 4 GiB: the sum passes for a small one.
+const ByteVector kWrapping = WithLength(Record(200, 1, 0, {}), 10 - (50 + 4100 + 14));
 const ByteVector kCut = Hex("01 00 00 00 03");  // of a record header
 
 TEST(ReadKespFile, FilesWhatItFinds) {
@@ -31,10 +26,10 @@ TEST(ReadKespFile, FilesWhatItFinds) {
       {Survey({Record(3, 2, 1, Header2{}.Body())}), ERR_NONE, "H", 0, 2, true},
       {Survey({h, kCut}), ERR_NONE, "H"},  // right behind the header it reads as the end
       {Survey({h, Feature(7), Point(7, 1), kCut}), ERR_READ_FAILED, "H F7 P7/1"},
-      {Survey({h, Point(7, 1), Attribute(7, "Girth"), End(7), Feature(7), Point(8, 2), h, Point(7, 3)}), ERR_NONE,
+      {Survey({h, Point(7, 1), Attribute(7, "Girth"), EndOf(7), Feature(7), Point(8, 2), h, Point(7, 3)}), ERR_NONE,
        "H F7 P7/3", 1, 3},
       {Survey({h, Record(7, 1, 0, {1}), Record(77, 9, 0, {1, 2}), Note("rain")}), ERR_NONE, "H N:rain"},
-      {Survey({Header1(), Feature(7, "Oak", 0, 1), Point(7, 1, {}, 0, 1), End(7)}, 1), ERR_OLD_VERSION,
+      {Survey({Header1(), Feature(7, "Oak", 0, 1), Point(7, 1, {}, 0, 1), EndOf(7)}, 1), ERR_OLD_VERSION,
        "H F7 P7/1 E7", 0, 1},
       {Survey({Header1(), Note("rain", 0, 1)}, 1), ERR_NONE, "H N:rain", 0, 1},
       {Survey({Header1(), Feature(7, "Oak", 0, 1), Attribute(9, "a")}, 1), ERR_NONE, "H F7", 0, 3},  // an orphan counts
@@ -95,9 +90,8 @@ TEST(ReadKespFile, TakesTheExtentAndTheNotesBehindAnOldHeader) {
 }
 
 TEST(ReadKespFile, TakesTimesAndNoOffsetsOfPointsThatStay) {
-  ByteVector withOffset = Point(7, 2, {-5});
-  Put(withOffset, 14 + 90, 1, 2);
-  Put(withOffset, 14 + 92, 2.5);
+  const ByteVector withOffset =
+      Record(2, 2, 0, Body(2, 2, {{"feature", 7}, {"point", 2}, {"time", -5}, {"hasOffset", 1}, {"offset1", 2.5}}));
   DataSet set(Survey({Header2{}, Feature(7), Point(7, 1, {}, 0x2), Feature(7), withOffset, Point(9, 2, {2000}),
                       Attribute(7, "a", "", 0x8), Point(7, 3, {900})}));
   ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
@@ -164,7 +158,7 @@ TEST(ReadKespFile, HandsFlagsUpOneByOne) {
       {f(0x5) + a(0x8) + changes(7, 2), 0x9},
       {f(0x5) + a(0x8) + a(0x2), 0x1},
       {f(0x5) + p(0x8) + a(0x2), 0x9},  // attributes before points
-      {f(0) + End(7, 0x8), 0}};
+      {f(0) + EndOf(7, 0x8), 0}};
   for (const auto& [records, flags] : rows) {
     DataSet set(Survey({Header2{}, records}));
     ASSERT_EQ(set.file.ReadKespFile(true), ERR_NONE);
@@ -227,13 +221,12 @@ TEST(ReadKespFile, TellsWhetherItCameToTheEnd) {
     ByteVector file;
     ErrorEnum result;
     bool toTheEnd;
-  } rows[] = {
-      {"whole", Survey({Header2{}, Feature(7)}), ERR_NONE, true},
-      {"old", Survey({Header1(), Feature(7, "Oak", 0, 1)}), ERR_OLD_VERSION, true},
-      {"damage right after the header", Survey({Header2{}, broken}), ERR_NONE, false},
-      {"damage further on", Survey({Header2{}, Feature(7), broken}), ERR_READ_FAILED, false},
-      {"a length that wraps, and leads past the end", Survey({Header2{}, WithWrappingLength()}), ERR_NONE, false},
-      {"refused", Hex("'Corvanthe'"), ERR_FILE_NOT_OPEN, false}};
+  } rows[] = {{"whole", Survey({Header2{}, Feature(7)}), ERR_NONE, true},
+              {"old", Survey({Header1(), Feature(7, "Oak", 0, 1)}), ERR_OLD_VERSION, true},
+              {"damage right after the header", Survey({Header2{}, broken}), ERR_NONE, false},
+              {"damage further on", Survey({Header2{}, Feature(7), broken}), ERR_READ_FAILED, false},
+              {"a length that wraps, and leads past the end", Survey({Header2{}, kWrapping}), ERR_NONE, false},
+              {"refused", Hex("'Corvanthe'"), ERR_FILE_NOT_OPEN, false}};
   for (const auto& row : rows) {
     DataSet set(row.file);
     EXPECT_FALSE(set.file.WasReadToEnd());

@@ -106,7 +106,7 @@ TEST(WriteQueue, WritesANewFileInEachVersion) {
     // Only the newest writer reduces the flags to their canonical form.
     const ByteVector f = Feature(7, "Oak", 0, version), p = Point(7, 1, {1000, 0, 0, "A1"}, 0, upTo2);
     const ByteVector n = Note("rain", version == 3 ? 0x108 : 0x100, upTo2);
-    const ByteVector expected = Survey({f, f, p, End(7), n, End(7)}, version);
+    const ByteVector expected = Survey({f, f, p, EndOf(7), n, EndOf(7)}, version);
     EXPECT_EQ(ReadFile(dir / "new"), expected) << version;
     EXPECT_EQ(feature.GetPoint(0)->m_filePosition, 50 + 2 * f.size());
 
@@ -220,7 +220,7 @@ TEST(WriteQueue, IsBroughtToAnOldVersion) {
   const std::string longName(30, 'n');
   for (const std::uint16_t version : {std::uint16_t{1}, std::uint16_t{2}}) {
     DataSet set(Survey({Header2{}, Feature(7, longName), Attribute(7, "Girth", "thick"), Point(7, 1, {.text = "A1"}),
-                        End(7), Tag(1, "n", Words({5})), Note("rain")}));
+                        EndOf(7), Tag(1, "n", Words({5})), Note("rain")}));
     ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
     set.Point(1)->SetOffset(1.5, 2.5);
     kesp::FormatLoss loss;

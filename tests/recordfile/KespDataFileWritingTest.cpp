@@ -20,8 +20,8 @@ CKespNote Note(const char* text, unsigned short version = 2) {
 
 class KespDataFileWriting : public OneFile {
  protected:
-  const ByteVector note1 = Stored{6, 1, NoteBody1()}.Bytes();
-  const ByteVector note2 = Stored{6, 2, NoteBody2()}.Bytes();
+  const ByteVector note1 = Sample(6, 1);
+  const ByteVector note2 = Sample(6, 2);
 };
 
 TEST_F(KespDataFileWriting, AppendsWithTheSourceFlagAndOneWrite) {
@@ -50,7 +50,7 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   auto note = Note("rain"), old = Note("rain", 1), unknownVersion = Note("rain", 9);
   EXPECT_TRUE(file.AppendRecordVersion1(&oak, 8) && file.AppendRecordVersion2(&note, 8));
   EXPECT_TRUE(file.AppendRecordVersion1(&old, 0));
-  const ByteVector expected = Hex("01 00 00 00 03 00 03 00 00 00 0C 02 00 00") + FeatureBody1() + note2;
+  const ByteVector expected = Hex("01 00 00 00 03 00 03 00 00 00 0C 02 00 00") + SampleBody(1, 1) + note2;
   EXPECT_EQ(old.m_filePosition, kFirst + expected.size());
   EXPECT_EQ(file.GetSystemError(), 0);
   // Nothing comes of what can't be written, and of what stands for a broken record. The former is noted each time.
@@ -88,21 +88,20 @@ TEST_F(KespDataFileWriting, WritesAgainAfterAPowerEvent) {
 }
 
 TEST_F(KespDataFileWriting, OverwritesInTheVersionOnDisk) {
-  const std::tuple<Stored, std::uint16_t, bool> rows[] = {{{6, 1, NoteBody1()}, 2, true},
-                                                          {{6, 2, NoteBody2()}, 2, true},
-                                                          {{6, 2, NoteBody2()}, 1, false},
-                                                          {{4, 1, EndBody(7)}, 2, false}};
-  for (const auto& [there, own, good] : rows) {
-    Open(there.Bytes(0x40) + EndOf(9));
+  const std::tuple<std::uint32_t, std::uint16_t, std::uint16_t, bool> rows[] = {
+      {6, 1, 2, true}, {6, 2, 2, true}, {6, 2, 1, false}, {4, 1, 2, false}};
+  for (const auto& [type, version, own, good] : rows) {
+    const ByteVector there = Sample(type, version, 0x40);
+    Open(there + EndOf(9));
     auto note = Note("snow", own);
     EXPECT_EQ(file.CopyRecord(&note, kFirst), good);
-    const ByteVector snow = there.version == 1 ? Hex("'snow' 00*252") : Hex("\"snow\" 00*504");
-    EXPECT_EQ(Records(), (good ? Stored{6, there.version, snow}.Bytes(2) : there.Bytes(0x40)) + EndOf(9));
-    EXPECT_EQ(file.GetPosition(), good ? kFirst + 14 + snow.size() : kFirst + 6);
+    const ByteVector snow = kesp::test::Note("snow", 2, version);
+    EXPECT_EQ(Records(), (good ? snow : there) + EndOf(9));
+    EXPECT_EQ(file.GetPosition(), good ? kFirst + snow.size() : kFirst + 6);
     EXPECT_EQ(note.m_recordVersion, own);
   }
   // Too little there to tell; and a record that can't be written leaves what stands there.
-  const ByteVector tag = Stored{9, 2, TagBody()}.Bytes();
+  const ByteVector tag = Sample(9, 2);
   CKespTag withoutBlock;
   for (const ByteVector& there : {Part(tag, 0, 5), tag}) {
     Open(there);
@@ -131,7 +130,7 @@ TEST_F(KespDataFileWriting, FindsTheRecordToUpdate) {
     EXPECT_EQ(file.GetError(), row.found != 0 ? KESP_ERROR_NONE : KESP_ERROR_NORMAL_EOF);
   }
   // Found, and newer than what is to replace it; a header record is never the same as another.
-  Open(note2 + Stored{3, 1, HeaderBody1()}.Bytes() + Hex("00*14"));
+  Open(note2 + Sample(3, 1) + Hex("00*14"));
   auto old = Note("rain", 1);
   CKespTavoHeader header;
   EXPECT_FALSE(file.UpdateRecord(&old, 8, false) || file.UpdateRecord(&header, 8, true));
@@ -159,7 +158,7 @@ TEST_F(KespDataFileWriting, FindsWhatToUpdateBeyondFourGigabytes) {
 }
 
 TEST_F(KespDataFileWriting, KeepsATagWithAnEmptyBlockAndTellsItFromStrangers) {
-  const ByteVector empty = Stored{9, 2, Hex("03 00*3 00*4")}.Bytes(), other = Stored{9, 2, TagBody()}.Bytes();
+  const ByteVector empty = Record(9, 2, 0, Hex("03 00*3 00*4")), other = Sample(9, 2);
   const auto flagged = [](ByteVector record, std::uint8_t flags) {
     record[6] = flags;
     return record;
@@ -183,25 +182,24 @@ TEST_F(KespDataFileWriting, KeepsATagWithAnEmptyBlockAndTellsItFromStrangers) {
 
 TEST_F(KespDataFileWriting, DeletesAsTheFileStands) {
   const auto any = KESP_RECORD_NONE;
-  const ByteVector two = EndOf(2), tag = Stored{9, 2, TagBody()}.Bytes(), deletedTag = Stored{9, 2, TagBody()}.Bytes(1);
-  const ByteVector longer = Stored{9, 2, Hex("00*4 14 00*3 04 00*3 00*4 08 00*3 01*8")}.Bytes();
+  const ByteVector two = EndOf(2), tag = Sample(9, 2), deletedTag = Sample(9, 2, 1);
+  const ByteVector longer = Record(9, 2, 0, Hex("00*4 14 00*3 04 00*3 00*4 08 00*3 01*8"));
   const struct {
     const char* name;
     ByteVector before;
     std::uint32_t stands, position;
     KESP_RECORD_TYPE type;
     ByteVector after;  // empty for a refusal
-  } rows[] = {
-      {"of the type, added before", EndOf(1, 2) + two, 50, 50, KESP_RECORD_FEATURE_END, EndOf(1, 5) + two},
-      {"of another type", EndOf(1), 50, 50, KESP_RECORD_POINT, {}},
-      {"deleted: the next one goes over it", EndOf(1, 1) + two, 50, 50, any, EndOf(2, 5) + two},
-      {"deleted, the next one of another type", EndOf(1, 1) + note2, 50, 50, any, {}},
-      {"deleted: the next tag is as long", deletedTag + tag, 50, 50, any, Stored{9, 2, TagBody()}.Bytes(5) + tag},
-      {"deleted: the next tag is longer", deletedTag + longer + two, 50, 50, any, {}},
-      {"an attribute without a body", Record(5, 0, 0, {}) + two, 50, 50, any, {}},
-      {"standing elsewhere", EndOf(1) + two, 68, 50, any, EndOf(2, 5) + two},
-      {"position 0 is no place to write", EndOf(1), 50, 0, any, {}},
-      {"at the end", EndOf(1), 68, 50, any, {}}};
+  } rows[] = {{"of the type, added before", EndOf(1, 2) + two, 50, 50, KESP_RECORD_FEATURE_END, EndOf(1, 5) + two},
+              {"of another type", EndOf(1), 50, 50, KESP_RECORD_POINT, {}},
+              {"deleted: the next one goes over it", EndOf(1, 1) + two, 50, 50, any, EndOf(2, 5) + two},
+              {"deleted, the next one of another type", EndOf(1, 1) + note2, 50, 50, any, {}},
+              {"deleted: the next tag is as long", deletedTag + tag, 50, 50, any, Sample(9, 2, 5) + tag},
+              {"deleted: the next tag is longer", deletedTag + longer + two, 50, 50, any, {}},
+              {"an attribute without a body", Record(5, 0, 0, {}) + two, 50, 50, any, {}},
+              {"standing elsewhere", EndOf(1) + two, 68, 50, any, EndOf(2, 5) + two},
+              {"position 0 is no place to write", EndOf(1), 50, 0, any, {}},
+              {"at the end", EndOf(1), 68, 50, any, {}}};
   for (const auto& row : rows) {
     Open(row.before);
     ASSERT_TRUE(file.Seek(row.stands));

@@ -17,7 +17,7 @@ namespace {
 const ByteVector kLargeTag = Tag(0, "blob", ByteVector(150'000, 1));
 const ByteVector kStored =
     Survey({Header2{}, Feature(7, "a name of more than eleven"), Point(7, 1), Point(7, 2),
-            Attribute(7, "Girth", "a text of more than eleven"), End(7), kLargeTag, Note("rain and more rain")});
+            Attribute(7, "Girth", "a text of more than eleven"), EndOf(7), kLargeTag, Note("rain and more rain")});
 
 constexpr std::size_t kSecond = kFirst + 4100;  // after the header record
 const ByteVector kDamaged = Part(kStored, 0, kSecond) + ByteVector(40) + Part(kStored, kSecond);

@@ -37,11 +37,11 @@ class Salvaging : public OneFile {
 TEST_F(Salvaging, GoesOnBehindEachKindOfDamage) {
   const ByteVector good = EndOf(1) + EndOf(2);  // 36 bytes from offset 50
   const ByteVector behind = EndOf(3) + EndOf(4);
-  const ByteVector note = Record(6, 2, 0, NoteBody2());
+  const ByteVector note = Sample(6, 2);
   const ByteVector unknown = Record(200, 1, 0, Hex("01 02"));
-  ByteVector badType = FeatureBody3();
+  ByteVector badType = SampleBody(1, 3);
   badType[516] = 9;
-  ByteVector badText = NoteBody2();
+  ByteVector badText = SampleBody(6, 2);
   badText[300] = 1;  // behind the end of the text
   const struct {
     ByteVector damage;
@@ -63,7 +63,7 @@ TEST_F(Salvaging, GoesOnBehindEachKindOfDamage) {
       {ByteVector(9) + EndOf(5) + Record(6, 2, 0, badText) + ByteVector(7), {86, 9, 6, 113, 533, 6}, EndOf(5)},
       {Part(note, 1), {86, 525, KESP_ERROR_RECORD_HEADER}},
       {Hex("00*10 01 00*10"), {86, 21, KESP_ERROR_RECORD_TYPE}},
-      {Record(6, 3, 0, NoteBody2()), {86, 526, KESP_ERROR_VERSION}},
+      {Record(6, 3, 0, SampleBody(6, 2)), {86, 526, KESP_ERROR_VERSION}},
       {Record(1, 3, 0, badType), {86, 538, KESP_ERROR_BAD_RECORD}},
       {Record(9, 2, 0, Hex("05 00*3 ff*4 00*16")), {86, 38, KESP_ERROR_EOF}},
       // A header alone, with which the walk ends.
@@ -85,45 +85,35 @@ TEST_F(Salvaging, TakesAllOfWhatIsWholeToTheWalkHoweverOddItLooks) {
 }
 
 TEST_F(Salvaging, KeepsEachRecordInItsVersionUnlessAnOlderOneIsAskedFor) {
-  ByteVector header1 = HeaderBody1(), note1 = NoteBody1(), header2(4086), attribute3(1712);
-  header1[4] = 5;                              // its creation time, which nobody writes
-  std::fill(note1.begin(), note1.end(), 'x');  // a text without an end
-  header2[2868] = 3;                           // KespVersion
-  header2[0] = attribute3[516] = 1;
-  std::fill_n(attribute3.begin() + 518, 82, std::uint8_t{1});  // 41 units of text
-  ByteVector feature2 = FeatureBody3();
-  feature2.erase(feature2.begin() + 46, feature2.begin() + 516);
-  const ByteVector old = Record(3, 1, 0, header1) + Record(1, 1, 0, FeatureBody1()) + Record(2, 1, 0, PointBody1()) +
-                         Record(5, 1, 2, AttributeBody1()) + Record(6, 1, 0, note1) + Record(9, 1, 0, TagBody());
+  const std::string x256(256, 'x'), x41(41, 'x'), x40(40, 'x');
+  const ByteVector header1 = Record(3, 1, 0, Body(3, 1, {{"created", 5}, {"t1", "Job"}}));  // which nobody writes
+  const ByteVector old = header1 + Sample(1, 1) + Sample(2, 1) + Sample(5, 1, 2) + Note(x256, 0, 1) +
+                         Sample(9, 1);  // a text without an end
+  const auto header2 = [](std::uint32_t kespVersion) {
+    return Record(3, 2, 0, Body(3, 2, {{"status", 1}, {"kespVersion", kespVersion}}));
+  };
+  const auto attribute = [](std::uint16_t version, std::string_view text) {
+    return Record(5, version, 0, Body(5, version, {{"kind", 1}, {"string", text}}));
+  };
+  const ByteVector feature2 =
+      Record(1, 2, 0, Body(1, 2, {{"feature", 7}, {"name", "Oak"}, {"kind", 2}, {"color", 0x332211}, {"symbol", 5}}));
   for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
-    const ByteVector all = FileHeader(version) + old + Record(3, 2, 0, header2) + Record(1, 2, 0, feature2) +
-                           Record(1, 3, 0, FeatureBody3()) + Record(5, 3, 0, attribute3) +
-                           Record(2, 2, 0, PointBody2()) + Record(6, 2, 0, NoteBody2()) + Record(9, 2, 0, TagBody()) +
-                           EndOf(7);
+    const ByteVector rest = Sample(2, 2) + Sample(6, 2) + Sample(9, 2) + EndOf(7);
+    const ByteVector all = FileHeader(version) + old + header2(3) + feature2 + Sample(1, 3) + attribute(3, x41) + rest;
     for (const unsigned short asIs : std::initializer_list<unsigned short>{0, 3, 7}) {
       EXPECT_EQ(Salvaged(all, asIs), all);
       EXPECT_TRUE(report.loss.IsNone());
     }
     // The lengths of a rebuilt copy.
-    EXPECT_EQ(Salvaged(FileHeader(version) + WithLength(Record(1, 3, 0, FeatureBody3()), 54) + EndOf(7)),
-              FileHeader(version) + Record(1, 3, 0, FeatureBody3()) + EndOf(7));
-
-    ByteVector attribute2(240), header22 = header2;
-    attribute2[46] = 1;
-    std::fill_n(attribute2.begin() + 48, 80, std::uint8_t{1});
-    header22[2868] = 2;
-    EXPECT_EQ(Salvaged(all, 2), FileHeader(2) + old + Record(3, 2, 0, header22) + Record(1, 2, 0, feature2) +
-                                    Record(1, 2, 0, feature2) + Record(5, 2, 0, attribute2) +
-                                    Record(2, 2, 0, PointBody2()) + Record(6, 2, 0, NoteBody2()) +
-                                    Record(9, 2, 0, TagBody()) + EndOf(7));
+    EXPECT_EQ(Salvaged(FileHeader(version) + WithLength(Sample(1, 3), 54) + EndOf(7)),
+              FileHeader(version) + Sample(1, 3) + EndOf(7));
+    EXPECT_EQ(Salvaged(all, 2), FileHeader(2) + old + header2(2) + feature2 + feature2 + attribute(2, x40) + rest);
     kesp::FormatLoss loss;
     loss.attributes = {1, 1, 0};
     EXPECT_EQ(report.loss, loss);
-    const ByteVector feature1 = Hex("07 00*3 'Oak' 00*19 02 00 11 22 33 00 05 00");
-    EXPECT_EQ(Salvaged(all, 1), FileHeader(1) + old + Record(3, 1, 0, ByteVector(928)) + Record(1, 1, 0, feature1) +
-                                    Record(1, 1, 0, feature1) + Record(5, 1, 0, Hex("00*26 01 00*111")) +
-                                    Record(2, 1, 0, PointBody1()) + Record(6, 1, 0, NoteBody1()) +
-                                    Record(9, 1, 0, TagBody()) + EndOf(7));
+    const ByteVector feature1 = Record(1, 1, 0, Hex("07 00*3 'Oak' 00*19 02 00 11 22 33 00 05 00"));
+    EXPECT_EQ(Salvaged(all, 1), FileHeader(1) + old + Header1() + feature1 + feature1 + attribute(1, x40) +
+                                    Sample(2, 1) + Sample(6, 1) + Sample(9, 1) + EndOf(7));
     loss.headers = {1, 0, 1};
     EXPECT_EQ(report.loss, loss);
   }
@@ -135,7 +125,7 @@ TEST_F(Salvaging, KeepsEachRecordInItsVersionUnlessAnOlderOneIsAskedFor) {
 }
 
 TEST_F(Salvaging, LooksIntoNoRecordThatTheWalkStepsOverBeforeTheDamage) {
-  const ByteVector note = Record(6, 2, 0, NoteBody2());
+  const ByteVector note = Sample(6, 2);
   const ByteVector image = Hex("01*8") + EndOf(5) + note;  // of records
   const ByteVector unknown = Record(20, 1, 0, image);
   const ByteVector notes = EndOf(1) + EndOf(2);
@@ -213,7 +203,7 @@ TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
     }
   }
   // A first record that can't be read: what is before its place is looked at once, also when none of it is kept.
-  ByteVector noType = FeatureBody1();
+  ByteVector noType = SampleBody(1, 1);
   noType[26] = 0;
   const ByteVector unreadable = Record(1, 1, 0, noType) + Hex("ee");
   EXPECT_EQ(Salvaged(FileHeader(3, 20) + EndOf(1, 1) + unreadable), FileHeader());
@@ -246,63 +236,28 @@ TEST_F(Salvaging, NothingIsMadeUpOfWhatOnlyLooksLikeARecord) {
 }
 
 TEST_F(Salvaging, BehindDamageEveryTextHasToEndAndEveryNumberToBeFinite) {
-  const struct {
-    std::uint32_t type;
-    std::uint16_t version;
-    std::size_t size;
-    std::size_t choice;                  // where a feature has its type and an attribute its kind
-    std::uint8_t highest;                // of these
-    std::vector<std::size_t> ends = {};  // the last unit of each text
-    std::vector<std::size_t> numbers = {};
-  } kLayouts[] = {
-      {1, 1, 34, 26, 3, {25}},
-      {1, 2, 54, 46, 3, {44}},
-      {1, 3, 524, 516, 3, {514}},
-      {2, 1, 68, 0, 0, {29}, {34, 42, 50, 58}},
-      {2, 2, 108, 0, 0, {48}, {54, 62, 70, 78, 92, 100}},
-      {3, 1, 928, 0, 0, {30, 286, 542, 798, 926}},
-      {3,
-       2,
-       4086,
-       0,
-       0,
-       {50, 562, 1074, 1586, 1842, 2354, 2866, 2996, 3512, 4028},
-       {2872, 2880, 2888, 2896, 2904, 2912, 2920, 2928}},
-      {5, 1, 138, 26, 5, {25, 68, 89, 137}, {90, 98, 106}},
-      {5, 2, 240, 46, 5, {44, 128, 170, 238}, {172, 180, 188}},
-      {5, 3, 1712, 516, 5, {514, 1028, 1540, 1694}, {1542, 1550, 1558, 1696, 1704}},
-      {6, 1, 256, 0, 0, {255}},
-      {6, 2, 512, 0, 0, {510}},
-      {9, 2, 8, 0, 13},
-  };
-  for (const auto& layout : kLayouts) {
-    ByteVector body(layout.size);
-    if (layout.highest != 0) body[layout.choice] = layout.highest;
-    const auto isTaken = [&] {
-      Salvaged(FileHeader() + ByteVector(40) + Record(layout.type, layout.version, 0, body) + EndOf(2));
+  for (const Layout& layout : kLayouts) {
+    SCOPED_TRACE(testing::Message() << layout.type << ' ' << layout.version);
+    // What a feature, an attribute, a tag chooses, and the highest of these.
+    const std::uint8_t highest = layout.type == 1 ? 3 : layout.type == 5 ? 5 : layout.type == 9 ? 13 : 0;
+    const std::string_view choice = layout.type == 9 ? "tag" : "kind";
+    const ByteVector body = Body(layout.type, layout.version, {{choice, highest}});
+    const auto isTakenWith = [&](std::size_t at, const ByteVector& bytes) {
+      ByteVector changed = body;
+      std::copy(bytes.begin(), bytes.end(), changed.begin() + static_cast<std::ptrdiff_t>(at));
+      Salvaged(FileHeader() + ByteVector(40) + Record(layout.type, layout.version, 0, changed) + EndOf(2));
       return report.kept == 2;
     };
-    const auto isTakenWith = [&](std::size_t at, const ByteVector& bytes) {
-      const ByteVector before = body;
-      std::copy(bytes.begin(), bytes.end(), body.begin() + static_cast<std::ptrdiff_t>(at));
-      const bool taken = isTaken();
-      body = before;
-      return taken;
-    };
-    SCOPED_TRACE(testing::Message() << layout.type << ' ' << layout.version);
-    EXPECT_TRUE(isTaken());
-    for (const std::size_t at : layout.ends) EXPECT_FALSE(isTakenWith(at, Hex("01"))) << at;
-    for (const std::size_t at : layout.numbers) {
-      EXPECT_TRUE(isTakenWith(at, Hex("ff*6 ef 7f")) && !isTakenWith(at, Hex("00*6 f0 7f"))) << at;
-    }
-    const auto above = static_cast<std::uint8_t>(layout.highest + 1);
-    EXPECT_NE(isTakenWith(layout.choice, {above}), layout.highest != 0);
-    if (layout.type == 6) {
-      EXPECT_FALSE(isTakenWith(0, ByteVector(layout.size, 1))) << "no end at all";
-    }
-    if (layout.choice != 0) {
-      EXPECT_FALSE(isTakenWith(layout.choice, {1, 1})) << "16 bits";
-    }
+    EXPECT_TRUE(isTakenWith(0, {}));
+    ForFields(layout.fields, [&](std::string_view name, std::size_t at, std::size_t width, char letter) {
+      SCOPED_TRACE(name);
+      const std::size_t lastUnit = at + width - (letter == 'u' ? 2 : 1);
+      EXPECT_FALSE((letter == 'c' || letter == 'u') && isTakenWith(lastUnit, {1}));
+      EXPECT_TRUE(letter != 'd' || (isTakenWith(at, Hex("ff*6 ef 7f")) && !isTakenWith(at, Hex("00*6 f0 7f"))));
+      const auto above = static_cast<std::uint8_t>(highest + 1);
+      EXPECT_FALSE(name == choice && (isTakenWith(at, {above}) || isTakenWith(at, {1, 1})));
+      EXPECT_FALSE(name == "note" && isTakenWith(0, ByteVector(width, 1))) << "no end at all";
+    });
   }
 }
 
@@ -319,19 +274,18 @@ TEST_F(Salvaging, ItsAnswerIsFalseWhenItCannotWriteOrWouldWriteOverItsSource) {
   EXPECT_EQ(Records(), EndOf(1));
 }
 
-// Records of every class with a number of their own: at offset 0, in the text of a note, in the payload of a tag.
-Stored Numbered(std::uint32_t number) {
-  const Stored kinds[] = {
-      {1, 3, FeatureBody3()}, {5, 3, Hex("07 00*3 \"Girth\" 00*502 02 00 \"x\" 00*510 00*512 00*24 02 00 00*144")},
-      {2, 2, PointBody2()},   {2, 2, PointBody2()},
-      {6, 2, NoteBody2()},    {9, 2, TagBody()},
-      {4, 1, EndBody(7)}};
-  Stored stored = kinds[number % std::size(kinds)];
+// Records of every class with a number of their own: at offset 0 of the body, in the text of a note, in the payload of
+// a tag.
+ByteVector Numbered(std::uint32_t number) {
+  const ByteVector menu =
+      Record(5, 3, 0, Body(5, 3, {{"feature", 7}, {"title", "Girth"}, {"kind", 2}, {"string", "x"}, {"decimals", 2}}));
+  const ByteVector kinds[] = {Sample(1, 3), menu, Sample(2, 2), Sample(2, 2), Sample(6, 2), Sample(9, 2), EndOf(7)};
+  ByteVector record = kinds[number % std::size(kinds)];
   for (std::size_t k = 0; k < 4; ++k) {
-    stored.body[k + (stored.type == 9 ? 20 : 0)] =
-        static_cast<std::uint8_t>((number >> 4 * k & 15) + (stored.type == 6 ? 64 : 0));
+    record[14 + k + (record[0] == 9 ? 20 : 0)] =
+        static_cast<std::uint8_t>((number >> 4 * k & 15) + (record[0] == 6 ? 64 : 0));
   }
-  return stored;
+  return record;
 }
 
 TEST_F(Salvaging, BringsBackNearlyAllThatWasNotOverwritten) {
@@ -343,11 +297,10 @@ TEST_F(Salvaging, BringsBackNearlyAllThatWasNotOverwritten) {
     std::vector<std::size_t> offsets;
     std::vector<ByteVector> records;
     for (std::uint32_t i = 0; i < kRecords; ++i) {
-      const Stored stored = Numbered(i);
-      const std::uint32_t length = stored.type == 1 ? 54 : stored.type == 5 ? 240 : 0;
-      records.push_back(stored.Bytes());
+      const ByteVector record = records.emplace_back(Numbered(i));
+      const std::uint32_t length = record[0] == 1 ? 54 : record[0] == 5 ? 240 : 0;
       offsets.push_back(damaged.size());
-      Append(damaged, length != 0 && seed % 2 == 0 ? WithLength(stored.Bytes(), length) : stored.Bytes());
+      Append(damaged, length != 0 && seed % 2 == 0 ? WithLength(record, length) : record);
     }
     offsets.push_back(damaged.size());
     std::mt19937 random(seed);

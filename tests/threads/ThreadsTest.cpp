@@ -21,7 +21,7 @@ TEST(Threads, EachHaveDataSetsOfTheirOwn) {
   const TempDir dir;
   ByteVector survey = Survey({Header2{}, Feature(7), Attribute(7, "Girth", "a text of more than eleven")});
   for (std::uint32_t i = 1; i <= kPoints; ++i) Append(survey, Point(7, i, {.text = "a text of 19 units."}));
-  Append(survey, End(7));
+  Append(survey, EndOf(7));
   WriteFile(dir / "shared.kesp", survey);
   std::vector<std::unique_ptr<CKespFile>> kept(4);  // read by one thread, let go by another
   InThreads(4, [&](unsigned i) {

@@ -13,7 +13,7 @@ TEST_F(Tool, DumpShowsWhatADatasetMakesOfTheFile) {
   // Feature 7 twice, a deleted note, a point and an attribute that belong to nothing, a link and its tag.
   const ByteVector records =
       Survey({Header2{.kespVersion = 3}, Feature(7, "Old"), Attribute(7, "Girth", "2 m"), Feature(7, "New", 0, 2, 3),
-              Point(7, 1, {.time = 200'000, .x = 1.5, .y = -2, .text = "last"}, 8), End(7), Point(9, 2),
+              Point(7, 1, {.time = 200'000, .x = 1.5, .y = -2, .text = "last"}, 8), EndOf(7), Point(9, 2),
               Attribute(9, "lost"), Note("gone", 1), Note("here"), Tag(10, "", Words({7, 1, 9, 2, 3, 0xFFFFFFFF}))});
   WriteFile(dir / "a", records);
   json got = json::parse(Run("dump --dataset @a").out);

@@ -26,9 +26,9 @@ class ToolEdit : public Tool {
 ByteVector Garden(const std::vector<std::size_t>& deleted = {}) {
   // clang-format off
   ByteVector records[] = {Header2(), Feature(9, "Old"), Point(9, 90), Point(9, 91),
-                          Feature(1, "Oak"), Attribute(1, "a"), Point(1, 10), End(1),
+                          Feature(1, "Oak"), Attribute(1, "a"), Point(1, 10), EndOf(1),
                           Feature(2, "Path"), Attribute(2, "b"), Point(2, 20), Point(2, 21, {}, 2), Point(2, 22),
-                          End(2), Feature(9)};
+                          EndOf(2), Feature(9)};
   // clang-format on
   for (const std::size_t record : deleted) records[record][6] = 5;
   ByteVector bytes = FileHeader();

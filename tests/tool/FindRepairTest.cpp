@@ -12,7 +12,7 @@ using nlohmann::json;
 
 TEST_F(Tool, FindAsksEachThingOfTheSearch) {
   // A line "Oak" with a point at 0 east, 0 north, and a numeric attribute "Girth" of 2.
-  const ByteVector oak = FileHeader() + Record(3, 2, 0, ByteVector(4086)) + Record(1, 3, 0, FeatureBody3());
+  const ByteVector oak = FileHeader() + Record(3, 2, 0, ByteVector(4086)) + Sample(1, 3);
   WriteFile(dir / "a", oak + Record(5, 3, 0, Hex("07 00*3 \"Girth\" 00*502 02 00 00*1024 00*7 40 00*162")) +
                            Record(2, 2, 0, Hex("07 00*3 03 00*3 \"A1\" 00*38 80 00 92 65 00*32 04 00 00*20")));
   const std::pair<std::string, bool> kCases[] = {
@@ -80,7 +80,7 @@ TEST_F(Tool, RepairTellsWhatIsKeptAndWhatIsNot) {
   WriteFile(dir / "a", FileHeader(3, 5) + Hex("aa*3") + EndOf(7));
   EXPECT_NE(Run("repair @a @b --force --salvage").out.find("Left out  an application header of 3 bytes\n"),
             std::string::npos);
-  ByteVector longName = FeatureBody3();
+  ByteVector longName = SampleBody(1, 3);
   std::fill_n(longName.begin() + 4, 42, std::uint8_t{1});
   WriteFile(dir / "a", FileHeader() + Record(1, 3, 0, longName) + EndOf(7));
   EXPECT_NE(Run("repair @a @b --force --salvage --version 2")
