@@ -1,7 +1,7 @@
 #include "kesp/records/KespNote.h"
 
-#include "kesp/format/RecordKinds.h"
 #include "kesp/format/HeaderNotes.h"
+#include "kesp/format/RecordKinds.h"
 #include "kesp/records/BodyIo.h"
 #include "kesp/records/VersionTables.h"
 
