@@ -318,6 +318,7 @@ class Salvager {
     // search back there may find nothing that is kept, and lead here again.
     if (offset == m_firstRecord && offset > kFileHeaderSize && m_report.kept == 0 && !m_hasGoneBack) {
       m_hasGoneBack = true;
+      // NOLINTNEXTLINE(readability-suspicious-call-argument): up to the first record, from the file header on
       const std::uint64_t found = FindBefore(offset, kFileHeaderSize);
       if (found < offset) {
         m_report.applicationBytes = 0;
