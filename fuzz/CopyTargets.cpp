@@ -1,5 +1,6 @@
 // What makes a file out of a file: the copy, the rebuild, the salvage, and the data set written anew.
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <utility>
 
@@ -135,11 +136,10 @@ void RoundTrip(Input input) {
       KESP_REQUIRE(first);
       if (file.m_recordList.IsEmpty()) return;
     }
-    // Two kinds have no bytes to be written: an attribute of version 0, and a tag without a block.
+    // An attribute of version 0 has no bytes to be written.
     const auto written =
         std::count_if(file.m_recordList.begin(), file.m_recordList.end(), [](const CKespRecord* record) {
-          if (record->m_recordType == KESP_RECORD_ATTRIBUTE) return record->m_recordVersion != 0;
-          return record->m_recordType != KESP_RECORD_TAG || static_cast<const CKespTag*>(record)->m_pData != nullptr;
+          return record->m_recordType != KESP_RECORD_ATTRIBUTE || record->m_recordVersion != 0;
         });
     // A header of version 1 takes such a note for its own once nothing is left between the two.
     const bool hasHeaderNotes = std::any_of(file.m_recordList.begin(), file.m_recordList.end(), [](auto* record) {
@@ -150,7 +150,10 @@ void RoundTrip(Input input) {
     if (hasHeaderNotes) return;
     if (first) records = written;
     KESP_REQUIRE(written == records && (first || file.m_recordList.GetCount() == written));
-    KESP_REQUIRE(file.WriteNewKespFileFromQueue(to) == ERR_NONE && file.m_pDataFile->GetSystemError() == 0);
+    KESP_REQUIRE(file.WriteNewKespFileFromQueue(to) == ERR_NONE && file.m_pDataFile->IsOpen());
+    const auto refused = file.m_recordList.GetCount() - written;
+    KESP_REQUIRE(file.m_pDataFile->GetFailedAppends() == static_cast<std::uint32_t>(refused));
+    KESP_REQUIRE(file.m_pDataFile->GetSystemError() == (refused != 0 ? EINVAL : 0));
   }
   // But for the marks: each reading hands those of a feature's records up to it, each writing adds its own, and what
   // restoring and filtering makes of them may take it further the next time.
