@@ -9,7 +9,7 @@ namespace kesp {
 constexpr std::string_view kSignature = "Corvanthe Survey Devices -- Kesp Data File";  // without a terminator
 static_assert(kSignature.size() == 42);
 constexpr std::size_t kFileHeaderSize = 50;            // signature, version, header length, header word
-constexpr std::uint32_t kHeaderLengthCountsFrom = 48;  // where the header word stands
-constexpr std::uint32_t kOwnHeaderLength = 2;          // in files made by Create: the header word alone
+constexpr std::uint32_t kHeaderLengthCountsFrom = 48;  // offset of the header word
+constexpr std::uint32_t kOwnHeaderLength = 2;          // in files made by Create: only the header word
 
 }  // namespace kesp

@@ -62,7 +62,7 @@ bool CKespDataFile::ReadFileHeader() {
     m_error = error;
     return false;
   };
-  // A file too short for the signature is compared as it stands.
+  // In a file too short for the signature, the missing bytes compare as zeros.
   std::array<char, kesp::kSignature.size()> signature{};
   (void)m_file.Read(signature.data(), signature.size());
   if (!std::equal(signature.begin(), signature.end(), kesp::kSignature.begin())) return fail(KESP_ERROR_SIGNATURE);
@@ -78,7 +78,7 @@ bool CKespDataFile::ReadFileHeader() {
   m_firstRecordOffset = kesp::kHeaderLengthCountsFrom + headerLength;  // kept to 32 bits
   if (!m_file.ReachesTo(m_firstRecordOffset)) return fail(KESP_ERROR_FILE_HEADER);
 
-  // Read whatever the header length says, also where a length below 2 lets the records begin inside it.
+  // Read whatever the header length says, even if a length below 2 makes the records begin inside it.
   std::uint16_t headerWord = 0;
   kesp::FieldReader word(m_file.ReadView(2));
   word.U16(headerWord);
@@ -126,7 +126,7 @@ bool CKespDataFile::Close() {
   try {
     TakeBackTornRecord();
   } catch (const CFileException&) {
-    // The system won't have it; a reader stops at the partial record.
+    // The system refuses; a reader stops at the partial record.
   }
   m_tornFrom.reset();
   try {

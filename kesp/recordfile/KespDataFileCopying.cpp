@@ -1,4 +1,4 @@
-// Copies of whole files: byte by byte, and rebuilt record by record, which is also the way to repair a damaged one.
+// Copies whole files byte by byte, and rebuilds them record by record, which also repairs damaged ones.
 #include <memory>
 #include <utility>
 
@@ -11,9 +11,9 @@ namespace {
 constexpr std::size_t kCopyBlock = std::size_t{1024} * 1024;
 constexpr unsigned short kNewestVersionOfCopy = 2;
 
-// Of a record in a file rebuilt for version 1 or 2: the record version that belongs to the file version, the flags as
-// they are. The length is that of record version `kespVersion`: for features and attributes of file version 2 it is
-// shorter than the body. Readers go by the body's layout.
+// For a file rebuilt in version 1 or 2: the record version that belongs to the file version, and the flags unchanged.
+// The length is that of record version `kespVersion`: for features and attributes of file version 2 it is shorter than
+// the body. Readers go by the body's layout.
 kesp::RecordHeader HeaderInCopy(CKespRecord& record, unsigned short kespVersion) {
   return {record.m_recordType, record.GetRecordVersionFromKespVersion(kespVersion), record.m_flags,
           static_cast<std::uint32_t>(record.GetLength(kespVersion))};
@@ -27,7 +27,7 @@ bool CKespDataFile::Copy(const CString& destination) {
   CFile out;
   bool isOpen = false;
   const bool good = Guarded([&] {
-    // Not left to the lock, which some file systems don't know.
+    // Not left to the lock, which some file systems don't support.
     if (m_file.IsSameFile(destination)) return false;
     CFileException failure(CFileException::none, destination);
     isOpen = out.Open(destination, CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite, &failure);
@@ -45,7 +45,7 @@ bool CKespDataFile::Copy(const CString& destination) {
     return true;
   });
   if (good || !isOpen) return good;
-  // Emptied as well, for where the path is one of several names of the file.
+  // Emptied as well, in case the file has other names.
   (void)Guarded([&] {
     if (out.IsOpen()) out.SetLength(0);
     return true;
@@ -59,7 +59,7 @@ bool CKespDataFile::Copy(const CString& destination) {
 
 bool CKespDataFile::CopyVerify(const CString& destination, unsigned short kespVersion) {
   if (!IsOpen()) return false;
-  // What failed before is no failure of this walk.
+  // Earlier failures don't count for this walk.
   const int earlierFailure = std::exchange(m_systemError, 0);
   const bool good = Guarded([&] { return !m_file.IsSameFile(destination) && Rebuild(destination, kespVersion); });
   if (earlierFailure != 0) m_systemError = earlierFailure;
@@ -72,13 +72,13 @@ bool CKespDataFile::Rebuild(const CString& destination, unsigned short kespVersi
   kesp::RebuiltFile out(destination);
   bool refused = false;
   const bool walked = Guarded([&] {
-    // The header goes over as it is, whatever version is asked for, and the records are taken to begin after it: an
-    // application header between the two is not copied.
+    // The header is copied unchanged, whatever version is asked for; the records follow it. An application header
+    // between the two is not copied.
     m_file.SeekToBegin();
     out.PutFileHeader(m_file.ReadView(kesp::kFileHeaderSize));
 
     m_error = KESP_ERROR_NONE;
-    // A walk that ends without a code, as where a class refuses a body for its version, ends the rebuild too.
+    // A walk that ends without a code, as when a class refuses a body for its version, also ends the rebuild.
     while (const std::unique_ptr<CKespRecord> record{ReadNextRecord(true)}) {
       refused = !out.Put(HeaderInCopy(*record, kespVersion), *record);
       if (refused) m_error = record->GetError();
@@ -92,15 +92,15 @@ bool CKespDataFile::Rebuild(const CString& destination, unsigned short kespVersi
     return false;
   }
   const KESP_ERROR_TYPE walkEnd = std::exchange(m_error, KESP_ERROR_NONE);
-  out.Finish();  // what was read stays, whatever ended the walk
+  out.Finish();  // what was read is kept, whatever ended the walk
   if (!walked) return false;
-  m_error = walkEnd;  // not of a copy that isn't all on the disk
-  // What ended the walk is in m_error, a failure of the system excepted: the rest might be read another time.
+  m_error = walkEnd;  // only when the whole copy is on the disk
+  // m_error has what ended the walk, except for a failure of the system: the rest may be readable another time.
   return m_error != KESP_ERROR_NONE || m_systemError == 0;
 }
 
 bool CKespDataFile::CopyVerify(const CString& source, const CString& destination, unsigned short kespVersion) {
-  // Which may be this file's own path, and that ends with the file.
+  // `source` may be this object's m_path, which changes.
   CString path;
   if (!Guarded([&] { return path = source, true; })) return false;
   (void)Close();

@@ -1,4 +1,4 @@
-// The walk over the records of an open file, and the factory that turns record types into objects.
+// Walks over the records of an open file, and makes objects for record types.
 #include <cerrno>
 #include <memory>
 
@@ -41,8 +41,8 @@ std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
 
 }  // namespace
 
-// A point of the newest version without any mark, as nearly all of what a file holds is: read in one go when all of it
-// is in the buffer. Null, and nothing taken, for all else.
+// A fast path for what nearly every record is: a point of the newest version without flags. Reads it if all of it is in
+// the buffer; otherwise returns null and consumes nothing.
 CKespPoint* CKespDataFile::TakePlainPoint() {
   const std::byte* const bytes = m_file.Buffered(kesp::kRecordHeaderSize + kPlainPointLength);
   if (bytes == nullptr) return nullptr;
@@ -53,7 +53,7 @@ CKespPoint* CKespDataFile::TakePlainPoint() {
       header.length != kPlainPointLength) {
     return nullptr;
   }
-  // A file of 4 GiB and more is compared as ReadHeader does.
+  // Compared in 32 bits, as in ReadHeader.
   const std::uint64_t start = m_file.GetPosition();
   constexpr std::size_t kWhole = kesp::kRecordHeaderSize + kPlainPointLength;
   if (static_cast<std::uint32_t>(start + kWhole) > static_cast<std::uint32_t>(m_file.KnownLength())) return nullptr;
@@ -71,7 +71,7 @@ void CKespDataFile::ReadAhead(bool recordsAreKept) noexcept {
 
 void CKespDataFile::AllowReadAhead(bool allowed) noexcept { kesp::ReadAhead::Allow(allowed); }
 
-// Fills `header` as far as the file goes; the rest of it stays 0. Raises when memory runs out.
+// Fills `header` as far as the file goes; the rest stays 0. Throws when memory runs out.
 bool CKespDataFile::ReadHeader(kesp::RecordHeader& header) {
   const auto fail = [this](KESP_ERROR_TYPE error) {
     m_error = error;
@@ -89,7 +89,7 @@ bool CKespDataFile::ReadHeader(kesp::RecordHeader& header) {
     if (header.length == 0) return fail(KESP_ERROR_RECORD_HEADER);
 
     // Compared in 32 bits, as positions are kept: a length so large that the sum wraps passes, and the walk then ends
-    // behind the end of the file. Asking the system for the length is left to bodies that seem to go past it.
+    // past the end of the file. The system is asked for the length only when a body seems to go past it.
     const auto bodyEnd = static_cast<std::uint32_t>(m_file.GetPosition() + header.length);
     if (bodyEnd > static_cast<std::uint32_t>(m_file.KnownLength()) &&
         bodyEnd > static_cast<std::uint32_t>(m_file.GetLength())) {
@@ -164,11 +164,11 @@ CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDele
   try {
     while (!record && m_error == KESP_ERROR_NONE) {
       position = m_file.GetPosition();
-      // A header that the system fails to give leaves no code and ends the walk all the same.
+      // When the system fails to read a header, the walk ends without a code.
       kesp::RecordHeader header;
       if (!ReadHeader(header)) return nullptr;
 
-      // Before the type is looked at: a deleted record of any type is passed over.
+      // Before the type is checked: a deleted record of any type is skipped.
       if ((header.flags & KESP_FLAG_DELETED) != 0 && skipDeleted) {
         m_file.Seek(header.length, CFile::current);
         continue;
@@ -196,11 +196,11 @@ CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDele
     return nullptr;
   }
   if (m_error != KESP_ERROR_NONE) return nullptr;
-  // Outside the guard: the version-1 body of a feature raises the end of the file to the caller.
+  // Outside the try block: a version-1 feature body that is cut short throws to the caller.
   m_file.ForgetSystemError();
   if (record->Read(m_file)) return record.release();
   m_error = record->GetError();
-  // A record keeps the exception to itself.
+  // Records catch their own exceptions.
   m_ranOutOfMemory = m_file.LastSystemError() == ENOMEM;
   if (m_file.LastSystemError() != 0) NoteError(m_file.LastSystemError());
   return nullptr;
@@ -227,14 +227,14 @@ bool CKespDataFile::WalkOverHeaders() {
     const kesp::RecordKind& kind = kesp::KindOfRecord(header.type);
     std::uint64_t length = header.length;
     if ((header.flags & KESP_FLAG_DELETED) == 0 && kind.use != kesp::RecordUse::kPassedOver) {
-      // A body that is read is as long as its layout, whatever the header says. A tag says it once more.
+      // A body that is read has the length of its layout, whatever the header says. A tag states its own length.
       length = kesp::BodyLengthOf(header.type, header.version);
       if (header.type == KESP_RECORD_TAG && header.version <= kind.newest) {
         const std::span<const std::byte> fixed = m_file.ReadView(2 * sizeof(std::uint32_t));
         if (fixed.size() < 2 * sizeof(std::uint32_t)) return fail(KESP_ERROR_EOF);
         length = kesp::LoadLittle<std::uint32_t>(fixed.data() + sizeof(std::uint32_t));
       } else if (length == 0 || header.type == KESP_RECORD_FEATURE || header.version == 1) {
-        // One that is refused, or whose body may be.
+        // A record that is refused, or whose body may be.
         if (!m_file.ReachesTo(m_file.GetPosition() + length)) return fail(KESP_ERROR_EOF);
         m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
         std::uint64_t position = 0;

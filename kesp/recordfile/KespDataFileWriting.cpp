@@ -1,4 +1,4 @@
-// Putting records into an open file: appending, overwriting, updating and marking deleted.
+// Writes records to an open file: appends, overwrites, updates, and marks them deleted.
 #include <cerrno>
 #include <memory>
 
@@ -11,7 +11,7 @@
 namespace {
 
 constexpr unsigned kPowerEventWaitMs = 5000;
-constexpr unsigned short kOwnVersion = 0;  // of the record: what Write and GetLength take 0 for
+constexpr unsigned short kOwnVersion = 0;  // Write and GetLength take 0 for the record's own version
 
 void WriteRecordHeader(CFile& file, CKespRecord& record, unsigned short version, unsigned long length) {
   const auto header =
@@ -37,7 +37,7 @@ void CKespDataFile::ReopenAfterPowerEvent() {
   const bool writable = m_file.IsWritable();
   m_file.Abort();
   kesp::System().SleepMs(kPowerEventWaitMs);
-  // What comes of it shows in the next step, which needs the file.
+  // A failure shows in the next step, which needs the file.
   CFileException failure(CFileException::none, m_path);
   const unsigned openFlags =
       writable ? CFile::modeReadWrite | CFile::shareDenyWrite : CFile::modeRead | CFile::shareDenyNone;
@@ -50,7 +50,7 @@ void CKespDataFile::TakeBackTornRecord() {
   m_tornFrom.reset();
 }
 
-// A refusal of the record's is noted as a failure, so that nobody takes the record for written.
+// Notes a refusal by the record as a failure, so that the record does not pass for written.
 bool CKespDataFile::WriteBody(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion) {
   m_file.ForgetSystemError();
   if (kesp::WriteStoredBody(record, m_file, sourceFlag, bodyVersion)) return true;
@@ -58,10 +58,10 @@ bool CKespDataFile::WriteBody(CKespRecord& record, unsigned long sourceFlag, uns
   return false;
 }
 
-// The record's header and body in one write, and on the disk. `begun` becomes true once something may be in the file.
+// Writes header and body in one write and syncs. `begun` becomes true once something may be in the file.
 bool CKespDataFile::WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun) {
   CFile::Gather gather(m_file);
-  // Version and length are the record's own whatever version the body is written in.
+  // Version and length are the record's own, whatever version the body is written in.
   WriteRecordHeader(m_file, record, record.m_recordVersion, record.GetLength(kOwnVersion));
   if (!WriteBody(record, sourceFlag, bodyVersion)) return false;
   begun = true;
@@ -93,16 +93,15 @@ bool CKespDataFile::AppendWhole(CKespRecord& record, unsigned long sourceFlag, u
     NoteError(EINVAL);
     return false;
   }
-  // What begins to be written is taken back unless all of it gets to the disk, so that a later record is not put after
-  // half a one, where no reader would find it.
+  // Truncates unless all of the record reaches the disk: a record appended after a partial one is unreachable.
   class Torn {
    public:
     Torn(CKespDataFile& file, std::uint64_t from) : m_file(file), m_from(from) {}
     ~Torn() {
-      // A record that can't write itself: as a rule nothing of it has reached the file.
+      // A record that can't write itself has usually put nothing into the file.
       if (isWhole || !(begun || m_file.m_file.KnownLength() > m_from)) return;
       m_file.m_tornFrom = m_from;
-      // The system may not have it now; a reader stops at the partial record.
+      // The system may refuse; a reader stops at the partial record.
       (void)m_file.Guarded([this] { return m_file.TakeBackTornRecord(), true; });
     }
     Torn(const Torn&) = delete;
@@ -116,7 +115,7 @@ bool CKespDataFile::AppendWhole(CKespRecord& record, unsigned long sourceFlag, u
   } torn(*this, start);
   while (WriteWhole(record, sourceFlag, bodyVersion, torn.begun)) {
     if (!DidPowerEventHappen()) {
-      // The last byte is looked at once more, which leaves the file at its end.
+      // Reads the last byte again, which leaves the file at its end.
       m_file.Seek(-1, CFile::current);
       (void)m_file.ReadView(1);
       torn.isWhole = true;
@@ -140,14 +139,14 @@ bool CKespDataFile::Overwrite(CKespRecord& record, unsigned long sourceFlag) {
   reader.U16(found.version);
   if (reader.Failed()) throw CFileException(CFileException::endOfFile, m_path);
   if (found.type != record.m_recordType || found.version > record.m_recordVersion) return false;
-  // An attribute of version 0 has no body there: any that is written would go over its neighbour.
+  // An attribute of version 0 has no body there: writing one would overwrite the next record.
   if (found.version == 0 && found.type != KESP_RECORD_TAG) return false;
 
   m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
   record.SetSourceFlag(sourceFlag);
   CFile::Gather gather(m_file);
   WriteRecordHeader(m_file, record, found.version, record.GetLength(found.version));
-  if (!WriteBody(record, sourceFlag, found.version)) return false;  // the record there stays as it is
+  if (!WriteBody(record, sourceFlag, found.version)) return false;  // the record there stays unchanged
   gather.Commit();
   return true;
 }
@@ -172,7 +171,7 @@ CKespDataFile::Update CKespDataFile::FindAndOverwrite(CKespRecord& record, unsig
     const std::unique_ptr<CKespRecord> found(ReadNext(position, false));
     if (found && found->IsSameKespRecord(&record)) break;
     if (found) continue;
-    if (m_failures != failuresBefore) return Update::kFailed;  // it may be there, and can't be read
+    if (m_failures != failuresBefore) return Update::kFailed;  // it may be there but can't be read
     return continueSearch ? FindAndOverwrite(record, sourceFlag, false) : Update::kNotFound;
   }
   m_file.Seek(static_cast<std::int64_t>(position), CFile::begin);
@@ -195,7 +194,7 @@ bool CKespDataFile::DeleteRecord(unsigned long position, KESP_RECORD_TYPE type) 
   return OverwriteRecord(record.get(), KESP_SRC_DELETED);
 }
 
-// Whether the record at the file's position, which stays there, has a body as long as this one would have in its place.
+// Whether the record at the file's position has a body as long as this one would have in its place. Keeps the position.
 bool CKespDataFile::IsAsLongAsHere(CKespRecord& record) {
   const std::uint64_t start = m_file.GetPosition();
   kesp::RecordHeader here;

@@ -1,15 +1,15 @@
-// The file that a rebuild puts its records into: created, or emptied, and written record after record.
+// The file that a rebuild writes: created, or emptied, and written record by record.
 //
 //   RebuiltFile out(destination);
 //   out.PutFileHeader(bytes);
-//   while (...) if (!out.Put(header, *record)) ...  // the record can't be written; its GetError() tells
+//   while (...) if (!out.Put(header, *record)) ...  // the record can't be written; its GetError() says why
 //   out.Finish();
 //
-// Which version a record is written in, and which length its header states, is the caller's to say.
+// The caller chooses the version of each record and the length in its header.
 //
-// Records are written in pieces of 64 KiB; what waits for its piece is lost without Finish.
+// Records are written in blocks of 64 KiB; without Finish or Leave the last block is lost.
 //
-// Ownership: borrows the records. The object closes its file, which stays where it is.
+// Ownership: borrows the records. The destructor closes the file, which stays in place.
 // Errors: CFileException from every operation.
 #pragma once
 #include <cstddef>
@@ -25,21 +25,21 @@ namespace kesp {
 
 class RebuiltFile {
  public:
-  // Creates the file, or empties the one that exists once nobody else can write to it.
+  // Creates the file, or empties an existing one once nobody else can write to it.
   explicit RebuiltFile(const CString& path);
   RebuiltFile(const RebuiltFile&) = delete;
   RebuiltFile& operator=(const RebuiltFile&) = delete;
 
   void PutFileHeader(std::span<const std::byte> bytes) { m_file.Write(bytes.data(), bytes.size()); }
-  // The header, and the body in the header's version as the record's class writes it.
+  // Writes the header, and the body in the header's version. False when the record can't be written.
   bool Put(const RecordHeader& header, CKespRecord& record);
-  // The header, and a body as it is.
+  // Writes the header, and the body unchanged.
   void Put(const RecordHeader& header, std::span<const std::byte> body);
-  // Why a record was refused, where memory was the reason (ENOMEM); 0 otherwise.
+  // ENOMEM when a record was refused for lack of memory; 0 otherwise.
   int SystemError() const noexcept { return m_file.LastSystemError(); }
-  // On the disk, and closed.
+  // Writes the rest, syncs and closes.
   void Finish();
-  // Closed as far as it got, on the disk or not.
+  // Writes the rest and closes without a sync.
   void Leave();
 
  private:
@@ -48,7 +48,7 @@ class RebuiltFile {
 
   CFile m_file;
   std::optional<CFile::Gather> m_gather;
-  std::size_t m_pending = 0;  // bytes that wait to be written
+  std::size_t m_pending = 0;  // bytes not yet written
 };
 
 }  // namespace kesp

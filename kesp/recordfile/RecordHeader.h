@@ -1,4 +1,4 @@
-// The 14 bytes in front of every record body. Offsets and widths are part of the format: never change them.
+// The 14 bytes before each record body. Offsets and widths are part of the format: never change them.
 #pragma once
 #include <array>
 #include <cstddef>

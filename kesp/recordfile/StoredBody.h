@@ -1,13 +1,13 @@
-// How the container has a record write its body, wherever that goes: into an append, over a record, into a new file.
+// How the container makes a record write its body: in an append, over a record, or into a new file.
 #pragma once
 #include "kesp/platform/File.h"
 #include "kesp/records/KespRecord.h"
 
 namespace kesp {
 
-// The record's own Write, and for a tag that was read with a block of 0 bytes the two numbers of its body: Write
-// refuses such a tag, since a new one without a block has nothing to say, but one that is in a file is to be kept.
-// Raises what the file object raises.
+// Calls the record's own Write. For a tag with a block of 0 bytes it writes the two numbers of the body: Write refuses
+// such a tag, since a new one without a block holds nothing, but one read from a file must be kept. Throws what the
+// file object throws.
 bool WriteStoredBody(CKespRecord& record, CFile& file, unsigned long sourceFlag, unsigned short version);
 
 }  // namespace kesp
