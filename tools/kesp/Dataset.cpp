@@ -112,7 +112,7 @@ DatasetEnd ValidateDataset(CKespFile& file) {
   return EndOf(file, [&] { return file.ValidateKesp(); });
 }
 
-DatasetSummary::DatasetSummary(CKespFile& file) {
+DatasetSummary::DatasetSummary(const CKespFile& file) {
   CTime first;
   CTime last;
   file.GetKespDataSummary(points, features, extent, first, last, lastPointText);

@@ -31,7 +31,7 @@ DatasetEnd ValidateDataset(CKespFile& file);
 
 // CKespFile::GetKespDataSummary, with nothing where it has a value that stands for nothing.
 struct DatasetSummary {
-  explicit DatasetSummary(CKespFile& file);
+  explicit DatasetSummary(const CKespFile& file);
 
   std::uint32_t points = 0;  // of the features in the index, like all of these
   std::uint32_t features = 0;

@@ -185,7 +185,7 @@ void WriteWords(JsonWriter& json, const TagBytes& payload, std::initializer_list
 }
 
 // The marks keep their numbers as floats; how those become integers again is the tag's own business.
-void WriteMark(JsonWriter& json, CKespTag& tag, const TagBytes& payload) {
+void WriteMark(JsonWriter& json, const CKespTag& tag, const TagBytes& payload) {
   std::uint32_t number = 0;
   float unused[4] = {};
   int integer = 0;
@@ -207,7 +207,7 @@ void WriteMark(JsonWriter& json, CKespTag& tag, const TagBytes& payload) {
   json.EndObject();
 }
 
-void WriteValue(JsonWriter& json, CKespTag& tag, const TagBytes& payload) {
+void WriteValue(JsonWriter& json, const CKespTag& tag, const TagBytes& payload) {
   switch (tag.m_tagType) {
     case KESP_TAG_INTEGER:
       return json.Number(std::int64_t{static_cast<std::int32_t>(payload.U32(0))});
@@ -239,7 +239,7 @@ void WriteValue(JsonWriter& json, CKespTag& tag, const TagBytes& payload) {
   }
 }
 
-void WriteTag(JsonWriter& json, CKespTag& tag) {
+void WriteTag(JsonWriter& json, const CKespTag& tag) {
   FieldsWriter(json).Field("tagType", tag.m_tagType).Field("dataLength", tag.m_dataLength);
   const TagParts parts = PartsOf(tag);
   json.Key("name");
@@ -283,7 +283,7 @@ void WriteMembers(JsonWriter& json, CKespRecord& record) {
       json.Key("NoteText").Text(static_cast<const CKespNote&>(record).NoteText.View());
       break;
     case KESP_RECORD_TAG:
-      WriteTag(json, static_cast<CKespTag&>(record));
+      WriteTag(json, static_cast<const CKespTag&>(record));
       break;
     default:
       break;

@@ -92,19 +92,16 @@ void Tell(Output& out, CKespDataFile& source, std::uint64_t size, const SalvageR
 }
 
 void TellLoss(Output& out, const FormatLoss& loss, unsigned short version) {
-  const struct {
-    const FormatLoss::Kind& kind;
-    const char* what;
-  } kKinds[] = {{loss.headers, "header"},
-                {loss.features, "feature"},
-                {loss.points, "point"},
-                {loss.attributes, "attribute"},
-                {loss.notes, "note"}};
-  for (const auto& [kind, what] : kKinds) {
-    if (kind.records == 0) continue;
+  const auto tell = [&](const FormatLoss::Kind& kind, const char* what) {
+    if (kind.records == 0) return;
     out.Put("Lost      in version " + std::to_string(version) + ", " + Counted(kind.texts, "text") + " and " +
             Counted(kind.numbers, "number") + " of " + Counted(kind.records, what) + "\n");
-  }
+  };
+  tell(loss.headers, "header");
+  tell(loss.features, "feature");
+  tell(loss.points, "point");
+  tell(loss.attributes, "attribute");
+  tell(loss.notes, "note");
 }
 
 // A salvage also takes a file whose header can't be read.
