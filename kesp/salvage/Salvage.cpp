@@ -22,8 +22,7 @@ namespace kesp {
 namespace {
 
 constexpr std::uint16_t kNewestFileVersion = 3;
-constexpr std::uint16_t kNewestOldVersion = 2;  // of the file versions that are there for the asking
-constexpr std::uint32_t kKnownFlags = 0x1FFF;   // every KESP_FLAG
+constexpr std::uint32_t kKnownFlags = 0x1FFF;  // every KESP_FLAG
 
 bool IsPossibleBody(std::uint32_t type, std::uint16_t version, std::span<const std::byte> body) {
   FieldChecker checker(body);
@@ -66,6 +65,20 @@ class Salvager {
     return true;
   }
 
+  // Ends where the walk ends, or before the first record that is not whole within the first `limit` bytes.
+  bool RunToDamage(std::uint64_t limit) {
+    m_length = std::min(m_length, limit);
+    std::array<std::byte, kFileHeaderSize> header{};
+    const auto view = View(0, kFileHeaderSize);
+    std::copy(view.begin(), view.end(), header.begin());
+    m_position = m_source.m_firstRecordOffset;
+    if (m_position > kFileHeaderSize) m_report.applicationBytes = m_position - kFileHeaderSize;
+    PutFileHeader(header);
+    auto step = Step::kGoOn;
+    while (step == Step::kGoOn) step = NextToDamage();
+    return step == Step::kEnd;
+  }
+
  private:
   enum class Step { kGoOn, kEnd, kFailed };
 
@@ -102,9 +115,47 @@ class Salvager {
       m_firstRecord = kFileHeaderSize;
       (void)Skip(0, std::min<std::uint64_t>(kFileHeaderSize, m_length), error);
     }
+    PutFileHeader(header);
+  }
+  void PutFileHeader(std::array<std::byte, kFileHeaderSize>& header) {
     if (m_version != 0) StoreLittle(header.data() + kSignature.size(), m_version);
     StoreLittle(header.data() + kHeaderLengthCountsFrom - 4, kOwnHeaderLength);
     m_out.PutFileHeader(header);
+  }
+
+  Step NextToDamage() {
+    const std::uint64_t start = m_position;
+    const auto endWith = [&](KESP_ERROR_TYPE reason) {
+      if (m_source.m_systemError != 0) return Step::kFailed;
+      NoteGap(start, m_length, reason);
+      return Step::kEnd;
+    };
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+    KESP_RECORD_TYPE type = KESP_RECORD_NONE;
+    RecordHeader header;
+    if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) {
+      return endWith(m_source.GetError());
+    }
+    header.type = type;
+    if (IsPassedOver(header)) {
+      const std::uint64_t end = start + kRecordHeaderSize + header.length;
+      if (end > m_length) return endWith(KESP_ERROR_RECORD_HEADER);
+      ++((header.flags & KESP_FLAG_DELETED) != 0 ? m_report.deleted : m_report.unknown);
+      m_position = end;
+      return Step::kGoOn;
+    }
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+    std::unique_ptr<CKespRecord> record;
+    try {
+      record.reset(m_source.ReadNextRecord(false));
+    } catch (const CFileException& e) {
+      if (e.m_cause != CFileException::endOfFile) throw;
+      return endWith(KESP_ERROR_EOF);
+    }
+    if (!record) return endWith(m_source.GetError());
+    const std::uint64_t end = m_file.GetPosition();
+    if (end > m_length) return endWith(KESP_ERROR_RECORD_HEADER);
+    return Keep(start, *record, end);
   }
   static bool IsSameByte(char c, std::byte b) { return static_cast<std::byte>(c) == b; }
 
@@ -266,7 +317,8 @@ class Salvager {
                               static_cast<std::uint32_t>(record.GetLength(version))};
     // Its bytes rather than what its class makes of them, which may end a text earlier, or leave out an old header's
     // time. But a header of version 2 names the file version.
-    const bool namesVersion = record.m_recordType == KESP_RECORD_HEADER && version == 2 && m_version != 0;
+    const bool isOldVersion = m_version != 0 && m_version < kNewestFileVersion;
+    const bool namesVersion = record.m_recordType == KESP_RECORD_HEADER && version == 2 && isOldVersion;
     if (version == own && kind.length[version] != 0 && !namesVersion) {
       const auto body = View(start + kRecordHeaderSize, header.length);
       if (body.size() < header.length) return false;
@@ -422,7 +474,11 @@ class Salvager {
 
 }  // namespace
 
-bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
+namespace {
+
+template <class Run>
+bool CopyWith(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report,
+              Run run) {
   report = {};
   if (!source.IsOpen()) return false;
   const int earlierFailure = std::exchange(source.m_systemError, 0);
@@ -435,8 +491,8 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
       source.m_file.Flush();
       RebuiltFile out(destination);
       try {
-        const std::uint16_t version = kespVersion <= kNewestOldVersion ? kespVersion : 0;
-        good = Salvager(source, out, version, report).Run();
+        Salvager salvager(source, out, kespVersion <= kNewestFileVersion ? kespVersion : 0, report);
+        good = run(salvager);
       } catch (const CFileException& e) {
         note(e);
       }
@@ -451,6 +507,18 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
   }
   if (earlierFailure != 0) source.m_systemError = earlierFailure;
   return good;
+}
+
+}  // namespace
+
+bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
+  return CopyWith(source, destination, kespVersion, report, [](Salvager& salvager) { return salvager.Run(); });
+}
+
+bool Rebuild(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report,
+             std::uint64_t limit) {
+  return CopyWith(source, destination, kespVersion, report,
+                  [limit](Salvager& salvager) { return salvager.RunToDamage(limit); });
 }
 
 bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {

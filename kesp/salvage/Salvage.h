@@ -36,6 +36,7 @@
 // Takes time in proportion to the file; memory is that of the longest record, which is never longer than the file.
 #pragma once
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "kesp/format/FormatLoss.h"
@@ -71,14 +72,21 @@ struct SalvageReport {
 };
 
 // Copies what can be saved of the open file, which may be open read-only. `kespVersion` is the file version to write: 1
-// or 2, in which no record has a newer record version than that and the header record names it; 0 and all others keep
-// each record's own. True when the copy is on the disk, however much was lost. False when the source isn't open, the
-// destination can't be opened, is the source itself or held by somebody, a record can't be written, or the system
-// failed; GetSystemError of the source has its reason. The destination then stays as far as it got; the source never
-// changes. The file position of the source and its GetError mean nothing afterwards.
+// or 2, in which no record has a newer record version than that and the header record names it; 3, in which each
+// record keeps its own version; 0 and all others keep the version of the file too. True when the copy is on the disk,
+// however much was lost. False when the source isn't open, the destination can't be opened, is the source itself or
+// held by somebody, a record can't be written, or the system failed; GetSystemError of the source has its reason. The
+// destination then stays as far as it got; the source never changes. The file position of the source and its GetError
+// mean nothing afterwards.
 [[nodiscard]] KESP_EXPORT bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
                                        SalvageReport& report);
-// The same with the file at a path, which CKespDataFile may refuse to open: where the file header is damaged, this
+// The same up to the first damage, where the walk ends: what CKespDataFile::CopyVerify copies, but with the versions of
+// Salvage. The gap, if there is one, is the rest of the file. With a `limit`, a record that is not whole within that
+// many bytes counts as damage (KESP_ERROR_RECORD_HEADER).
+[[nodiscard]] KESP_EXPORT bool Rebuild(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
+                                       SalvageReport& report,
+                                       std::uint64_t limit = std::numeric_limits<std::uint64_t>::max());
+// Salvage with the file at a path, which CKespDataFile may refuse to open: where the file header is damaged, this
 // goes on after it. False also when there is no such file.
 [[nodiscard]] KESP_EXPORT bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion,
                                        SalvageReport& report);

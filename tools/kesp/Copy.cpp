@@ -1,17 +1,45 @@
 // kesp copy: a file byte by byte, damage included.
 #include "tools/kesp/Commands.h"
+#include "tools/kesp/JsonWriter.h"
 #include "tools/kesp/NewFile.h"
 #include "tools/kesp/Opening.h"
 #include "tools/kesp/Output.h"
 #include "tools/kesp/RecordWalk.h"
 
 namespace kesp::tool {
+namespace {
+
+struct Copied {
+  Verdict verdict;
+  std::uint64_t bytes = 0;
+  std::uint64_t records = 0;
+};
+
+void Report(const CopyOptions& options, const Copied& copied, Output& out) {
+  if (options.json) {
+    JsonWriter json(out);
+    json.BeginObject();
+    WriteVerdict(json, CString::FromPathBytes(options.source), copied.verdict);
+    json.Key("destination").Text(CString::FromPathBytes(options.destination).View());
+    json.Key("bytes").Number(static_cast<std::int64_t>(copied.bytes));
+    json.Key("records").Number(static_cast<std::int64_t>(copied.records));
+    json.EndObject();
+    json.EndLine();
+  } else if (!options.quiet) {
+    out.Put("Copied " + Counted(copied.bytes, "byte") + ", " + Counted(copied.records, "record") + "\n");
+  }
+  out.Flush();
+}
+
+}  // namespace
 
 ExitStatus Copy(const CopyOptions& options, Output& out) {
   const SteadyFile steady(options.source);
   if (steady.IsWritten()) return kExitTrouble;
   CKespDataFile source;
-  if (!OpenForReading(source, options.source)) return kExitTrouble;
+  if (const auto refused = OpenForReading(source, options.source)) {
+    return Refuse(*refused, options.source, options.json, out);
+  }
   NewFile copy(source, options.destination, options.force ? Existing::kReplace : Existing::kRefuse);
   if (!copy.IsReady()) return kExitTrouble;
   bool good = false;
@@ -24,17 +52,18 @@ ExitStatus Copy(const CopyOptions& options, Output& out) {
     Complain(options.destination, WhyNotWritten(source));
     return kExitTrouble;
   }
-  const std::uint64_t size = copy.Size();
-  if (!copy.Keep()) return kExitTrouble;
-  std::uint64_t records = 0;
+  Copied copied;
+  copied.bytes = copy.Size();
   RecordWalk walk(source, DeletedRecords::kPassOver);
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
-    if (step == RecordWalk::Step::kRecord) ++records;
+    if (step == RecordWalk::Step::kRecord) ++copied.records;
   }
-  out.Put("Copied " + std::to_string(size) + " bytes, " + std::to_string(records) +
-          (records == 1 ? " record" : " records") + (walk.End().IsWhole() ? "" : "; " + walk.End().Describe()) + "\n")
-      .Flush();
-  return kExitWhole;
+  copied.verdict = walk.End();
+  if (!copy.Keep()) return kExitTrouble;
+  Report(options, copied, out);
+  if (copied.verdict.IsWhole()) return kExitWhole;
+  Complain(options.source, copied.verdict.Describe() + "; so is the copy");
+  return copied.verdict.Status();
 }
 
 }  // namespace kesp::tool

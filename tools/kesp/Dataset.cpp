@@ -1,53 +1,12 @@
 #include "tools/kesp/Dataset.h"
 
-#include <system_error>
-#include <utility>
+#include <cerrno>
 
 #include "tools/kesp/RecordJson.h"
+#include "tools/kesp/Times.h"
 
 namespace kesp::tool {
 namespace {
-
-std::string ReasonOf(ErrorEnum result, const CKespDataFile& container) {
-  switch (result) {
-    case ERR_NONE:
-      return {};
-    case ERR_FILE_NOT_OPEN:
-      return "not open";
-    case ERR_BAD_FEATURE:
-      return "a feature has no points";
-    case ERR_BAD_VERSION1_HEADER:
-      return "the notes behind the header can't be read";
-    case ERR_NO_HEADER:
-      return "the first record is missing or no header";
-    case ERR_SEEK_FAILED:
-      return "the first record can't be reached";
-    case ERR_OLD_VERSION:
-      return "old: holds features and needs file version 1 only";
-    case ERR_READ_FAILED:
-      break;
-    default:
-      return "error " + std::to_string(result);
-  }
-  std::string failed = "a record can't be read";
-  if (const int osError = container.GetSystemError(); osError != 0) {
-    return failed + ": " + std::generic_category().message(osError);
-  }
-  if (container.GetError() == KESP_ERROR_NONE) return failed;
-  return failed + ": " + container.GetErrorString().ToUtf8();
-}
-
-template <class Operation>
-DatasetEnd EndOf(const CKespFile& file, Operation operation) {
-  try {
-    const ErrorEnum result = operation();
-    return {result, ReasonOf(result, *file.m_pDataFile)};
-  } catch (const CFileException& e) {
-    // A version-1 feature body that is cut short is raised where the others are answered.
-    const bool cutShort = e.m_cause == CFileException::endOfFile;
-    return {ERR_READ_FAILED, std::string("a record can't be read: ") + (cutShort ? "EOF Error" : e.what())};
-  }
-}
 
 void BeginWithFlags(JsonWriter& json, const CKespRecord& record) {
   json.BeginObject();
@@ -102,14 +61,52 @@ void WriteLink(JsonWriter& json, const CKespFeatureLink& link) {
   json.EndObject();
 }
 
+void WriteNumberOrNull(JsonWriter& json, std::string_view key, const std::optional<std::int64_t>& number) {
+  json.Key(key);
+  if (number) {
+    json.Number(*number);
+  } else {
+    json.Null();
+  }
+}
+
+void WriteSummary(JsonWriter& json, const DatasetSummary& summary) {
+  json.Key("points").Number(std::int64_t{summary.points});
+  json.Key("features").Number(std::int64_t{summary.features});
+  WriteExtent(json, summary.extent);
+  WriteNumberOrNull(json, "firstTime", summary.firstTime);
+  WriteNumberOrNull(json, "lastTime", summary.lastTime);
+  json.Key("lastPointText").Text(summary.lastPointText.View());
+}
+
 }  // namespace
 
 DatasetEnd ReadDataset(CKespFile& file, DeletedRecords deleted) {
-  return EndOf(file, [&] { return file.ReadKespFile(deleted == DeletedRecords::kInclude); });
-}
-
-DatasetEnd ValidateDataset(CKespFile& file) {
-  return EndOf(file, [&] { return file.ValidateKesp(); });
+  CKespDataFile& container = *file.m_pDataFile;
+  DatasetEnd end;
+  try {
+    end.result = file.ReadKespFile(deleted == DeletedRecords::kInclude);
+  } catch (const CFileException&) {
+    end.result = ERR_READ_FAILED;  // the others return it where a version-1 feature body that is cut short is raised
+  }
+  const bool isRead = end.result == ERR_NONE || end.result == ERR_OLD_VERSION;
+  if (isRead && file.WasReadToEnd() && container.m_file.GetPosition() == container.m_file.KnownLength()) {
+    end.verdict.error = KESP_ERROR_NORMAL_EOF;
+    end.verdict.message = container.m_errorStrings[KESP_ERROR_NORMAL_EOF];
+    return end;
+  }
+  if (end.result == ERR_MEMORY) {
+    end.verdict.cause = Verdict::Cause::kUnreadable;
+    end.verdict.systemError = ENOMEM;
+    end.verdict.offset = container.m_file.GetPosition();
+    return end;
+  }
+  // Where and why: a data set doesn't tell, and calls damage right after the header its end.
+  RecordWalk walk(container, deleted);
+  while (walk.Next() != RecordWalk::Step::kEnd) continue;
+  end.verdict = walk.End();
+  if (end.verdict.IsWhole()) end.verdict.cause = Verdict::Cause::kDamaged;
+  return end;
 }
 
 DatasetSummary::DatasetSummary(const CKespFile& file) {
@@ -130,34 +127,25 @@ DatasetSummary::DatasetSummary(const CKespFile& file) {
   if (last > start) lastTime = last.GetTime();
 }
 
-void WriteExtentAndTimes(JsonWriter& json, const CBoundingBox& extent, const std::optional<std::int64_t>& firstTime,
-                         const std::optional<std::int64_t>& lastTime) {
+void WriteExtent(JsonWriter& json, const CBoundingBox& extent) {
   json.Key("extent");
-  if (extent.IsValid()) {
-    json.BeginObject();
-    json.Key("minX").Number(extent.MinX());
-    json.Key("maxX").Number(extent.MaxX());
-    json.Key("minY").Number(extent.MinY());
-    json.Key("maxY").Number(extent.MaxY());
-    json.EndObject();
+  if (!extent.IsValid()) return json.Null();
+  json.BeginObject();
+  json.Key("minX").Number(extent.MinX());
+  json.Key("maxX").Number(extent.MaxX());
+  json.Key("minY").Number(extent.MinY());
+  json.Key("maxY").Number(extent.MaxY());
+  json.EndObject();
+}
+
+void WriteTime(JsonWriter& json, const std::string& key, const std::optional<std::int64_t>& time) {
+  json.Key(key);
+  if (time) {
+    json.Text(IsoText(*time).View());
   } else {
     json.Null();
   }
-  for (const auto& [name, time] : {std::pair{"firstTime", firstTime}, {"lastTime", lastTime}}) {
-    json.Key(name);
-    if (time) {
-      json.Number(*time);
-    } else {
-      json.Null();
-    }
-  }
-}
-
-void WriteSummary(JsonWriter& json, const DatasetSummary& summary) {
-  json.Key("points").Number(std::int64_t{summary.points});
-  json.Key("features").Number(std::int64_t{summary.features});
-  WriteExtentAndTimes(json, summary.extent, summary.firstTime, summary.lastTime);
-  json.Key("lastPointText").Text(summary.lastPointText.View());
+  WriteNumberOrNull(json, key + "Unix", time);
 }
 
 void WriteDataset(JsonWriter& json, CKespFile& file, const DatasetEnd& end) {

@@ -1,13 +1,13 @@
 // A file read into a data set, as the sub-commands need it: what came of it, and the document of what it holds.
 //
 //   CKespFile file;
-//   if (!OpenForReading(file, path)) return kExitTrouble;
+//   if (const auto refused = OpenForReading(file, path)) return Refuse(*refused, path, json, out);
 //   const DatasetEnd end = ReadDataset(file, DeletedRecords::kPassOver);
 //   WriteDataset(json, file, end);
 //
 // Ownership: borrows the data set.
-// Errors: none are raised but CMemoryException and std::bad_alloc. What stops reading is in the DatasetEnd, and the
-//   data set then holds what it had read by then.
+// Errors: none are raised but CMemoryException and std::bad_alloc. What stops reading is in the DatasetEnd; the data
+//   set then holds what it had read by then.
 #pragma once
 #include <optional>
 #include <string>
@@ -19,15 +19,10 @@ namespace kesp::tool {
 
 struct DatasetEnd {
   ErrorEnum result = ERR_NONE;  // ERR_READ_FAILED also where reading raised an exception of the file's
-  std::string reason;           // for a person; empty for ERR_NONE
-
-  // A data set of an old version is complete all the same.
-  bool IsComplete() const noexcept { return result == ERR_NONE || result == ERR_OLD_VERSION; }
+  Verdict verdict;              // of the file
 };
 
 DatasetEnd ReadDataset(CKespFile& file, DeletedRecords deleted);
-// Reads it too, without the deleted ones, and wants every feature to have a point.
-DatasetEnd ValidateDataset(CKespFile& file);
 
 // CKespFile::GetKespDataSummary, with nothing where it has a value that stands for nothing.
 struct DatasetSummary {
@@ -40,10 +35,10 @@ struct DatasetSummary {
   std::optional<std::int64_t> lastTime;
   CString lastPointText;
 };
-// The members of the JSON object, whose brackets are the caller's; and three of them for what isn't such a summary.
-void WriteSummary(JsonWriter& json, const DatasetSummary& summary);
-void WriteExtentAndTimes(JsonWriter& json, const CBoundingBox& extent, const std::optional<std::int64_t>& firstTime,
-                         const std::optional<std::int64_t>& lastTime);
+// "extent", and a time under that key with its number beside it ("firstTime" and "firstTimeUnix"): members of an object
+// whose brackets are the caller's.
+void WriteExtent(JsonWriter& json, const CBoundingBox& extent);
+void WriteTime(JsonWriter& json, const std::string& key, const std::optional<std::int64_t>& time);
 
 // Everything, as one object.
 void WriteDataset(JsonWriter& json, CKespFile& file, const DatasetEnd& end);

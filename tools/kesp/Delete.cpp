@@ -103,15 +103,11 @@ void Carry(CKespFile& file, const Plan& plan) {
 // Reads the file anew, as everybody else does. Records never move, so the places tell.
 bool IsCarriedOut(const std::string& path, const Plan& plan) {
   CKespFile file;
-  if (!OpenForReading(file, path) || !ReadDataset(file, DeletedRecords::kPassOver).IsComplete()) return false;
+  if (OpenForReading(file, path) || !ReadDataset(file, DeletedRecords::kPassOver).verdict.IsWhole()) return false;
   return std::none_of(file.m_recordList.begin(), file.m_recordList.end(), [&](const CKespRecord* record) {
     return (record->m_recordType == KESP_RECORD_POINT || record->m_recordType == KESP_RECORD_ATTRIBUTE) &&
            plan.positions.contains(record->m_filePosition);
   });
-}
-
-std::string Counted(int count, const std::string& what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
 void Report(Output& out, const Plan& plan, bool dryRun) {
@@ -122,7 +118,8 @@ void Report(Output& out, const Plan& plan, bool dryRun) {
       out.Put("nothing is left to delete\n");
       continue;
     }
-    out.Put(Counted(feature->GetNumPoints(), "point") + " and " + Counted(feature->GetNumAttributes(), "attribute"));
+    out.Put(Counted(static_cast<std::uint64_t>(feature->GetNumPoints()), "point") + " and " +
+            Counted(static_cast<std::uint64_t>(feature->GetNumAttributes()), "attribute"));
     out.Put(" " + deleted + (forItsPoints ? ", since none of its points stays\n" : "\n"));
   }
   for (const CKespPoint* point : plan.points) {
@@ -136,10 +133,10 @@ void Report(Output& out, const Plan& plan, bool dryRun) {
 
 ExitStatus Delete(const DeleteOptions& options, Output& out) {
   CKespFile file;
-  if (!(options.dryRun ? OpenForReading(file, options.path) : OpenForWriting(file, options.path))) return kExitTrouble;
-  if (const DatasetEnd end = ReadDataset(file, DeletedRecords::kPassOver); !end.IsComplete()) {
-    Complain(options.path, end.reason + "; nothing is deleted");
-    return kExitDamaged;
+  const auto refused = options.dryRun ? OpenForReading(file, options.path) : OpenForWriting(file, options.path);
+  if (refused) return Refuse(*refused, options.path, options.json, out);
+  if (const DatasetEnd end = ReadDataset(file, DeletedRecords::kPassOver); !end.verdict.IsWhole()) {
+    return Refuse(end.verdict, options.path, options.json, out);
   }
   const std::optional<Plan> plan = MakePlan(file, options);
   if (!plan) return kExitTrouble;

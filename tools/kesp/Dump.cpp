@@ -11,11 +11,11 @@
 namespace kesp::tool {
 namespace {
 
-void WriteLastLine(Output& out, KESP_ERROR_TYPE error, const CString& message) {
+void WriteLastLine(Output& out, const Verdict& verdict) {
   JsonWriter json(out);
   json.BeginObject();
   json.Key("end");
-  WriteEnd(json, error, message);
+  WriteEnd(json, verdict.error, verdict.message);
   json.EndObject();
   json.EndLine();
   out.Flush();
@@ -23,26 +23,19 @@ void WriteLastLine(Output& out, KESP_ERROR_TYPE error, const CString& message) {
 
 ExitStatus DumpDataset(const DumpOptions& options, DeletedRecords deleted, Output& out) {
   CKespFile& file = DatasetOfThisRun();
-  const bool isOpen = OpenForReading(file, options.path);
-  const DatasetEnd end = ReadDataset(file, deleted);
+  const auto refused = OpenForReading(file, options.path);
+  const DatasetEnd end = refused ? DatasetEnd{ERR_FILE_NOT_OPEN, *refused} : ReadDataset(file, deleted);
   JsonWriter json(out);
   WriteDataset(json, file, end);
   out.Flush();
-  if (!isOpen) return kExitTrouble;
-  if (end.IsComplete()) return kExitWhole;
-  Complain(options.path, end.reason);
-  return kExitDamaged;
+  return end.verdict.IsWhole() ? kExitWhole : Refuse(end.verdict, options.path, false, out);
 }
 
-}  // namespace
-
-ExitStatus Dump(const DumpOptions& options, Output& out) {
-  const auto deleted = options.includeDeleted ? DeletedRecords::kInclude : DeletedRecords::kPassOver;
-  if (options.dataset) return DumpDataset(options, deleted, out);
+ExitStatus DumpRecords(const DumpOptions& options, DeletedRecords deleted, Output& out) {
   CKespDataFile file;
-  if (!OpenForReading(file, options.path)) {
-    WriteLastLine(out, file.GetError(), file.GetErrorString());
-    return kExitTrouble;
+  if (const auto refused = OpenForReading(file, options.path)) {
+    WriteLastLine(out, *refused);
+    return Refuse(*refused, options.path, false, out);
   }
   RecordWalk walk(file, deleted);
   // Records that run over the screen tell enough.
@@ -53,10 +46,15 @@ ExitStatus Dump(const DumpOptions& options, Output& out) {
     progress.Update(walk.Offset());
   }
   progress.Erase();
-  WriteLastLine(out, walk.End().error, walk.End().message);
-  if (walk.End().IsWhole()) return kExitWhole;
-  Complain(options.path, walk.End().Describe());
-  return kExitDamaged;
+  WriteLastLine(out, walk.End());
+  return walk.End().IsWhole() ? kExitWhole : Refuse(walk.End(), options.path, false, out);
+}
+
+}  // namespace
+
+ExitStatus Dump(const DumpOptions& options, Output& out) {
+  const auto deleted = options.includeDeleted ? DeletedRecords::kInclude : DeletedRecords::kPassOver;
+  return options.dataset ? DumpDataset(options, deleted, out) : DumpRecords(options, deleted, out);
 }
 
 }  // namespace kesp::tool

@@ -2,140 +2,144 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <chrono>
 #include <cmath>
 #include <limits>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "tools/kesp/Commands.h"
 #include "tools/kesp/Dataset.h"
 #include "tools/kesp/Opening.h"
 #include "tools/kesp/Progress.h"
+#include "tools/kesp/Times.h"
 
 namespace kesp::tool {
 namespace {
 
-namespace chrono = std::chrono;
-
-// 2024-05-01T12:00:00Z. Times of points are in 32 bits, so that a year has four digits.
-class IsoText {
- public:
-  explicit IsoText(std::int64_t seconds) {
-    const chrono::sys_seconds time{chrono::seconds{seconds}};
-    const auto day = chrono::floor<chrono::days>(time);
-    const chrono::year_month_day date(day);
-    const chrono::hh_mm_ss clock(time - day);
-    Put(0, 4, static_cast<unsigned>(static_cast<int>(date.year())));
-    Put(5, 2, static_cast<unsigned>(date.month()));
-    Put(8, 2, static_cast<unsigned>(date.day()));
-    Put(11, 2, static_cast<unsigned>(clock.hours().count()));
-    Put(14, 2, static_cast<unsigned>(clock.minutes().count()));
-    Put(17, 2, static_cast<unsigned>(clock.seconds().count()));
+// A finite number; one that is left out is `otherwise`, where that is given.
+bool ReadNumber(std::string_view text, std::optional<double> otherwise, double& number) {
+  if (text.empty() && otherwise) {
+    number = *otherwise;
+    return true;
   }
-  std::string_view View() const noexcept { return {m_text.data(), m_text.size()}; }
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() && end == text.data() + text.size() && std::isfinite(number);
+}
 
- private:
-  void Put(std::size_t at, std::size_t digits, unsigned number) {
-    for (; digits != 0; number /= 10) m_text[at + --digits] = static_cast<char>('0' + number % 10);
-  }
-  std::array<char, 20> m_text{'0', '0', '0', '0', '-', '0', '0', '-', '0', '0',
-                              'T', '0', '0', ':', '0', '0', ':', '0', '0', 'Z'};
-};
+// LOW:HIGH, LOW: or :HIGH.
+bool ReadRange(std::string_view text, std::array<double, 2>& bounds) {
+  const std::size_t colon = text.find(':');
+  if (colon == std::string_view::npos || text == ":") return false;
+  constexpr double kMost = std::numeric_limits<double>::max();
+  return ReadNumber(text.substr(0, colon), -kMost, bounds[0]) && ReadNumber(text.substr(colon + 1), kMost, bounds[1]);
+}
 
-// Digits of exactly that many places, and a separator in front of them unless it is 0.
-bool TakeNumber(std::string_view& text, char separator, std::size_t places, int& number) {
-  if (separator != 0) {
-    if (text.empty() || text.front() != separator) return false;
-    text.remove_prefix(1);
+bool ReadArea(std::string_view text, std::array<double, 4>& edges) {
+  for (std::size_t i = 0; i < edges.size(); ++i) {
+    const std::size_t comma = i + 1 < edges.size() ? text.find(',') : text.size();
+    if (comma == std::string_view::npos || !ReadNumber(text.substr(0, comma), std::nullopt, edges[i])) return false;
+    text.remove_prefix(std::min(comma + 1, text.size()));
   }
-  if (text.size() < places) return false;
-  const char* const end = text.data() + places;
-  if (text[0] == '-' || std::from_chars(text.data(), end, number).ptr != end) return false;
-  text.remove_prefix(places);
   return true;
 }
 
-// 2024-05-01, 2024-05-01T12:00 or 2024-05-01T12:00:00, with or without a Z: always UTC. A day alone ends at its last
-// second when it `ends` a range.
-std::optional<std::int64_t> ParseTime(std::string_view text, bool ends) {
-  int year = 0;
-  int month = 0;
-  int dayOfMonth = 0;
-  if (!TakeNumber(text, 0, 4, year) || !TakeNumber(text, '-', 2, month) || !TakeNumber(text, '-', 2, dayOfMonth)) {
-    return std::nullopt;
+// The library's filter, and what a person means besides: a feature that lacks what is asked for is not found.
+class Wanted {
+ public:
+  // False, and complained, where an option makes no sense.
+  bool Configure(const FindOptions& options);
+  bool Accepts(const CKespFeature& feature) {
+    if (!HasName(feature) || !m_search.Validate(&feature)) return false;
+    if (m_options->includeEmpty) return true;
+    if (m_wantsPoints && feature.GetNumPoints() == 0) return false;
+    return !m_wantsAttribute || HasAttribute(feature);
   }
-  const chrono::year_month_day date{chrono::year(year), chrono::month(static_cast<unsigned>(month)),
-                                    chrono::day(static_cast<unsigned>(dayOfMonth))};
-  if (!date.ok()) return std::nullopt;
-  int hour = ends ? 23 : 0;
-  int minute = ends ? 59 : 0;
-  int second = ends ? 59 : 0;
-  if (!text.empty() && text.front() == 'T') {
-    second = 0;
-    if (!TakeNumber(text, 'T', 2, hour) || !TakeNumber(text, ':', 2, minute)) return std::nullopt;
-    if (!text.empty() && text.front() == ':' && !TakeNumber(text, ':', 2, second)) return std::nullopt;
-    if (text == "Z") text = {};
-  }
-  if (!text.empty() || hour > 23 || minute > 59 || second > 59) return std::nullopt;
-  const auto time = chrono::sys_days{date} + chrono::hours{hour} + chrono::minutes{minute} + chrono::seconds{second};
-  return chrono::duration_cast<chrono::seconds>(time.time_since_epoch()).count();
+
+ private:
+  bool HasName(const CKespFeature& feature) const;
+  bool HasAttribute(const CKespFeature& feature) const;
+  bool IsSame(const CString& text, const CString& wanted, bool partial) const;
+  bool SetTimes(const FindOptions& options, int& bits);
+
+  const FindOptions* m_options = nullptr;
+  CKespSearch m_search;
+  std::vector<CString> m_names;
+  CString m_attribute;
+  bool m_wantsPoints = false;
+  bool m_wantsAttribute = false;
+};
+
+bool Wrong(const std::string& what) {
+  Complain({}, what + "; try kesp help find");
+  return false;
 }
 
-// Finite numbers with a separator between them.
-template <std::size_t Count>
-bool ParseNumbers(std::string_view text, char separator, std::array<double, Count>& numbers) {
-  for (std::size_t i = 0; i < Count; ++i) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), numbers[i]);
-    if (error != std::errc() || !std::isfinite(numbers[i])) return false;
-    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-    if (i + 1 == Count) break;
-    if (text.empty() || text.front() != separator) return false;
-    text.remove_prefix(1);
-  }
-  return text.empty();
-}
-
-// False, and complained, where an option makes no sense.
-bool Configure(CKespSearch& search, const FindOptions& options) {
-  const auto wrong = [](const std::string& what) {
-    Complain({}, what + "; try find --help");
-    return false;
-  };
+bool Wanted::Configure(const FindOptions& options) {
+  m_options = &options;
   int bits = 0;
   for (const std::string& type : options.types) {
     bits |= type == "point" ? SEARCH_POINT_FEATURES : type == "line" ? SEARCH_LINE_FEATURES : SEARCH_AREA_FEATURES;
   }
   if (options.ignoreCase) bits |= SEARCH_IGNORE_CASE;
   if (options.partial) bits |= SEARCH_PARTIAL_MATCH;
-  for (const std::string& name : options.names) search.FeatureNameFilterAdd(CString::FromUtf8(name));
-  if (options.pointText) search.SetPointNameFilter(CString::FromUtf8(*options.pointText));
-  if (options.attribute) search.SetAttributeNameFilter(CString::FromUtf8(*options.attribute));
-  if (options.value) search.Set(CString::FromUtf8(*options.value));
+  for (const std::string& name : options.names) m_names.push_back(CString::FromUtf8(name));
+  if (options.pointText) m_search.SetPointNameFilter(CString::FromUtf8(*options.pointText));
+  if (options.attribute) {
+    m_attribute = CString::FromUtf8(*options.attribute);
+    m_search.SetAttributeNameFilter(m_attribute);
+  }
+  if (options.value) m_search.Set(CString::FromUtf8(*options.value));
   if (options.range) {
     std::array<double, 2> bounds{};
-    if (!ParseNumbers(*options.range, ':', bounds)) return wrong("--range wants LOW:HIGH");
-    search.Set(bounds[0], bounds[1]);
+    if (!ReadRange(*options.range, bounds)) return Wrong("--range takes LOW:HIGH, LOW: or :HIGH");
+    m_search.Set(bounds[0], bounds[1]);
   }
-  if ((options.attribute || options.invert) && !options.value && !options.range) {
-    return wrong("--attribute and --invert want --value or --range");
-  }
-  if (options.from || options.to) {
-    const auto from = options.from ? ParseTime(*options.from, false) : std::numeric_limits<std::int64_t>::min();
-    const auto to = options.to ? ParseTime(*options.to, true) : std::numeric_limits<std::int64_t>::max();
-    if (!from || !to) return wrong("a time looks like 2024-05-01T12:00:00Z");
-    search.SetTimeRangeFilter(CTime(*from), CTime(*to));
-    bits |= SEARCH_TIME_RANGE;
-  }
+  if (options.invert && !options.value && !options.range) return Wrong("--invert goes with --value or --range");
+  if (!SetTimes(options, bits)) return false;
   if (options.area) {
     std::array<double, 4> edges{};
-    if (!ParseNumbers(*options.area, ',', edges)) return wrong("--area wants MINX,MINY,MAXX,MAXY");
-    search.SetAreaFilter(CRect2D(edges[0], edges[1], edges[2], edges[3]));
+    if (!ReadArea(*options.area, edges)) return Wrong("--area takes MINX,MINY,MAXX,MAXY");
+    m_search.SetAreaFilter(CRect2D(edges[0], edges[1], edges[2], edges[3]));
     bits |= SEARCH_IN_AREA;
   }
-  search.SetSearchOptions(bits);
-  search.SetInverted(options.invert);
-  search.Enable(true);
+  m_search.SetSearchOptions(bits);
+  m_search.SetInverted(options.invert);
+  m_search.Enable(true);
+  m_wantsPoints = options.pointText || options.from || options.to || options.area;
+  m_wantsAttribute = options.attribute || options.value || options.range;
   return true;
+}
+
+bool Wanted::SetTimes(const FindOptions& options, int& bits) {
+  if (!options.from && !options.to) return true;
+  const auto from = options.from ? ParseTime(*options.from, false) : std::numeric_limits<std::int64_t>::min();
+  const auto to = options.to ? ParseTime(*options.to, true) : std::numeric_limits<std::int64_t>::max();
+  if (!from || !to) return Wrong("a time looks like 2024-05-01T12:00:00Z, 2024-05-01T14:00+02:00 or 2024-05-01");
+  m_search.SetTimeRangeFilter(CTime(*from), CTime(*to));
+  bits |= SEARCH_TIME_RANGE;
+  return true;
+}
+
+bool Wanted::IsSame(const CString& text, const CString& wanted, bool partial) const {
+  if (!m_options->ignoreCase) return partial ? text.Find(wanted) >= 0 : text == wanted;
+  if (!partial) return text.CompareNoCase(wanted) == 0;
+  CString lower(text);
+  CString lowerWanted(wanted);
+  return lower.MakeLower().Find(lowerWanted.MakeLower()) >= 0;
+}
+
+bool Wanted::HasName(const CKespFeature& feature) const {
+  return m_names.empty() || std::any_of(m_names.begin(), m_names.end(), [&](const CString& name) {
+           return IsSame(feature.FeatureName, name, m_options->partial);
+         });
+}
+
+bool Wanted::HasAttribute(const CKespFeature& feature) const {
+  const auto& attributes = feature.m_attributeList;
+  return std::any_of(attributes.begin(), attributes.end(), [&](const auto& attribute) {
+    return !m_options->attribute || IsSame(attribute->AttributeName, m_attribute, false);
+  });
 }
 
 // As --type takes them; empty for another one.
@@ -167,13 +171,31 @@ Times TimesOf(const CKespFeature& feature) {
   return times;
 }
 
-void WriteTime(JsonWriter& json, std::string_view key, std::optional<std::int64_t> time) {
-  json.Key(key);
-  if (time) {
-    json.Text(IsoText(*time).View());
+void WritePoint(JsonWriter& json, const CKespPoint& point) {
+  json.BeginObject();
+  json.Key("number").Number(std::int64_t{point.PointNumber});
+  json.Key("text").Text(point.PointText.View());
+  json.Key("deleted").Bool(point.IsDeleted());
+  WriteTime(json, "time", point.PointTime != 0 ? std::optional<std::int64_t>(point.PointTime) : std::nullopt);
+  json.Key("x").Number(point.CoordX);
+  json.Key("y").Number(point.CoordY);
+  json.Key("z").Number(point.CoordZ);
+  json.EndObject();
+}
+
+void WriteAttribute(JsonWriter& json, const CKespAttribute& attribute) {
+  json.BeginObject();
+  json.Key("name").Text(attribute.AttributeName.View());
+  json.Key("value");
+  if (attribute.AttributeKind == KESP_ATTRIBUTE_NUMERIC) {
+    json.Number(attribute.Value);
+  } else if (attribute.AttributeKind == KESP_ATTRIBUTE_STRING) {
+    json.Text(attribute.TextValue.View());
   } else {
-    json.Null();
+    json.Text(attribute.GetAsFormatedString(true).View());
   }
+  json.Key("deleted").Bool(attribute.IsDeleted());
+  json.EndObject();
 }
 
 void WriteFeatureLine(JsonWriter& json, const CKespFeature& feature) {
@@ -181,35 +203,15 @@ void WriteFeatureLine(JsonWriter& json, const CKespFeature& feature) {
   json.Key("number").Number(std::int64_t{feature.FeatureNumber});
   json.Key("name").Text(feature.FeatureName.View());
   json.Key("type").Text(TypeName(feature));
+  json.Key("deleted").Bool(feature.IsDeleted());
   const Times times = TimesOf(feature);
   WriteTime(json, "firstTime", times.first);
   WriteTime(json, "lastTime", times.last);
   json.Key("points").BeginArray();
-  for (const auto& point : feature.m_pointList) {
-    json.BeginObject();
-    json.Key("number").Number(std::int64_t{point->PointNumber});
-    json.Key("text").Text(point->PointText.View());
-    WriteTime(json, "time", point->PointTime != 0 ? std::optional<std::int64_t>(point->PointTime) : std::nullopt);
-    json.Key("x").Number(point->CoordX);
-    json.Key("y").Number(point->CoordY);
-    json.Key("z").Number(point->CoordZ);
-    json.EndObject();
-  }
+  for (const auto& point : feature.m_pointList) WritePoint(json, *point);
   json.EndArray();
   json.Key("attributes").BeginArray();
-  for (const auto& attribute : feature.m_attributeList) {
-    json.BeginObject();
-    json.Key("name").Text(attribute->AttributeName.View());
-    json.Key("value");
-    if (attribute->AttributeKind == KESP_ATTRIBUTE_NUMERIC) {
-      json.Number(attribute->Value);
-    } else if (attribute->AttributeKind == KESP_ATTRIBUTE_STRING) {
-      json.Text(attribute->TextValue.View());
-    } else {
-      json.Text(attribute->GetAsFormatedString(true).View());
-    }
-    json.EndObject();
-  }
+  for (const auto& attribute : feature.m_attributeList) WriteAttribute(json, *attribute);
   json.EndArray();
   json.EndObject();
   json.EndLine();
@@ -272,11 +274,12 @@ class Table {
 }  // namespace
 
 ExitStatus Find(const FindOptions& options, Output& out) {
-  CKespSearch search;
-  if (!Configure(search, options)) return kExitTrouble;
+  Wanted wanted;
+  if (!wanted.Configure(options)) return kExitTrouble;
   CKespFile& file = DatasetOfThisRun();
-  if (!OpenForReading(file, options.path)) return kExitTrouble;
-  const DatasetEnd end = ReadDataset(file, DeletedRecords::kPassOver);
+  if (const auto refused = OpenForReading(file, options.path)) return Refuse(*refused, options.path, options.json, out);
+  const Verdict end =
+      ReadDataset(file, options.includeDeleted ? DeletedRecords::kInclude : DeletedRecords::kPassOver).verdict;
   JsonWriter json(out);
   Table table;
   std::size_t features = 0;
@@ -285,7 +288,7 @@ ExitStatus Find(const FindOptions& options, Output& out) {
     if (record->m_recordType != KESP_RECORD_FEATURE) continue;
     ++features;
     const auto& feature = static_cast<const CKespFeature&>(*record);
-    if (!search.Validate(&feature)) continue;
+    if (!wanted.Accepts(feature)) continue;
     ++found;
     if (options.json) {
       WriteFeatureLine(json, feature);
@@ -293,15 +296,21 @@ ExitStatus Find(const FindOptions& options, Output& out) {
       table.Add(feature);
     }
   }
-  if (!options.json) table.Write(out);
-  out.Flush();
-  if (Progress::OnTerminal()) {
-    Complain({},
-             std::to_string(found) + " of " + std::to_string(features) + (features == 1 ? " feature" : " features"));
+  if (options.json) {
+    json.BeginObject();
+    WriteVerdict(json, CString::FromPathBytes(options.path), end);
+    json.Key("features").Number(static_cast<std::int64_t>(features));
+    json.Key("found").Number(static_cast<std::int64_t>(found));
+    json.EndObject();
+    json.EndLine();
+  } else {
+    table.Write(out);
   }
-  if (end.IsComplete()) return kExitWhole;
-  Complain(options.path, end.reason);
-  return kExitDamaged;
+  out.Flush();
+  if (Progress::OnTerminal() && !options.quiet) {
+    Complain({}, std::to_string(found) + " of " + Counted(features, "feature"));
+  }
+  return end.IsWhole() ? kExitWhole : Refuse(end, options.path, false, out);
 }
 
 }  // namespace kesp::tool

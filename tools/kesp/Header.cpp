@@ -106,7 +106,8 @@ ExitStatus Header(const HeaderOptions& options, Output& out) {
     }
   }
   CKespDataFile file;
-  if (!(options.dryRun ? OpenForReading(file, options.path) : OpenForWriting(file, options.path))) return kExitTrouble;
+  const auto refused = options.dryRun ? OpenForReading(file, options.path) : OpenForWriting(file, options.path);
+  if (refused) return Refuse(*refused, options.path, options.json, out);
   std::uint32_t position = 0;
   const bool isThere = file.SeekToFirstRecord();
   const std::unique_ptr<CKespRecord> first(isThere ? file.ReadNextRecord(position, true) : nullptr);

@@ -1,105 +1,46 @@
 // kesp info: what a file holds, for a person or as one JSON document.
 #include <algorithm>
 #include <array>
-#include <chrono>
-#include <cstdio>
-#include <limits>
-#include <map>
-#include <memory>
-#include <optional>
-#include <utility>
+#include <string>
+#include <vector>
 
 #include "tools/kesp/Commands.h"
 #include "tools/kesp/Dataset.h"
 #include "tools/kesp/Opening.h"
-#include "tools/kesp/Progress.h"
 #include "tools/kesp/RecordJson.h"
+#include "tools/kesp/Scan.h"
+#include "tools/kesp/Times.h"
 
 namespace kesp::tool {
 namespace {
-
-struct Tally {
-  std::uint64_t count = 0;  // deleted ones included
-  std::uint64_t deleted = 0;
-};
-
-struct Summary {
-  std::unique_ptr<CKespTavoHeader> header;  // the first one that isn't deleted; null without one
-  std::map<std::pair<std::uint32_t, std::uint16_t>, Tally> records;  // by type and version
-  // Of the points that aren't deleted; a time of 0 stands for none.
-  std::uint64_t points = 0;
-  CBoundingBox extent;
-  std::int32_t firstTime = std::numeric_limits<std::int32_t>::max();
-  std::int32_t lastTime = std::numeric_limits<std::int32_t>::min();
-  WalkEnd end;
-
-  bool HasTimes() const { return firstTime <= lastTime; }
-  // Nothing where the header can't say it, or isn't there.
-  std::optional<bool> ClosedCleanly() const {
-    if (!header || header->m_recordVersion < 2) return std::nullopt;
-    return header->WasCleanClose();
-  }
-};
-
-void Include(Summary& summary, const CKespPoint& point) {
-  ++summary.points;
-  summary.extent.Include(point.CoordX, point.CoordY);
-  if (point.PointTime == 0) return;
-  summary.firstTime = std::min(summary.firstTime, point.PointTime);
-  summary.lastTime = std::max(summary.lastTime, point.PointTime);
-}
-
-Summary Summarize(CKespDataFile& file) {
-  Summary summary;
-  RecordWalk walk(file, DeletedRecords::kPassOver);
-  Progress progress(file.m_file.KnownLength(), Progress::OnTerminal());
-  for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
-    Tally& tally = summary.records[{walk.Type(), walk.Version()}];
-    ++tally.count;
-    if (walk.IsDeleted()) ++tally.deleted;
-    if (step == RecordWalk::Step::kRecord) {
-      if (walk.Type() == KESP_RECORD_POINT) Include(summary, static_cast<const CKespPoint&>(walk.Record()));
-      if (walk.Type() == KESP_RECORD_HEADER && !summary.header) {
-        summary.header = std::make_unique<CKespTavoHeader>(static_cast<const CKespTavoHeader&>(walk.Record()));
-      }
-    }
-    progress.Update(walk.Offset());
-  }
-  summary.end = walk.End();
-  return summary;
-}
 
 std::string TypeText(std::uint32_t type) {
   const char* const name = TypeName(static_cast<KESP_RECORD_TYPE>(type));
   return name != nullptr ? name : "type " + std::to_string(type);
 }
 
-void WriteJson(JsonWriter& json, CKespFile& dataset, const DatasetEnd& datasetEnd, const Summary& summary) {
-  const CKespDataFile& file = *dataset.m_pDataFile;
-  json.BeginObject();
-  json.Key("path").Text(file.m_path.View());
-  json.Key("length").Number(static_cast<std::int64_t>(file.m_file.KnownLength()));
-  json.Key("fileVersion").Number(std::int64_t{file.m_version});
-  json.Key("headerWord").Number(std::int64_t{file.m_headerWord});
-  json.Key("firstRecordOffset").Number(std::int64_t{file.m_firstRecordOffset});
+void WriteHeaderJson(JsonWriter& json, const Scan& scan) {
   json.Key("header");
-  if (summary.header) {
+  if (scan.header) {
     json.BeginObject();
-    json.Key("version").Number(std::int64_t{summary.header->m_recordVersion});
+    json.Key("version").Number(std::int64_t{scan.header->m_recordVersion});
     json.Key("fields");
-    WriteFields(json, *summary.header);
+    WriteFields(json, *scan.header);
     json.EndObject();
   } else {
     json.Null();
   }
   json.Key("closedCleanly");
-  if (const auto clean = summary.ClosedCleanly()) {
+  if (const auto clean = scan.ClosedCleanly()) {
     json.Bool(*clean);
   } else {
     json.Null();
   }
+}
+
+void WriteRecordsJson(JsonWriter& json, const Scan& scan) {
   json.Key("records").BeginArray();
-  for (const auto& [kind, tally] : summary.records) {
+  for (const auto& [kind, tally] : scan.records) {
     json.BeginObject();
     json.Key("type");
     if (const char* const name = TypeName(static_cast<KESP_RECORD_TYPE>(kind.first)); name != nullptr) {
@@ -113,46 +54,35 @@ void WriteJson(JsonWriter& json, CKespFile& dataset, const DatasetEnd& datasetEn
     json.EndObject();
   }
   json.EndArray();
-  json.Key("points").Number(static_cast<std::int64_t>(summary.points));
-  std::optional<std::int64_t> first;
-  std::optional<std::int64_t> last;
-  if (summary.HasTimes()) {
-    first = summary.firstTime;
-    last = summary.lastTime;
-  }
-  WriteExtentAndTimes(json, summary.extent, first, last);
-  json.Key("dataset").BeginObject();
-  json.Key("result").Number(std::int64_t{datasetEnd.result});
-  json.Key("kespVersion").Number(std::int64_t{dataset.m_kespVersion});
-  WriteSummary(json, DatasetSummary(dataset));
-  json.EndObject();
-  json.Key("end");
-  WriteEnd(json, summary.end.error, summary.end.message);
-  json.Key("damage");
-  if (summary.end.IsWhole()) {
-    json.Null();
-  } else {
-    json.BeginObject();
-    json.Key("offset").Number(static_cast<std::int64_t>(summary.end.offset));
-    json.Key("message").Text(CString(summary.end.Describe()).View());
-    json.EndObject();
-  }
-  json.EndObject();
-  json.EndLine();
 }
 
-std::string UtcText(std::int64_t seconds) {
-  namespace chrono = std::chrono;
-  const chrono::sys_seconds time{std::chrono::seconds{seconds}};
-  const auto day = chrono::floor<chrono::days>(time);
-  const chrono::year_month_day date(day);
-  const chrono::hh_mm_ss clock(time - day);
-  std::array<char, 40> text;
-  (void)std::snprintf(text.data(), text.size(), "%04d-%02u-%02u %02d:%02d:%02d UTC", static_cast<int>(date.year()),
-                      static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                      static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
-                      static_cast<int>(clock.seconds().count()));
-  return text.data();
+void WriteJson(JsonWriter& json, CKespFile& dataset, ErrorEnum result, const Scan& scan) {
+  const CKespDataFile& file = *dataset.m_pDataFile;
+  json.BeginObject();
+  WriteVerdict(json, file.m_path, scan.end);
+  json.Key("length").Number(static_cast<std::int64_t>(file.m_file.KnownLength()));
+  json.Key("fileVersion").Number(std::int64_t{file.m_version});
+  json.Key("headerWord").Number(std::int64_t{file.m_headerWord});
+  json.Key("firstRecordOffset").Number(std::int64_t{file.m_firstRecordOffset});
+  WriteHeaderJson(json, scan);
+  WriteRecordsJson(json, scan);
+  json.Key("points").Number(static_cast<std::int64_t>(scan.coverage.points));
+  WriteExtent(json, scan.coverage.extent);
+  WriteTime(json, "firstTime", scan.coverage.FirstTime());
+  WriteTime(json, "lastTime", scan.coverage.LastTime());
+  json.Key("dataset").BeginObject();
+  json.Key("result").Number(std::int64_t{result});
+  json.Key("kespVersion").Number(std::int64_t{dataset.m_kespVersion});
+  const DatasetSummary summary(dataset);
+  json.Key("points").Number(std::int64_t{summary.points});
+  json.Key("features").Number(std::int64_t{summary.features});
+  WriteExtent(json, summary.extent);
+  WriteTime(json, "firstTime", summary.firstTime);
+  WriteTime(json, "lastTime", summary.lastTime);
+  json.Key("lastPointText").Text(summary.lastPointText.View());
+  json.EndObject();
+  json.EndObject();
+  json.EndLine();
 }
 
 class Report {
@@ -178,9 +108,11 @@ class Report {
   Output& m_out;
 };
 
+std::string TimeText(std::int64_t seconds) { return std::string(IsoText(seconds).View()); }
+
 void ReportHeader(Report& report, const CKespTavoHeader& header) {
   report.Line("Header", "version " + std::to_string(header.m_recordVersion));
-  if (header.CreationTime != 0) report.Line("  created", UtcText(header.CreationTime));
+  if (header.CreationTime != 0) report.Line("  created", TimeText(header.CreationTime));
   report.Text("  HeaderText1", header.HeaderText1);
   report.Text("  HeaderText2", header.HeaderText2);
   report.Text("  HeaderText3", header.HeaderText3);
@@ -198,18 +130,13 @@ void ReportHeader(Report& report, const CKespTavoHeader& header) {
   report.Line("  SpareCount", std::to_string(header.SpareCount));
 }
 
-void ReportRecords(Report& report, const Summary& summary) {
-  Tally all;
-  for (const auto& [kind, tally] : summary.records) {
-    all.count += tally.count;
-    all.deleted += tally.deleted;
-  }
+void ReportRecords(Report& report, const Scan& scan) {
   const auto counts = [](const Tally& tally) {
     return std::to_string(tally.count) +
            (tally.deleted != 0 ? " (" + std::to_string(tally.deleted) + " deleted)" : std::string());
   };
-  report.Line("Records", counts(all));
-  for (const auto& [kind, tally] : summary.records) {
+  report.Line("Records", counts(scan.all));
+  for (const auto& [kind, tally] : scan.records) {
     report.Line("  " + TypeText(kind.first) + " v" + std::to_string(kind.second), counts(tally));
   }
 }
@@ -220,61 +147,129 @@ void ReportExtent(Report& report, const CBoundingBox& extent) {
   report.Span("  Y", extent.MinY(), extent.MaxY());
 }
 
-void ReportDataset(Report& report, CKespFile& dataset, const DatasetEnd& end, const Summary& records) {
+void ReportDataset(Report& report, CKespFile& dataset, const Scan& scan) {
   const DatasetSummary summary(dataset);
-  report.Line("Data set", end.IsComplete() ? "complete" : "as far as it got: " + end.reason);
+  report.Line("Data set", scan.end.IsWhole() ? "complete" : "what comes before the damage");
   report.Line("  needs version", dataset.m_kespVersion != 0 ? std::to_string(dataset.m_kespVersion) : "unknown");
   report.Line("  features", std::to_string(summary.features));
   report.Line("  points", std::to_string(summary.points));
   ReportExtent(report, summary.extent);
-  if (summary.firstTime) report.Line("  first time", UtcText(*summary.firstTime));
-  if (summary.lastTime) report.Line("  last time", UtcText(*summary.lastTime));
+  if (summary.firstTime) report.Line("  first time", TimeText(*summary.firstTime));
+  if (summary.lastTime) report.Line("  last time", TimeText(*summary.lastTime));
   report.Text("  last point", summary.lastPointText);
 
   // Points that belong to no feature of the data set.
-  if (records.points == summary.points) return;
-  report.Line("All points", std::to_string(records.points));
-  ReportExtent(report, records.extent);
-  if (!records.HasTimes()) return;
-  report.Line("  first time", UtcText(records.firstTime));
-  report.Line("  last time", UtcText(records.lastTime));
+  if (scan.coverage.points == summary.points) return;
+  report.Line("All points", std::to_string(scan.coverage.points));
+  ReportExtent(report, scan.coverage.extent);
+  if (!scan.coverage.FirstTime()) return;
+  report.Line("  first time", TimeText(*scan.coverage.FirstTime()));
+  report.Line("  last time", TimeText(*scan.coverage.LastTime()));
 }
 
-void WriteReport(Output& out, CKespFile& dataset, const DatasetEnd& datasetEnd, const Summary& summary) {
+std::string StateText(const Verdict& verdict) {
+  return verdict.IsWhole() ? Coloured("whole", Colour::kGood) : Coloured(verdict.Describe(), Colour::kBad);
+}
+
+void WriteReport(Output& out, CKespFile& dataset, const Scan& scan) {
   const CKespDataFile& file = *dataset.m_pDataFile;
   Report report(out);
   report.Line("File", Printable(file.m_path));
+  report.Line("State", StateText(scan.end));
   report.Line("File version", std::to_string(file.m_version));
   report.Line("Length", std::to_string(file.m_file.KnownLength()) + " bytes");
-  if (summary.header) {
-    ReportHeader(report, *summary.header);
+  const auto clean = scan.ClosedCleanly();
+  report.Line("Closed cleanly", !clean ? "not recorded" : *clean ? "yes" : "no");
+  if (scan.header) {
+    ReportHeader(report, *scan.header);
   } else {
     report.Line("Header", "none");
   }
-  ReportRecords(report, summary);
-  ReportDataset(report, dataset, datasetEnd, summary);
-  const auto clean = summary.ClosedCleanly();
-  report.Line("Closed cleanly", !clean ? "not recorded" : *clean ? "yes" : "no");
-  report.Line("State", summary.end.IsWhole() ? "whole" : summary.end.Describe());
+  ReportRecords(report, scan);
+  ReportDataset(report, dataset, scan);
+}
+
+ExitStatus InfoOfOne(const InfoOptions& options, Output& out) {
+  const std::string& path = options.paths.front();
+  CKespFile& dataset = DatasetOfThisRun();
+  if (const auto refused = OpenForReading(dataset, path)) return Refuse(*refused, path, options.json, out);
+  const Scan scan = ScanFile(*dataset.m_pDataFile);
+  const ErrorEnum result = ReadDataset(dataset, DeletedRecords::kPassOver).result;
+  if (options.json) {
+    JsonWriter json(out);
+    WriteJson(json, dataset, result, scan);
+  } else {
+    WriteReport(out, dataset, scan);
+  }
+  out.Flush();
+  return scan.end.IsWhole() ? kExitWhole : Refuse(scan.end, path, false, out);
+}
+
+// A line for each file: its state, what it holds, its name.
+class Table {
+ public:
+  void Add(const std::string& path, const CKespDataFile& file, const Scan& scan) {
+    const bool isOpen = file.IsOpen();
+    const auto number = [&](std::uint64_t value) { return isOpen ? std::to_string(value) : std::string("-"); };
+    m_rows.push_back({scan.end.IsWhole()     ? "whole"
+                      : scan.end.IsDamaged() ? "damaged"
+                                             : "unusable",
+                      number(file.m_version), number(scan.features), number(scan.coverage.points),
+                      number(scan.all.count), number(isOpen ? file.m_file.KnownLength() : 0), PrintablePath(path)});
+  }
+  void Write(Output& out) const {
+    std::array<std::size_t, kColumns> widths{};
+    for (const Row& row : m_rows) {
+      for (std::size_t i = 0; i + 1 < kColumns; ++i) widths[i] = std::max(widths[i], row[i].size());
+    }
+    for (const Row& row : m_rows) {
+      for (std::size_t i = 0; i + 1 < kColumns; ++i) {
+        const std::string room(widths[i] - row[i].size() + 2, ' ');
+        // Numbers end under each other.
+        out.Put(i == 0 ? row[i] + room : room.substr(2) + row[i] + "  ");
+      }
+      out.Put(row[kColumns - 1]).Put('\n');
+    }
+  }
+
+ private:
+  static constexpr std::size_t kColumns = 7;
+  using Row = std::array<std::string, kColumns>;
+  std::vector<Row> m_rows{{"STATE", "VERSION", "FEATURES", "POINTS", "RECORDS", "BYTES", "FILE"}};
+};
+
+ExitStatus InfoOfMany(const InfoOptions& options, Output& out) {
+  ExitStatus status = kExitWhole;
+  Table table;
+  for (const std::string& path : options.paths) {
+    CKespDataFile file;
+    Scan scan;
+    if (const auto refused = OpenForReading(file, path)) {
+      scan.end = *refused;
+    } else {
+      scan = ScanFile(file);
+    }
+    table.Add(path, file, scan);
+    if (!scan.end.IsWhole()) Complain(path, scan.end.Describe());
+    status = std::max(status, scan.end.Status());
+  }
+  table.Write(out);
+  out.Flush();
+  return status;
 }
 
 }  // namespace
 
 ExitStatus Info(const InfoOptions& options, Output& out) {
-  CKespFile& dataset = DatasetOfThisRun();
-  if (!OpenForReading(dataset, options.path)) return kExitTrouble;
-  const Summary summary = Summarize(*dataset.m_pDataFile);
-  const DatasetEnd datasetEnd = ReadDataset(dataset, DeletedRecords::kPassOver);
-  if (options.json) {
-    JsonWriter json(out);
-    WriteJson(json, dataset, datasetEnd, summary);
-  } else {
-    WriteReport(out, dataset, datasetEnd, summary);
+  if (options.paths.size() == 1) return InfoOfOne(options, out);
+  if (!options.json) return InfoOfMany(options, out);
+  ExitStatus status = kExitWhole;
+  for (const std::string& path : options.paths) {
+    InfoOptions one(options);
+    one.paths = {path};
+    status = std::max(status, InfoOfOne(one, out));
   }
-  out.Flush();
-  if (summary.end.IsWhole()) return kExitWhole;
-  Complain(options.path, summary.end.Describe());
-  return kExitDamaged;
+  return status;
 }
 
 }  // namespace kesp::tool

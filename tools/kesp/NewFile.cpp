@@ -15,7 +15,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "tools/kesp/Opening.h"
+#include "tools/kesp/Console.h"
+#include "tools/kesp/Output.h"
 #include "tools/kesp/Progress.h"
 
 namespace kesp::tool {
@@ -26,6 +27,13 @@ namespace fs = std::filesystem;
 std::string Reason(int osError) { return std::generic_category().message(osError); }
 
 constexpr const char* kExists = "exists; --force replaces it";
+
+// The file in the folder for temporary files that is put out on standard output.
+std::string TemporaryPlace() {
+  std::error_code failure;
+  const fs::path folder = fs::temp_directory_path(failure);
+  return (failure ? fs::path("/tmp") : folder) / "kesp";
+}
 constexpr std::array kEndings{SIGHUP, SIGINT, SIGTERM};
 constexpr std::size_t kLongestStem = 200;  // bytes of the name that are taken over, of the 255 that a name may have
 
@@ -67,14 +75,20 @@ SteadyFile::~SteadyFile() {
 NewFile::NewFile(const CKespDataFile& source, const std::string& destination, Existing existing)
     : m_given(destination), m_place(destination), m_existing(existing) {
   std::error_code failure;
-  if (fs::is_symlink(destination, failure)) {
-    m_place = fs::weakly_canonical(destination, failure).string();
+  if (IsStandardOutput(destination)) {
+    m_place = TemporaryPlace();
+  } else if (fs::is_directory(destination, failure)) {
+    m_place = (fs::path(destination) / fs::path(source.m_file.GetFilePath().ToUtf8()).filename()).string();
+    m_given = m_place;
+  }
+  if (fs::is_symlink(m_place, failure)) {
+    m_place = fs::weakly_canonical(m_place, failure).string();
     if (failure) {
       Complain(m_given, failure.message());
       return;
     }
   }
-  if (!Check(source)) return;
+  if (!IsStandardOutput(destination) && !Check(source)) return;
   const fs::path place(m_place);
   std::string name(1, '.');
   name.append(place.filename().string(), 0, kLongestStem).append(".XXXXXX");
@@ -128,7 +142,27 @@ std::uint64_t NewFile::Size() const {
   return ::stat(m_made.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
 }
 
+bool NewFile::PutOut() {
+  const int fd = ::open(m_made.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    Complain(m_given, Reason(errno));
+    return false;
+  }
+  Output out(STDOUT_FILENO);
+  std::array<char, 16384> piece;
+  ssize_t count = 0;
+  while ((count = ::read(fd, piece.data(), piece.size())) > 0) {
+    out.Put(std::string_view(piece.data(), static_cast<std::size_t>(count)));
+  }
+  const int failure = count < 0 ? errno : 0;
+  ::close(fd);
+  out.Flush();
+  if (failure != 0) Complain(m_given, Reason(failure));
+  return failure == 0;
+}
+
 bool NewFile::Keep() {
+  if (IsStandardOutput(m_given)) return PutOut();
   const unsigned flags = m_existing == Existing::kRefuse ? RENAME_NOREPLACE : 0;
   int result = ::renameat2(AT_FDCWD, m_made.c_str(), AT_FDCWD, m_place.c_str(), flags);
   // Not every file system knows the flag; a second name isn't given to a file that exists either.

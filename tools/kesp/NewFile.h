@@ -7,7 +7,10 @@
 // unless it is to be replaced, a file that exists. What was made goes away again unless it is kept, also when SIGINT
 // and its like end the tool; so there is one such object at a time.
 //
-// Errors: complains and answers false.
+// A destination that is a folder gets the name of the source. With "-" the file is made in the folder for temporary
+// files, and Keep puts it out on standard output.
+//
+// Errors: complains and returns false.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -17,8 +20,8 @@
 
 namespace kesp::tool {
 
-// Keeps a file as it is while it is read: whoever opens it for writing is refused. What can't be opened is left to
-// those who read it to complain about.
+// Keeps a file as it is while it is read: nobody can open it for writing. A file that can't be opened is left for its
+// reader to complain about.
 class SteadyFile {
  public:
   explicit SteadyFile(const std::string& path);
@@ -48,12 +51,15 @@ class NewFile {
   CString Path() const { return CString::FromPathBytes(m_made); }
   std::uint64_t Size() const;
   bool Keep();
+  // Whether it goes to standard output, which then takes nothing else.
+  static bool IsStandardOutput(const std::string& destination) { return destination == "-"; }
 
  private:
   bool Check(const CKespDataFile& source);
+  bool PutOut();
 
   std::string m_given;  // as the person spelled it
-  std::string m_place;  // behind symbolic links
+  std::string m_place;  // with symbolic links followed
   std::string m_made;
   Existing m_existing;
   CFile m_replaced;  // held until its name is taken

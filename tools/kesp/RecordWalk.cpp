@@ -1,7 +1,5 @@
 #include "tools/kesp/RecordWalk.h"
 
-#include <system_error>
-
 namespace kesp::tool {
 namespace {
 
@@ -35,13 +33,6 @@ const char* TypeName(KESP_RECORD_TYPE type) noexcept {
   }
 }
 
-std::string WalkEnd::Describe() const {
-  const std::string where = " at offset " + std::to_string(offset) + ": ";
-  if (systemError != 0) return "can't be read" + where + std::generic_category().message(systemError);
-  if (error == KESP_ERROR_NONE) return "damaged" + where + "a record body that can't be read";
-  return "damaged" + where + message.ToUtf8();
-}
-
 RecordWalk::RecordWalk(CKespDataFile& file, DeletedRecords deleted) : m_file(file), m_deleted(deleted) {
   m_file.SeekToFirstRecord();
 }
@@ -54,13 +45,17 @@ RecordWalk::Step RecordWalk::Next() {
       return EndWith(m_file.GetError(), m_file.GetSystemError());
     }
     if ((IsDeleted() && m_deleted == DeletedRecords::kPassOver) || IsSteppedOver(m_type)) {
+      m_passedOver = m_offset;
       m_file.m_file.Seek(m_length, CFile::current);
       return Step::kPassedOver;
     }
     // Back to the header, which is still in the file's buffer. The file object seeks in 64 bits, the container in 32.
     m_file.m_file.Seek(static_cast<std::int64_t>(m_offset), CFile::begin);
     m_record.reset(m_file.ReadNextRecord(false));
-    return m_record ? Step::kRecord : EndWith(m_file.GetError(), m_file.GetSystemError());
+    if (!m_record) return EndWith(m_file.GetError(), m_file.GetSystemError());
+    if (!m_hasFirst) m_beginsWithHeader = m_type == KESP_RECORD_HEADER;
+    m_hasFirst = true;
+    return Step::kRecord;
   } catch (const CFileException& e) {
     // A version-1 feature body that is cut short is raised where the others leave a code.
     return EndWith(e.m_cause == CFileException::endOfFile ? KESP_ERROR_EOF : KESP_ERROR_NONE, e.m_lOsError);
@@ -71,7 +66,18 @@ RecordWalk::Step RecordWalk::EndWith(KESP_ERROR_TYPE error, int systemError) {
   m_end.error = error;
   m_end.message = m_file.m_errorStrings[error];
   m_end.offset = m_offset;
-  m_end.systemError = error == KESP_ERROR_NONE ? systemError : 0;
+  if (error == KESP_ERROR_NONE && systemError != 0) {
+    m_end.cause = Verdict::Cause::kUnreadable;
+    m_end.systemError = systemError;
+  } else if (error != KESP_ERROR_NORMAL_EOF) {
+    m_end.cause = Verdict::Cause::kDamaged;
+  } else if (m_offset > m_file.m_file.KnownLength()) {
+    m_end.cause = Verdict::Cause::kPastEnd;
+    m_end.offset = m_passedOver;
+  } else if (!m_beginsWithHeader) {
+    m_end.cause = Verdict::Cause::kNoHeader;
+    m_end.offset = m_file.m_firstRecordOffset;
+  }
   return Step::kEnd;
 }
 

@@ -5,7 +5,7 @@
 //   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
 //     if (step == RecordWalk::Step::kRecord) Show(walk.Record());
 //   }
-//   if (!walk.End().IsWhole()) Complain(walk.End());
+//   if (!walk.End().IsWhole()) Complain(path, walk.End().Describe());
 //
 // Returns exactly the records of CKespDataFile::ReadNextRecord, and ends where that ends.
 //
@@ -14,25 +14,13 @@
 #pragma once
 #include <cstdint>
 #include <memory>
-#include <string>
 
-#include "kesp/kesp.h"
+#include "tools/kesp/Verdict.h"
 
 namespace kesp::tool {
 
 // The name that the JSON has for a type of record; null for one that is stepped over or refused.
 const char* TypeName(KESP_RECORD_TYPE type) noexcept;
-
-struct WalkEnd {
-  KESP_ERROR_TYPE error = KESP_ERROR_NONE;  // 0 when a class refused a body without a code, or reading failed
-  CString message;                          // the library's text for the code
-  std::uint64_t offset = 0;                 // of the record header where the walk ended
-  int systemError = 0;                      // errno when reading failed, else 0
-
-  bool IsWhole() const noexcept { return error == KESP_ERROR_NORMAL_EOF; }
-  // For a person: "damaged at offset 90: Bad Record".
-  std::string Describe() const;
-};
 
 // What is done with records that are marked deleted.
 enum class DeletedRecords { kPassOver, kInclude };
@@ -58,7 +46,7 @@ class RecordWalk {
   std::uint16_t Version() const noexcept { return m_version; }
   bool IsDeleted() const noexcept { return (m_flags & KESP_FLAG_DELETED) != 0; }
   std::uint32_t Length() const noexcept { return m_length; }
-  const WalkEnd& End() const noexcept { return m_end; }
+  const Verdict& End() const noexcept { return m_end; }  // of the file, at the end
 
  private:
   Step EndWith(KESP_ERROR_TYPE error, int systemError);
@@ -71,7 +59,11 @@ class RecordWalk {
   std::uint16_t m_version = 0;
   std::uint32_t m_flags = 0;
   std::uint32_t m_length = 0;
-  WalkEnd m_end;
+  // Of the last record that was passed over: only such a one can claim to go on past the end.
+  std::uint64_t m_passedOver = 0;
+  bool m_hasFirst = false;
+  bool m_beginsWithHeader = false;
+  Verdict m_end;
 };
 
 }  // namespace kesp::tool

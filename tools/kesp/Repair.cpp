@@ -1,5 +1,8 @@
 // kesp repair: a file rebuilt record by record, up to the first damage or beyond it.
+#include <limits>
+
 #include "tools/kesp/Commands.h"
+#include "tools/kesp/JsonWriter.h"
 #include "tools/kesp/NewFile.h"
 #include "tools/kesp/Opening.h"
 #include "tools/kesp/Output.h"
@@ -8,73 +11,47 @@
 namespace kesp::tool {
 namespace {
 
-constexpr unsigned short kVersionOfRebuild = 2;  // where none is asked for
-constexpr std::uint32_t kRecordsOfRebuild = 50;  // where a rebuild takes the records to begin
+constexpr std::uint64_t kLongest = std::numeric_limits<std::uint32_t>::max();
 
-std::string Counted(std::uint64_t count, std::string_view what) {
-  return std::to_string(count) + " " + std::string(what) + (count == 1 ? "" : "s");
-}
-
-// What the walk takes and leaves out, and where it ends.
-struct Walked {
+struct Rebuilt {
+  Verdict source;
   SalvageReport report;
-  WalkEnd end;
+  std::uint64_t sourceSize = 0;
+  std::uint64_t size = 0;
+  unsigned short format = 0;  // file version of the new file
 };
-Walked WalkOver(CKespDataFile& file) {
-  Walked walked;
-  RecordWalk walk(file, DeletedRecords::kPassOver);
-  std::uint64_t last = 0;  // where it begins, and what it was counted as
-  std::uint64_t* count = nullptr;
-  for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
-    last = walk.Offset();
-    count = step == RecordWalk::Step::kRecord ? &walked.report.kept
-            : walk.IsDeleted()                ? &walked.report.deleted
-                                              : &walked.report.unknown;
-    ++*count;
-  }
-  walked.end = walk.End();
-  const std::uint64_t length = file.m_file.KnownLength();
-  const auto noteGap = [&](std::uint64_t offset, KESP_ERROR_TYPE reason) {
-    walked.report.gapCount = 1;
-    walked.report.gapBytes = length - offset;
-    walked.report.gaps.push_back({offset, length - offset, reason});
-  };
-  if (walked.end.offset > length && count != nullptr) {
-    // Only a record that is passed over can claim to go on behind the end.
-    --*count;
-    noteGap(last, KESP_ERROR_RECORD_HEADER);
-  } else if (!walked.end.IsWhole() && walked.end.offset < length) {
-    noteGap(walked.end.offset, walked.end.error);
-  }
-  return walked;
+
+std::uint64_t RecordsLost(const FormatLoss& loss) {
+  return loss.headers.records + loss.features.records + loss.points.records + loss.attributes.records +
+         loss.notes.records;
 }
 
-unsigned short VersionOfRebuild(const RepairOptions& options) {
-  return options.version != 0 ? options.version : kVersionOfRebuild;
+template <class Use>
+void ForEachKind(const FormatLoss& loss, Use use) {
+  use(loss.headers, "header");
+  use(loss.features, "feature");
+  use(loss.points, "point");
+  use(loss.attributes, "attribute");
+  use(loss.notes, "note");
 }
 
-bool Rebuild(CKespDataFile& source, const NewFile& copy, const RepairOptions& options, SalvageReport& report) {
-  // cppcheck-suppress unreadVariable
-  const Growth growth(copy, source.m_file.KnownLength());
-  if (options.salvage) return Salvage(source, copy.Path(), options.version, report);
-  const Walked walked = WalkOver(source);
-  report = walked.report;
-  if (walked.end.systemError != 0) return false;
-  // A version-1 feature that is cut short is answered with false, though all before it is there: counting tells.
-  return source.CopyVerify(copy.Path(), VersionOfRebuild(options)) || source.GetSystemError() == 0;
+void TellLoss(Output& out, const FormatLoss& loss) {
+  ForEachKind(loss, [&](const FormatLoss::Kind& kind, const char* what) {
+    if (kind.records == 0) return;
+    out.Put("Lost      " + Counted(kind.texts, "text") + " and " + Counted(kind.numbers, "number") + " of " +
+            Counted(kind.records, what) + "\n");
+  });
 }
 
-// Read once more: a copy that is given out as whole has been seen to be so.
-bool Holds(const NewFile& copy, std::uint64_t records) {
-  CKespDataFile file;
-  if (!file.OpenReadOnly(copy.Path())) return false;
-  const Walked walked = WalkOver(file);
-  return walked.end.IsWhole() && walked.report.kept == records;
+std::string ReasonOf(const CKespDataFile& source, const SalvageGap& gap) {
+  return gap.reason == KESP_ERROR_NONE ? "a record body that can't be read"
+                                       : source.m_errorStrings[gap.reason].ToUtf8();
 }
 
-void Tell(Output& out, CKespDataFile& source, std::uint64_t size, const SalvageReport& report) {
-  out.Put("Kept      " + Counted(report.kept, "record") + ", " + std::to_string(size) + " bytes of " +
-          std::to_string(source.m_file.KnownLength()) + "\n");
+void WriteText(Output& out, const CKespDataFile& source, const Rebuilt& rebuilt) {
+  const SalvageReport& report = rebuilt.report;
+  out.Put("Kept      " + Counted(report.kept, "record") + ", " + std::to_string(rebuilt.size) + " bytes of " +
+          std::to_string(rebuilt.sourceSize) + "\n");
   out.Put("Left out  " + Counted(report.deleted, "deleted record") + ", " + Counted(report.unknown, "record") +
           " of unknown type, " + std::to_string(report.gapBytes) + " damaged bytes\n");
   if (report.applicationBytes != 0) {
@@ -82,37 +59,102 @@ void Tell(Output& out, CKespDataFile& source, std::uint64_t size, const SalvageR
   }
   for (const SalvageGap& gap : report.gaps) {
     out.Put("Gap       at offset " + std::to_string(gap.offset) + ", " + Counted(gap.length, "byte") + ": " +
-            (gap.reason == KESP_ERROR_NONE ? "a record body that can't be read"
-                                           : source.m_errorStrings[gap.reason].ToUtf8()) +
-            "\n");
+            ReasonOf(source, gap) + "\n");
   }
   if (report.gapCount > report.gaps.size()) {
     out.Put("and " + Counted(report.gapCount - report.gaps.size(), "more gap") + "\n");
   }
+  TellLoss(out, report.loss);
+  out.Put("Written   in file version " + std::to_string(rebuilt.format) + "\n");
 }
 
-void TellLoss(Output& out, const FormatLoss& loss, unsigned short version) {
-  const auto tell = [&](const FormatLoss::Kind& kind, const char* what) {
-    if (kind.records == 0) return;
-    out.Put("Lost      in version " + std::to_string(version) + ", " + Counted(kind.texts, "text") + " and " +
-            Counted(kind.numbers, "number") + " of " + Counted(kind.records, what) + "\n");
+void WriteJson(Output& out, const RepairOptions& options, const CKespDataFile& source, const Rebuilt& rebuilt) {
+  const SalvageReport& report = rebuilt.report;
+  JsonWriter json(out);
+  const auto count = [&](const char* key, std::uint64_t value) {
+    json.Key(key).Number(static_cast<std::int64_t>(value));
   };
-  tell(loss.headers, "header");
-  tell(loss.features, "feature");
-  tell(loss.points, "point");
-  tell(loss.attributes, "attribute");
-  tell(loss.notes, "note");
+  json.BeginObject();
+  WriteVerdict(json, CString::FromPathBytes(options.source), rebuilt.source);
+  json.Key("destination").Text(CString::FromPathBytes(options.destination).View());
+  count("format", rebuilt.format);
+  count("bytes", rebuilt.size);
+  count("kept", report.kept);
+  count("deleted", report.deleted);
+  count("unknown", report.unknown);
+  count("applicationBytes", report.applicationBytes);
+  count("gapBytes", report.gapBytes);
+  count("gapCount", report.gapCount);
+  json.Key("gaps").BeginArray();
+  for (const SalvageGap& gap : report.gaps) {
+    json.BeginObject();
+    count("offset", gap.offset);
+    count("length", gap.length);
+    json.Key("reason").Text(std::string_view(ReasonOf(source, gap)));
+    json.EndObject();
+  }
+  json.EndArray();
+  json.Key("lost").BeginArray();
+  ForEachKind(report.loss, [&](const FormatLoss::Kind& kind, const char* what) {
+    if (kind.records == 0) return;
+    json.BeginObject();
+    json.Key("type").Text(std::string_view(what));
+    count("records", kind.records);
+    count("texts", kind.texts);
+    count("numbers", kind.numbers);
+    json.EndObject();
+  });
+  json.EndArray();
+  json.EndObject();
+  json.EndLine();
 }
 
-// A salvage also takes a file whose header can't be read.
-bool OpenSource(CKespDataFile& source, const RepairOptions& options) {
+Verdict VerdictOf(CKespDataFile& file) {
+  RecordWalk walk(file, DeletedRecords::kPassOver);
+  while (walk.Next() != RecordWalk::Step::kEnd) continue;
+  return walk.End();
+}
+
+// Opens the source, and says what it is. A salvage also takes a file whose header can't be read.
+Verdict OpenSource(CKespDataFile& source, const RepairOptions& options) {
+  const auto refused = OpenForReading(source, options.source);
+  if (!refused) return VerdictOf(source);
   const CString path = CString::FromPathBytes(options.source);
-  if (source.OpenReadOnly(path)) return true;
-  const KESP_ERROR_TYPE error = source.GetError();
-  const bool isHeader = error == KESP_ERROR_SIGNATURE || error == KESP_ERROR_FILE_HEADER || error == KESP_ERROR_EOF;
-  if (options.salvage && isHeader && source.m_file.Open(path, CFile::modeRead | CFile::shareDenyNone)) return true;
-  Complain(options.source, WhyNotOpen(source));
-  return false;
+  if (refused->cause == Verdict::Cause::kTooLong) {
+    if (options.first4Gib) (void)source.OpenReadOnly(path);
+    return *refused;
+  }
+  const bool isHeader = refused->error == KESP_ERROR_SIGNATURE || refused->error == KESP_ERROR_FILE_HEADER ||
+                        refused->error == KESP_ERROR_EOF;
+  if (options.salvage && isHeader) (void)source.m_file.Open(path, CFile::modeRead | CFile::shareDenyNone);
+  return *refused;
+}
+
+bool Make(CKespDataFile& source, const NewFile& copy, const RepairOptions& options, SalvageReport& report) {
+  // cppcheck-suppress unreadVariable
+  const Growth growth(copy, source.m_file.KnownLength());
+  if (options.salvage && !options.first4Gib) return Salvage(source, copy.Path(), options.format, report);
+  return Rebuild(source, copy.Path(), options.format, report, kLongest);
+}
+
+// Read once more: a copy that is given out as whole has been seen to be so.
+bool Holds(const NewFile& copy, std::uint64_t records) {
+  CKespDataFile file;
+  if (!file.OpenReadOnly(copy.Path())) return false;
+  RecordWalk walk(file, DeletedRecords::kPassOver);
+  std::uint64_t kept = 0;
+  while (walk.Next() == RecordWalk::Step::kRecord) ++kept;
+  return walk.End().error == KESP_ERROR_NORMAL_EOF && kept == records;
+}
+
+unsigned short VersionOf(const NewFile& copy) {
+  CKespDataFile file;
+  return file.OpenReadOnly(copy.Path()) ? file.m_version : 0;
+}
+
+ExitStatus Fail(const std::string& path, const std::string& what) {
+  Complain(path, what);
+  return kExitTrouble;
 }
 
 }  // namespace
@@ -121,42 +163,33 @@ ExitStatus Repair(const RepairOptions& options, Output& out) {
   const SteadyFile steady(options.source);
   if (steady.IsWritten()) return kExitTrouble;
   CKespDataFile source;
-  if (!OpenSource(source, options)) return kExitTrouble;
-  const bool hasHeader = source.GetError() == KESP_ERROR_NONE;
-  const std::string headerError = WhyNotOpen(source);
-  if (!options.salvage && source.m_firstRecordOffset != kRecordsOfRebuild) {
-    Complain(options.source, "its records don't begin right behind the file header; --salvage can deal with that");
-    return kExitTrouble;
-  }
+  Rebuilt rebuilt;
+  rebuilt.source = OpenSource(source, options);
+  if (!source.m_file.IsOpen()) return Refuse(rebuilt.source, options.source, options.json, out);
+  rebuilt.sourceSize = source.m_file.KnownLength();
   NewFile copy(source, options.destination, options.force ? Existing::kReplace : Existing::kRefuse);
   if (!copy.IsReady()) return kExitTrouble;
-  SalvageReport report;
-  if (!Rebuild(source, copy, options, report)) {
-    Complain(options.destination, WhyNotWritten(source));
-    return kExitTrouble;
+  if (!Make(source, copy, options, rebuilt.report)) return Fail(options.destination, WhyNotWritten(source));
+  if (rebuilt.source.cause == Verdict::Cause::kNotOpened && rebuilt.report.kept == 0) {
+    return Fail(options.source, rebuilt.source.Describe() + ", and no record comes after it");
   }
-  if (!hasHeader && report.kept == 0) {
-    Complain(options.source, headerError + ", and no record stands behind it");
-    return kExitTrouble;
+  if (!Holds(copy, rebuilt.report.kept)) return Fail(options.destination, "the copy does not read back");
+  if (const std::uint64_t lost = RecordsLost(rebuilt.report.loss); lost != 0 && !options.lossy) {
+    TellLoss(out, rebuilt.report.loss);
+    out.Flush();
+    return Fail(options.destination, "file version " + std::to_string(options.format) + " can't hold all of " +
+                                         Counted(lost, "record") + "; nothing is written without --lossy");
   }
-  if (!Holds(copy, report.kept)) {
-    Complain(options.destination, "the copy does not read back");
-    return kExitTrouble;
-  }
-  const std::uint64_t size = copy.Size();
+  rebuilt.size = copy.Size();
+  rebuilt.format = VersionOf(copy);
   if (!copy.Keep()) return kExitTrouble;
-  Tell(out, source, size, report);
-  if (!options.salvage) {
-    out.Put("Written   in the layouts of file version " + std::to_string(VersionOfRebuild(options)) +
-            "; a rebuild knows 1 and 2 only\n");
-  } else if (options.version != 0) {
-    TellLoss(out, report.loss, options.version);
-    out.Put("Written   in file version " + std::to_string(options.version) + "\n");
-  } else {
-    out.Put("Written   in the version of the file, each record in its own\n");
+  if (options.json) {
+    WriteJson(out, options, source, rebuilt);
+  } else if (!options.quiet) {
+    WriteText(out, source, rebuilt);
   }
   out.Flush();
-  return report.gapCount == 0 ? kExitWhole : kExitDamaged;
+  return rebuilt.source.IsWhole() ? kExitWhole : kExitDamaged;
 }
 
 }  // namespace kesp::tool

@@ -37,7 +37,7 @@ void FillStandardStreams() {
 // As the parser takes them, last to first. Where several files may stand it takes [a,b] for a list of them; ./[a,b] is
 // the same file and no list.
 std::vector<std::string> ArgumentsOf(int argc, char** argv) {
-  const bool takesFiles = argc > 1 && std::string_view(argv[1]) == "validate";
+  const bool takesFiles = argc > 1 && (std::string_view(argv[1]) == "validate" || std::string_view(argv[1]) == "info");
   std::vector<std::string> arguments;
   for (int i = argc - 1; i > 0; --i) {
     arguments.emplace_back(takesFiles && argv[i][0] == '[' ? "./" + std::string(argv[i]) : argv[i]);
@@ -61,7 +61,7 @@ int Run(int argc, char** argv, Output& out) {
 
   InfoOptions info;
   CLI::App* const infoCommand = app.add_subcommand("info", "Tell what a file holds and whether it is whole");
-  infoCommand->add_option("FILE", info.path, "The data file")->required();
+  infoCommand->add_option("FILE", info.paths, "The data files")->required();
   infoCommand->add_flag("--json", info.json, "One JSON document, for programs");
   infoCommand->callback([&] { command = [&] { return Info(info, out); }; });
 
@@ -80,6 +80,7 @@ int Run(int argc, char** argv, Output& out) {
       app.add_subcommand("validate", "Check that files can be read and each of their features has a point");
   validateCommand->add_option("FILE", validate.paths, "The data files")->required();
   validateCommand->add_flag("--json", validate.json, "One JSON object a line, for programs");
+  validateCommand->add_flag("--strict", validate.strict, "Problems in a whole file count as damage");
   validateCommand->callback([&] { command = [&] { return Validate(validate, out); }; });
 
   DeleteOptions deletion;
@@ -128,6 +129,8 @@ int Run(int argc, char** argv, Output& out) {
   findCommand->add_flag("--ignore-case", find.ignoreCase, "For texts and names of attributes, not names of features");
   findCommand->add_flag("--partial", find.partial, "Texts need only contain what is asked");
   findCommand->add_flag("--invert", find.invert, "Values that differ from the value or range");
+  findCommand->add_flag("--include-empty", find.includeEmpty, "Also features without points or attributes to ask");
+  findCommand->add_flag("--include-deleted", find.includeDeleted, "Also features that are marked deleted");
   findCommand->add_flag("--json", find.json, "A feature a line as JSON, for programs");
   findCommand->callback([&] { command = [&] { return Find(find, out); }; });
 
@@ -136,6 +139,7 @@ int Run(int argc, char** argv, Output& out) {
   copyCommand->add_option("SRC", copy.source, "The data file")->required();
   copyCommand->add_option("DST", copy.destination, "Its copy")->required();
   copyCommand->add_flag("--force", copy.force, "Replace a file that exists");
+  copyCommand->add_flag("--json", copy.json, "One JSON document, for programs");
   copyCommand->callback([&] { command = [&] { return Copy(copy, out); }; });
 
   RepairOptions repair;
@@ -143,9 +147,11 @@ int Run(int argc, char** argv, Output& out) {
       "repair", "Rebuild a data file without its deleted records, up to the first damage or beyond it");
   repairCommand->add_option("SRC", repair.source, "The data file")->required();
   repairCommand->add_option("DST", repair.destination, "The rebuilt file")->required();
-  repairCommand
-      ->add_option("--version", repair.version, "File version 1 or 2 (default: 2; with --salvage, that of SRC)")
-      ->check(CLI::Range(1, 2));
+  repairCommand->add_option("--format", repair.format, "File version to write (default: that of SRC)")
+      ->check(CLI::Range(1, 3));
+  repairCommand->add_flag("--lossy", repair.lossy, "Leave out what that version can't hold");
+  repairCommand->add_flag("--first-4gib", repair.first4Gib, "Of a longer file, the records in its first 4 GiB");
+  repairCommand->add_flag("--json", repair.json, "One JSON document, for programs");
   repairCommand->add_flag("--salvage", repair.salvage, "Go on after damage, with each record as it is");
   repairCommand->add_flag("--force", repair.force, "Replace a file that exists");
   repairCommand->callback([&] { command = [&] { return Repair(repair, out); }; });
