@@ -119,6 +119,7 @@ bool CKespDataFile::CreateWith(const CString& path, unsigned openFlags) {
 void CKespDataFile::ForgetFailures() noexcept {
   m_systemError = 0;
   m_failedAppends = 0;
+  m_lengthLimit = kNoLimit;
   m_tornFrom.reset();
 }
 

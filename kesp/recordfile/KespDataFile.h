@@ -129,6 +129,11 @@ class KESP_EXPORT CKespDataFile {
   template <std::integral Number>
   requires(!std::same_as<Number, bool>) CKespRecord* ReadNextRecord(Number) = delete;
 
+  // From now on the file counts as no longer than that: a body that goes past it is an error, as past the end. Of a
+  // file longer than 4 GiB, whose positions wrap, the first part can be read so. Until the file is opened again.
+  void LimitLength(std::uint64_t length) noexcept { m_lengthLimit = length; }
+  std::uint64_t LengthLimit() const noexcept { return m_lengthLimit; }
+
   // Whether the file ends where a record ends, so that an appended record can be read. Walks over the record headers
   // and keeps the file's position. False at damage, at a partial record, for a length that goes past the end, and when
   // the system fails; GetError then says what ended the walk.
@@ -193,6 +198,7 @@ class KESP_EXPORT CKespDataFile {
   friend class CKespFile;
   friend class kesp::StoreReader;
   enum class Update { kDone, kNotFound, kFailed };
+  static constexpr std::uint64_t kNoLimit = ~std::uint64_t{0};
 
   bool OpenWith(const CString& path, unsigned openFlags);
   bool CreateWith(const CString& path, unsigned openFlags);
@@ -231,6 +237,12 @@ class KESP_EXPORT CKespDataFile {
     return false;
   }
 
+  // In 32 bits, as positions are kept.
+  std::uint32_t LimitedLength(std::uint64_t length) const noexcept {
+    return static_cast<std::uint32_t>(length < m_lengthLimit ? length : m_lengthLimit);
+  }
+
+  std::uint64_t m_lengthLimit = kNoLimit;
   std::uint32_t m_failedAppends = 0;
   std::uint32_t m_failures = 0;   // failures of the system, of memory and of records to be written
   bool m_ranOutOfMemory = false;  // in the last ReadNextRecord

@@ -56,7 +56,7 @@ CKespPoint* CKespDataFile::TakePlainPoint() {
   // Compared in 32 bits, as in ReadHeader.
   const std::uint64_t start = m_file.GetPosition();
   constexpr std::size_t kWhole = kesp::kRecordHeaderSize + kPlainPointLength;
-  if (static_cast<std::uint32_t>(start + kWhole) > static_cast<std::uint32_t>(m_file.KnownLength())) return nullptr;
+  if (static_cast<std::uint32_t>(start + kWhole) > LimitedLength(m_file.KnownLength())) return nullptr;
   auto point = std::make_unique<CKespPoint>();
   kesp::kPointVersion2(reader, *point);
   point->m_filePosition = static_cast<std::uint32_t>(start);
@@ -91,8 +91,7 @@ bool CKespDataFile::ReadHeader(kesp::RecordHeader& header) {
     // Compared in 32 bits, as positions are kept: a length so large that the sum wraps passes, and the walk then ends
     // past the end of the file. The system is asked for the length only when a body seems to go past it.
     const auto bodyEnd = static_cast<std::uint32_t>(m_file.GetPosition() + header.length);
-    if (bodyEnd > static_cast<std::uint32_t>(m_file.KnownLength()) &&
-        bodyEnd > static_cast<std::uint32_t>(m_file.GetLength())) {
+    if (bodyEnd > LimitedLength(m_file.KnownLength()) && bodyEnd > LimitedLength(m_file.GetLength())) {
       return fail(KESP_ERROR_RECORD_HEADER);
     }
     return true;

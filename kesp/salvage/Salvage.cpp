@@ -65,9 +65,9 @@ class Salvager {
     return true;
   }
 
-  // Ends where the walk ends, or before the first record that is not whole within the first `limit` bytes.
-  bool RunToDamage(std::uint64_t limit) {
-    m_length = std::min(m_length, limit);
+  // Ends where the walk ends.
+  bool RunToDamage() {
+    m_length = std::min(m_length, m_source.LengthLimit());
     std::array<std::byte, kFileHeaderSize> header{};
     const auto view = View(0, kFileHeaderSize);
     std::copy(view.begin(), view.end(), header.begin());
@@ -515,10 +515,8 @@ bool Salvage(CKespDataFile& source, const CString& destination, unsigned short k
   return CopyWith(source, destination, kespVersion, report, [](Salvager& salvager) { return salvager.Run(); });
 }
 
-bool Rebuild(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report,
-             std::uint64_t limit) {
-  return CopyWith(source, destination, kespVersion, report,
-                  [limit](Salvager& salvager) { return salvager.RunToDamage(limit); });
+bool Rebuild(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
+  return CopyWith(source, destination, kespVersion, report, [](Salvager& salvager) { return salvager.RunToDamage(); });
 }
 
 bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {

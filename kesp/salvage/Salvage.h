@@ -36,7 +36,6 @@
 // Takes time in proportion to the file; memory is that of the longest record, which is never longer than the file.
 #pragma once
 #include <cstdint>
-#include <limits>
 #include <vector>
 
 #include "kesp/format/FormatLoss.h"
@@ -81,11 +80,9 @@ struct SalvageReport {
 [[nodiscard]] KESP_EXPORT bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
                                        SalvageReport& report);
 // The same up to the first damage, where the walk ends: what CKespDataFile::CopyVerify copies, but with the versions of
-// Salvage. The gap, if there is one, is the rest of the file. With a `limit`, a record that is not whole within that
-// many bytes counts as damage (KESP_ERROR_RECORD_HEADER).
+// Salvage. The gap, if there is one, is the rest of the file. The source's LimitLength counts.
 [[nodiscard]] KESP_EXPORT bool Rebuild(CKespDataFile& source, const CString& destination, unsigned short kespVersion,
-                                       SalvageReport& report,
-                                       std::uint64_t limit = std::numeric_limits<std::uint64_t>::max());
+                                       SalvageReport& report);
 // Salvage with the file at a path, which CKespDataFile may refuse to open: where the file header is damaged, this
 // goes on after it. False also when there is no such file.
 [[nodiscard]] KESP_EXPORT bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion,

@@ -37,56 +37,72 @@ TEST_F(Tool, DumpShowsWhatADatasetMakesOfTheFile) {
   EXPECT_EQ(got, want);
   EXPECT_EQ(json::parse(Run("dump --dataset --include-deleted @a").out)["notes"],
             json::parse(R"([{"flags":1,"text":"gone"},{"flags":0,"text":"here"}])"));
-  const std::string info = Run("info @a").out;
-  EXPECT_NE(info.find("  points          1\n  X               1.5 .. 1.5\n"), std::string::npos) << info;
-  EXPECT_NE(info.find("All points        2\n  X               0.0 .. 1.5\n"), std::string::npos) << info;
 }
 
-// What becomes of files that are not whole, in each of the three.
-TEST_F(Tool, SaysHowFarItGot) {
+// Every sub-command comes to the same judgement, and says it in its exit status.
+TEST_F(Tool, AgreesOnWhetherAFileIsWhole) {
   const ByteVector head = Survey({Header2{.kespVersion = 3}, Feature(1), Point(1, 1)});
   const struct {
     std::string name;
     ByteVector bytes;
-    int result;
-    std::size_t features;
-    int dump, info, validate;  // exit statuses
-    std::string reason;        // of validate
+    int status, result;  // of the tool, and of the data set
+    std::string state;
     // clang-format off
   } kCases[] = {
-      {"whole", head, 0, 1, 0, 0, 0, "ok"},
-      {"damaged", head + Feature(2, "x", 0, 3, 9) + Feature(4), 16, 1, 1, 1, 1, "a record can't be read: Bad Record"},
-      {"raised", head + Record(1, 1, 0, Hex("07 00")), 16, 1, 1, 1, 1, "a record can't be read: EOF Error"},
-      {"headless", Survey({Feature(1), Point(1, 1)}), 10, 0, 1, 0, 1, "the first record is missing or no header"},
-      {"pointless", head + Feature(5), 0, 2, 0, 0, 1, "a feature has no points"},
-      {"old", Survey({Header1(), Feature(3, "Elm", 0, 1)}, 1), 12, 1, 0, 0, 1,
-       "old: holds features and needs file version 1 only"},
-      {"foreign", Hex("'something else'"), 6, 0, 2, 2, 1, "Bad KESP Signature"},
+      {"whole", head, 0, 0, ""},
+      {"pointless", head + Feature(5), 0, 0, ""},
+      {"old", Survey({Header1(), Feature(3, "Elm", 0, 1)}, 1), 0, 12, ""},
+      {"damaged", head + Feature(2, "x", 0, 3, 9) + Feature(4), 1, 16, "the record there has impossible contents"},
+      {"raised", head + Record(1, 1, 0, Hex("07 00")), 1, 16, "the record there is cut short"},
+      {"early", Survey({Header2()}) + Hex("00*5"), 1, 0, "the record there is cut short"},
+      {"beyond", head + WithLength(EndOf(1, 1), 0xFFFFFFF0), 1, 0, "a length that goes past the end"},
+      {"headless", Survey({Feature(1), Point(1, 1)}), 1, 10, "the first record is missing or no header"},
+      {"foreign", Hex("'something else'"), 2, 6, "not a Kesp data file"},
+      {"none", {}, 2, 6, "No such file"},
   };
   // clang-format on
-  std::string all = "validate", lines;
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    WriteFile(dir / c.name, c.bytes);
-    const ToolResult dump = Run("dump --dataset @" + c.name), info = Run("info --json @" + c.name);
-    EXPECT_EQ(dump.status, c.dump);
-    EXPECT_EQ(dump.err.empty(), c.dump == 0) << dump.err;
-    const json dataset = json::parse(dump.out);
-    EXPECT_EQ(dataset["result"], c.result);
-    EXPECT_EQ(dataset["features"].size(), c.features);
-    EXPECT_EQ(info.status, c.info);
-    EXPECT_TRUE(c.info == 2 || json::parse(info.out)["dataset"]["result"] == c.result);
-    const std::string line = "@" + c.name + ": " + c.reason + "\n";
-    EXPECT_EQ(Run("validate @" + c.name), (ToolResult{c.validate, line, ""}));
-    EXPECT_EQ(ReadFile(dir / c.name), c.bytes);
-    all += " @" + c.name;
-    lines += line;
+    if (c.name != "none") WriteFile(dir / c.name, c.bytes);
+    for (const std::string command : {"info", "dump", "dump --dataset", "validate", "find", "copy", "repair"}) {
+      const bool makesFile = command == "copy" || command == "repair";
+      const ToolResult got = Run(command + " @" + c.name + (makesFile ? " @made --force" : ""));
+      EXPECT_EQ(got.status, c.status) << command;
+      EXPECT_NE((got.out + got.err).find(c.state), std::string::npos) << command << got.out << got.err;
+      EXPECT_EQ(got.err.empty(), c.status == 0 || command == "validate") << command << got.err;
+    }
+    for (const std::string command : {"info --json", "validate --json", "find --json"}) {
+      const std::string out = Run(command + " @" + c.name).out;
+      const std::size_t line = out.find_last_of('\n', out.size() - 2);  // npos + 1 is the beginning
+      const json last = json::parse(out.substr(line + 1));
+      EXPECT_EQ(last["whole"], c.status == 0) << command;
+      EXPECT_EQ(last["damage"].is_object(), c.status == 1) << command;
+      EXPECT_EQ(last["error"].is_string(), c.status == 2) << command;
+    }
+    EXPECT_EQ(json::parse(Run("dump --dataset @" + c.name).out)["result"], c.result);
+    if (c.name != "none") {
+      EXPECT_EQ(ReadFile(dir / c.name), c.bytes);
+    }
   }
-  EXPECT_EQ(Run(all).out, lines);
-  const std::string lineEach = R"({"path":"./[a,b]","result":1,"reason":"No such file or directory"}
-{"path":"@pointless","result":7,"reason":"a feature has no points"}
-)";
-  EXPECT_EQ(Run("validate --json [a,b] @pointless"), (ToolResult{2, lineEach, ""}));
+}
+
+TEST_F(Tool, ValidateNamesWhatIsWrongAndHowOften) {
+  // Feature 7 loses its points to its successor of the same number; 8 has none.
+  WriteFile(dir / "a", Survey({Header2(), Feature(7), Point(7, 1), Feature(8), Feature(7), Point(7, 1, {.x = 1}),
+                               Point(9, 2), Attribute(9, "x"), EndOf(9), ByteVector(Header2()), Note("old", 0, 1)}));
+  std::string codes;
+  const json got = json::parse(Run("validate --json @a").out);
+  for (const char* const list : {"problems", "remarks"}) {
+    for (const json& finding : got[list]) codes += std::string(finding["code"]) + finding["numbers"].dump() + " ";
+  }
+  EXPECT_EQ(codes,
+            "featuresWithoutPoints[8] featureNumbersUsedAgain[7] pointNumbersUsedAgain[1] pointsWithoutFeature[] "
+            "attributesWithoutFeature[] endsWithoutFeature[] extraHeaders[] headerFeatureCount[] headerPointCount[] "
+            "headerExtent[] recordsOfVersion1[] notClosedCleanly[] ");
+  EXPECT_EQ(Run("validate @a").status, 0);
+  EXPECT_EQ(Run("validate --strict @a").status, 1);
+  EXPECT_NE(Run("validate @a").out.find("@a: whole, with problems\n  problem: 1 feature without points: 8\n"),
+            std::string::npos);
 }
 
 }  // namespace

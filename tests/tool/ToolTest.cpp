@@ -1,14 +1,16 @@
 // What every sub-command does alike, dump of records, and info.
-#include "tests/tool/RunTool.h"
-
 #include <nlohmann/json.hpp>
+
+#include "tests/support/Records.h"
+#include "tests/tool/RunTool.h"
 
 namespace kesp::test {
 namespace {
 
 using nlohmann::json;
 
-const ByteVector kEnd7 = Record(4, 1, 0, Hex("07 00 00 00"));        // offset 50, 18 bytes
+const ByteVector kHead = FileHeader() + ByteVector(Header2());       // 4150 bytes
+const ByteVector kEnd7 = Record(4, 1, 0, Hex("07 00 00 00"));        // 18 bytes
 const ByteVector kDeletedEnd = Record(4, 1, 1, Hex("08 00 00 00"));  // a deleted one
 const ByteVector kUnknown = Record(200, 3, 0, Hex("aa bb"));         // of a type that nobody knows
 const ByteVector kWhole = kEnd7 + kUnknown + kDeletedEnd;
@@ -17,10 +19,10 @@ const ByteVector kShortFeature = Record(1, 1, 0, Hex("07 00 00 00"));      // sh
 
 TEST_F(Tool, DumpWritesEachRecordAndHowTheWalkEnded) {
   const std::string end7 =
-      R"({"offset":50,"type":"featureEnd","version":1,"flags":0,"deleted":false,"length":4,"fields":{"FeatureNumber":7}}
+      R"({"offset":4150,"type":"featureEnd","version":1,"flags":0,"deleted":false,"length":4,"fields":{"FeatureNumber":7}}
 )";
   const std::string end8 =
-      R"({"offset":84,"type":"featureEnd","version":1,"flags":1,"deleted":true,"length":4,"fields":{"FeatureNumber":8}}
+      R"({"offset":4184,"type":"featureEnd","version":1,"flags":1,"deleted":true,"length":4,"fields":{"FeatureNumber":8}}
 )";
   const struct {
     ByteVector records;
@@ -31,22 +33,28 @@ TEST_F(Tool, DumpWritesEachRecordAndHowTheWalkEnded) {
   } kCases[] = {
       {kWhole, "--records", end7, 1, "Normal EOF", ""},
       {kWhole, "--include-deleted", end7 + end8, 1, "Normal EOF", ""},
-      {kEnd7 + kUnknown + kBadFeature + kEnd7, "", end7, 5, "Bad Record", "@a: damaged at offset 84: Bad Record"},
-      {kDeletedEnd + kShortFeature, "", "", 2, "EOF Error", "@a: damaged at offset 68: EOF Error"},
-      {Record(6, 0, 0, Hex("00")), "", "", 0, "No Error", "@a: damaged at offset 50: a record body that can't be read"},
+      {kEnd7 + kUnknown + kBadFeature + kEnd7, "", end7, 5, "Bad Record",
+       "kesp: @a: damaged at offset 4184: the record there has impossible contents (Bad Record)\n"},
+      {kDeletedEnd + kShortFeature, "", "", 2, "EOF Error",
+       "kesp: @a: damaged at offset 4168: the record there is cut short (EOF Error)\n"},
+      {Record(6, 0, 0, Hex("00")), "", "", 0, "No Error",
+       "kesp: @a: damaged at offset 4150: the record there can't be read\n"},
   };
   // clang-format on
   for (const auto& c : kCases) {
-    WriteFile(dir / "a", FileHeader() + c.records);
+    WriteFile(dir / "a", kHead + c.records);
     const std::string end = R"({"end":{"error":)" + std::to_string(c.error) + R"(,"message":")" + c.message + "\"}}\n";
-    EXPECT_EQ(Run("dump @a " + c.mode), (ToolResult{!c.err.empty(), c.out + end, c.err}));
+    const ToolResult got = Run("dump @a " + c.mode);
+    EXPECT_EQ(got.status, c.err.empty() ? 0 : 1);
+    EXPECT_EQ(got.out.substr(got.out.find('\n') + 1), c.out + end) << "after the header";
+    EXPECT_EQ(got.err.substr(0, got.err.find('\n') + 1), c.err);
   }
 }
 
 TEST_F(Tool, DumpKeepsEveryUnitAndEveryDouble) {
   ByteVector note = Hex("22 00 5c 00 0a 00 7f 00 e9 00 3c d8 33 df 33 df 00 00 41 00");  // ends at the zero unit
   note.resize(512);
-  ByteVector file = FileHeader() + Record(6, 2, 0, note);
+  ByteVector file = kHead + Record(6, 2, 0, note);
   std::vector<std::string> wanted{R"("NoteText":"\u0022\u005c\u000a\u007f\u00e9\ud83c\udf33\udf33")"};
   const std::pair<const char*, std::string> kDoubles[] = {
       {"00 00 00 00 00 00 00 80", "-0.0"},    {"9a 99 99 99 99 99 b9 3f", "0.1"},
@@ -63,55 +71,68 @@ TEST_F(Tool, DumpKeepsEveryUnitAndEveryDouble) {
 }
 
 TEST_F(Tool, InfoCountsAndFindsTheFirstDamage) {
-  // At 1.5 east and -2 north, 10 seconds into 1970.
-  const ByteVector point = Record(2, 2, 0, Hex("00*50 0a 00 00 00 00*6 00 c0 00*6 f8 3f 00*38"));
-  WriteFile(dir / "a",
-            FileHeader() + kEnd7 + kDeletedEnd + point + kUnknown + Record(5, 9, 1, Hex("00")) + kBadFeature);
-  const ToolResult got = Run("info --json @a");
-  EXPECT_EQ(got.status, 1);
-  EXPECT_EQ(got.err, "@a: damaged at offset 239: Bad Record");
-  json info = json::parse(got.out);
-  for (const char* const member : {"path", "dataset", "length", "headerWord", "firstRecordOffset"}) info.erase(member);
-  EXPECT_EQ(info, json::parse(R"({"fileVersion":3,"header":null,"closedCleanly":null,"points":1,"firstTime":10,
-      "lastTime":10,"extent":{"minX":1.5,"maxX":1.5,"minY":-2.0,"maxY":-2.0},"end":{"error":5,"message":"Bad Record"},
-      "records":[{"type":"point","version":2,"count":1,"deleted":0},
+  const ByteVector point = Point(9, 1, {.time = 10, .x = 1.5, .y = -2});
+  const ByteVector records = kEnd7 + kDeletedEnd + point + kUnknown + Record(5, 9, 1, Hex("00")) + kBadFeature;
+  WriteFile(dir / "a", kHead + records);
+  json info = json::parse(Run("info --json @a").out);
+  for (const char* const member : {"path", "dataset", "length", "headerWord", "firstRecordOffset", "header"}) {
+    info.erase(member);
+  }
+  EXPECT_EQ(info, json::parse(R"~({"fileVersion":3,"whole":false,"closedCleanly":false,"points":1,
+      "firstTime":"1970-01-01T00:00:10Z","firstTimeUnix":10,"lastTime":"1970-01-01T00:00:10Z","lastTimeUnix":10,
+      "extent":{"minX":1.5,"maxX":1.5,"minY":-2.0,"maxY":-2.0},"end":{"error":5,"message":"Bad Record"},"error":null,
+      "records":[{"type":"point","version":2,"count":1,"deleted":0},{"type":"header","version":2,"count":1,"deleted":0},
       {"type":"featureEnd","version":1,"count":2,"deleted":1},{"type":"attribute","version":9,"count":1,"deleted":1},
-      {"type":200,"version":3,"count":1,"deleted":0}],
-      "damage":{"offset":239,"message":"damaged at offset 239: Bad Record"}})"));
-  EXPECT_NE(Run("info @a").out.find("\n  featureEnd v1   2 (1 deleted)\n"), std::string::npos);
+      {"type":200,"version":3,"count":1,"deleted":0}],"damage":{"offset":4339,
+      "message":"damaged at offset 4339: the record there has impossible contents (Bad Record)"}})~"));
+  const std::string text = Run("info @a").out;
+  EXPECT_NE(text.find("\n  featureEnd v1   2 (1 deleted)\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("  points          0\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("All points        1\n  X               1.5 .. 1.5\n"), std::string::npos) << text;
+
+  WriteFile(dir / "b", kHead + kEnd7);
+  const ToolResult table = Run("info @b @a @none");
+  EXPECT_EQ(table.status, 2);
+  EXPECT_EQ(table.out,
+            "STATE     VERSION  FEATURES  POINTS  RECORDS  BYTES  FILE\n"
+            "whole           3         0       0        2   4168  @b\n"
+            "damaged         3         0       1        6   4387  @a\n"
+            "unusable        -         -       -        -      -  @none\n");
 
   ByteVector header(4086);
   header[10] = 0x1B;  // HeaderText1: an escape character, which must not reach a terminal
   for (const bool closed : {false, true}) {
     header[0] = closed;
     WriteFile(dir / "a", FileHeader() + Record(3, 2, 0, header));
-    const std::string text = Run("info @a").out;
-    EXPECT_NE(text.find(closed ? "Closed cleanly    yes\n" : "Closed cleanly    no\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("HeaderText1     \\u001b\n"), std::string::npos) << text;
+    const std::string shown = Run("info @a").out;
+    EXPECT_NE(shown.find(closed ? "Closed cleanly    yes\n" : "Closed cleanly    no\n"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("HeaderText1     \\u001b\n"), std::string::npos) << shown;
   }
 }
 
 TEST_F(Tool, TakesEveryFileNameAndTellsWhatIsWrong) {
   for (const std::string name : {"\xFF\xFE", "\xED\xB2\x80", "\xF0\x9F\x8C\xB3", "dump", " ", "[a,b]", "a\nb"}) {
-    WriteFile(dir / name, FileHeader() + kEnd7);
+    WriteFile(dir / name, kHead + kEnd7);
     EXPECT_EQ(RunTool({"dump", dir / name}).status, 0) << name;
   }
-  for (const char* const line : {"", "frob", "dump", "dump a b", "info --frob a", "dump /none/x"}) {
+  for (const char* const line : {"frob", "dump", "dump a b", "info --frob a", "dump /none/x"}) {
     const ToolResult got = Run(line);
-    EXPECT_TRUE(got.status == 2 && !got.err.empty() && !got.err.ends_with('\n')) << line;
+    EXPECT_EQ(got.status, 2) << line;
+    EXPECT_NE(got.err, "") << line;
   }
+  EXPECT_EQ(Run("info /none/\x1b[1m").err, "/none/\\u001b[1m: No such file or directory") << "can't steer a terminal";
   EXPECT_EQ(Run("info /none/x"), (ToolResult{2, "", "/none/x: No such file or directory"}));
   EXPECT_EQ(Run("dump " KESP_TOOL).out, "{\"end\":{\"error\":9,\"message\":\"Bad KESP Signature\"}}\n");
   EXPECT_EQ(Run("--help").status + Run("--version").status, 0);
 }
 
 TEST_F(Tool, OutputThatIsLostIsAnErrorUnlessNobodyWantsIt) {
-  ByteVector many = FileHeader();
+  ByteVector many = kHead;
   for (int i = 0; i < 5000; ++i) Append(many, kEnd7);  // more than a pipe and the tool's buffer hold
   const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
   int pipeEnds[2];
   ASSERT_TRUE(::pipe(pipeEnds) == 0 && ::close(pipeEnds[0]) == 0);
-  for (const ByteVector& file : {many, FileHeader() + kEnd7}) {
+  for (const ByteVector& file : {many, kHead + kEnd7}) {
     WriteFile(dir / "a", file);
     EXPECT_EQ(Run("dump @a", full), (ToolResult{2, "", "standard output: No space left on device"}));
     EXPECT_EQ(Run("dump @a", -1).status, 2);

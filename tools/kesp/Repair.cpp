@@ -121,7 +121,7 @@ Verdict OpenSource(CKespDataFile& source, const RepairOptions& options) {
   if (!refused) return VerdictOf(source);
   const CString path = CString::FromPathBytes(options.source);
   if (refused->cause == Verdict::Cause::kTooLong) {
-    if (options.first4Gib) (void)source.OpenReadOnly(path);
+    if (options.first4Gib && source.OpenReadOnly(path)) source.LimitLength(kLongest);
     return *refused;
   }
   const bool isHeader = refused->error == KESP_ERROR_SIGNATURE || refused->error == KESP_ERROR_FILE_HEADER ||
@@ -134,7 +134,7 @@ bool Make(CKespDataFile& source, const NewFile& copy, const RepairOptions& optio
   // cppcheck-suppress unreadVariable
   const Growth growth(copy, source.m_file.KnownLength());
   if (options.salvage && !options.first4Gib) return Salvage(source, copy.Path(), options.format, report);
-  return Rebuild(source, copy.Path(), options.format, report, kLongest);
+  return Rebuild(source, copy.Path(), options.format, report);
 }
 
 // Read once more: a copy that is given out as whole has been seen to be so.
@@ -189,7 +189,9 @@ ExitStatus Repair(const RepairOptions& options, Output& out) {
     WriteText(out, source, rebuilt);
   }
   out.Flush();
-  return rebuilt.source.IsWhole() ? kExitWhole : kExitDamaged;
+  if (rebuilt.source.IsWhole()) return kExitWhole;
+  Complain(options.source, rebuilt.source.Describe());
+  return kExitDamaged;
 }
 
 }  // namespace kesp::tool
