@@ -1,7 +1,7 @@
-// What does the library add to the price of a record that is on the disk when the call returns?
+// What does the library add to the cost of a record that is on the disk when the call returns?
 //
-// A version-2 point (122 bytes with its header) is appended; the loop beside it makes the system calls that no such
-// append can do without: one pwrite, one fdatasync, one futimens.
+// A version-2 point (122 bytes with its header) is appended. It is compared with a loop of the system calls that such
+// an append needs: one pwrite, one fdatasync, one futimens.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,7 +16,7 @@
 namespace {
 
 constexpr std::size_t kPointRecordSize = 122;
-constexpr int kRun = 50;  // records by the one way before the other has its turn, so that both meet the same weather
+constexpr int kRun = 50;  // records in turn by each way, so that both meet the same conditions
 
 class BareFile {
  public:
@@ -39,7 +39,7 @@ class BareFile {
   off_t m_end = 0;
 };
 
-// "times_bare": how many times as long as the bare calls AppendRecord takes.
+// "times_bare": the time of AppendRecord divided by that of the bare calls.
 void Append(benchmark::State& state, const std::filesystem::path& parent, bool waitsForDevice) {
   const bench::ScratchFolder folder(parent);
   CKespDataFile file;
@@ -51,7 +51,7 @@ void Append(benchmark::State& state, const std::filesystem::path& parent, bool w
     ++point.PointNumber;
     if (!file.AppendRecord(&point, 0)) throw std::runtime_error("a record is not appended");
   };
-  appendPoint();  // the first one also makes the folder keep the file
+  appendPoint();  // the first append also syncs the directory
   bare.Append();
 
   std::vector<double> ratios;

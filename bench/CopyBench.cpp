@@ -1,9 +1,8 @@
-// What does a copy cost beside the system's own `cp`, in the same folder?
+// What does a copy cost, compared with the system's own `cp` in the same folder?
 //
-// Each pair is one after the other over the same cached file of 256 MiB, now the one first and now the other; the
-// destination is deleted before each. In memory both are measured by the processor time of a process that copies; on a
-// disk by the time that passes, where `cp` is followed by `sync` of its copy, since ours is on the disk when it
-// answers.
+// Each pair copies the same cached file of 256 MiB, one after the other; the order alternates, and the destination is
+// deleted before each copy. In memory the clock is the processor time of a process that copies. On a disk it is the
+// time that passes; there `cp` is followed by `sync` of its copy, since ours is on the disk when it returns.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -47,7 +46,7 @@ bool Copy(const std::string& source, const std::string& copy) {
   return file.OpenReadOnly(CString(source)) && file.Copy(CString(copy));
 }
 
-// "times_cp": how many times as long as cp the copy takes.
+// "times_cp": the time of the copy divided by that of cp.
 void CopyAgainstCp(benchmark::State& state) {
   const bool inMemory = state.range(0) != 0;
   const std::string& source = Source(inMemory);

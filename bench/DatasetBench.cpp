@@ -1,8 +1,8 @@
-// What does a whole survey in memory cost beside the bare walk over its file? And does a record cost the same among two
-// million as among twenty thousand: in reading, in the summary, in each family of queries, in deleting?
+// What does reading a whole survey into memory cost, compared with only walking over its file? And is the cost per
+// record the same among two million as among twenty thousand: in reading, the summary, each family of queries,
+// deleting?
 //
-// Run under GLIBC_TUNABLES=glibc.malloc.hugetlb=1: else the ratios are mostly those of pages touched for the first
-// time.
+// Run with GLIBC_TUNABLES=glibc.malloc.hugetlb=1. Otherwise the ratios mostly measure pages touched for the first time.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -47,8 +47,8 @@ long ResidentBytes() {
   return resident * ::sysconf(_SC_PAGESIZE);
 }
 
-// "times_walk": reading into a data set, beside making and deleting every record. "memory_to_file": what it occupies
-// then, against the length of the file.
+// "times_walk": the time of reading into a data set divided by that of a walk that makes and deletes every record.
+// "memory_to_file": the memory that the data set then occupies, divided by the length of the file.
 void ReadAgainstWalk(benchmark::State& state) {
   const long features = state.range(0) * 1000 * 1000 / kBytesEach;
   const std::string& path = FileOf(features);
@@ -56,7 +56,7 @@ void ReadAgainstWalk(benchmark::State& state) {
   std::vector<double> ratios;
   double memory = 0;
   const auto once = [&] {
-    // The time that passes: reading has a second thread, whose work the processor time of this one would leave out.
+    // The time that passes: the processor time of this thread would leave out the second thread of the read.
     const double walk = bench::Seconds([&] { bench::Walk(path, features); });
     CKespFile survey;
     Open(survey, path, true);
@@ -65,7 +65,7 @@ void ReadAgainstWalk(benchmark::State& state) {
     ratios.push_back(read / walk);
     state.SetIterationTime(read);
   };
-  once();  // the first one also touches the memory that the others use again
+  once();  // the first read also touches the memory that later ones use again
   ratios.clear();
   for (auto _ : state) once();
   state.counters["times_walk"] = bench::Median(ratios);
@@ -74,8 +74,8 @@ void ReadAgainstWalk(benchmark::State& state) {
 }
 BENCHMARK(ReadAgainstWalk)->ArgName("MB")->Arg(200)->Iterations(15)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// "times_alone": two files read into two data sets by two threads at once, without threads that read ahead, beside one
-// of them alone. 1 when nothing is shared but the memory; with one processor it is 2.
+// "times_alone": the time in which two threads read two files at once, without reading ahead, divided by that of one
+// alone. It is 1 when they share nothing but the memory, and 2 with one processor.
 void TwoAtOnce(benchmark::State& state) {
   const long features = state.range(0) * 1000 * 1000 / kBytesEach;
   const std::string& path = FileOf(features);
@@ -106,7 +106,7 @@ BENCHMARK(TwoAtOnce)->ArgName("MB")->Arg(200)->Iterations(15)->UseManualTime()->
 
 using Surveys = std::vector<std::unique_ptr<CKespFile>>;
 
-// As many surveys of a file as make two million records: the processor's caches hold no more of the next short one
+// Enough surveys of the file for two million records: so the processor's caches hold no more of the next short survey
 // than of the rest of the long one.
 Surveys OpenMany(long features) {
   Surveys surveys;
@@ -123,7 +123,7 @@ double TimeOver(const Surveys& surveys, const std::function<void(CKespFile&)>& w
   });
 }
 
-// "long_to_short": the time that some work takes for each record of a long survey, against short ones.
+// "long_to_short": the time per record that `work` takes in a long survey, divided by that in short ones.
 void TimePerRecord(benchmark::State& state, const std::function<void(CKespFile&)>& work) {
   const Surveys longOnes = OpenMany(kLong);
   const Surveys shortOnes = OpenMany(kShort);
@@ -138,7 +138,7 @@ void TimePerRecord(benchmark::State& state, const std::function<void(CKespFile&)
   state.counters["long_to_short"] = bench::Median(ratios);
 }
 
-// The same for reading, into new memory each time, of which the pool has some left from the time before.
+// The same for reading. Each read takes new memory, part of which the pool has kept from the read before.
 void ReadPerRecord(benchmark::State& state) {
   std::vector<double> ratios;
   for (auto _ : state) {
@@ -152,7 +152,7 @@ void ReadPerRecord(benchmark::State& state) {
 BENCHMARK(ReadPerRecord)->Iterations(3)->UseManualTime()->Unit(benchmark::kNanosecond);
 
 template <class Query>
-std::function<void(CKespFile&)> Asking(Query query) {
+std::function<void(CKespFile&)> Running(Query query) {
   return [query](CKespFile& survey) {
     int count = 0;
     ErrorEnum error = ERR_NONE;
@@ -180,25 +180,25 @@ const auto kRegistered = [] {
     survey.GetKespDataSummary(points, features, extent, first, last, text);
     benchmark::DoNotOptimize(points);
   });
-  add("records_by_flags", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+  add("records_by_flags", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
         return survey.GetRecordsWhereFlags(LOGIC_ANY, 2, count, error);
       }));
-  add("features_by_type", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+  add("features_by_type", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
         return survey.GetFeaturesWhereType(LOGIC_EQUAL, KESP_FEATURE_LINE, count, error);
       }));
-  add("features_by_name", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+  add("features_by_name", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
         return survey.GetFeaturesWhereName(LOGIC_ALL, u"77", count, error);
       }));
-  add("features_by_number", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+  add("features_by_number", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
         return survey.GetFeaturesWhereAttribute(u"girth_cm", LOGIC_LESS, 50.0, count, error);
       }));
-  add("features_by_text", Asking([](CKespFile& survey, int& count, ErrorEnum& error) {
+  add("features_by_text", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
         return survey.GetFeaturesWhereAttribute(u"state", LOGIC_EQUAL, CString(u"SOUND"), count, error);
       }));
   return 0;
 }();
 
-// "long_to_short" of deleting one feature in a thousand, each with its 14 points and attributes, on disk.
+// "long_to_short" of deleting one feature in a thousand with its 14 points and attributes, also in the file.
 void DeleteOneInAThousand(benchmark::State& state) {
   const bench::ScratchFolder folder("/dev/shm");
   const auto timeOf = [&](long features) {

@@ -1,7 +1,8 @@
-// What does `kesp find` cost beside opening the survey and reading it into a data set?
+// What does `kesp find` cost, compared with opening the survey and reading it into a data set?
 //
-// Each pair is one after the other over the same cached file, both in a process of their own and measured by its
-// processor time. KESP_BENCH_MB in the environment is the length of the file in megabytes; 200 without it.
+// Each pair runs one after the other over the same cached file, each in its own process. The clock is the processor
+// time of that process. The environment variable KESP_BENCH_MB is the length of the file in megabytes; the default is
+// 200.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -23,7 +24,7 @@ bool Read(const std::string& path) {
   return file.OpenKespReadOnly(CString(path), message) == ERR_NONE && file.ReadKespFile(false) == ERR_NONE;
 }
 
-// "times_read": how many times as long as reading alone the search takes.
+// "times_read": the time of the search divided by that of reading alone.
 template <class... Words>
 void Find(benchmark::State& state, const Words&... words) {
   const std::string& path = Survey();

@@ -1,4 +1,4 @@
-// What the benchmarks share: a folder for their files, three clocks, and the median that they report.
+// Shared by the benchmarks: a folder for their files, three clocks, and the median that they report.
 #pragma once
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -18,7 +18,7 @@
 
 namespace bench {
 
-// A folder of this process's own, removed with all that is in it.
+// A new folder, removed with its content by the destructor.
 class ScratchFolder {
  public:
   explicit ScratchFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
@@ -47,8 +47,8 @@ double Seconds(Work&& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Seconds that the processor spends on `work` in this thread, inside the system too: for work that waits for no
-// device, this is its time on a machine that has nothing else to do.
+// Processor seconds that this thread spends on `work`, in the system too. For work that waits for no device, this is
+// the time that it takes on an idle machine.
 template <class Work>
 double CpuSeconds(Work&& work) {
   const auto now = [] {
@@ -61,8 +61,8 @@ double CpuSeconds(Work&& work) {
   return now() - start;
 }
 
-// The same for `work` in a process of its own, which begins with no memory in use; with it another program is measured
-// like our own code. True from `work` when all went well.
+// The same for `work` in its own process, where no memory is in use yet. Measures another program in the same way as
+// our own code. `work` returns true on success.
 template <class Work>
 double ChildCpuSeconds(Work&& work) {
   const pid_t child = ::fork();
@@ -83,7 +83,7 @@ double ChildCpuSeconds(Work&& work) {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// Becomes another program, which says nothing; returns when there is none.
+// Replaces this process by another program, without its output. Returns, with false, only if that fails.
 template <class... Words>
 bool Become(const char* program, const Words&... words) {
   if (::freopen("/dev/null", "w", stdout) == nullptr) return false;
@@ -91,7 +91,7 @@ bool Become(const char* program, const Words&... words) {
   return false;
 }
 
-// Of at least one value. What else the machine does pulls at a mean, and hardly at the median of pairs taken at once.
+// Of at least one value. Other work on the machine shifts a mean, but hardly the median of pairs run together.
 inline double Median(std::vector<double> values) {
   const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
   std::nth_element(values.begin(), middle, values.end());

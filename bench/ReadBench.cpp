@@ -1,7 +1,7 @@
-// What does making every record of a file into an object cost, beside reading the same bytes and looking at none of
-// them? And does a record cost the same in a short file and in a long one?
+// What does it cost to make every record of a file into an object, compared with reading the bytes alone? And is the
+// cost per record the same in a short file and in a long one?
 //
-// The files are in the page cache when the clock runs, which is the processor's: nothing waits for a device.
+// The files are in the page cache, so nothing waits for a device. The clock is the processor time.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ void ReadPlain(const std::string& path) {
   ::close(fd);
 }
 
-// "times_plain": how many times as long as the plain read the walk takes; both are run once in each iteration.
+// "times_plain": the time of the walk divided by that of the plain read. Each iteration runs both once.
 void WalkAgainstPlainRead(benchmark::State& state) {
   const long features = state.range(0) * 1000 * 1000 / kBytesEach;
   const std::string& path = FileOf(features);
@@ -53,8 +53,8 @@ BENCHMARK(WalkAgainstPlainRead)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
-// "long_to_short": the time of a record among two million against one among twenty thousand. The long file is walked
-// first in each iteration: the processor's caches hold nothing of the short one then.
+// "long_to_short": the time per record among two million divided by that among twenty thousand. The long file is walked
+// first in each iteration, so that the processor's caches hold nothing of the short one.
 void TimePerRecord(benchmark::State& state) {
   const long shortFile = 20 * 1000 / kRecordsEach;
   const long longFile = 2000 * 1000 / kRecordsEach;

@@ -1,8 +1,9 @@
-// What does salvaging cost beside rebuilding, and does a record cost the same in a short file and in a long one?
+// What does salvaging cost, compared with rebuilding? And is the cost per record the same in a short file and in a long
+// one?
 //
-// The files hold points, notes and ends from a fixed seed; one byte in `damage` thousand is overwritten, in stretches
-// of 100. The clock is the processor's, and the files are in a file system in memory: what a rebuild waits for on a
-// disk is not what is asked.
+// The files hold points, notes and ends from a fixed seed. `damage` bytes in a thousand are overwritten, in stretches
+// of about 100. The files are in a file system in memory and the clock is the processor time, so the disk has no
+// influence.
 #include <benchmark/benchmark.h>
 
 #include <fstream>
@@ -28,7 +29,7 @@ const bench::ScratchFolder& Folder() {
   return folder;
 }
 
-// The file of that many thousand records, damaged or not, made when it is first asked for.
+// The file with that many thousand records, damaged or not; made at the first call.
 const std::string& FileOf(long thousands, long damage) {
   static std::map<std::pair<long, long>, std::string> files;
   std::string& path = files[{thousands, damage}];
@@ -67,7 +68,7 @@ const std::string& FileOf(long thousands, long damage) {
 }
 
 double Salvage(const std::string& path) {
-  std::filesystem::remove(Folder() / "salvaged");  // or emptying the one before would count
+  std::filesystem::remove(Folder() / "salvaged");  // else emptying the last one would be measured
   CKespDataFile file;
   if (!file.OpenReadOnly(CString(path))) throw std::runtime_error("can't open " + path);
   kesp::SalvageReport report;
@@ -76,7 +77,7 @@ double Salvage(const std::string& path) {
   });
 }
 
-// "times_rebuild": how many times as long as CopyVerify takes over the undamaged file.
+// "times_rebuild": the time of the salvage divided by that of CopyVerify over the undamaged file.
 void SalvageAgainstRebuild(benchmark::State& state) {
   constexpr long kThousands = 400;
   std::vector<double> ratios;
@@ -102,7 +103,7 @@ BENCHMARK(SalvageAgainstRebuild)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
-// "long_to_short": the time of a record among 800 thousand against one among 20 thousand.
+// "long_to_short": the time per record among 800 thousand divided by that among 20 thousand.
 void TimePerRecord(benchmark::State& state) {
   std::vector<double> ratios;
   for (auto _ : state) {

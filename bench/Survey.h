@@ -1,5 +1,5 @@
-// The surveys that the benchmarks read: features of 16 records each (a feature, 4 attributes, 10 points, an end; 8680
-// bytes) behind a header record, the same ones in every run.
+// The surveys that the benchmarks read: a header record, then features of 16 records each (a feature, 4 attributes, 10
+// points, an end; 8680 bytes). They are the same in every run.
 #pragma once
 #include <algorithm>
 #include <array>
@@ -20,7 +20,7 @@ constexpr long kRecordsEach = 16;
 constexpr long kBytesEach = 8680;
 constexpr long kBlock = 1 << 20;  // bytes
 
-// Features as a surveyor leaves them; the same ones in every run.
+// Writes the header and the features of a typical survey, the same in every run.
 class Surveyor {
  public:
   explicit Surveyor(CFile& file) : m_file(file) {}
@@ -84,7 +84,7 @@ class Surveyor {
     attribute.Value = value;
     Write(attribute);
   }
-  // Straight through the file object: an append waits for the disk, and this file is only read.
+  // Through the file object: an append would wait for the disk, which this file does not need.
   void Write(CKespRecord& record) {
     const auto header = kesp::EncodeRecordHeader(
         {record.m_recordType, record.m_recordVersion, record.m_flags, static_cast<std::uint32_t>(record.GetLength(0))});
@@ -96,7 +96,7 @@ class Surveyor {
   std::mt19937 m_random{20240229};
 };
 
-// The file of that many features, made when it is first asked for.
+// The file with that many features; made at the first call.
 inline const std::string& FileOf(long features) {
   static const ScratchFolder folder;
   static std::map<long, std::string> files;
@@ -110,7 +110,7 @@ inline const std::string& FileOf(long features) {
   file.SeekToEnd();
   Surveyor surveyor(file);
   surveyor.WriteHeader();
-  // In long writes, which leave the page cache in large pieces: the plain read is never faster than then.
+  // In long writes, so that the page cache holds the file in large pieces: the plain read is fastest then.
   for (long i = 0; i < features;) {
     CFile::Gather gather(file);
     for (const long end = std::min(features, i + kBlock / kBytesEach); i < end;) {
@@ -118,11 +118,11 @@ inline const std::string& FileOf(long features) {
     }
     gather.Commit();
   }
-  file.Flush();  // or the system would be writing it out while the clock runs
+  file.Flush();  // else the system would write it to the disk while the clock runs
   return path;
 }
 
-// Every object is made and deleted.
+// Makes and deletes an object for each record.
 inline void Walk(const std::string& path, long features) {
   CKespDataFile file;
   if (!file.OpenReadOnly(CString(path)) || !file.SeekToFirstRecord()) throw std::runtime_error("can't open " + path);

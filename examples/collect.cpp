@@ -1,10 +1,9 @@
-// Collects a survey through the data set: writes it, opens it again, adds to it, deletes from it, and asks it
-// questions.
+// Collects a survey with the data set: writes it, opens it again, adds to it, deletes from it, and runs queries.
 //
 //   collect garden.kesp
 //
-// Where write_survey puts records into the container one by one, here the data set, CKespFile, makes them, queues them
-// and writes them, and holds the whole file in memory when it is read.
+// write_survey appends records to the container one by one. Here the data set, CKespFile, makes the records, queues
+// them and writes them, and holds the whole file in memory when it is read.
 #include <cstddef>
 #include <cstdint>
 #include <iostream>
@@ -28,19 +27,19 @@ void Require(ErrorEnum error, const std::string& what) {
   if (error != ERR_NONE) throw std::runtime_error(what + ": error " + std::to_string(error));
 }
 
-// The answers of single appends and rewrites are not looked at by the data set; here it shows whether one failed.
+// The data set ignores the results of single appends and rewrites. This checks whether one of them failed.
 void RequireWritten(const CKespFile& survey) {
   const CKespDataFile& container = *survey.m_pDataFile;
   if (!container.IsOpen() || container.GetSystemError() != 0) throw std::runtime_error("not all could be written");
 }
 
-// Records on their way into a file. What is queued stays its caller's, and must not be deleted while it is queued; a
-// header that is left in the queue is even deleted by the data set.
+// Owns records until they are written. Queued records still belong to the caller, and must not be deleted while they
+// are queued. A header that is left in the queue would be deleted by the data set too.
 class Batch {
  public:
-  // What was read from a file stands in the queue as well, and would be written once more.
+  // Records that were read from a file are in the queue too, and would be written again.
   explicit Batch(CKespFile& survey) : m_survey(survey) { m_survey.ClearQueueWithoutWriting(); }
-  ~Batch() { m_survey.ClearQueueWithoutWriting(); }  // and only then the records go
+  ~Batch() { m_survey.ClearQueueWithoutWriting(); }  // before the records are deleted
   Batch(const Batch&) = delete;
   Batch& operator=(const Batch&) = delete;
 
@@ -70,12 +69,12 @@ class Batch {
   std::vector<std::unique_ptr<CKespRecord>> m_records;
 };
 
-// Numbers are the caller's business: points are numbered through the whole survey.
+// The caller chooses the numbers. Points are numbered through the whole survey.
 void AddPoint(CKespFile& survey, CKespFeature& feature, std::uint32_t number, double east, double north) {
   const std::int32_t time = kMorning + 20 * static_cast<std::int32_t>(number);
   CKespPoint* const point = survey.CreatePoint(number, CString("P" + std::to_string(number)), time, north, east, 116.0,
                                                feature.GetFeatureNumber());
-  feature.AddPoint(point);  // from here on the feature's
+  feature.AddPoint(point);  // the feature owns it now
   survey.AddGpsInfoToPoint(*point, 1.2, 9, KESP_SIGNAL_STATUS_3);
 }
 
@@ -140,7 +139,7 @@ void Write(const CString& path) {
   batch.Add(survey.CreateTagGps(1, 1, 1, 2, 2));                   // how well
   batch.Add(survey.CreateTagGpsEx(2, 0.8F, 0.9F, 1.2F, 1.5F, 9));
   batch.Add(survey.CreateTagFeatureLink(kPath, 0, kLawn, 0, 0));  // the path leads to the lawn
-  // A file that exists is refused and left as it is.
+  // Refuses an existing file and leaves it as it is.
   Require(survey.WriteNewKespFileFromQueue(path), path.ToPathBytes() + " can't be written");
   RequireWritten(survey);
   Require(survey.CloseKesp(), "the file can't be closed");
@@ -150,7 +149,7 @@ void Open(CKespFile& survey, const CString& path) {
   CString message;
   Require(survey.OpenKesp(path, message), "the file can't be opened: " + message.ToUtf8());
   (void)survey.ReadKespFile(false);
-  // What is appended after damage would never be found.
+  // Records appended after damage can't be read.
   if (!survey.WasReadToEnd()) throw std::runtime_error("the file can't be read to its end");
 }
 
@@ -167,11 +166,11 @@ void Append(const CString& path) {
 void DeleteBench(const CString& path) {
   CKespFile survey;
   Open(survey, path);
-  CKespFeature* bench = nullptr;  // the data set's, also when it is deleted in the file
+  CKespFeature* bench = nullptr;  // owned by the data set, also after it is deleted in the file
   Require(survey.GetFeature(kBench, bench), "there is no bench");
   Require(survey.DeleteFeatureAndAssociatedRec(bench), "the bench can't be deleted");
 
-  // With the summary of what is left in the index. The extent given by the host stays as it is.
+  // Writes the summary of the features that are left. The host's extent stays as it is.
   Require(survey.UpdateKespHeader(L"", L"Made by collect", L"", L"Garden", L"", L"", 1, 0, 1, 0, false),
           "the header can't be brought up to date");
   RequireWritten(survey);
@@ -187,7 +186,7 @@ void Show(const CKespFeature& feature) {
   }
 }
 
-// What deleting leaves in a file is a feature without points, which passes the most tests.
+// Deleting leaves a feature without points in the file, which a search may accept.
 bool HasPoints(const CKespFeature& feature) { return feature.GetNumPoints() != 0; }
 
 void ShowMatches(CKespFile& survey, const char* title, CKespSearch& search) {
@@ -212,7 +211,7 @@ void Look(const CString& path) {
 
   int count = 0;
   ErrorEnum error = ERR_NONE;
-  // The array is the caller's, what it points to is not.
+  // The caller owns the array, but not the features in it.
   const std::unique_ptr<CKespFeature*[]> thick(
       survey.GetFeaturesWhereAttribute(L"Girth", LOGIC_GREATER, 2.0, count, error));
   std::cout << "Thicker than 2 m:\n";

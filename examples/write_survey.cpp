@@ -3,8 +3,8 @@
 //   write_survey survey.kesp
 //   kesp info survey.kesp
 //
-// A Kesp file is a row of records. A header describes the file; then each feature is followed by its attributes, its
-// points and an end mark, which all carry its number; notes and tags belong to the survey as a whole.
+// A Kesp file is a sequence of records. The header comes first and describes the file. Each feature is followed by its
+// attributes, its points and an end mark, which all have its number. Notes and tags belong to the whole survey.
 #include <cstdint>
 #include <iostream>
 #include <stdexcept>
@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr unsigned long kNewFile = 0;          // source flag for records of a file that is being made
+constexpr unsigned long kNewFile = 0;          // source flag for records of a new file
 constexpr std::int32_t kMorning = 1718003700;  // 10 June 2024, 07:15 UTC
 constexpr double kDateOfInspection = 45453;    // the same day, counted from 30 December 1899
 
@@ -23,12 +23,13 @@ class Survey {
  public:
   explicit Survey(const std::string& path) {
     const CString name(path);
-    // Create empties a file that exists, so it is not asked to.
+    // Create would empty an existing file.
     if (FileExists(name)) throw std::runtime_error(path + " exists");
     m_file.m_version = 3;
     if (!m_file.Create(name)) throw std::runtime_error(path + " can't be created");
 
-    // The header is written at once, so that a survey that is cut off can be read, and doesn't claim to be complete.
+    // The header is written first, without the clean-close mark: an interrupted survey can be read, but is not marked
+    // as complete.
     m_header.HeaderText1 = CString("Park survey");
     m_header.HeaderText2 = CString("Made by write_survey");
     m_header.CreationTime = kMorning;
@@ -36,7 +37,7 @@ class Survey {
     Append(m_header);
   }
 
-  // What is added behind this belongs to the feature, until End.
+  // What is added from here until End belongs to the feature.
   void BeginFeature(KESP_FEATURE_TYPE type, const CString& name, unsigned long color) {
     CKespFeature feature;
     feature.SetFeatureNumber(++m_header.FeatureCount);
@@ -90,7 +91,7 @@ class Survey {
     point.CoordZ = height;
     point.GpsNumber = 9;
     point.SignalStatus = KESP_SIGNAL_STATUS_3;
-    if (m_header.PointCount == 1) point.SetOffset(1.5, -0.25);  // measured from the path beside it
+    if (m_header.PointCount == 1) point.SetOffset(1.5, -0.25);  // measured from the path
     Append(point);
 
     m_extent.Include(east, north);
@@ -105,7 +106,7 @@ class Survey {
     Append(note);
   }
 
-  // A tag takes its kind from the arguments of Set.
+  // The types of the arguments decide the kind of the tag.
   template <class... Value>
   void AddTag(const Value&... value) {
     CKespTag tag;
@@ -113,8 +114,8 @@ class Survey {
     Append(tag);
   }
 
-  // Brings the header up to date and only then marks the file as closed cleanly. (A header that is written over one of
-  // version 2 says 2 in KespVersion, whatever it said; readers look at the records.)
+  // Updates the header and marks the file as closed cleanly, in one write. (A header that is written over one of record
+  // version 2 has 2 as its KespVersion, whatever it had before; readers go by the records.)
   void Finish() {
     m_extent.Get(m_header.DataExtent1, m_header.DataExtent2, m_header.DataExtent3, m_header.DataExtent4);
     m_header.SetCleanClose(true);
@@ -132,7 +133,7 @@ class Survey {
     attribute.SetFeatureNumber(m_header.FeatureCount);
     return attribute;
   }
-  // When this answers, the record is on the disk.
+  // The record is on the disk when this returns.
   void Append(CKespRecord& record) {
     if (!m_file.AppendRecord(&record, kNewFile)) throw std::runtime_error("a record can't be written");
   }

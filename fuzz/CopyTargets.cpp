@@ -1,4 +1,4 @@
-// What makes a file out of a file: the copy, the rebuild, the salvage, and the data set written anew.
+// Targets that make a file from a file: the copy, the rebuild, the salvage, and writing the data set that was read.
 #include <algorithm>
 #include <cerrno>
 #include <memory>
@@ -10,13 +10,13 @@
 namespace kesp::fuzz {
 namespace {
 
-constexpr std::size_t kFirst = 50;  // where the records begin in a file with a header of its own only
+constexpr std::size_t kFirst = 50;  // offset of the first record in a file without an application header
 
-// What is made of a file is made again of that, twice: a signal status too large for version 1 is still written there,
-// and only its reader makes it the largest.
+// The operation is repeated on its own result, twice: a signal status that is too large for version 1 is still written,
+// and is reduced to the largest value only when it is read.
 constexpr std::pair<const char*, const char*> kGenerations[] = {{"b", "c"}, {"c", "d"}};
 
-// One of the two for each input, or half the time went into the other.
+// One version for each input: trying both would halve the number of inputs.
 unsigned short VersionFor(Input input) { return input.size() % 2 == 0 ? 1 : 2; }
 
 struct Walked {
@@ -32,9 +32,9 @@ Walked WalkFrom(const CString& path, std::size_t first) {
   return walked;
 }
 
-// The bytes of a file, with 0 for the flag words of its records.
+// The bytes of a file, with the flag words of its records set to 0.
 Bytes WithoutMarks(MemorySystem& system, const char* path) {
-  constexpr std::size_t kFlags = 6;  // where they are in a record header
+  constexpr std::size_t kFlags = 6;  // offset in a record header
   Bytes bytes = system.At(path);
   CKespDataFile file;
   KESP_REQUIRE(file.OpenReadOnly(path));
@@ -66,7 +66,7 @@ void Rebuild(Input input) {
   }
   KESP_REQUIRE(system.At("a") == bytes && system.At("b").size() >= kFirst);
   KESP_REQUIRE(std::equal(bytes.begin(), bytes.begin() + kFirst, system.At("b").begin()));
-  // The copy is whole, and rebuilding it changes nothing.
+  // The copy is whole, and a rebuild does not change it.
   if (!good || file.m_firstRecordOffset != kFirst) return;
   KESP_REQUIRE(WalkFrom(u"b", kFirst).error == KESP_ERROR_NORMAL_EOF);
   for (const auto& [from, to] : kGenerations) {
@@ -83,22 +83,22 @@ void Salvage(Input input) {
   system.Put("a", bytes);
   CKespDataFile file;
   if (!file.OpenReadOnly("a")) return;
-  const auto version = static_cast<unsigned short>(input.size() % 3);  // 0: as it is
+  const auto version = static_cast<unsigned short>(input.size() % 3);  // 0: without conversion
   SalvageReport report;
   const std::uint64_t readBefore = system.BytesRead();
   if (!kesp::Salvage(file, u"b", version, report)) return;
   KESP_REQUIRE(system.At("a") == bytes);
-  // Every byte of the source is looked at a few times at the most, however it is made.
+  // Each byte of the source is read a few times at most, whatever the source holds.
   KESP_REQUIRE(system.BytesRead() - readBefore <= 64 * input.size() + 65536);
-  // And it comes to an end: nothing is counted twice, each record having its header and each gap its bytes.
+  // Nothing is counted twice: each record needs its header, and each gap its bytes.
   constexpr std::uint64_t kHeader = 14;
   KESP_REQUIRE(kHeader * (report.kept + report.deleted + report.unknown) + kFirst <= input.size());
   KESP_REQUIRE(report.gapCount <= report.gapBytes && report.gapBytes + report.applicationBytes <= input.size());
-  std::uint64_t behind = 0;
+  std::uint64_t end = 0;
   std::uint64_t sum = 0;
   for (const SalvageGap& gap : report.gaps) {
-    KESP_REQUIRE(gap.length != 0 && gap.offset >= behind && gap.offset + gap.length <= input.size());
-    behind = gap.offset + gap.length;
+    KESP_REQUIRE(gap.length != 0 && gap.offset >= end && gap.offset + gap.length <= input.size());
+    end = gap.offset + gap.length;
     sum += gap.length;
   }
   KESP_REQUIRE(report.gaps.size() == std::min<std::uint64_t>(report.gapCount, SalvageReport::kMostGaps));
@@ -107,7 +107,7 @@ void Salvage(Input input) {
   const Walked walked = WalkFrom(u"b", kFirst);
   KESP_REQUIRE(walked.error == KESP_ERROR_NORMAL_EOF && walked.records == report.kept);
   KESP_REQUIRE(version != 0 || report.loss.IsNone());
-  // What was salvaged is whole.
+  // The salvaged file is whole.
   for (const auto& [from, to] : kGenerations) {
     CKespDataFile again;
     SalvageReport second;
@@ -122,7 +122,7 @@ void RoundTrip(Input input) {
   system.Put("a", Bytes(input.begin(), input.end()));
   CString message;
   std::ptrdiff_t records = 0;
-  // Reads, writes all that was read into a new file, and goes on with that.
+  // Reads the file, writes everything to a new file, and repeats that with the new file.
   for (const auto& [from, to] : {std::pair{"a", "b"}, {"b", "c"}}) {
     const bool first = from[0] == 'a';
     CKespFile file;
@@ -136,12 +136,12 @@ void RoundTrip(Input input) {
       KESP_REQUIRE(first);
       if (file.m_recordList.IsEmpty()) return;
     }
-    // An attribute of version 0 has no bytes to be written.
+    // An attribute of version 0 has no body, so it is not written.
     const auto written =
         std::count_if(file.m_recordList.begin(), file.m_recordList.end(), [](const CKespRecord* record) {
           return record->m_recordType != KESP_RECORD_ATTRIBUTE || record->m_recordVersion != 0;
         });
-    // A header of version 1 takes such a note for its own once nothing is left between the two.
+    // A version-1 header takes such a note as its own when nothing is between the two any more.
     const bool hasHeaderNotes = std::any_of(file.m_recordList.begin(), file.m_recordList.end(), [](auto* record) {
       if (record->m_recordType != KESP_RECORD_NOTE) return false;
       const CString tag = static_cast<const CKespNote*>(record)->NoteText.Left(4);
@@ -155,8 +155,8 @@ void RoundTrip(Input input) {
     KESP_REQUIRE(file.m_pDataFile->GetFailedAppends() == static_cast<std::uint32_t>(refused));
     KESP_REQUIRE(file.m_pDataFile->GetSystemError() == (refused != 0 ? EINVAL : 0));
   }
-  // But for the marks: each reading hands those of a feature's records up to it, each writing adds its own, and what
-  // restoring and filtering makes of them may take it further the next time.
+  // Except for the flag words: reading hands the flags of a feature's records up to it, writing adds its own, and
+  // restoring and filtering may change the result once more the next time.
   KESP_REQUIRE(WithoutMarks(system, "b") == WithoutMarks(system, "c"));
 }
 

@@ -1,4 +1,4 @@
-// The data set: read, asked for everything, edited, closed.
+// The data set: reads it, runs all queries, edits it and closes it.
 #include <memory>
 
 #include "fuzz/Targets.h"
@@ -7,16 +7,16 @@
 namespace kesp::fuzz {
 namespace {
 
-// Takes an answer, whose entries must all be there.
+// Takes over the array that a query returns, and checks that no entry is null.
 template <class Item>
-int Take(Item** array, const int& count) {  // by reference: the call that sets it is an argument too
+int Take(Item** array, const int& count) {  // by reference: the call in the first argument sets it
   const std::unique_ptr<Item*[]> owned(array);
   KESP_REQUIRE(array != nullptr && count >= 0);
   for (int i = 0; i < count; ++i) KESP_REQUIRE(array[i] != nullptr);
   return count;
 }
 
-void Ask(CKespFile& file) {
+void RunQueries(CKespFile& file) {
   int count = 0;
   ErrorEnum error = ERR_NONE;
   for (const LogicFlag logic : {LOGIC_EQUAL, LOGIC_NOT_EQUAL}) {
@@ -37,7 +37,7 @@ void Ask(CKespFile& file) {
   try {
     Take(file.GetStringToStringTags(u"note", count), count);
   } catch (const CFileException&) {
-    // Reads the file that has not been read to its end, and meets the feature that is cut short once more.
+    // The list is empty, so the query reads the file again and meets the feature that is cut short.
   }
 
   std::uint32_t points = 0;
@@ -80,10 +80,10 @@ void Dataset(Input input) {
     try {
       (void)file.ReadKespFile(readDeleted);
     } catch (const CFileException&) {
-      // A version-1 feature that is cut short; what was read stands.
+      // A version-1 feature that is cut short; what was read before it is kept.
     }
     KESP_REQUIRE(static_cast<std::size_t>(file.m_recordList.GetCount()) <= input.size() / 14);
-    if (file.m_pDataFile->IsOpen()) Ask(file);
+    if (file.m_pDataFile->IsOpen()) RunQueries(file);
   }
   KESP_REQUIRE(std::equal(input.begin(), input.end(), system.At("a").begin(), system.At("a").end()));
 
@@ -97,14 +97,14 @@ void Dataset(Input input) {
         (void)file.DeleteFeatureAndAssociatedRec((*file.m_featureIndex.begin()).value);
         KESP_REQUIRE(file.m_featureIndex.GetCount() == before - 1);
       }
-      Ask(file);
+      RunQueries(file);
       (void)file.ValidateKesp();
       std::uint32_t version = 0;
       (void)file.GetKespVersion(version);
     }
     (void)file.CloseKesp();
   } catch (const CFileException&) {
-    // As above, met by what reads the file again.
+    // The same feature, met by an operation that reads the file again.
   }
   KESP_REQUIRE(system.At("a").size() == input.size());
 }

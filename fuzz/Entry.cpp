@@ -1,4 +1,4 @@
-// Hands libFuzzer one of the targets: KESP_FUZZ_TARGET.
+// The entry point of libFuzzer, for the target KESP_FUZZ_TARGET.
 #include "fuzz/Targets.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,4 +1,5 @@
-// A reader of records, written a second time from docs/file-format.md: what the library's must come to, on every input.
+// An independent reader of records, written from docs/file-format.md. The library must give the same result on every
+// input.
 #pragma once
 #include <algorithm>
 #include <cstdint>
@@ -23,7 +24,7 @@ struct Walked {
   bool operator==(const Walked&) const = default;
 };
 
-// Where the records of a file begin; nothing when its header is refused.
+// Offset of the first record; nothing when the file header is refused.
 inline std::optional<std::uint32_t> FirstRecord(std::span<const std::uint8_t> file) {
   static const char kSignature[] = "Corvanthe Survey Devices -- Kesp Data File";
   if (file.size() < 50 || !std::equal(kSignature, kSignature + 42, file.begin())) return {};
@@ -31,7 +32,7 @@ inline std::optional<std::uint32_t> FirstRecord(std::span<const std::uint8_t> fi
   return at > file.size() ? std::nullopt : std::optional(at);
 }
 
-// What a reader gets from `at` on.
+// What a reader gets from offset `at` on.
 inline Walked ReadFrom(std::span<const std::uint8_t> file, std::uint64_t at, bool skipDeleted) {
   Walked walked;
   const auto end = [&](KESP_ERROR_TYPE error) {

@@ -1,5 +1,5 @@
-// replay TARGET PATH...: runs a target over files, and over all files of folders, with any compiler. What a target
-// finds wrong aborts it, the name of the file being the last line before.
+// replay TARGET PATH...: runs a target over files, and over all files in folders, with any compiler. A failed check
+// aborts; the last line before it is the name of the file.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "%s\n", path.c_str());
     std::ifstream in(path, std::ios::binary);
     if (!in) return 2;
-    // On the heap without a spare byte behind, so that an overrun is seen.
+    // On the heap, without a spare byte after it, so that an overrun is detected.
     std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     bytes.shrink_to_fit();
     target->run(bytes);

@@ -1,4 +1,4 @@
-// A tag out of any body: what its getters hand out lies inside it, and what is set comes back.
+// A tag from any body: its getters return nothing from outside the block, and what is set can be read back.
 #include <cstring>
 #include <memory>
 
@@ -12,8 +12,8 @@ struct OpenTag : CKespTag {
   using CKespTag::GetBinary;
 };
 
-// Runs every getter; how many of them answered.
-int Ask(OpenTag& tag, CString& name) {
+// Calls every getter and returns how many succeeded.
+int CallGetters(OpenTag& tag, CString& name) {
   int integer = 0;
   double number = 0;
   CString text;
@@ -25,23 +25,23 @@ int Ask(OpenTag& tag, CString& name) {
   std::uint32_t d = 0;
   float f = 0;
   CKespFeatureLink link;
-  int answers = 0;
-  answers += tag.GetInteger(name, integer);
-  answers += tag.GetDouble(name, number);
-  answers += tag.GetString(name, text);
-  answers += tag.GetPoint(name, point);
-  answers += tag.GetRect(name, rect);
-  answers += tag.GetColor(name, a);
-  answers += tag.GetGPSMark(name, a, b, c, d);
-  answers += tag.GetFileLink(a, name);
-  answers += tag.GetQualityMark(a, f, f, f, f);
-  answers += tag.GetFeatureLink(link);
-  answers += tag.GetQualityMarkEx(a, f, f, f, f, integer);
-  answers += tag.GetPosErrMark(a, f, f, f);
-  answers += tag.GetNamedFlag(a, b, name);
-  KESP_REQUIRE(answers <= 1);
+  int succeeded = 0;
+  succeeded += tag.GetInteger(name, integer);
+  succeeded += tag.GetDouble(name, number);
+  succeeded += tag.GetString(name, text);
+  succeeded += tag.GetPoint(name, point);
+  succeeded += tag.GetRect(name, rect);
+  succeeded += tag.GetColor(name, a);
+  succeeded += tag.GetGPSMark(name, a, b, c, d);
+  succeeded += tag.GetFileLink(a, name);
+  succeeded += tag.GetQualityMark(a, f, f, f, f);
+  succeeded += tag.GetFeatureLink(link);
+  succeeded += tag.GetQualityMarkEx(a, f, f, f, f, integer);
+  succeeded += tag.GetPosErrMark(a, f, f, f);
+  succeeded += tag.GetNamedFlag(a, b, name);
+  KESP_REQUIRE(succeeded <= 1);
   KESP_REQUIRE(2 * text.Size() <= tag.m_dataLength && 2 * name.Size() <= tag.m_dataLength);
-  return answers;
+  return succeeded;
 }
 
 }  // namespace
@@ -53,7 +53,7 @@ void Tag(Input input) {
   OpenTag tag;
   CString name;
   if (tag.Read(file)) {
-    // The block is the file's, byte for byte, and goes back as it came.
+    // The block has the bytes of the file, and is written back unchanged.
     KESP_REQUIRE(tag.m_dataLength <= input.size() - 8);
     CFile out(u"b", CFile::modeReadWrite | CFile::modeCreate);
     if (tag.Write(out, 0, 0)) {
@@ -62,17 +62,17 @@ void Tag(Input input) {
                    std::memcmp(written.data(), input.data(), written.size()) == 0);
     }
   }
-  (void)Ask(tag, name);
+  (void)CallGetters(tag, name);
   OpenTag copy;
   copy.Set(tag);
-  (void)Ask(copy, name);
+  (void)CallGetters(copy, name);
   void* data = nullptr;
   int length = 0;
   const bool hasPayload = tag.GetBinary(name, &data, length);
   const std::unique_ptr<unsigned char[]> payload(static_cast<unsigned char*>(data));
   KESP_REQUIRE(!hasPayload || (length > 0 && static_cast<std::uint32_t>(length) <= tag.m_dataLength));
 
-  // Name and payload put into a tag of each kind come back.
+  // The name and payload of a tag of each kind can be read back.
   const CString wanted = name;
   for (std::uint32_t kind = 0; hasPayload && kind <= KESP_TAG_NAMED_FLAG + 1; ++kind) {
     copy.Set(static_cast<KESP_TAG>(kind), wanted, payload.get(), static_cast<unsigned long>(length));
@@ -82,7 +82,7 @@ void Tag(Input input) {
     const std::unique_ptr<unsigned char[]> owned(static_cast<unsigned char*>(back));
     KESP_REQUIRE(name == wanted && backLength == length &&
                  std::memcmp(back, payload.get(), static_cast<std::size_t>(length)) == 0);
-    (void)Ask(copy, name);
+    (void)CallGetters(copy, name);
   }
 }
 

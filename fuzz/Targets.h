@@ -1,4 +1,4 @@
-// What is run over hostile bytes. Each target takes a whole input, and aborts when something is not as it must be.
+// The targets for hostile bytes. Each takes a whole input, and aborts when a check fails.
 #pragma once
 #include <cstdint>
 #include <cstdio>
@@ -13,15 +13,15 @@ using Input = std::span<const std::uint8_t>;
 using Bytes = test::ByteVector;
 using test::MemorySystem;
 
-// Inputs of the first five are files, those of the last are the bodies of tags.
-void Walk(Input input);       // the container, beside a walk written anew from the format; edits in place
+// The input of the first five is a file, that of the last the body of a tag.
+void Walk(Input input);       // the container's walk compared with an independent reader; edits in place
 void Dataset(Input input);    // reading, queries, summary, deleting, header upkeep
 void Rebuild(Input input);    // Copy and CopyVerify
-void Salvage(Input input);    // the rebuild beyond damage
-void RoundTrip(Input input);  // read, written, read and written again
+void Salvage(Input input);    // the rebuild that goes on after damage
+void RoundTrip(Input input);  // reads and writes, twice
 void Tag(Input input);        // every getter and setter
 
-// A check that stays in every build.
+// A check in all builds, NDEBUG included.
 inline void Require(bool holds, const char* what, const char* file, int line) {
   if (holds) return;
   std::fprintf(stderr, "%s:%d: %s does not hold\n", file, line, what);

@@ -1,4 +1,4 @@
-// The container's walk beside one that is written anew from the format, and edits in place.
+// The container's walk, compared with an independent reader, and edits in place.
 #include <memory>
 #include <optional>
 
@@ -42,12 +42,12 @@ void Walk(Input input) {
     const std::uint64_t readBefore = system.BytesRead();
     const Walked walked = WalkThrough(file, skipDeleted, [](const CKespRecord&) {});
     KESP_REQUIRE(walked == test::ReadFrom(input, *first, skipDeleted));
-    // Read ahead, but not again and again.
+    // Reading ahead is allowed; reading the same bytes again and again is not.
     KESP_REQUIRE(system.BytesRead() - readBefore <= 4 * input.size() + 4096);
   }
   KESP_REQUIRE(system.At("a") == bytes);
 
-  // Each record written over itself leaves the walk as it is; so does marking every other one deleted.
+  // The walk stays the same when each record is written over itself, and when every other one is marked deleted.
   CKespDataFile file;
   if (!file.Open("a")) return;
   const Walked before = WalkThrough(file, false, [](const CKespRecord&) {});
@@ -61,7 +61,7 @@ void Walk(Input input) {
   KESP_REQUIRE(WalkThrough(file, false, [](const CKespRecord&) {}) == before);
   for (std::size_t i = 0; i < before.positions.size(); i += 2) {
     KESP_REQUIRE(file.Seek(before.positions[i]));
-    // One that is deleted already must not be asked for: the next one would be read, and written over it.
+    // Not for a record that is already deleted: DeleteRecord would read the next one and write it over this one.
     const std::unique_ptr<CKespRecord> record(file.ReadNextRecord(false));
     if (record->IsDeleted()) continue;
     KESP_REQUIRE(file.Seek(before.positions[i]));
@@ -77,7 +77,7 @@ void Walk(Input input) {
       const std::unique_ptr<CKespRecord> any(file.ReadNextRecord(true));
       if (any) (void)file.UpdateRecord(any.get(), KESP_SRC_MODIFIED, true);
     } catch (const CFileException&) {
-      // A version-1 feature again.
+      // A version-1 feature that is cut short.
     }
   }
 }

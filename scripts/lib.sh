@@ -1,6 +1,6 @@
-# Sourced by the scripts beside it.
+# Sourced by the other scripts.
 
-# need PACKAGE...: installs the Debian packages that are missing. Quick and silent when none is.
+# need PACKAGE...: installs the Debian packages that are missing. Fast and silent if none is.
 need() {
   local package status missing=()
   for package in "$@"; do

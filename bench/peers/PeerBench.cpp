@@ -1,11 +1,11 @@
 // This library in the comparison with other formats: PeerBench NAME write|read|scan PATH N P A
 //
-// The comparison's own header makes the features, checks what was read against them, and prints the line that is
-// expected. A feature is written as the feature's record, its attributes, its points and its end. `write` lets the
-// system keep what is written until it likes, as the others do; what it costs to have each record on the disk before
-// the next is AppendBench's question. `read` and `scan` walk over the records and hand over the values of each feature,
-// which the header keeps or lets go, as it does with those of the others. Under a NAME that ends in "dataset", `read`
-// keeps the whole file in a CKespFile instead, whose values are handed over and checked afterwards.
+// The header of the comparison makes the features, checks what was read, and prints the expected line. A feature is
+// written as its feature record, its attributes, its points and its end. `write` does not sync, as the programs for the
+// other formats don't; AppendBench measures the cost of having each record on the disk before the next. `read` and
+// `scan` walk over the records and pass on the values of each feature. The header keeps or drops them, as for the other
+// formats. With a NAME that ends in "dataset", `read` reads the whole file into a CKespFile instead; its values are
+// passed on and checked afterwards.
 #include <common.hpp>
 #include <memory>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr double kTolerance = 1e-12;  // relative; of the sums, which are added up in another order
+constexpr double kTolerance = 1e-12;  // relative, for sums that are added up in another order
 
 KESP_ATTRIBUTE_KIND ToKesp(Kind kind) {
   switch (kind) {
@@ -94,7 +94,7 @@ void Write(const Args& args) {
   file.SeekToEnd();
   CKespTavoHeader header;
   AppendRecord(file, header);
-  constexpr std::uint64_t kAtOnce = 1 << 20;  // bytes to a system call, or one feature
+  constexpr std::uint64_t kAtOnce = 1 << 20;  // bytes for each system call; more if one feature is longer
   for (std::uint32_t number = 0; number < features.size();) {
     CFile::Gather gather(file);
     for (const std::uint64_t start = file.GetPosition();
@@ -110,8 +110,8 @@ void Write(const Args& args) {
   report(seconds, residentBefore, size_of(args.path), sync_path(args.path));
 }
 
-// Gathers the values of one feature after the other. How many points come is not known before the feature's end, so
-// they are gathered in a place that is used again, and each feature's own vectors are made once, in their length.
+// Collects the values of one feature after another. The number of points is known only at the feature's end, so they
+// are collected in vectors that are used again, and each feature's own vectors are made once, in their final length.
 class Handover {
  public:
   explicit Handover(Sink& sink) : m_sink(sink) {}
