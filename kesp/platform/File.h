@@ -85,7 +85,8 @@ class KESP_EXPORT CFile {
   // Reads up to `count` bytes and returns how many were read; fewer than `count` only at the end of the file.
   std::size_t Read(void* to, std::size_t count);
   // Reads without copying: returns a view of the read buffer, shorter than `count` only at the end of the file. The
-  // view is valid until the next operation on this object. `count` is at most kMaxView; CInvalidArgException above it.
+  // view is valid until the next operation on this object. `count` is at most kMaxView; a larger one may raise
+  // CInvalidArgException.
   static constexpr std::size_t kMaxView = 64 * 1024;
   std::span<const std::byte> ReadView(std::size_t count) {
     const std::uint64_t offset = m_position - m_bufferStart;  // huge if the position is before the buffer
