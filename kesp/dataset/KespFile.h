@@ -23,7 +23,7 @@
 //                                                   index, where AddRecordsToWriteQueue enters it; but
 //     a header                                      the data set, when cleared while the header is in the list
 //     a feature, by AddRecordsToWriteQueue          the data set, when cleared while the feature index holds it
-//   the array that a query answers                  the caller, with delete[]; never what it points to
+//   the array that a query returns                  the caller, with delete[]; never what it points to
 //   m_pDataFile                                     the data set; the writers of new files replace it
 //   m_pBmcText                                      the data set, when destroyed; each clearing makes another string
 //
