@@ -73,7 +73,7 @@ constexpr auto kHeaderTextsOfVersion1 = [](auto& v, auto& h) {
   v.Skip(1);                    // 927
 };
 // Reading and writing differ: the reader takes fields from the first ten bytes, the writer leaves them zero. So the
-// time of an old file can be read, and a new file has none.
+// time of an old file can be read, while a new file claims none.
 constexpr auto kHeaderVersion1 = [](auto& v, auto& h) {
   v.Skip(4);              // 0
   v.U32(h.CreationTime);  // 4

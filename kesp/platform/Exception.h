@@ -69,7 +69,7 @@ class KESP_EXPORT CFileException : public CException, public std::exception {
   const char* what() const noexcept override { return m_text.empty() ? "File error" : m_text.c_str(); }
 
   Cause m_cause;
-  int m_lOsError;  // errno, 0 when the system was not asked
+  int m_lOsError;  // errno; 0 if no system call failed
   CString m_strFileName;
 
  private:
