@@ -154,9 +154,9 @@ class KESP_EXPORT CFile {
   void ForgetSystemError() noexcept { m_lastSystemError = 0; }
   static void Remove(const CString& path);
 
-  // Collects the writes made during its lifetime; Commit sends them to the system as one write. Any operation of the
-  // file except Write commits first. Destroyed without a commit, it drops what it holds and moves the position back to
-  // where the writes began.
+  // Collects the writes made during its lifetime; Commit sends them to the system as one write. Reading, seeking,
+  // GetLength, SetLength, Flush, CopyFrom and Close commit first. Destroyed without a commit, it drops what it holds and
+  // moves the position back to where the writes began.
   class KESP_EXPORT Gather {
    public:
     explicit Gather(CFile& file);
