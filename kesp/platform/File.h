@@ -155,8 +155,8 @@ class KESP_EXPORT CFile {
   static void Remove(const CString& path);
 
   // Collects the writes made during its lifetime; Commit sends them to the system as one write. Reading, seeking,
-  // GetLength, SetLength, Flush, CopyFrom and Close commit first. Destroyed without a commit, it drops what it holds and
-  // moves the position back to where the writes began.
+  // GetLength, SetLength, Flush, CopyFrom and Close commit first. Destroyed without a commit, it drops what it holds
+  // and moves the position back to where the writes began.
   class KESP_EXPORT Gather {
    public:
     explicit Gather(CFile& file);

@@ -7,14 +7,14 @@
 //   for (const kesp::SalvageGap& gap : report.gaps) Tell(gap.offset, gap.length);
 //
 // CKespDataFile::CopyVerify ends at the first damage; this goes on after it. Up to the damage it keeps the records that
-// an ordinary walk reads, and skips those that the walk skips without looking inside. "Up to the damage" is all of a
+// an ordinary walk reads, and skips, without looking inside, those that the walk skips. "Up to the damage" is all of a
 // file whose end the walk reaches. Otherwise it ends at the last record that the walk reads, or at the last header on
 // its way with a known type and the length of that type. After the damage it searches byte by byte for the next certain
 // record:
 //
-//   - a type, version and flags that are known, and the body length of just that type and version (in files made by
-//     CopyVerify, also the shorter length that it states for features and attributes); a tag's three lengths agree;
-//   - a body that can be: a feature's type 1 to 3, an attribute's kind 1 to 5, a tag's 0 to 13, finite numbers, and
+//   - a known type, version and flags, and the body length of exactly that type and version (or the shorter length that
+//     CopyVerify writes for features and attributes); a tag's three lengths agree;
+//   - a possible body: a feature's type 1 to 3, an attribute's kind 1 to 5, a tag's 0 to 13, finite numbers, and
 //     texts that end, with zeros after their end;
 //   - right after it, the header of another record or the end of the file.
 //
