@@ -1,4 +1,4 @@
-// Everything that a host includes.
+// The whole public interface: a host includes this header.
 #pragma once
 
 #include "kesp/dataset/ErrorEnum.h"

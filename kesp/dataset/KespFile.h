@@ -1,4 +1,4 @@
-// The data set: one whole Kesp data file in memory, indexed, answered, edited and written back.
+// The data set: one whole Kesp data file in memory, to read, index, query, edit and write back.
 //
 //   CKespFile survey;
 //   CString message;
@@ -8,41 +8,40 @@
 //   const std::unique_ptr<CKespFeature*[]> oaks(survey.GetFeaturesWhereName(LOGIC_EQUAL, L"Oak", count, error));
 //   survey.CloseKesp();
 //
-// Who owns what, and until when it lives. "Cleared" is what ReadKespFile on an open file, both ValidateKesp and the
-// destructor begin with, and GetStringToStringTags while the record list is empty.
+// Who owns what, and how long it lives. ReadKespFile on an open file, both ValidateKesp and the destructor first clear
+// the data set; so does GetStringToStringTags while the record list is empty.
 //
 //   what                                            deleted by
 //   ----------------------------------------------  ---------------------------------------------------------------
-//   features, notes, tags, headers, feature ends    the data set, when it is cleared. That holds for each record that
-//   that ReadKespFile made                          reading made, also for one that left the indexes since: a feature
-//                                                   whose number a later one took, one that was deleted, a feature
-//                                                   end that a later one replaced.
+//   features, notes, tags, headers, feature ends    the data set, when it is cleared; also records that have left the
+//   that ReadKespFile made                          indexes since: a feature whose number a later one took, one that
+//                                                   was deleted, a feature end that a later one replaced
 //   points, attributes, the end of a feature        their feature
 //   links and link lists that reading made          the data set, when it is cleared
 //   what the factories make                         the caller, until it is attached to a feature
-//   what a caller queued                            the caller, who keeps it alive while it stands in the queue, or in
-//                                                   an index, where AddRecordsToWriteQueue enters it; but
-//     a header                                      the data set, when cleared while the header stands in the list
+//   what a caller queued                            the caller, who keeps it alive while it is in the queue, or in an
+//                                                   index, where AddRecordsToWriteQueue enters it; but
+//     a header                                      the data set, when cleared while the header is in the list
 //     a feature, by AddRecordsToWriteQueue          the data set, when cleared while the feature index holds it
-//   the array that a query answers                  the caller, with delete[]; never what it points to
-//   m_pDataFile                                     the data set; the writers of new files put another in its place
-//   m_pBmcText                                      the data set, when it ends; another string after each clearing
+//   the array that a query returns                  the caller, with delete[]; never what it points to
+//   m_pDataFile                                     the data set; the writers of new files replace it
+//   m_pBmcText                                      the data set, when destroyed; each clearing makes another string
 //
-// Errors: every operation returns an ErrorEnum; ErrorText has a sentence for each. The writers return ERR_NONE once
-// they have got as far as writing: a single append that fails does not change the result. After a writer has returned
-// ERR_NONE, and before closing, every queued record is on the disk if m_pDataFile->IsOpen() and
-// m_pDataFile->GetSystemError() == 0. The latter has the errno of the first failure since the file was opened: ENOMEM
-// when memory ran out, EINVAL for a record that could not be written (a null, a tag without content, a record version
-// that its class does not know), EBADF for a write to a file that is open read-only;
+// Errors: most operations return an ErrorEnum and the queries store one; ErrorText has a sentence for each. Writers
+// return ERR_NONE once writing has begun; single failures do not change the result. After a writer has returned
+// ERR_NONE, and before closing, all queued records are on the disk if m_pDataFile->IsOpen() and
+// m_pDataFile->GetSystemError() == 0. GetSystemError returns the errno value of the first failure since the file was
+// opened: ENOMEM when memory ran out, EINVAL for a record that could not be written (a null, a tag without content, a
+// record version that its class does not know), EBADF for a write to a file that is open read-only.
 // m_pDataFile->GetFailedAppends() counts the records that are missing. The same holds for what UpdateKespHeader,
-// CloseKesp and the deletions rewrite, except that a record that is not found in the file is no such failure.
+// CloseKesp and the deletions rewrite, except that a record that is not found in the file is no failure.
 // A std::bad_alloc (CMemoryException is one) leaves the operations that make records, queue them or return arrays, the
-// summary, SetQueueVersion and PropigateSourceCtrlFlagsToFeatures; the others return ERR_MEMORY. (Texts are passed by
-// value: copying one is the caller's.) A CFileException leaves whatever reads records when a version-1 feature is cut
-// short, the data set holding what it had read by then, and CloseKesp and DeleteFeatureAndAssociatedRec when the system
-// can't bring everything to the disk.
+// summary, SetQueueVersion and PropigateSourceCtrlFlagsToFeatures; the others return ERR_MEMORY. Texts are passed by
+// value, so copying one may raise in the caller. A CFileException leaves each operation that reads records when a
+// version-1 feature is cut short; the data set then holds what was read so far. It also leaves CloseKesp and
+// DeleteFeatureAndAssociatedRec when the system can't write everything to the disk.
 //
-// One thread at a time.
+// One thread at a time may use an object.
 #pragma once
 #include <concepts>
 #include <cstdint>
@@ -86,32 +85,33 @@ class KESP_EXPORT CKespFile {
 
   // --- Opening, reading, closing ---------------------------------------------------------------------------------
 
-  // Opens the file for reading and writing; the store is not touched. A path that is open already stays open, in
-  // whatever letter case, unless that spelling leads to another file (ERR_OTHER_FILE_OPEN); one that is open read-only
-  // is opened again for writing, and if that fails stays as it is (ERR_FILE_EXCEPTION). `message` is a text for a
-  // person, empty unless something can be said.
-  // ERR_NONE does not mean that the file is open: a file that the container refuses (another signature, a damaged file
-  // header, a writer that has it) gives ERR_NONE too, and the next operation that wants an open file returns
-  // ERR_FILE_NOT_OPEN. m_pDataFile->IsOpen() tells at once, m_pDataFile->GetErrorString() why not.
+  // Opens the file for reading and writing; the store is not touched. A path that is already open stays open, whatever
+  // its letter case, unless that spelling leads to another file (ERR_OTHER_FILE_OPEN). A file that is open read-only is
+  // opened again for writing; if that fails, it stays open read-only (ERR_FILE_EXCEPTION). `message` receives a text
+  // for the user, or is empty.
+  // ERR_NONE does not mean that the file is open. It is also returned when the container refuses the file: another
+  // signature, a damaged file header, or a writer that has the file open. The next operation that needs an open file
+  // then returns ERR_FILE_NOT_OPEN. m_pDataFile->IsOpen() tells at once, and m_pDataFile->GetErrorString() tells why.
   ErrorEnum OpenKesp(CString path, CString& message);
-  // The same read-only: no lock, and the file's bytes and times stay as they are, also when it is closed. A path that
-  // is open for writing stays so.
+  // The same, read-only: takes no lock, and the file's bytes and times stay as they are, also on closing. A path that
+  // is open for writing stays open for writing.
   ErrorEnum OpenKespReadOnly(CString path, CString& message);
   // Marks the file as cleanly closed, flushes and closes it. The store keeps its content.
   ErrorEnum CloseKesp();
-  // Clears the store and reads the whole open file into it, with or without the records marked deleted. Points,
-  // attributes and ends whose feature did not come before them are dropped. Point offsets are cleared: a data set
-  // that was read holds none. After ERR_READ_FAILED, ERR_MEMORY and ERR_OLD_VERSION the store holds what was read.
-  // Damage right after the header reads as the end of the file does, with ERR_NONE: WasReadToEnd tells them apart.
+  // Clears the store and reads the whole open file into it, with or without the records marked deleted. Drops points,
+  // attributes and ends whose feature did not come before them. Clears point offsets: a data set that was read holds
+  // none. After ERR_READ_FAILED, ERR_MEMORY and ERR_OLD_VERSION the store holds what was read. Damage right after the
+  // header is treated as the end of the file, with ERR_NONE: WasReadToEnd tells them apart.
   ErrorEnum ReadKespFile(bool readDeleted);
-  // Whether the last ReadKespFile, or the last one of a validation, came to the clean end of the file. False after
-  // damage, wherever it is, and before anything was read; m_pDataFile->GetErrorString() then says what ended it.
+  // Whether the last ReadKespFile, also one in a validation, reached the clean end of the file. False after damage
+  // anywhere, and before anything was read; m_pDataFile->GetErrorString() then tells what ended it.
   bool WasReadToEnd() const noexcept;
-  // The memory in bytes at which ReadKespFile ends with ERR_MEMORY, and ENOMEM as the container's system error. By
-  // default, and for 0, 64 MiB and four times the file's length: a survey takes about half its length, so that only a
-  // crafted file gets there. Counted are records, texts and lists; what one record takes may go beyond it.
+  // Sets the memory in bytes at which ReadKespFile ends with ERR_MEMORY, and with ENOMEM as the container's system
+  // error. The default, also for 0, is 48 MiB plus four times the file's length. Only a crafted file reaches this
+  // limit; a survey needs about half the file's length. Records, texts and lists count; the last record read may go
+  // over the limit.
   void SetMemoryLimit(std::uint64_t bytes) noexcept;
-  // The file version that the header record on disk names.
+  // Stores the file version that the header record on disk names.
   ErrorEnum GetKespVersion(unsigned long& version);
   ErrorEnum GetKespVersion(std::uint32_t& version);
 
@@ -119,35 +119,35 @@ class KESP_EXPORT CKespFile {
 
   // Rewrites the header in place: its texts (HeaderText4, 2, 3, 1, 6, 5 in this order), the extent (minimum and maximum
   // Y, minimum and maximum X; an invalid one leaves the old), the summary of the data set in memory, and the
-  // clean-close mark. `flag` goes into SlotWord1. A version-1 header takes texts and mark only; its notes "BMC:" and
-  // "ZOM:", where the file has them, take text5 and the extent.
-  // The rewritten body is of record version 2, whose writer stores 2 for the file version also where the content needs
-  // 3: readers of old look for no more there, and this library takes what the content needs from the records.
+  // clean-close mark. `flag` goes into SlotWord1. A version-1 header takes only the texts HeaderText1 to HeaderText5;
+  // text5 and the extent go into its "BMC:" and "ZOM:" notes, if the file has them.
+  // The body is rewritten in record version 2. It then names file version 2, even where the content needs 3: old
+  // readers accept no higher one there, and this library derives the version from the records.
   ErrorEnum UpdateKespHeader(CString text1, CString text2, CString text3, CString text4, CString text5, CString text6,
                              double minY, double maxY, double minX, double maxX, bool flag);
-  // Rewrites the two notes behind a version-1 header that begin with "BMC:" and "ZOM:". Nothing is appended.
+  // Rewrites the two notes after a version-1 header that begin with "BMC:" and "ZOM:". Appends nothing.
   ErrorEnum UpdateKespHeaderVersion1(CString bmcText, CBoundingBox extent);
   // Sets or clears the clean-close mark. A version-1 header has none.
   ErrorEnum SetCleanKespClose(bool clean);
-  // Hands the source flags of attributes, points and "FeatureChanges" tags up to the features in memory.
+  // Adds the source flags of attributes, points and "FeatureChanges" tags to the features in memory.
   void PropigateSourceCtrlFlagsToFeatures();
-  // The flag word of a feature; 0xFFFFFFFF when there is none of that number.
+  // Returns the flag word of a feature; 0xFFFFFFFF if there is none of that number.
   unsigned long GetSrcCtrlFlagsForFeat(unsigned long featureNumber) const;
 
   // --- Deleting and validating -----------------------------------------------------------------------------------
 
-  // Takes the feature out of the index and marks its points and attributes deleted, in memory and on disk. The feature
-  // itself and its end are marked in memory only. Nothing is deleted in the sense of memory. Always ERR_NONE.
+  // Removes the feature from the index and marks its points and attributes deleted, in memory and on disk. The feature
+  // itself and its end are marked in memory only. No memory is freed. Always ERR_NONE.
   ErrorEnum DeleteFeatureAndAssociatedRec(CKespFeature* feature);
   // Marks the record deleted in memory. Always ERR_NONE.
   ErrorEnum DeleteRecord(CKespRecord* record);
-  // Whether the file can be read and each of its features has a point. Reads it into the store. The first form opens
-  // and closes the file unless it is open, which marks it as cleanly closed, and never writes `message`.
+  // Checks that the file can be read and that each of its features has a point. Reads it into the store. The first form
+  // opens the file and closes it again, marked as cleanly closed, unless it was open; it never sets `message`.
   ErrorEnum ValidateKesp(CString path, CString& message);
   ErrorEnum ValidateKesp();
 
   // --- Making records --------------------------------------------------------------------------------------------
-  // What is made is the caller's. Numbers are the caller's business: nothing checks or reserves them.
+  // The caller owns what these return. Numbers are up to the caller: nothing checks or reserves them.
 
   [[nodiscard]] CKespFeature* CreateFeature(CString name, KESP_FEATURE_TYPE type,
                                             unsigned long featureNumber);  // symbol index 34
@@ -157,7 +157,7 @@ class KESP_EXPORT CKespFile {
   [[nodiscard]] CKespFeatureEnd* CreateFeatureEnd(unsigned long featureNumber);
   [[nodiscard]] CKespAttribute* CreateStringAttribute(CString name, unsigned long featureNumber, CString value);
   [[nodiscard]] CKespAttribute* CreateMenuAttribute(CString name, unsigned long featureNumber, CString value);
-  // The last two numbers are taken and dropped, here and for dates: only the value has a place.
+  // The last two numbers are ignored, here and for dates: only the value is stored.
   [[nodiscard]] CKespAttribute* CreateNumericAttribute(CString name, unsigned long featureNumber, double value,
                                                        double second, double third);
   [[nodiscard]] CKespAttribute* CreateDateAttribute(CString name, unsigned long featureNumber, double date,
@@ -190,48 +190,48 @@ class KESP_EXPORT CKespFile {
                                     unsigned short displayWord1, unsigned short displayWord2, CString displayText);
 
   // --- The write queue -------------------------------------------------------------------------------------------
-  // The queue is m_recordList: what was read from a file stands in it, and what is queued goes behind.
+  // The queue is m_recordList: it holds what was read from a file, and queued records are added at its end.
 
   ErrorEnum AddTavoHeaderToWriteQueue(CKespTavoHeader* header);
   ErrorEnum AddFeatureEndToWriteQueue(CKespFeatureEnd* end);
   ErrorEnum AddTagToWriteQueue(CKespTag* tag);
   ErrorEnum AddNoteToWriteQueue(CKespNote* note);
   ErrorEnum AddFeatureRecOnlyToWriteQueue(CKespFeature* feature);
-  // The feature, its attributes, its points, its end.
+  // Queues the feature, its attributes, its points and its end.
   ErrorEnum AddFeatureAndAssociatedRecToWriteQueue(CKespFeature* feature);
-  ErrorEnum AddFeaturesToWriteQueue(CKespFeature* const* features, int count);  // a null one is passed over
-  // Also enters points and features into their indexes and counts the points. Headers and points are not entered as
-  // features: they have no feature number of their own to stand under, and would be deleted twice.
+  ErrorEnum AddFeaturesToWriteQueue(CKespFeature* const* features, int count);  // skips null
+  // Also enters points and features into their indexes and counts the points. Objects of other classes are not entered
+  // as features, whatever their type says: they would be deleted twice.
   ErrorEnum AddRecordsToWriteQueue(CKespRecord* const* records, int count);
-  // Empties m_recordList. What callers queued, headers too, is theirs again; what reading made stays the data set's.
+  // Empties m_recordList. Callers own again what they queued, headers too; the data set still owns what reading made.
   ErrorEnum ClearQueueWithoutWriting();
-  // Write all that is queued to a new file of file version 3, 2 or 1, which then is the data set's open file; the one
-  // that was open is closed as it is. The writers for versions 1 and 2 write bodies of record version 1 or 2 after
-  // headers with the records' own versions, and convert nothing: each queued record must have the m_recordVersion that
-  // the writer writes, or the file can't be read. SetQueueVersion sees to it. (For version 2 that is not what
-  // GetRecordVersionFromKespVersion gives: it names version 3 for features and attributes.)
-  // What has that name already stays, and the result is ERR_FILE_EXISTS; the file that was open then stays so. A file
-  // that can't be given its file header, as on a full disk, is taken away again (ERR_FILE_NOT_FOUND); GetSystemError
-  // says why.
+  // Writes the queue to a new file of file version 3, 2 or 1, which becomes the data set's open file; the one that was
+  // open is closed as it is. The writers for versions 1 and 2 write bodies of record version 1 or 2, but record headers
+  // with the records' own versions, and convert nothing: each queued record must have the m_recordVersion that the
+  // writer writes, or the file can't be read. SetQueueVersion sets it. (For version 2 it differs from
+  // GetRecordVersionFromKespVersion, which returns 3 for features and attributes.)
+  // An existing file stays as it is, with ERR_FILE_EXISTS; a file that is open in the data set then stays open. If the
+  // file header can't be written, for example on a full disk, the new file is deleted again (ERR_FILE_NOT_FOUND), and
+  // GetSystemError has the reason.
   [[nodiscard]] ErrorEnum WriteNewKespFileFromQueue(CString path);
   [[nodiscard]] ErrorEnum WriteNewKespFileFromQueueVersion2(CString path);
   [[nodiscard]] ErrorEnum WriteNewKespFileFromQueueVersion1(CString path);
-  // Gives each queued record the record version that the writer for file version 1 or 2 writes: 1 or 2, and 1 for a
-  // feature end. Adds to `loss` what the records hold and such a file can't. Changes nothing but the versions, and for
-  // other file versions nothing at all. Call it before WriteNewKespFileFromQueueVersion1 or -Version2.
+  // Sets each queued record to the record version that the writer for file version 1 or 2 writes: 1 or 2, and 1 for a
+  // feature end. Adds to `loss` what such a file can't hold of the records. Changes only the versions; does nothing for
+  // other file versions. Call it before WriteNewKespFileFromQueueVersion1 or -Version2.
   void SetQueueVersion(unsigned short fileVersion, kesp::FormatLoss& loss);
-  // Appends all that is queued to the file, which is opened if no file is, and opened again where it is open read-only.
-  // To a file that the container refuses nothing is appended, and the result is ERR_NONE (see Errors above).
-  // Beware: what ReadKespFile read is in the queue too. Open, read, append writes the whole file a second time, after
-  // itself: call ClearQueueWithoutWriting before queueing what is new. CountQueuedFromOpenFile tells.
+  // Appends the queue to the file. Opens the file if none is open, and opens it again if it is open read-only. If the
+  // container refuses the file, nothing is appended and the result is ERR_NONE (see Errors above).
+  // Beware: the queue also holds what ReadKespFile read. To open, read and append writes the whole file again after
+  // itself: call ClearQueueWithoutWriting before queueing new records. CountQueuedFromOpenFile tells.
   [[nodiscard]] ErrorEnum AppendToKespFileFromQueue(CString path);
-  // How many of the queued records are in the open file already, because they were read from it or written to it: 0 is
-  // what AppendToKespFileFromQueue wants. Looks at the m_filePosition of each queued record.
+  // Returns how many of the queued records are already in the open file, because they were read from it or written to
+  // it; it should be 0 before AppendToKespFileFromQueue. Checks the m_filePosition of each queued record.
   int CountQueuedFromOpenFile() const;
 
   // --- Queries ---------------------------------------------------------------------------------------------------
-  // Each answers an array, empty but never null, in the order of the record list, writes the number of entries and
-  // ERR_NONE or ERR_NOT_FOUND.
+  // Each returns an array in the order of the record list, never null, and stores the number of entries and ERR_NONE or
+  // ERR_NOT_FOUND. The caller deletes the array with delete[].
 
   [[nodiscard]] CKespRecord** GetRecordsWhereFlags(LogicFlag logic, unsigned long mask, int& count,
                                                    ErrorEnum& error) const;
@@ -243,11 +243,12 @@ class KESP_EXPORT CKespFile {
                                                          ErrorEnum& error) const;
   [[nodiscard]] CKespNote** GetNotesWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) const;
   [[nodiscard]] CKespTag** GetTagsWhereFlags(LogicFlag logic, unsigned long mask, int& count, ErrorEnum& error) const;
-  // Types are compared by their names: all types but 1 to 3 have the empty name and are one.
+  // Types are compared by their names: all types other than 1 to 3 have the empty name and count as one.
   [[nodiscard]] CKespFeature** GetFeaturesWhereType(LogicFlag logic, KESP_FEATURE_TYPE type, int& count,
                                                     ErrorEnum& error) const;
   [[nodiscard]] CKespFeature** GetFeaturesWhereName(LogicFlag logic, CString name, int& count, ErrorEnum& error) const;
-  // By the first attribute of that name (ignoring case): its Value, or its TextValue. Features without it are left out.
+  // Compares the first attribute of that name (ignoring case): its Value or its TextValue. Leaves out features without
+  // it.
   [[nodiscard]] CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, double value, int& count,
                                                          ErrorEnum& error) const;
   [[nodiscard]] CKespFeature** GetFeaturesWhereAttribute(CString attribute, LogicFlag logic, CString text, int& count,
@@ -257,7 +258,7 @@ class KESP_EXPORT CKespFile {
                                                          ErrorEnum& error) const {
     return GetFeaturesWhereAttribute(std::move(attribute), logic, static_cast<double>(value), count, error);
   }
-  // The same over an array of the caller's.
+  // The same for an array of the caller's.
   [[nodiscard]] CKespFeature** GetFeaturesFromFeaturesWhereAttribute(CKespFeature* const* features, int featureCount,
                                                                      CString attribute, LogicFlag logic, double value,
                                                                      int& count, ErrorEnum& error) const;
@@ -271,16 +272,16 @@ class KESP_EXPORT CKespFile {
     return GetFeaturesFromFeaturesWhereAttribute(features, featureCount, std::move(attribute), logic,
                                                  static_cast<double>(value), count, error);
   }
-  // Both arrays one behind the other, in a new one. The two stay the caller's.
+  // Returns a new array with the first array followed by the second. The caller still owns both.
   [[nodiscard]] CKespFeature** JoinTwoArrays(CKespFeature* const* first, int firstCount, CKespFeature* const* second,
                                              int secondCount, int& count) const;
-  // The string tags of that name, ignoring case. Reads the open file first if the record list is empty.
+  // Returns the string tags of that name, ignoring case. Reads the open file first if the record list is empty.
   [[nodiscard]] CKespTag** GetStringToStringTags(CString name, int& count);
-  // By number. They want an open file.
+  // These find a record by its number. They need an open file: otherwise ERR_FILE_NOT_OPEN.
   ErrorEnum GetPoint(unsigned long pointNumber, CKespPoint*& point) const;
   ErrorEnum GetFeature(unsigned long featureNumber, CKespFeature*& feature) const;
-  // Of the features in the index. Without points the first time is 10000 days ahead and the last is local time
-  // 2 January 1970, 01:01:01. Among points of the same last time the first in the index's order gives the text.
+  // The summary of the features in the index. Without points the first time is 10000 days from now and the last is
+  // local time 2 January 1970, 01:01:01. Of points with the same last time the first in index order gives the text.
   ErrorEnum GetKespDataSummary(unsigned long& numPoints, unsigned long& numFeatures, CBoundingBox& extent,
                                CTime& firstTime, CTime& lastTime, CString& lastPointText) const;
   ErrorEnum GetKespDataSummary(std::uint32_t& numPoints, std::uint32_t& numFeatures, CBoundingBox& extent,
@@ -325,7 +326,7 @@ class KESP_EXPORT CKespFile {
   ErrorEnum OpenWith(const CString& path, CString& message, bool readOnly);
   bool NamesOpenFile(const CString& path) const;
   ErrorEnum MakeWritable(CString& message);
-  ErrorEnum OutOfMemory() noexcept;  // notes it in the container
+  ErrorEnum OutOfMemory() noexcept;  // and notes it in the container
   void ApplyChangesTag(std::uint32_t featureNumber, CKespFeature& feature);
   static void ApplyMarksOfChildren(CKespFeature& feature);
   void MarkDeletedOnDisk(CKespRecord& record);

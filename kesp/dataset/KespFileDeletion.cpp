@@ -13,7 +13,7 @@ int IndexOf(const CKespFeature& feature, const CKespPoint* point) {
   return found == points.end() ? -1 : static_cast<int>(found - points.begin());
 }
 
-// Flushing is on again on every way out.
+// Turns flushing off, and on again when destroyed.
 class WithoutFlush {
  public:
   explicit WithoutFlush(CKespDataFile* file) : m_file(file) { Set(false); }
@@ -33,11 +33,11 @@ class WithoutFlush {
 void CKespFile::MarkDeletedOnDisk(CKespRecord& record) {
   record.SetDelete();
   if (m_pDataFile == nullptr || !m_pDataFile->IsOpen()) return;
-  // Beyond 4 GiB the position may be another's.
+  // In a file over 4 GiB another record may be at that position.
   const bool isPlaceKnown = m_pDataFile->m_file.KnownLength() <= std::numeric_limits<std::uint32_t>::max();
   if (isPlaceKnown) (void)m_pDataFile->Seek(record.m_filePosition);
-  // Normally the first record read back is the one; else the whole file is searched, and once more if that does not
-  // find it. A disk that refuses is not asked again.
+  // Usually the first record read is the right one; otherwise the whole file is searched, twice if need be. No second
+  // search after a failure of the system.
   (void)m_pDataFile->Guarded([&] {
     auto result = m_pDataFile->FindAndOverwrite(record, KESP_SRC_DELETED, isPlaceKnown);
     if (result == CKespDataFile::Update::kNotFound) {
@@ -60,8 +60,8 @@ ErrorEnum CKespFile::DeleteFeatureAndAssociatedRec(CKespFeature* feature) {
     for (const auto& attribute : feature->m_attributeList) {
       if (attribute != nullptr) MarkDeletedOnDisk(*attribute);
     }
-    // The records of the feature and its end stay undeleted in the file, and the container is only brought there: what
-    // is left is a feature without points, which other programs expect to find.
+    // The feature's record and its end stay undeleted in the file; the container only seeks to them. What remains is a
+    // feature without points, which other programs expect.
     for (CKespRecord* record :
          {static_cast<CKespRecord*>(feature), static_cast<CKespRecord*>(feature->GetFeatureEnd())}) {
       if (record == nullptr) continue;
@@ -73,8 +73,8 @@ ErrorEnum CKespFile::DeleteFeatureAndAssociatedRec(CKespFeature* feature) {
   return ERR_NONE;
 }
 
-// Marks the point deleted on disk, takes it out of everything that refers to it, and deletes it. What can run out of
-// memory comes first, so that the point is either still everywhere or nowhere.
+// Marks the point deleted on disk, removes it from all that refers to it, and deletes it. Steps that can run out of
+// memory come first, so that the point is either still everywhere or nowhere.
 void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, int index) {
   m_pointIndex.Settle();
   MarkDeletedOnDisk(*point);
@@ -82,7 +82,7 @@ void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, i
   CKespPoint* indexed = nullptr;
   std::uint32_t number = point->PointNumber;
   if (!m_pointIndex.Lookup(number, indexed) || indexed != point) {
-    // Another has taken the number, or it is not the one under which the point was entered.
+    // Another point has this number now, or the point was entered under another one.
     const auto entry = std::find_if(m_pointIndex.begin(), m_pointIndex.end(),
                                     [point](const auto& candidate) { return candidate.value == point; });
     if (entry != m_pointIndex.end()) number = entry->key, indexed = point;
@@ -107,8 +107,8 @@ int CKespFile::DeletePointInFeature(CKespPoint* point, CKespFeature* feature) {
 void CKespFile::DeletePoint(CKespPoint* point) {
   CKespFeature* const feature = GetKespFeature(point);
   if (feature == nullptr) return;
-  // Before any look whether the point is really in there, other than above: a stray point takes a one-point feature
-  // with it.
+  // Unlike above, this comes before the check that the feature has the point: a stray point deletes a one-point
+  // feature.
   if (feature->GetNumPoints() == 1) {
     DeleteFeatureAndAssociatedRec(feature);
     return;

@@ -1,4 +1,4 @@
-// Making records with the library's defaults and a caller's values.
+// Makes records with the library's defaults and the caller's values.
 #include <memory>
 
 #include "kesp/dataset/KespFile.h"

@@ -1,4 +1,4 @@
-// Keeping the header record true on disk, and bringing source flags to the features.
+// Updates the header record on disk, and adds source flags to the features.
 #include <memory>
 #include <new>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-// The children's deletion state is their own.
+// Not passed to the feature: the children's deletion state is their own.
 constexpr std::uint32_t kDeletionState = KESP_FLAG_DELETED | KESP_SRC_DELETED | KESP_SRC_RESTORED;
 
 template <class Records>
@@ -62,7 +62,7 @@ ErrorEnum CKespFile::UpdateKespHeader(CString text1, CString text2, CString text
 // cppcheck-suppress passedByValue
 ErrorEnum CKespFile::UpdateKespHeaderVersion1(CString bmcText, CBoundingBox extent) try {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
-  // Found among the stored notes by its first four characters.
+  // UpdateRecord finds the stored note by its first four characters.
   CKespNote note;
   note.NoteText = CString(kesp::kBmcTag) + bmcText;
   (void)m_pDataFile->UpdateRecord(&note, KESP_SRC_MODIFIED, false);
@@ -79,7 +79,7 @@ ErrorEnum CKespFile::UpdateKespHeaderVersion1(CString bmcText, CBoundingBox exte
 
 ErrorEnum CKespFile::SetCleanKespClose(bool clean) {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
-  // A closed file counts as one that can't be positioned.
+  // A closed file counts as a failed seek.
   if (!m_pDataFile->IsOpen() || !m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
   const std::unique_ptr<CKespRecord> first(m_pDataFile->ReadNextRecord(true));
   if (!first || first->m_recordType != KESP_RECORD_HEADER || first->m_recordVersion <= 1) return ERR_NONE;
@@ -103,7 +103,7 @@ void CKespFile::ApplyChangesTag(std::uint32_t featureNumber, CKespFeature& featu
   feature.SetSourceFlag(flags);
 }
 
-// One by one: restoring and filtering between two marks is not the same as adding both.
+// One by one: SetSourceFlag restores and filters after each mark, so adding all marks at once would differ.
 void CKespFile::ApplyMarksOfChildren(CKespFeature& feature) {
   ApplyMarks(feature.m_attributeList, feature);
   ApplyMarks(feature.m_pointList, feature);

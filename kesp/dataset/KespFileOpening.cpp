@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int kMessageLimit = 255;  // characters of a system message that are handed on
+constexpr int kMessageLimit = 255;  // of a system message, in characters
 
 }  // namespace
 
@@ -19,7 +19,7 @@ ErrorEnum CKespFile::OpenKespReadOnly(CString path, CString& message) { return O
 
 ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOnly) {
   message.Empty();
-  // Without the memory for the text the code has to say it.
+  // If there is no memory for the text, the result code must do.
   const auto say = [&message](const CException& e) {
     try {
       message = e.GetErrorMessage().Left(kMessageLimit);
@@ -30,7 +30,7 @@ ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOn
   try {
     const bool isOpen = m_pDataFile != nullptr && m_pDataFile->IsOpen();
     const bool isSame = isOpen && NamesOpenFile(path);
-    // The name in other letter case may lead to no file here.
+    // The name in another letter case may not exist here.
     if (!FileExists(path) && !(isSame && FileExists(m_pDataFile->m_path))) return ERR_FILE_NOT_FOUND;
     if (m_pDataFile == nullptr) {
       message = u"Memory allocation failed. Free some memory and try again.";
@@ -41,7 +41,7 @@ ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOn
       message = u"Please close the already open file.";
       return ERR_OTHER_FILE_OPEN;
     }
-    // A file that the container refuses leaves it closed, and the next operation says so.
+    // If the container refuses the file, it stays closed; the next operation reports that.
     const bool opened = readOnly ? m_pDataFile->OpenReadOnly(path) : m_pDataFile->Open(path);
     if (!opened && m_pDataFile->GetSystemError() == ENOMEM) throw CMemoryException();
     return ERR_NONE;
@@ -56,20 +56,20 @@ ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOn
   }
 }
 
-// The same name in any letter case, unless that spelling leads to another file.
+// Whether the path is the open file's, in any letter case, unless that spelling leads to another file.
 bool CKespFile::NamesOpenFile(const CString& path) const {
   if (m_pDataFile->m_path.CompareNoCase(path) != 0) return false;
   return !FileExists(path) || m_pDataFile->m_file.IsSameFile(path);
 }
 
-// A file that is held read-only would take every write without a word and keep none of it.
+// Opens a read-only file again for writing: otherwise each write would be lost without an error.
 ErrorEnum CKespFile::MakeWritable(CString& message) {
   if (m_pDataFile->m_file.IsWritable()) return ERR_NONE;
   const CString path = m_pDataFile->m_path;
   (void)m_pDataFile->Close();
   if (m_pDataFile->Open(path)) return ERR_NONE;
   const int osError = m_pDataFile->GetSystemError();
-  // As it was, if the system still lets it.
+  // Restore it, if the system allows.
   (void)m_pDataFile->OpenReadOnly(path);
   message = CFileException(osError, path).GetErrorMessage().Left(kMessageLimit);
   return ERR_FILE_EXCEPTION;
@@ -83,7 +83,7 @@ ErrorEnum CKespFile::CloseKesp() {
       (void)SetCleanKespClose(true);
       m_pDataFile->Flush();
     } catch (...) {
-      (void)m_pDataFile->Close();  // or nobody could open the file any more
+      (void)m_pDataFile->Close();  // or it stays locked
       throw;
     }
   }

@@ -1,4 +1,4 @@
-// Questions about the records in memory.
+// Queries over the records in memory.
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -51,7 +51,7 @@ bool TextMatches(LogicFlag logic, const CString& text, const CString& wanted) {
   }
 }
 
-// A difference of exactly the limit is neither equal nor not equal, and NaN is nothing.
+// A difference of exactly the limit matches neither LOGIC_EQUAL nor LOGIC_NOT_EQUAL; a NaN matches nothing.
 bool NumberMatches(LogicFlag logic, double number, double wanted) {
   switch (logic) {
     case LOGIC_EQUAL:
@@ -67,7 +67,7 @@ bool NumberMatches(LogicFlag logic, double number, double wanted) {
   }
 }
 
-// Stands for the name of a feature type; every type without one has the same.
+// A number for the name of a feature type; all types without a name have the same.
 std::uint32_t NameOf(KESP_FEATURE_TYPE type) {
   return type >= KESP_FEATURE_POINT && type <= KESP_FEATURE_AREA ? std::uint32_t{type} : 0;
 }
@@ -87,7 +87,7 @@ Record** HandOut(const std::vector<Record*>& found, int& count, ErrorEnum& error
   return array;
 }
 
-// The records of a class (all of them for CKespRecord) that pass the test, in the order of the range.
+// Returns the records of a class (all of them for CKespRecord) that pass the test, in the order of the range.
 template <class Record, class Range, class Test>
 Record** Select(const Range& range, KESP_RECORD_TYPE type, Test test, int& count, ErrorEnum& error) {
   std::vector<Record*> found;
@@ -107,7 +107,7 @@ Record** WhereFlags(const kesp::RecordList& list, KESP_RECORD_TYPE type, LogicFl
       list, type, [&](const CKespRecord& record) { return FlagsMatch(logic, record.m_flags, mask32); }, count, error);
 }
 
-// Tests on the feature's attribute of a name; features without it fail.
+// These test the feature's attribute of that name; a feature without it fails.
 auto NumberTest(const CString& attribute, LogicFlag logic, double value) {
   return [=](const CKespFeature& feature) {
     const CKespAttribute* const found = feature.GetAttribute(attribute);

@@ -1,4 +1,4 @@
-// The write queue, and writing it to files.
+// Fills the write queue and writes it to files.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -17,8 +17,8 @@
 
 namespace {
 
-// Whatever it is: a directory is in the way of a new file too. Also when the system can't say, since what is there
-// would be emptied; a path that leads nowhere is left to the attempt to create it.
+// Whether anything exists at the path: a directory blocks a new file too. Also true when the system can't tell, since
+// an existing file would be emptied. False for a path that leads nowhere: the attempt to create the file decides.
 bool MayExist(const CString& path) {
   struct stat info {};
   const std::string name = path.ToPathBytes();
@@ -27,8 +27,8 @@ bool MayExist(const CString& path) {
   return std::find(std::begin(leadsNowhere), std::end(leadsNowhere), errno) == std::end(leadsNowhere);
 }
 
-// Where not even the file header could be written, what there is of the file is taken away, so that it doesn't pass for
-// one and stand in the way of the next try. A longer one, or one that somebody holds, came there meanwhile.
+// Deletes the file if not even its file header could be written, so that it doesn't pass for a Kesp file and block the
+// next attempt. A longer or locked file was made by someone else meanwhile, and stays.
 void TakeBackUnfinished(const CString& path, const CKespDataFile& file) {
   struct stat info {};
   const std::string name = path.ToPathBytes();
@@ -121,15 +121,15 @@ ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Append
   created->m_version = version;
   const bool isCreated = created->CreateWith(path, CFile::modeNew);
   const int osError = created->GetSystemError();
-  if (osError == EEXIST) return ERR_FILE_EXISTS;  // a link that leads nowhere, or it came there just now
+  if (osError == EEXIST) return ERR_FILE_EXISTS;  // a dangling link, or created just now
   if (m_pDataFile != nullptr) (void)m_pDataFile->Close();
   delete m_pDataFile;
   m_pDataFile = created.release();
   if (!isCreated) TakeBackUnfinished(path, *m_pDataFile);
-  // A failure shows here: what is not there can't be opened.
+  // A failure to create shows here: the file can't be opened.
   bool wasOpen = false;
   const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);
-  // Why, and not what opening says then.
+  // Keep the reason from creating, not the one from opening.
   if (!m_pDataFile->IsOpen() || m_pDataFile->m_systemError == 0) m_pDataFile->m_systemError = osError;
   if (opened != ERR_NONE) return opened;
   m_own->storedIn = m_pDataFile->m_file.Identity();

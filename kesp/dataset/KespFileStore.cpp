@@ -8,7 +8,7 @@
 
 CKespFile::CKespFile() : CKespFile(std::make_unique<CKespDataFile>()) {}
 
-// By way of the pointer, which deletes the container when there is no memory for the rest.
+// The unique_ptr deletes the container if there is no memory for the store.
 CKespFile::CKespFile(std::unique_ptr<CKespDataFile> container)
     : m_pDataFile(container.get()), m_own(std::make_unique<kesp::Store>()) {
   (void)container.release();
@@ -24,9 +24,9 @@ void CKespFile::ClearStorage() {
   m_pBmcText = &m_own->bmcTexts.emplace_back();
 }
 
-// Features that callers entered into the index, and headers that they queued: they go with what reading made. Each
-// object is deleted once however often it was entered. A header that was taken out of the list is its caller's again.
-// Without the memory to tell them apart they are left where they are.
+// Finds features that callers entered into the index, and headers that they queued: clearing deletes these too, each
+// once, however often it was entered. A header that was removed from the list belongs to the caller again. If there is
+// no memory to sort them out, none is deleted.
 void CKespFile::FindEntered(std::vector<CKespRecord*>& entered) noexcept {
   std::vector<CKespFeature*>& features = m_own->features;
   std::vector<CKespRecord*>& records = m_own->records;
@@ -46,7 +46,7 @@ void CKespFile::FindEntered(std::vector<CKespRecord*>& entered) noexcept {
   }
 }
 
-// Never fails: the destructor needs it.
+// Never fails: the destructor calls it.
 void CKespFile::Clear() noexcept {
   m_numPoints = 0;
   m_firstPointTime = CTime::GetCurrentTime();

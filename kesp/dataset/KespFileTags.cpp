@@ -1,4 +1,4 @@
-// What the data set makes of the tags that it reads.
+// Enters the tags that are read into the indexes.
 #include "kesp/dataset/KespFile.h"
 #include "kesp/dataset/Store.h"
 
@@ -17,7 +17,7 @@ bool CKespFile::ProcessTag(CKespTag* tag) {
       break;
     }
     case KESP_TAG_QUALITY_MARK:
-      // Entered under 0 when the mark can't be read.
+      // Entered under 0 if the mark can't be read.
       (void)tag->GetQualityMark(first, unused, unused, unused, unused);
       m_qualityMarkIndex.SetAt(first, tag);
       break;
@@ -45,7 +45,7 @@ bool CKespFile::ProcessTag(CKespTag* tag) {
 bool CKespFile::AddFeatureLink(const CKespFeatureLink& link) {
   CKespFeatureLink* const copy = &m_own->links.emplace_back(link);
   m_featureLinks.push_back(copy);
-  // A feature linked to itself has the link in its list twice.
+  // A feature linked to itself gets the link in its list twice.
   for (const std::uint32_t number : {link.m_featureNumber1, link.m_featureNumber2}) {
     CKespLinkList* list = nullptr;
     if (!m_linkListIndex.Lookup(number, list)) {

@@ -1,4 +1,4 @@
-// Whether a file can be read, and each of its features has a point.
+// Checks that a file can be read and that each of its features has a point.
 #include <algorithm>
 
 #include "kesp/dataset/KespFile.h"
@@ -26,7 +26,7 @@ ErrorEnum CKespFile::ValidateKesp() {
 }
 
 ErrorEnum CKespFile::CheckTavoFileIntegrity() {
-  Clear();  // also where there is nothing to read
+  Clear();  // even if the read fails at once
   const ErrorEnum result = ReadKespFile(false);
   if (result != ERR_NONE) return result;
   const bool whole = std::all_of(m_featureIndex.begin(), m_featureIndex.end(),

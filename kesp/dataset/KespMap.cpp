@@ -14,11 +14,11 @@ namespace {
 
 constexpr std::uint32_t kBuckets = 17;
 constexpr std::uint32_t kNone = 0xFFFFFFFF;
-constexpr std::uint32_t kFree = 0xFFFFFFFE;  // in `previous` of an entry that is in no chain
-constexpr std::size_t kGroup = 8;            // neighbouring keys share a group of slots, which fills a cache line
+constexpr std::uint32_t kFree = 0xFFFFFFFE;  // `previous` of an entry that is in no chain
+constexpr std::size_t kGroup = 8;            // neighbouring keys share a group of slots, one cache line
 
 std::uint64_t MakeSeed() noexcept {
-  // Without a source of randomness the maps are still right, only predictable.
+  // Without a source of randomness the maps still work, but are predictable.
   try {
     std::random_device device;
     return std::uint64_t{device()} << 32 | device();
@@ -27,7 +27,7 @@ std::uint64_t MakeSeed() noexcept {
   }
 }
 
-// Of the process. No static of a function, whose making another thread may be at when the process forks.
+// The seed of the process. Not a function-local static: another thread may be initializing it when the process forks.
 std::uint64_t Seed() noexcept {
   static constinit std::atomic<std::uint64_t> seed{0};
   std::uint64_t known = seed.load(std::memory_order_relaxed);
@@ -41,14 +41,14 @@ std::uint32_t BucketOf(std::uint64_t key) { return (HashWord(key) >> 4) % kBucke
 
 }  // namespace
 
-// The chains of the buckets are for iterating only. Keys are found through a table of slots, open-addressed; a seed of
-// the process's own keeps a hostile file from choosing keys that collide there.
+// The chains of the buckets are only for iterating. Keys are found through an open-addressed table of slots; a seed for
+// each process keeps a hostile file from choosing keys that collide there.
 struct MapOfWords::State {
   struct Slot {
-    std::uint32_t at = kNone;    // in entries
-    std::uint32_t hashWord = 0;  // of the key, so that another key is told without a look at its entry
+    std::uint32_t at = kNone;    // index in entries
+    std::uint32_t hashWord = 0;  // of the key: most other keys fail here
   };
-  // Packed, since there may be millions.
+  // Packed: there may be millions.
   struct Noted {
     std::uint32_t key;
     std::array<std::byte, 8> value;
@@ -64,7 +64,7 @@ struct MapOfWords::State {
   std::size_t Home(std::uint64_t key) const noexcept {
     return (Mixed(key / kGroup) * kGroup + key % kGroup) & (slots.size() - 1);
   }
-  // The key's slot, or the empty one where it would go. There is always an empty one.
+  // Returns the key's slot, or the empty slot where it would go. There is always an empty slot.
   std::size_t SlotOf(std::uint64_t key) const noexcept {
     const std::size_t mask = slots.size() - 1;
     std::size_t slot = Home(key);
@@ -80,7 +80,7 @@ struct MapOfWords::State {
       slots[SlotOf(entries[at].key)] = {at, HashWord(entries[at].key)};
     }
   }
-  // Null for a new key, else the entry of the key, whose value is still the old one.
+  // Adds a new key and returns null; for a known key returns its entry, with the old value.
   Entry* Enter(std::uint64_t key, std::uint64_t value) {
     if (2 * (count + 1) > slots.size()) Rehash(std::max<std::size_t>(2 * slots.size(), kGroup));
     const std::size_t slot = SlotOf(key);
@@ -108,7 +108,7 @@ struct MapOfWords::State {
     std::size_t size = std::max<std::size_t>(slots.size(), kGroup);
     while (size < 2 * (count + noted.Size() + 1)) size *= 2;
     if (size != slots.size()) Rehash(size);
-    // Entering the same again changes nothing, so they are dropped when all are in.
+    // Entering the same again changes nothing, so they are dropped only after all are in.
     for (std::size_t i = 0; i < noted.Size(); ++i) {
       std::uint64_t value = 0;
       std::memcpy(&value, noted[i].value.data(), sizeof value);
@@ -116,7 +116,7 @@ struct MapOfWords::State {
     }
     noted.Clear();
   }
-  // Moves back what had been pushed past the slot that became empty.
+  // Moves back the slots that were pushed past the one that is now empty.
   void CloseGap(std::size_t gap) noexcept {
     const std::size_t mask = slots.size() - 1;
     for (std::size_t slot = (gap + 1) & mask; slots[slot].at != kNone; slot = (slot + 1) & mask) {
@@ -135,7 +135,7 @@ struct MapOfWords::State {
 
   BlockList<Noted> noted;
   BlockList<Entry> entries;
-  std::vector<Slot> slots;  // the size is a power of 2, at most half of them are used
+  std::vector<Slot> slots;  // the size is a power of 2; at most half are used
   std::array<std::uint32_t, kBuckets> heads = [] {
     std::array<std::uint32_t, kBuckets> none{};
     none.fill(kNone);

@@ -1,15 +1,16 @@
-// The hash map of the data set. Its iteration order is a promise, since summaries, validation and hosts follow it: 17
-// buckets from first to last, the bucket of a key being its hash word shifted right by 4, modulo 17; in a bucket the
-// newest key comes first; setting a key that is there replaces its value in place.
+// The hash map of the data set. Its iteration order is guaranteed, since summaries, validation and hosts depend on it.
+// There are 17 buckets, visited from first to last; the bucket of a key is its hash word shifted right by 4, modulo 17.
+// In a bucket the newest key comes first. Setting an existing key replaces its value in place.
 //
 //   for (const auto& entry : file.m_featureIndex) Show(entry.key, *entry.value);
 //
-// Keys are 32-bit numbers or GPS times, whose hash word is the first part. Values take 8 bytes and are copied; what
-// they point to is not owned. Finding, adding and removing take constant time however the keys fall into the buckets.
+// Keys are 32-bit numbers, or GPS times, whose hash word is the first part. Values are 4 or 8 bytes and are copied; the
+// map does not own what they point to. Finding, adding and removing take constant time, however the keys fall into the
+// buckets.
 //
-// Removing the entry that an iterator is at makes it invalid, nothing else does but RemoveAll.
-// Errors: std::bad_alloc from SetAt, Note and Settle, and from every operation after a Note that was not settled. What
-// the map held it still holds.
+// An iterator becomes invalid when its entry is removed or by RemoveAll; nothing else invalidates it.
+// Errors: std::bad_alloc from SetAt, Note and Settle, and from any other operation but IsEmpty and RemoveAll after a
+// Note that was not yet settled. The map then still holds what it held.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -22,14 +23,14 @@
 
 namespace kesp {
 
-// What maps of all keys and values are made of: keys as words, whose low half is the hash word, and values as the bytes
-// of words. The operations are those of KespMap.
+// The common part of all maps: keys as words, whose low half is the hash word, and values as the bytes of words. The
+// operations are those of KespMap.
 class KESP_EXPORT MapOfWords {
  public:
   struct Entry {
     std::uint64_t key = 0;
     alignas(8) std::byte value[8]{};
-    std::uint32_t previous = 0;  // in the chain of its bucket
+    std::uint32_t previous = 0;  // index of the entry before it in its bucket's chain
     std::uint32_t next = 0;
   };
 
@@ -38,14 +39,14 @@ class KESP_EXPORT MapOfWords {
   MapOfWords(const MapOfWords&) = delete;
   MapOfWords& operator=(const MapOfWords&) = delete;
 
-  // In the promised order; null at the end.
+  // These visit the entries in the guaranteed order; null at the end.
   const Entry* First() const;
   const Entry* After(const Entry* entry) const noexcept;
 
   std::size_t Count() const;
   bool IsEmpty() const noexcept;
-  const Entry* Find(std::uint64_t key) const;  // null when it is not there
-  // True when the key was there; `before` is then its former value.
+  const Entry* Find(std::uint64_t key) const;  // null if there is none
+  // Returns true if the key was there; `before` then receives its old value.
   bool SetAt(std::uint64_t key, std::uint64_t value, std::uint64_t& before);
   void Note(std::uint32_t key, std::uint64_t value);
   void Settle() const;
@@ -68,7 +69,7 @@ class KespMap {
     Value value{};
   };
 
-  // Input iterator; hands entries out by value.
+  // Input iterator; returns entries by value.
   class Iterator {
    public:
     using value_type = Entry;
@@ -102,16 +103,16 @@ class KespMap {
   int GetCount() const { return static_cast<int>(m_words.Count()); }
   bool IsEmpty() const noexcept { return m_words.IsEmpty(); }
 
-  // False, and nothing stored, when the key is not there.
+  // Returns false and stores nothing if the key is not there.
   bool Lookup(const Key& key, Value& value) const {
     const Value* const found = Find(key);
     if (found == nullptr) return false;
     value = *found;
     return true;
   }
-  // Null when the key is not there; valid until the next change.
+  // Returns null if the key is not there; valid until the next change.
   const Value* Find(const Key& key) const { return ValueOf(m_words.Find(WordOf(key))); }
-  // Returns the value that was replaced; a default one for a new key.
+  // Returns the replaced value, or a default one for a new key.
   Value SetAt(const Key& key, const Value& value) {
     std::uint64_t before = 0;
     Value replaced{};
@@ -119,17 +120,17 @@ class KespMap {
       std::memcpy(static_cast<void*>(&replaced), &before, sizeof replaced);
     return replaced;
   }
-  // SetAt, put off until something else is asked of the map: for entries that come in great numbers and may never be
-  // asked for. It takes half the memory and a fraction of the time.
+  // A SetAt that is delayed until another operation needs the map, for many entries that may never be looked up. It
+  // takes half the memory and a fraction of the time.
   void Note(const Key& key, const Value& value) {
     static_assert(sizeof(Key) == 4);
     m_words.Note(key, Pack(value));
   }
-  // Enters what was noted. Every other operation does so first.
+  // Enters what was noted. The other operations but RemoveAll and IsEmpty do this first.
   void Settle() const { m_words.Settle(); }
-  // False when the key is not there.
+  // Returns false if the key is not there.
   bool RemoveKey(const Key& key) { return m_words.RemoveKey(WordOf(key)); }
-  // Gives the memory back.
+  // Removes all entries and frees the memory.
   void RemoveAll() noexcept { m_words.RemoveAll(); }
 
  private:

@@ -1,4 +1,4 @@
-// How a query compares. One of these at a time; what a query does not support matches nothing.
+// How a query compares. Pass one of these at a time; a comparison that a query does not support matches nothing.
 #pragma once
 
 //                         flags and a mask            text                              number

@@ -11,7 +11,7 @@
 namespace kesp {
 namespace {
 
-// Stands for an entry that was removed: an address at which no record can be.
+// Marks a removed entry: an address that no record can have.
 CKespRecord* Hole() noexcept { return reinterpret_cast<CKespRecord*>(std::uintptr_t{1}); }
 
 }  // namespace
@@ -59,10 +59,10 @@ struct RecordList::State {
   BlockList<CKespRecord*> records;
   std::vector<CKespRecord*> headers;
   std::size_t holes = 0;
-  std::size_t front = 0;  // all before this one are holes
-  std::size_t gone = 0;  // entries that RemoveAll dropped: a walk that was at one of them goes on with the first of now
-  std::size_t walks = 0;  // iterators that are no ends
-  // Where each record is. Made when the first one is removed, so that reading and queueing need not pay for it.
+  std::size_t front = 0;  // all entries before this one are holes
+  std::size_t gone = 0;   // entries that RemoveAll dropped; a walk at one of them goes on with the first entry
+  std::size_t walks = 0;  // iterators other than ends
+  // Where each record is. Built at the first removal, so that reading and queueing don't pay for it.
   std::unordered_multimap<const CKespRecord*, std::size_t> places;
   bool placesKnown = false;
 };

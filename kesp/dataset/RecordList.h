@@ -2,16 +2,16 @@
 //
 //   for (CKespRecord* record : file.m_recordList) ...
 //
-// Appending and asking for the length take constant time, removing a record too: it leaves a hole that walks skip, and
-// the list is compacted when half of it is holes and nobody walks over it. The same pointer may be here more than once,
-// and so may null.
+// Appending, removing and the length take constant time. Remove leaves a hole that iteration skips; the list is
+// compacted when more than half of it is holes and nothing iterates over it. The list may hold the same pointer more
+// than once, and null.
 //
-// A walk goes on whatever is removed and appended meanwhile: a record that is removed before the walk comes to it is
-// left out, one that is appended is met.
+// Iteration continues whatever is removed and appended meanwhile: it skips a record that is removed before it gets
+// there, and visits one that is appended.
 //
-// Ownership: none, but the list knows which of its entries are header records, since the data set deletes those.
-// Errors: out of memory leaves AddTail, which then has added nothing. Remove never fails; without the memory for its
-// index it looks through the list.
+// Ownership: none. The list records which entries are header records, since the data set deletes those.
+// Errors: AddTail raises std::bad_alloc, and then adds nothing. Remove never fails; if there is no memory for its
+// index, it searches the list.
 #pragma once
 #include <cstddef>
 #include <memory>
@@ -26,7 +26,7 @@ namespace kesp {
 
 class KESP_EXPORT RecordList {
  public:
-  // Forward. While one lives that is not an end, the list is not compacted; it must not outlive the list.
+  // Forward iterator. While one exists that is not an end, the list is not compacted. It must not outlive the list.
   class KESP_EXPORT Iterator {
    public:
     using value_type = CKespRecord*;
@@ -40,14 +40,14 @@ class KESP_EXPORT RecordList {
       return *this;
     }
     ~Iterator();
-    CKespRecord* operator*() const noexcept;  // null when it was removed meanwhile
+    CKespRecord* operator*() const noexcept;  // null if it was removed meanwhile
     Iterator& operator++() noexcept;
     Iterator operator++(int) {
       Iterator old = *this;
       ++*this;
       return old;
     }
-    // All ends are equal, wherever the list ends by now.
+    // All ends are equal, however long the list has become.
     bool operator==(const Iterator& other) const noexcept {
       return IsEnd() ? other.IsEnd() : !other.IsEnd() && m_at == other.m_at;
     }
@@ -55,7 +55,7 @@ class KESP_EXPORT RecordList {
    private:
     bool IsEnd() const noexcept;
     const RecordList* m_list = nullptr;
-    std::size_t m_at = 0;  // counted from the list's beginning, cleared entries included
+    std::size_t m_at = 0;  // index in the list, including cleared entries
   };
 
   RecordList();
@@ -70,10 +70,10 @@ class KESP_EXPORT RecordList {
   CKespRecord* GetHead() const noexcept { return IsEmpty() ? nullptr : *begin(); }
 
   void AddTail(CKespRecord* record);
-  // Every entry that is this record.
+  // Removes all entries that are this record.
   void Remove(const CKespRecord* record) noexcept;
   void RemoveAll() noexcept;
-  // The entries that were header records when they were added.
+  // Returns the entries that were header records when they were added.
   const std::vector<CKespRecord*>& Headers() const noexcept;
 
  private:

@@ -1,4 +1,4 @@
-// What a data set owns and knows besides its public members.
+// What a data set owns and keeps besides its public members.
 #pragma once
 #include <cstdint>
 #include <deque>
@@ -12,14 +12,14 @@
 namespace kesp {
 
 struct Store {
-  // What reading made and no feature owns, to be deleted when the data set is cleared; the features apart, since the
-  // index has them too.
+  // Records that reading made and no feature owns; clearing deletes them. Features are apart, since the index has them
+  // too.
   std::vector<CKespFeature*> features;
   std::vector<CKespRecord*> records;
   std::deque<CKespFeatureLink> links;
   std::deque<CKespLinkList> linkLists;
-  std::deque<CString> bmcTexts;   // of every clearing, since a host may still look at them
-  FileIdentity storedIn;          // where the records were read from, or written to last
+  std::deque<CString> bmcTexts;   // one for each clearing, since a host may still use them
+  FileIdentity storedIn;          // the file that the records were read from, or last written to
   std::uint64_t memoryLimit = 0;  // bytes; 0 for the default
   bool wasReadToEnd = false;
 };

@@ -12,11 +12,11 @@
 namespace kesp {
 namespace {
 
-constexpr double kSmallestExtent = 1e-7;  // sides of an extent that is taken over are longer than this
-// What a data set may occupy by default: so much, and so much for each byte of the file.
+constexpr double kSmallestExtent = 1e-7;  // an extent is used only if its sides are longer
+// The default memory limit of a data set: a fixed part and a part for each byte of the file, in bytes.
 constexpr std::uint64_t kMemoryToBeginWith = std::uint64_t{48} << 20;
 constexpr std::uint64_t kMemoryPerByte = 4;
-// What is counted for what is not in the pool: a record's entries in lists, a link, and the list of a feature's links.
+// Bytes counted for what is not in the pool: a record's entries in lists, a link, and the link list of a feature.
 constexpr std::uint64_t kBytesOfEntries = 32;
 constexpr std::uint64_t kBytesOfLink = 48;
 constexpr std::uint64_t kBytesOfLinkList = 96;
@@ -25,7 +25,7 @@ bool IsExtent(double minX, double maxX, double minY, double maxY) {
   return std::fabs(minX - maxX) > kSmallestExtent && std::fabs(minY - maxY) > kSmallestExtent;
 }
 
-// The note of a record that is one and begins with the tag; null otherwise.
+// Returns the record as a note if it is one and begins with the tag, else null.
 const CKespNote* AsTaggedNote(const CKespRecord* record, std::u16string_view tag) {
   if (record->m_recordType != KESP_RECORD_NOTE) return nullptr;
   const auto* const note = static_cast<const CKespNote*>(record);
@@ -73,7 +73,7 @@ const CKespTavoHeader* StoreReader::ReadHeader() {
 }
 
 bool StoreReader::ReadHeaderNotes(CKespRecord*& next) {
-  m_file.m_extent.Invalidate();  // an extent in the header itself never counts in such a file
+  m_file.m_extent.Invalidate();  // an extent in the header itself doesn't count in such a file
   std::unique_ptr<CKespRecord> record(ReadNext());
   if (!record) return AtCleanEnd();
   m_file.m_pBmcText->Empty();
@@ -82,7 +82,7 @@ bool StoreReader::ReadHeaderNotes(CKespRecord*& next) {
     record.reset(ReadNext());
     if (!record) return AtCleanEnd();
   }
-  // Looked for after the other only: a "BMC:" note after it is an ordinary one.
+  // Only searched after the other note: a "BMC:" note after a "ZOM:" one is an ordinary note.
   if (const CKespNote* const note = AsTaggedNote(record.get(), kZomTag)) {
     SetExtentFrom(note->NoteText.View().substr(kNoteTagLength));
     record.reset(ReadNext());
@@ -92,7 +92,7 @@ bool StoreReader::ReadHeaderNotes(CKespRecord*& next) {
   return true;
 }
 
-// What keeps the text from being taken is no reason to give the file up.
+// An extent that can't be read is no reason to give up the file.
 void StoreReader::SetExtentFrom(std::u16string_view numbers) try {
   double values[4] = {0, 0, 0, 0};
   for (double& value : values) {
@@ -112,7 +112,7 @@ ErrorEnum StoreReader::ReadRecords(CKespRecord* next) {
   const ReadingAhead ahead(m_container);
   m_poolBefore = PoolBytesTaken();
   const std::uint64_t limit = MemoryLimit();
-  // Damage right after the header reads as a file that ends there; further on it is reported.
+  // Damage right after the header is treated as the end of the file; later damage is reported.
   while (record) {
     Add(record.release());
     while (CKespPoint* const point = m_container.TakePlainPoint()) AddPoint(point);
@@ -126,7 +126,7 @@ ErrorEnum StoreReader::ReadRecords(CKespRecord* next) {
   return ERR_NONE;
 }
 
-// Only a crafted file reaches the limit that is set by default; a survey needs about half the file's length.
+// Only a crafted file reaches the default limit; a survey needs about half the file's length.
 std::uint64_t StoreReader::MemoryLimit() const noexcept {
   const std::uint64_t byDefault = kMemoryToBeginWith + kMemoryPerByte * m_container.m_file.KnownLength();
   return m_own.memoryLimit != 0 ? m_own.memoryLimit : byDefault;
@@ -138,8 +138,7 @@ std::uint64_t StoreReader::MemoryUsed() const noexcept {
          kBytesOfLink * m_own.links.size() + kBytesOfLinkList * m_own.linkLists.size();
 }
 
-// The class of a record says the same for all records of a version: it is asked again when one of another class or
-// version follows.
+// All records of one class and version need the same file version, so only asks the class when a new pair comes.
 void StoreReader::NoteNeededVersion(CKespRecord& record) {
   const std::uint64_t kind = std::uint64_t{record.m_recordType} << 16 | record.m_recordVersion;
   for (const std::uint64_t known : m_kindsSeen) {
@@ -152,7 +151,7 @@ void StoreReader::NoteNeededVersion(CKespRecord& record) {
   }
 }
 
-// The feature of that number that came last.
+// Returns the last feature with that number.
 CKespFeature* StoreReader::FeatureOf(std::uint32_t number) {
   if (m_lastFeature != nullptr && m_lastFeature->FeatureNumber == number) return m_lastFeature;
   CKespFeature* feature = nullptr;
@@ -177,7 +176,7 @@ void StoreReader::AddPoint(CKespPoint* point) {
 bool StoreReader::PlacePoint(CKespPoint* point) {
   std::unique_ptr<CKespPoint> own(point);
   CKespFeature* const feature = FeatureOf(point->FeatureNumber);
-  // Only a point that stays is indexed: one that belongs to nothing must not take the place of another.
+  // A point without a feature is not indexed: it must not replace another.
   if (feature == nullptr) return false;
   feature->AddPoint(point);
   (void)own.release();
@@ -249,7 +248,7 @@ bool StoreReader::Place(CKespRecord* record) {
   }
 }
 
-// PropigateSourceCtrlFlagsToFeatures, without the features in which every flag word is 0: they stay so.
+// Does what PropigateSourceCtrlFlagsToFeatures does, but skips features with only zero flag words: these don't change.
 void StoreReader::PropagateMarks() {
   for (const auto& entry : m_file.m_featureChangesIndex) {
     CKespFeature* feature = nullptr;
@@ -260,7 +259,7 @@ void StoreReader::PropagateMarks() {
   std::sort(m_marked.begin(), m_marked.end());
   m_marked.erase(std::unique(m_marked.begin(), m_marked.end()), m_marked.end());
   for (CKespFeature* feature : m_marked) {
-    // Not the features whose number a later one took.
+    // Skip features whose number a later one has taken.
     CKespFeature* indexed = nullptr;
     if (m_file.m_featureIndex.Lookup(feature->FeatureNumber, indexed) && indexed == feature) {
       CKespFile::ApplyMarksOfChildren(*feature);
@@ -280,7 +279,7 @@ ErrorEnum CKespFile::ReadKespFile(bool readDeleted) {
     m_pDataFile->m_ranOutOfMemory = false;
     const ErrorEnum result = kesp::StoreReader(*this, !readDeleted).Read();
     if (m_pDataFile->m_ranOutOfMemory) return ERR_MEMORY;
-    // A last record that claims to go on after the end of a file ends the walk as the end does.
+    // A last record whose length goes past the end of the file also ends the walk with KESP_ERROR_NORMAL_EOF.
     m_own->wasReadToEnd = result != ERR_SEEK_FAILED && m_pDataFile->GetError() == KESP_ERROR_NORMAL_EOF &&
                           m_pDataFile->m_file.GetPosition() == m_pDataFile->m_file.KnownLength();
     return result;

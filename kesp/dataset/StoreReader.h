@@ -1,11 +1,11 @@
-// Reads a whole file into the store of a data set: one walk over the container, record after record.
+// Reads a whole file into the store of a data set, in one walk over the container.
 //
 //   const ErrorEnum result = StoreReader(file, !readDeleted).Read();
 //
-// Ownership: what is read belongs to the data set at once, in its store's lists, in a feature or in both.
-// Errors: std::bad_alloc, also where the memory limit of the data set is reached, and the CFileException of a version-1
-//   feature that is cut short. The data set then holds what was read so far. A container that runs out of memory ends
-//   the walk like damage; see CKespDataFile.
+// Ownership: the data set owns what is read at once, in the store's lists, in a feature or in both.
+// Errors: std::bad_alloc, also when the memory limit of the data set is reached, and the CFileException of a version-1
+// feature that is cut short. The data set then holds what was read so far. If the container runs out of memory, the
+// walk ends as at damage; see CKespDataFile.
 #pragma once
 #include <array>
 #include <cstdint>
@@ -23,18 +23,18 @@ class StoreReader {
   StoreReader(CKespFile& file, bool skipDeleted)
       : m_file(file), m_container(*file.m_pDataFile), m_own(*file.m_own), m_skipDeleted(skipDeleted) {}
 
-  // Of an open file into a cleared data set.
+  // Reads an open file into a cleared data set.
   ErrorEnum Read();
 
  private:
-  // The two notes after a version-1 header, if they are there. False when reading fails; else the record after them,
-  // or null at the end.
+  // Reads the two notes after a version-1 header, if they are there. Returns false when reading fails; else `next` is
+  // the record after them, or null at the end.
   bool ReadHeaderNotes(CKespRecord*& next);
   CKespRecord* ReadNext() { return m_container.ReadNextRecord(m_skipDeleted); }
   bool AtCleanEnd() const { return m_container.GetError() == KESP_ERROR_NORMAL_EOF; }
   const CKespTavoHeader* ReadHeader();
   ErrorEnum ReadRecords(CKespRecord* next);
-  // Puts a record where it belongs, and deletes one that belongs nowhere.
+  // Adds a record to the store, or deletes it if it belongs to nothing.
   void Add(CKespRecord* record);
   void AddPoint(CKespPoint* point);
   bool Place(CKespRecord* record);
@@ -55,12 +55,12 @@ class StoreReader {
   Store& m_own;
   const bool m_skipDeleted;
 
-  CKespFeature* m_lastFeature = nullptr;       // records of one feature follow one another
-  std::vector<CKespFeature*> m_marked;         // features that have, or own what has, a flag word other than 0
-  std::uint32_t m_points = 0;                  // in the features of the index
-  std::array<std::uint64_t, 4> m_kindsSeen{};  // record types and versions seen last
+  CKespFeature* m_lastFeature = nullptr;       // records of one feature usually follow each other
+  std::vector<CKespFeature*> m_marked;         // features that have or own a flag word other than 0
+  std::uint32_t m_points = 0;                  // points of the features in the index
+  std::array<std::uint64_t, 4> m_kindsSeen{};  // the record types and versions seen last
   std::size_t m_kindsCount = 0;
-  std::int64_t m_poolBefore = 0;  // what this thread had of the pool
+  std::int64_t m_poolBefore = 0;  // bytes that this thread had from the pool
 };
 
 }  // namespace kesp

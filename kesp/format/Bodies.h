@@ -1,9 +1,9 @@
-// The body of every record that has a fixed layout, in each of its versions: what docs/file-format.md says in tables,
-// as descriptions for the visitors of kesp/util/Fields.h. Offsets are those in the body. Texts are 8-bit in version 1
-// and UTF-16 later. Never change one: a new layout is a new version.
+// Describes the body of every record type with a fixed layout, in each of its versions, for the visitors of
+// kesp/util/Fields.h. docs/file-format.md has the same in tables. Offsets are from the start of the body, in bytes.
+// Texts are 8-bit in version 1 and UTF-16 later. Never change a description: a new layout is a new version.
 //
 // The second argument is a record of the class, or BodyFields where the values don't matter. A tag's length varies, so
-// that its class takes it apart by hand.
+// its class parses it by hand.
 #pragma once
 #include <array>
 #include <cstddef>
@@ -56,7 +56,7 @@ constexpr auto kPointVersion2 = [](auto& v, auto& p) {
   v.U32(p.PointNumber);       // 4
   v.Text16(p.PointText, 21);  // 8
   kPointPosition(v, p);       // 50
-  v.U16(p.GpsNumber);         // 88, after the status although it is before it in memory
+  v.U16(p.GpsNumber);         // 88: after SignalStatus here, before it in the class
   v.U16(p.HasOffset);         // 90
   v.F64(p.Offset1);           // 92
   v.F64(p.Offset2);           // 100
@@ -72,8 +72,8 @@ constexpr auto kHeaderTextsOfVersion1 = [](auto& v, auto& h) {
   v.Text8(h.HeaderText5, 128);  // 799
   v.Skip(1);                    // 927
 };
-// The two directions differ: what a reader takes from the first ten bytes a writer leaves zero, so that an old file's
-// time survives reading and a new one claims none.
+// Reading and writing differ: the reader takes fields from the first ten bytes, the writer leaves them zero. So the
+// time of an old file can be read, while a new file claims none.
 constexpr auto kHeaderVersion1 = [](auto& v, auto& h) {
   v.Skip(4);              // 0
   v.U32(h.CreationTime);  // 4
@@ -170,7 +170,7 @@ constexpr auto kAttributeVersion3 = [](auto& v, auto& a) {
 constexpr auto kNoteVersion1 = [](auto& v, auto& note) { v.Text8(note.NoteText, 256); };
 constexpr auto kNoteVersion2 = [](auto& v, auto& note) { v.Text16(note.NoteText, 256); };
 
-// By version, from 1 on.
+// Version n is at index n - 1.
 constexpr std::tuple kFeatureBodies{kFeatureVersion1, kFeatureVersion2, kFeatureVersion3};
 constexpr std::tuple kPointBodies{kPointVersion1, kPointVersion2};
 constexpr std::tuple kHeaderBodies{kHeaderVersion1, kHeaderVersion2};
@@ -178,14 +178,15 @@ constexpr std::tuple kFeatureEndBodies{kFeatureEndBody};
 constexpr std::tuple kAttributeBodies{kAttributeVersion1, kAttributeVersion2, kAttributeVersion3};
 constexpr std::tuple kNoteBodies{kNoteVersion1, kNoteVersion2};
 
-// Calls `use` with the description of a version; false, and no call, when there is no such version.
+// Calls `use` with the description of a version and returns true; returns false without a call when there is no such
+// version.
 template <class... Bodies, class Use>
 constexpr bool WithVersion(const std::tuple<Bodies...>& bodies, unsigned version, Use use) {
   unsigned v = 0;
   return std::apply([&](const auto&... body) { return ((version == ++v && (use(body), true)) || ...); }, bodies);
 }
 
-// In the place of a record, for visitors that ask for nothing but widths.
+// Takes the place of a record for visitors that need only the widths.
 struct BodyFields {
   struct Any {};
   Any FeatureNumber, FeatureName, FeatureType, Color, SymbolIndex;

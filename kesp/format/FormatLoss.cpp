@@ -25,7 +25,7 @@ constexpr std::size_t kMostBytes = BodyLengthOf(KESP_RECORD_HEADER, 2);
 class FieldList {
  public:
   struct Field {
-    const CString* text = nullptr;  // or
+    const CString* text = nullptr;  // null unless it is a text
     std::span<const std::uint8_t> bytes;
     std::uint64_t number = 0;
 
@@ -63,7 +63,7 @@ class FieldList {
   std::size_t m_count = 0;
 };
 
-// The body that the class writes for a version.
+// Writes the body that the class writes for a version.
 template <class Record, class Body>
 void Write(FieldWriter& writer, const Record& record, Body body) {
   if constexpr (std::is_same_v<Body, std::remove_const_t<decltype(kHeaderVersion1)>>) {
@@ -73,7 +73,7 @@ void Write(FieldWriter& writer, const Record& record, Body body) {
   }
 }
 
-// Writes the older body, reads it back into a new record, and compares what the newest body would hold.
+// Writes the older body, reads it back into a new record, and compares the fields of the newest body.
 template <class... Bodies, class Record>
 void AddTo(FormatLoss::Kind& kind, const std::tuple<Bodies...>& bodies, const Record& record, unsigned version) {
   Record kept;

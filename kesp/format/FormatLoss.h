@@ -1,11 +1,11 @@
-// What records lose when they are written in an older file version.
+// Counts what records lose when they are written in an older file version.
 //
 //   kesp::FormatLoss loss;
 //   for (const CKespRecord* record : records) loss.Add(*record, 1);
 //   if (!loss.IsNone()) Warn(loss.features.texts, loss.points.numbers);
 //
-// File version 1 has record version 1 of each class, file version 2 has record version 2; a feature end has version 1
-// alone. Feature ends and tags lose nothing.
+// File version 1 has record version 1 of each class, file version 2 has record version 2; a feature end has only
+// version 1. Feature ends and tags lose nothing.
 #pragma once
 #include <cstdint>
 
@@ -17,12 +17,12 @@ namespace kesp {
 
 struct KESP_EXPORT FormatLoss {
   struct Kind {
-    std::uint64_t records = 0;  // that lose something
-    // Texts that end early: too long for their field, with a zero inside, or, in version 1, with a character above
-    // U+00FF. And texts that the older body has no room for.
+    std::uint64_t records = 0;  // records that lose something
+    // Texts that are cut: too long for their field, with a zero inside or, in version 1, with a character above U+00FF;
+    // and texts that the older body has no field for.
     std::uint64_t texts = 0;
-    // Numbers other than the default that the older body lacks, or that its field is too narrow for. Each of the slots
-    // of raw bytes in a header counts as one. A header's KespVersion, which follows the version, is not counted.
+    // Numbers other than the default that the older body has no field for, or whose field is too narrow. Each slot of
+    // raw bytes in a header counts as one. A header's KespVersion follows the version and is not counted.
     std::uint64_t numbers = 0;
 
     bool operator==(const Kind&) const = default;
@@ -35,7 +35,7 @@ struct KESP_EXPORT FormatLoss {
 
   bool IsNone() const noexcept { return *this == FormatLoss{}; }
   // Counts what `record` loses in a file of version 1 or 2; other versions hold everything. Only the record's own body
-  // is looked at, not the points and attributes that hang from a feature. Raises std::bad_alloc.
+  // counts, not the points and attributes of a feature. Raises std::bad_alloc.
   void Add(const CKespRecord& record, unsigned short fileVersion);
 
   bool operator==(const FormatLoss&) const = default;

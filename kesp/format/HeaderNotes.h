@@ -1,5 +1,5 @@
-// The two notes after a version-1 header, which hold what such a header has no room for: "BMC:" and a text, "ZOM:" and
-// four numbers of an extent. Their first four characters tell them from other notes, and from each other.
+// The two notes after a version-1 header. They hold what that header has no room for: "BMC:" and a text, "ZOM:" and the
+// four numbers of an extent. Their first four characters distinguish them from other notes and from each other.
 #pragma once
 #include <string_view>
 

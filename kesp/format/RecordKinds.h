@@ -1,4 +1,4 @@
-// What a reader does with each record type, which versions the types have and how long their bodies are.
+// What a reader does with each record type, which versions a type has, and how long its bodies are.
 #pragma once
 #include <array>
 #include <cstddef>
@@ -12,7 +12,7 @@ namespace kesp {
 
 enum class RecordUse : std::uint8_t {
   kRead,        // made into an object
-  kPassedOver,  // stepped over by its length: how a new kind of record can be added
+  kPassedOver,  // skipped by its length, so a new kind of record can be added
   kRefused      // ends the walk
 };
 
@@ -21,11 +21,12 @@ struct RecordKind {
   const char* name;
   RecordUse use;
   std::uint16_t newest;  // record version; the oldest is 1. 0 for types that are not read
-  // Of the body in bytes, by version; 0 for none. A tag's is 8 and that of its block, in both its versions.
+  // Body length in bytes, by record version; 0 for no such version, and for a tag, whose body is 8 bytes and its block.
   std::array<std::uint16_t, 4> length;
 };
 
-// Calls `use` with the description of a body of fixed length; false, and no call, when there is none.
+// Calls `use` with the description of a body of fixed length and returns true; returns false without a call when there
+// is none.
 template <class Use>
 constexpr bool WithBody(std::uint32_t type, unsigned version, Use use) {
   switch (type) {
@@ -46,7 +47,7 @@ constexpr bool WithBody(std::uint32_t type, unsigned version, Use use) {
   }
 }
 
-// As `describe` counts them.
+// The width of a body in bytes.
 template <class Describe>
 constexpr std::size_t BodyWidth(Describe describe) {
   constexpr BodyFields kFields{};
@@ -68,7 +69,7 @@ constexpr RecordKind OtherKind(std::uint32_t type, const char* name, RecordUse u
 
 }  // namespace detail
 
-// By type. All others are unknown, and passed over as the last one is.
+// Indexed by type. All higher types are unknown and treated as the last one.
 constexpr std::array<RecordKind, 17> kRecordKinds{
     detail::OtherKind(KESP_RECORD_NONE, "none", RecordUse::kRefused),
     detail::ReadKind(KESP_RECORD_FEATURE, "feature", 3),
@@ -80,7 +81,7 @@ constexpr std::array<RecordKind, 17> kRecordKinds{
     detail::OtherKind(7, "unassigned", RecordUse::kPassedOver),
     detail::OtherKind(8, "unassigned", RecordUse::kPassedOver),
     detail::ReadKind(KESP_RECORD_TAG, "tag", 2),
-    // Kept for records with wide-character text, which are refused rather than misread.
+    // Reserved for records with wide-character text: refused rather than misread.
     detail::OtherKind(10, "wide", RecordUse::kRefused),
     detail::OtherKind(11, "wide", RecordUse::kRefused),
     detail::OtherKind(12, "wide", RecordUse::kRefused),

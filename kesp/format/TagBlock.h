@@ -1,11 +1,12 @@
-// The block of a tag: its name and its payload, each after its length. The one record body whose length varies.
+// The block of a tag: its name and its payload, each preceded by its length. It is the one part of a record body whose
+// length varies.
 //
 //   0              4              nameBytes: (name length + 1) * 2, rounded up to a multiple of 4
 //   4              nameBytes      the name in UTF-16, a zero unit, zeros
 //   4 + nameBytes  4              payloadLength
 //   8 + nameBytes  payloadLength  the payload
 //
-// In a record the kind and the length of the block come before it, 4 bytes each.
+// In the record body the tag's kind and the block's length come before it, 4 bytes each.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -17,10 +18,10 @@
 
 namespace kesp {
 
-constexpr std::size_t kTagFixedPart = 8;  // of the body: kind and block length
+constexpr std::size_t kTagFixedPart = 8;  // bytes of the body before the block: kind and block length
 constexpr std::size_t kTagLengthField = 4;
 
-// Offsets in the block. The parts are known as far as they are inside it.
+// The lengths of the parts of a block; each is set only if the part lies inside the block.
 struct TagBlockLayout {
   std::optional<std::uint32_t> nameBytes;
   std::optional<std::uint32_t> payloadLength;
@@ -28,7 +29,7 @@ struct TagBlockLayout {
   std::uint64_t Payload() const noexcept { return kName + *nameBytes + kTagLengthField; }
 };
 
-// `wordAt(offset)` returns the 32-bit word there, or nothing where it can't be read.
+// `wordAt(offset)` returns the 32-bit word at an offset in the block, or nullopt if it can't be read.
 template <class WordAt>
 TagBlockLayout LayoutOfTagBlock(std::uint64_t blockLength, WordAt wordAt) {
   TagBlockLayout layout;
@@ -55,7 +56,7 @@ constexpr std::uint64_t TagNameBytes(std::uint64_t units) { return (2 * (units +
 constexpr std::uint64_t TagBlockLength(std::uint64_t nameUnits, std::uint64_t payloadLength) {
   return kTagLengthField + TagNameBytes(nameUnits) + kTagLengthField + payloadLength;
 }
-// Writes both lengths and the name into a block of zeros; returns the payload, which stays zeros.
+// Writes both lengths and the name into a zeroed block. Returns the payload, which is still zero.
 inline std::span<std::byte> ComposeTagBlock(std::span<std::byte> block, const CString& name,
                                             std::uint32_t payloadLength) {
   const auto nameBytes = static_cast<std::uint32_t>(TagNameBytes(name.Size()));

@@ -4,8 +4,8 @@
 //   for (const CPoint2D& p : points) box.Include(p.x, p.y);
 //   if (box.IsValid()) Zoom(box.MinX(), box.MaxX(), box.MinY(), box.MaxY());
 //
-// Valid when both minima are at most their maxima and all four are finite. A new, a reset and an invalidated box are
-// invalid, and an invalid box hands out four zeros, so that no infinity reaches a file.
+// A box is valid when both minima are at most their maxima and all four are finite. A new, reset or invalidated box is
+// invalid. An invalid box returns four zeros, so that no infinity gets into a file.
 #pragma once
 #include <cmath>
 #include <limits>
@@ -33,7 +33,7 @@ class CBoundingBox {
     minY = MinY();
     maxY = MaxY();
   }
-  // A point that is not finite changes nothing. An invalid box becomes the point.
+  // Extends the box to the point. A point that is not finite changes nothing; an invalid box becomes the point.
   void Include(double x, double y) noexcept {
     if (!std::isfinite(x) || !std::isfinite(y)) return;
     if (!IsValid()) {

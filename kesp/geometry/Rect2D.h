@@ -6,7 +6,7 @@ struct CRect2D {
   constexpr CRect2D() noexcept = default;
   constexpr CRect2D(double left, double bottom, double right, double top) noexcept
       : minX(left), minY(bottom), maxX(right), maxY(top) {}
-  // Every edge counts as inside. A NaN is never inside.
+  // Whether the point is inside; all four edges count as inside, a NaN does not.
   constexpr bool PtInRect(const CPoint2D& point) const noexcept {
     return point.x >= minX && point.x <= maxX && point.y >= minY && point.y <= maxY;
   }

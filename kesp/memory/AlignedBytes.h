@@ -1,8 +1,8 @@
-// Memory to read files into.
+// Memory to read files into, aligned to a page.
 //
-// It begins at a page, since the system copies several times as fast to where its own page has the bytes, counted in
-// cache lines: whoever reads puts the byte at file offset n to a place that is n too, modulo kLine.
-// Errors: none; an empty one means that there is no memory.
+// The system copies several times as fast when source and destination have the same offset in a cache line. So a reader
+// puts the byte at file offset n at an offset equal to n modulo kLine.
+// Errors: none; an empty object means that there was no memory.
 #pragma once
 #include <cstddef>
 #include <new>

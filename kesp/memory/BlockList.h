@@ -1,9 +1,9 @@
-// A growing array whose entries never move: blocks of a thousand bytes out of the library's pool, found by position.
+// A growing array whose entries never move: blocks of 1024 bytes from the library's pool, indexed by position.
 //
-// For lists of millions of pointers: growing copies nothing and leaves no half-used memory behind, and the memory comes
-// in huge pages. An empty one owns nothing.
+// For lists of millions of pointers: growing copies no entries and leaves no half-used memory, and the pool's memory
+// comes in huge pages where it can. An empty list owns no memory.
 //
-// Errors: CMemoryException and std::bad_alloc from Append, which then has changed nothing.
+// Errors: Append raises CMemoryException or std::bad_alloc, and then changes nothing.
 #pragma once
 #include <algorithm>
 #include <cstddef>
@@ -48,7 +48,7 @@ class BlockList {
     *m_next++ = entry;
     ++m_size;
   }
-  // Drops all entries from `size` on.
+  // Drops the entries at `size` and after.
   void Truncate(std::size_t size) noexcept {
     m_size = std::min(m_size, size);
     const std::size_t used = (m_size + kPerBlock - 1) / kPerBlock;
@@ -59,7 +59,7 @@ class BlockList {
     m_end = m_blocks.empty() ? nullptr : m_blocks.back() + kPerBlock;
     m_next = m_end == nullptr ? nullptr : m_end - (used * kPerBlock - m_size);
   }
-  // Gives the memory back.
+  // Drops all entries and frees the memory.
   void Clear() noexcept {
     Truncate(0);
     std::vector<T*>().swap(m_blocks);
@@ -82,7 +82,7 @@ class BlockList {
   std::vector<T*> m_blocks;
   std::size_t m_size = 0;
   T* m_next = nullptr;  // where the next entry goes, in the last block
-  T* m_end = nullptr;   // of the last block
+  T* m_end = nullptr;   // the end of the last block
 };
 
 }  // namespace kesp

@@ -33,25 +33,25 @@ constexpr bool kPooled = true;
 constexpr bool kPooled = true;
 #endif
 
-constexpr std::size_t kRegionSize = std::size_t{2} << 20;  // and its alignment: that of a huge page
-constexpr std::size_t kSpanSize = std::size_t{64} << 10;   // and its alignment: a block finds its span by its address
+constexpr std::size_t kRegionSize = std::size_t{2} << 20;  // also its alignment: that of a huge page
+constexpr std::size_t kSpanSize = std::size_t{64} << 10;   // also its alignment: a block's address gives its span
 constexpr std::uint32_t kAllSpans = 0xFFFFFFFF;
 static_assert(kRegionSize / kSpanSize == 32);
 // Sizes that are a multiple of 16 are aligned to 16, others to 8: no type needs more than its size allows.
 constexpr std::size_t kGranule = 8;
 constexpr std::size_t kSizes = kLargestPooledBlock / kGranule;
 constexpr std::size_t kCacheLine = 64;
-constexpr std::size_t kRunSize = std::size_t{16} << 10;  // what a thread takes of a span at once
+constexpr std::size_t kRunSize = std::size_t{16} << 10;  // what a thread takes from a span at once
 constexpr std::size_t kMostSpareRegions = 64;            // 128 MiB
 constexpr std::size_t kReadyRegions = 4;                 // what PoolPrepare keeps ready
 constexpr std::size_t kFetchedAhead = 4;                 // blocks
-constexpr std::size_t kMostRegionsAtOnce = 16;           // of address space: 32 MiB
+constexpr std::size_t kMostRegionsAtOnce = 16;           // address space of 32 MiB
 
 struct FreeBlock {
   FreeBlock* next;
 };
 
-// Links among the regions, or among the spans of one size, that have room.
+// Links a region or a span into the list of those with room.
 template <class T>
 struct Links {
   T* previous = nullptr;
@@ -70,21 +70,21 @@ void Unlink(T*& first, T* item) {
   if (item->links.next != nullptr) item->links.next->links.previous = item->links.previous;
 }
 
-// At the start of every region, in front of the head of its first span.
+// At the start of every region, before the Span of its first span.
 struct alignas(kCacheLine) Region {
-  std::uint32_t freeSpans;  // a bit for each
-  Links<Region> links;      // listed while a span is free
+  std::uint32_t freeSpans;  // one bit for each span
+  Links<Region> links;      // in the list while a span is free
   Region* previousInUse;
   Region* nextInUse;
 };
 
 // At the start of every span that is in use.
 struct alignas(kCacheLine) Span {
-  FreeBlock* free;      // blocks that were given back
-  std::byte* fresh;     // from here on no block was handed out yet
+  FreeBlock* free;      // blocks that were freed
+  std::byte* fresh;     // no block from here on was handed out yet
   std::uint32_t live;   // blocks in use, or in a thread's stock
-  std::uint32_t which;  // of the sizes
-  Links<Span> links;    // listed while there is room
+  std::uint32_t which;  // index of the block size
+  Links<Span> links;    // in the list while there is room
   bool listed;
 };
 static_assert(sizeof(Region) == kCacheLine && sizeof(Span) == kCacheLine);
@@ -93,8 +93,8 @@ std::size_t BlockSize(std::size_t which) { return (which + 1) * kGranule; }
 
 // Guarded by g_poolLock.
 struct Pool {
-  std::array<Span*, kSizes> withRoom{};  // of each size; the first one is in use
-  Region* regions = nullptr;             // with a free span
+  std::array<Span*, kSizes> withRoom{};  // for each size; the first is the one in use
+  Region* regions = nullptr;             // those with a free span
 };
 
 // Never destroyed: records may outlive every other static object.
@@ -114,10 +114,10 @@ Span* SpanOf(void* block) {
   return reinterpret_cast<Span*>(firstOfRegion ? start + sizeof(Region) : start);
 }
 
-// Blocks of one span, on their way to a thread or back.
+// A list of blocks of one span that move to a thread or back.
 struct Blocks {
   FreeBlock* first = nullptr;
-  FreeBlock* last = nullptr;  // of those given back
+  FreeBlock* last = nullptr;  // valid while count is not 0
   std::uint32_t count = 0;
 
   void Push(void* block) noexcept {
@@ -132,27 +132,27 @@ struct Blocks {
   }
 };
 
-// What a thread can hand out of one size, and what it has freed.
+// The blocks of one size that a thread can hand out, and those that it has freed.
 struct Stock {
-  FreeBlock* free = nullptr;  // of a run
+  FreeBlock* free = nullptr;  // the free blocks of a run
   std::byte* fresh = nullptr;
   std::byte* freshEnd = nullptr;
   Blocks freed;
-  void* freedSpan = nullptr;  // where the blocks of `freed` are, while there are any
+  void* freedSpan = nullptr;  // the start of the span of the blocks in `freed`, if there are any
 };
 
-// How many regions are still to be of small pages, since a huge one was slow to come.
+// How many more regions get small pages because a huge one was slow to come.
 std::atomic<int> g_smallToCome{0};
 
-// Has the system bring all pages of a region at once. False when it can't: some systems can't do that at all, and leave
-// it to the first touch.
+// Brings in all pages of a region at once. Returns false when that fails: some systems can't, and bring in pages at the
+// first touch only.
 bool MakePages(void* region) noexcept {
   using Clock = std::chrono::steady_clock;
-  constexpr Clock::duration kSlow = std::chrono::milliseconds(1);  // several times what a huge page in memory takes
-  constexpr int kSmallRegions = 64;                                // 128 MiB, after which another try hardly matters
-  constexpr int kPopulateWrite = 23;                               // MADV_POPULATE_WRITE, which older headers lack
+  constexpr Clock::duration kSlow = std::chrono::milliseconds(1);  // a huge page that is at hand takes far less
+  constexpr int kSmallRegions = 64;                                // 128 MiB; trying again after that costs little
+  constexpr int kPopulateWrite = 23;                               // missing in older headers
   const bool huge = g_smallToCome.load(std::memory_order_relaxed) <= 0;
-  if (huge) ::madvise(region, kRegionSize, MADV_HUGEPAGE);  // a wish
+  if (huge) ::madvise(region, kRegionSize, MADV_HUGEPAGE);  // best effort
   const Clock::time_point start = Clock::now();
   if (::madvise(region, kRegionSize, kPopulateWrite) != 0) return false;
   if (!huge) {
@@ -163,11 +163,11 @@ bool MakePages(void* region) noexcept {
   return true;
 }
 
-// Where regions come from, and go when they are empty. Pages are made, and address space is asked for and given back,
-// without the lock: other threads wait for the links alone.
+// Hands out regions and takes back empty ones. Pages are brought in, and address space is mapped and unmapped, without
+// the lock: other threads wait only for changes to the lists.
 class Regions {
  public:
-  // Null when there is no memory.
+  // Returns null when there is no memory.
   Region* Take() noexcept {
     bool isFirst = false;
     {
@@ -181,8 +181,7 @@ class Regions {
     const std::lock_guard lock(g_regionsLock);
     return Begin(fresh);
   }
-  // Some are kept for the next data set. Their pages, but for the first, are the system's to take back whenever it
-  // wants them.
+  // Some regions are kept for the next data set. The system may take back all of their pages but the first.
   void Give(Region* region) noexcept {
     constexpr std::size_t kSmallestPage = 4096;
     {
@@ -197,7 +196,6 @@ class Regions {
     }
     ::munmap(region, kRegionSize);
   }
-  // See PoolPrepare.
   bool Prepare() noexcept {
     {
       const std::lock_guard lock(g_regionsLock);
@@ -210,7 +208,7 @@ class Regions {
     PushSpare(new (fresh) Region{});
     return ready;
   }
-  // Whether a block is in one of the regions in use.
+  // Whether the block is in one of the regions in use.
   bool Have(void* block) noexcept {
     const auto* const wanted = StartOf<Region>(block, kRegionSize);
     const std::lock_guard lock(g_regionsLock);
@@ -220,7 +218,7 @@ class Regions {
   }
 
  private:
-  // With the lock held.
+  // The caller of these holds the lock.
   Region* Begin(void* place) noexcept {
     auto* const region = new (place) Region{kAllSpans, {}, nullptr, m_inUse};
     if (m_inUse != nullptr) m_inUse->previousInUse = region;
@@ -237,8 +235,8 @@ class Regions {
     --m_spareCount;
     return region;
   }
-  // Address space for a region; null when there is none. It is asked for in ever longer pieces, since the system lets
-  // nobody change the map of the process's memory while pages are being made in it.
+  // Returns address space for a region, or null. It is mapped in ever larger pieces: while pages are being brought in,
+  // the system lets no thread change the process's memory map.
   void* CutFresh() noexcept {
     std::size_t atOnce = 1;
     {
@@ -258,12 +256,12 @@ class Regions {
         return piece;
       }
     }
-    // Another thread brought some meanwhile.
+    // Another thread mapped some meanwhile.
     if (atOnce > 1) ::munmap(piece + kRegionSize, (atOnce - 1) * kRegionSize);
     return piece;
   }
   static std::byte* Map(std::size_t regions) noexcept {
-    // One more than that, of which an aligned part is kept.
+    // Maps one region more than needed and keeps the aligned part.
     const std::size_t wanted = regions * kRegionSize;
     void* const raw = ::mmap(nullptr, wanted + kRegionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (raw == MAP_FAILED) return nullptr;
@@ -275,9 +273,9 @@ class Regions {
   }
 
   Region* m_inUse = nullptr;
-  Region* m_spare = nullptr;  // empty ones, by `links.next`
+  Region* m_spare = nullptr;  // empty regions, linked by `links.next`
   std::size_t m_spareCount = 0;
-  std::byte* m_fresh = nullptr;  // mapped and not handed out yet, up to m_freshEnd
+  std::byte* m_fresh = nullptr;  // mapped but not yet handed out, up to m_freshEnd
   std::byte* m_freshEnd = nullptr;
   std::size_t m_atOnce = 1;
   bool m_hadFirst = false;
@@ -285,7 +283,8 @@ class Regions {
 static_assert(std::is_trivially_destructible_v<Regions>);
 constinit Regions g_regions;
 
-// A span out of a region that has a free one, for blocks of one size; null without such a region. With the lock held.
+// Takes a span for blocks of one size from a region with a free span; null if there is no such region. The caller holds
+// the lock.
 Span* BeginSpan(std::size_t which) noexcept {
   Region* const region = g_pool.regions;
   if (region == nullptr) return nullptr;
@@ -299,7 +298,7 @@ Span* BeginSpan(std::size_t which) noexcept {
   return span;
 }
 
-// Returns the region when that was its last span: it is to be given back once the lock is not held any more.
+// Returns the region if that was its last span in use; the caller gives the region back once it has released the lock.
 Region* EndSpan(Span* span) noexcept {
   auto* const region = StartOf<Region>(span, kRegionSize);
   if (region->freeSpans == 0) PushFront(g_pool.regions, region);
@@ -309,7 +308,8 @@ Region* EndSpan(Span* span) noexcept {
   return region;
 }
 
-// Takes up to `most` bytes of blocks for the stock, and at least one block. Returns the bytes taken: 0 without memory.
+// Takes up to `most` bytes of blocks for the stock, and at least one block. Returns the bytes taken; 0 if there is no
+// memory.
 std::size_t TakeRun(std::size_t which, std::size_t most, Stock& stock) noexcept {
   const std::size_t blockSize = BlockSize(which);
   std::unique_lock lock(g_poolLock);
@@ -325,7 +325,7 @@ std::size_t TakeRun(std::size_t which, std::size_t most, Stock& stock) noexcept 
   std::byte* const end = EndOf(span);
   std::size_t count = 0;
   if (span->free != nullptr && most > blockSize) {
-    // All that were given back: those that were handed out, less those in use.
+    // All freed blocks: those ever handed out, less those in use.
     const std::byte* const first = reinterpret_cast<std::byte*>(span) + sizeof(Span);
     count = static_cast<std::size_t>(span->fresh - first) / blockSize - span->live;
     stock.free = std::exchange(span->free, nullptr);
@@ -360,7 +360,7 @@ void GiveBack(Blocks& blocks) noexcept {
       PushFront(first, span);
       span->listed = true;
     }
-    // One of each size stays, so that a block made and freed again and again costs no more than that.
+    // One span of each size stays, so that allocating and freeing one block in turn stays cheap.
     if (span->live == 0 && (span->links.next != nullptr || span->links.previous != nullptr)) {
       Unlink(first, span);
       emptied = EndSpan(span);
@@ -381,12 +381,12 @@ struct ThreadStocks {
   }
 };
 
-// Looked at for each block, so its place is fixed when the library is loaded. Null before the thread's first block,
-// when the thread ends, and without the memory for it.
+// Read for each block, so its place is fixed when the library is loaded. Null before the thread's first block, while
+// the thread ends, and if there was no memory for it.
 [[gnu::tls_model("initial-exec")]] thread_local ThreadStocks* t_stocks = nullptr;
 [[gnu::tls_model("initial-exec")]] thread_local bool t_stocksMade = false;
 
-// Gives all of it back when the thread ends. What other destructors delete later goes back at once.
+// Gives a thread's stocks back when it ends. Blocks that other destructors free later go back to the pool at once.
 void EndStocks(void* ended) {
   t_stocks = nullptr;
   const std::unique_ptr<ThreadStocks> own(static_cast<ThreadStocks*>(ended));
@@ -401,7 +401,7 @@ void EndStocks(void* ended) {
   }
 }
 
-// Null without the memory. By a key, since a thread_local object that can't be registered ends the process.
+// Returns null if there is no memory. Uses a key: a thread_local object that can't be registered would end the process.
 ThreadStocks* MakeStocks() noexcept {
   static pthread_key_t key{};
   static const bool hasKey = ::pthread_key_create(&key, EndStocks) == 0;
@@ -425,7 +425,7 @@ ThreadStocks* Stocks() noexcept {
   return block;
 }
 
-// Out of a new run, or, in a thread without a stock, for itself.
+// Takes a block from a new run or, in a thread without a stock, a single block from the pool.
 [[gnu::noinline]] void* TakeFromPool(std::size_t which) {
   ThreadStocks* const mine = Stocks();
   Stock single;
@@ -437,7 +437,7 @@ ThreadStocks* Stocks() noexcept {
   return std::exchange(stock.fresh, stock.fresh + BlockSize(which));
 }
 
-// Where PoolFree goes with the first block of another span.
+// PoolFree of the first block from another span.
 [[gnu::noinline]] void FreeElsewhere(void* block, std::size_t which) noexcept {
   ThreadStocks* const mine = Stocks();
   if (mine == nullptr) {
@@ -463,8 +463,7 @@ void* PoolAllocate(std::size_t size) {
   if (stock.fresh == stock.freshEnd) return TakeFromPool(which);
   const std::size_t blockSize = BlockSize(which);
   void* const block = std::exchange(stock.fresh, stock.fresh + blockSize);
-  // Filling memory that no cache has is most of what a record costs: some blocks before it is its turn a block is
-  // fetched, all of it.
+  // Most of the cost of a record is filling memory that is in no cache, so prefetch a whole block a few blocks ahead.
   const std::byte* const coming = stock.fresh + kFetchedAhead * blockSize;
   for (std::size_t line = 0; line < blockSize; line += kCacheLine) __builtin_prefetch(coming + line, 1);
   return block;

@@ -76,6 +76,6 @@ CFileException::CFileException(Cause cause, int osError, const CString& path) no
     m_text = MessageOf(cause, osError, path);
     m_strFileName = path;
   } catch (const std::exception&) {
-    // What counts is the cause.
+    // The cause is kept; only the path and the message are lost.
   }
 }

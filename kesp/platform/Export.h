@@ -1,4 +1,4 @@
-// Marks what the shared library exports; everything else stays inside it.
+// Marks what the shared library exports; other symbols are hidden.
 #pragma once
 
 #define KESP_EXPORT __attribute__((visibility("default")))

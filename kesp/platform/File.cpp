@@ -21,9 +21,9 @@
 
 namespace {
 
-constexpr unsigned kNewFileMode = 0666;  // less the process's umask
+constexpr unsigned kNewFileMode = 0666;  // before the process's umask
 constexpr std::size_t kCopyAtOnce = std::size_t{1} << 30;
-// How far a read may be ahead of what was read ahead, and still wait for it.
+// A read may skip up to this many bytes and still use the read-ahead.
 constexpr std::uint64_t kMostSkipped = std::uint64_t{1} << 20;
 constexpr std::uint64_t kLargestOffset = std::numeric_limits<std::int64_t>::max();
 
@@ -46,11 +46,11 @@ int LockOperation(unsigned openFlags, bool writable) {
   if ((openFlags & (CFile::shareDenyWrite | CFile::shareExclusive)) != 0) {
     return LOCK_EX;
   }
-  // Who writes without restriction shares the file with others like it, and fails while somebody denies writing.
+  // A writer that denies nothing shares the file with others like it, and fails while someone denies writing.
   return writable ? LOCK_SH : 0;
 }
 
-// False when somebody reads the file, or the system refuses; errno has the reason.
+// Returns false with errno set when an object of this process reads the file or the system refuses.
 bool EmptyFile(int fd, const struct stat& info) {
   if (!kesp::OpenReader::Reads(info.st_dev, info.st_ino)) return TruncateRetrying(fd, 0) == 0;
   errno = EWOULDBLOCK;
@@ -79,20 +79,20 @@ bool CFile::Open(const CString& path, unsigned openFlags, CFileException* error)
 }
 
 bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* error) {
-  // Which may be this object's own, and that is emptied next.
+  // A copy: `path` may be this object's own m_path, which Abort empties.
   const CString wanted = path;  // NOLINT(performance-unnecessary-copy-initialization)
   Abort();
   const std::string name = wanted.ToPathBytes();
   if (name.find('\0') != std::string::npos) {
-    // Would name another file, up to there.
+    // The system would take the part before the zero as the name of another file.
     if (error != nullptr) *error = CFileException(CFileException::badPath, EINVAL, wanted);
     return false;
   }
   const bool writable = (openFlags & (modeWrite | modeReadWrite)) != 0;
   const bool fresh = (openFlags & modeNew) != 0;
   const bool create = fresh || (openFlags & modeCreate) != 0;
-  // Not blocking, so that a pipe in the file's place can't hold the caller up. Everything is opened for reading too:
-  // the buffer needs it.
+  // Non-blocking, so that opening a pipe in the file's place doesn't hang. Always opened for reading too: the buffer
+  // needs it.
   int flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (writable ? O_RDWR : O_RDONLY);
   bool created = false;
 
@@ -104,10 +104,10 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
   if (create) {
     m_fd = OpenRetrying(name.c_str(), flags | O_CREAT | O_EXCL);
     created = m_fd >= 0;
-    // Not emptied here: the lock comes first.
+    // No O_TRUNC: the lock comes first.
     if (m_fd < 0 && errno == EEXIST && !fresh) m_fd = OpenRetrying(name.c_str(), flags | O_CREAT);
   } else {
-    // Only a file's owner may ask for its access time to be left alone.
+    // Only the file's owner may use O_NOATIME.
     if (!writable) m_fd = OpenRetrying(name.c_str(), flags | O_NOATIME);
     if (m_fd < 0) m_fd = OpenRetrying(name.c_str(), flags);
   }
@@ -124,19 +124,19 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
     if (!EmptyFile(m_fd, info)) return fail(CFileException(errno, wanted));
     m_length = 0;
   } else if (StatRetrying(m_fd, info) == 0) {
-    m_length = static_cast<std::uint64_t>(info.st_size);  // it may have grown until the lock was ours
+    m_length = static_cast<std::uint64_t>(info.st_size);  // it may have grown before the lock was taken
   } else {
     return fail(CFileException(errno, wanted));
   }
   m_path = wanted;
   m_identity = {info.st_dev, info.st_ino};
   m_writable = writable;
-  m_directoryUnsynced = create;  // also where it was there, or a link led to where it was not
+  m_directoryUnsynced = create;  // even if it existed: it may have been created just before, or through a link
   if (!writable) m_reader = std::make_unique<kesp::OpenReader>(info.st_dev, info.st_ino);
   return true;
 }
 
-// Also true when no lock is wanted, or the file system has none; errno has the reason otherwise.
+// Also true when no lock is needed or the file system has none. If false, errno has the reason.
 bool CFile::TakeLock(int operation) {
   if (operation == 0) return true;
   if (Uninterrupted([&] { return kesp::System().Lock(m_fd, operation | LOCK_NB); }) == 0) {
@@ -167,13 +167,13 @@ void CFile::Abort() noexcept {
   Reset();
 }
 
-// Returns the system's error number, 0 for none.
+// Returns an errno value, 0 for success.
 int CFile::CloseDescriptor() noexcept {
   if (m_fd < 0) return 0;
-  // A child between fork and exec still has the descriptor, and with it the lock, unless that is given up first. In the
-  // child itself the lock is the parent's.
+  // A forked child that has not called exec still has the descriptor, and with it the lock, so release the lock
+  // explicitly. In the child itself the lock is the parent's: leave it.
   if (m_lockedBy != 0 && m_lockedBy == ::getpid()) (void)kesp::System().Lock(m_fd, LOCK_UN);
-  // Not tried again when interrupted: the descriptor is gone all the same.
+  // No retry after EINTR: the descriptor is already closed.
   return kesp::System().Close(m_fd) != 0 && errno != EINTR ? errno : 0;
 }
 
@@ -198,7 +198,7 @@ std::size_t CFile::Read(void* to, std::size_t count) {
   std::size_t total = 0;
   while (total < count) {
     if (count - total >= kBufferSize && (m_position < m_bufferStart || m_position - m_bufferStart >= m_bufferSize)) {
-      // Large and not in the buffer: straight into the caller's memory.
+      // Large and not in the buffer: read straight into the caller's memory.
       RequireOpen();
       CommitGathered();
       const std::size_t got = ReadSystem(out + total, count - total, count - total, m_position);
@@ -236,19 +236,19 @@ bool CFile::MakeBuffer() noexcept {
   return true;
 }
 
-// Where in the buffer the piece of the file begins that is to begin there: kBufferSize bytes have room.
+// Where in the buffer data from this file position goes; there is room for kBufferSize bytes after it.
 std::byte* CFile::PlaceInBuffer(std::uint64_t position) const noexcept {
   return m_buffer->Data() + position % kesp::AlignedBytes::kLine;
 }
 
-// Makes the buffer begin at the position, or hold it, with `count` bytes from there on, or all that the file has.
+// Fills the buffer so that it holds `count` bytes from the current position on, or all bytes up to the end of the file.
 void CFile::FillBuffer(std::size_t count) {
   if (!MakeBuffer()) throw CMemoryException();
   const bool follows = m_position >= m_bufferStart && m_position - m_bufferStart <= m_bufferSize;
   const std::size_t offset = follows ? static_cast<std::size_t>(m_position - m_bufferStart) : 0;
   const std::size_t kept = follows ? m_bufferSize - offset : 0;
   if (kept >= count && follows) return;
-  // What is left moves to the front, where there is room for all that is read ahead.
+  // The unread rest moves to the front, to make room for the next read.
   std::byte* const front = PlaceInBuffer(m_position);
   if (kept != 0) std::memmove(front, m_data + offset, kept);
   m_data = front;
@@ -273,12 +273,12 @@ void CFile::ReadAhead(bool objectsAreKept) noexcept {
     const bool follows = m_position >= m_bufferStart && m_position <= buffered;
     m_ahead = std::make_unique<kesp::ReadAhead>(m_fd, follows ? buffered : m_position, kMaxView, objectsAreKept);
   } catch (const std::exception&) {
-    // No memory, or no thread: it is read when it is wanted.
+    // No memory or no thread: every read goes to the system when it is needed.
   }
 }
 
-// The same as FillBuffer, out of what was read ahead. False when that has ended, or went elsewhere; the buffer is then
-// as it was, or empty.
+// Like FillBuffer, but takes blocks from the read-ahead. Returns false when that has ended or the position is
+// elsewhere; the buffer is then unchanged or empty.
 bool CFile::TakeAhead(std::size_t count) {
   for (;;) {
     const std::uint64_t end = m_bufferStart + m_bufferSize;
@@ -289,7 +289,7 @@ bool CFile::TakeAhead(std::size_t count) {
     const std::uint64_t offset = m_ahead->NextOffset();
     const std::span<std::byte> block = m_ahead->Next();
     if (block.empty()) break;
-    // What is left goes in front of the new block, which has the room.
+    // The unread rest goes in front of the new block, which has room for it.
     if (kept != 0) std::memcpy(block.data() - kept, m_data + (m_position - m_bufferStart), kept);
     m_data = block.data() - kept;
     m_bufferStart = offset - kept;
@@ -300,7 +300,7 @@ bool CFile::TakeAhead(std::size_t count) {
   return false;
 }
 
-// What was read ahead last goes with it, but for the piece that is still to be taken.
+// The memory of the read-ahead is freed, so the part of its last block that is still unread is copied into the buffer.
 void CFile::EndReadAhead() noexcept {
   if (!m_ahead) return;
   const std::uint64_t end = m_bufferStart + m_bufferSize;
@@ -317,7 +317,7 @@ void CFile::EndReadAhead() noexcept {
   m_ahead.reset();
 }
 
-// Reads until at least `least` bytes are there or the file ends, and up to `most` while the system gives them.
+// Reads until it has at least `least` bytes or the file ends; takes up to `most` if the system returns them.
 std::size_t CFile::ReadSystem(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position) {
   if (position >= kLargestOffset) return 0;
   const std::uint64_t room = kLargestOffset - position;
@@ -366,7 +366,7 @@ void CFile::WriteOut(const std::byte* from, std::size_t count, std::uint64_t pos
     const ssize_t put =
         kesp::System().Write(m_fd, from + total, count - total, static_cast<std::int64_t>(position + total));
     if (put <= 0) {
-      const int reason = put < 0 ? errno : ENOSPC;  // a device that takes nothing is full
+      const int reason = put < 0 ? errno : ENOSPC;  // nothing written means a full device
       if (reason == EINTR) continue;
       UpdateBuffer(from, total, position);
       Raise(reason);
@@ -376,8 +376,8 @@ void CFile::WriteOut(const std::byte* from, std::size_t count, std::uint64_t pos
   UpdateBuffer(from, count, position);
 }
 
-// Keeps the read buffer true after a write: overlapping bytes are replaced, bytes that follow it are added, and a
-// write elsewhere becomes the buffer's new content, since what was just written is what is read next.
+// Updates the read buffer after a write. Overlapping bytes are replaced, adjacent bytes are added, and a write
+// elsewhere replaces the whole buffer, since what was just written is likely to be read next.
 void CFile::UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept {
   if (count == 0) return;
   m_length = std::max(m_length, position + count);
@@ -404,21 +404,21 @@ void CFile::UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t
 void CFile::CommitGathered() {
   if (m_gathered.empty()) return;
   const std::uint64_t resume = m_position;
-  // Whatever comes of it, it is not tried again.
+  // Emptied first: a write that fails is not tried again.
   std::vector<std::byte> bytes;
   bytes.swap(m_gathered);
   m_position = m_gatherStart;
   WriteOut(bytes.data(), bytes.size(), m_gatherStart);
   m_position = resume;
   bytes.clear();
-  m_gathered.swap(bytes);  // keeps the room for the next record
+  m_gathered.swap(bytes);  // reuses the memory for the next record
 }
 
 std::uint64_t CFile::Seek(std::int64_t offset, SeekPosition from) {
   RequireOpen();
   CommitGathered();
   const std::uint64_t base = from == begin ? 0 : from == current ? m_position : GetLength();
-  const auto distance = static_cast<std::uint64_t>(offset);  // adding it wraps for a negative one, as meant
+  const auto distance = static_cast<std::uint64_t>(offset);  // a negative one wraps when added, as intended
   if (offset < 0 ? base < 0 - distance : base > kLargestOffset - distance) {
     throw CFileException(CFileException::badSeek, m_path);
   }
@@ -429,7 +429,7 @@ std::uint64_t CFile::Seek(std::int64_t offset, SeekPosition from) {
 std::uint64_t CFile::GetLength() {
   RequireOpen();
   CommitGathered();
-  // Nothing here uses the descriptor's own position.
+  // lseek is fine here: nothing uses the descriptor's own position.
   const std::int64_t end = Uninterrupted([&] { return kesp::System().End(m_fd); });
   if (end < 0) Raise(errno);
   m_length = static_cast<std::uint64_t>(end);
@@ -462,9 +462,9 @@ void CFile::Flush() {
   if (m_directoryUnsynced) SyncDirectory();
 }
 
-// A new file is found again after a power cut only once its directory is on the disk. Some file systems can't be asked
-// that of a directory, and some directories may not be opened or stand elsewhere by now: nothing is known to be lost
-// then. When there is no descriptor or memory for it now, the next flush tries again.
+// After a power cut a new file is only found if its directory was synced. Some file systems can't sync a directory, and
+// some directories can't be opened or have moved: these errors are ignored, since nothing is known to be lost. If there
+// was no descriptor or memory for it, the next flush tries again.
 void CFile::SyncDirectory() {
   std::string directory;
   try {
@@ -485,8 +485,8 @@ void CFile::SyncDirectory() {
   }
 }
 
-// Where the file is now, whatever the process's working directory has become and whatever links its path goes through.
-// Where the system doesn't say, what the path says.
+// The directory that the file is in now, even if the working directory has changed or the path goes through links. If
+// the system doesn't tell, the directory in the path.
 std::string CFile::DirectoryOfFile() const {
   std::string place(PATH_MAX, '\0');
   const std::string self = "/proc/self/fd/" + std::to_string(m_fd);
@@ -520,8 +520,8 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
   source.EndReadAhead();
   if (!m_writable) throw CFileException(CFileException::accessDenied, EBADF, m_path);
   if (m_syncFailed) Raise(EIO);
-  // The system copies between its own pages, where it can; whatever keeps it from that, reading and writing go on from
-  // there and say what is wrong, if anything is.
+  // The system copies in the kernel where it can. If that fails for any reason, reading and writing go on from there,
+  // and report the error if there is one.
   for (;;) {
     if (m_position > kLargestOffset || source.m_position > kLargestOffset) break;
     const ssize_t copied = Uninterrupted([&] {

@@ -1,25 +1,27 @@
-// The binary file through which everything is read and written.
+// The binary file that the library reads and writes its data through.
 //
 //   CFile file(L"survey.kesp", CFile::modeReadWrite | CFile::shareDenyWrite);
 //   file.Seek(50, CFile::begin);
 //   std::uint32_t type = 0;
 //   if (file.Read(&type, sizeof type) != sizeof type) ...  // the end of the file
 //
-// Positions and lengths are 64-bit byte counts. Reading goes through a buffer of up to 1 MiB that grows with
-// sequential reading; writing goes to the system at once (see Gather) and the buffer follows it, so what was written
-// through this object is what it reads. A read at the end of the file asks the system again each time: what another
-// process appended meanwhile is found.
+// Positions and lengths are 64-bit byte counts. Reads go through a buffer of up to 1 MiB; the amount read at once grows
+// while reading is sequential. Writes go to the system at once (but see Gather) and update the buffer, so an object
+// reads what it wrote. A read at the end of the file asks the system again each time, so it finds what another process
+// has appended.
 //
-// Sharing is kept by an advisory lock on the whole file, taken when it is opened and before anything is truncated; it
-// ends with Close or with the process. A child that the process forks has no part in it: what the child closes stays
-// locked, and what the parent closes is free although the child still has the descriptor. A file system that has no
-// such locks (ENOLCK, EOPNOTSUPP) is used without. Plain readers are never in the way, but for one thing: a file that
-// an object of this process reads is not emptied. An object is used by one thread at a time.
+// Sharing uses an advisory lock (flock) on the whole file. Opening takes it, before anything is truncated; Close or the
+// end of the process releases it. A forked child does not share it: if the child closes the file, the parent's lock
+// remains; if the parent closes it, the lock is released although the child still has the descriptor. On a file system
+// without such locks (ENOLCK, EOPNOTSUPP) the file is opened without one. An object that only reads takes no lock by
+// default and blocks nobody, with one exception: a file that an object of this process has open read-only can't be
+// emptied. One thread at a time may use an object.
 //
-// Errors: CFileException, and CMemoryException or another std::bad_alloc without the memory for a buffer, except where
-// an operation says otherwise. The position then is where the failure came.
-// A failed sync is final: what the system lost at that moment a later Flush can't bring back, so every later Write and
-// Flush raises hardIO until the file is opened anew. Only a directory that could not be opened is tried again.
+// Errors: CFileException; CMemoryException or another std::bad_alloc when there is no memory for a buffer; an operation
+// that differs says so. After a failed write the position is where that write began, though part of it may be in the
+// file. After a failed read it is somewhere between where the read began and where it failed.
+// A failed sync is final. A later sync can't bring back what the system lost, so every later write and Flush raises
+// hardIO until the file is opened again. One case is tried again: a directory that could not be opened.
 #pragma once
 #include <sys/types.h>
 
@@ -39,7 +41,7 @@ class AlignedBytes;
 class OpenReader;
 class ReadAhead;
 
-// Tells a file from every other of the machine, by whatever name it is opened, as long as it exists.
+// Identifies a file on this machine, whatever name it is opened by, as long as it exists.
 struct FileIdentity {
   std::uint64_t device = 0;
   std::uint64_t fileNumber = 0;
@@ -53,39 +55,41 @@ class KESP_EXPORT CFile {
     modeRead = 0x0000,
     modeWrite = 0x0001,
     modeReadWrite = 0x0002,
-    shareExclusive = 0x0010,  // both take the lock for this object alone: nobody else may deny or write, while
-    shareDenyWrite = 0x0020,  // readers that ask for no lock go on reading
-    shareDenyNone = 0x0040,   // no restriction; to write still fails while somebody else denies it
-    modeCreate = 0x1000,      // creates the file; one that exists is emptied, once the lock is held
-    modeNew = 0x2000,         // creates the file; fails with EEXIST when something has its name
+    shareExclusive = 0x0010,  // both take the lock exclusively: no other object can lock the file, so
+    shareDenyWrite = 0x0020,  // no other can write to it; readers that take no lock go on reading
+    shareDenyNone = 0x0040,   // others may write too; opening to write fails while another object denies it
+    modeCreate = 0x1000,      // creates the file, or empties an existing one, after the lock is taken
+    modeNew = 0x2000,         // creates the file; fails with EEXIST if the name exists
   };
   enum SeekPosition { begin = 0, current = 1, end = 2 };
 
   CFile() noexcept;
-  // Opens; raises CFileException when Open would answer false.
+  // Opens the file, and raises CFileException where Open would return false.
   CFile(const CString& path, unsigned openFlags);
-  // Closes without a flush; what closing reports is lost.
+  // Closes without a flush, as Abort does; an error from closing is lost.
   virtual ~CFile();
   CFile(const CFile&) = delete;
   CFile& operator=(const CFile&) = delete;
 
-  // False when the file can't be opened, is not a regular file, or is held by somebody who denies it; `error` then
-  // receives the reason (ENOMEM without memory). An object that is open already is closed first. Raises nothing.
+  // Returns false when the file can't be opened, is not a regular file, or is locked by another object in a way that
+  // conflicts. `error` then receives the reason (ENOMEM when memory ran out). An object that is already open is closed
+  // first. Raises nothing.
   bool Open(const CString& path, unsigned openFlags, CFileException* error = nullptr);
   bool IsOpen() const noexcept { return m_fd >= 0; }
   bool IsWritable() const noexcept { return m_writable; }
-  // Closes; nothing on a closed object. The object is closed even when this raises.
+  // Closes the file; does nothing on a closed object. The object is closed even when this raises.
   void Close();
-  // Close without raising.
+  // Closes without raising; writes that are still gathered are dropped.
   void Abort() noexcept;
 
-  // Reads up to `count` bytes and answers how many there were; fewer only at the end of the file.
+  // Reads up to `count` bytes and returns how many were read; fewer than `count` only at the end of the file.
   std::size_t Read(void* to, std::size_t count);
-  // The same without copying: the bytes stay in the read buffer and are valid until the next operation of this
-  // object. `count` is at most kMaxView.
+  // Reads without copying: returns a view of the read buffer, shorter than `count` only at the end of the file. The
+  // view is valid until the next operation on this object. `count` is at most kMaxView; a larger one may raise
+  // CInvalidArgException.
   static constexpr std::size_t kMaxView = 64 * 1024;
   std::span<const std::byte> ReadView(std::size_t count) {
-    const std::uint64_t offset = m_position - m_bufferStart;  // huge when the position is before the buffer
+    const std::uint64_t offset = m_position - m_bufferStart;  // huge if the position is before the buffer
     if (offset <= m_bufferSize && count <= m_bufferSize - offset && m_gathered.empty()) {
       const std::byte* const bytes = m_data + offset;
       m_position += count;
@@ -93,26 +97,27 @@ class KESP_EXPORT CFile {
     }
     return ReadViewSlow(count);
   }
-  // Has another thread read ahead from here on, until the file ends or is written to, or reading goes on far from where
-  // it was. A wish, for those who are about to read many megabytes in a row; without the means for it nothing happens.
-  // Where what is made of the bytes will be kept, memory is made ready for it too.
+  // Starts a thread that reads ahead from the current position. It ends at the end of the file, with a write, or when
+  // reading continues far from there. Best effort, for a caller about to read many megabytes in a row: without a second
+  // processor, memory or a thread, nothing happens. `objectsAreKept`: the caller keeps the objects that it makes from
+  // the bytes, so the thread prepares memory for them too.
   void ReadAhead(bool objectsAreKept = false) noexcept;
-  void EndReadAhead() noexcept;  // nothing when it has ended
-  // The same for those who are done with less: the next `count` bytes where they stand in the buffer already, without
-  // taking them, or null. Skip takes them then.
+  void EndReadAhead() noexcept;  // does nothing when it has ended
+  // Peeks: returns the next `count` bytes if the buffer already holds them, else null. The position does not move; Skip
+  // moves it.
   const std::byte* Buffered(std::size_t count) const noexcept {
     const std::uint64_t offset = m_position - m_bufferStart;
     const bool there = offset <= m_bufferSize && count <= m_bufferSize - offset && m_gathered.empty();
     return there ? m_data + offset : nullptr;
   }
   void Skip(std::size_t count) noexcept { m_position += count; }
-  // On a file that is open for reading: what was read before is read again, since somebody else may have written to
-  // the file. One that is open for writing is nobody else's to write.
+  // Drops the buffer of a file that is open read-only, since another process may have written to it; the next read goes
+  // to the system. Does nothing on a file that is open for writing.
   void ReadAgain();
-  // Writes all of it or raises. Past the end, the gap reads as zeros.
+  // Writes all `count` bytes or raises. A write after the end leaves a gap that reads as zeros.
   void Write(const void* from, std::size_t count);
 
-  // Answers the new position. It may lie behind the end of the file.
+  // Returns the new position, which may be after the end of the file. Raises badSeek for one before the start.
   std::uint64_t Seek(std::int64_t offset, SeekPosition from);
   void SeekToBegin() { Seek(0, begin); }
   std::uint64_t SeekToEnd() { return Seek(0, end); }
@@ -122,36 +127,36 @@ class KESP_EXPORT CFile {
   }
   std::uint64_t GetLength();
   void SetLength(std::uint64_t length);
-  // Whether the file reaches at least to `position`. Asks the system only when the length last seen is below that,
-  // which makes it cheap enough to be asked for every record.
+  // Whether the file is at least `position` bytes long. Asks the system only when the last known length is less, so it
+  // is cheap enough to call for every record.
   bool ReachesTo(std::uint64_t position);
-  // The length as last seen, without asking the system.
+  // The last known length in bytes; does not ask the system.
   std::uint64_t KnownLength() const noexcept { return m_length; }
   const CString& GetFilePath() const noexcept { return m_path; }
   kesp::FileIdentity Identity() const noexcept { return m_identity; }  // zeros on a closed object
 
-  // On the disk, with all that is needed to find it again: returns when the device has it. Nothing on a file that is
-  // open for reading.
+  // Returns once the data, the length and a new file's directory entry are on the disk. Does nothing on a file that is
+  // open read-only.
   void Flush();
-  // The modification time becomes now; a failure is ignored.
+  // Sets the modification time to now; a failure is ignored.
   void TouchModified() noexcept;
-  // Whether the path leads to the very file that is open, by whatever name or link. Also when the system can't say,
-  // since those who ask are about to empty what is there. False on a closed object.
+  // Whether `path` leads to the file that is open here, by whatever name or link. Also true when the system can't tell,
+  // because callers ask before they empty the file at `path`. False on a closed object.
   bool IsSameFile(const CString& path) const;
-  // Writes all that the source holds from its position on, and leaves the source at its end. The system moves the bytes
-  // where it can; else they are read and written, `blockSize` at a time at the most.
+  // Copies all of the source from its position on to this file's position, and leaves the source at its end. The system
+  // copies where it can; otherwise the bytes are read and written, up to `blockSize` bytes at a time.
   void CopyFrom(CFile& source, std::size_t blockSize);
-  // The system's error number of the last failure since the file was opened or failures were forgotten, also where a
-  // record swallowed the exception; 0 without one.
+  // The errno value of the last failure since the file was opened or ForgetSystemError was called; 0 if there was none.
+  // It is kept even when a record caught the exception.
   int LastSystemError() const noexcept { return m_lastSystemError; }
-  // For a record that swallows an exception: memory ran out (ENOMEM).
+  // For a record that catches an exception: notes that memory ran out (ENOMEM).
   void NoteOutOfMemory() noexcept;
   void ForgetSystemError() noexcept { m_lastSystemError = 0; }
-  // Deletes a file by its path.
   static void Remove(const CString& path);
 
-  // While one of these lives, writes are collected, and go to the system as one write when it is committed; anything
-  // but Write commits too. Destroyed uncommitted, it drops what it holds, and the position is where it began.
+  // Collects the writes made during its lifetime; Commit sends them to the system as one write. Reading, seeking,
+  // GetLength, SetLength, Flush, CopyFrom and Close commit first. Destroyed without a commit, it drops what it holds
+  // and moves the position back to where the writes began.
   class KESP_EXPORT Gather {
    public:
     explicit Gather(CFile& file);
@@ -166,7 +171,7 @@ class KESP_EXPORT CFile {
 
  private:
   static constexpr std::size_t kBufferSize = 1024 * 1024;
-  static constexpr std::size_t kFirstRead = 4 * 1024;  // what a read somewhere new asks for; doubled while it goes on
+  static constexpr std::size_t kFirstRead = 4 * 1024;  // a new place's first read; doubled in sequence
 
   bool TryOpen(const CString& path, unsigned openFlags, CFileException* error);
   bool TakeLock(int operation);
@@ -187,22 +192,22 @@ class KESP_EXPORT CFile {
   void Reset() noexcept;
 
   int m_fd = -1;
-  pid_t m_lockedBy = 0;  // the process that took the lock; 0 without one
+  pid_t m_lockedBy = 0;  // the process that took the lock; 0 if there is none
   bool m_writable = false;
   bool m_gathering = false;
   bool m_syncFailed = false;
   int m_lastSystemError = 0;
-  std::unique_ptr<kesp::OpenReader> m_reader;  // of a file that is open read-only
+  std::unique_ptr<kesp::OpenReader> m_reader;  // only for a file that is open read-only
   kesp::FileIdentity m_identity;
-  bool m_directoryUnsynced = false;  // the file may be new, and its directory was not yet told to keep it
+  bool m_directoryUnsynced = false;  // the file may be new, and its directory has not been synced
   CString m_path;
   std::uint64_t m_position = 0;
-  std::uint64_t m_length = 0;                    // as last seen
+  std::uint64_t m_length = 0;                    // the last known length
   std::unique_ptr<kesp::AlignedBytes> m_buffer;  // null until something is read or written
   std::unique_ptr<kesp::ReadAhead> m_ahead;
-  std::byte* m_data = nullptr;      // the buffer, or what was read ahead last
-  std::uint64_t m_bufferStart = 0;  // where in the file the first byte of it stands
-  std::size_t m_bufferSize = 0;     // bytes in it
+  std::byte* m_data = nullptr;      // into the buffer, or into the last block read ahead
+  std::uint64_t m_bufferStart = 0;  // file offset of the first byte at m_data
+  std::size_t m_bufferSize = 0;     // bytes at m_data
   std::size_t m_nextRead = kFirstRead;
   std::vector<std::byte> m_gathered;
   std::uint64_t m_gatherStart = 0;

@@ -22,8 +22,8 @@ void UnlockAll() {
   g_openReadersLock.unlock();
 }
 
-// When the library is loaded, before any of its threads can hold one. Without the memory for it forking is as safe as
-// it is with any library that has locks.
+// Registered when the library is loaded, before any of its threads can hold a lock. If there is no memory for it,
+// forking is as unsafe as with any other library that has locks.
 [[maybe_unused]] const int g_registered = ::pthread_atfork(LockAll, UnlockAll, UnlockAll);
 
 }  // namespace

@@ -1,8 +1,8 @@
-// The locks that all threads of the process share. Each is held for moments: no host code runs under one, nothing is
-// waited for, and none is taken while another is held.
+// The locks that all threads of the process share. Each is held only briefly: under one, no host code runs, nothing
+// waits and no other lock is taken.
 //
-// A process that forks holds all of them for the moment of the fork, so that the child finds them free and what they
-// guard whole, whatever its other threads were doing. Not installed.
+// fork() takes all of them first, so that the child finds them free and what they guard consistent, whatever the other
+// threads were doing. Not installed.
 #pragma once
 #include <mutex>
 

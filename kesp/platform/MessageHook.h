@@ -1,9 +1,9 @@
-// The one message that the library has for a person ("Error loading string.") goes through this hook.
+// The hook for the library's one message to a user ("Error loading string.").
 //
 //   kesp::SetMessageHook([](const CString& text) { ShowMyDialog(text); });
 //
 // By default the text goes to standard error, with a line break. The hook is called on the thread that asked for the
-// text. Setting it from one thread while another shows a message is safe.
+// text. One thread may set it while another shows a message.
 #pragma once
 #include <functional>
 
@@ -14,7 +14,7 @@ namespace kesp {
 
 using MessageHook = std::function<void(const CString& text)>;
 
-// An empty hook brings the default back. The hook that was set before is returned, empty for the default.
+// Sets the hook and returns the one before it. An empty hook is the default.
 KESP_EXPORT MessageHook SetMessageHook(MessageHook hook);
 
 KESP_EXPORT void ShowMessage(const CString& text);

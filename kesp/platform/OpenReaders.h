@@ -1,12 +1,12 @@
-// Which files the objects of this process have open for reading only.
+// A list of the files that objects of this process have open read-only.
 //
-// Such an object takes no lock, so that nobody ever waits for it, and a lock can't keep a file from being emptied while
-// it is read. Within a process this does: who is about to empty a file asks first.
+// Such an object takes no lock, so that nobody waits for it; a lock therefore can't keep others from emptying the file.
+// Within the process this list does: code that is about to empty a file checks it first.
 //
 //   const OpenReader reader(info.st_dev, info.st_ino);
-//   ... OpenReader::Reads(info.st_dev, info.st_ino) ...  // true as long as it lives
+// true while `reader` exists
 //
-// Any thread may call these. Nothing is allocated, and nothing raised. Not installed.
+// Thread-safe. Nothing allocates or raises. Not installed.
 #pragma once
 #include <cstdint>
 
@@ -22,7 +22,7 @@ class OpenReader {
 
  private:
   OpenReader* m_next = nullptr;
-  OpenReader** m_link = nullptr;  // what points here
+  OpenReader** m_link = nullptr;  // the pointer that points to this object
   const std::uint64_t m_device;
   const std::uint64_t m_fileNumber;
 };

@@ -16,7 +16,7 @@ namespace {
 
 std::atomic<bool> g_allowed{true};
 
-// No signal of the host's is handled in a thread that the host does not know.
+// The new thread inherits the blocked signals, so it never runs the host's handlers.
 class SignalsBlocked {
  public:
   SignalsBlocked() noexcept {
@@ -32,8 +32,8 @@ class SignalsBlocked {
   sigset_t m_before{};
 };
 
-// Waits until `number` is one that lets go. The other thread is quick as a rule, and waking up takes longer than that:
-// sleeping is for when it is not.
+// Waits until `mustWait(number)` is false. Usually the other thread is quick, and waking up would take longer, so this
+// spins first and sleeps only if that takes too long.
 template <class MustWait>
 void WaitWhile(const std::atomic<std::size_t>& number, MustWait mustWait) noexcept {
   constexpr int kLooks = 1000;
@@ -55,7 +55,7 @@ void ReadAhead::Allow(bool allowed) noexcept { g_allowed = allowed; }
 bool ReadAhead::IsWorthwhile() noexcept {
   if (!g_allowed) return false;
   cpu_set_t mine;
-  if (::sched_getaffinity(0, sizeof mine, &mine) != 0) return true;  // more processors than the set has room for
+  if (::sched_getaffinity(0, sizeof mine, &mine) != 0) return true;  // too many processors for the set
   return CPU_COUNT(&mine) > 1;
 }
 
@@ -72,9 +72,9 @@ ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool
 }
 
 ReadAhead::~ReadAhead() {
-  if (::getpid() != m_process) return;  // a forked child, where the number of the thread may be another's
+  if (::getpid() != m_process) return;  // a forked child has no such thread
   m_stop = true;
-  m_given += kBlocks;  // makes room, for one who waits for it
+  m_given += kBlocks;  // makes room, which wakes a thread that waits for it
   m_given.notify_one();
   ::pthread_join(m_thread, nullptr);
 }
@@ -84,7 +84,7 @@ void* ReadAhead::RunThread(void* self) {
   return nullptr;
 }
 
-// The next block that nobody reads yet, if there is room for one.
+// Claims the next block that no thread is reading, if there is room for one.
 std::optional<std::size_t> ReadAhead::Claim() noexcept {
   std::size_t number = m_claimed.load(std::memory_order_relaxed);
   while (number < m_given.load(std::memory_order_acquire) + kMostAhead) {
@@ -105,10 +105,10 @@ std::span<std::byte> ReadAhead::Next() {
   }
   const std::span<std::byte> whole = Block(number);
   const std::span<std::byte> block = whole.first(m_sizes[number % kBlocks]);
-  m_ended = block.size() < whole.size();  // whether more has come since, or what is wrong, is for the taker to find out
+  m_ended = block.size() < whole.size();  // the last: the caller's next read finds more data or the error
   if (block.empty()) return {};
   m_given.store(number + 1, std::memory_order_release);
-  // Waking a thread takes long: it is worth it once there is room for several blocks.
+  // Waking a thread is slow, so wait until there is room for several blocks.
   if (m_claimed.load(std::memory_order_relaxed) - number <= kMostAhead / 2) m_given.notify_one();
   return block;
 }
@@ -126,7 +126,7 @@ void ReadAhead::Run() {
   }
 }
 
-// Answers the size: less than there is room for at the end of the file, and where reading fails.
+// Returns the number of bytes read: less than a full block at the end of the file or when reading fails.
 std::size_t ReadAhead::ReadBlock(std::size_t number) noexcept {
   const std::span<std::byte> to = Block(number);
   std::size_t total = 0;

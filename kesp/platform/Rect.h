@@ -1,4 +1,4 @@
-// A rectangle of four signed 32-bit values, all 0 by default. Nothing orders or checks them.
+// A rectangle of four signed 32-bit values, all 0 by default. They are neither ordered nor checked.
 #pragma once
 #include <cstdint>
 

@@ -14,7 +14,7 @@ constexpr char16_t kFirstHigh = 0xD800;
 constexpr char16_t kFirstLow = 0xDC00;
 constexpr char16_t kPastLow = 0xE000;
 
-// The code point of a wide character, which is signed here; what is no character at all becomes U+FFFD.
+// The code point of a wide character. wchar_t is signed here; a value outside Unicode becomes U+FFFD.
 std::uint32_t CodePoint(wchar_t c) {
   return c >= 0 && c <= 0x10FFFF ? static_cast<std::uint32_t>(c)  // NOLINT(bugprone-signed-char-misuse,cert-str34-c)
                                  : 0xFFFD;
@@ -35,7 +35,7 @@ bool IsSpace(char16_t unit) {
          unit == 0x3000;
 }
 
-// Writes the code point as one or two units and gives the place behind them.
+// Writes the code point as one or two units and returns the place after them.
 char16_t* PutCodePoint(char16_t* out, std::uint32_t code) {
   if (code < 0x10000) {
     *out++ = static_cast<char16_t>(code);
@@ -46,7 +46,7 @@ char16_t* PutCodePoint(char16_t* out, std::uint32_t code) {
   return out;
 }
 
-// The number of bytes of the UTF-8 sequence at `at`, and its code point; 0 when there is none.
+// Decodes the UTF-8 sequence at `at` into `code` and returns its length in bytes; 0 if it is invalid.
 std::size_t DecodeUtf8(std::string_view text, std::size_t at, bool surrogatesPass, std::uint32_t& code) {
   const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[at + i]); };
   const unsigned char first = byte(0);
@@ -66,7 +66,7 @@ std::size_t DecodeUtf8(std::string_view text, std::size_t at, bool surrogatesPas
   return tooLong ? 0 : count;
 }
 
-// Writes the code point as up to four bytes and gives the place behind them.
+// Writes the code point as up to four bytes and returns the place after them.
 char* PutUtf8(char* out, std::uint32_t code) {
   const auto put = [&out](std::uint32_t byte) { *out++ = static_cast<char>(static_cast<unsigned char>(byte)); };
   if (code < 0x80) {
@@ -96,7 +96,7 @@ bool IsPlain(const char16_t* units) {
 
 std::string EncodeUtf8(std::u16string_view text, bool strayBytes) {
   std::string out;
-  // Piece by piece, so that the text costs one allocation as a rule, and none when it is short.
+  // Encoded piece by piece, so that a text usually costs one allocation, and a short one none.
   constexpr std::size_t kPiece = 256;
   std::array<char, kPiece> piece;
   char* at = piece.data();

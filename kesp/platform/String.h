@@ -1,17 +1,17 @@
-// The text type of the whole interface: a growable string of 16-bit units.
+// The string type of the whole interface: a growable string of 16-bit units.
 //
 //   CString name(L"Oak");            // also u"Oak", or "Oak" in UTF-8
 //   name += u"/Red";
 //   std::string utf8 = name.ToUtf8();
 //
-// The units are UTF-16 in general, but any sequence is kept as it is: lone surrogates, non-characters and zero
-// units survive a round trip through a record field or through UTF-8. Comparing goes unit by unit; folding letter
-// case touches A to Z only, whatever the locale.
+// The units are usually UTF-16, but any sequence is kept as it is: lone surrogates, non-characters and zero units
+// survive a round trip through a record field or through UTF-8. Comparison goes unit by unit; case folding affects A to
+// Z only, whatever the locale.
 //
-// Texts of up to 11 units live inside the object and cost no allocation.
+// Texts of up to 11 units are stored inside the object and allocate nothing.
 //
-// Errors: CMemoryException when a longer text can't be allocated; the text is then as it was. Positions and counts
-// are in units and cut to what the text holds.
+// Errors: CMemoryException when a longer text can't be allocated; the text is then unchanged. Unless a function says
+// otherwise, positions and counts are in units and are clamped to the text.
 #pragma once
 #include <compare>
 #include <cstddef>
@@ -26,7 +26,7 @@ class KESP_EXPORT CString {
   static constexpr std::size_t kInline = 11;  // units that fit into the object
 
   CString() noexcept { SetSmallLength(0); }
-  CString(const char* utf8);  // null counts as empty, here and below
+  CString(const char* utf8);  // null is an empty text, here and below
   CString(const wchar_t* text);
   CString(const char16_t* text);
   CString(const std::string& utf8);
@@ -40,19 +40,19 @@ class KESP_EXPORT CString {
     if (IsLong()) Release();
   }
 
-  // UTF-8 in, and out again. A byte that is not UTF-8 becomes the unit 0xDC00 + byte; a lone surrogate goes out in
-  // the three bytes that UTF-8 would give its number, and those come back as that surrogate.
+  // Conversion from and to UTF-8. A byte that is not valid UTF-8 becomes the unit 0xDC00 + byte. A lone surrogate is
+  // written as the three bytes that UTF-8 would give its number, and those are read back as that surrogate.
   static CString FromUtf8(std::string_view utf8);
   std::string ToUtf8() const;
-  // The same for the names of files, which may be any bytes: every name comes back as it was.
+  // The same for file names, which may be any bytes: a name converted to a CString and back is unchanged.
   static CString FromPathBytes(std::string_view bytes);
   std::string ToPathBytes() const;
   // Each byte becomes the character of the same value.
   static CString FromLatin1(std::string_view bytes);
 
-  // Replaces the text by `count` units. The units may be part of this very text.
+  // Replaces the text with `count` units. They may be part of this text.
   void Assign(const char16_t* units, std::size_t count);
-  // Makes room for `count` units whose values are then the caller's to write through the pointer returned.
+  // Resizes to `count` units and returns a pointer to them; the caller writes their values.
   char16_t* Resize(std::size_t count) {
     if (count > Capacity()) Grow(count);
     SetLength(count);
@@ -66,10 +66,10 @@ class KESP_EXPORT CString {
     if (IsLong()) Release();
     SetSmallLength(0);
   }
-  // The units with a zero behind them; valid until the text changes.
+  // The units, followed by a zero; valid until the text changes.
   const char16_t* GetString() const noexcept { return IsLong() ? m_long.data : m_small; }
   std::u16string_view View() const noexcept { return {GetString(), Size()}; }
-  // The unit at `index`, 0 .. GetLength(); the last one is the zero behind the text.
+  // The unit at `index`, from 0 to GetLength(), not checked; the last is the zero after the text.
   char16_t operator[](int index) const noexcept { return GetString()[index]; }
   char16_t GetAt(int index) const noexcept { return GetString()[index]; }
   void SetAt(int index, char16_t unit) noexcept { Data()[index] = unit; }
@@ -82,13 +82,13 @@ class KESP_EXPORT CString {
     return sum;
   }
 
-  // Below 0, 0 or above 0. NoCase folds both sides to lower case first.
+  // Returns less than 0, 0 or greater than 0. NoCase folds A to Z to lower case on both sides first.
   int Compare(const CString& other) const noexcept;
   int CompareNoCase(const CString& other) const noexcept;
   friend bool operator==(const CString& a, const CString& b) noexcept { return a.View() == b.View(); }
   friend std::strong_ordering operator<=>(const CString& a, const CString& b) noexcept { return a.Compare(b) <=> 0; }
 
-  // Position of the first occurrence at or behind `start`, -1 if there is none. An empty text is found at `start`.
+  // Position of the first occurrence at or after `start`, -1 if there is none. An empty text is found at `start`.
   int Find(const CString& wanted, int start = 0) const noexcept;
   int Find(char16_t unit, int start = 0) const noexcept;
   int ReverseFind(char16_t unit) const noexcept;
@@ -102,15 +102,15 @@ class KESP_EXPORT CString {
   CString& Trim();                // white space at both ends, of all of Unicode's basic plane
 
  private:
-  static constexpr char16_t kLongMark = 0x8000;          // in the last unit; a short text has 11 - length there
+  static constexpr char16_t kLongMark = 0x8000;          // set in the last unit; a short text has 11 - length there
   static constexpr std::size_t kMaxLength = 0x3FFFFFFF;  // units
 
-  // A long text's last two bytes are the top of `capacity` on a little-endian machine and the low end of it on a
-  // big-endian one, so the mark is kept in a member of its own.
+  // A long text's mark has a member of its own, since the last two bytes would otherwise belong to `capacity`: its top
+  // on a little-endian machine, its low end on a big-endian one.
   struct Long {
     char16_t* data;
     std::uint64_t size;
-    std::uint32_t capacity;  // units, without the closing zero
+    std::uint32_t capacity;  // units, without the terminating zero
     std::uint16_t unused;
     char16_t mark;
   };
@@ -120,7 +120,7 @@ class KESP_EXPORT CString {
   void SetSmallLength(std::size_t length) noexcept {
     if (length > kInline) __builtin_unreachable();
     m_small[length] = 0;
-    m_small[kInline] = static_cast<char16_t>(kInline - length);  // 0 for a full one: its closing zero
+    m_small[kInline] = static_cast<char16_t>(kInline - length);  // 0 if full: the terminating zero
   }
   void SetLength(std::size_t length) noexcept {
     if (IsLong()) {

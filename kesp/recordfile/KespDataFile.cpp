@@ -75,7 +75,7 @@ bool CKespDataFile::ReadFileHeader() {
   kesp::FieldReader length(m_file.ReadView(4));
   length.U32(headerLength);
   if (length.Failed()) return fail(KESP_ERROR_EOF);
-  m_firstRecordOffset = kesp::kHeaderLengthCountsFrom + headerLength;  // kept to 32 bits
+  m_firstRecordOffset = kesp::kHeaderLengthCountsFrom + headerLength;  // wraps at 32 bits
   if (!m_file.ReachesTo(m_firstRecordOffset)) return fail(KESP_ERROR_FILE_HEADER);
 
   // Read whatever the header length says, even if a length below 2 makes the records begin inside it.

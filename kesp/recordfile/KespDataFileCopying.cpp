@@ -27,7 +27,7 @@ bool CKespDataFile::Copy(const CString& destination) {
   CFile out;
   bool isOpen = false;
   const bool good = Guarded([&] {
-    // Not left to the lock, which some file systems don't support.
+    // Don't rely on the lock: some file systems have none.
     if (m_file.IsSameFile(destination)) return false;
     CFileException failure(CFileException::none, destination);
     isOpen = out.Open(destination, CFile::modeCreate | CFile::modeWrite | CFile::shareDenyWrite, &failure);

@@ -130,7 +130,7 @@ bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short&
 
 CKespRecord* CKespDataFile::ReadNextRecord(std::uint32_t& position, bool skipDeleted) {
   std::uint64_t wide = position;
-  // Handed out also when the read raises.
+  // The position is stored even when the read raises.
   struct HandOut {
     std::uint32_t& to;
     const std::uint64_t& from;
@@ -213,7 +213,7 @@ bool CKespDataFile::EndsWhole() {
   return Guarded([&] { return m_file.Seek(static_cast<std::int64_t>(before), CFile::begin), whole; });
 }
 
-// Goes where ReadNextRecord goes when it skips deleted records.
+// Takes the same way through the file as ReadNextRecord when it skips deleted records.
 bool CKespDataFile::WalkOverHeaders() {
   const auto fail = [this](KESP_ERROR_TYPE error) {
     m_error = error;
@@ -248,7 +248,7 @@ bool CKespDataFile::WalkOverHeaders() {
 
 CKespRecord* CKespDataFile::ReadNextRecord(unsigned long& position, bool skipDeleted) {
   auto position32 = static_cast<std::uint32_t>(position);
-  // Handed out also when the read raises.
+  // The position is stored even when the read raises.
   struct HandOut {
     unsigned long& to;
     const std::uint32_t& from;

@@ -1,4 +1,4 @@
-// Where an attribute stands on a host's data-entry form. In memory only: no record body has room for it.
+// The position of an attribute on a host's data-entry form. In memory only: no record body holds it.
 #pragma once
 #include <array>
 #include <cstdint>
@@ -13,7 +13,7 @@ struct CControlStyle {
 class KESP_EXPORT CAttributePosition {
  public:
   bool HasPosition() const noexcept { return m_hasPosition; }
-  // Copies both rectangles. True sets the position mark; false leaves it as it was, and never clears it.
+  // Copies both rectangles. True sets the position mark; false leaves the mark unchanged, so it is never cleared.
   void SetPosition(const CRect& first, const CRect& second, bool hasPosition) noexcept {
     m_first = first;
     m_second = second;

@@ -1,5 +1,4 @@
-// How a record class gets its body out of a file and into it, given the body's description (see
-// kesp/format/Bodies.h).
+// Reads and writes the body of a record, given the body's description (see kesp/format/Bodies.h).
 #pragma once
 #include <array>
 #include <cstddef>
@@ -20,8 +19,8 @@ unsigned long BodyLength(const Record& record, Describe describe) {
   return static_cast<unsigned long>(counter.Length());
 }
 
-// Reads the fields of `record`. When the file ends inside the body, nothing is stored but `shortBodyError` in m_error,
-// the file stands at its end, and an end-of-file CFileException is raised.
+// Reads the fields of `record`. If the file ends inside the body, it stores only `shortBodyError` in m_error, leaves
+// the file at its end and raises an end-of-file CFileException.
 template <class Record, class Describe>
 void ReadBody(CFile& file, Record& record, Describe describe, KESP_ERROR_TYPE shortBodyError) {
   const std::size_t length = BodyLength(record, describe);
@@ -34,7 +33,7 @@ void ReadBody(CFile& file, Record& record, Describe describe, KESP_ERROR_TYPE sh
   describe(reader, record);
 }
 
-// Raises what the file object raises.
+// Writes the body. Raises what the file object raises.
 template <class Record, class Describe>
 void WriteBody(CFile& file, const Record& record, Describe describe) {
   std::array<std::byte, kLongestBody> body;

@@ -4,14 +4,14 @@
 
 #include "kesp/platform/Export.h"
 
-// A GPS time mark, used as a hash key. What the two parts mean is the host's to say.
+// A GPS time mark, used as a hash key. The host decides what the two parts mean.
 class KESP_EXPORT CGPSTime {
  public:
   constexpr CGPSTime() noexcept = default;
   constexpr CGPSTime(std::uint32_t firstPart, std::uint32_t secondPart) noexcept
       : FirstPart(firstPart), SecondPart(secondPart) {}
   friend constexpr bool operator==(const CGPSTime&, const CGPSTime&) noexcept = default;
-  // What the hash is made of: the hash of a mark is its first part shifted right by 4.
+  // The hash word: the hash of a mark is its first part shifted right by 4.
   constexpr operator unsigned int() const noexcept { return FirstPart; }
 
   std::uint32_t FirstPart = 0;

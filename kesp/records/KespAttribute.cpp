@@ -43,7 +43,7 @@ bool CKespAttribute::Read(CFile& file) {
       case 3:
         return ReadVersion3(file);
       default:
-        return true;  // unknown: accepted as empty, so that the walk goes on
+        return true;  // unknown: accepted as empty, so that the walk continues
     }
   } catch (const CFileException&) {
     return false;
@@ -69,7 +69,7 @@ bool CKespAttribute::ReadVersion2(CFile& file) {
 bool CKespAttribute::ReadVersion1(CFile& file) {
   if (m_recordVersion != 1) return false;
   kesp::ReadBody(file, *this, kesp::kAttributeVersion1, KESP_ERROR_EOF);
-  // The oldest format is held to its kinds, the later ones are mended: hosts tell damage in old files by this error.
+  // Version 1 refuses an unknown kind, later versions repair it: hosts detect damage in old files by this error.
   if (!IsKnownKind()) m_error = KESP_ERROR_ATTRIBUTE_TYPE;
   return m_error == KESP_ERROR_NONE;
 }
@@ -93,8 +93,8 @@ bool CKespAttribute::Write(CFile& file, unsigned long sourceFlag, unsigned short
   }
 }
 
-// Each of the two newer writers applies the source flag before it hands an older version on, so a version-2 write that
-// comes through both applies it twice, and one that ends in version 1 at least once.
+// Both newer writers apply the source flag before they pass an older version on. So a version-2 write that goes through
+// both applies it twice, and one that ends in version 1 at least once.
 bool CKespAttribute::WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned short version) {
   const unsigned short resolved = OwnVersionIfZero(version);
   SetSourceFlag(sourceFlag);

@@ -1,15 +1,15 @@
 // One named value that describes a feature: a text, a number, a choice from a menu, or a date.
 //
-// What the auxiliary members and the appearance blocks mean is the host's to say; the library copies them and writes
-// those that have a place in a body: AuxNumber1, AuxNumber2 and AuxText always, AuxNumber3 and AuxNumber4 in version 3
-// only, AuxWords, AuxFlag and the appearance blocks never.
+// The host decides what the auxiliary members and the appearance blocks mean. The library copies them, and writes those
+// that a body has a field for: AuxNumber1, AuxNumber2 and AuxText in each version, AuxNumber3 and AuxNumber4 in version
+// 3 only, AuxWords, AuxFlag and the appearance blocks never.
 //
 // Texts are cut to the widths of the version written: name 20, 20, 255 characters in versions 1, 2, 3; TextValue 40,
 // 40, 255; SubValue 20, 20, 255; AuxText 20, 20, 63.
 //
-// Errors: a version-1 body with a kind outside 1 to 5 is filled but answered with KESP_ERROR_ATTRIBUTE_TYPE; in
-// versions 2 and 3 such a kind becomes numeric without a word. A record of a version that nobody knows is accepted
-// unread.
+// Errors: Read of a version-1 body with a kind outside 1 to 5 fills all fields, but returns false with
+// KESP_ERROR_ATTRIBUTE_TYPE. In versions 2 and 3 such a kind becomes numeric without an error. Read accepts a record of
+// an unknown version and reads nothing.
 #pragma once
 #include <array>
 #include <cstdint>
@@ -32,16 +32,16 @@ class KESP_EXPORT CKespAttribute : public CKespRecord {
   CKespAttribute() noexcept : CKespRecord(KESP_RECORD_ATTRIBUTE, 3) {}
 
   unsigned long GetFeatureNumber() const noexcept { return FeatureNumber; }
-  bool SetFeatureNumber(unsigned long featureNumber, unsigned long = 0) noexcept;  // the second one is ignored
+  bool SetFeatureNumber(unsigned long featureNumber, unsigned long = 0) noexcept;  // the second argument is ignored
   // Whether both hold the same value: TextValue, SubValue and Value. Names and kinds don't matter.
   bool IsEqual(const CKespAttribute& other) const noexcept;
   bool HasFormPosition() const noexcept { return FormAppearance.HasPosition(); }
-  // The value as display text; a number has its integer part grouped unless `noGrouping`.
+  // Returns the value as display text. The integer part of a number is grouped unless `noGrouping`.
   CString GetAsFormatedString(bool noGrouping) const;
 
   unsigned long GetLength(unsigned short version) override;  // 138, 240 or 1712; 0 for an unknown version
   bool Read(CFile& file) override;
-  // Versions 2 and 3 apply the source flag to this record once more; version 1 does not.
+  // Writing version 2 or 3 applies the source flag to this record once more; writing version 1 does not.
   bool Write(CFile& file, unsigned long sourceFlag, unsigned short version) override;
   bool IsSameKespRecord(CKespRecord* other) override;  // an attribute of the same feature and exactly the same name
   unsigned short GetRecordVersionFromKespVersion(unsigned short kespVersion) override;
@@ -49,7 +49,7 @@ class KESP_EXPORT CKespAttribute : public CKespRecord {
 
   std::array<std::uint32_t, 2> AuxWords{};
   CString AttributeName;
-  std::int32_t AttributeKind = KESP_ATTRIBUTE_STRING;  // KESP_ATTRIBUTE_KIND; low 16 bits on disk
+  std::int32_t AttributeKind = KESP_ATTRIBUTE_STRING;  // KESP_ATTRIBUTE_KIND; the low 16 bits on disk
   CString TextValue;
   CString SubValue;
   double AuxNumber1 = 0;

@@ -1,5 +1,5 @@
 // A placeholder for a record that could not be read, so that a list can keep its place. The library makes none; the
-// append operations pass it over with success.
+// append operations skip it and return true.
 #pragma once
 #include "kesp/records/KespRecord.h"
 

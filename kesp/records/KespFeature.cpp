@@ -55,7 +55,7 @@ bool CKespFeature::operator=(CKespFeature* other) {
   return true;
 }
 
-// In the order of Clear, which hosts' own points and attributes may look at.
+// The order of Clear: the destructors of points and attributes that hosts derive may depend on it.
 CKespFeature::~CKespFeature() {
   m_attributeList.clear();
   m_pointList.clear();
@@ -115,7 +115,7 @@ bool CKespFeature::GetExtents(CRect2D& extents) const {
   extents = CRect2D(first.CoordX, first.CoordY, first.CoordX, first.CoordY);
   for (const CKespPoint* point : m_pointList) {
     if (point == nullptr) continue;
-    // A NaN behind the first point is passed over.
+    // A NaN after the first point is skipped.
     extents.maxX = point->CoordX > extents.maxX ? point->CoordX : extents.maxX;
     extents.minX = point->CoordX < extents.minX ? point->CoordX : extents.minX;
     extents.maxY = point->CoordY > extents.maxY ? point->CoordY : extents.maxY;
@@ -136,8 +136,8 @@ unsigned long CKespFeature::GetLength(unsigned short version) {
 bool CKespFeature::Read(CFile& file) {
   switch (m_recordVersion) {
     case 1:
-      // Straight there, outside the guards below and without a fresh error state: hosts rely on the exception to tell
-      // the end of an old file.
+      // Called directly, without the try blocks below and without resetting m_error: hosts rely on the exception to
+      // detect the end of an old file.
       return ReadVersion1(file);
     case 2:
       return ReadVersion2(file);
@@ -182,7 +182,7 @@ bool CKespFeature::CheckType() noexcept {
 bool CKespFeature::Write(CFile& file, unsigned long sourceFlag, unsigned short version) {
   switch (version) {
     case 1:
-      return WriteVersion1(file, version);  // unguarded, like reading it
+      return WriteVersion1(file, version);  // exceptions propagate, as in Read
     case 2:
       return WriteVersion2(file, sourceFlag, version);
     default:
@@ -212,7 +212,7 @@ bool CKespFeature::WriteVersion2(CFile& file, unsigned long sourceFlag, unsigned
       case 3:
         return WriteVersion3(file, sourceFlag, 3);
       default:
-        return true;  // a version without a body has nothing to write
+        return true;  // no body, so nothing to write
     }
   } catch (const CFileException&) {
     return false;

@@ -1,17 +1,18 @@
-// A mapped object: a point feature, a line or an area, with the points, attributes and end mark that belong to it.
+// A mapped object: a point feature, a line or an area, with its points, attributes and end mark.
 //
-// In the file a feature is a record of its own; its points, attributes and end follow as records that carry its number.
+// In the file a feature is a record of its own; its points, attributes and end follow as records with its number.
 //
 // Ownership: the feature owns the points and attributes in its lists and its end, and deletes them in Clear and when
-// destroyed. AddPoint, AddAttribute and SetFeatureEnd take ownership; RemovePoint and RemoveAttribute give it back with
-// the pointer that they return.
-// Positions in the lists count from 0; outside 0 .. count - 1 the getters and the removers return null.
+// destroyed. AddPoint, AddAttribute and SetFeatureEnd take ownership; RemovePoint and RemoveAttribute return it with
+// the pointer.
+// Positions in the lists count from 0; for one outside 0 .. count - 1 the getters and removers return null.
 //
-// Errors: a body with a type other than 1, 2 and 3 is filled whole but answered with KESP_ERROR_BAD_RECORD. Reading and
-// writing version 1 through Read and Write lets a CFileException of the file object out (the end of the file
-// included); versions 2 and 3 answer false. Writing a version that nobody knows writes nothing and answers true.
+// Errors: Read of a body with a type other than 1, 2 or 3 fills all fields, but returns false with
+// KESP_ERROR_BAD_RECORD. In Read of a version-1 body and in Write with version 1, a CFileException propagates to the
+// caller, also at the end of the file; other versions return false. Write with an unknown version returns true and
+// writes nothing.
 //
-// The name is cut to 20 characters in versions 1 and 2, to 255 in version 3. The display values are in no body.
+// The name is cut to 20 characters in versions 1 and 2, and to 255 in version 3. No body holds the display values.
 #pragma once
 #include <cstdint>
 #include <memory>
@@ -30,24 +31,24 @@ enum KESP_FEATURE_TYPE : std::uint32_t { KESP_FEATURE_POINT = 1, KESP_FEATURE_LI
 class KESP_EXPORT CKespFeature : public CKespRecord {
  public:
   CKespFeature() noexcept : CKespRecord(KESP_RECORD_FEATURE, 3) {}
-  CKespFeature(const CKespFeature& other);  // deep: every point, every attribute and the end are copied
+  CKespFeature(const CKespFeature& other);  // deep: copies the points, the attributes and the end
   CKespFeature& operator=(const CKespFeature&) = delete;
-  // Everything, the number, the lists and the end included. The other one is then without points, attributes and end.
+  // Moves all members, including the lists and the end. The other feature is then without points, attributes and end.
   CKespFeature(CKespFeature&& other) noexcept = default;
   CKespFeature& operator=(CKespFeature&& other) noexcept = default;
-  // Takes over what describes the other feature (colour, name, type, symbol, display values) and nothing else: the
-  // number, the common fields, the points, the attributes and the end stay. False for null.
+  // Copies the colour, name, type, symbol and display values of the other feature, and nothing else: the number, the
+  // common fields, the points, the attributes and the end stay. Returns false for null.
   bool operator=(CKespFeature* other);
   ~CKespFeature() override;
 
   unsigned long GetFeatureNumber() const noexcept { return FeatureNumber; }
-  bool SetFeatureNumber(unsigned long featureNumber, unsigned long = 0, bool = false) noexcept;  // others are ignored
+  bool SetFeatureNumber(unsigned long featureNumber, unsigned long = 0, bool = false) noexcept;  // others ignored
   void SetColor(unsigned long color) noexcept { Color = static_cast<std::uint32_t>(color); }
   unsigned long GetColor() const noexcept { return Color; }
   void SetSymbolIndex(unsigned short index) noexcept { SymbolIndex = index; }
   unsigned short GetSymbolIndex() const noexcept { return SymbolIndex; }
-  CKespFeatureEnd* GetFeatureEnd() const noexcept { return m_pFeatureEnd.get(); }  // null without one
-  // A previous end is not deleted: it belongs to whoever still knows it.
+  CKespFeatureEnd* GetFeatureEnd() const noexcept { return m_pFeatureEnd.get(); }  // null if there is none
+  // Takes ownership of `end`. A previous end is not deleted: the caller must delete it.
   void SetFeatureEnd(CKespFeatureEnd* end) noexcept;
 
   int GetNumPoints() const noexcept { return static_cast<int>(m_pointList.size()); }
@@ -62,17 +63,17 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
   }
   CKespPoint* GetPoint(int index) const noexcept;
   CKespAttribute* GetAttribute(int index) const noexcept;
-  // The first attribute of that name, ignoring case; null without one.
+  // Returns the first attribute of that name, ignoring case; null if there is none.
   CKespAttribute* GetAttribute(const CString& name) const noexcept;
   CKespPoint* RemovePoint(int index) noexcept;
   CKespAttribute* RemoveAttribute(int index) noexcept;
   bool RemoveAllAttributes();  // deletes them; always true
   bool Clear();                // deletes points, attributes and end; always true
 
-  // Whether both features carry the same layout: attributes of exactly the same names and kinds in the same order.
+  // Whether both features have the same layout: attributes of exactly the same names and kinds in the same order.
   // Values are not compared.
   bool CompareAttributeList(const CKespFeature* other) const;
-  // The extent of the points; four zeros and false when there are none.
+  // Returns the extent of the points; four zeros and false when there are none or the first one is null.
   bool GetExtents(CRect2D& extents) const;
   CString GetTypeString() const;  // "Point", "Line", "Area", or empty
 
@@ -89,7 +90,7 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
   kesp::OwningList<CKespAttribute> m_attributeList;
   kesp::OwningList<CKespPoint> m_pointList;
   CString FeatureName;
-  KESP_FEATURE_TYPE FeatureType = KESP_FEATURE_POINT;  // low 16 bits on disk
+  KESP_FEATURE_TYPE FeatureType = KESP_FEATURE_POINT;  // the low 16 bits on disk
   std::uint32_t Color = 0;
   std::uint16_t SymbolIndex = 0;
   std::unique_ptr<CKespFeatureEnd> m_pFeatureEnd;

@@ -1,4 +1,4 @@
-// Closes a feature in the file by repeating its number. The body has the same 4 bytes in every version.
+// Marks the end of a feature in the file with the feature's number. The body has the same 4 bytes in every version.
 #pragma once
 #include <cstdint>
 
@@ -9,7 +9,7 @@ class KESP_EXPORT CKespFeatureEnd : public CKespRecord {
   CKespFeatureEnd() noexcept : CKespRecord(KESP_RECORD_FEATURE_END, 1) {}
 
   unsigned long GetFeatureNumber() const noexcept { return FeatureNumber; }
-  bool SetFeatureNumber(unsigned long featureNumber, unsigned long = 0) noexcept;  // the second one is ignored
+  bool SetFeatureNumber(unsigned long featureNumber, unsigned long = 0) noexcept;  // the second argument is ignored
 
   unsigned long GetLength(unsigned short version) override;
   bool Read(CFile& file) override;

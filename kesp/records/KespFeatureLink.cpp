@@ -6,7 +6,7 @@
 
 namespace {
 
-// Numbers are 32 bits wide, whatever an unsigned long has.
+// Compares 32 bits, however wide an unsigned long is.
 bool Joins(const CKespFeatureLink& link, unsigned long first, unsigned long second) {
   return link.m_featureNumber1 == static_cast<std::uint32_t>(first) &&
          link.m_featureNumber2 == static_cast<std::uint32_t>(second);

@@ -5,8 +5,8 @@
 
 #include "kesp/platform/Export.h"
 
-// A plain value. A feature-link tag stores the first six members; the last is filled in when a link is taken out of
-// one. Equality covers all seven, so the same link read from two tags is not equal.
+// A plain value. A feature-link tag stores the first six members; the last is set when a link is read from a tag.
+// Equality compares all seven, so the same link read from two tags is not equal.
 class KESP_EXPORT CKespFeatureLink {
  public:
   constexpr CKespFeatureLink() noexcept = default;
@@ -17,7 +17,7 @@ class KESP_EXPORT CKespFeatureLink {
   friend constexpr bool operator==(const CKespFeatureLink&, const CKespFeatureLink&) noexcept = default;
 
   std::uint32_t m_featureNumber1 = 0;
-  std::uint32_t m_qualifier1 = 0;  // goes with the first feature
+  std::uint32_t m_qualifier1 = 0;  // belongs to the first feature
   std::uint32_t m_featureNumber2 = 0;
   std::uint32_t m_qualifier2 = 0;
   std::uint32_t m_linkValue = 0;
@@ -25,8 +25,8 @@ class KESP_EXPORT CKespFeatureLink {
   std::uint32_t m_tagRecordPosition = 0;  // offset of the tag record's header, low 32 bits
 };
 
-// Borrows the links it points to: nothing here deletes one.
-// Errors: an index outside the list, and a null that is added, raise CInvalidArgException.
+// A list of links. It borrows the links and never deletes one.
+// Errors: an index outside the list and adding null raise CInvalidArgException.
 class KESP_EXPORT CKespLinkList {
  public:
   unsigned long GetCount() const noexcept { return static_cast<unsigned long>(m_links.size()); }
@@ -34,13 +34,13 @@ class KESP_EXPORT CKespLinkList {
   CKespFeatureLink* GetAt(int index) const;
   CKespFeatureLink* operator[](int index) const { return GetAt(index); }
   void Clear() noexcept { m_links.clear(); }
-  // Whether some link joins the two features, in either direction.
+  // Whether a link joins the two features, in either direction.
   bool HasLink(unsigned long a, unsigned long b) const noexcept;
-  // Removes the links between the two features; always true. Each direction is tested by itself, also on the entry
-  // that was just removed: with a equal to b a match takes the entry before it out too, and a match at the front raises
-  // CInvalidArgException. Hosts never link a feature to itself; those that list such a link count on this order.
+  // Removes the links between the two features; always true. Both directions are tested separately, even for an entry
+  // that was just removed. So if a equals b, a match also removes the entry before it, and a match at the front raises
+  // CInvalidArgException. Hosts never link a feature to itself; those that list such a link rely on this order.
   bool RemoveLink(unsigned long a, unsigned long b);
-  // Removes every link that touches the feature; always true.
+  // Removes all links of the feature; always true.
   bool RemoveLink(unsigned long feature) noexcept;
 
   std::vector<CKespFeatureLink*> m_links;

@@ -1,6 +1,6 @@
 // A free-text record. It belongs to no feature.
 //
-// In files of version 1, notes that begin with "BMC:" and "ZOM:" right behind the header carry what its header has no
+// In files of version 1, notes right after the header that begin with "BMC:" and "ZOM:" hold what the header has no
 // room for.
 #pragma once
 #include "kesp/platform/String.h"
@@ -13,12 +13,12 @@ class KESP_EXPORT CKespNote : public CKespRecord {
   unsigned long GetLength(unsigned short version) override;  // 256 or 512; 0 for an unknown version
   bool Read(CFile& file) override;
   bool Write(CFile& file, unsigned long sourceFlag, unsigned short version) override;
-  // A note whose text begins with the same four characters, whatever follows: a tagged note replaces the stored one.
+  // Whether the other is a note whose text begins with the same four characters: a tagged note replaces the stored one.
   bool IsSameKespRecord(CKespRecord* other) override;
   unsigned short GetRecordVersionFromKespVersion(unsigned short kespVersion) override;
   bool GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) override;
 
-  CString NoteText;  // at most 255 characters reach the file; in version 1 up to the first above U+00FF
+  CString NoteText;  // at most 255 characters are written, in version 1 only those before the first above U+00FF
 
  protected:
   bool ReadOldVersions(CFile& file);

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr std::uint32_t kHighestOldStatus = 10;  // what a version-1 body can hand on
+constexpr std::uint32_t kHighestOldStatus = 10;  // the highest that reading version 1 returns
 
 }  // namespace
 

@@ -40,7 +40,7 @@ void CKespRecord::operator delete(void* record, std::size_t /*size*/, std::align
   ::operator delete(record, alignment);
 }
 
-// Called when a constructor raises, without the size.
+// Called when a constructor raises; the size is unknown here.
 void CKespRecord::operator delete(void* record, const std::nothrow_t& /*tag*/) noexcept {
   if (record != nullptr) kesp::PoolFreeUnsized(record);
 }

@@ -1,14 +1,14 @@
-// The base of every record: what all records share, and the operations by which the container sizes, reads, writes and
-// compares them without knowing their classes.
+// The base of all record classes: the common fields, and the operations with which the container sizes, reads, writes
+// and compares records without knowing their classes.
 //
 // On disk a record is a header of 14 bytes (type, version, flags, body length; see kesp/recordfile/KespDataFile.h) and
-// a body whose layout belongs to its class and version.
+// a body whose layout depends on its class and version.
 //
-// Ownership: who receives a record from the container owns it and deletes it through the virtual destructor. The
-// `file` of Read and Write stays the caller's.
-// Errors: Read returns false and leaves its reason in m_error, or leaves 0 there when the class refuses the version
-//   or the file object failed; Write returns false. The version-1 body of a feature raises CFileException instead, and
-//   without memory for a text or a buffer both raise a std::bad_alloc, except that a tag's Read returns false.
+// Ownership: the caller owns a record that it gets from the container, and deletes it through the virtual destructor.
+// The `file` of Read and Write stays the caller's.
+// Errors: Read returns false and stores the reason in m_error; m_error stays 0 when the class refuses the version or
+// the file object failed. Write returns false. A feature of version 1 raises CFileException instead. Without memory for
+// a text or a buffer both raise a std::bad_alloc, except that a tag's Read and Write return false.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -19,7 +19,7 @@
 
 class CFile;
 
-// Written to the file: never renumber. 7 and 8 are unassigned and stepped over, 10 to 14 are kept for records with
+// Written to the file: never renumber. 7 and 8 are unassigned and skipped; 10 to 14 are reserved for records with
 // wide-character text and refused.
 enum KESP_RECORD_TYPE : std::uint32_t {
   KESP_RECORD_NONE = 0,
@@ -43,7 +43,7 @@ enum KESP_FLAG : std::uint32_t {
   KESP_SRC_CHANGE_A = 0x0020,
   KESP_SRC_CHANGE_B = 0x0040,
   KESP_SRC_CHANGE_AB = 0x0080,  // A and B together
-  // The historical forms.
+  // The historical forms of the marks above.
   KESP_SRC_HIST_MODIFIED = 0x0100,
   KESP_SRC_HIST_ADDED = 0x0200,
   KESP_SRC_HIST_CHANGE_B = 0x0400,
@@ -58,8 +58,8 @@ class KESP_EXPORT CKespRecord {
   CKespRecord& operator=(const CKespRecord& other) noexcept = default;
   virtual ~CKespRecord() = default;
 
-  // Records come out of a pool of the library's. Plain new and delete go on working for classes that hosts derive,
-  // those aligned to more than 16 bytes too, and so does new (std::nothrow). Without memory new raises
+  // Records are allocated from the library's pool. Plain new and delete still work for classes that hosts derive, even
+  // those aligned to more than 16 bytes, and so does new (std::nothrow). When memory runs out, new raises
   // CMemoryException, which is a std::bad_alloc. NOLINTBEGIN(cert-dcl54-cpp,misc-new-delete-overloads): the sized
   // delete belongs to the plain new
   static void* operator new(std::size_t size);
@@ -74,33 +74,36 @@ class KESP_EXPORT CKespRecord {
   static void operator delete(void* /*record*/, void* /*place*/) noexcept {}
   // NOLINTEND(cert-dcl54-cpp,misc-new-delete-overloads)
 
-  // Body length in bytes that Write produces for a record version; 0 stands for the record's own, here and below.
+  // Returns the body length in bytes that Write produces for a record version; 0 means the record's own version, here
+  // and below.
   virtual unsigned long GetLength(unsigned short version) = 0;
   // Reads the body at the file's position in the layout of m_recordVersion.
   virtual bool Read(CFile& file) = 0;
-  // Writes the body at the file's position in the given version. The source flag is the container's; only attributes
-  // look at it.
+  // Writes the body at the file's position in the given version. The container passes the source flag; only attributes
+  // use it.
   virtual bool Write(CFile& file, unsigned long sourceFlag, unsigned short version) = 0;
-  // Whether the other record is this one, by the key of the class; how a record is found again in a file. False for
-  // classes without a key, and for null.
+  // Whether the other record is the same one, by the key of the class; the container finds a record in a file with it.
+  // False for null and for classes without a key.
   virtual bool IsSameKespRecord(CKespRecord* other);
-  // The record version for a file of the given version (1, 2 or 3; others count as the newest).
+  // Returns the record version for a file version (1, 2 or 3; others count as the newest).
   virtual unsigned short GetRecordVersionFromKespVersion(unsigned short kespVersion) = 0;
-  // The oldest file version that holds the given record version; false, and nothing stored, for an unknown one.
+  // Stores the oldest file version that holds the given record version; returns false and stores nothing for an unknown
+  // one.
   virtual bool GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) = 0;
 
   bool IsDeleted() const noexcept { return (m_flags & KESP_FLAG_DELETED) != 0; }
-  // Marks the record deleted in memory. Unlike the two below it does not revive historical flags.
+  // Marks the record deleted in memory. Unlike ClearDelete and SetSourceFlag it does not restore marks from their
+  // historical forms.
   void SetDelete() noexcept;
   void ClearDelete() noexcept;
-  // Adds the mark of an operation (0, 2, 4 or 8) or of a host, and reduces the flag word to its canonical form.
+  // Adds the mark of an operation (0, 2, 4 or 8) or of a host, and reduces the flags to their canonical form.
   void SetSourceFlag(unsigned long flag) noexcept {
-    if (m_flags != 0 || static_cast<std::uint32_t>(flag) != 0) ApplySourceFlag(flag);  // mostly there is none
+    if (m_flags != 0 || static_cast<std::uint32_t>(flag) != 0) ApplySourceFlag(flag);  // usually there is none
   }
   KESP_ERROR_TYPE GetError() const noexcept { return m_error; }
 
   KESP_RECORD_TYPE m_recordType = KESP_RECORD_NONE;
-  std::uint16_t m_recordVersion = 0;          // of the body's layout, not of the file
+  std::uint16_t m_recordVersion = 0;          // version of the body's layout, not of the file
   KESP_ERROR_TYPE m_error = KESP_ERROR_NONE;  // of the last Read
   std::uint32_t m_filePosition = 0;           // low 32 bits of the offset of the record header
   std::uint32_t m_flags = 0;                  // KESP_FLAG bits
@@ -108,13 +111,13 @@ class KESP_EXPORT CKespRecord {
  protected:
   CKespRecord(KESP_RECORD_TYPE type, std::uint16_t version) noexcept : m_recordType(type), m_recordVersion(version) {}
 
-  // The argument itself where it is not 0, else the record's own version.
+  // Returns the argument, or the record's own version if it is 0.
   unsigned short OwnVersionIfZero(unsigned short version) const noexcept {
     return version == 0 ? m_recordVersion : version;
   }
-  // Adds the mark that each historical mark stands for; the historical ones stay.
+  // Adds the mark that belongs to each historical form; the historical forms stay.
   unsigned long RestoreHistoricalFlags(unsigned long flags) const noexcept;
-  // The canonical combination of a flag word.
+  // Returns the canonical form of a flag word.
   unsigned long FilterSourceFlagsForZelk(unsigned long flags) const noexcept;
 
  private:

@@ -27,7 +27,7 @@ std::unique_ptr<unsigned char[]> AllocateBytes(std::size_t count) {
 
 std::byte* Bytes(unsigned char* at) { return reinterpret_cast<std::byte*>(at); }
 
-// What fits no integer, NaN included, is 0; the rest loses its fraction.
+// A value that fits no integer, NaN included, becomes 0; others lose their fraction.
 std::uint32_t ToUnsigned(float value) {
   return value > -1.0F && value < 4294967296.0F ? static_cast<std::uint32_t>(std::max(value, 0.0F)) : 0;
 }
@@ -35,7 +35,7 @@ std::int32_t ToSigned(float value) {
   return value >= -2147483648.0F && value < 2147483648.0F ? static_cast<std::int32_t>(value) : 0;
 }
 
-// The little-endian bytes of some 32-bit words, and back.
+// Returns the little-endian bytes of 32-bit words.
 template <std::size_t Count>
 std::array<std::byte, 4 * Count> Pack(const std::array<std::uint32_t, Count>& words) {
   std::array<std::byte, 4 * Count> bytes;
@@ -69,7 +69,7 @@ std::span<const std::byte> BlockOf(const CKespTag& tag) {
   return {Bytes(tag.m_pData), tag.m_pData != nullptr ? tag.m_dataLength : 0};
 }
 
-// The payload, as far as it lies inside the block. The name is assigned as soon as it does.
+// Returns the payload if it lies inside the block. Assigns the name if that does, even when the payload does not.
 std::optional<std::span<const std::byte>> PayloadAndName(const CKespTag& tag, CString* name) {
   const std::span<const std::byte> block = BlockOf(tag);
   const kesp::TagBlockLayout layout = kesp::LayoutOfTagBlock(block);
@@ -80,14 +80,14 @@ std::optional<std::span<const std::byte>> PayloadAndName(const CKespTag& tag, CS
   return block.subspan(layout.Payload(), *layout.payloadLength);
 }
 
-// The payload of a tag of the wanted kind when it has at least `size` bytes, else null.
+// Returns the payload if the tag is of the wanted kind and has at least `size` bytes, else null.
 const std::byte* PayloadOf(const CKespTag& tag, KESP_TAG kind, std::size_t size, CString* name) {
   if (tag.m_tagType != kind) return nullptr;
   const auto payload = PayloadAndName(tag, name);
   return payload && !payload->empty() && payload->size() >= size ? payload->data() : nullptr;
 }
 
-// Runs a getter that hands numbers out as unsigned long for a caller who keeps them in 32 bits.
+// Calls a getter that stores numbers as unsigned long, and stores them in 32 bits.
 template <class Get, class... Narrow>
 bool GetNarrow(Get get, Narrow&... out) {
   std::array<unsigned long, sizeof...(Narrow)> wide{static_cast<unsigned long>(out)...};
@@ -141,7 +141,7 @@ bool CKespTag::Set(const CKespTag& other) {
 }
 
 bool CKespTag::Set(KESP_TAG type, const CString& name, const void* data, unsigned long length) {
-  // GetBinary hands a length out as an int, and the record header has 32 bits for the whole body.
+  // GetBinary returns the length as an int, and the record header has 32 bits for the length of the whole body.
   constexpr std::uint64_t kLargestPayload = std::numeric_limits<std::int32_t>::max();
   constexpr std::uint64_t kLargestBlock = std::numeric_limits<std::uint32_t>::max() - kesp::kTagFixedPart;
   if (length > kLargestPayload || kesp::TagBlockLength(name.Size(), length) > kLargestBlock) throw CMemoryException();

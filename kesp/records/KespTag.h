@@ -15,13 +15,13 @@
 //   8 + nameBytes  payloadLength the payload
 //
 // Ownership: the tag owns m_pData, allocated with array new. Copying a tag copies the block.
-// Errors: a getter answers false and leaves its outputs alone when the kind is another one (GetPosErrMark alone has
-//   set its three floats to 0 then); also when the name or the payload lies partly outside the block, the payload is
-//   empty or shorter than its kind's, or there is no block; the name may have been assigned by then. Nothing outside
-//   the block is read. Setters raise CMemoryException when the block can't be allocated, and have changed nothing then.
+// Errors: a getter returns false and leaves its outputs unchanged when the tag is of another kind; only GetPosErrMark
+// sets its three floats to 0 first. It also returns false when there is no block, when the name or the payload is
+// partly outside it, or when the payload is empty or too short for its kind; the name may be assigned by then. Nothing
+// outside the block is read. Setters raise CMemoryException when the block can't be allocated, and then change nothing.
 //
 // The number of the quality and position-error marks, and the integer of the extended quality mark, are stored as
-// single-precision floats: above 2^24 they come back rounded. A float that fits no integer comes back as 0.
+// single-precision floats: above 2^24 they are rounded. A float that fits no integer is read as 0.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -62,15 +62,17 @@ class KESP_EXPORT CKespTag : public CKespRecord {
 
   KESP_TAG GetType() const noexcept { return m_tagType; }
 
-  // Copies the common fields and the tag. A source of length 0 leaves the block of this tag in place. Always true.
+  // Copies the common fields and the tag. A source with a block length of 0 leaves this tag's block in place. Always
+  // true.
   bool Set(const CKespTag& other);
-  // The setter that all others call; always true. Null data leaves a payload of `length` zeros. A payload of more than
-  // 2^31 - 1 bytes, or one whose block would make a body of 2^32 bytes or more with the name, is refused: raises
-  // CMemoryException and changes nothing.
+  // The setter that all others call; always true. If `data` is null, the payload is `length` zeros. Raises
+  // CMemoryException and changes nothing for a payload of more than 2^31 - 1 bytes, or when the body would reach 2^32
+  // bytes.
   bool Set(KESP_TAG type, const CString& name, const void* data, unsigned long length);
-  bool Set(KESP_TAG type, const CString& name) = delete;  // would pass for a file link whose number is the kind
+  bool Set(KESP_TAG type, const CString& name) = delete;  // would be taken for a file link whose number is the kind
 
-  // Kinds 1 to 13 in their order. A plain literal and a std::uint32_t both choose as the type says.
+  // Setters for kinds 1 to 13, in their order. A plain literal and a std::uint32_t both choose the overload of their
+  // type.
   bool Set(const CString& name, int value);
   bool Set(const CString& name, double value);
   bool Set(const CString& name, const CString& value);
@@ -92,7 +94,7 @@ class KESP_EXPORT CKespTag : public CKespRecord {
   bool GetDouble(CString& name, double& value) const;
   bool GetString(CString& name, CString& value) const;
   bool GetPoint(CString& name,
-                CPoint3D& point) const;  // x and y only: the caller's z stays, as hosts with 2D points expect
+                CPoint3D& point) const;  // only x and y: z stays, as hosts with 2D points expect
   bool GetRect(CString& name, CRect2D& rect) const;
   bool GetColor(CString& name, unsigned long& color) const;
   bool GetColor(CString& name, std::uint32_t& color) const;
@@ -115,22 +117,23 @@ class KESP_EXPORT CKespTag : public CKespRecord {
   bool GetNamedFlag(unsigned long& first, unsigned long& second, CString& name) const;
   bool GetNamedFlag(std::uint32_t& first, std::uint32_t& second, CString& name) const;
 
-  unsigned long GetLength(unsigned short version) override;  // 8 more than m_dataLength, in every version
-  // A block length that goes past the end of the file is KESP_ERROR_EOF before anything is allocated.
+  unsigned long GetLength(unsigned short version) override;  // m_dataLength + 8, in every version
+  // A block that goes past the end of the file is KESP_ERROR_EOF; nothing is allocated for it.
   bool Read(CFile& file) override;
   bool Write(CFile& file, unsigned long sourceFlag, unsigned short version) override;  // false without a block
-  // The tag that was read from the same place of a file; a tag that was not read from one is the same as none.
+  // Whether the other tag has the same kind, block length and m_dataPosition, so was read from the same place of a
+  // file. A tag that was not read from a file equals none that was.
   bool IsSameKespRecord(CKespRecord* other) override;
   unsigned short GetRecordVersionFromKespVersion(unsigned short kespVersion) override;
   bool GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) override;
 
   KESP_TAG m_tagType;
-  std::uint32_t m_dataLength;    // bytes of the block; 8 in a new tag, which has none
-  std::uint32_t m_dataPosition;  // offset of the block in the file it was read from, low 32 bits, else 0
+  std::uint32_t m_dataLength;    // length of the block in bytes; 8 in a new tag, which has no block
+  std::uint32_t m_dataPosition;  // offset of the block in the file that it was read from, low 32 bits; else 0
   unsigned char* m_pData = nullptr;
 
  protected:
-  // Hands out the name and a copy of the payload, which the caller releases with array delete.
+  // Returns the name and a copy of the payload; the caller deletes the copy with delete[]. False for an empty payload.
   bool GetBinary(CString& name, void** data, int& length) const;
 
  private:
@@ -140,15 +143,16 @@ class KESP_EXPORT CKespTag : public CKespRecord {
 
 namespace kesp {
 
-// The parts of a tag's block, each as far as it is inside the block; neither without one. The payload borrows the tag's
-// bytes until they change. Raises std::bad_alloc.
+// The parts of a tag's block, each set if it lies inside the block. The payload borrows the tag's bytes and is valid
+// until they change. PartsOf raises std::bad_alloc.
 struct TagParts {
   std::optional<CString> name;
   std::optional<std::span<const std::byte>> payload;
 };
 KESP_EXPORT TagParts PartsOf(const CKespTag& tag);
-// Name and bytes of a tag of kind KESP_TAG_BLOB, which may be none. False, with both unchanged, for a tag of another
-// kind, without a block, or whose name or payload is partly outside the block. Raises std::bad_alloc.
+// Gets the name and the bytes of a tag of kind KESP_TAG_BLOB; there may be no bytes. Returns false, with both
+// unchanged, for a tag of another kind, one without a block, or one whose name or payload is partly outside the block.
+// Raises std::bad_alloc.
 KESP_EXPORT bool GetBlob(const CKespTag& tag, CString& name, std::vector<std::byte>& bytes);
 
 }  // namespace kesp

@@ -9,7 +9,7 @@
 namespace kesp {
 namespace {
 
-// Small ones come out of the pool, others grow in place where the system can.
+// Small lists use the pool; larger ones use realloc, which can grow in place.
 constexpr std::size_t kMostPooled = kLargestPooledBlock / sizeof(void*);
 
 }  // namespace

@@ -2,11 +2,11 @@
 //
 //   for (const CKespPoint* point : feature.m_pointList) Show(*point);
 //
-// 24 bytes when empty, since there are two in each of a survey's features. Asking by position takes constant time, and
-// so does removing at either end; adding does on the average, and removing elsewhere moves the shorter side. A long
-// list grows in place where the system can, without copying. Entries may be null.
+// 24 bytes when empty, since each feature has two. Access by index takes constant time, and so does removing at either
+// end; adding does on average. Removing elsewhere moves the entries on the shorter side. A long list grows in place
+// where the system can. Entries may be null.
 //
-// Errors: CMemoryException from push_back; the list is then as it was, and the entry is still the caller's.
+// Errors: push_back raises CMemoryException; the list is then unchanged, and the caller still owns the entry.
 #pragma once
 #include <algorithm>
 #include <cstddef>
@@ -17,8 +17,8 @@
 
 namespace kesp {
 
-// The storage of such lists: room for `capacity` pointers, of which the first `used` move over from the old storage,
-// which goes. Raises CMemoryException, and the old storage is then as it was.
+// Allocates storage for `capacity` pointers, moves the first `used` from the old storage and frees that. Raises
+// CMemoryException; the old storage is then unchanged.
 KESP_EXPORT void* GrowPointers(void* old, std::size_t oldCapacity, std::size_t used, std::size_t capacity);
 KESP_EXPORT void FreePointers(void* storage, std::size_t capacity) noexcept;
 
@@ -52,7 +52,7 @@ class OwningList {
   Item* const* begin() const noexcept { return m_storage + m_front; }
   Item* const* end() const noexcept { return begin() + m_size; }
 
-  // Takes the item over.
+  // Takes ownership of the item.
   void push_back(Item* item) {
     if (m_front + m_size == m_capacity) MakeRoom();
     m_storage[m_front + m_size++] = item;
@@ -60,7 +60,7 @@ class OwningList {
   void reserve(std::size_t capacity) {
     if (capacity > m_capacity - m_front) Grow(capacity);
   }
-  // Takes the entry out and hands it back to the caller.
+  // Removes the entry and returns it; the caller owns it then.
   Item* release(std::size_t at) noexcept {
     Item** const items = m_storage + m_front;
     Item* const item = items[at];
@@ -73,9 +73,9 @@ class OwningList {
     }
     return item;
   }
-  // Deletes all items, from the first on.
+  // Deletes all items, the first one first.
   void clear() noexcept {
-    // Whoever drops a whole survey waits for memory and nothing else: the items to come are fetched meanwhile.
+    // Deleting a whole survey mostly waits for memory, so prefetch the items that come next.
     constexpr std::size_t kAhead = 8;
     constexpr std::size_t kCacheLine = 64;
     Item** const items = m_storage + m_front;
@@ -95,7 +95,7 @@ class OwningList {
  private:
   static constexpr std::size_t kFirstRoom = 4;
 
-  // At the end: where at least half of the storage is free at its front, that is used again.
+  // Called when the storage is full at the end. If more than half of it is free at the front, reuses that.
   void MakeRoom() {
     if (m_front > m_size) return MoveToFront();
     Grow(m_capacity == 0 ? kFirstRoom : std::size_t{2} * m_capacity);
@@ -111,7 +111,7 @@ class OwningList {
   }
 
   Item** m_storage = nullptr;
-  std::uint32_t m_front = 0;  // entries that were released before the first
+  std::uint32_t m_front = 0;  // free entries before the first
   std::uint32_t m_size = 0;
   std::uint32_t m_capacity = 0;
 };

@@ -40,7 +40,7 @@ RecordHeader DecodeHeader(std::span<const std::byte> bytes) {
 
 class Salvager {
  public:
-  // A version of 0 is that of the source.
+  // A version of 0 keeps that of the source.
   Salvager(CKespDataFile& source, RebuiltFile& out, std::uint16_t version, SalvageReport& report)
       : m_source(source),
         m_file(source.m_file),
@@ -49,11 +49,11 @@ class Salvager {
         m_report(report),
         m_length(m_file.GetLength()) {}
 
-  // False when a record can't be written or the system can't read; raises what the file objects raise.
+  // Returns false when a record can't be written or the system can't read; raises what the file objects raise.
   bool Run() {
     PutFileHeader();
-    // What was there at the start is looked at, so that a writer who goes on appending is no reason to go on here. Each
-    // step leads further, except the one that goes back to the end of the file header.
+    // Goes up to the length at the start, so that it ends even while a writer appends. Each step goes forward, except
+    // the one that goes back to the end of the file header.
     while (m_position < m_length) {
       [[maybe_unused]] const std::uint64_t before = m_position;
       [[maybe_unused]] const bool hadGoneBack = m_hasGoneBack;
@@ -82,8 +82,9 @@ class Salvager {
  private:
   enum class Step { kGoOn, kEnd, kFailed };
 
-  // As it is, but for the application header after it and a version that is asked for. One that nobody could open, or
-  // that leads past records, is made again, and the records are taken to begin after it.
+  // Copies the file header, without the application header and with the version that was asked for. A header that can't
+  // be opened, or whose first record is after other records, is written again; the records are then taken to begin
+  // right after it.
   void PutFileHeader() {
     std::array<std::byte, kFileHeaderSize> header{};
     const auto view = View(0, kFileHeaderSize);
@@ -100,7 +101,7 @@ class Salvager {
     }
     m_position = m_firstRecord = first;
     std::uint64_t ignored = 0;
-    // Where the walk gets from that record to the end of the file, it is the first, whatever it looks like.
+    // If the walk from that record reaches the end of the file, it is the first one, whatever it looks like.
     if (error == KESP_ERROR_NONE && first > kFileHeaderSize && !IsExactAt(first, ignored) &&
         FindBefore(first, kFileHeaderSize) != first && (first == m_length || WalkAll() != m_length)) {
       error = KESP_ERROR_FILE_HEADER;
@@ -167,8 +168,8 @@ class Salvager {
     return offset <= m_length && count <= m_length - offset;
   }
 
-  // Whether the header of a known type and version has known flags, and the length that a body of that layout has.
-  // The layout's length, which is where the next record begins, is handed out.
+  // Whether the header has a known type, version and flags, and the body length of that layout. Stores the length of
+  // the layout, which is where the next record begins.
   bool IsExact(const RecordHeader& header, std::uint64_t offset, std::uint64_t& bodyLength) {
     const RecordKind& kind = KindOfRecord(header.type);
     if (header.version == 0 || header.version > kind.newest || (header.flags & ~kKnownFlags) != 0) return false;
@@ -192,7 +193,8 @@ class Salvager {
     std::uint64_t ignored = 0;
     return offset == m_length || IsExactAt(offset, ignored);
   }
-  // Whether records go on at `offset`: the end, an exact header, or a few of another kind and one of these after them.
+  // Whether the records go on at `offset`: there is the end, an exact header, or up to `hops` other records followed by
+  // one of these.
   bool GoesOnAt(std::uint64_t offset, int hops = 4) {
     if (IsEndOrExact(offset)) return true;
     if (hops == 0 || !Fits(offset, kRecordHeaderSize)) return false;
@@ -205,13 +207,12 @@ class Salvager {
   static bool IsPassedOver(const RecordHeader& header) {
     return (header.flags & KESP_FLAG_DELETED) != 0 || KindOfRecord(header.type).use == RecordUse::kPassedOver;
   }
-  // A header that the walk steps over leads anywhere. After damage only one that looks like a header is followed.
+  // A header that the walk skips can point anywhere. After damage only one that looks like a header is followed.
   static bool MayPassOver(const RecordHeader& header) {
     return header.type <= 0xFFFF && header.version <= 0xFF && (header.flags & ~kKnownFlags) == 0 && header.length != 0;
   }
 
-  // One record where records are known to begin, or the search for the next such place.
-  // NOLINTNEXTLINE(readability-function-cognitive-complexity): the cases of one step, each a line or two
+  // Handles one record where records are known to begin, or searches for the next such place.
   Step Next() {
     const std::uint64_t start = m_position;
     m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
@@ -227,12 +228,12 @@ class Salvager {
 
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
-    // Half a record may have others after it, where a writer was cut off and a later one appended.
-    std::uint64_t inside = 0;  // where another record begins in this one's place; never 0
+    // A record that was cut short may be followed by others: a writer was interrupted, and a later one appended.
+    std::uint64_t inside = 0;  // start of another record inside this one; 0 for none
     if (isExact && !GoesOnAt(body + bodyLength) && !IsBelieved(start)) {
       inside = RecordWithin(body, body + bodyLength);
       if (inside != 0 && m_damaged) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
-      // A header that is left of its record.
+      // Only the header of the record is left.
       if (m_damaged && !IsPossible(header, body, bodyLength)) return Damage(start, KESP_ERROR_RECORD_HEADER);
     }
     m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
@@ -246,29 +247,29 @@ class Salvager {
     if (!record) {
       const KESP_ERROR_TYPE error = m_source.GetError();
       if (error == KESP_ERROR_NONE && m_source.m_systemError != 0) return Step::kFailed;
-      // An impossible body after a header that is as it should be: the next record is where it says.
+      // A body that can't be, after an exact header: the next record is where the header says.
       if (isExact && GoesOnAt(body + bodyLength)) return Skip(start, body + bodyLength, error);
       return Damage(start, error);
     }
     const std::uint64_t end = m_file.GetPosition();
     if (inside == 0 && (isExact || GoesOnAt(end) || IsBelieved(start))) return Keep(start, *record, end);
-    // The walk takes it and goes astray: up to there the copy has what the walk has.
+    // The walk reads this record and goes wrong after it. The copy keeps it, as the walk does.
     if (m_damaged) return Damage(start, KESP_ERROR_RECORD_HEADER);
     if (Keep(start, *record, end) == Step::kFailed) return Step::kFailed;
     const std::uint64_t found = inside != 0 ? inside : Find(body);
     return Skip(found < end ? start : end, found, KESP_ERROR_RECORD_HEADER);
   }
 
-  // Whether what begins at `start`, where the walk gets to, is what the walk takes it for. So is all of a file that the
-  // walk comes to the end of, and otherwise what is before the last record that it reads, or the last header that is as
-  // it should be: nobody gets there by chance. The walk is asked when a record looks like damage, which a whole file
-  // may have too: lengths that nobody minds, say.
+  // Whether the walk is right about the record at `start`, which it reaches. It is right about all of a file whose end
+  // it reaches, and otherwise about what is before the last record that it reads or the last exact header: it does not
+  // get there by chance. The walk is only run when a record looks like damage, since a sound file may have such records
+  // too, for example with wrong lengths that readers ignore.
   bool IsBelieved(std::uint64_t start) {
     if (m_damaged) return false;
     if (!m_believed) m_believed = WalkAll();
     return start < *m_believed;
   }
-  // Where the walk's last record or exact header is; the end of the file where it gets there.
+  // Returns the start of the walk's last record or exact header, or the end of the file if the walk reaches it.
   std::uint64_t WalkAll() {
     std::uint64_t last = m_firstRecord;
     std::uint64_t start = m_firstRecord;
@@ -306,8 +307,8 @@ class Salvager {
     m_position = end;
     return Step::kGoOn;
   }
-  // The record in its own version, or in the one that is asked for where that is older. One of no version is read as if
-  // it had the newest.
+  // Writes the record in its own version, or in the version asked for if that is older. A record of version 0 is
+  // treated as the newest version.
   bool Put(std::uint64_t start, CKespRecord& record) {
     const RecordKind& kind = KindOfRecord(record.m_recordType);
     const std::uint16_t own = record.m_recordVersion;
@@ -315,8 +316,8 @@ class Salvager {
     if (m_version != 0) version = std::min(version, m_version);
     const RecordHeader header{record.m_recordType, version, record.m_flags,
                               static_cast<std::uint32_t>(record.GetLength(version))};
-    // Its bytes rather than what its class makes of them, which may end a text earlier, or leave out an old header's
-    // time. But a header of version 2 names the file version.
+    // Copies the bytes: writing through the class could cut a text earlier or drop an old header's time. Except for a
+    // version-2 header record, which names the file version.
     const bool isOldVersion = m_version != 0 && m_version < kNewestFileVersion;
     const bool namesVersion = record.m_recordType == KESP_RECORD_HEADER && version == 2 && isOldVersion;
     if (version == own && kind.length[version] != 0 && !namesVersion) {
@@ -329,7 +330,7 @@ class Salvager {
     return m_out.Put(header, record);
   }
 
-  // A record that the walk steps over, if it has the length that it states.
+  // Skips a record that the walk skips, if it has the length that its header states.
   Step PassOver(std::uint64_t start, const RecordHeader& header) {
     const bool isDeleted = (header.flags & KESP_FLAG_DELETED) != 0;
     const std::uint64_t body = start + kRecordHeaderSize;
@@ -346,12 +347,12 @@ class Salvager {
     if (isExact && goesOn) return passTo(end);
     const std::uint64_t inside = RecordWithin(body, end);
     if ((inside == 0 && goesOn && MayPassOver(header)) || IsBelieved(start)) return passTo(end);
-    // What was marked deleted was whole then. But a tag is not known by its length.
+    // A record that was marked deleted was whole then. But a tag's length proves nothing.
     if (isExact && header.type != KESP_RECORD_TAG) return passTo(body + bodyLength);
-    // Where records are inside it, it is no record but a header that leads astray.
+    // With records inside it is not a record, but a header that points to the wrong place.
     if (inside != 0) return Skip(start, inside, KESP_ERROR_RECORD_HEADER);
     if (isExact) return passTo(end);
-    // It may be the record before the damage, or a damaged header: what is found decides.
+    // It is either the last record before the damage or a damaged header: the next certain record decides.
     const std::uint64_t found = Find(body);
     const bool isWhole = end <= found && end <= m_length;
     if (isWhole) ++count;
@@ -366,11 +367,11 @@ class Salvager {
   }
 
   Step Damage(std::uint64_t offset, KESP_ERROR_TYPE reason) {
-    // Where not even the first record can be read, the file header may have named a wrong place. Looked into once: the
-    // search back there may find nothing that is kept, and lead here again.
+    // If not even the first record can be read, the file header may give a wrong place. Tried only once: the search
+    // back there may find nothing to keep, and lead here again.
     if (offset == m_firstRecord && offset > kFileHeaderSize && m_report.kept == 0 && !m_hasGoneBack) {
       m_hasGoneBack = true;
-      // NOLINTNEXTLINE(readability-suspicious-call-argument): up to the first record, from the file header on
+      // up to the first record, from the file header on
       const std::uint64_t found = FindBefore(offset, kFileHeaderSize);
       if (found < offset) {
         m_report.applicationBytes = 0;
@@ -387,9 +388,9 @@ class Salvager {
     if (m_report.gaps.size() < SalvageReport::kMostGaps) m_report.gaps.push_back({from, to - from, reason});
   }
 
-  // Where the next record that leaves no doubt begins, from `offset` on; the end of the file without one.
+  // Returns the start of the next certain record at or after `offset`; the end of the file if there is none.
   std::uint64_t Find(std::uint64_t offset) { return FindBefore(m_length, offset); }
-  // The same; `limit` when none begins before it.
+  // The same; returns `limit` when none begins before it.
   std::uint64_t FindBefore(std::uint64_t limit, std::uint64_t offset) {
     while (offset < limit && Fits(offset, kRecordHeaderSize)) {
       const std::span<const std::byte> bytes = Window(offset, limit - offset + kRecordHeaderSize - 1);
@@ -405,8 +406,8 @@ class Salvager {
     }
     return limit;
   }
-  // What is searched, kept aside: a look at what a header leads to would take the file's buffer elsewhere, and each
-  // wrong one of a hostile file would have it filled again.
+  // A copy of the part being searched. Checking what a header points to moves the file's buffer away; without the copy
+  // a hostile file could make it fill again for each wrong header.
   std::span<const std::byte> Window(std::uint64_t offset, std::uint64_t count) {
     if (offset < m_windowStart || offset + kRecordHeaderSize > m_windowStart + m_window.size()) {
       const auto view = View(offset, static_cast<std::size_t>(std::min<std::uint64_t>(count, CFile::kMaxView)));
@@ -415,13 +416,13 @@ class Salvager {
     }
     return std::span<const std::byte>(m_window).subspan(static_cast<std::size_t>(offset - m_windowStart));
   }
-  // Where a record begins in the place of another; 0 for none.
+  // Returns the start of a record inside another; 0 for none.
   std::uint64_t RecordWithin(std::uint64_t body, std::uint64_t end) {
     const std::uint64_t limit = std::min(end, m_length);
     const std::uint64_t found = FindBefore(limit, body);
     return found < limit ? found : 0;
   }
-  // The little that most bytes fail at.
+  // A quick test that most bytes fail.
   static bool MayBegin(const std::byte* at) {
     const auto type = LoadLittle<std::uint32_t>(at);
     if (type == 0 || type > KESP_RECORD_TAG) return false;
@@ -439,7 +440,7 @@ class Salvager {
     if (header.type == KESP_RECORD_TAG) return IsPossibleTag(body, header.length);
     return IsPossibleBody(header.type, header.version, View(body, static_cast<std::size_t>(bodyLength)));
   }
-  // A tag's block is not read whole, however often one is looked at: its lengths, and the end of its name.
+  // Reads only the lengths of a tag's block and the end of its name: a tag may be checked many times.
   bool IsPossibleTag(std::uint64_t body, std::uint32_t length) {
     const auto word = [&](std::uint64_t at) {
       const auto bytes = View(at, 4);
@@ -469,7 +470,7 @@ class Salvager {
   bool m_hasGoneBack = false;
   std::vector<std::byte> m_window;
   std::uint64_t m_windowStart = 0;
-  std::optional<std::uint64_t> m_believed;  // what IsBelieved compares with; unknown until it is asked
+  std::optional<std::uint64_t> m_believed;  // result of WalkAll for IsBelieved; empty until needed
 };
 
 }  // namespace
@@ -496,7 +497,7 @@ bool CopyWith(CKespDataFile& source, const CString& destination, unsigned short 
       } catch (const CFileException& e) {
         note(e);
       }
-      out.Finish();  // what was read stays
+      out.Finish();  // what was read is kept
     }
   } catch (const CFileException& e) {
     note(e);

@@ -22,7 +22,7 @@ bool SameFolded(char16_t a, char16_t b) noexcept { return Folded(a) == Folded(b)
 
 void CKespSearch::Set(double first, double second) noexcept {
   m_valueKind = SEARCH_VALUE_NUMBER;
-  // Written so that a NaN, which compares false, leaves the second one in both.
+  // A NaN compares false, which makes both bounds the second argument.
   m_lowValue = first < second ? first : second;
   m_highValue = first > second ? first : second;
 }
@@ -63,7 +63,7 @@ bool CKespSearch::IsAttributeIncluded(const CString& name) const noexcept {
 bool CKespSearch::Validate(double value) const noexcept {
   if (!m_enabled || m_valueKind == SEARCH_VALUE_NONE) return true;
   if (m_valueKind != SEARCH_VALUE_NUMBER) return false;
-  const bool matches = !(value < m_lowValue) && !(value > m_highValue);  // a NaN fails neither
+  const bool matches = !(value < m_lowValue) && !(value > m_highValue);  // a NaN passes both
   return matches != m_inverted;
 }
 
@@ -78,7 +78,7 @@ bool CKespSearch::Validate(const CKespAttribute* attribute) const {
     case KESP_ATTRIBUTE_MENU:
       return ValidateText(attribute->TextValue.View()) || ValidateText(attribute->SubValue.View());
     case KESP_ATTRIBUTE_DATE:
-      return Validate(attribute->GetAsFormatedString(true));  // ten units at most, which a CString holds in itself
+      return Validate(attribute->GetAsFormatedString(true));  // at most ten units, so it allocates nothing
     default:
       return false;
   }
@@ -131,7 +131,7 @@ bool CKespSearch::IsTypeIncluded(std::uint32_t type) const noexcept {
 
 bool CKespSearch::PassesPointTest(const CKespFeature& feature) const noexcept {
   if (m_pointNameFilter.IsEmpty() && !Has(SEARCH_TIME_RANGE) && !Has(SEARCH_IN_AREA)) return true;
-  bool nameMatched = m_pointNameFilter.IsEmpty();  // and from the first point that has the text, to the end
+  bool nameMatched = m_pointNameFilter.IsEmpty();  // stays true after the first point that has the text
   for (const auto& point : feature.m_pointList) {
     if (point == nullptr) continue;
     nameMatched = nameMatched || TextMatches(point->PointText.View(), m_pointNameFilter.View());

@@ -1,4 +1,4 @@
-// A filter that tells whether a feature, an attribute or a single value is what a host's user looks for.
+// A filter that checks whether a feature, an attribute or a single value is what a user searches for.
 //
 //   CKespSearch search(L"oak");  // the wanted value; CKespSearch(10, 20) for a range of numbers
 //   search.SetSearchOptions(SEARCH_POINT_FEATURES | SEARCH_IGNORE_CASE | SEARCH_PARTIAL_MATCH);
@@ -6,31 +6,30 @@
 //   search.SetAttributeNameFilter(L"Species");
 //   if (search.Validate(feature)) Show(feature);
 //
-// A feature passes when all of this holds:
-//   type       its type's option is set; a type other than point, line and area passes always
-//   name       it equals one of m_featureNames, letter case always minded; an empty list takes every name
-//   points     one point meets the text, the time range and the area, as far as they are asked for
-//   attribute  one attribute of the wanted name has the wanted value; not asked for with SEARCH_VALUE_NONE
-// The name, time, area and value setters touch no option: SEARCH_TIME_RANGE and SEARCH_IN_AREA are the caller's to set.
+// A feature passes when all of this is true:
+//   type       the option of its type is set; a type other than point, line and area always passes
+//   name       it equals one of m_featureNames, always case-sensitive; an empty list accepts all names
+//   points     one point meets the text, the time range and the area, as far as these are set
+//   attribute  one attribute of the wanted name has the wanted value; not tested with SEARCH_VALUE_NONE
+// The setters of name, time, area and value change no option: the caller sets SEARCH_TIME_RANGE and SEARCH_IN_AREA.
 //
-// Texts are compared unit by unit; SEARCH_IGNORE_CASE folds a to z only, whatever the locale. Asking allocates nothing,
-// and so doesn't fail; only a long text that is not yet a CString must become one first.
+// Texts are compared unit by unit; SEARCH_IGNORE_CASE folds a to z only, whatever the locale. Tests allocate nothing,
+// so they can't fail; only converting a long text to a CString for the call can.
 //
-// Kept on purpose, since hosts' stored searches would find other features without it:
-// - A feature without any point passes the point test, one without any attribute the attribute test: there is nothing
-//   that contradicts.
-// - Once a point has the wanted text, every later point of the feature counts as having it, so that a text on the
-//   first vertex finds a line by the time and place of the others.
-// - Inverting turns round single value tests, nothing else. A feature passes an inverted search when one candidate
-//   attribute differs from the wanted value, a menu attribute when either of its two texts does. Two empty texts match
+// Kept on purpose, since stored searches of hosts depend on it:
+// - A feature without any point passes the point test, and one without any attribute the attribute test.
+// - Once a point has the wanted text, all later points of the feature count as having it. So a text on the first vertex
+//   finds a line by the time and place of the others.
+// - Inverting only inverts the tests of single values. A feature passes an inverted search when one candidate attribute
+//   differs from the wanted value; a menu attribute differs when either of its two texts does. Two empty texts match
 //   even then.
-// - FeatureNameRemove removes what differs from its argument; see there.
-// - A feature's test with none of the three type options set first sets all three for good.
+// - FeatureNameRemove removes an entry that differs from its argument; see there.
+// - Testing a feature while none of the three type options is set first sets all three permanently.
 //
-// Ownership: the filter owns copies of all it is given and keeps no pointer to what it is asked about.
-// Errors: only lack of memory, in what copies a text: CMemoryException, or std::bad_alloc when the list of names can't
-// grow; the filter is then as it was.
-// Since a feature's test may write m_searchOptions, one filter must not be asked by two threads at once.
+// Ownership: the filter owns copies of what it is given, and keeps no pointer to what it tests.
+// Errors: only out of memory, in functions that copy a text: CMemoryException, or std::bad_alloc when the list of names
+// can't grow; the filter is then unchanged.
+// One thread at a time may use a filter: testing a feature may write m_searchOptions.
 #pragma once
 #include <concepts>
 #include <cstdint>
@@ -45,11 +44,11 @@
 class CKespAttribute;
 class CKespFeature;
 
-// Which value test applies.
+// The kinds of value test.
 enum KESP_SEARCH_VALUE : std::int32_t {
   SEARCH_VALUE_NUMBER = 1,  // m_lowValue to m_highValue
   SEARCH_VALUE_TEXT = 2,    // m_searchText
-  SEARCH_VALUE_NONE = 3     // every value will do
+  SEARCH_VALUE_NONE = 3     // any value
 };
 
 // Bits of m_searchOptions.
@@ -57,24 +56,24 @@ enum KESP_SEARCH_OPTION : std::int32_t {
   SEARCH_POINT_FEATURES = 0x01,
   SEARCH_LINE_FEATURES = 0x02,
   SEARCH_AREA_FEATURES = 0x04,
-  SEARCH_IGNORE_CASE = 0x08,    // for point texts, attribute names and text values; never for feature names
-  SEARCH_PARTIAL_MATCH = 0x10,  // point texts and text values need only contain the wanted text
+  SEARCH_IGNORE_CASE = 0x08,    // point texts, attribute names and text values; not feature names
+  SEARCH_PARTIAL_MATCH = 0x10,  // point texts and text values only need to contain the wanted text
   SEARCH_TIME_RANGE = 0x20,     // a point must lie in the time range
   SEARCH_IN_AREA = 0x40         // a point must lie in m_area
 };
 
 class KESP_EXPORT CKespSearch {
  public:
-  // A disabled filter without a value test: it takes everything until it is enabled.
+  // A disabled filter without a value test: it accepts everything until it is enabled.
   CKespSearch() noexcept = default;
-  // An enabled one, as after Set with the same arguments.
+  // An enabled filter, as after Set with the same arguments.
   CKespSearch(double first, double second) noexcept : m_enabled(true) { Set(first, second); }
   explicit CKespSearch(const CString& text) : m_enabled(true) { Set(text); }
 
-  // Asks for a number from the smaller to the larger of the two, both included. With a NaN among them both bounds
-  // become the second one.
+  // Searches for a number from the smaller to the larger of the two, both included. If one of them is a NaN, both
+  // bounds become the second one.
   void Set(double first, double second) noexcept;
-  // Asks for a text.
+  // Searches for a text.
   void Set(const CString& text);
   void Enable(bool enable) noexcept { m_enabled = enable; }
   bool IsEnabled() const noexcept { return m_enabled; }
@@ -87,27 +86,27 @@ class KESP_EXPORT CKespSearch {
   CTime GetStartTime() const noexcept { return m_startTime; }
   CTime GetEndTime() const noexcept { return m_endTime; }
   void SetAreaFilter(const CRect2D& area) noexcept { m_area = area; }
-  void SetAttributeNameFilter(const CString& name) { m_attributeNameFilter = name; }  // empty for every name
-  void SetPointNameFilter(const CString& text) { m_pointNameFilter = text; }          // empty for no test
-  void FeatureNameFilterAdd(const CString& name) { m_featureNames.push_back(name); }  // a second time too
-  // Removes the first entry that is NOT the name, letter case minded: from [A, B], the argument A removes B. True when
-  // an entry went or the list was empty. Hosts narrow their lists to a name by this; one that removed the name itself
-  // would leave them with the opposite.
+  void SetAttributeNameFilter(const CString& name) { m_attributeNameFilter = name; }  // empty: all names
+  void SetPointNameFilter(const CString& text) { m_pointNameFilter = text; }          // empty: no test
+  void FeatureNameFilterAdd(const CString& name) { m_featureNames.push_back(name); }  // duplicates are kept
+  // Removes the first entry that is NOT the name, case-sensitive: from [A, B], the argument A removes B. Returns true
+  // when an entry was removed or the list was empty. Hosts use this to narrow their lists to a name; removing the name
+  // itself would leave them with the opposite.
   bool FeatureNameRemove(const CString& name);
   bool FeatureNameClearAll() noexcept;  // always true
 
   bool IsASearchAll() const noexcept { return m_featureNames.empty(); }
   bool IsAllAttributeSearch() const noexcept { return m_attributeNameFilter.IsEmpty(); }
-  // These two answer whether or not the filter is enabled. There is no partial match of names.
+  // These two ignore whether the filter is enabled. Names have no partial match.
   bool IsFeatureIncluded(const CString& name) const noexcept;
   bool IsAttributeIncluded(const CString& name) const noexcept;
 
-  // Whether a value is the wanted one. A disabled filter and SEARCH_VALUE_NONE take every value; otherwise a number
-  // fails a search for a text and the other way round, inverted or not. A NaN lies in every range.
+  // Whether a value is the wanted one. A disabled filter and SEARCH_VALUE_NONE accept all values; otherwise a number
+  // fails a search for a text, and a text one for a number, inverted or not. A NaN is in every range.
   bool Validate(double value) const noexcept;
   bool Validate(const CString& text) const noexcept { return ValidateText(text.View()); }
-  // Whole numbers, so that a plain 0 is one and not a null pointer. Twice, since a filter that is not const would
-  // choose a feature otherwise.
+  // For integers, so that a plain 0 is a number and not a null pointer. There are two, since a non-const filter would
+  // otherwise choose the overload for features.
   template <std::integral Number>
   bool Validate(Number value) noexcept {
     return Validate(static_cast<double>(value));
@@ -116,12 +115,13 @@ class KESP_EXPORT CKespSearch {
   bool Validate(Number value) const noexcept {
     return Validate(static_cast<double>(value));
   }
-  // The same for an attribute's value, its name aside: the number of a numeric one, the text of a string, the date as
-  // GetAsFormatedString has it, either text of a menu. Other kinds and null fail where a value is asked for.
+  // The same for an attribute's value; its name does not matter. Tests the number of a numeric attribute, the text of a
+  // string, the date as GetAsFormatedString returns it, or either text of a menu. Other kinds and null fail when a
+  // value is wanted.
   bool Validate(const CKespAttribute* attribute) const;
-  // Whether the feature passes. A disabled filter takes every feature, null too; an enabled one refuses null. Without
-  // any of the three types in the options it takes all types, and unless it is const it keeps that in the options:
-  // hosts that show them rely on it.
+  // Whether the feature passes. A disabled filter accepts any feature, even null; an enabled one refuses null. If none
+  // of the three type options is set, all types pass, and a non-const filter keeps this in its options: hosts that show
+  // them rely on it.
   bool Validate(const CKespFeature* feature);
   bool Validate(const CKespFeature* feature) const;
 
@@ -142,8 +142,8 @@ class KESP_EXPORT CKespSearch {
  private:
   bool Has(KESP_SEARCH_OPTION option) const noexcept { return (m_searchOptions & option) != 0; }
   bool ValidateText(std::u16string_view text) const noexcept;
-  bool TextsEqual(std::u16string_view text, std::u16string_view wanted) const noexcept;   // folded where asked for
-  bool TextMatches(std::u16string_view text, std::u16string_view wanted) const noexcept;  // partially too
+  bool TextsEqual(std::u16string_view text, std::u16string_view wanted) const noexcept;   // folded if the option is set
+  bool TextMatches(std::u16string_view text, std::u16string_view wanted) const noexcept;  // partial with the option
   bool IsTypeIncluded(std::uint32_t type) const noexcept;
   bool PassesPointTest(const CKespFeature& feature) const noexcept;
   bool PassesAttributeTest(const CKespFeature& feature) const;

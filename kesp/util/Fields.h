@@ -1,6 +1,5 @@
-// Takes record fields out of memory and puts them there: the visitors that a body description is written against, so
-// that reading, writing, length and what a body may hold can't drift apart. The descriptions are in
-// kesp/format/Bodies.h.
+// Reads record fields from memory and writes them: the visitors that a body description is written against, so that
+// reading, writing, length and validity can't drift apart. The descriptions are in kesp/format/Bodies.h.
 //
 //   template <class Visitor, class Record>
 //   void DescribeVersion1(Visitor& v, Record& r) {
@@ -8,8 +7,8 @@
 //     v.Text8(r.FeatureName, 22);
 //   }
 //
-// Numbers are little-endian and packed: 4 bytes may start at an odd offset. A member wider than its field is cut to
-// the field's width when written, and widened without sign when read, unless it is signed and the field a signed one.
+// Numbers are little-endian and packed: 4 bytes may start at an odd offset. A member wider than its field is cut to the
+// field's width when written, and extended with zeros when read.
 #pragma once
 #include <algorithm>
 #include <bit>
@@ -24,7 +23,7 @@
 
 namespace kesp {
 
-// `T` out of its little-endian bytes, and back.
+// Loads a `T` from its little-endian bytes, and stores it.
 template <class T>
 T LoadLittle(const std::byte* from) noexcept {
   static_assert(std::is_unsigned_v<T>);
@@ -47,14 +46,14 @@ void StoreLittle(std::byte* to, T value) noexcept {
   }
 }
 
-// How many units stand before the first zero unit, `units` at the most.
+// The number of units before the first zero unit, at most `units`.
 inline std::size_t TextLength16(const std::byte* from, std::size_t units) noexcept {
   std::size_t length = 0;
   if constexpr (std::endian::native == std::endian::little) {
     constexpr std::uint64_t kOnes = 0x0001000100010001U;
     for (; length + 4 <= units; length += 4) {
       const auto four = LoadLittle<std::uint64_t>(from + 2 * length);
-      // The lowest of the high bits that are set here is that of the first zero unit.
+      // The lowest bit set here is the high bit of the first zero unit.
       const std::uint64_t zeros = (four - kOnes) & ~four & (kOnes << 15);
       if (zeros != 0) return length + static_cast<std::size_t>(std::countr_zero(zeros)) / 16;
     }
@@ -62,13 +61,13 @@ inline std::size_t TextLength16(const std::byte* from, std::size_t units) noexce
   while (length < units && LoadLittle<std::uint16_t>(from + 2 * length) != 0) ++length;
   return length;
 }
-// Makes `text` of the `units` code units at `from`, up to the first zero unit.
+// Sets `text` to the `units` code units at `from`, up to the first zero unit.
 inline void LoadText16(CString& text, const std::byte* from, std::size_t units) {
-  if (units == 0 || LoadLittle<std::uint16_t>(from) == 0) return text.Empty();  // as most are
+  if (units == 0 || LoadLittle<std::uint16_t>(from) == 0) return text.Empty();  // the usual case
   const std::size_t length = TextLength16(from, units);
   char16_t* const out = text.Resize(length);
   if constexpr (std::endian::native == std::endian::little) {
-    // A short one with what stands behind it, since a copy of fixed length is two moves: its zero comes along.
+    // A short text is copied with the bytes after it, zero included: a copy of fixed length is two moves.
     if (length <= CString::kInline && units > CString::kInline) {
       std::memcpy(out, from, 2 * CString::kInline);
     } else {
@@ -82,9 +81,9 @@ inline void StoreUnits(std::byte* to, const char16_t* from, std::size_t units) n
   for (std::size_t i = 0; i < units; ++i) StoreLittle<std::uint16_t>(to + 2 * i, from[i]);
 }
 
-// Reads. Borrows the bytes, which must outlive the reader. A field cut short by the end is left as it was, and so is
-// every later one; Failed() tells. Whoever has compared the length with the whole description's needs no such check
-// for each field and takes an unchecked one, which never fails.
+// Reads fields. Borrows the bytes, which must outlive the reader. A field cut short by the end is left unchanged, and
+// so is each later one; Failed() then returns true. A caller that has compared the length with that of the whole
+// description uses the unchecked reader, which skips the check of each field and never fails.
 template <bool kChecked>
 class BasicFieldReader {
  public:
@@ -94,7 +93,7 @@ class BasicFieldReader {
   void U16(T& field) noexcept {
     if (const std::byte* at = Take(2)) field = static_cast<T>(LoadLittle<std::uint16_t>(at));
   }
-  // One of few values, which the reader of the record checks.
+  // One of a few values; the record's own Read checks it.
   template <class T>
   void Choice16(T& field, std::uint16_t /*least*/, std::uint16_t /*most*/) noexcept {
     U16(field);
@@ -103,15 +102,15 @@ class BasicFieldReader {
   void U32(T& field) noexcept {
     if (const std::byte* at = Take(4)) field = static_cast<T>(LoadLittle<std::uint32_t>(at));
   }
-  void F64(double& field) noexcept {  // every bit pattern passes
+  void F64(double& field) noexcept {  // any bit pattern, NaNs too
     if (const std::byte* at = Take(8)) field = std::bit_cast<double>(LoadLittle<std::uint64_t>(at));
   }
-  // `units` code units, 2 * units bytes. The text ends at the first zero unit, or fills the field.
+  // `units` code units, 2 * units bytes. The text ends at the first zero unit or at the end of the field.
   void Text16(CString& field, std::size_t units) {
     if (const std::byte* at = Take(2 * units)) LoadText16(field, at, units);
   }
-  // `bytes` 8-bit characters, each of which becomes the character of the same value; the same end. How many of them a
-  // writer fills (`most`) does not matter to a reader.
+  // `bytes` 8-bit characters; each becomes the character of the same value. The text ends at the first zero or at the
+  // end of the field. `most`, the characters that a writer fills, does not matter here.
   void Text8(CString& field, std::size_t bytes, std::size_t /*most*/ = 0) {
     const std::byte* const at = Take(bytes);
     if (at == nullptr) return;
@@ -121,7 +120,7 @@ class BasicFieldReader {
   void Raw(std::span<std::uint8_t> field) noexcept {
     if (const std::byte* at = Take(field.size())) std::memcpy(field.data(), at, field.size());
   }
-  // Bytes that mean nothing.
+  // Bytes without a meaning.
   void Skip(std::size_t bytes) noexcept { (void)Take(bytes); }
 
   std::size_t Offset() const noexcept { return m_offset; }
@@ -136,7 +135,7 @@ class BasicFieldReader {
       }
     }
     const std::byte* const at = m_bytes.data() + m_offset;
-    if (at == nullptr) __builtin_unreachable();  // spares the test of each field
+    if (at == nullptr) __builtin_unreachable();  // saves a test for each field
     m_offset += width;
     return at;
   }
@@ -148,8 +147,8 @@ class BasicFieldReader {
 using FieldReader = BasicFieldReader<true>;
 using UncheckedFieldReader = BasicFieldReader<false>;
 
-// Writes into a buffer that is as long as the body and all zero, so that every text and every skipped byte ends up
-// zero-filled. Texts are cut to one unit less than their field, which keeps a closing zero, and end at a zero inside.
+// Writes fields into a zeroed buffer of the body's length, so that the rest of a text and skipped bytes are zero. A
+// text is cut to one unit less than its field, which keeps a terminating zero, and ends at a zero inside.
 class FieldWriter {
  public:
   explicit FieldWriter(std::byte* zeroed) noexcept : m_at(zeroed) {}
@@ -179,7 +178,7 @@ class FieldWriter {
     StoreUnits(m_at, text, length);
     m_at += 2 * units;
   }
-  // A character above U+00FF ends the text. Where a field keeps more than one spare byte, `most` limits the characters.
+  // A character above U+00FF ends the text. `most` limits the characters where a field keeps more than one spare byte.
   void Text8(const CString& field, std::size_t bytes) noexcept { Text8(field, bytes, bytes - 1); }
   void Text8(const CString& field, std::size_t bytes, std::size_t most) noexcept {
     const char16_t* const text = field.GetString();
@@ -198,7 +197,7 @@ class FieldWriter {
   std::byte* m_at;
 };
 
-// Adds up the widths.
+// Adds up the widths of the fields, in bytes.
 class FieldCounter {
  public:
   template <class T>
@@ -234,8 +233,9 @@ class FieldCounter {
   std::size_t m_length = 0;
 };
 
-// Tells whether bytes can be a body that a writer made: texts that end inside their fields, with zeros after the end,
-// finite numbers, and of few values one of these. Takes no value out. Borrows the bytes, which are as long as the body.
+// Checks whether bytes can be a body that a writer made: texts end inside their fields with zeros after the end,
+// numbers are finite, and a field of few values has one of them. Stores no value. Borrows the bytes, which must have
+// the body's length.
 class FieldChecker {
  public:
   explicit FieldChecker(std::span<const std::byte> body) noexcept : m_at(body.data()) {}

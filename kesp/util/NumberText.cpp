@@ -28,7 +28,7 @@ double NumberFromText(std::u16string_view text) {
   number.erase(0, number.find_first_not_of(" \t\n\v\f\r"));
   const bool negative = !number.empty() && number.front() == '-';
   if (negative || (!number.empty() && number.front() == '+')) number.erase(0, 1);
-  // Words for infinity and NaN, and a second sign, are no decimal text.
+  // "inf", "nan" and a second sign are not numbers here.
   if (number.empty() || (number.front() != '.' && (number.front() < '0' || number.front() > '9'))) return 0;
 
   double value = 0;
@@ -36,7 +36,7 @@ double NumberFromText(std::u16string_view text) {
   const auto result = std::from_chars(number.data(), end, value);
   if (result.ec == std::errc::result_out_of_range) {
     const std::string_view taken(number.data(), static_cast<std::size_t>(result.ptr - number.data()));
-    value = taken.find('-') != std::string_view::npos ? 0 : HUGE_VAL;  // by the sign of the exponent
+    value = taken.find('-') != std::string_view::npos ? 0 : HUGE_VAL;  // too small or too large, by the exponent's sign
   }
   return negative ? -value : value;
 }

@@ -104,7 +104,7 @@ void StringToChar16(char16_t* destination, const char16_t* source, unsigned int 
 void StringToChar16(char16_t* destination, const wchar_t* source, unsigned int length) {
   const CString units(source);
   ToSameWidth(destination, units.GetString(), length);
-  // A character is never cut in half.
+  // Don't keep half of a surrogate pair.
   const bool cut = units.Size() > length && length != 0;
   if (cut && (units.GetString()[length - 1] & 0xFC00) == 0xD800 && (units.GetString()[length] & 0xFC00) == 0xDC00) {
     destination[length - 1] = 0;
@@ -154,7 +154,7 @@ CString GetDateString(double date) {
   int month = -1;
   int day = -1;
   int year = -1;
-  // Written so that a NaN fails it. A negative date's last day begins a whole day before its number.
+  // A NaN fails this test. The last day of the negative dates begins a whole day before its number.
   if (date > kFirstDay - 1 && date < kLastDay + 1) {
     double days = std::trunc(date);
     const double fraction = std::fabs(date - days);
