@@ -35,31 +35,31 @@ void Report(const CopyOptions& options, const Copied& copied, Output& out) {
 
 ExitStatus Copy(const CopyOptions& options, Output& out) {
   const SteadyFile steady(options.source);
-  if (steady.IsWritten()) return kExitTrouble;
   CKespDataFile source;
   if (const auto refused = OpenForReading(source, options.source)) {
     return Refuse(*refused, options.source, options.json, out);
   }
+  Copied copied;
+  RecordWalk walk(source, DeletedRecords::kPassOver);
+  for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
+    if (step == RecordWalk::Step::kRecord) ++copied.records;
+  }
+  copied.verdict = walk.End();
+  const auto fail = [&](const std::string& path, const std::string& why) {
+    return Fail(copied.verdict, options.source, path, why, options.json, out);
+  };
+  if (steady.IsWritten()) return fail(options.source, kIsWritten);
   NewFile copy(source, options.destination, options.force ? Existing::kReplace : Existing::kRefuse);
-  if (!copy.IsReady()) return kExitTrouble;
+  if (!copy.IsReady()) return fail({}, copy.Why());
   bool good = false;
   {
     // cppcheck-suppress unreadVariable
     const Growth growth(copy, source.m_file.KnownLength());
     good = source.Copy(copy.Path());
   }
-  if (!good) {
-    Complain(options.destination, WhyNotWritten(source));
-    return kExitTrouble;
-  }
-  Copied copied;
+  if (!good) return fail(options.destination, WhyNotWritten(source));
   copied.bytes = copy.Size();
-  RecordWalk walk(source, DeletedRecords::kPassOver);
-  for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
-    if (step == RecordWalk::Step::kRecord) ++copied.records;
-  }
-  copied.verdict = walk.End();
-  if (!copy.Keep()) return kExitTrouble;
+  if (!copy.Keep()) return fail({}, copy.Why());
   Report(options, copied, out);
   if (copied.verdict.IsWhole()) return kExitWhole;
   Complain(options.source, copied.verdict.Describe() + "; so is the copy");

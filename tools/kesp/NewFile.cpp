@@ -64,9 +64,7 @@ mode_t ModeOfNewFiles() {
 
 SteadyFile::SteadyFile(const std::string& path)
     : m_descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)),
-      m_isWritten(m_descriptor >= 0 && ::flock(m_descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
-  if (m_isWritten) Complain(path, "is open for writing elsewhere");
-}
+      m_isWritten(m_descriptor >= 0 && ::flock(m_descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) {}
 
 SteadyFile::~SteadyFile() {
   if (m_descriptor >= 0) ::close(m_descriptor);
@@ -84,7 +82,7 @@ NewFile::NewFile(const CKespDataFile& source, const std::string& destination, Ex
   if (fs::is_symlink(m_place, failure)) {
     m_place = fs::weakly_canonical(m_place, failure).string();
     if (failure) {
-      Complain(m_given, failure.message());
+      Fail(failure.message());
       return;
     }
   }
@@ -95,7 +93,7 @@ NewFile::NewFile(const CKespDataFile& source, const std::string& destination, Ex
   std::string made = (place.parent_path() / name).string();
   const int fd = ::mkstemp(made.data());
   if (fd < 0) {
-    Complain(m_given, Reason(errno));
+    Fail(Reason(errno));
     return;
   }
   TakeAwayWhenEnded(made);
@@ -110,27 +108,31 @@ bool NewFile::Check(const CKespDataFile& source) {
   struct stat info {};
   if (::stat(m_place.c_str(), &info) != 0) {
     if (errno == ENOENT) return true;
-    Complain(m_given, Reason(errno));
+    Fail(Reason(errno));
     return false;
   }
   if (!S_ISREG(info.st_mode)) {
-    Complain(m_given, S_ISDIR(info.st_mode) ? "is a directory" : "is no regular file");
+    Fail(S_ISDIR(info.st_mode) ? "is a directory" : "is no regular file");
     return false;
   }
   const CString path = CString::FromPathBytes(m_place);
   if (source.m_file.IsSameFile(path)) {
-    Complain(m_given, "is the source itself");
+    Fail("is the source itself");
     return false;
   }
   if (m_existing == Existing::kRefuse) {
-    Complain(m_given, kExists);
+    Fail(kExists);
     return false;
   }
   CFileException failure(CFileException::none, path);
   if (m_replaced.Open(path, CFile::modeReadWrite | CFile::shareDenyWrite, &failure)) return true;
-  Complain(m_given, failure.m_cause == CFileException::sharingViolation ? "is open for writing elsewhere"
-                                                                        : Reason(failure.m_lOsError));
+  Fail(failure.m_cause == CFileException::sharingViolation ? kIsWritten : Reason(failure.m_lOsError));
   return false;
+}
+
+void NewFile::Fail(const std::string& why) {
+  m_why = why;
+  Complain(m_given, why);
 }
 
 NewFile::~NewFile() {
@@ -145,7 +147,7 @@ std::uint64_t NewFile::Size() const {
 bool NewFile::PutOut() {
   const int fd = ::open(m_made.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    Complain(m_given, Reason(errno));
+    Fail(Reason(errno));
     return false;
   }
   Output out(STDOUT_FILENO);
@@ -157,7 +159,7 @@ bool NewFile::PutOut() {
   const int failure = count < 0 ? errno : 0;
   ::close(fd);
   out.Flush();
-  if (failure != 0) Complain(m_given, Reason(failure));
+  if (failure != 0) Fail(Reason(failure));
   return failure == 0;
 }
 
@@ -175,7 +177,7 @@ bool NewFile::Keep() {
     }
   }
   if (result != 0) {
-    Complain(m_given, errno == EEXIST ? kExists : Reason(errno));
+    Fail(errno == EEXIST ? kExists : Reason(errno));
     return false;
   }
   m_made.clear();

@@ -29,13 +29,15 @@ class SteadyFile {
   SteadyFile(const SteadyFile&) = delete;
   SteadyFile& operator=(const SteadyFile&) = delete;
 
-  // Whether somebody had it open for writing before; complained about.
+  // Whether somebody had it open for writing before.
   bool IsWritten() const noexcept { return m_isWritten; }
 
  private:
   int m_descriptor;
   bool m_isWritten;
 };
+
+constexpr const char* kIsWritten = "is open for writing elsewhere";
 
 enum class Existing { kRefuse, kReplace };
 
@@ -47,6 +49,7 @@ class NewFile {
   NewFile& operator=(const NewFile&) = delete;
 
   bool IsReady() const noexcept { return !m_made.empty(); }
+  const std::string& Why() const noexcept { return m_why; }  // it failed; complained about already
   // Where to make it; exists, and is empty.
   CString Path() const { return CString::FromPathBytes(m_made); }
   std::uint64_t Size() const;
@@ -57,10 +60,12 @@ class NewFile {
  private:
   bool Check(const CKespDataFile& source);
   bool PutOut();
+  void Fail(const std::string& why);
 
   std::string m_given;  // as the person spelled it
   std::string m_place;  // with symbolic links followed
   std::string m_made;
+  std::string m_why;
   Existing m_existing;
   CFile m_replaced;  // held until its name is taken
 };

@@ -70,6 +70,17 @@ ExitStatus Refuse(const Verdict& verdict, const std::string& path, bool json, Ou
   return verdict.Status();
 }
 
+ExitStatus Fail(const Verdict& verdict, const std::string& source, const std::string& path, const std::string& why,
+                bool json, Output& out) {
+  if (json) {
+    JsonWriter writer(out);
+    WriteFailureLine(writer, CString::FromPathBytes(source), verdict, why);
+    out.Flush();
+  }
+  if (!path.empty()) Complain(path, why);
+  return kExitTrouble;
+}
+
 CKespFile& DatasetOfThisRun() {
   static auto* const dataset = new CKespFile;
   return *dataset;

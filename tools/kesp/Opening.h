@@ -25,6 +25,10 @@ std::optional<Verdict> OpenForWriting(CKespFile& file, const std::string& path);
 // Says that nothing can be done: a complaint with advice, with `json` also a document. Returns the exit status.
 ExitStatus Refuse(const Verdict& verdict, const std::string& path, bool json, Output& out);
 
+// Says the same of a file that was judged, when something else fails. With an empty `path` the complaint was made.
+ExitStatus Fail(const Verdict& verdict, const std::string& source, const std::string& path, const std::string& why,
+                bool json, Output& out);
+
 // For a command that reads one file and ends: a data set that is never taken apart, which would take half as long as
 // reading it. Its memory goes back to the system all at once.
 CKespFile& DatasetOfThisRun();

@@ -109,6 +109,15 @@ void WriteJson(Output& out, const RepairOptions& options, const CKespDataFile& s
   json.EndLine();
 }
 
+void Report(const RepairOptions& options, const CKespDataFile& source, const Rebuilt& rebuilt, Output& out) {
+  if (options.json) {
+    WriteJson(out, options, source, rebuilt);
+  } else if (!options.quiet) {
+    WriteText(out, source, rebuilt);
+  }
+  out.Flush();
+}
+
 Verdict VerdictOf(CKespDataFile& file) {
   RecordWalk walk(file, DeletedRecords::kPassOver);
   while (walk.Next() != RecordWalk::Step::kEnd) continue;
@@ -152,43 +161,36 @@ unsigned short VersionOf(const NewFile& copy) {
   return file.OpenReadOnly(copy.Path()) ? file.m_version : 0;
 }
 
-ExitStatus Fail(const std::string& path, const std::string& what) {
-  Complain(path, what);
-  return kExitTrouble;
-}
-
 }  // namespace
 
 ExitStatus Repair(const RepairOptions& options, Output& out) {
   const SteadyFile steady(options.source);
-  if (steady.IsWritten()) return kExitTrouble;
   CKespDataFile source;
   Rebuilt rebuilt;
   rebuilt.source = OpenSource(source, options);
   if (!source.m_file.IsOpen()) return Refuse(rebuilt.source, options.source, options.json, out);
+  const auto fail = [&](const std::string& path, const std::string& why) {
+    return Fail(rebuilt.source, options.source, path, why, options.json, out);
+  };
+  if (steady.IsWritten()) return fail(options.source, kIsWritten);
   rebuilt.sourceSize = source.m_file.KnownLength();
   NewFile copy(source, options.destination, options.force ? Existing::kReplace : Existing::kRefuse);
-  if (!copy.IsReady()) return kExitTrouble;
-  if (!Make(source, copy, options, rebuilt.report)) return Fail(options.destination, WhyNotWritten(source));
+  if (!copy.IsReady()) return fail({}, copy.Why());
+  if (!Make(source, copy, options, rebuilt.report)) return fail(options.destination, WhyNotWritten(source));
   if (rebuilt.source.cause == Verdict::Cause::kNotOpened && rebuilt.report.kept == 0) {
-    return Fail(options.source, rebuilt.source.Describe() + ", and no record comes after it");
+    return fail(options.source, rebuilt.source.Describe() + ", and no record comes after it");
   }
-  if (!Holds(copy, rebuilt.report.kept)) return Fail(options.destination, "the copy does not read back");
+  if (!Holds(copy, rebuilt.report.kept)) return fail(options.destination, "the copy does not read back");
   if (const std::uint64_t lost = RecordsLost(rebuilt.report.loss); lost != 0 && !options.lossy) {
-    TellLoss(out, rebuilt.report.loss);
+    if (!options.json) TellLoss(out, rebuilt.report.loss);
     out.Flush();
-    return Fail(options.destination, "file version " + std::to_string(options.format) + " can't hold all of " +
+    return fail(options.destination, "file version " + std::to_string(options.format) + " can't hold all of " +
                                          Counted(lost, "record") + "; nothing is written without --lossy");
   }
   rebuilt.size = copy.Size();
   rebuilt.format = VersionOf(copy);
-  if (!copy.Keep()) return kExitTrouble;
-  if (options.json) {
-    WriteJson(out, options, source, rebuilt);
-  } else if (!options.quiet) {
-    WriteText(out, source, rebuilt);
-  }
-  out.Flush();
+  if (!copy.Keep()) return fail({}, copy.Why());
+  Report(options, source, rebuilt, out);
   if (rebuilt.source.IsWhole()) return kExitWhole;
   Complain(options.source, rebuilt.source.Describe());
   return kExitDamaged;

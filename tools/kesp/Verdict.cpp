@@ -95,7 +95,9 @@ std::string Verdict::Advice() const {
   }
 }
 
-void WriteVerdict(JsonWriter& json, const CString& path, const Verdict& verdict) {
+namespace {
+
+void WriteMembers(JsonWriter& json, const CString& path, const Verdict& verdict, const std::string& error) {
   json.Key("path").Text(path.View());
   json.Key("whole").Bool(verdict.IsWhole());
   json.Key("end").BeginObject();
@@ -112,16 +114,29 @@ void WriteVerdict(JsonWriter& json, const CString& path, const Verdict& verdict)
     json.Null();
   }
   json.Key("error");
-  if (verdict.Status() == kExitTrouble) {
-    json.Text(CString(verdict.Describe()).View());
-  } else {
+  if (error.empty()) {
     json.Null();
+  } else {
+    json.Text(CString(error).View());
   }
+}
+
+}  // namespace
+
+void WriteVerdict(JsonWriter& json, const CString& path, const Verdict& verdict) {
+  WriteMembers(json, path, verdict, verdict.Status() == kExitTrouble ? verdict.Describe() : std::string());
 }
 
 void WriteVerdictLine(JsonWriter& json, const CString& path, const Verdict& verdict) {
   json.BeginObject();
   WriteVerdict(json, path, verdict);
+  json.EndObject();
+  json.EndLine();
+}
+
+void WriteFailureLine(JsonWriter& json, const CString& path, const Verdict& verdict, const std::string& error) {
+  json.BeginObject();
+  WriteMembers(json, path, verdict, error);
   json.EndObject();
   json.EndLine();
 }

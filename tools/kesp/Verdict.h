@@ -53,5 +53,7 @@ struct Verdict {
 void WriteVerdict(JsonWriter& json, const CString& path, const Verdict& verdict);
 // A whole document, for a file that nothing else can be said of.
 void WriteVerdictLine(JsonWriter& json, const CString& path, const Verdict& verdict);
+// The same when the file was judged and something else then failed; `error` says what.
+void WriteFailureLine(JsonWriter& json, const CString& path, const Verdict& verdict, const std::string& error);
 
 }  // namespace kesp::tool
