@@ -2,13 +2,13 @@
 
 check_json.py KESP SCHEMA FOLDER [SAMPLES]
 
-Makes surveys in FOLDER, whole and damaged ones, from the one in FOLDER/survey.kesp; those of SAMPLES are read where
-they are. Every sub-command is run on every file, on none, and on what is no data file.
+Makes surveys in FOLDER, whole and damaged ones, or takes those of SAMPLES. Every sub-command that only reads is run on
+every file, on none, and on what is no data file.
 """
 
 import json
 import pathlib
-import shutil
+import struct
 import subprocess
 import sys
 
@@ -58,11 +58,37 @@ class Checker:
         print(" ".join(map(str, arguments)), what[:400], sep="\n  ")
 
 
+def record(kind, version, body, flags=0):
+    return struct.pack("<IHII", kind, version, flags, len(body)) + body
+
+
+def text(value, units):
+    return value.encode("utf-16-le", "surrogatepass").ljust(2 * units, b"\0")
+
+
+def survey():
+    records = [record(3, 2, bytes(4086))]
+    for number, name in ((1, "Oak \ud83c"), (2, "Path")):
+        records.append(record(1, 3, struct.pack("<I", number) + text(name, 256) + struct.pack("<HIH", number, 9, 34)))
+        records.append(record(5, 3, struct.pack("<I", number) + text("Height", 256) + struct.pack("<H", number)
+                              + bytes(1024) + struct.pack("<d", float("nan")) + bytes(162)))
+        records.append(record(2, 2, struct.pack("<II", number, number) + text("A", 21) + struct.pack("<i", -number)
+                              + struct.pack("<ddd", 1.5, 2, 3) + bytes(30), flags=number - 1))
+        records.append(record(4, 1, struct.pack("<I", number)))
+    records.append(record(6, 2, text("a note", 256)))
+    sizes = [3, 4, 8, 8, 24, 32, 4, 16, 4, 20, 24, 24, 16, 8]
+    for kind, size in enumerate(sizes):
+        block = struct.pack("<I", 4) + text("n", 2) + struct.pack("<I", size) + bytes(size)
+        records.append(record(9, 2, struct.pack("<II", kind, len(block)) + block))
+    return b"Corvanthe Survey Devices -- Kesp Data File" + struct.pack("<HIH", 3, 2, 0) + b"".join(records)
+
+
 def make_files(folder):
-    whole = (folder / "survey.kesp").read_bytes()
-    variants = {"empty": whole[:50], "cut": whole[: len(whole) - 7], "headless": whole[:50] + whole[4150:],
-                "foreign": b"something else", "nothing": b"", "tail": whole + bytes(30)}
-    for step in range(60, len(whole), max(1, len(whole) // 25)):
+    whole = survey()
+    variants = {"whole": whole, "empty": whole[:50], "cut": whole[: len(whole) - 7],
+                "headless": whole[:50] + whole[4150:], "foreign": b"something else", "nothing": b"",
+                "tail": whole + bytes(30)}
+    for step in range(40, len(whole), max(1, len(whole) // 25)):
         changed = bytearray(whole)
         changed[step] ^= 0xFF
         variants[f"changed{step}"] = bytes(changed)
@@ -73,10 +99,9 @@ def make_files(folder):
 
 def main(tool, schema, folder, samples=None):
     folder = pathlib.Path(folder)
+    folder.mkdir(parents=True, exist_ok=True)
     checker = Checker(tool, schema)
-    files = make_files(folder)
-    if samples and pathlib.Path(samples).is_dir():
-        files += sorted(pathlib.Path(samples).rglob("*.kesp"))
+    files = sorted(pathlib.Path(samples).rglob("*.kesp")) if samples else make_files(folder)
     for definition, commands in READING.items():
         for command in commands:
             for file in files:
