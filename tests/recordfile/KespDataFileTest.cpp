@@ -39,10 +39,13 @@ TEST_F(KespDataFile, OpensWhatHasAWholeHeader) {
     file.Close();
     WriteFile(path, row.bytes);
     const bool opened = file.Open(Text(path));
-    EXPECT_TRUE(opened == (row.error == KESP_ERROR_NONE) && opened == file.IsOpen() && file.GetError() == row.error);
+    EXPECT_EQ(file.GetError(), row.error);
+    EXPECT_EQ(std::tuple(opened, file.IsOpen()),
+              std::tuple(row.error == KESP_ERROR_NONE, row.error == KESP_ERROR_NONE));
     EXPECT_EQ(ReadFile(path), row.bytes);
     if (!opened) continue;
-    EXPECT_TRUE(file.m_version == row.bytes[42] && file.GetPosition() == 50 && file.SeekToFirstRecord());
+    EXPECT_EQ(std::tuple(file.m_version, file.GetPosition()), std::tuple(row.bytes[42], 50));
+    EXPECT_TRUE(file.SeekToFirstRecord());
     EXPECT_EQ(file.GetPosition(), row.firstRecord);
   }
 }
@@ -50,26 +53,27 @@ TEST_F(KespDataFile, OpensWhatHasAWholeHeader) {
 TEST_F(KespDataFile, CreatesFiftyBytesAndSaysWhyAPathCantBeOpened) {
   const wchar_t* const null = nullptr;
   for (const auto& bad : {path, dir / "."}) {
-    EXPECT_FALSE(file.Open(Text(bad)) || file.OpenReadOnly(Text(bad)) || std::filesystem::exists(path));
+    EXPECT_FALSE(file.Open(Text(bad)) || file.OpenReadOnly(Text(bad))) << bad;
     EXPECT_EQ(file.GetErrorString(), CString("Cannot Open File"));
   }
+  EXPECT_FALSE(std::filesystem::exists(path));
   file.m_error = KESP_ERROR_BAD_RECORD;
   EXPECT_FALSE(file.Open(null) || file.OpenReadOnly(null) || file.Create(null) || file.Create(Text(dir / "no" / "no")));
   EXPECT_EQ(file.GetLength() & file.GetPosition(), 0xFFFFFFFFu);
   EXPECT_FALSE(file.Seek(0) || file.SeekToFirstRecord() || file.Flush() || Changes());
   EXPECT_EQ(file.GetError(), KESP_ERROR_BAD_RECORD);
-  EXPECT_TRUE(file.ReadNextRecord(true) == nullptr && file.GetError() == KESP_ERROR_NONE);
+  EXPECT_EQ(file.ReadNextRecord(true), nullptr);
+  EXPECT_EQ(file.GetError(), KESP_ERROR_NONE);
 
   WriteFile(path, ByteVector(1000, 0xEE));
   file.m_version = 2;
   file.m_headerWord = 0x1234;
   ASSERT_TRUE(file.Create(Text(path)));
-  EXPECT_TRUE(file.GetPosition() == 50 && file.m_firstRecordOffset == 50);
+  EXPECT_EQ(std::tuple(file.GetPosition(), file.m_firstRecordOffset), std::tuple(50, 50));
   EXPECT_EQ(ReadFile(path), Hex("'Corvanthe Survey Devices -- Kesp Data File' 02 00 02 00 00 00 34 12"));
-  // An open object keeps its file.
-  EXPECT_FALSE(file.Create(Text(dir / "other")) || file.Open(Text(path)));
+  EXPECT_FALSE(file.Create(Text(dir / "other")) || file.Open(Text(path))) << "an open object keeps its file";
   EXPECT_EQ(file.GetError(), KESP_ERROR_OPEN);
-  EXPECT_TRUE(file.IsOpen() && !std::filesystem::exists(dir / "other"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "other"));
   file.m_headerWord = 0;
   ASSERT_TRUE(file.Close() && file.Open(Text(path)));
   EXPECT_EQ(file.m_headerWord, 0x1234);
