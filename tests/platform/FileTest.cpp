@@ -53,12 +53,19 @@ int StatusOfChild(Run run) {
   return status;
 }
 
+class File : public testing::Test {
+ protected:
+  void RunBesideAModel(unsigned seed, int steps, bool readsAhead);
+  const TempDir dir;
+  const std::filesystem::path path = dir / "file";
+  const CString name = Text(path);
+};
+
 // Thousands of operations, each also made on an array of bytes. Positions are drawn around the edges of the read buffer
 // (1 MiB) as well as near each other, so that writes fall inside it, at its end, after and before it, and into what is
 // read ahead.
-void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
-  TempDir dir;
-  CFile file(Text(dir / "file"), kCreator);
+void File::RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
+  CFile file(name, kCreator);
   ByteVector model;
   std::size_t position = 0;
   std::mt19937 random(seed);
@@ -129,22 +136,21 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
     ASSERT_TRUE(below(50) != 0 || file.GetLength() == model.size());
   }
   file.Close();
-  EXPECT_TRUE(ReadFile(dir / "file") == model);
+  EXPECT_TRUE(ReadFile(path) == model);
 }
-TEST(File, ReadsWhatItWroteWhereverThatFallsInTheBuffer) {
+TEST_F(File, ReadsWhatItWroteWhereverThatFallsInTheBuffer) {
   RunBesideAModel(1, 2500, false);
   RunBesideAModel(3, 2500, true);
   FaultySystem halves(1, Fault::Short, true);  // of what was asked
   RunBesideAModel(2, 1000, false);
 }
 
-TEST(File, AFailureOfReadingAheadIsLeftToTheReadThere) {
+TEST_F(File, AFailureOfReadingAheadIsLeftToTheReadThere) {
   constexpr std::int64_t kPlace = 5'000'000, kSize = 9'000'001;
-  TempDir dir;
-  WriteFile(dir / "file", ByteVector(kSize));
+  WriteFile(path, ByteVector(kSize));
   for (const int times : {1, 1'000'000}) {
     const BadSpot bad(kPlace, times);
-    CFile file(Text(dir / "file"), kReader);
+    CFile file(name, kReader);
     file.ReadAhead();
     std::int64_t got = 0;
     const auto readAll = [&] {
@@ -156,11 +162,10 @@ TEST(File, AFailureOfReadingAheadIsLeftToTheReadThere) {
   }
 }
 
-TEST(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
+TEST_F(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
   static std::atomic<int> taken = 0;
-  TempDir dir;
-  WriteFile(dir / "file", ByteVector(9'000'001));
-  CFile file(Text(dir / "file"), kReader);
+  WriteFile(path, ByteVector(9'000'001));
+  CFile file(name, kReader);
   file.ReadAhead();
   (void)file.ReadView(1);
   const auto before = std::signal(SIGUSR1, [](int) { ++taken; });
@@ -176,12 +181,11 @@ TEST(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
   (void)std::signal(SIGUSR1, before);
 }
 
-TEST(File, AChildThatIsForkedReadsOnForItself) {
+TEST_F(File, AChildThatIsForkedReadsOnForItself) {
   constexpr std::size_t kSize = 9'000'001;
-  TempDir dir;
-  WriteFile(dir / "file", ByteVector(kSize));
+  WriteFile(path, ByteVector(kSize));
   for (std::size_t times = 0; times < 30; ++times) {
-    CFile file(Text(dir / "file"), kReader);
+    CFile file(name, kReader);
     file.ReadAhead();
     std::size_t got = 0;
     const auto readTo = [&](std::size_t end) {
@@ -197,11 +201,10 @@ TEST(File, AChildThatIsForkedReadsOnForItself) {
   }
 }
 
-TEST(File, ReadsAheadFarIntoALongFile) {
+TEST_F(File, ReadsAheadFarIntoALongFile) {
   constexpr std::uint32_t kMarks = 100, kStep = 1 << 20;
   constexpr std::int64_t kFrom = std::int64_t{5} << 30;  // beyond 32 bits, after a hole
-  TempDir dir;
-  CFile file(Text(dir / "file"), kCreator);
+  CFile file(name, kCreator);
   for (std::uint32_t i = 0; i < kMarks; ++i) file.Seek(kFrom + i * kStep, CFile::begin), file.Write(&i, sizeof i);
   file.Seek(kFrom, CFile::begin);
   (void)file.ReadView(1);
@@ -215,22 +218,19 @@ TEST(File, ReadsAheadFarIntoALongFile) {
   }
 }
 
-TEST(File, FindsWhatAnotherWriterAppended) {
-  TempDir dir;
-  WriteFile(dir / "file", ByteVector(1000, 7));
-  CFile file(Text(dir / "file"), kReader);
+TEST_F(File, FindsWhatAnotherWriterAppended) {
+  WriteFile(path, ByteVector(1000, 7));
+  CFile file(name, kReader);
   EXPECT_THROW((void)file.ReadView(CFile::kMaxView + 1), CInvalidArgException);
   EXPECT_EQ(file.ReadView(2000).size(), 1000u);
   EXPECT_FALSE(file.ReachesTo(1001));
-  WriteFile(dir / "file", ByteVector(1000, 7) + Hex("'and new'"));
+  WriteFile(path, ByteVector(1000, 7) + Hex("'and new'"));
   EXPECT_TRUE(file.ReachesTo(1007));
   EXPECT_EQ(ReadText(file, 10), "and new");
 }
 
-TEST(File, WhoDeniesWritingKeepsWritersOutAndReadersIn) {
+TEST_F(File, WhoDeniesWritingKeepsWritersOutAndReadersIn) {
   constexpr unsigned kFree = CFile::modeReadWrite | CFile::shareDenyNone, kDenier = kReader | CFile::shareDenyWrite;
-  TempDir dir;
-  const auto path = Text(dir / "file");
   // clang-format off
   const std::tuple<unsigned, unsigned, bool> kCases[] = {
       {kWriter, kCreator, false}, {kWriter, kFree, false}, {kWriter, kReader, true}, {kReader, kWriter, true},
@@ -239,36 +239,34 @@ TEST(File, WhoDeniesWritingKeepsWritersOutAndReadersIn) {
   // clang-format on
   for (const auto& [first, then, admitted] : kCases) {
     SCOPED_TRACE(testing::Message() << std::hex << first << ' ' << then);
-    WriteFile(dir / "file", Hex("'bytes'"));
-    CFile holder(path, first), second;
-    CFileException error(CFileException::none, path);
-    EXPECT_EQ(second.Open(path, then, &error), admitted);
+    WriteFile(path, Hex("'bytes'"));
+    CFile holder(name, first), second;
+    CFileException error(CFileException::none, name);
+    EXPECT_EQ(second.Open(name, then, &error), admitted);
     EXPECT_EQ(error.m_cause, admitted ? CFileException::none : CFileException::sharingViolation);
     EXPECT_EQ(ReadText(holder, 5), "bytes");
     holder.Close();
-    EXPECT_TRUE(second.Open(path, then, &error)) << "the lock ends with Close";
+    EXPECT_TRUE(second.Open(name, then, &error)) << "the lock ends with Close";
   }
 }
 
-TEST(File, TheLockIsTheProcessesThatTookIt) {
-  TempDir dir;
-  const auto path = Text(dir / "file");
-  CFile file(path, kCreator);
+TEST_F(File, TheLockIsTheProcessesThatTookIt) {
+  CFile file(name, kCreator);
   const auto closes = [&] {
     file.Close();
-    return !CFile().Open(path, kWriter);
+    return !CFile().Open(name, kWriter);
   };
   EXPECT_EQ(StatusOfChild(closes), 0);
-  EXPECT_FALSE(CFile().Open(path, kWriter));
+  EXPECT_FALSE(CFile().Open(name, kWriter));
   const pid_t holder = ::fork();  // as between fork and exec: it has the descriptor
-  if (holder == 0) ::pause();
+  if (holder == 0) ::alarm(20), ::pause(), ::_exit(0);
   file.Close();
-  EXPECT_TRUE(CFile().Open(path, kWriter));
+  EXPECT_TRUE(CFile().Open(name, kWriter));
   ::kill(holder, SIGKILL);
   EXPECT_EQ(::waitpid(holder, nullptr, 0), holder);
 }
 
-TEST(File, NeedsNoLockWhereTheFileSystemHasNone) {
+TEST_F(File, NeedsNoLockWhereTheFileSystemHasNone) {
   struct NoLocks : IdleDisk {
     explicit NoLocks(int error) : reason(error) {}
     int Lock(int, int) override { return errno = reason, -1; }
@@ -277,11 +275,11 @@ TEST(File, NeedsNoLockWhereTheFileSystemHasNone) {
   TempDir dir;
   for (const auto& [reason, opens] : {std::pair{ENOLCK, true}, {EOPNOTSUPP, true}, {EACCES, false}}) {
     const NoLocks none(reason);
-    EXPECT_EQ(CFile().Open(Text(dir / "file"), kCreator), opens) << reason;
+    EXPECT_EQ(CFile().Open(name, kCreator), opens) << reason;
   }
 }
 
-TEST(File, SyncsTheDirectoryThatItIsIn) {
+TEST_F(File, SyncsTheDirectoryThatItIsIn) {
   struct Directories : IdleDisk {
     int Open(const char* path, int flags, unsigned mode) override {
       if ((flags & O_DIRECTORY) != 0) opened.push_back(std::filesystem::canonical(path));
@@ -302,21 +300,20 @@ TEST(File, SyncsTheDirectoryThatItIsIn) {
   EXPECT_EQ(directories.opened, (std::vector{target, target}));
 }
 
-TEST(File, TellsWhyAnOperationFailed) {
-  TempDir dir;
+TEST_F(File, TellsWhyAnOperationFailed) {
   ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
-  WriteFile(dir / "file", Hex("'0123456789'"));
+  WriteFile(path, Hex("'0123456789'"));
   CFile file;
-  for (const auto& [name, cause] : {std::pair{std::string("pipe"), CFileException::invalidFile},
-                                    {".", CFileException::invalidFile},
-                                    {"file/x", CFileException::badPath},
-                                    {"none", CFileException::fileNotFound},
-                                    {std::string(300, 'x'), CFileException::badPath}}) {
+  for (const auto& [bad, cause] : {std::pair{std::string("pipe"), CFileException::invalidFile},
+                                   {".", CFileException::invalidFile},
+                                   {"file/x", CFileException::badPath},
+                                   {"none", CFileException::fileNotFound},
+                                   {std::string(300, 'x'), CFileException::badPath}}) {
     CFileException error(CFileException::none, {});
-    EXPECT_FALSE(file.Open(Text(dir / name), kWriter)) << name;
-    EXPECT_FALSE(file.Open(Text(dir / name), kReader, &error)) << name;
-    EXPECT_EQ(error.m_cause, cause) << name;
-    EXPECT_NE(error.GetErrorMessage().Find(Text(dir / name)), -1) << error.what();
+    EXPECT_FALSE(file.Open(Text(dir / bad), kWriter)) << bad;
+    EXPECT_FALSE(file.Open(Text(dir / bad), kReader, &error)) << bad;
+    EXPECT_EQ(error.m_cause, cause) << bad;
+    EXPECT_NE(error.GetErrorMessage().Find(Text(dir / bad)), -1) << error.what();
   }
   const std::function<void()> kOnAClosedFile[] = {[&] { (void)ReadText(file, 1); }, [&] { (void)file.ReadView(1); },
                                                   [&] { file.Write("a", 1); },      [&] { file.SetLength(1); },
@@ -324,7 +321,7 @@ TEST(File, TellsWhyAnOperationFailed) {
   for (const auto& run : kOnAClosedFile) EXPECT_EQ(CauseOf(run), CFileException::invalidFile) << &run - kOnAClosedFile;
   EXPECT_EQ(CauseOf([&] { CFile::Remove(Text(dir / "none")); }), CFileException::fileNotFound);
 
-  ASSERT_TRUE(file.Open(Text(dir / "file"), kWriter));
+  ASSERT_TRUE(file.Open(name, kWriter));
   const auto write = [&file] { file.Write("ab", 2); };
   const auto failing = [&file](Fault fault, auto run) {
     file.SeekToBegin();
@@ -346,18 +343,17 @@ TEST(File, TellsWhyAnOperationFailed) {
   EXPECT_EQ(ReadText(file, 3), "a12") << "what this object reads is what the file holds";
   EXPECT_EQ(failing(Fault::Error, [&] { file.Close(); }), CFileException::hardIO);
   EXPECT_FALSE(file.IsOpen());
-  ASSERT_TRUE(file.Open(Text(dir / "file"), kReader));
+  ASSERT_TRUE(file.Open(name, kReader));
   EXPECT_EQ(CauseOf(write), CFileException::accessDenied);
   EXPECT_EQ(CauseOf([&] { file.SetLength(0); }), CFileException::accessDenied);
-  EXPECT_EQ(ReadFile(dir / "file"), Hex("'a123456789'"));
+  EXPECT_EQ(ReadFile(path), Hex("'a123456789'"));
 }
 
-TEST(File, ClosesWhateverComes) {
-  TempDir dir;
-  CFile file(Text(dir / "file"), kCreator);
+TEST_F(File, ClosesWhateverComes) {
+  CFile file(name, kCreator);
   CFile::Gather gather(file);
   file.Write("lost", 4);
-  EXPECT_EQ(ReadFile(dir / "file").size(), 0u);
+  EXPECT_EQ(ReadFile(path).size(), 0u);
   FaultySystem failing(1, Fault::Error);
   EXPECT_EQ(CauseOf([&] { file.Close(); }), CFileException::hardIO);
   EXPECT_FALSE(file.IsOpen());

@@ -1,5 +1,5 @@
+#include <array>
 #include <cerrno>
-#include <fstream>
 
 #include "kesp/records/KespBrokenRecord.h"
 #include "kesp/records/KespFeature.h"
@@ -65,9 +65,11 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
     file.m_systemError = 0;
   }
   EXPECT_TRUE(file.SeekToFirstRecord());  // where there is something to overwrite
-  EXPECT_FALSE(file.OverwriteRecord(nullptr, 0) || file.CopyRecord(nullptr, kFirst));
-  EXPECT_FALSE(file.UpdateRecord(nullptr, 0, false) || CKespDataFile().OverwriteRecord(&note, 0));
-  EXPECT_FALSE(CKespDataFile().UpdateRecord(&note, 0, true));
+  CKespDataFile closed;
+  EXPECT_EQ((std::array{file.OverwriteRecord(nullptr, 0), file.CopyRecord(nullptr, kFirst),
+                        file.UpdateRecord(nullptr, 0, false), closed.OverwriteRecord(&note, 0),
+                        closed.UpdateRecord(&note, 0, true)}),
+            (std::array<bool, 5>{}));
   CKespBrokenRecord broken;
   EXPECT_TRUE(file.AppendRecord(&broken, 2));
   EXPECT_EQ(broken.m_filePosition, file.GetLength());
@@ -106,7 +108,7 @@ TEST_F(KespDataFileWriting, OverwritesInTheVersionOnDisk) {
   CKespTag withoutBlock;
   for (const ByteVector& there : {Part(tag, 0, 5), tag}) {
     Open(there);
-    EXPECT_FALSE(file.CopyRecord(&withoutBlock, kFirst) || file.CopyRecord(&withoutBlock, 5000));
+    for (const std::uint32_t at : {kFirst, 5000u}) EXPECT_FALSE(file.CopyRecord(&withoutBlock, at)) << at;
     EXPECT_EQ(Records(), there);
   }
 }
@@ -134,7 +136,8 @@ TEST_F(KespDataFileWriting, FindsTheRecordToUpdate) {
   Open(note2 + Sample(3, 1) + Hex("00*14"));
   auto old = NoteRecord("rain", 1);
   CKespTavoHeader header;
-  EXPECT_FALSE(file.UpdateRecord(&old, 8, false) || file.UpdateRecord(&header, 8, true));
+  EXPECT_FALSE(file.UpdateRecord(&old, 8, false));
+  EXPECT_FALSE(file.UpdateRecord(&header, 8, true));
   EXPECT_EQ(file.GetError(), KESP_ERROR_RECORD_HEADER);
 }
 

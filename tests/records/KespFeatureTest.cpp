@@ -77,8 +77,8 @@ TEST(Feature, OwnsWhatIsInItsListsUntilItIsRemoved) {
   EXPECT_EQ(std::tuple(point->CoordX, feature.GetPoint(0)->CoordX), std::tuple(1, 5));
   EXPECT_EQ(std::tuple(feature.GetNumPoints(), feature.GetNumAttributes()), std::tuple(2, 2));
   for (const int at : {-1, 2}) {
-    EXPECT_TRUE(feature.GetPoint(at) == nullptr && feature.RemovePoint(at) == nullptr) << at;
-    EXPECT_TRUE(feature.GetAttribute(at) == nullptr && feature.RemoveAttribute(at) == nullptr) << at;
+    EXPECT_EQ(std::tuple(feature.GetPoint(at), feature.RemovePoint(at)), std::tuple(nullptr, nullptr)) << at;
+    EXPECT_EQ(std::tuple(feature.GetAttribute(at), feature.RemoveAttribute(at)), std::tuple(nullptr, nullptr)) << at;
   }
   const std::unique_ptr<CKespFeatureEnd> replaced(new CKespFeatureEnd);
   feature.SetFeatureEnd(replaced.get());
