@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "kesp/platform/Exception.h"
 
@@ -10,7 +11,7 @@ namespace {
 
 std::u16string Units(const CString& text) { return std::u16string(text.View()); }
 
-// What a text of 0 to 40 units goes through, beside a plain string that does the same.
+// Texts of 0 to 40 units, each operation also made on a plain string.
 TEST(String, KeepsItsTextOnBothSidesOfTheInlineLimit) {
   CString kept(u"kept");
   EXPECT_THROW(kept.Resize(std::size_t{1} << 40), CMemoryException);
@@ -82,10 +83,10 @@ TEST(String, TakesEveryByteSequenceAndGivesItBack) {
 
 TEST(String, CutsFindsAndComparesUnitByUnit) {
   const CString text(u"D:\\a\\b.txt");
-  EXPECT_TRUE(text.Find(u'\\') == 2 && text.Find(u'\\', 3) == 4 && text.Find(u'\\', 5) == -1);
-  EXPECT_TRUE(text.Find(u"b.t") == 5 && text.Find(u'D', -7) == 0);
-  EXPECT_TRUE(text.Find(u"", 10) == 10 && text.Find(u"", 11) == -1);
-  EXPECT_TRUE(text.ReverseFind(u'\\') == 4 && text.ReverseFind(u'/') == -1);
+  EXPECT_EQ(std::tuple(text.Find(u'\\'), text.Find(u'\\', 3), text.Find(u'\\', 5)), std::tuple(2, 4, -1));
+  EXPECT_EQ(std::tuple(text.Find(u"b.t"), text.Find(u'D', -7)), std::tuple(5, 0));
+  EXPECT_EQ(std::tuple(text.Find(u"", 10), text.Find(u"", 11)), std::tuple(10, -1));
+  EXPECT_EQ(std::tuple(text.ReverseFind(u'\\'), text.ReverseFind(u'/')), std::tuple(4, -1));
   const std::tuple<int, int, const char16_t*> kParts[] = {
       {0, 2, u"D:"}, {7, 99, u"txt"}, {-3, 1, u"D"}, {99, 1, u""}, {2, -1, u""}};
   for (const auto& [first, count, part] : kParts) EXPECT_EQ(text.Mid(first, count), CString(part)) << first;
@@ -102,8 +103,9 @@ TEST(String, CutsFindsAndComparesUnitByUnit) {
   const auto sign = [](int order) { return (order > 0) - (order < 0); };
   for (const auto& c : kPairs) {
     const CString a(c.a), b(c.b);
-    EXPECT_TRUE(sign(a.Compare(b)) == c.order && (a < b) == (c.order < 0)) << a.ToUtf8();
-    EXPECT_EQ(sign(a.CompareNoCase(b)), c.orderNoCase) << a.ToUtf8();
+    EXPECT_EQ(std::tuple(sign(a.Compare(b)), a < b, sign(a.CompareNoCase(b))),
+              std::tuple(c.order, c.order < 0, c.orderNoCase))
+        << a.ToUtf8();
   }
   EXPECT_EQ(CString(u"az\u00E4").MakeUpper() + CString(u"AZ\u00C4").MakeLower(), CString(u"AZ\u00E4az\u00C4"));
 }

@@ -1,3 +1,4 @@
+#include <climits>
 #include <filesystem>
 
 #include "tests/recordfile/Survey.h"
@@ -21,124 +22,112 @@ class Copying : public OneFile {
 
 TEST_F(Copying, CopyIsEqualByteForByte) {
   ByteVector large = FileHeader(3, 16) + Hex("aa*14");
-  large.resize(3'000'001, 0x5A);  // damaged, which is no business of a copy
+  large.resize(3'000'001, 0x5A);  // no records, which a copy does not look at
   for (const ByteVector& bytes : {large, FileHeader()}) {
     WriteFile(path, bytes);
     WriteFile(copy, ByteVector(5'000'000));
     ASSERT_TRUE(file.Close() && file.OpenReadOnly(Text(path)));
-    EXPECT_TRUE(file.Copy(Text(copy)) && file.GetPosition() == bytes.size() && file.Close());
+    EXPECT_TRUE(file.Copy(Text(copy)));
+    EXPECT_EQ(file.GetPosition(), bytes.size());
     EXPECT_EQ(ReadFile(copy), bytes);
   }
-  EXPECT_FALSE(file.Copy(Text(copy)) || fs::exists(copy)) << "nothing is open";
-  struct BadClose : IdleDisk {
-    int Close(int fd) override {
-      SystemCalls::Close(fd);
-      errno = EIO;
-      return -1;
-    }
-  };
-  ASSERT_TRUE(file.OpenReadOnly(Text(path)));
-  {
-    const BadClose disk;
-    EXPECT_FALSE(file.Copy(Text(copy)) || fs::exists(copy));
+  bool struck = true;
+  for (int n = 1; struck; ++n) {
+    fs::remove(copy);
+    const FaultySystem system(n, FaultySystem::Fault::Error);
+    const bool good = file.Copy(Text(copy));
+    struck = system.Struck();
+    EXPECT_EQ(ReadFile(copy), good ? FileHeader() : ByteVector()) << n;
   }
+  EXPECT_FALSE(file.Copy(static_cast<const wchar_t*>(nullptr)));
   EXPECT_TRUE(file.Close());
-  EXPECT_FALSE(file.Copy(static_cast<const wchar_t*>(nullptr)) || file.CopyVerify(Text(copy), 2));
+  fs::remove(copy);
+  EXPECT_FALSE(file.Copy(Text(copy))) << "nothing is open";
+  EXPECT_FALSE(file.CopyVerify(Text(copy), 2));
+  EXPECT_FALSE(fs::exists(copy));
 }
 
-TEST_F(Copying, NothingIsWrittenOverThatSomebodyHolds) {
-  const ByteVector bytes = FileHeader() + EndOf(7);
+TEST_F(Copying, NothingIsWrittenOverThatIsInUse) {
+  const ByteVector bytes = FileHeader() + EndOf(7), inUse = FileHeader() + EndOf(8);
   WriteFile(path, bytes);
-  WriteFile(copy, FileHeader() + EndOf(8));
-  WriteFile(dir / "read", FileHeader() + EndOf(8));
+  for (const char* const name : {"b.kesp", "read", "shared"}) WriteFile(dir / name, inUse);
   CKespDataFile holder, reader;
   CFile writer;  // one of several
   ASSERT_TRUE(holder.Open(Text(copy)) && reader.OpenReadOnly(Text(dir / "read")));
-  WriteFile(dir / "shared", FileHeader() + EndOf(8));
   ASSERT_TRUE(writer.Open(Text(dir / "shared"), CFile::modeWrite | CFile::shareDenyNone));
   fs::create_hard_link(path, dir / "hard");
   fs::create_symlink(path, dir / "soft");
   for (const bool readOnly : {true, false}) {
     ASSERT_TRUE(readOnly ? file.OpenReadOnly(Text(path)) : file.Open(Text(path)));
-    for (const char* const name : {"a.kesp", "hard", "soft", "b.kesp", "read", "shared", "", "none/b"}) {
-      EXPECT_FALSE(file.Copy(Text(dir / name)) || file.CopyVerify(Text(dir / name), 2)) << name;
+    for (const char* const name : {"a.kesp", "hard", "soft", "b.kesp", "read", "shared", "", "none/b", "/dev/full"}) {
+      EXPECT_FALSE(file.Copy(Text(dir / name))) << name;
+      EXPECT_FALSE(file.CopyVerify(Text(dir / name), 2)) << name;
     }
-    EXPECT_FALSE(file.Copy(Text("/dev/full")) || file.CopyVerify(Text("/dev/full"), 2));
     for (const int call : {1, 2}) {  // nor when the system can't tell one from the other
       const FaultySystem system(call, FaultySystem::Fault::Error);
-      EXPECT_FALSE(file.Copy(Text(dir / "hard")));
+      EXPECT_FALSE(file.Copy(Text(dir / "hard"))) << call;
     }
     file.Close();
   }
-  for (const char* const name : {"a.kesp", "hard", "soft"}) {
+  for (const char* const name : {"a.kesp", "hard", "soft"})
     EXPECT_FALSE(CKespDataFile().CopyVerify(Text(path), Text(dir / name), 2)) << name;
-  }
   EXPECT_FALSE(CKespDataFile().CopyVerify(Text(dir / "missing"), Text(dir / "new"), 2));
-  for (const char* const name : {"b.kesp", "read", "shared"}) {
-    EXPECT_EQ(ReadFile(dir / name), FileHeader() + EndOf(8)) << name;
-  }
-  EXPECT_TRUE(ReadFile(path) == bytes && fs::exists("/dev/full"));
+  for (const char* const name : {"b.kesp", "read", "shared"}) EXPECT_EQ(ReadFile(dir / name), inUse) << name;
+  EXPECT_EQ(ReadFile(path), bytes);
+  EXPECT_TRUE(fs::exists("/dev/full"));
   reader.Close();
   ASSERT_TRUE(file.OpenReadOnly(Text(path)) && file.Copy(Text(dir / "read")));
 }
 
 TEST_F(Copying, ARebuildThatFailedIsNoWholeOne) {
-  ByteVector bytes = FileHeader();
-  for (int i = 0; i < 1000; ++i) Append(bytes, Sample(6, 2));
-  WriteFile(path, bytes);
+  ByteVector records;
+  for (int i = 0; i < 1000; ++i) Append(records, Sample(6, 2));
   bool struck = true;
   for (int n = 1; struck; ++n) {
-    ASSERT_TRUE(file.Close() && file.OpenReadOnly(Text(path)));
+    Open(records, true);
     const FaultySystem system(n, FaultySystem::Fault::Full);
     const bool good = file.CopyVerify(Text(copy), 2);
     struck = system.Struck();
     EXPECT_EQ(good, file.GetError() == KESP_ERROR_NORMAL_EOF) << n;
   }
-  // A body that can't be read, the first time and the next.
-  struct BadSpot : IdleDisk {
-    ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {
-      if (offset < 200'000) return SystemCalls::Read(fd, to, count, offset);
-      errno = EIO;
-      return -1;
-    }
-  } const disk;
+  const BadSpot disk(200'000, INT_MAX);  // a body that can't be read, the first time and the next
   for (int i = 0; i < 2; ++i) EXPECT_FALSE(file.CopyVerify(Text(copy), 2)) << i;
 }
 
 TEST_F(Copying, RebuildsInTheVersionsOneAndTwo) {
   ByteVector header = FileHeader();
-  header[48] = 0x2A;  // the header word, and the version, go over
+  header[48] = 0x2A;  // the header word and the version are copied
   ByteVector source = header;
-  for (const auto& [type, version] : kEveryClass) {  // each also deleted, and one of a type that nobody knows
+  for (const auto& [type, version] : kEveryClass) {  // each also deleted, and one of an unknown type
     source = source + Sample(type, version) + Sample(type, version, 1) + Record(200, 9, 0, Hex("01 02 03"));
   }
   // Features and attributes state the length of record version 2, and have the body of version 3.
-  const auto feature3 = [](std::uint16_t kind) {
-    return WithLength(
-        Record(1, 3, 0,
-               Body(1, 3, {{"feature", 7}, {"name", "Oak"}, {"kind", kind}, {"color", 0x332211}, {"symbol", 5}})),
-        54);
-  };
-  const ByteVector inVersion2 = header + Record(3, 2, 0, Body(3, 2, {{"t1", "Job"}, {"kespVersion", 2}})) +
-                                feature3(1) + Sample(2, 2) + WithLength(Sample(5, 3), 240) + EndOf(7) + Sample(6, 2) +
-                                Sample(9, 2) + feature3(2) + Sample(2, 2) + Sample(6, 2);
+  const ByteVector area = WithLength(Sample(1, 3), 54);
+  ByteVector oak = area;
+  oak[14 + 516] = 1;  // its kind
+  const ByteVector inVersion2 = header + Record(3, 2, 0, Body(3, 2, {{"t1", "Job"}, {"kespVersion", 2}})) + oak +
+                                Sample(2, 2) + WithLength(Sample(5, 3), 240) + EndOf(7) + Sample(6, 2) + Sample(9, 2) +
+                                area + Sample(2, 2) + Sample(6, 2);
   const ByteVector inVersion1 =
       header + Sample(3, 1) + Sample(1, 1) + Sample(2, 1) + Sample(5, 1) + EndOf(7) + Sample(6, 1) + Sample(9, 1) +
       Record(1, 1, 0, Hex("07 00*3 'Oak' 00*19 02 00 11 22 33 00 05 00")) + Sample(2, 1) + Sample(6, 1);
   for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 0, 2, 3}) {
-    EXPECT_TRUE(Rebuild(source, version) && file.GetError() == KESP_ERROR_NORMAL_EOF);
+    EXPECT_TRUE(Rebuild(source, version));
+    EXPECT_EQ(file.GetError(), KESP_ERROR_NORMAL_EOF);
     EXPECT_EQ(ReadFile(copy), version == 1 ? inVersion1 : inVersion2) << version;
   }
   EXPECT_TRUE(file.CopyVerify(file.m_file.GetFilePath(), Text(copy), 1));
   EXPECT_EQ(ReadFile(copy), inVersion1);
   EXPECT_EQ(ReadFile(path), source);
-  // Held until it is closed, and alone.
-  EXPECT_FALSE(CKespDataFile().Open(Text(path)) || CKespDataFile().CopyVerify(Text(path), Text(dir / "c"), 1));
-  // The records are taken to begin at offset 50, and the header is not looked at in a file named by its path.
+  // It is locked until it is closed.
+  EXPECT_FALSE(CKespDataFile().Open(Text(path)));
+  EXPECT_FALSE(CKespDataFile().CopyVerify(Text(path), Text(dir / "c"), 1));
+  // The records are taken to begin at offset 50, and the header of a file named by its path is not checked.
   EXPECT_TRUE(Rebuild(FileHeader(3, 2 + 18) + EndOf(7)));
   EXPECT_EQ(ReadFile(copy), FileHeader(3, 2 + 18) + EndOf(7));
   WriteFile(path, Hex("'Corvanthe'"));
-  EXPECT_TRUE(file.CopyVerify(Text(path), Text(copy), 2) && file.GetError() == KESP_ERROR_NORMAL_EOF);
+  EXPECT_TRUE(file.CopyVerify(Text(path), Text(copy), 2));
+  EXPECT_EQ(file.GetError(), KESP_ERROR_NORMAL_EOF);
   EXPECT_EQ(ReadFile(copy), Hex("'Corvanthe'"));
 }
 
@@ -148,7 +137,7 @@ TEST_F(Copying, ARebuildKeepsWhatIsBeforeTheFirstDamage) {
     ByteVector damage;
     KESP_ERROR_TYPE error;
     bool good = true;
-    ByteVector more = {};  // what the damaged file still gives
+    ByteVector more = {};  // what is still read of the damage
   } kCases[] = {
       {emptyTag, KESP_ERROR_NORMAL_EOF, true, emptyTag},
       {Part(EndOf(9), 0, 9), KESP_ERROR_EOF},
@@ -160,7 +149,8 @@ TEST_F(Copying, ARebuildKeepsWhatIsBeforeTheFirstDamage) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(&c - kCases);
     EXPECT_EQ(Rebuild(good + c.damage), c.good);
-    EXPECT_TRUE(file.GetError() == c.error && file.CanAttemptRepair() == (c.error > KESP_ERROR_NORMAL_EOF));
+    EXPECT_EQ(file.GetError(), c.error);
+    EXPECT_EQ(file.CanAttemptRepair(), c.error > KESP_ERROR_NORMAL_EOF);
     EXPECT_EQ(ReadFile(copy), good + c.more);
   }
 }

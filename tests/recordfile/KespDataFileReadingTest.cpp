@@ -34,12 +34,12 @@ TEST_F(KespDataFileReading, StopsOrGoesOnByTypeAndVersion) {
   Open(Record(200, 9, 0, SampleBody(4, 1)) + EndOf(7, 0x0A), true);
   std::uint32_t position = 0;
   const std::unique_ptr<CKespRecord> record(file.ReadNextRecord(position, true));
-  EXPECT_TRUE(position == 68 && record->m_flags == 0x202u) << "as the filter leaves them";
+  EXPECT_EQ(std::tuple(position, record->m_flags), std::tuple(68u, 0x202u)) << "filtered";
 }
 
 TEST_F(KespDataFileReading, ChecksTheLengthAgainstTheFile) {
   const Walked refused{{}, KESP_ERROR_RECORD_HEADER}, clean{{}, KESP_ERROR_NORMAL_EOF};
-  // The file ends 18 bytes behind the header. A sum beyond 32 bits wraps: the walk ends cleanly behind the end.
+  // The file ends 18 bytes after the header. A sum beyond 32 bits wraps: the walk ends cleanly after the end.
   // clang-format off
   const struct { std::uint32_t length; Walked expected; unsigned long position; } rows[] = {
       {18, clean, 82}, {19, refused, 64}, {0, refused, 64}, {0x80000000, refused, 64}, {0xFFFFFFFF - 64, refused, 64},
@@ -47,11 +47,12 @@ TEST_F(KespDataFileReading, ChecksTheLengthAgainstTheFile) {
   // clang-format on
   for (const auto& row : rows) {
     Open(WithLength(Record(200, 1, 0, {}), row.length) + EndOf(8), true);
-    EXPECT_TRUE(WalkOn(file) == row.expected && file.GetPosition() == row.position) << row.length;
+    EXPECT_EQ(WalkOn(file), row.expected) << row.length;
+    EXPECT_EQ(file.GetPosition(), row.position) << row.length;
   }
 }
 
-TEST_F(KespDataFileReading, HandsOutHeaderFieldsAsFarAsTheyGo) {
+TEST_F(KespDataFileReading, ReturnsTheHeaderFieldsThatAreWhole) {
   const ByteVector header = Hex("06 00 00 00 02 01 03 02 00 80 04 00 00 00");
   for (std::size_t size = 0; size <= header.size(); ++size) {
     Open(Part(header, 0, size), true);
@@ -61,14 +62,14 @@ TEST_F(KespDataFileReading, HandsOutHeaderFieldsAsFarAsTheyGo) {
     EXPECT_FALSE(file.ReadNextRecordHeader(type, version, flags, length));
     const KESP_ERROR_TYPE error = size < 14 ? KESP_ERROR_EOF : KESP_ERROR_RECORD_HEADER;
     EXPECT_EQ(file.GetError(), size == 0 ? KESP_ERROR_NORMAL_EOF : error);
-    EXPECT_TRUE(type == (size < 4 ? 0 : 6) && version == (size < 6 ? 0 : 0x102)) << size;
-    EXPECT_TRUE(flags == (size < 10 ? 0 : 0x80000203) && length == (size < 14 ? 0 : 4)) << size;
+    EXPECT_EQ(std::tuple(type, version, flags, length),
+              std::tuple(size < 4 ? 0u : 6u, size < 6 ? 0 : 0x102, size < 10 ? 0 : 0x80000203, size < 14 ? 0u : 4u))
+        << size;
   }
 }
 
 // The length in the header is right for the file and too small for the class.
 TEST_F(KespDataFileReading, RaisesOverAnOldFeatureThatIsCutShort) {
-  // The position is handed out, and nothing leaks.
   Open(Record(1, 1, 0, Part(SampleBody(1, 1), 0, 33)));
   unsigned long position = 0;
   EXPECT_THROW((void)file.ReadNextRecord(position, false), CFileException);
@@ -83,39 +84,28 @@ TEST_F(KespDataFileReading, RaisesOverAnOldFeatureThatIsCutShort) {
 TEST_F(KespDataFileReading, KeepsPositionsInThirtyTwoBitsBeyondFourGigabytes) {
   constexpr std::uint64_t kFour = std::uint64_t{1} << 32;
   const auto header = [](std::uint32_t length) { return WithLength(Record(200, 1, 0, {}), length); };
-  const auto put = [&](std::uint64_t at, const ByteVector& what) {
-    std::fstream out(path, std::ios::binary | std::ios::in | std::ios::out);
-    out.seekp(static_cast<std::streamoff>(at));
-    out.write(reinterpret_cast<const char*>(what.data()), static_cast<std::streamsize>(what.size()));
-  };
-  // The second record ends where 32 bits begin anew: its length is one that wraps.
+  // The length of the second record wraps: it ends at 4 GiB and 500.
   Put(Record(200, 1, 0, ByteVector(536)) + header(static_cast<std::uint32_t>(500 - 614)));
   std::filesystem::resize_file(path, kFour + 1000);
-  put(kFour + 500, EndOf(7));
+  PutAt(kFour + 500, EndOf(7));
   ASSERT_TRUE(file.Open(Text(path)));
   EXPECT_EQ(file.GetLength(), 1000u);
   EXPECT_EQ(WalkOn(file), (Walked{{500}, KESP_ERROR_RECORD_HEADER}));  // then come zeros
   EXPECT_EQ(file.GetPosition(), 500u + 18 + 14);
   auto appended = EndRecord(8);
   ASSERT_TRUE(file.AppendRecord(&appended, 0));
-  EXPECT_TRUE(appended.m_filePosition == 1000 && file.GetLength() == 1018);
+  EXPECT_EQ(std::tuple(appended.m_filePosition, file.GetLength()), std::tuple(1000u, 1018ul));
   EXPECT_EQ(file.m_file.Seek(-18, CFile::end), kFour + 1000);
   EXPECT_EQ(WalkOn(file), (Walked{{1000}, KESP_ERROR_NORMAL_EOF}));
   // A body may end at the low 32 bits of the file's length and no further, however long the file is.
   for (const std::uint32_t length : {954u, 955u}) {
     file.Close();
-    put(kFirst, header(length));
+    PutAt(kFirst, header(length));
     std::uint32_t position = 0;
     ASSERT_TRUE(file.OpenReadOnly(Text(path)));
     EXPECT_EQ(file.ReadNextRecord(position, false), nullptr);
     EXPECT_EQ(position, length == 954 ? 1018u : 50u);
   }
-}
-
-TEST_F(KespDataFileReading, TellsWhetherTheFileEndsWholeAndStaysWhereItIs) {
-  Open(EndOf(1, 5) + EndOf(2), true);
-  EXPECT_TRUE(file.Seek(kFirst + 1) && file.EndsWhole() && file.GetPosition() == kFirst + 1 && file.Close());
-  EXPECT_FALSE(file.EndsWhole());
 }
 
 TEST_F(KespDataFileReading, SeesWhatAnotherProcessChangedSinceTheLastWalk) {
@@ -124,6 +114,11 @@ TEST_F(KespDataFileReading, SeesWhatAnotherProcessChangedSinceTheLastWalk) {
   WriteFile(path, FileHeader() + EndOf(1, 5) + EndOf(2) + EndOf(3));
   ASSERT_TRUE(file.SeekToFirstRecord());
   EXPECT_EQ(WalkOn(file, true), (Walked{{68, 86}, KESP_ERROR_NORMAL_EOF}));
+  ASSERT_TRUE(file.Seek(kFirst + 1));
+  EXPECT_TRUE(file.EndsWhole());
+  EXPECT_EQ(file.GetPosition(), kFirst + 1) << "it stays where it is";
+  file.Close();
+  EXPECT_FALSE(file.EndsWhole());
 }
 
 // A number would pass for true.
@@ -140,14 +135,14 @@ TEST_F(KespDataFileReading, AsksTheSystemNothingForEachRecord) {
   Put(bytes);
   for (const bool ahead : {false, true}) {
     std::optional<FaultySystem> system;
-    if (!ahead) system.emplace();  // counts, but for one thread
+    if (!ahead) system.emplace();  // it counts, but for one thread only
     ASSERT_TRUE(file.OpenReadOnly(Text(path)) && file.SeekToFirstRecord());
     if (ahead) file.ReadAhead();
     std::uint32_t count = 0;
     while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) {
       ASSERT_EQ(static_cast<const CKespFeatureEnd&>(*record).FeatureNumber, count++);
     }
-    EXPECT_TRUE(count == kRecords && file.GetError() == KESP_ERROR_NORMAL_EOF);
+    EXPECT_EQ(std::tuple(count, file.GetError()), std::tuple(kRecords, KESP_ERROR_NORMAL_EOF));
     file.Close();
     EXPECT_LT(system ? system->Calls() : 0, 30);
   }

@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <array>
+
 #include "tests/recordfile/Survey.h"
 
 using namespace kesp::test;
@@ -11,11 +13,13 @@ namespace {
 
 class KespDataFile : public OneFile {
  protected:
-  bool Changes() {  // whether any of the calls that change a file does so
+  void ExpectNoChanges() {  // by any call that changes a file
     auto end = EndRecord(7);
-    return file.AppendRecord(&end, 2) || file.CopyRecord(&end, kFirst) || file.UpdateRecord(&end, 8, false) ||
-           (file.Seek(kFirst), file.OverwriteRecord(&end, 2)) ||
-           (file.Seek(kFirst), file.DeleteRecord(kFirst, KESP_RECORD_NONE));
+    EXPECT_FALSE(file.AppendRecord(&end, 2));
+    EXPECT_FALSE(file.CopyRecord(&end, kFirst));
+    EXPECT_FALSE(file.UpdateRecord(&end, 8, false));
+    EXPECT_FALSE((file.Seek(kFirst), file.OverwriteRecord(&end, 2)));
+    EXPECT_FALSE((file.Seek(kFirst), file.DeleteRecord(kFirst, KESP_RECORD_NONE)));
   }
 };
 
@@ -39,10 +43,13 @@ TEST_F(KespDataFile, OpensWhatHasAWholeHeader) {
     file.Close();
     WriteFile(path, row.bytes);
     const bool opened = file.Open(Text(path));
-    EXPECT_TRUE(opened == (row.error == KESP_ERROR_NONE) && opened == file.IsOpen() && file.GetError() == row.error);
+    EXPECT_EQ(file.GetError(), row.error);
+    EXPECT_EQ(std::tuple(opened, file.IsOpen()),
+              std::tuple(row.error == KESP_ERROR_NONE, row.error == KESP_ERROR_NONE));
     EXPECT_EQ(ReadFile(path), row.bytes);
     if (!opened) continue;
-    EXPECT_TRUE(file.m_version == row.bytes[42] && file.GetPosition() == 50 && file.SeekToFirstRecord());
+    EXPECT_EQ(std::tuple(file.m_version, file.GetPosition()), std::tuple(row.bytes[42], 50));
+    EXPECT_TRUE(file.SeekToFirstRecord());
     EXPECT_EQ(file.GetPosition(), row.firstRecord);
   }
 }
@@ -50,26 +57,31 @@ TEST_F(KespDataFile, OpensWhatHasAWholeHeader) {
 TEST_F(KespDataFile, CreatesFiftyBytesAndSaysWhyAPathCantBeOpened) {
   const wchar_t* const null = nullptr;
   for (const auto& bad : {path, dir / "."}) {
-    EXPECT_FALSE(file.Open(Text(bad)) || file.OpenReadOnly(Text(bad)) || std::filesystem::exists(path));
+    EXPECT_FALSE(file.Open(Text(bad))) << bad;
+    EXPECT_FALSE(file.OpenReadOnly(Text(bad))) << bad;
     EXPECT_EQ(file.GetErrorString(), CString("Cannot Open File"));
   }
+  EXPECT_FALSE(std::filesystem::exists(path));
   file.m_error = KESP_ERROR_BAD_RECORD;
-  EXPECT_FALSE(file.Open(null) || file.OpenReadOnly(null) || file.Create(null) || file.Create(Text(dir / "no" / "no")));
+  EXPECT_EQ((std::array{file.Open(null), file.OpenReadOnly(null), file.Create(null), file.Create(Text(dir / "no/no")),
+                        file.Seek(0), file.SeekToFirstRecord(), file.Flush()}),
+            (std::array<bool, 7>{}));
+  ExpectNoChanges();
   EXPECT_EQ(file.GetLength() & file.GetPosition(), 0xFFFFFFFFu);
-  EXPECT_FALSE(file.Seek(0) || file.SeekToFirstRecord() || file.Flush() || Changes());
   EXPECT_EQ(file.GetError(), KESP_ERROR_BAD_RECORD);
-  EXPECT_TRUE(file.ReadNextRecord(true) == nullptr && file.GetError() == KESP_ERROR_NONE);
+  EXPECT_EQ(file.ReadNextRecord(true), nullptr);
+  EXPECT_EQ(file.GetError(), KESP_ERROR_NONE);
 
   WriteFile(path, ByteVector(1000, 0xEE));
   file.m_version = 2;
   file.m_headerWord = 0x1234;
   ASSERT_TRUE(file.Create(Text(path)));
-  EXPECT_TRUE(file.GetPosition() == 50 && file.m_firstRecordOffset == 50);
+  EXPECT_EQ(std::tuple(file.GetPosition(), file.m_firstRecordOffset), std::tuple(50, 50));
   EXPECT_EQ(ReadFile(path), Hex("'Corvanthe Survey Devices -- Kesp Data File' 02 00 02 00 00 00 34 12"));
-  // An open object keeps its file.
-  EXPECT_FALSE(file.Create(Text(dir / "other")) || file.Open(Text(path)));
+  EXPECT_FALSE(file.Create(Text(dir / "other"))) << "an open object keeps its file";
+  EXPECT_FALSE(file.Open(Text(path)));
   EXPECT_EQ(file.GetError(), KESP_ERROR_OPEN);
-  EXPECT_TRUE(file.IsOpen() && !std::filesystem::exists(dir / "other"));
+  EXPECT_FALSE(std::filesystem::exists(dir / "other"));
   file.m_headerWord = 0;
   ASSERT_TRUE(file.Close() && file.Open(Text(path)));
   EXPECT_EQ(file.m_headerWord, 0x1234);
@@ -82,7 +94,8 @@ TEST_F(KespDataFile, StampsTheModificationTimeAloneAndNoneWhenOpenedForReading) 
     struct stat info {};
     EXPECT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     run();
-    EXPECT_TRUE(::stat(path.c_str(), &info) == 0 && info.st_atime == kLongAgo);
+    EXPECT_EQ(::stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_atime, kLongAgo);
     EXPECT_TRUE(info.st_mtime == kLongAgo || info.st_mtime > ::time(nullptr) - 5);
     return info.st_mtime != kLongAgo;
   };
@@ -94,7 +107,7 @@ TEST_F(KespDataFile, StampsTheModificationTimeAloneAndNoneWhenOpenedForReading) 
     EXPECT_EQ(WalkOn(file), (Walked{{kFirst}, KESP_ERROR_NORMAL_EOF}));
     FaultySystem system;
     system.powerEvents = "01";  // the file is opened once more, for reading still
-    EXPECT_FALSE(Changes() || Changes());
+    for (int i = 0; i < 2; ++i) ExpectNoChanges();
     EXPECT_TRUE(file.Flush());
     for (const char* const call : {"write", "truncate", "fdatasync", "fsync", "futimens", "flock"}) {
       EXPECT_EQ(system.Calls(call), 0) << call;

@@ -20,7 +20,7 @@ inline void PrintTo(const Walked& walked, std::ostream* out) {
   for (const auto position : walked.positions) *out << ' ' << position;
   *out << ", error " << walked.error << (walked.raised ? ", raised" : "");
 }
-// The rest of the file from where it stands.
+// The rest of the file from the current position on.
 inline Walked WalkOn(CKespDataFile& file, bool skipDeleted = false) {
   Walked walked;
   std::uint32_t position = 0;
@@ -56,6 +56,12 @@ class OneFile : public testing::Test {
   void Open(const ByteVector& records, bool readOnly = false) {
     Put(records);
     ASSERT_TRUE(readOnly ? file.OpenReadOnly(Text(path)) : file.Open(Text(path)));
+  }
+  // Also far beyond the end, after a hole.
+  void PutAt(std::uint64_t at, const ByteVector& bytes) const {
+    std::fstream(path, std::ios::binary | std::ios::in | std::ios::out)
+        .seekp(static_cast<std::streamoff>(at))
+        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   }
   ByteVector Records() const { return Part(ReadFile(path), kFirst); }
   const TempDir dir;

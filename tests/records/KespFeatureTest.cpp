@@ -21,20 +21,40 @@ CKespAttribute* Attribute(const char16_t* name, int kind = KESP_ATTRIBUTE_STRING
   return attribute;
 }
 
+CKespFeature Oak() {
+  CKespFeature oak;
+  oak.FeatureNumber = 7, oak.m_flags = 2, oak.FeatureName = u"Oak in the park", oak.FeatureType = KESP_FEATURE_LINE;
+  oak.Color = 3, oak.SymbolIndex = 4, oak.DisplayWord1 = 5, oak.DisplayWord2 = 6, oak.DisplayText = u"text";
+  oak.AddPoint(Point(1, 2));
+  oak.AddAttribute(Attribute(u"Type"));
+  oak.SetFeatureEnd(new CKespFeatureEnd);
+  return oak;
+}
+// What assignment through a pointer takes over.
+auto Description(const CKespFeature& f) {
+  return std::tuple(f.FeatureName.ToUtf8(), f.FeatureType, f.Color, f.SymbolIndex, f.DisplayWord1, f.DisplayWord2,
+                    f.DisplayText.ToUtf8());
+}
+// And what it does not.
+auto Parts(const CKespFeature& f) {
+  return std::tuple(f.FeatureNumber, f.m_flags, f.GetNumPoints(), f.GetNumAttributes(), f.GetFeatureEnd() != nullptr);
+}
+
 TEST(Feature, AWrongTypeIsReportedAndTheBodyTaken) {
   Scratch scratch;
-  for (const auto& [type, text] : {std::pair{0u, u""}, {1u, u"Point"}, {3u, u"Area"}, {4u, u""}, {65535u, u""}}) {
+  for (const auto& [type, text] : {std::pair{0u, ""}, {1u, "Point"}, {3u, "Area"}, {4u, ""}, {65535u, ""}}) {
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
+      SCOPED_TRACE(testing::Message() << type << ' ' << version);
       CKespFeature from, to;
       from.FeatureType = static_cast<KESP_FEATURE_TYPE>(type), from.SymbolIndex = 34;
       to.m_recordVersion = version;
       const bool good = type == 1 || type == 3;
-      EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good) << type << ' ' << version;
+      EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good);
       EXPECT_EQ(to.GetError(), good ? KESP_ERROR_NONE : KESP_ERROR_BAD_RECORD);
-      EXPECT_TRUE(to.FeatureType == type && to.SymbolIndex == 34 && to.GetTypeString() == CString(text));
-      // Reading again clears the error, in version 1 alone it stays.
+      EXPECT_EQ(std::tuple(to.FeatureType, to.SymbolIndex, to.GetTypeString().ToUtf8()), std::tuple(type, 34, text));
+      // Reading again clears the error; only in version 1 it stays.
       from.FeatureType = KESP_FEATURE_LINE;
-      EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good || version > 1) << type << ' ' << version;
+      EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good || version > 1);
     }
   }
 }
@@ -42,9 +62,11 @@ TEST(Feature, AWrongTypeIsReportedAndTheBodyTaken) {
 TEST(Feature, OwnsWhatIsInItsListsUntilItIsRemoved) {
   CKespFeature feature;
   CRect2D extents(9, 9, 9, 9);
-  EXPECT_TRUE(!feature.GetExtents(extents) && extents == CRect2D());
+  EXPECT_FALSE(feature.GetExtents(extents));
+  EXPECT_TRUE(extents == CRect2D());
   for (CKespPoint* point : {Point(1, 1), Point(5, -2), Point(3, 4)}) EXPECT_TRUE(feature.AddPoint(point));
-  EXPECT_TRUE(feature.GetExtents(extents) && extents == CRect2D(1, -2, 5, 4));
+  EXPECT_TRUE(feature.GetExtents(extents));
+  EXPECT_TRUE(extents == CRect2D(1, -2, 5, 4));
   for (const char16_t* name : {u"Type", u"Height", u"TYPE"}) EXPECT_TRUE(feature.AddAttribute(Attribute(name)));
   EXPECT_EQ(feature.GetAttribute(u"type"), feature.GetAttribute(0));
   EXPECT_EQ(feature.GetAttribute(u"none"), nullptr);
@@ -52,58 +74,43 @@ TEST(Feature, OwnsWhatIsInItsListsUntilItIsRemoved) {
   const std::unique_ptr<CKespPoint> point(feature.RemovePoint(0));
   const std::unique_ptr<CKespAttribute> attribute(feature.RemoveAttribute(2));
   EXPECT_EQ(attribute->AttributeName, CString(u"TYPE"));
-  for (const int at : {-1, 2})
-    EXPECT_TRUE(feature.RemovePoint(at) == nullptr && feature.RemoveAttribute(at) == nullptr);
-  EXPECT_TRUE(point->CoordX == 1 && feature.GetNumPoints() == 2 && feature.GetPoint(0)->CoordX == 5);
-  EXPECT_EQ(feature.GetNumAttributes(), 2);
-  for (const int at : {-1, 2}) EXPECT_TRUE(feature.GetPoint(at) == nullptr && feature.GetAttribute(at) == nullptr);
+  EXPECT_EQ(std::tuple(point->CoordX, feature.GetPoint(0)->CoordX), std::tuple(1, 5));
+  EXPECT_EQ(std::tuple(feature.GetNumPoints(), feature.GetNumAttributes()), std::tuple(2, 2));
+  for (const int at : {-1, 2}) {
+    EXPECT_EQ(std::tuple(feature.GetPoint(at), feature.RemovePoint(at)), std::tuple(nullptr, nullptr)) << at;
+    EXPECT_EQ(std::tuple(feature.GetAttribute(at), feature.RemoveAttribute(at)), std::tuple(nullptr, nullptr)) << at;
+  }
   const std::unique_ptr<CKespFeatureEnd> replaced(new CKespFeatureEnd);
   feature.SetFeatureEnd(replaced.get());
   feature.SetFeatureEnd(new CKespFeatureEnd);
-  EXPECT_TRUE(feature.Clear() && feature.GetFeatureEnd() == nullptr);
-  EXPECT_EQ(feature.GetNumPoints() + feature.GetNumAttributes(), 0);
+  EXPECT_TRUE(feature.Clear());
+  EXPECT_EQ(Parts(feature), std::tuple(0, 0, 0, 0, false));
 }
 
-TEST(Feature, IsCopiedWholeAndAssignedByItsDescription) {
-  CKespFeature from;
-  from.FeatureNumber = 7, from.m_flags = 2, from.FeatureName = u"Oak", from.FeatureType = KESP_FEATURE_LINE;
-  from.Color = 3, from.SymbolIndex = 4, from.DisplayWord1 = 5, from.DisplayWord2 = 6, from.DisplayText = u"text";
-  from.AddPoint(Point(1, 2));
-  from.AddAttribute(Attribute(u"Type"));
-  from.SetFeatureEnd(new CKespFeatureEnd);
+TEST(Feature, IsCopiedAndMovedWholeAndAssignedByItsDescription) {
+  CKespFeature from = Oak(), to, moved(Oak());
   const CKespFeature copy(from);
-  EXPECT_TRUE(copy.GetPoint(0)->CoordX == 1 && copy.GetPoint(0) != from.GetPoint(0));
-  EXPECT_TRUE(copy.CompareAttributeList(&from) && copy.GetAttribute(0) != from.GetAttribute(0));
-  EXPECT_TRUE(copy.GetFeatureEnd() != nullptr && copy.GetFeatureEnd() != from.GetFeatureEnd());
-  EXPECT_TRUE(copy.FeatureNumber == 7 && copy.m_flags == 2);
-
-  CKespFeature to;
+  EXPECT_EQ(Parts(copy), std::tuple(7, 2, 1, 1, true));
+  EXPECT_EQ(copy.GetPoint(0)->CoordX, 1);
+  EXPECT_TRUE(copy.CompareAttributeList(&from));
+  EXPECT_NE(copy.GetPoint(0), from.GetPoint(0));
+  EXPECT_NE(copy.GetAttribute(0), from.GetAttribute(0));
+  EXPECT_NE(copy.GetFeatureEnd(), from.GetFeatureEnd());
   EXPECT_FALSE(to = static_cast<CKespFeature*>(nullptr));
   EXPECT_TRUE(to = &from);
-  EXPECT_TRUE(to.FeatureNumber == 0 && to.m_flags == 0 && to.GetFeatureEnd() == nullptr);
-  EXPECT_EQ(to.GetNumPoints() + to.GetNumAttributes(), 0);
-  for (const CKespFeature* feature : {&copy, static_cast<const CKespFeature*>(&to)}) {
-    EXPECT_EQ(feature->FeatureName + feature->DisplayText, CString(u"Oaktext"));
-    EXPECT_TRUE(feature->FeatureType == KESP_FEATURE_LINE && feature->Color == 3 && feature->SymbolIndex == 4);
-    EXPECT_TRUE(feature->DisplayWord1 == 5 && feature->DisplayWord2 == 6);
-  }
-}
-
-TEST(Feature, HandsAllOfItOverWhenItIsMoved) {
-  CKespFeature from;
-  from.FeatureNumber = 7, from.FeatureName = u"a name of more than eleven";
-  from.AddPoint(Point(1, 2));
-  from.AddAttribute(Attribute(u"Type"));
-  from.SetFeatureEnd(new CKespFeatureEnd);
-  const CKespPoint* const point = from.GetPoint(0);
-  CKespFeature moved(std::move(from)), assigned;
+  EXPECT_EQ(Parts(to), std::tuple(0, 0, 0, 0, false));
+  const CKespPoint* const point = moved.GetPoint(0);
+  CKespFeature taken(std::move(moved)), assigned;
   assigned.AddPoint(Point(3, 4));
-  assigned = std::move(moved);
-  EXPECT_TRUE(assigned.GetPoint(0) == point && assigned.GetNumAttributes() == 1 && assigned.GetFeatureEnd() != nullptr);
-  EXPECT_TRUE(assigned.FeatureNumber == 7 && assigned.FeatureName == CString(u"a name of more than eleven"));
-  for (CKespFeature* const left : {&from, &moved}) {  // NOLINT(bugprone-use-after-move): an empty feature
+  assigned = std::move(taken);
+  EXPECT_EQ(assigned.GetPoint(0), point);
+  EXPECT_EQ(Parts(assigned), Parts(from));
+  for (const CKespFeature* const one : std::initializer_list<const CKespFeature*>{&copy, &to, &assigned})
+    EXPECT_EQ(Description(*one), Description(from));
+  for (CKespFeature* const left : {&moved, &taken}) {  // NOLINT(bugprone-use-after-move): an empty feature
     EXPECT_EQ(left->GetNumPoints() + left->GetNumAttributes(), 0);
-    EXPECT_TRUE(left->GetFeatureEnd() == nullptr && left->AddPoint(Point(1, 1)));
+    EXPECT_EQ(left->GetFeatureEnd(), nullptr);
+    EXPECT_TRUE(left->AddPoint(Point(1, 1)));
   }
 }
 
@@ -116,8 +123,7 @@ TEST(Feature, ListsKeepTheirOrderWhereverSomethingIsTakenOut) {
       model.push_back(Point(step, 0));
       feature.AddPoint(model.back());
     } else if (!model.empty()) {
-      const std::size_t places[] = {0, model.size() - 1, random() % model.size()};
-      const std::size_t at = places[random() % 3];
+      const std::size_t at = std::array{std::size_t{0}, model.size() - 1, random() % model.size()}[random() % 3];
       const std::unique_ptr<CKespPoint> removed(feature.RemovePoint(static_cast<int>(at)));
       ASSERT_EQ(removed.get(), model[at]);
       model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
@@ -126,34 +132,29 @@ TEST(Feature, ListsKeepTheirOrderWhereverSomethingIsTakenOut) {
   }
 }
 
+std::string g_order;
+template <class Record, char kLetter>
+struct Logged : Record {
+  ~Logged() override { g_order += kLetter; }
+};
 TEST(Feature, IsTakenApartInTheOrderOfClear) {
-  static std::string order;
-  struct LoggedPoint : CKespPoint {
-    ~LoggedPoint() override { order += 'P'; }
-  };
-  struct LoggedAttribute : CKespAttribute {
-    ~LoggedAttribute() override { order += 'A'; }
-  };
-  struct LoggedEnd : CKespFeatureEnd {
-    ~LoggedEnd() override { order += 'E'; }
-  };
-  {
-    CKespFeature feature;
-    feature.SetFeatureEnd(new LoggedEnd);
-    feature.AddPoint(new LoggedPoint);
-    feature.AddAttribute(new LoggedAttribute);
-  }
-  EXPECT_EQ(order, "APE");
+  auto feature = std::make_unique<CKespFeature>();
+  feature->SetFeatureEnd(new Logged<CKespFeatureEnd, 'E'>);
+  feature->AddPoint(new Logged<CKespPoint, 'P'>);
+  feature->AddAttribute(new Logged<CKespAttribute, 'A'>);
+  feature.reset();
+  EXPECT_EQ(g_order, "APE");
 }
 
 TEST(Feature, ComparesTheLayoutOfItsAttributes) {
   CKespFeature a, same, name, kind, more;
-  for (CKespFeature* const one : {&a, &same, &kind, &more})
-    one->AddAttribute(Attribute(u"Height", one == &kind ? KESP_ATTRIBUTE_DATE : KESP_ATTRIBUTE_NUMERIC));
+  for (CKespFeature* const one : {&a, &same, &more}) one->AddAttribute(Attribute(u"Height", KESP_ATTRIBUTE_NUMERIC));
   a.GetAttribute(0)->Value = 5;
+  kind.AddAttribute(Attribute(u"Height", KESP_ATTRIBUTE_DATE));
   name.AddAttribute(Attribute(u"height", KESP_ATTRIBUTE_NUMERIC));
   more.AddAttribute(Attribute(u"more"));
-  EXPECT_TRUE(a.CompareAttributeList(&same) && !a.CompareAttributeList(nullptr));
+  EXPECT_TRUE(a.CompareAttributeList(&same));
+  EXPECT_FALSE(a.CompareAttributeList(nullptr));
   for (CKespFeature* const other : {&name, &kind, &more})
     EXPECT_FALSE(a.CompareAttributeList(other) || other->CompareAttributeList(&a));
 }

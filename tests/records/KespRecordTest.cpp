@@ -22,18 +22,17 @@ TEST(Allocation, DoesWhatTheLanguagePromises) {
   };
   for (int times = 0; times < 8; ++times) {
     const std::unique_ptr<CKespNote> plain(new CKespNote), careful(new (std::nothrow) CKespNote);
-    const std::unique_ptr<Aligned> aligned(new Aligned), both(new (std::nothrow) Aligned);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(aligned.get()) % 64, 0u);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(both.get()) % 64, 0u);
     EXPECT_NE(careful, nullptr);
+    const std::unique_ptr<Aligned> aligned(new Aligned), both(new (std::nothrow) Aligned);
+    for (const auto* const one : {aligned.get(), both.get()}) EXPECT_EQ(reinterpret_cast<std::uintptr_t>(one) % 64, 0u);
     EXPECT_THROW((void)new (std::nothrow) Refusing, CException);  // and gives the memory back
   }
-  // Each is an exception of the library's and of the language's, exactly once.
-  EXPECT_THROW(throw CMemoryException(), std::bad_alloc);
-  EXPECT_THROW(throw CMemoryException(), CException);
-  EXPECT_THROW(throw CInvalidArgException(), std::exception);
-  EXPECT_THROW(throw CFileException(2, "x"), std::exception);
 }
+// Exceptions are those of the library and of the language, each by one way only.
+template <class From, class To>
+constexpr bool kIs = std::is_convertible_v<From*, To*>;
+static_assert(kIs<CMemoryException, std::bad_alloc> && kIs<CMemoryException, CException>);
+static_assert(kIs<CInvalidArgException, std::exception> && kIs<CFileException, std::exception>);
 
 TEST(Flags, AreReducedInOrder) {
   const struct {
@@ -80,7 +79,7 @@ TEST(Flags, FollowWhatHappensToTheRecord) {
   }
 }
 
-// The others differ in what is no part of the key, then in one part of it.
+// The others first differ in what is no part of the key, then in one part of it.
 TEST(Records, AreTheSameByTheirKeys) {
   CKespFeature feature, feature2;
   CKespFeatureEnd end, end2;
@@ -96,19 +95,17 @@ TEST(Records, AreTheSameByTheirKeys) {
   point2.CoordX = attribute2.Value = 5, feature2.FeatureName = point2.PointText = u"other";
   CKespRecord* const kOthers[] = {&feature2, &end2, &point2, &attribute2, &point3, &attribute3};
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
-  EXPECT_TRUE(feature2.SetFeatureNumber(70'000, 2) && end2.SetFeatureNumber(70'000, 2) &&
-              point3.SetFeatureNumber(70'000, 2));
-  EXPECT_TRUE(attribute2.SetFeatureNumber(70'000, 2) && attribute2.FeatureNumber == 70'000 &&
-              point3.FeatureNumber == 70'000);
-  EXPECT_TRUE(feature2.FeatureNumber == 70'000 && end2.FeatureNumber == 70'000);
+  const auto renumber = [](auto&... record) { return (record.SetFeatureNumber(70'000, 2) && ...); };
+  EXPECT_TRUE(renumber(feature2, end2, point3, attribute2));
+  EXPECT_EQ(std::tuple(feature2.FeatureNumber, end2.FeatureNumber), std::tuple(70'000, 70'000));
+  EXPECT_EQ(std::tuple(point3.FeatureNumber, attribute2.FeatureNumber), std::tuple(70'000, 70'000));
   point2.PointNumber = 1, attribute3.AttributeName = u"type";
   attribute.AttributeName = attribute2.AttributeName = u"Type";
   for (int i = 0; i < 6; ++i) EXPECT_FALSE(kAll[i < 4 ? i : i - 2]->IsSameKespRecord(kOthers[i])) << i;
-  const std::tuple<const char16_t*, const char16_t*, bool> kNotes[] = {
-      {u"Tree stump", u"Tree line", true}, {u"BMC:a", u"bmc:a", false}, {u"ab", u"abc", false}};
-  for (const auto& [a, b, same] : kNotes) {
+  for (const auto& [a, b, same] :
+       {std::tuple{"Tree stump", "Tree line", true}, {"BMC:a", "bmc:a", false}, {"ab", "abc", false}}) {
     note.NoteText = a, note2.NoteText = b;
-    EXPECT_EQ(note.IsSameKespRecord(&note2), same) << note.NoteText.ToUtf8();
+    EXPECT_EQ(note.IsSameKespRecord(&note2), same) << a;
   }
 }
 
@@ -117,9 +114,10 @@ TEST(Header, Version1IsReadOtherwiseThanWritten) {
   CKespTavoHeader header;
   EXPECT_LE(std::time(nullptr) - header.CreationTime, 5);
   header.m_recordVersion = 1, header.HeaderText6 = u"gone", header.PointCount = 7;
-  EXPECT_TRUE(scratch.Read(header, Hex("01000000 11121314 2122 't1' 00*916")) && !header.WasCleanClose());
-  EXPECT_TRUE(header.CreationTime == 0x14131211 && header.HeaderShort == 0x2221 && header.KespVersion == 1);
-  EXPECT_TRUE(header.HeaderText6.IsEmpty() && header.PointCount == 0) << "what version 1 lacks is made new";
+  EXPECT_TRUE(scratch.Read(header, Hex("01000000 11121314 2122 't1' 00*916")));
+  EXPECT_FALSE(header.WasCleanClose());
+  EXPECT_EQ(std::tuple(header.CreationTime, header.HeaderShort, header.KespVersion), std::tuple(0x14131211, 0x2221, 1));
+  EXPECT_EQ(std::tuple(header.HeaderText6.ToUtf8(), header.PointCount), std::tuple("", 0)) << "version 1 has none";
   header.SetCleanClose(true);
   EXPECT_EQ(scratch.Body(header, 1), Hex("00*10 't1' 00*916"));
   for (const unsigned short version : std::initializer_list<unsigned short>{0, 1, 2, 3}) {
@@ -127,8 +125,8 @@ TEST(Header, Version1IsReadOtherwiseThanWritten) {
     other.KespVersion = 3, other.StatusFlags = 6;
     other.SetCleanClose(true);
     const ByteVector body = scratch.Body(other, version);
-    EXPECT_TRUE(scratch.written == (version != 3) && other.KespVersion == (version == 0 ? 3 : version)) << version;
-    EXPECT_TRUE(body.size() < 4086 || (body[2868] == other.KespVersion && body[0] == 7));
+    EXPECT_EQ(std::tuple(scratch.written, other.KespVersion), std::tuple(version != 3, version == 0 ? 3 : version));
+    EXPECT_TRUE(body.size() < 4086 || std::tuple(body[2868], body[0]) == std::tuple(other.KespVersion, 7)) << version;
   }
 }
 
@@ -143,14 +141,15 @@ TEST(Point, NumbersAreWidenedWithoutSignAndOldStatusesEndAt10) {
       EXPECT_TRUE(scratch.Read(back, scratch.Body(point, version)));
       EXPECT_EQ(back.SignalStatus, version == 1 ? old : stored);
       // Version 1 has no offset and leaves it.
-      EXPECT_TRUE(back.GpsNumber == (version == 1 ? 0 : 4464) && back.HasOffset == (version == 1));
+      EXPECT_EQ(std::tuple(back.GpsNumber, back.HasOffset), std::tuple(version == 1 ? 0 : 4464, version == 1));
     }
   }
   CKespPoint kept;
   kept.SetOffset(1, 2);
   kept.HasOffset = 2;
   double first = 0, second = 0;
-  EXPECT_TRUE(!kept.GetOffset(first, second) && first == 1 && second == 2);
+  EXPECT_FALSE(kept.GetOffset(first, second));
+  EXPECT_EQ(std::tuple(first, second), std::tuple(1, 2));
 }
 
 TEST(Attribute, OnlyVersion1ReportsABadKind) {
@@ -159,10 +158,11 @@ TEST(Attribute, OnlyVersion1ReportsABadKind) {
     for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
       const bool known = kind == 1 || kind == 5, good = known || version > 1;
       CKespAttribute from, to;
-      from.AttributeKind = kind, from.AuxText = u"behind", to.m_recordVersion = version;
+      from.AttributeKind = kind, from.AuxText = u"after it", to.m_recordVersion = version;
       EXPECT_EQ(scratch.Read(to, scratch.Body(from, version)), good) << kind << ' ' << version;
       EXPECT_EQ(to.AttributeKind, known || version == 1 ? kind : 2) << kind << ' ' << version;
-      EXPECT_TRUE(to.GetError() == (good ? KESP_ERROR_NONE : KESP_ERROR_ATTRIBUTE_TYPE) && to.AuxText == u"behind");
+      EXPECT_EQ(to.GetError(), good ? KESP_ERROR_NONE : KESP_ERROR_ATTRIBUTE_TYPE);
+      EXPECT_EQ(to.AuxText, CString("after it"));
     }
   }
   // The flag 0x100 shows how often it is applied on the way to the body: a second time revives what the first left.
@@ -174,7 +174,7 @@ TEST(Attribute, OnlyVersion1ReportsABadKind) {
     CKespAttribute attribute;
     attribute.m_recordVersion = own;
     EXPECT_EQ(scratch.Body(attribute, version, 0x100).empty(), version == 4);
-    EXPECT_TRUE(scratch.written == (version != 4) && attribute.m_flags == flags) << own << ' ' << version;
+    EXPECT_EQ(std::tuple(scratch.written, attribute.m_flags), std::tuple(version != 4, flags)) << own << version;
   }
 }
 
@@ -199,7 +199,8 @@ TEST(Attribute, ShowsAndComparesItsValue) {
   }
   a.FormAppearance.SetPosition({1, 2, 3, 4}, {5, 6, 7, 8}, true);
   a.FormAppearance.SetPosition({5, 6, 7, 8}, {1, 2, 3, 4}, false);
-  EXPECT_TRUE(a.HasFormPosition() && a.FormAppearance.m_position.m_first == CRect(5, 6, 7, 8)) << "the mark stays";
+  EXPECT_TRUE(a.HasFormPosition()) << "the mark stays";
+  EXPECT_TRUE(a.FormAppearance.m_position.m_first == CRect(5, 6, 7, 8));
 }
 
 }  // namespace

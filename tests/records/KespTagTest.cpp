@@ -6,6 +6,7 @@
 
 #include "kesp/kesp.h"
 #include "tests/records/Scratch.h"
+#include "tests/support/Records.h"
 
 namespace kesp::test {
 namespace {
@@ -21,8 +22,8 @@ void SetBlock(CKespTag& tag, KESP_TAG type, const ByteVector& block) {
   EXPECT_TRUE(scratch.Read(tag, body + block));
 }
 
-// Asks every getter; the names of those that answered true, with what they handed out.
-std::string Answers(CKespTag& tag) {
+// Calls every getter: the names of those that returned true, and their outputs.
+std::string Outputs(CKespTag& tag) {
   std::ostringstream out;
   CString name(u"-"), text(u"-");
   int integer = -1;
@@ -33,30 +34,27 @@ std::string Answers(CKespTag& tag) {
   unsigned long wide = 95;
   float f[4] = {1, 1, 1, 1};
   CKespFeatureLink link;
-  const auto said = [&](const char* what) -> std::ostream& { return out << what << ' ' << name.ToUtf8() << ' '; };
-  if (tag.GetInteger(name, integer)) said("int") << integer;
-  if (tag.GetDouble(name, number)) said("double") << number;
-  if (tag.GetString(name, text)) said("string") << text.ToUtf8();
-  if (tag.GetPoint(name, point)) said("point") << point.x << ' ' << point.y << ' ' << point.z;
-  if (tag.GetRect(name, rect)) said("rect") << rect.minX << ' ' << rect.minY << ' ' << rect.maxX << ' ' << rect.maxY;
-  if (tag.GetColor(name, a) && tag.GetColor(name, wide)) said("color") << a << ' ' << wide;
-  if (tag.GetGPSMark(name, a, b, c, d)) said("gps") << a << ' ' << b << ' ' << c << ' ' << d;
-  if (tag.GetFileLink(a, name)) said("file") << a;
+  const auto show = [&](const char* what) -> std::ostream& { return out << what << ' ' << name.ToUtf8() << ' '; };
+  if (tag.GetInteger(name, integer)) show("int") << integer;
+  if (tag.GetDouble(name, number)) show("double") << number;
+  if (tag.GetString(name, text)) show("string") << text.ToUtf8();
+  if (tag.GetPoint(name, point)) show("point") << point.x << ' ' << point.y << ' ' << point.z;
+  if (tag.GetRect(name, rect)) show("rect") << rect.minX << ' ' << rect.minY << ' ' << rect.maxX << ' ' << rect.maxY;
+  if (tag.GetColor(name, a) && tag.GetColor(name, wide)) show("color") << a << ' ' << wide;
+  if (tag.GetGPSMark(name, a, b, c, d)) show("gps") << a << ' ' << b << ' ' << c << ' ' << d;
+  if (tag.GetFileLink(a, name)) show("file") << a;
   if (tag.GetQualityMark(a, f[0], f[1], f[2], f[3])) out << "quality " << a << ' ' << f[0] << ' ' << f[3];
-  if (tag.GetFeatureLink(link)) {
+  if (tag.GetFeatureLink(link))
     out << "link " << link.m_featureNumber1 << ' ' << link.m_qualifier1 << ' ' << link.m_featureNumber2 << ' '
         << link.m_qualifier2 << ' ' << link.m_linkValue << ' ' << link.m_spare << ' ' << link.m_tagRecordPosition;
-  }
-  if (tag.GetQualityMarkEx(a, f[0], f[1], f[2], f[3], integer)) {
+  if (tag.GetQualityMarkEx(a, f[0], f[1], f[2], f[3], integer))
     out << "ex " << a << ' ' << f[0] << ' ' << f[3] << ' ' << integer;
-  }
-  EXPECT_TRUE(!out.str().empty() || (a == 91 && f[0] == 1 && f[3] == 1)) << "outputs of a wrong kind";
-  if (tag.GetPosErrMark(a, f[0], f[1], f[2])) {
+  EXPECT_TRUE(!out.str().empty() || std::tuple(a, f[0], f[3]) == std::tuple(91, 1, 1)) << "outputs of a wrong kind";
+  if (tag.GetPosErrMark(a, f[0], f[1], f[2]))
     out << "poserr " << a << ' ' << f[0] << ' ' << f[2];
-  } else {
-    EXPECT_EQ(f[0] + f[1] + f[2], 0) << "the one getter that clears them first";
-  }
-  if (tag.GetNamedFlag(a, b, name)) said("flag") << a << ' ' << b;
+  else
+    EXPECT_EQ(f[0] + f[1] + f[2], 0) << "the only getter that clears them first";
+  if (tag.GetNamedFlag(a, b, name)) show("flag") << a << ' ' << b;
   return out.str();
 }
 
@@ -66,15 +64,15 @@ TEST(Tag, EachKindHasItsBytesAndItsGetter) {
   const std::string n = "04000000 \"n\" 0000 ", none = "04000000 00*4 ";
   CKespTag t;
   t.m_filePosition = 77;
-  const auto check = [&t](bool set, KESP_TAG kind, const std::string& block, const std::string& answers) {
+  const auto check = [&t](bool set, KESP_TAG kind, const std::string& block, const std::string& outputs) {
     SCOPED_TRACE(block);
-    EXPECT_TRUE(set && t.GetType() == kind && t.GetLength(1) == t.m_dataLength + 8);
+    EXPECT_EQ(std::tuple(set, t.GetType(), t.GetLength(1)), std::tuple(true, kind, t.m_dataLength + 8));
     EXPECT_EQ(ByteVector(t.m_pData, t.m_pData + t.m_dataLength), Hex(block));
-    EXPECT_EQ(Answers(t), answers);
+    EXPECT_EQ(Outputs(t), outputs);
     // One byte less of payload is none at all (a text may have any length).
     if (kind == KESP_TAG_STRING || kind == KESP_TAG_POINT) return;
     --t.m_pData[4u + t.m_pData[0]];
-    EXPECT_EQ(Answers(t), "");
+    EXPECT_EQ(Outputs(t), "");
   };
   check(t.Set("n", -2), KESP_TAG_INTEGER, n + "04000000 feffffff", "int n -2");
   check(t.Set(u"ab", 1.5), KESP_TAG_DOUBLE, "08000000 \"ab\" 00*4 08000000 00*6 f83f", "double ab 1.5");
@@ -111,12 +109,13 @@ TEST(Tag, NothingOutsideTheBlockIsRead) {
   const struct {
     std::string block, name;
     bool good;
+    bool isBlob = good;
     // clang-format off
   } kCases[] = {
       {"08000000 \"n\" 0000 \"xx\" 02000000 6162", "n", true},
       {"04000000 \"nm\" 02000000 6162", "nm", true},  // a name without a zero ends with its bytes
       {"00000000 02000000 6162", "", true}, {"03000000 610062 02000000 6162", "a", true},  // half a unit is none
-      {"04000000 \"n\" 0000 00000000", "n", false}, {"04000000 \"n\" 0000 020000", "n", false},  // no payload
+      {"04000000 \"n\" 0000 00000000", "n", false, true}, {"04000000 \"n\" 0000 020000", "n", false},  // no payload
       {"04000000 \"n\" 0000 03000000 6162", "n", false}, {"04000000 \"n\" 0000 ffffffff 6162", "n", false},
       {"05000000 \"n\" 0000", "-", false}, {"fcffffff \"n\" 0000 00*8", "-", false}, {"040000", "-", false},
       {"00*4", "", false},
@@ -125,8 +124,10 @@ TEST(Tag, NothingOutsideTheBlockIsRead) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.block);
     OpenTag tag;
+    std::vector<std::byte> blob(1);
+    CString name(u"-"), blobName(u"-");
+    EXPECT_FALSE(kesp::GetBlob(tag, name, blob)) << "no block";
     SetBlock(tag, KESP_TAG_BLOB, Hex(c.block));
-    CString name(u"-");
     void* data = &name;
     int length = 7;
     EXPECT_EQ(tag.GetBinary(name, &data, length), c.good);
@@ -134,6 +135,12 @@ TEST(Tag, NothingOutsideTheBlockIsRead) {
     EXPECT_EQ(name.ToUtf8(), c.name);
     EXPECT_EQ(ByteVector(owned.get(), owned.get() + length), c.good ? Hex("6162") : ByteVector());
     EXPECT_FALSE(tag.GetBinary(name, nullptr, length));
+    EXPECT_EQ(kesp::GetBlob(tag, blobName, blob), c.isBlob);
+    EXPECT_EQ(blobName.ToUtf8(), c.isBlob ? c.name : "-");
+    EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(blob.data()), blob.size()),
+              c.good ? "ab" : std::string_view("\0", c.isBlob ? 0 : 1));
+    tag.m_tagType = KESP_TAG_INTEGER;
+    EXPECT_FALSE(kesp::GetBlob(tag, blobName, blob));
   }
 }
 
@@ -150,7 +157,7 @@ TEST(Tag, NumbersKeptAsFloatsComeBackAsFarAsTheyFit) {
     float f = 0;
     int back = 99;
     EXPECT_TRUE(tag.GetQualityMarkEx(wide, f, f, f, f, back));
-    EXPECT_TRUE(wide == number && back == integer) << bits << ' ' << wide << ' ' << back;
+    EXPECT_EQ(std::tuple(wide, back), std::tuple(number, integer)) << bits;
   }
 }
 
@@ -158,84 +165,74 @@ const ByteVector kInteger = Hex("01000000 10000000 04000000 \"n\" 0000 04000000 
 
 TEST(Tag, ABodyCutShortOrTooLongIsRefusedBeforeItsBlockIsMade) {
   Scratch scratch;
+  CKespTag tag;
   for (std::size_t size = 0; size < kInteger.size(); ++size) {
-    CKespTag tag;
     tag.Set("o", 1);
-    ByteVector cut = kInteger;
-    cut.resize(size);
-    EXPECT_FALSE(scratch.Read(tag, cut));
-    EXPECT_TRUE(tag.GetError() == KESP_ERROR_EOF && scratch.file.GetPosition() == size) << size;
-    EXPECT_TRUE(Answers(tag) == (size < 8 ? "int o 1" : "") && tag.m_dataPosition == (size < 8 ? 0 : 8)) << size;
+    tag.m_dataPosition = 0;
+    EXPECT_FALSE(scratch.Read(tag, Part(kInteger, 0, size)));
+    EXPECT_EQ(tag.GetError(), KESP_ERROR_EOF);
+    EXPECT_EQ(scratch.file.GetPosition(), size);
+    EXPECT_EQ(Outputs(tag), size < 8 ? "int o 1" : "");
+    EXPECT_EQ(tag.m_dataPosition, size < 8 ? 0u : 8u);
     (void)CKespTag(tag);
   }
-  CKespTag tag;
   EXPECT_FALSE(scratch.Read(tag, Hex("01000000 f0ffffff 00*16")));
-  EXPECT_TRUE(tag.GetError() == KESP_ERROR_EOF && scratch.Body(tag, 0).empty() && !scratch.written);
+  EXPECT_EQ(tag.GetError(), KESP_ERROR_EOF);
+  EXPECT_EQ(std::pair(scratch.Body(tag, 0), scratch.written), std::pair(ByteVector(), false));
+  EXPECT_TRUE(scratch.Read(tag, kInteger + kInteger));
+  EXPECT_EQ(std::tuple(tag.GetError(), scratch.file.GetPosition()), std::tuple(KESP_ERROR_NONE, kInteger.size()));
+  EXPECT_EQ(scratch.Body(tag, 2), kInteger);
+  CFile closedFile;
+  EXPECT_FALSE(tag.Write(closedFile, 0, 2));
 }
 
 TEST(Tag, ALengthOfZeroLeavesTheBlock) {
   Scratch scratch;
   CKespTag tag, empty;
   EXPECT_TRUE(scratch.Read(empty, Hex("01000000 00000000")));
-  EXPECT_TRUE(Answers(empty).empty() && scratch.Body(empty, 0).empty());
+  EXPECT_EQ(Outputs(empty), "");
+  EXPECT_TRUE(scratch.Body(empty, 0).empty());
   tag.Set("n", 5);
   const unsigned char* const block = tag.m_pData;
-  EXPECT_TRUE(tag.Set(empty) && tag.m_dataLength == 0 && tag.m_pData == block);
+  EXPECT_TRUE(tag.Set(empty));
+  EXPECT_EQ(tag.m_pData, block);
   EXPECT_EQ(scratch.Body(tag, 0), Hex("01000000 00000000"));
   tag.Set("n", 5);
   tag = *&tag, empty = tag;
-  EXPECT_TRUE(empty.Set(CString(std::u16string(40'000, u'n')), 6) &&
-              Answers(empty) == "int " + std::string(40'000, 'n') + " 6");
+  EXPECT_TRUE(empty.Set(CString(std::u16string(40'000, u'n')), 6));
+  EXPECT_EQ(Outputs(empty), "int " + std::string(40'000, 'n') + " 6");
   empty = tag;
-  EXPECT_TRUE(Answers(tag) == "int n 5" && Answers(empty) == "int n 5");
+  EXPECT_EQ(Outputs(tag) + Outputs(empty), "int n 5int n 5");
 }
 
 TEST(Tag, IsTheSameWhereItWasRead) {
   Scratch scratch;
   CKespTag first, second, fresh;
   EXPECT_TRUE(scratch.Read(first, kInteger + kInteger) && second.Read(scratch.file));
-  EXPECT_TRUE(first.m_dataPosition == 8 && second.m_dataPosition == 32);
+  EXPECT_EQ(std::tuple(first.m_dataPosition, second.m_dataPosition), std::tuple(8, 32));
   fresh.Set("n", 5);
-  EXPECT_FALSE(first.IsSameKespRecord(&second) || first.IsSameKespRecord(&fresh) || first.IsSameKespRecord(nullptr));
   first.m_filePosition = 77, first.m_flags = 0x1202;
   CKespTag copy(first), otherKind(first), otherLength(first);
-  EXPECT_TRUE(copy.m_filePosition == 77 && copy.m_flags == 0x1202 && Answers(copy) == "int n 5");
+  EXPECT_EQ(std::tuple(copy.m_filePosition, copy.m_flags, Outputs(copy)), std::tuple(77, 0x1202, "int n 5"));
   copy.m_pData[15] = 9, otherKind.m_tagType = KESP_TAG_COLOR, --otherLength.m_dataLength;
   EXPECT_TRUE(first.IsSameKespRecord(&copy)) << "the data is not compared";
-  EXPECT_FALSE(first.IsSameKespRecord(&otherKind) || first.IsSameKespRecord(&otherLength));
+  for (CKespTag* const other : {&second, &fresh, &otherKind, &otherLength, static_cast<CKespTag*>(nullptr)})
+    EXPECT_FALSE(first.IsSameKespRecord(other));
 }
 
-// What would not fit its length fields, or never come out again, is refused, and the tag is as it was.
-TEST(Tag, RefusesAPayloadThatCannotBeHandedOut) {
-  for (const unsigned long length : {0x80000000UL, 0xFFFFFFECUL, 0xFFFFFFFFUL, ~0UL}) {
-    CKespTag tag;
-    tag.Set("n", 5);
+// What would not fit its length fields, or could never be returned, is refused, and the tag is as it was.
+TEST(Tag, RefusesAPayloadThatIsTooLong) {
+  CKespTag tag;
+  tag.Set("n", 5);
+  for (const unsigned long length : {0x80000000UL, 0xFFFFFFECUL, 0xFFFFFFFFUL, ~0UL})
     EXPECT_THROW(tag.Set(KESP_TAG_BLOB, L"x", nullptr, length), CMemoryException) << length;
-    CString name;
-    int value = 0;
-    EXPECT_TRUE(tag.GetInteger(name, value) && value == 5);
-  }
+  EXPECT_EQ(Outputs(tag), "int n 5");
 }
 template <class... Arguments>
 concept CanBeSet = requires(CKespTag& tag, Arguments... arguments) {
   tag.Set(arguments...);
 };
 static_assert(CanBeSet<unsigned long, const wchar_t*> && !CanBeSet<KESP_TAG, const wchar_t*>);
-
-TEST(Tag, HandsOutItsBlob) {
-  std::vector<std::byte> bytes(1);
-  CString name(u"-");
-  CKespTag tag;
-  EXPECT_FALSE(kesp::GetBlob(tag, name, bytes));  // no block
-  tag.Set("n", 5);
-  EXPECT_FALSE(kesp::GetBlob(tag, name, bytes));
-  EXPECT_TRUE(name == CString(u"-") && bytes.size() == 1);
-  for (const std::string_view text : {"", "two words"}) {
-    tag.Set(KESP_TAG_BLOB, "n", text.data(), text.size());
-    EXPECT_TRUE(kesp::GetBlob(std::as_const(tag), name, bytes) && name == CString(u"n"));
-    EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()), text);
-  }
-}
 
 TEST(LinkList, RemovesInItsOwnOrder) {
   using Pairs = std::vector<std::pair<std::uint32_t, std::uint32_t>>;
@@ -257,7 +254,8 @@ TEST(LinkList, RemovesInItsOwnOrder) {
       std::tie(links[i].m_featureNumber1, links[i].m_featureNumber2) = c.links[i];
       list.Add(&links[i]);
     }
-    EXPECT_TRUE(list.HasLink(c.links[0].second, c.links[0].first) && !list.HasLink(1, 7));
+    EXPECT_TRUE(list.HasLink(c.links[0].second, c.links[0].first));
+    EXPECT_FALSE(list.HasLink(1, 7));
     if (c.raises)
       EXPECT_THROW(list.RemoveLink(c.a, c.b), CInvalidArgException);
     else
@@ -267,8 +265,9 @@ TEST(LinkList, RemovesInItsOwnOrder) {
       left.emplace_back(link->m_featureNumber1, link->m_featureNumber2);
     EXPECT_EQ(left, c.left);
     for (const int outside : {-1, static_cast<int>(left.size())}) EXPECT_THROW(list[outside], CInvalidArgException);
-    EXPECT_EQ(list[0]->m_featureNumber1, left[0].first);
-    EXPECT_TRUE(list.RemoveLink(left.back().second) && list.GetCount() == left.size() - 1);
+    EXPECT_EQ(list[0], list.m_links[0]);
+    EXPECT_TRUE(list.RemoveLink(left.back().second));
+    EXPECT_EQ(list.GetCount(), left.size() - 1);
   }
 }
 

@@ -1,4 +1,4 @@
-// A file into which record bodies are written and out of which they are read.
+// A file that record bodies are written to and read from.
 #pragma once
 #include "kesp/platform/File.h"
 #include "kesp/records/KespRecord.h"
@@ -25,7 +25,7 @@ struct Scratch {
 
   TempDir m_dir;
   CFile file{Text(m_dir / "body"), CFile::modeReadWrite | CFile::modeCreate};
-  bool written = false;  // what the last Write answered
+  bool written = false;  // what the last Write returned
 };
 
 }  // namespace kesp::test

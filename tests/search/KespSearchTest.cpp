@@ -108,7 +108,7 @@ TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
   for (auto [search, plain, inverted] : cases) {
     SCOPED_TRACE(search.m_searchText.ToUtf8() + search.m_pointNameFilter.ToUtf8() +
                  search.m_attributeNameFilter.ToUtf8());
-    EXPECT_TRUE(search.Validate(&feature) == plain && search.Validate(&bare));
+    EXPECT_EQ(std::tuple(search.Validate(&feature), search.Validate(&bare)), std::tuple(plain, true));
     search.SetInverted(true);
     EXPECT_EQ(search.Validate(&feature), inverted);
     const bool asksNothing = search.m_valueKind == SEARCH_VALUE_NONE;
@@ -117,19 +117,21 @@ TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
     EXPECT_EQ(search.Validate(static_cast<CKespAttribute*>(nullptr)), asksNothing);
     EXPECT_FALSE(search.Validate(static_cast<CKespFeature*>(nullptr)));
     search.Enable(false);
-    EXPECT_TRUE(search.Validate(&broken) && search.Validate(-1) && search.Validate("?"));
-    EXPECT_TRUE(search.Validate(static_cast<CKespFeature*>(nullptr)));
+    EXPECT_EQ(std::tuple(search.Validate(&broken), search.Validate(-1), search.Validate("?"),
+                         search.Validate(static_cast<CKespFeature*>(nullptr))),
+              std::tuple(true, true, true, true));
   }
   CKespSearch one(1, 5);
-  EXPECT_TRUE(!one.Validate(0) && one.Validate(5) && one.Validate(5u) && one.Validate(kNaN)) << "0 is a number";
-  EXPECT_TRUE(!CKespSearch().IsEnabled() && CKespSearch().GetSearchOptions() == kAll);
+  EXPECT_EQ(std::tuple(one.Validate(0), one.Validate(5), one.Validate(5u), one.Validate(kNaN)),
+            std::tuple(false, true, true, true));  // 0 is a number
+  EXPECT_EQ(std::tuple(CKespSearch().IsEnabled(), CKespSearch().GetSearchOptions()), std::tuple(false, kAll));
 }
 
 TEST(KespSearch, AFeatureNeedsAWantedTypeAndName) {
   CKespFeature feature;
   feature.FeatureName = "Tree in the park";
   CKespSearch search = Points("", 0);
-  search.SetInverted(true);  // of no account here
+  search.SetInverted(true);  // makes no difference here
   for (std::uint32_t type = 0; type <= 4; ++type) {
     feature.FeatureType = static_cast<KESP_FEATURE_TYPE>(type);
     for (int options = 1; options <= kAll; ++options) {
@@ -137,7 +139,8 @@ TEST(KespSearch, AFeatureNeedsAWantedTypeAndName) {
       EXPECT_EQ(search.Validate(&feature), type < 1 || type > 3 || (options >> (type - 1) & 1)) << type << options;
     }
     search.SetSearchOptions(kFold);
-    EXPECT_TRUE(search.Validate(&feature) && search.GetSearchOptions() == (kAll | kFold)) << "no type means all";
+    EXPECT_TRUE(search.Validate(&feature));
+    EXPECT_EQ(search.GetSearchOptions(), kAll | kFold) << "no type means all";
   }
   EXPECT_TRUE(search.FeatureNameRemove("Oak")) << "there is none";
   for (const char* name : {"TREE IN THE PARK", "Oak"}) search.FeatureNameFilterAdd(name);
@@ -146,7 +149,8 @@ TEST(KespSearch, AFeatureNeedsAWantedTypeAndName) {
   EXPECT_TRUE(search.Validate(&feature));
   EXPECT_TRUE(search.FeatureNameRemove("TREE IN THE PARK"));
   EXPECT_EQ(search.m_featureNames, (std::vector<CString>{"TREE IN THE PARK", feature.FeatureName})) << "others go";
-  EXPECT_TRUE(search.FeatureNameRemove("TREE IN THE PARK") && !search.FeatureNameRemove("TREE IN THE PARK"));
+  EXPECT_TRUE(search.FeatureNameRemove("TREE IN THE PARK"));
+  EXPECT_FALSE(search.FeatureNameRemove("TREE IN THE PARK"));
 }
 
 TEST(KespSearch, CopiesNoText) {
@@ -160,7 +164,8 @@ TEST(KespSearch, CopiesNoText) {
     search.SetSearchOptions(kAll | options);
     search.SetAttributeNameFilter(text), search.SetPointNameFilter(text), search.FeatureNameFilterAdd(text);
     const FaultyMemory none(1);
-    EXPECT_TRUE(search.Validate(&feature) && !FaultyMemory::Struck()) << options;
+    EXPECT_TRUE(search.Validate(&feature)) << options;
+    EXPECT_FALSE(FaultyMemory::Struck()) << options;
   }
 }
 

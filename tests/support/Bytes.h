@@ -14,7 +14,7 @@ namespace kesp::test {
 
 using ByteVector = std::vector<std::uint8_t>;
 
-// "02 01 ff" to bytes. "00*12" stands for twelve zero bytes, 'abc' for the 8-bit characters, "abc" for UTF-16 units.
+// "02 01 ff" to bytes. "00*12" is twelve zero bytes, 'abc' are 8-bit characters, "abc" UTF-16 units.
 inline ByteVector Hex(std::string_view text) {
   ByteVector bytes;
   const auto digit = [](char c) { return c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10; };
@@ -53,7 +53,7 @@ inline ByteVector operator+(ByteVector a, const ByteVector& b) {
   return a;
 }
 
-// The 50 bytes in front of the records, and a record around a body.
+// The 50 bytes before the records, and a record around a body.
 inline ByteVector FileHeader(std::uint16_t version = 3, std::uint32_t headerLength = 2) {
   ByteVector bytes = Hex("'Corvanthe Survey Devices -- Kesp Data File'");
   Append(bytes, version, 2);

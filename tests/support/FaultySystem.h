@@ -2,6 +2,7 @@
 // passed untouched when it is not Struck().
 #pragma once
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <set>
 #include <string>
@@ -17,6 +18,22 @@ struct IdleDisk : SystemCalls {
   ~IdleDisk() override { SetSystemCalls(nullptr); }
   int DataSync(int) override { return 0; }
   int FullSync(int) override { return 0; }
+};
+
+// Fails the reads that reach a place in the file, so often; any thread may read.
+class BadSpot : public IdleDisk {
+ public:
+  BadSpot(std::int64_t place, int times) : m_place(place), m_times(times) {}
+  ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {
+    if (offset > m_place || offset + static_cast<std::int64_t>(count) <= m_place || m_times-- <= 0)
+      return SystemCalls::Read(fd, to, count, offset);
+    errno = EIO;
+    return -1;
+  }
+
+ private:
+  const std::int64_t m_place;
+  std::atomic<int> m_times;
 };
 
 class FaultySystem : public IdleDisk {
@@ -40,8 +57,7 @@ class FaultySystem : public IdleDisk {
     return static_cast<int>(std::count(m_names.begin(), m_names.end(), name));
   }
   const std::vector<std::string>& Names() const { return m_names; }  // of the calls so far
-  // Answers of the power-event hook, from the front; false when used up.
-  std::string powerEvents;  // '1' for an event, '0' for none
+  std::string powerEvents;  // that happen when asked: '1' for an event, '0' for none; none when used up
   unsigned sleptMs = 0;
 
   int Open(const char* path, int flags, unsigned mode) override {
@@ -105,7 +121,7 @@ class FaultySystem : public IdleDisk {
   Fault m_fault = Fault::Error;
   bool m_forGood = false;
   bool m_short = false;
-  std::set<unsigned> m_tornAlready;  // the kinds of call that failed behind half a write
+  std::set<unsigned> m_tornAlready;  // the kinds of call that failed after half a write
   std::vector<std::string> m_names;
 };
 

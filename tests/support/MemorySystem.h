@@ -1,6 +1,5 @@
-// Files that live in memory, put in the place of the system for the library: a target runs thousands of times a second,
-// and how much it reads can be counted. No time, no permissions, no locks between objects but the one that matters:
-// what nobody made can't be opened.
+// Files in memory instead of the system's: a target runs thousands of times a second, and what it reads can be counted.
+// No times, permissions or locks; a file that was not made can't be opened.
 #pragma once
 #include <fcntl.h>
 #include <sys/stat.h>
