@@ -168,7 +168,7 @@ void CommandLine::AddDump() {
 void CommandLine::AddValidate() {
   CLI::App& command =
       Add(m_app, "validate",
-          "Check that files are whole, and report problems in what they hold\n\n"
+          "Check that files are whole, and report problems in them\n\n"
           "A file is whole when it begins with a header record and can be read to its end. Problems are "
           "such as features without points, numbers used more than once, points without a feature, and "
           "a header that doesn't tell what the file holds.",
