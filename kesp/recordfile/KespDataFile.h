@@ -203,7 +203,7 @@ class KESP_EXPORT CKespDataFile {
   // ReadNextRecord with a 64-bit position.
   CKespRecord* ReadNext(std::uint64_t& position, bool skipDeleted);
   [[gnu::noinline]] CKespRecord* ReadAnyRecord(std::uint64_t& position, bool skipDeleted);
-  std::unique_ptr<CKespRecord> ReachNextBody(std::uint64_t& position, bool skipDeleted);
+  CKespRecord* ReadBodyOf(std::unique_ptr<CKespRecord> record);
   bool Rebuild(const CString& destination, unsigned short kespVersion);
   bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);
