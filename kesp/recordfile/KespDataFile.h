@@ -198,6 +198,7 @@ class KESP_EXPORT CKespDataFile {
   friend class CKespFile;
   friend class kesp::StoreReader;
   enum class Update { kDone, kNotFound, kFailed };
+  class PendingAppend;
   static constexpr std::uint64_t kNoLimit = ~std::uint64_t{0};
 
   bool OpenWith(const CString& path, unsigned openFlags);
@@ -208,6 +209,7 @@ class KESP_EXPORT CKespDataFile {
   // ReadNextRecord with a 64-bit position.
   CKespRecord* ReadNext(std::uint64_t& position, bool skipDeleted);
   [[gnu::noinline]] CKespRecord* ReadAnyRecord(std::uint64_t& position, bool skipDeleted);
+  CKespRecord* ReadBodyOf(std::unique_ptr<CKespRecord> record);
   bool Rebuild(const CString& destination, unsigned short kespVersion);
   bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);

@@ -1,6 +1,7 @@
 // Walks over the records of an open file, and makes objects for record types.
 #include <cerrno>
 #include <memory>
+#include <utility>
 
 #include "kesp/format/RecordKinds.h"
 #include "kesp/platform/ReadAhead.h"
@@ -194,8 +195,11 @@ CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDele
     NoteFailure(e);
     return nullptr;
   }
-  if (m_error != KESP_ERROR_NONE) return nullptr;
-  // Outside the try block: a version-1 feature body that is cut short throws to the caller.
+  return m_error == KESP_ERROR_NONE ? ReadBodyOf(std::move(record)) : nullptr;
+}
+
+// A version-1 feature body that is cut short throws to the caller.
+CKespRecord* CKespDataFile::ReadBodyOf(std::unique_ptr<CKespRecord> record) {
   m_file.ForgetSystemError();
   if (record->Read(m_file)) return record.release();
   m_error = record->GetError();

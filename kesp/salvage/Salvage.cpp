@@ -131,13 +131,8 @@ class Salvager {
       NoteGap(start, m_length, reason);
       return Step::kEnd;
     };
-    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-    KESP_RECORD_TYPE type = KESP_RECORD_NONE;
     RecordHeader header;
-    if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) {
-      return endWith(m_source.GetError());
-    }
-    header.type = type;
+    if (!ReadHeaderAt(start, header)) return endWith(m_source.GetError());
     if (IsPassedOver(header)) {
       const std::uint64_t end = start + kRecordHeaderSize + header.length;
       if (end > m_length) return endWith(KESP_ERROR_RECORD_HEADER);
@@ -145,15 +140,9 @@ class Salvager {
       m_position = end;
       return Step::kGoOn;
     }
-    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-    std::unique_ptr<CKespRecord> record;
-    try {
-      record.reset(m_source.ReadNextRecord(false));
-    } catch (const CFileException& e) {
-      if (e.m_cause != CFileException::endOfFile) throw;
-      return endWith(KESP_ERROR_EOF);
-    }
-    if (!record) return endWith(m_source.GetError());
+    KESP_ERROR_TYPE error = KESP_ERROR_NONE;
+    const std::unique_ptr<CKespRecord> record = ReadRecordAt(start, error);
+    if (!record) return endWith(error);
     const std::uint64_t end = m_file.GetPosition();
     if (end > m_length) return endWith(KESP_ERROR_RECORD_HEADER);
     return Keep(start, *record, end);
@@ -215,17 +204,14 @@ class Salvager {
   // Handles one record where records are known to begin, or searches for the next such place.
   Step Next() {
     const std::uint64_t start = m_position;
-    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-    KESP_RECORD_TYPE type = KESP_RECORD_NONE;
     RecordHeader header;
-    if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) {
+    if (!ReadHeaderAt(start, header)) {
       if (m_source.GetError() == KESP_ERROR_NORMAL_EOF) return Step::kEnd;
       return m_source.GetError() == KESP_ERROR_NONE ? Step::kFailed : Damage(start, m_source.GetError());
     }
-    header.type = type;
-    const std::uint64_t body = start + kRecordHeaderSize;
     if (IsPassedOver(header)) return PassOver(start, header);
 
+    const std::uint64_t body = start + kRecordHeaderSize;
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
     // A record that was cut short may be followed by others: a writer was interrupted, and a later one appended.
@@ -236,16 +222,9 @@ class Salvager {
       // Only the header of the record is left.
       if (m_damaged && !IsPossible(header, body, bodyLength)) return Damage(start, KESP_ERROR_RECORD_HEADER);
     }
-    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-    std::unique_ptr<CKespRecord> record;
-    try {
-      record.reset(m_source.ReadNextRecord(false));
-    } catch (const CFileException& e) {
-      if (e.m_cause != CFileException::endOfFile) throw;
-      return Damage(start, KESP_ERROR_EOF);
-    }
+    KESP_ERROR_TYPE error = KESP_ERROR_NONE;
+    const std::unique_ptr<CKespRecord> record = ReadRecordAt(start, error);
     if (!record) {
-      const KESP_ERROR_TYPE error = m_source.GetError();
       if (error == KESP_ERROR_NONE && m_source.m_systemError != 0) return Step::kFailed;
       // A body that can't be, after an exact header: the next record is where the header says.
       if (isExact && GoesOnAt(body + bodyLength)) return Skip(start, body + bodyLength, error);
@@ -253,11 +232,34 @@ class Salvager {
     }
     const std::uint64_t end = m_file.GetPosition();
     if (inside == 0 && (isExact || GoesOnAt(end) || IsBelieved(start))) return Keep(start, *record, end);
-    // The walk reads this record and goes wrong after it. The copy keeps it, as the walk does.
+    return KeepTheLast(start, *record, end, inside);
+  }
+  // The walk reads this record and goes wrong after it. The copy keeps it, as the walk does.
+  Step KeepTheLast(std::uint64_t start, CKespRecord& record, std::uint64_t end, std::uint64_t inside) {
     if (m_damaged) return Damage(start, KESP_ERROR_RECORD_HEADER);
-    if (Keep(start, *record, end) == Step::kFailed) return Step::kFailed;
-    const std::uint64_t found = inside != 0 ? inside : Find(body);
+    if (Keep(start, record, end) == Step::kFailed) return Step::kFailed;
+    const std::uint64_t found = inside != 0 ? inside : Find(start + kRecordHeaderSize);
     return Skip(found < end ? start : end, found, KESP_ERROR_RECORD_HEADER);
+  }
+  bool ReadHeaderAt(std::uint64_t start, RecordHeader& header) {
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+    KESP_RECORD_TYPE type = KESP_RECORD_NONE;
+    const bool isRead = m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length);
+    header.type = type;
+    return isRead;
+  }
+  // Null, with the reason in `error`, when there is none to be read.
+  std::unique_ptr<CKespRecord> ReadRecordAt(std::uint64_t start, KESP_ERROR_TYPE& error) {
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+    try {
+      std::unique_ptr<CKespRecord> record(m_source.ReadNextRecord(false));
+      error = m_source.GetError();
+      return record;
+    } catch (const CFileException& e) {
+      if (e.m_cause != CFileException::endOfFile) throw;
+      error = KESP_ERROR_EOF;
+      return nullptr;
+    }
   }
 
   // Whether the walk is right about the record at `start`, which it reaches. It is right about all of a file whose end
@@ -274,24 +276,16 @@ class Salvager {
     std::uint64_t last = m_firstRecord;
     std::uint64_t start = m_firstRecord;
     while (start < m_length) {
-      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-      KESP_RECORD_TYPE type = KESP_RECORD_NONE;
       RecordHeader header;
-      if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) return last;
-      header.type = type;
+      if (!ReadHeaderAt(start, header)) return last;
       std::uint64_t bodyLength = 0;
       if (IsExact(header, start, bodyLength)) last = start;
       if (IsPassedOver(header)) {
         start += kRecordHeaderSize + header.length;
         continue;
       }
-      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-      try {
-        if (!std::unique_ptr<CKespRecord>{m_source.ReadNextRecord(false)}) return last;
-      } catch (const CFileException& e) {
-        if (e.m_cause != CFileException::endOfFile) throw;
-        return last;
-      }
+      KESP_ERROR_TYPE error = KESP_ERROR_NONE;
+      if (!ReadRecordAt(start, error)) return last;
       last = start;
       start = m_file.GetPosition();
     }
