@@ -1,4 +1,4 @@
-// What a data set says it holds.
+// A data set of a file of given bytes, and the names of the records in it.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -17,13 +17,9 @@ struct CKespFileTestAccess {
 
 namespace kesp::test {
 
-class Random {
- public:
-  explicit Random(unsigned seed) : m_engine(seed) {}
-  unsigned operator()(unsigned below) { return static_cast<unsigned>(m_engine() % below); }
-
- private:
-  std::mt19937 m_engine;
+struct Random : std::mt19937 {
+  using std::mt19937::mt19937;
+  unsigned operator()(unsigned below) { return static_cast<unsigned>(std::mt19937::operator()() % below); }
 };
 
 // "H F7 P7/3 A7:Girth E7 N:rain T3"
@@ -45,7 +41,7 @@ std::string Names(const Range& records) {
   for (const CKespRecord* record : records) names += (names.empty() ? "" : " ") + Name(record);
   return names;
 }
-// What a query answered, which is released.
+// Of the array that a query returned, which is deleted here.
 template <class RecordType>
 std::string Names(RecordType** array, int count) {
   EXPECT_NE(array, nullptr);
