@@ -43,21 +43,24 @@ std::vector<CKespRecord*> Family(const CKespFeature& feature) {
 
 class RandomRun {
  public:
-  explicit RandomRun(unsigned seed) : m_random(seed) {}
+  explicit RandomRun(unsigned seed) : m_random(seed) {
+    m_text = "first";
+    WriteNew();
+  }
   ~RandomRun() {
     Clearing([this] { return m_file.reset(), ERR_NONE; });
   }
   void Step(unsigned step) {
     using Operation = void (RandomRun::*)();
     static constexpr std::pair<unsigned, Operation> kOperations[] = {
-        {33, &RandomRun::Queue},  {41, &RandomRun::Append},      {50, &RandomRun::WriteNew}, {62, &RandomRun::Read},
-        {72, &RandomRun::Delete}, {88, &RandomRun::DeletePoint}, {94, &RandomRun::Close},    {100, &RandomRun::Open}};
+        {33, &RandomRun::Queue},  {41, &RandomRun::Append},      {50, &RandomRun::WriteNew}, {63, &RandomRun::Read},
+        {74, &RandomRun::Delete}, {92, &RandomRun::DeletePoint}, {100, &RandomRun::Reopen}};
     m_text = "t" + std::to_string(step);
     m_before = Now();
     const auto* operation = std::begin(kOperations);
     for (const unsigned dice = m_random(100); operation->first <= dice;) ++operation;
     (this->*operation->second)();
-    EXPECT_EQ(m_file->m_pDataFile->IsOpen(), !m_path.empty());
+    EXPECT_TRUE(m_file->m_pDataFile->IsOpen());
     for (const auto& entry : m_file->m_featureIndex) {
       EXPECT_EQ(entry.key, entry.value->FeatureNumber);
       for (const CKespPoint* point : entry.value->m_pointList) EXPECT_EQ(point->FeatureNumber, entry.key);
@@ -69,8 +72,8 @@ class RandomRun {
   Disk Now() const {
     Disk disk;
     CKespDataFile file;
-    if (m_path.empty()) return disk;
-    EXPECT_TRUE(file.OpenReadOnly(Text(m_dir / m_path)) && file.SeekToFirstRecord());
+    EXPECT_TRUE(file.OpenReadOnly(m_path));
+    EXPECT_TRUE(file.SeekToFirstRecord());
     while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(false)})
       disk[record->m_filePosition] = ContentOf(record.get());
     EXPECT_EQ(file.GetError(), KESP_ERROR_NORMAL_EOF);
@@ -109,44 +112,36 @@ class RandomRun {
     EXPECT_EQ(*m_file->m_featureIndex.Find(number), feature);
   }
   // Writes the queue by `write`: all of it comes after what was there.
-  template <class Write>
-  void WriteAll(std::uint32_t mark, const std::string& path, Write write) {
+  void WriteAll(std::uint32_t mark, ErrorEnum (CKespFile::*write)(CString)) {
     std::vector<Content> expected, found;
-    m_path = path;
-    if (mark != 0) m_before = Now();
     for (const auto& entry : m_before) expected.push_back(entry.second);
     for (CKespRecord* record : m_file->m_recordList) {
       Content content = ContentOf(record).Marked(mark);  // and once more by reading it
       expected.push_back(content.Marked(std::exchange(content.flags, 0)));
     }
-    EXPECT_EQ(write(Text(m_dir / path)), ERR_NONE);
+    EXPECT_EQ((m_file.get()->*write)(m_path), ERR_NONE);
     for (const auto& entry : Now()) found.push_back(entry.second);
     EXPECT_EQ(found, expected);
-    m_home = path;
-    m_files.insert(path);
   }
   void Append() {
-    if (m_files.empty() || m_before.size() > 250) return;
-    WriteAll(KESP_SRC_ADDED, m_path.empty() ? AnyFile() : m_path,
-             [this](const CString& path) { return m_file->AppendToKespFileFromQueue(path); });
+    if (m_before.size() <= 250) WriteAll(KESP_SRC_ADDED, &CKespFile::AppendToKespFileFromQueue);
   }
   void WriteNew() {
-    EXPECT_EQ(m_file->WriteNewKespFileFromQueue(Text(m_dir / (m_path.empty() ? "." : m_path))), ERR_FILE_EXISTS);
+    m_path = Text(m_dir / m_text);
     m_before.clear();
-    WriteAll(0, m_text, [this](const CString& path) { return m_file->WriteNewKespFileFromQueue(path); });
+    WriteAll(0, &CKespFile::WriteNewKespFileFromQueue);
   }
-  std::string AnyFile() { return *std::next(m_files.begin(), m_random(static_cast<unsigned>(m_files.size()))); }
-  void Open() {
-    if (m_files.empty()) return;
-    const std::string name = AnyFile();
+  // Changes the header at most, where it comes first.
+  void Reopen() {
     CString message;
-    if (m_random(2) == 0) (void)m_file->OpenKespReadOnly(Text(m_dir / name), message);
-    const bool isFree = m_path.empty() || m_path == name;
-    EXPECT_EQ(m_file->OpenKesp(Text(m_dir / name), message), isFree ? ERR_NONE : ERR_OTHER_FILE_OPEN);
-    if (m_path.empty()) m_path = name;
+    EXPECT_EQ(m_file->CloseKesp(), ERR_NONE);
+    if (m_random(2) == 0) (void)m_file->OpenKespReadOnly(m_path, message);
+    EXPECT_EQ(m_file->OpenKesp(m_path, message), ERR_NONE);
+    Disk now = Now();
+    if (!now.empty() && now.begin()->second.name == "H") now.begin()->second = m_before.begin()->second;
+    EXPECT_EQ(now, m_before);
   }
   void Read() {
-    if (m_path.empty()) return;
     const bool includeDeleted = m_random(3) == 0, validates = !includeDeleted && m_random(3) == 0;
     std::string names;
     std::map<std::string, std::uint32_t> points;  // of the features, by name
@@ -171,7 +166,6 @@ class RandomRun {
     EXPECT_EQ(Names(m_file->m_recordList), names);
     EXPECT_EQ(m_file->m_featureIndex.GetCount(), std::ssize(points));
     EXPECT_EQ(m_file->m_numPoints, sum);
-    m_home = m_path;
   }
   // Runs what deletes these records: on the disk they are marked, and nothing else changes.
   template <class Operation>
@@ -184,7 +178,7 @@ class RandomRun {
     }
     operation();
     Disk now = Now();
-    for (const std::uint32_t place : places) EXPECT_TRUE(m_path.empty() || now[place].IsDeleted()) << place;
+    for (const std::uint32_t place : places) EXPECT_TRUE(now[place].IsDeleted()) << place;
     for (auto& [position, content] : now) {
       const Content& before = m_before[position];
       if (content == before) continue;
@@ -194,10 +188,8 @@ class RandomRun {
     }
     EXPECT_EQ(now.size(), m_before.size());
   }
-  // A place in another file may be anywhere in this one: there is no telling what is read there.
-  bool ArePlaced() const { return m_path.empty() || m_home.empty() || m_home == m_path; }
   void Delete() {
-    if (m_file->m_featureIndex.IsEmpty() || !ArePlaced()) return;
+    if (m_file->m_featureIndex.IsEmpty()) return;
     CKespFeature* const feature = (*m_file->m_featureIndex.begin()).value;
     const auto points = static_cast<std::uint32_t>(feature->GetNumPoints());
     const std::uint32_t before = m_file->m_numPoints, number = feature->FeatureNumber;
@@ -211,7 +203,7 @@ class RandomRun {
     for (CKespRecord* record : m_file->m_recordList) {
       if (auto* const point = dynamic_cast<CKespPoint*>(record)) points.push_back(point);
     }
-    if (points.empty() || !ArePlaced()) return;
+    if (points.empty()) return;
     CKespPoint* const point = points[m_random(static_cast<unsigned>(points.size()))];
     CKespFeature* const* const found = m_file->m_featureIndex.Find(point->FeatureNumber);
     CKespFeature* const feature = found != nullptr ? *found : nullptr;
@@ -231,14 +223,6 @@ class RandomRun {
     EXPECT_EQ(m_file->m_recordList.GetCount(), isMember && !isOnly ? list - 1 : list);
     EXPECT_EQ(m_file->m_numPoints, isMember || isOnly ? before - std::min(before, 1U) : before);
   }
-  // Changes the header at most, where it comes first.
-  void Close() {
-    EXPECT_EQ(m_file->CloseKesp(), ERR_NONE);
-    Disk now = Now();
-    if (!now.empty() && now.begin()->second.name == "H") now.begin()->second = m_before.begin()->second;
-    EXPECT_EQ(now, m_before);
-    m_path.clear();
-  }
 
   IdleDisk m_idleDisk;
   Random m_random;
@@ -247,8 +231,7 @@ class RandomRun {
   std::string m_text;             // of the step
   Disk m_before;                  // what the open file held before it
   std::set<CKespRecord*> m_ours;  // features to delete unless the data set has them in its index
-  std::set<std::string> m_files;  // by name
-  std::string m_path, m_home;     // of the open file, and of the one that the records were read from or written to
+  CString m_path;                 // of the open file
 };
 
 unsigned FromEnvironment(const char* name, unsigned otherwise) {
