@@ -48,21 +48,22 @@ std::string Names(RecordType** array, int count) {
   const std::unique_ptr<RecordType*[]> own(array);
   return Names(std::span<RecordType*>(array, static_cast<std::size_t>(count)));
 }
-// A data set and a file of the given bytes, opened.
+enum class Then { Open, Read };
+// A data set and a file of the given bytes, opened, and read where that is asked for.
 class DataSet {
  public:
-  explicit DataSet(const ByteVector& bytes) {
+  explicit DataSet(const ByteVector& bytes, Then then = Then::Open) {
     WriteFile(path, bytes);
-    CString message;
-    opened = file.OpenKesp(Text(path), message);
+    (void)file.OpenKesp(Text(path), message);
+    EXPECT_TRUE(then == Then::Open || file.ReadKespFile(false) == ERR_NONE);
   }
   CKespFeature* Feature(std::uint32_t number) const { return *file.m_featureIndex.Find(number); }
   CKespPoint* Point(std::uint32_t number) const { return *file.m_pointIndex.Find(number); }
 
   TempDir dir;
   std::filesystem::path path = dir / "survey.kesp";
+  CString message;
   CKespFile file;
-  ErrorEnum opened;
 };
 
 }  // namespace kesp::test

@@ -29,8 +29,7 @@ std::string ByLogic(Query query) {
 }
 
 TEST(Queries, CompareFlagsTypesTextsAndNumbers) {
-  DataSet set(Several());
-  ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+  DataSet set(Several(), Then::Read);
   using F = CKespFile;
   F& f = set.file;
   const auto with = [&](auto query, auto wanted) {

@@ -101,8 +101,8 @@ TEST(ReadKespFile, TakesTimesAndNoOffsetsOfPointsThatStay) {
   const ByteVector withOffset =
       Record(2, 2, 0, Body(2, 2, {{"feature", 7}, {"point", 2}, {"time", -5}, {"hasOffset", 1}, {"offset1", 2.5}}));
   DataSet set(Survey({Header2{}, Feature(7), Point(7, 1, {}, 0x2), Feature(7), withOffset, Point(9, 2, {2000}),
-                      Attribute(7, "a", "", 0x8), Point(7, 3, {900})}));
-  ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+                      Attribute(7, "a", "", 0x8), Point(7, 3, {900})}),
+              Then::Read);
   EXPECT_EQ((*std::next(set.file.m_recordList.begin()))->m_flags, 0u);  // its number was taken
   EXPECT_EQ(set.Feature(7)->m_flags, 0x8u);
   EXPECT_EQ(set.Point(2)->Offset1, 0);

@@ -202,8 +202,8 @@ TEST(WriteQueue, IsBroughtToAnOldVersion) {
   const std::string longName(30, 'n');
   for (const std::uint16_t version : {std::uint16_t{1}, std::uint16_t{2}}) {
     DataSet set(Survey({Header2{}, Feature(7, longName), Attribute(7, "Girth", "thick"), Point(7, 1, {.text = "A1"}),
-                        EndOf(7), Tag(1, "n", Words({5})), Note("rain")}));
-    ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+                        EndOf(7), Tag(1, "n", Words({5})), Note("rain")}),
+                Then::Read);
     set.Point(1)->SetOffset(1.5, 2.5);
     kesp::FormatLoss loss;
     set.file.SetQueueVersion(3, loss);
@@ -222,9 +222,7 @@ TEST(WriteQueue, IsBroughtToAnOldVersion) {
 }
 
 TEST(WriteQueue, CountsWhatIsInTheFileAlready) {
-  DataSet set(Survey({Header2{}, Feature(7), Point(7, 1)}));
-  EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 0);
-  ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+  DataSet set(Survey({Header2{}, Feature(7), Point(7, 1)}), Then::Read);
   CKespNote note;
   set.file.AddNoteToWriteQueue(&note);
   EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 3);
@@ -234,10 +232,9 @@ TEST(WriteQueue, CountsWhatIsInTheFileAlready) {
   EXPECT_EQ(set.file.AppendToKespFileFromQueue(Text(set.path)), ERR_NONE);
   EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 1);
   // In another file it is new.
-  CString message;
   WriteFile(set.dir / "other", Survey({}));
   EXPECT_EQ(set.file.CloseKesp(), ERR_NONE);
-  EXPECT_EQ(set.file.OpenKesp(Text(set.dir / "other"), message), ERR_NONE);
+  EXPECT_EQ(set.file.OpenKesp(Text(set.dir / "other"), set.message), ERR_NONE);
   EXPECT_EQ(set.file.CountQueuedFromOpenFile(), 0);
 }
 
@@ -245,10 +242,9 @@ TEST(WriteQueue, IsNotWrittenIntoAFileOfAnotherSpelling) {
   DataSet set(Survey({Header2{}}));
   const auto other = set.dir / "SURVEY.kesp";
   WriteFile(other, Survey({}));
-  CString message;
   CKespNote note;
   set.file.AddNoteToWriteQueue(&note);
-  EXPECT_EQ(set.file.OpenKesp(Text(other), message), ERR_OTHER_FILE_OPEN);
+  EXPECT_EQ(set.file.OpenKesp(Text(other), set.message), ERR_OTHER_FILE_OPEN);
   EXPECT_EQ(set.file.AppendToKespFileFromQueue(Text(other)), ERR_OTHER_FILE_OPEN);
   EXPECT_EQ(ReadFile(set.path), Survey({Header2{}}));
 }
