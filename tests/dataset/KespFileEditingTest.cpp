@@ -62,7 +62,9 @@ TEST(SetCleanKespClose, TouchesOneBitOfANewerHeaderThatComesFirst) {
   EXPECT_EQ(ReadFile(set.path), with(0xF1, 8));
   EXPECT_EQ(set.file.SetCleanKespClose(false), ERR_SEEK_FAILED);
   EXPECT_EQ(Update(set.file, 0, 1, 0, 1), ERR_FILE_NOT_OPEN);
-  for (const ByteVector& bytes : {Survey({Header1()}, 1), Survey({}), Survey({Note("x"), Header2{}})}) {
+  const ByteVector deleted = Record(3, 2, 1, Header2{}.Body());
+  for (const ByteVector& bytes :
+       {Survey({Header1()}, 1), Survey({}), Survey({Note("x"), Header2{}}), Survey({deleted, Note("x")})}) {
     DataSet other(bytes);
     EXPECT_EQ(other.file.SetCleanKespClose(true), ERR_NONE);
     EXPECT_TRUE(bytes[42] == 1 || Update(other.file, 0, 1, 0, 1) == ERR_READ_FAILED);
@@ -91,6 +93,7 @@ TEST(Deletion, FindsRecordsWhereverTheyAreOrNone) {
   EXPECT_TRUE(set.Point(4)->IsDeleted());
   EXPECT_EQ(Access::DeletePointInFeature(file, nullptr, feature), 0);
   EXPECT_EQ(Access::DeletePointInFeature(file, set.Point(1), nullptr), 0);
+  EXPECT_EQ(Access::DeletePointInFeature(file, set.Point(1), set.Feature(8)), 0);
   Access::DeletePoint(file, nullptr);
   EXPECT_EQ(ReadFile(set.path), TwoFeatures({}));
   set.Point(1)->m_filePosition = 1 << 20;
@@ -102,11 +105,27 @@ TEST(Deletion, FindsRecordsWhereverTheyAreOrNone) {
   EXPECT_EQ(file.m_numPoints, 0u);
   EXPECT_EQ(file.m_pDataFile->GetPosition(), feature->GetFeatureEnd()->m_filePosition);
 
+  EXPECT_EQ(file.m_featureIndex.Find(7), nullptr);
+  EXPECT_TRUE(feature->IsDeleted());
+
   ASSERT_EQ(file.ReadKespFile(true), ERR_NONE);
-  CKespPoint* const point = set.Point(1);
-  point->PointNumber = 98;
-  Access::DeletePoint(file, point);
-  EXPECT_EQ(file.m_pointIndex.Find(1), nullptr) << "the entry under the number that it had";
+  // To a number that nobody has, and to another point's.
+  for (const auto& [entered, number] : {std::pair(1u, 98u), std::pair(2u, 3u)}) {
+    CKespPoint* const point = set.Point(entered);
+    point->PointNumber = number;
+    EXPECT_EQ(Access::DeletePointInFeature(file, point, set.Feature(7)), 2);
+    EXPECT_EQ(file.m_pointIndex.Find(entered), nullptr) << "the entry under the number that it had";
+  }
+  EXPECT_EQ(file.m_recordList.GetCount(), 8);
+  EXPECT_EQ(file.m_numPoints, 2u);
+  // The only point of a feature takes the feature with it, and so does a stray one.
+  EXPECT_EQ(Access::DeletePointInFeature(file, set.Point(4), set.Feature(8)), 1);
+  EXPECT_EQ(file.m_featureIndex.Find(8), nullptr);
+  CKespPoint stray;
+  stray.FeatureNumber = 7;
+  Access::DeletePoint(file, &stray);
+  EXPECT_TRUE(set.Point(3)->IsDeleted());
+  EXPECT_EQ(ReadFile(set.path), TwoFeatures({1, 2, 3, 5, 6, 7}));
 }
 
 TEST(Deletion, DoesNotSearchTheFileWhereWritingIsRefused) {

@@ -164,11 +164,15 @@ TEST(WriteQueue, TakesOverWhatItIndexesAndHeaders) {
     CKespFeature first;  // stays the test's: the second one takes its number
     auto* const second = new Counted<CKespFeature>(deleted);
     auto* const header = new Counted<CKespTavoHeader>(deleted);
-    CKespRecord* records[] = {header, &first, second, second, nullptr, header};
-    EXPECT_EQ(file.AddRecordsToWriteQueue(records, 6), ERR_NONE);
+    CKespPoint point;
+    CKespRecord* records[] = {header, &first, second, second, nullptr, header, &point};
+    EXPECT_EQ(file.AddRecordsToWriteQueue(records, 7), ERR_NONE);
+    EXPECT_EQ(*file.m_featureIndex.Find(0), second);
+    EXPECT_EQ(*file.m_pointIndex.Find(0), &point);
+    EXPECT_EQ(file.m_numPoints, 1u);
     EXPECT_EQ(file.AddTavoHeaderToWriteQueue(header), ERR_NONE);
     file.m_recordList.AddTail(new Counted<CKespTavoHeader>(deleted));  // without the queue's operations
-    EXPECT_EQ(Names(file.m_recordList), "H F0 F0 F0 null H H H");
+    EXPECT_EQ(Names(file.m_recordList), "H F0 F0 F0 null H P0/0 H H");
     file.AddNoteToWriteQueue(std::make_unique<CKespNote>().get());  // deleted by its host by then
   }
   EXPECT_EQ(deleted, 3);
