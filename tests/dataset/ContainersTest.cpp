@@ -10,7 +10,7 @@ using namespace kesp::test;
 
 namespace {
 
-// Random keys of some shape, beside what the order is defined by: 17 chains, walked from the front.
+// Random keys of some shape, compared with what defines the order: 17 chains, walked from the front.
 template <class Key, class MakeKey>
 void CompareWithChains(MakeKey makeKey, unsigned keys) {
   Random random(7);
@@ -33,8 +33,9 @@ void CompareWithChains(MakeKey makeKey, unsigned keys) {
     std::vector<std::pair<Key, int>> walked, expected;
     for (const auto& one : chains) expected.insert(expected.end(), one.begin(), one.end());
     for (const auto& entry : map) walked.emplace_back(entry.key, entry.value);
-    ASSERT_TRUE(walked == expected && map.GetCount() == std::ssize(expected)) << step;
-    for (const auto& [there, value] : expected) ASSERT_TRUE(map.Find(there) != nullptr && *map.Find(there) == value);
+    ASSERT_EQ(walked, expected) << step;
+    ASSERT_EQ(map.GetCount(), std::ssize(expected));
+    for (const auto& [there, value] : expected) ASSERT_EQ(*map.Find(there), value);
   }
 }
 
@@ -55,19 +56,13 @@ TEST(RecordList, KeepsItsOrderWhateverIsRemoved) {
     const unsigned what = random(160);
     // Null and repeated entries are ordinary ones.
     CKespRecord* const record = random(13) == 0 ? nullptr : &notes[random(12)];
-    if (what < 120) {
-      list.AddTail(record);
-      model.push_back(record);
-    } else if (what < 159) {
-      list.Remove(record);
-      std::erase(model, record);
-    } else {
-      list.RemoveAll();
-      model.clear();
-    }
-    ASSERT_TRUE(list.GetCount() == std::ssize(model) && list.IsEmpty() == model.empty()) << step;
+    if (what < 120) list.AddTail(record), model.push_back(record);
+    if (what >= 120 && what < 159) list.Remove(record), std::erase(model, record);
+    if (what == 159) list.RemoveAll(), model.clear();
+    ASSERT_EQ(std::vector<CKespRecord*>(list.begin(), list.end()), model) << step;
+    ASSERT_EQ(list.GetCount(), std::ssize(model));
+    ASSERT_EQ(list.IsEmpty(), model.empty());
     ASSERT_EQ(list.GetHead(), model.empty() ? nullptr : model.front());
-    ASSERT_TRUE(std::equal(list.begin(), list.end(), model.begin(), model.end())) << step;
   }
 }
 
@@ -76,33 +71,27 @@ TEST(RecordList, IsWalkedWhateverGoesAndComes) {
   CKespNote late;
   kesp::RecordList list;
   for (CKespNote& note : notes) list.AddTail(&note);
-  std::vector<CKespRecord*> walked;
+  std::vector<CKespRecord*> walked, expected;
   for (CKespRecord* record : list) {
     walked.push_back(record);
-    const auto at = static_cast<std::size_t>(static_cast<CKespNote*>(record) - notes.data());
     if (record == &late) continue;
+    const auto at = static_cast<std::size_t>(static_cast<CKespNote*>(record) - notes.data());
     list.Remove(record);
     if (at % 3 == 0) list.Remove(&notes[at + 1]);  // before the walk gets there
-    if (at == 0) {
-      list.AddTail(&late);
-      list.Remove(&late);
-      list.AddTail(&late);
-    }
+    if (at == 0) list.AddTail(&late), list.Remove(&late), list.AddTail(&late);
   }
-  std::vector<CKespRecord*> expected;
   for (std::size_t i = 0; i < notes.size(); ++i) {
     if (i % 3 != 1) expected.push_back(&notes[i]);
   }
   expected.push_back(&late);
-  EXPECT_TRUE(walked == expected);
-  EXPECT_TRUE(list.GetCount() == 1 && list.GetHead() == &late);
-  for (auto walk = list.begin(); walk != list.end(); ++walk) {
-    if (*walk != &late) continue;
-    list.RemoveAll();
-    EXPECT_EQ(*walk, nullptr);
-    list.AddTail(notes.data());
-    EXPECT_EQ(*++walk, notes.data());
-  }
+  EXPECT_EQ(walked, expected);
+  EXPECT_EQ(list.GetCount(), 1);
+  auto walk = list.begin();
+  ASSERT_EQ(*walk, &late);
+  list.RemoveAll();
+  EXPECT_EQ(*walk, nullptr);
+  list.AddTail(notes.data());
+  EXPECT_EQ(*++walk, notes.data());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What a data set says it holds.
+// A data set of a file of given bytes, and the names of the records in it.
 #pragma once
 #include <gtest/gtest.h>
 
@@ -17,13 +17,9 @@ struct CKespFileTestAccess {
 
 namespace kesp::test {
 
-class Random {
- public:
-  explicit Random(unsigned seed) : m_engine(seed) {}
-  unsigned operator()(unsigned below) { return static_cast<unsigned>(m_engine() % below); }
-
- private:
-  std::mt19937 m_engine;
+struct Random : std::mt19937 {
+  using std::mt19937::mt19937;
+  unsigned operator()(unsigned below) { return static_cast<unsigned>(std::mt19937::operator()() % below); }
 };
 
 // "H F7 P7/3 A7:Girth E7 N:rain T3"
@@ -45,28 +41,29 @@ std::string Names(const Range& records) {
   for (const CKespRecord* record : records) names += (names.empty() ? "" : " ") + Name(record);
   return names;
 }
-// What a query answered, which is released.
+// Of the array that a query returned, which is deleted here.
 template <class RecordType>
 std::string Names(RecordType** array, int count) {
   EXPECT_NE(array, nullptr);
   const std::unique_ptr<RecordType*[]> own(array);
   return Names(std::span<RecordType*>(array, static_cast<std::size_t>(count)));
 }
-// A data set and a file of the given bytes, opened.
+enum class Then { Open, Read };
+// A data set and a file of the given bytes, opened, and read where that is asked for.
 class DataSet {
  public:
-  explicit DataSet(const ByteVector& bytes) {
+  explicit DataSet(const ByteVector& bytes, Then then = Then::Open) {
     WriteFile(path, bytes);
-    CString message;
-    opened = file.OpenKesp(Text(path), message);
+    (void)file.OpenKesp(Text(path), message);
+    EXPECT_TRUE(then == Then::Open || file.ReadKespFile(false) == ERR_NONE);
   }
   CKespFeature* Feature(std::uint32_t number) const { return *file.m_featureIndex.Find(number); }
   CKespPoint* Point(std::uint32_t number) const { return *file.m_pointIndex.Find(number); }
 
   TempDir dir;
   std::filesystem::path path = dir / "survey.kesp";
+  CString message;
   CKespFile file;
-  ErrorEnum opened;
 };
 
 }  // namespace kesp::test

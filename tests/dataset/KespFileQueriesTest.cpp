@@ -29,8 +29,7 @@ std::string ByLogic(Query query) {
 }
 
 TEST(Queries, CompareFlagsTypesTextsAndNumbers) {
-  DataSet set(Several());
-  ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
+  DataSet set(Several(), Then::Read);
   using F = CKespFile;
   F& f = set.file;
   const auto with = [&](auto query, auto wanted) {
@@ -74,22 +73,19 @@ TEST(Queries, CompareFlagsTypesTextsAndNumbers) {
   EXPECT_EQ(among(CString("hi")), "F2||F1|F2 F1||F2 F1|||");
   set.Feature(1)->GetAttribute(0)->Value = 2e-12;  // from 0, neither equal nor different
   set.Feature(3)->FeatureType = static_cast<KESP_FEATURE_TYPE>(9);
-  f.AddFeatureRecOnlyToWriteQueue(set.Feature(1));  // stands there twice, and is found twice
+  f.AddFeatureRecOnlyToWriteQueue(set.Feature(1));  // is in the list twice, and is found twice
   f.AddNoteToWriteQueue(nullptr);
   EXPECT_EQ(attribute(0.0), "|||F2||F1 F2 F1|||");
   EXPECT_EQ(type(0), "|F3||F1 F2 F1|||||");  // types without a name are one
 }
 
-TEST(Queries, AnswerByNumberAndJoin) {
+TEST(Queries, FindByNumberAndJoin) {
   DataSet set(Several());
   CKespFile& f = set.file;
-  const auto answer = [](auto ask) {
-    int count = -1;
-    auto** const found = ask(count);
-    return Names(found, count);
-  };
+  int count = -1;
   const auto tags = [&](CKespFile& of, const char* name) {
-    return answer([&](int& count) { return of.GetStringToStringTags(name, count); });
+    auto** const found = of.GetStringToStringTags(name, count);
+    return Names(found, count);
   };
   EXPECT_EQ(tags(f, "key"), "T3 T3");  // reads the file: nothing was read yet
   EXPECT_EQ(tags(f, "k"), "");
@@ -97,42 +93,37 @@ TEST(Queries, AnswerByNumberAndJoin) {
   EXPECT_EQ(tags(empty, "key"), "");
   CKespPoint* point = nullptr;
   CKespFeature* feature = nullptr;
-  EXPECT_TRUE(f.GetPoint(5, point) == ERR_NONE && f.GetFeature(2, feature) == ERR_NONE);
-  EXPECT_TRUE(f.GetPoint(6, point) == ERR_NOT_FOUND && f.GetFeature(6, feature) == ERR_NOT_FOUND);
+  const auto lookUp = [&](unsigned long number) {
+    return std::pair(f.GetPoint(number + 3, point), f.GetFeature(number, feature));
+  };
+  EXPECT_EQ(lookUp(2), std::pair(ERR_NONE, ERR_NONE));
+  EXPECT_EQ(lookUp(6), std::pair(ERR_NOT_FOUND, ERR_NOT_FOUND));
   EXPECT_EQ(Name(point) + Name(feature), "P2/5F2");
   CKespFeature* one[] = {set.Feature(1), set.Feature(2)};
   const auto join = [&](CKespFeature** a, int aCount, CKespFeature** b, int bCount) {
-    return answer([&](int& count) { return f.JoinTwoArrays(a, aCount, b, bCount, count); });
+    auto** const joined = f.JoinTwoArrays(a, aCount, b, bCount, count);
+    return Names(joined, count);
   };
   EXPECT_EQ(join(one, 2, one + 1, 1), "F1 F2 F2");
   EXPECT_EQ(join(one, 2, nullptr, 0), "F1 F2");
   EXPECT_EQ(join(nullptr, 0, nullptr, -1), "");
   f.CloseKesp();
-  EXPECT_TRUE(f.GetPoint(5, point) == ERR_FILE_NOT_OPEN && f.GetFeature(2, feature) == ERR_FILE_NOT_OPEN);
+  EXPECT_EQ(lookUp(2), std::pair(ERR_FILE_NOT_OPEN, ERR_FILE_NOT_OPEN));
 }
 
-TEST(Summary, LooksAtEveryPointInTheOrderOfTheIndex) {
+TEST(Summary, OfNoPointsHasNoExtentAndTimesThatAnyPointReplaces) {
   CTime first, last;
   CBoundingBox extent(100, 200, 100, 200);
   CString text = u"old";
   unsigned long points = 9, features = 9;
   std::tm start{1, 1, 1, 2, 0, 70, 0, 0, -1, 0, nullptr};
   const std::int64_t inTenThousandDays = CTime::GetCurrentTime().GetTime() + 864000000;
-  CKespFile empty;
-  EXPECT_EQ(empty.GetKespDataSummary(points, features, extent, first, last, text), ERR_NONE);
-  EXPECT_TRUE(points + features == 0 && !extent.IsValid() && text.IsEmpty());
+  EXPECT_EQ(CKespFile().GetKespDataSummary(points, features, extent, first, last, text), ERR_NONE);
+  EXPECT_EQ(points + features, 0u);
+  EXPECT_FALSE(extent.IsValid());
+  EXPECT_TRUE(text.IsEmpty());
   EXPECT_NEAR(static_cast<double>(first.GetTime()), static_cast<double>(inTenThousandDays), 60);
   EXPECT_EQ(last.GetTime(), std::mktime(&start));
-
-  // Feature 2 comes before feature 1 in the index, whatever their places in the file.
-  DataSet set(Survey({Header2{}, Feature(1), Point(1, 1, {900000, 5, 6, "later in the walk"}), Feature(2),
-                      Point(2, 2, {-7, -1, 2, "negative"}), Point(2, 3, {900000, 3, -4, "first latest"}), Feature(3)}));
-  ASSERT_EQ(set.file.ReadKespFile(false), ERR_NONE);
-  set.file.GetKespDataSummary(points, features, extent, first, last, text);
-  EXPECT_TRUE(points == 3 && features == 3 && first.GetTime() == -7 && last.GetTime() == 900000);
-  EXPECT_EQ(text, CString("first latest"));
-  EXPECT_EQ((std::vector{extent.MinX(), extent.MaxX(), extent.MinY(), extent.MaxY()}),
-            (std::vector<double>{-1, 5, -4, 6}));
 }
 
 }  // namespace

@@ -33,7 +33,8 @@ TEST(DamagedBytes, CostTheRecordsThatTheLayoutSays) {
       const auto readable = ReadFrom(file, kFirst, true).positions;
       ASSERT_TRUE(damaged.SeekToFirstRecord());
       EXPECT_EQ(WalkOn(damaged), ReadFrom(file, *first, false));
-      EXPECT_TRUE(damaged.CopyVerify("b", 2) && copied() == readable.size());
+      EXPECT_TRUE(damaged.CopyVerify("b", 2));
+      EXPECT_EQ(copied(), readable.size());
       const bool isWhole = damaged.EndsWhole();
       ASSERT_TRUE(damaged.SeekToFirstRecord());
       EXPECT_EQ(isWhole, WalkOn(damaged, true).error == KESP_ERROR_NORMAL_EOF && damaged.GetPosition() == file.size());
@@ -47,7 +48,8 @@ TEST(DamagedBytes, CostTheRecordsThatTheLayoutSays) {
         start += static_cast<std::uint32_t>(record.size());
       }
       kesp::SalvageReport report;
-      EXPECT_TRUE(kesp::Salvage(damaged, "b", 0, report) && copied() == report.kept);
+      EXPECT_TRUE(kesp::Salvage(damaged, "b", 0, report));
+      EXPECT_EQ(copied(), salvaged);
       EXPECT_EQ(report.kept, salvaged);
     }
   }

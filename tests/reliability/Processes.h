@@ -11,7 +11,7 @@
 #include "kesp/records/KespTag.h"
 #include "tests/recordfile/Survey.h"
 
-// Ends a child, whose answer is where that was.
+// Ends a child, whose exit status is the line.
 #define NEED(condition) \
   if (!(condition)) ::_exit(__LINE__)
 
@@ -20,11 +20,11 @@ namespace kesp::test {
 // What the processes know of one file.
 struct Board {
   static constexpr std::uint32_t kMost = 10'000;
-  std::atomic<std::uint32_t> appended;  // records that are answered for
+  std::atomic<std::uint32_t> appended;  // records that are acknowledged
   std::atomic<std::uint32_t> writers, refused, reads, copies;
   std::atomic<bool> done;
   std::array<std::uint32_t, kMost> position;
-  std::array<std::atomic<std::uint8_t>, kMost> edited;  // 1 when begun, 2 when answered for
+  std::array<std::atomic<std::uint8_t>, kMost> edited;  // 1 when begun, 2 when acknowledged
 
   static Board& Make() {  // in memory that forked children share, for good
     void* const at = ::mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);

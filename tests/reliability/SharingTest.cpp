@@ -10,7 +10,7 @@ class Sharing : public testing::Test {
  protected:
   using Path = std::filesystem::path;
   void Write(bool mayBeRefused) const {
-    // Until the readers have had their turn, too.
+    // And until the readers have had their turn.
     for (int round = 0; round < 40 || (board.reads < 10 && round < 400);) {
       CKespDataFile file;
       if (file.Open(Text(path))) {
@@ -26,7 +26,7 @@ class Sharing : public testing::Test {
       ::usleep(200);
     }
   }
-  // Each record is whole, and there are at least so many. Behind them half a one may come to be.
+  // Each record is whole, and there are at least so many. Half a one may follow.
   static void Check(const Path& what, std::uint32_t least) {
     CKespDataFile file;
     std::uint32_t n = 0;
@@ -66,10 +66,12 @@ TEST_F(Sharing, KeepsWritersApartAndReadersUndisturbed) {
     for (std::size_t i = 0; i < children.size(); ++i) {
       int status = 0;
       ::waitpid(children[i], &status, 0);
-      EXPECT_EQ(status, 0) << "left in line " << WEXITSTATUS(status) << ", signal " << WTERMSIG(status);
+      EXPECT_EQ(status, 0) << "ended in line " << WEXITSTATUS(status) << ", signal " << WTERMSIG(status);
       board.done = i + 1 >= static_cast<std::size_t>(writers);
     }
-    EXPECT_TRUE(board.appended >= 200 && board.reads >= 3 && Walk(path).positions.size() == board.appended);
+    EXPECT_GE(board.appended, 200u);
+    EXPECT_GE(board.reads, 3u);
+    EXPECT_EQ(Walk(path).positions.size(), board.appended);
     std::printf("%d writers, refused %u times; %u reads and %u copies meanwhile\n", writers, board.refused.load(),
                 board.reads.load(), board.copies.load());
   }

@@ -3,8 +3,10 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <numeric>
 #include <random>
 #include <set>
+#include <source_location>
 
 #include "tests/recordfile/Survey.h"
 
@@ -14,6 +16,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr std::uint64_t kHeader = KESP_ERROR_RECORD_HEADER;
+
+struct Counts {
+  std::uint64_t deleted = 0, unknown = 0, applicationBytes = 0;
+};
+
 class Salvaging : public OneFile {
  protected:
   ByteVector Salvaged(const ByteVector& source, unsigned short version = 0) {
@@ -21,67 +29,74 @@ class Salvaging : public OneFile {
     EXPECT_TRUE(kesp::Salvage(Text(path), Text(copy), version, report));
     EXPECT_EQ(ReadFile(path), source);
     const Walked walked = Walk(copy);
-    EXPECT_TRUE(walked.error == KESP_ERROR_NORMAL_EOF && walked.positions.size() == report.kept);
+    EXPECT_EQ(walked.error, KESP_ERROR_NORMAL_EOF);
+    EXPECT_EQ(walked.positions.size(), report.kept);
     return ReadFile(copy);
   }
-  std::vector<std::uint64_t> Gaps() const {  // offset, length and reason of each
-    std::vector<std::uint64_t> gaps;
-    for (const kesp::SalvageGap& gap : report.gaps) gaps.insert(gaps.end(), {gap.offset, gap.length, gap.reason});
-    return gaps;
+  // The gaps are the offset, length and reason of each.
+  void Expect(const ByteVector& source, const ByteVector& salvaged, const std::vector<std::uint64_t>& gaps,
+              Counts counts = {}, std::source_location at = std::source_location::current()) {
+    const testing::ScopedTrace trace(at.file_name(), static_cast<int>(at.line()), "expected here");
+    EXPECT_EQ(Salvaged(source), salvaged);
+    std::vector<std::uint64_t> found;
+    std::uint64_t bytes = 0;
+    for (const kesp::SalvageGap& gap : report.gaps) {
+      found.insert(found.end(), {gap.offset, gap.length, gap.reason});
+      bytes += gap.length;
+    }
+    EXPECT_EQ(found, gaps);
+    EXPECT_EQ(report.gapCount, gaps.size() / 3);
+    EXPECT_EQ(report.gapBytes, bytes);
+    EXPECT_EQ(report.deleted, counts.deleted);
+    EXPECT_EQ(report.unknown, counts.unknown);
+    EXPECT_EQ(report.applicationBytes, counts.applicationBytes);
   }
   const IdleDisk disk;
   const fs::path copy = dir / "b.kesp";
   kesp::SalvageReport report;
 };
 
-TEST_F(Salvaging, GoesOnBehindEachKindOfDamage) {
-  const ByteVector good = EndOf(1) + EndOf(2);  // 36 bytes from offset 50
-  const ByteVector behind = EndOf(3) + EndOf(4);
+TEST_F(Salvaging, GoesOnAfterEachKindOfDamage) {
+  const ByteVector before = EndOf(1) + EndOf(2);  // 36 bytes from offset 50
+  const ByteVector after = EndOf(3) + EndOf(4);
   const ByteVector note = Sample(6, 2);
   const ByteVector unknown = Record(200, 1, 0, Hex("01 02"));
-  ByteVector badType = SampleBody(1, 3);
-  badType[516] = 9;
-  ByteVector badText = SampleBody(6, 2);
-  badText[300] = 1;  // behind the end of the text
-  const struct {
-    ByteVector damage;
-    std::vector<std::uint64_t> gaps;
-    ByteVector kept = {};  // of the damage itself
-    // clang-format off
-  } kCases[] = {
-      {unknown, {}},
-      {EndOf(9, 1), {}},
-      {WithLength(note, 0), {86, 526, KESP_ERROR_RECORD_HEADER}},
-      {WithLength(note, 0xFFFFFFF0), {}, note},  // wraps, and the layout counts
-      // Headers that the walk would follow: behind the file, into a record, and over a whole one to the next.
-      {WithLength(unknown, 0xFFFFFFF0), {86, 16, KESP_ERROR_RECORD_HEADER}},
-      {WithLength(unknown, 25), {86, 16, KESP_ERROR_RECORD_HEADER}},
-      {ByteVector(9) + EndOf(5) + WithLength(unknown, 20), {86, 9, 6, 113, 16, 6}, EndOf(5)},
-      {ByteVector(9) + EndOf(9, 1), {86, 9, KESP_ERROR_RECORD_HEADER}},
-      // A record that ends in damage is kept; but not one that can't be, behind other damage.
-      {ByteVector(9) + EndOf(5) + note + ByteVector(7), {86, 9, 6, 639, 7, 6}, EndOf(5) + note},
-      {ByteVector(9) + EndOf(5) + Record(6, 2, 0, badText) + ByteVector(7), {86, 9, 6, 113, 533, 6}, EndOf(5)},
-      {Part(note, 1), {86, 525, KESP_ERROR_RECORD_HEADER}},
-      {Hex("00*10 01 00*10"), {86, 21, KESP_ERROR_RECORD_TYPE}},
-      {Record(6, 3, 0, SampleBody(6, 2)), {86, 526, KESP_ERROR_VERSION}},
-      {Record(1, 3, 0, badType), {86, 538, KESP_ERROR_BAD_RECORD}},
-      {Record(9, 2, 0, Hex("05 00*3 ff*4 00*16")), {86, 38, KESP_ERROR_EOF}},
-      // A header alone, with which the walk ends.
-      {Part(EndOf(0), 0, 14), {86, 14, KESP_ERROR_RECORD_HEADER}, Record(4, 1, 0, Hex("04 00*3"))},
+  const ByteVector badText = Note(std::string_view("rain\0x", 6));  // more after the end of the text
+  const auto expect = [&](const ByteVector& damage, const std::vector<std::uint64_t>& gaps, const ByteVector& kept = {},
+                          Counts counts = {}, std::source_location at = std::source_location::current()) {
+    Expect(FileHeader() + before + damage + after, FileHeader() + before + kept + after, gaps, counts, at);
   };
-  // clang-format on
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(&c - kCases);
-    EXPECT_EQ(Salvaged(FileHeader() + good + c.damage + behind), FileHeader() + good + c.kept + behind);
-    EXPECT_EQ(Gaps(), c.gaps);
-  }
+  expect(unknown, {}, {}, {.unknown = 1});
+  expect(EndOf(9, 1), {}, {}, {.deleted = 1});
+  expect(WithLength(note, 0), {86, 526, kHeader});
+  expect(WithLength(note, 0xFFFFFFF0), {}, note);  // wraps, and the layout counts
+  // Headers that the walk would follow: past the end of the file, into a record, and over a whole one to the next.
+  expect(WithLength(unknown, 0xFFFFFFF0), {86, 16, kHeader});
+  expect(WithLength(unknown, 25), {86, 16, kHeader});
+  expect(ByteVector(9) + EndOf(5) + WithLength(unknown, 20), {86, 9, kHeader, 113, 16, kHeader}, EndOf(5));
+  expect(ByteVector(9) + EndOf(9, 1), {86, 9, kHeader}, {}, {.deleted = 1});
+  // A record that ends in damage is kept; but not one that can't be, after other damage.
+  expect(ByteVector(9) + EndOf(5) + note + ByteVector(7), {86, 9, kHeader, 639, 7, kHeader}, EndOf(5) + note);
+  expect(ByteVector(9) + EndOf(5) + badText + ByteVector(7), {86, 9, kHeader, 113, 533, kHeader}, EndOf(5));
+  // The lengths of a rebuilt copy.
+  expect(ByteVector(9) + WithLength(Sample(1, 3), 54) + WithLength(Sample(5, 3), 240), {86, 9, kHeader},
+         Sample(1, 3) + Sample(5, 3));
+  expect(Part(note, 1), {86, 525, kHeader});
+  expect(Hex("00*10 01 00*10"), {86, 21, KESP_ERROR_RECORD_TYPE});
+  expect(Record(6, 3, 0, SampleBody(6, 2)), {86, 526, KESP_ERROR_VERSION});
+  expect(Feature(1, "Oak", 0, 3, 9), {86, 538, KESP_ERROR_BAD_RECORD});
+  expect(Record(9, 2, 0, Body(9, 2, {{"tag", 5}, {"length", -1}}) + ByteVector(16)), {86, 38, KESP_ERROR_EOF});
+  // A header alone, with which the walk ends.
+  expect(Part(EndOf(0), 0, 14), {86, 14, kHeader}, EndOf(4));
 }
 
 TEST_F(Salvaging, TakesAllOfWhatIsWholeToTheWalkHoweverOddItLooks) {
   ByteVector odd;
   for (std::uint32_t i = 0; i < 20; ++i) odd = odd + WithLength(EndOf(i), 5 + i % 3) + EndOf(i, 0x80000001);
   Salvaged(FileHeader() + odd + EndOf(7));
-  EXPECT_TRUE(report.kept == 21 && report.deleted == 20 && report.gapCount == 0);
+  EXPECT_EQ(report.kept, 21u);
+  EXPECT_EQ(report.deleted, 20u);
+  EXPECT_EQ(report.gapCount, 0u);
 }
 
 TEST_F(Salvaging, KeepsEachRecordInItsVersionUnlessAnOlderOneIsAskedFor) {
@@ -95,24 +110,23 @@ TEST_F(Salvaging, KeepsEachRecordInItsVersionUnlessAnOlderOneIsAskedFor) {
   const auto attribute = [](std::uint16_t version, std::string_view text) {
     return Record(5, version, 0, Body(5, version, {{"kind", 1}, {"string", text}}));
   };
-  const ByteVector feature2 =
-      Record(1, 2, 0, Body(1, 2, {{"feature", 7}, {"name", "Oak"}, {"kind", 2}, {"color", 0x332211}, {"symbol", 5}}));
+  const auto feature = [](std::uint16_t version) {
+    return Record(1, version, 0,
+                  Body(1, version, {{"feature", 7}, {"name", "Oak"}, {"kind", 2}, {"color", 0x332211}, {"symbol", 5}}));
+  };
   for (const std::uint16_t version : std::initializer_list<std::uint16_t>{1, 2, 3}) {
     const ByteVector rest = Sample(2, 2) + Sample(6, 2) + Sample(9, 2) + EndOf(7);
-    const ByteVector all = FileHeader(version) + old + header2(3) + feature2 + Sample(1, 3) + attribute(3, x41) + rest;
+    const ByteVector all =
+        FileHeader(version) + old + header2(3) + feature(2) + Sample(1, 3) + attribute(3, x41) + rest;
     for (const unsigned short asIs : std::initializer_list<unsigned short>{0, 3, 7}) {
       EXPECT_EQ(Salvaged(all, asIs), all);
       EXPECT_TRUE(report.loss.IsNone());
     }
-    // The lengths of a rebuilt copy.
-    EXPECT_EQ(Salvaged(FileHeader(version) + WithLength(Sample(1, 3), 54) + EndOf(7)),
-              FileHeader(version) + Sample(1, 3) + EndOf(7));
-    EXPECT_EQ(Salvaged(all, 2), FileHeader(2) + old + header2(2) + feature2 + feature2 + attribute(2, x40) + rest);
+    EXPECT_EQ(Salvaged(all, 2), FileHeader(2) + old + header2(2) + feature(2) + feature(2) + attribute(2, x40) + rest);
     kesp::FormatLoss loss;
     loss.attributes = {1, 1, 0};
     EXPECT_EQ(report.loss, loss);
-    const ByteVector feature1 = Record(1, 1, 0, Hex("07 00*3 'Oak' 00*19 02 00 11 22 33 00 05 00"));
-    EXPECT_EQ(Salvaged(all, 1), FileHeader(1) + old + Header1() + feature1 + feature1 + attribute(1, x40) +
+    EXPECT_EQ(Salvaged(all, 1), FileHeader(1) + old + Header1() + feature(1) + feature(1) + attribute(1, x40) +
                                     Sample(2, 1) + Sample(6, 1) + Sample(9, 1) + EndOf(7));
     loss.headers = {1, 0, 1};
     EXPECT_EQ(report.loss, loss);
@@ -121,97 +135,73 @@ TEST_F(Salvaging, KeepsEachRecordInItsVersionUnlessAnOlderOneIsAskedFor) {
   const ByteVector empty = Hex("05 00*3 00 00 00*4 01 00*3");
   Salvaged(FileHeader() + empty + EndOf(7));
   EXPECT_EQ(report.kept, 2u);
-  EXPECT_EQ(ReadFile(copy).size(), 50u + 14 + 1712 + 18);
+  EXPECT_EQ(ReadFile(copy).size(), (FileHeader() + Attribute(0, "") + EndOf(7)).size());
 }
 
 TEST_F(Salvaging, LooksIntoNoRecordThatTheWalkStepsOverBeforeTheDamage) {
-  const ByteVector note = Sample(6, 2);
-  const ByteVector image = Hex("01*8") + EndOf(5) + note;  // of records
-  const ByteVector unknown = Record(20, 1, 0, image);
-  const ByteVector notes = EndOf(1) + EndOf(2);
-  ByteVector block = Hex("00*4") + Hex("28 02 00 00") + image;
-  const ByteVector tag = Record(9, 2, 0, Hex("00*4 30 02 00 00") + block);
-  const auto deleted = [](ByteVector record) {
-    record[6] = 1;
-    return record;
-  };
+  const ByteVector ends = EndOf(1) + EndOf(2), damage(40);         // ends: 36 bytes
+  const ByteVector image = Hex("01*8") + EndOf(5) + Sample(6, 2);  // of records
+  const ByteVector unknown = Record(20, 1, 0, image), tag = Tag(0, "", image);
   // A note whose text is one of a record that ends where the note does.
   const ByteVector gone = Record(6, 2, 1, Hex("61 00*493") + EndOf(5));
-  const struct {
-    ByteVector stepped;
-    std::uint64_t deleted, unknown, kept;
-  } kCases[] = {
-      {unknown, 0, 1, 0},      {gone, 1, 0, 0}, {Record(20, 0x100, 0, image), 0, 1, 0},
-      {deleted(tag), 1, 0, 0}, {tag, 0, 0, 1},  {unknown + gone + unknown, 1, 2, 0},
+  const auto expect = [&](const ByteVector& stepped, const ByteVector& kept, Counts counts,
+                          std::source_location at = std::source_location::current()) {
+    Expect(FileHeader() + stepped + ends + damage + ends, FileHeader() + kept + ends + ends,
+           {kFirst + stepped.size() + 36, 40, kHeader}, counts, at);
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(&c - kCases);
-    const ByteVector kept = c.kept != 0 ? c.stepped : ByteVector();
-    EXPECT_EQ(Salvaged(FileHeader() + c.stepped + notes + Hex("00*40") + notes), FileHeader() + kept + notes + notes);
-    EXPECT_EQ(report.deleted, c.deleted);
-    EXPECT_EQ(report.unknown, c.unknown);
-    EXPECT_EQ(report.gapBytes, 40u);
-  }
+  expect(unknown, {}, {.unknown = 1});
+  expect(gone, {}, {.deleted = 1});
+  expect(Record(20, 0x100, 0, image), {}, {.unknown = 1});
+  expect(Tag(0, "", image, 1), {}, {.deleted = 1});
+  expect(tag, tag, {});
+  expect(unknown + gone + unknown, {}, {.deleted = 1, .unknown = 2});
   // Right before the damage, and after another.
-  EXPECT_EQ(Salvaged(FileHeader() + notes + gone + Hex("00*40") + notes + gone + Hex("00*40") + notes),
-            FileHeader() + notes + notes + notes);
-  EXPECT_TRUE(report.deleted == 2 && report.gapBytes == 80);
-  const ByteVector single = Record(20, 1, 0, Hex("01*8") + EndOf(5));
-  EXPECT_EQ(Salvaged(FileHeader() + notes + single + Hex("00*40") + notes), FileHeader() + notes + notes);
-  EXPECT_TRUE(report.unknown == 1 && report.gapBytes == 40);
+  Expect(FileHeader() + ends + gone + damage + ends + gone + damage + ends, FileHeader() + ends + ends + ends,
+         {86 + 526, 40, kHeader, 86 + 526 + 40 + 36 + 526, 40, kHeader}, {.deleted = 2});
+  const ByteVector single = Record(20, 1, 0, Hex("01*8") + EndOf(5));  // 40 bytes
+  Expect(FileHeader() + ends + single + damage + ends, FileHeader() + ends + ends, {86 + 40, 40, kHeader},
+         {.unknown = 1});
   // And before a record that the walk reads although its header states another length.
-  EXPECT_EQ(Salvaged(FileHeader() + notes + single + WithLength(EndOf(3), 9) + Hex("00*40") + notes),
-            FileHeader() + notes + EndOf(3) + notes);
+  Expect(FileHeader() + ends + single + WithLength(EndOf(3), 9) + damage + ends, FileHeader() + ends + EndOf(3) + ends,
+         {86 + 40 + 18, 40, kHeader}, {.unknown = 1});
 }
 
 TEST_F(Salvaging, FindsWhatWasAppendedAfterAHalfTag) {
-  const ByteVector before = EndOf(1);
-  const ByteVector after = EndOf(2) + EndOf(3) + EndOf(4) + EndOf(5);
-  const ByteVector half = Record(9, 2, 0, Hex("00*4 30 00*3 00*4 28 00*3")) + Hex("aa*7");
-  const ByteVector tag = WithLength(half, 56);  // 33 bytes of its block are those of the next records
+  const ByteVector before = EndOf(1), after = EndOf(2) + EndOf(3) + EndOf(4) + EndOf(5);
   for (const bool isDeleted : {false, true}) {
-    ByteVector source = FileHeader() + before + tag + after;
-    source[kFirst + 18 + 6] = isDeleted;
-    const ByteVector taken = isDeleted ? ByteVector() : Part(source, 68, 68 + 14 + 56);  // as the walk has it
-    EXPECT_EQ(Salvaged(source), FileHeader() + before + taken + after);
-    EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 37, KESP_ERROR_RECORD_HEADER}));
+    // 33 bytes of its payload are those of the next records. As the walk has it, it is taken.
+    const ByteVector tag = Part(Tag(0, "", ByteVector(36, 0xAA), isDeleted), 0, 37);
+    const ByteVector taken = isDeleted ? ByteVector() : Part(tag + after, 0, 14 + 56);
+    Expect(FileHeader() + before + tag + after, FileHeader() + before + taken + after, {68, 37, kHeader});
+    // Other damage before it: nothing of it is taken.
+    Expect(FileHeader() + ByteVector(40) + before + tag + after, FileHeader() + before + after,
+           {50, 40, kHeader, 108, 37, kHeader});
   }
-  // Other damage before it: nothing of it is taken.
-  EXPECT_EQ(Salvaged(FileHeader() + Hex("00*40") + before + tag + after), FileHeader() + before + after);
 }
 
 TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
   const ByteVector records = EndOf(1) + EndOf(2);
-  EXPECT_EQ(Salvaged(FileHeader(7, 20) + records), FileHeader(7) + EndOf(2)) << "the bytes of an application";
-  EXPECT_TRUE(Gaps().empty() && report.applicationBytes == 18);
-  // So they are where the walk comes to the end from there, whatever the first record looks like.
-  const ByteVector odd = WithLength(EndOf(3), 9) + EndOf(2);
-  EXPECT_EQ(Salvaged(FileHeader(3, 38) + EndOf(1) + EndOf(1) + odd), FileHeader() + EndOf(3) + EndOf(2));
-  EXPECT_TRUE(Gaps().empty() && report.applicationBytes == 36);
+  Expect(FileHeader(7, 20) + records, FileHeader(7) + EndOf(2), {}, {.applicationBytes = 18});
+  // The bytes before the first record are an application's where the walk comes to the end from there, whatever that
+  // record looks like.
+  Expect(FileHeader(3, 38) + EndOf(1) + EndOf(1) + WithLength(EndOf(3), 9) + EndOf(2),
+         FileHeader() + EndOf(3) + EndOf(2), {}, {.applicationBytes = 36});
   // A length that leads to no record, past some: to the end, or in between.
-  for (const std::uint32_t length : {38u, 5u}) {
-    EXPECT_EQ(Salvaged(FileHeader(3, length) + records), FileHeader() + records);
-    EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{0, 50, KESP_ERROR_FILE_HEADER}));
-  }
+  for (const std::uint32_t length : {38u, 5u})
+    Expect(FileHeader(3, length) + records, FileHeader() + records, {0, 50, KESP_ERROR_FILE_HEADER});
   for (const std::uint16_t version : std::initializer_list<std::uint16_t>{0, 2, 4}) {
     for (const std::size_t at : {41u, 47u}) {
       ByteVector source = FileHeader(version) + records;
       source[at] ^= 1;
-      EXPECT_EQ(Salvaged(source), FileHeader(version == 2 ? 2 : 3) + records);
       const std::uint64_t reason = at == 41 ? KESP_ERROR_SIGNATURE : KESP_ERROR_FILE_HEADER;
-      EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{0, 50, reason}));
+      Expect(source, FileHeader(version == 2 ? 2 : 3) + records, {0, 50, reason});
     }
   }
   // A first record that can't be read: what is before its place is looked at once, also when none of it is kept.
-  ByteVector noType = SampleBody(1, 1);
-  noType[26] = 0;
-  const ByteVector unreadable = Record(1, 1, 0, noType) + Hex("ee");
-  EXPECT_EQ(Salvaged(FileHeader(3, 20) + EndOf(1, 1) + unreadable), FileHeader());
-  EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 49, KESP_ERROR_RECORD_HEADER}));
-  EXPECT_TRUE(report.deleted == 1 && report.applicationBytes == 0);
-  EXPECT_EQ(Salvaged(FileHeader(3, 20) + Hex("aa*18") + unreadable), FileHeader());
-  EXPECT_EQ(Gaps(), (std::vector<std::uint64_t>{68, 49, KESP_ERROR_BAD_RECORD}));
-  EXPECT_EQ(report.applicationBytes, 18u);
+  const ByteVector unreadable = Feature(1, "Oak", 0, 1, 0) + Hex("ee");
+  Expect(FileHeader(3, 20) + EndOf(1, 1) + unreadable, FileHeader(), {68, 49, kHeader}, {.deleted = 1});
+  Expect(FileHeader(3, 20) + Hex("aa*18") + unreadable, FileHeader(), {68, 49, KESP_ERROR_BAD_RECORD},
+         {.applicationBytes = 18});
   for (const std::size_t length : {0u, 43u, 49u}) {
     EXPECT_EQ(Salvaged(Part(FileHeader(3, 0), 0, length)), FileHeader()) << length;
     EXPECT_EQ(report.gapBytes, length);
@@ -219,23 +209,20 @@ TEST_F(Salvaging, AFileHeaderMayBeDamagedToo) {
 }
 
 TEST_F(Salvaging, NothingIsMadeUpOfWhatOnlyLooksLikeARecord) {
-  const ByteVector damage(40);
-  const ByteVector kDoubtful[] = {
+  const ByteVector doubtful[] = {
       EndOf(1, 0x2000),                                             // flags that nobody knows
       WithLength(EndOf(1), 5) + Hex("00"),                          // a length that no end has
-      EndOf(1) + Hex("00"),                                         // nothing behind it
+      EndOf(1) + Hex("00"),                                         // nothing after it
       Record(9, 2, 0, Hex("01 00*3 08 00*3 00*4 01 00*3")),         // a payload outside the block
       Record(9, 2, 0, Hex("01 00*3 0c 00*3 04 00*3 \"dd\" 00*4")),  // a name without an end
   };
-  for (const ByteVector& doubtful : kDoubtful) {
-    EXPECT_EQ(Salvaged(FileHeader() + EndOf(1) + damage + doubtful + EndOf(3) + EndOf(2)),
-              FileHeader() + EndOf(1) + EndOf(3) + EndOf(2))
-        << &doubtful - kDoubtful;
-    EXPECT_EQ(report.gapBytes, doubtful.size() + 40);
+  for (const ByteVector& record : doubtful) {
+    Expect(FileHeader() + EndOf(1) + ByteVector(40) + record + EndOf(3) + EndOf(2),
+           FileHeader() + EndOf(1) + EndOf(3) + EndOf(2), {68, 40 + record.size(), kHeader});
   }
 }
 
-TEST_F(Salvaging, BehindDamageEveryTextHasToEndAndEveryNumberToBeFinite) {
+TEST_F(Salvaging, AfterDamageEveryTextHasToEndAndEveryNumberToBeFinite) {
   for (const Layout& layout : kLayouts) {
     SCOPED_TRACE(testing::Message() << layout.type << ' ' << layout.version);
     // What a feature, an attribute, a tag chooses, and the highest of these.
@@ -251,18 +238,21 @@ TEST_F(Salvaging, BehindDamageEveryTextHasToEndAndEveryNumberToBeFinite) {
     EXPECT_TRUE(isTakenWith(0, {}));
     ForFields(layout.fields, [&](std::string_view name, std::size_t at, std::size_t width, char letter) {
       SCOPED_TRACE(name);
-      const std::size_t lastUnit = at + width - (letter == 'u' ? 2 : 1);
-      EXPECT_FALSE((letter == 'c' || letter == 'u') && isTakenWith(lastUnit, {1}));
-      EXPECT_TRUE(letter != 'd' || (isTakenWith(at, Hex("ff*6 ef 7f")) && !isTakenWith(at, Hex("00*6 f0 7f"))));
-      const auto above = static_cast<std::uint8_t>(highest + 1);
-      EXPECT_FALSE(name == choice && (isTakenWith(at, {above}) || isTakenWith(at, {1, 1})));
-      EXPECT_FALSE(name == "note" && isTakenWith(0, ByteVector(width, 1))) << "no end at all";
+      std::vector<std::pair<std::size_t, ByteVector>> refused;
+      if (letter == 'c' || letter == 'u') refused.emplace_back(at + width - (letter == 'u' ? 2 : 1), ByteVector{1});
+      if (letter == 'd') refused.emplace_back(at, Hex("00*6 f0 7f"));
+      if (name == choice) refused.emplace_back(at, ByteVector{static_cast<std::uint8_t>(highest + 1)});
+      if (name == choice) refused.emplace_back(at, ByteVector{1, 1});
+      if (name == "note") refused.emplace_back(at, ByteVector(width, 1));  // no end at all
+      for (const auto& [where, bytes] : refused) EXPECT_FALSE(isTakenWith(where, bytes)) << where;
+      EXPECT_TRUE(letter != 'd' || isTakenWith(at, Hex("ff*6 ef 7f")));
     });
   }
 }
 
-TEST_F(Salvaging, ItsAnswerIsFalseWhenItCannotWriteOrWouldWriteOverItsSource) {
-  EXPECT_FALSE(kesp::Salvage(file, Text(copy), 2, report) || kesp::Salvage(Text(dir / "none"), Text(copy), 2, report));
+TEST_F(Salvaging, FailsWhereItCannotWriteOrWouldWriteOverItsSource) {
+  EXPECT_FALSE(kesp::Salvage(file, Text(copy), 2, report));  // not open
+  EXPECT_FALSE(kesp::Salvage(Text(dir / "none"), Text(copy), 2, report));
   Put(EndOf(1));
   fs::create_hard_link(path, dir / "hard");
   ASSERT_TRUE(file.OpenReadOnly(Text(path)));
@@ -274,71 +264,42 @@ TEST_F(Salvaging, ItsAnswerIsFalseWhenItCannotWriteOrWouldWriteOverItsSource) {
   EXPECT_EQ(Records(), EndOf(1));
 }
 
-// Records of every class with a number of their own: at offset 0 of the body, in the text of a note, in the payload of
-// a tag.
-ByteVector Numbered(std::uint32_t number) {
-  const ByteVector menu =
-      Record(5, 3, 0, Body(5, 3, {{"feature", 7}, {"title", "Girth"}, {"kind", 2}, {"string", "x"}, {"decimals", 2}}));
-  const ByteVector kinds[] = {Sample(1, 3), menu, Sample(2, 2), Sample(2, 2), Sample(6, 2), Sample(9, 2), EndOf(7)};
-  ByteVector record = kinds[number % std::size(kinds)];
-  for (std::size_t k = 0; k < 4; ++k) {
-    record[14 + k + (record[0] == 9 ? 20 : 0)] =
-        static_cast<std::uint8_t>((number >> 4 * k & 15) + (record[0] == 6 ? 64 : 0));
-  }
-  return record;
-}
-
 TEST_F(Salvaging, BringsBackNearlyAllThatWasNotOverwritten) {
-  constexpr std::uint32_t kRecords = 10'000;
-  for (const unsigned seed : {1u, 2u, 3u, 4u}) {
+  constexpr std::uint32_t kRecords = 10'000;  // many times what the search looks at in one piece
+  for (const unsigned seed : {1u, 2u}) {
     SCOPED_TRACE(seed);
-    // Every second survey is a copy: features and attributes state the lengths of version 2.
     ByteVector damaged = FileHeader();
-    std::vector<std::size_t> offsets;
     std::vector<ByteVector> records;
+    std::vector<std::size_t> ends;
     for (std::uint32_t i = 0; i < kRecords; ++i) {
-      const ByteVector record = records.emplace_back(Numbered(i));
-      const std::uint32_t length = record[0] == 1 ? 54 : record[0] == 5 ? 240 : 0;
-      offsets.push_back(damaged.size());
-      Append(damaged, length != 0 && seed % 2 == 0 ? WithLength(record, length) : record);
+      const ByteVector kinds[] = {Feature(i), Attribute(i, "Girth"),         Point(7, i),
+                                  EndOf(i),   Note("n" + std::to_string(i)), Tag(1, "n", Words({i}))};
+      Append(damaged, records.emplace_back(kinds[i % 6]));
+      ends.push_back(damaged.size());
     }
-    offsets.push_back(damaged.size());
     std::mt19937 random(seed);
-    std::set<std::size_t> touched;  // records
+    std::set<std::uint32_t> touched;  // records
     for (int i = 0; i < 50; ++i) {
       const std::size_t length = 1 + random() % 400;
       const std::size_t from = kFirst + random() % (damaged.size() - kFirst - length);
       for (std::size_t k = from; k < from + length; ++k) {
-        damaged[k] = static_cast<std::uint8_t>(seed < 3 ? random() : 0);
-        touched.insert(static_cast<std::size_t>(std::upper_bound(offsets.begin(), offsets.end(), k) - offsets.begin()) -
-                       1);
+        damaged[k] = static_cast<std::uint8_t>(seed == 1 ? random() : 0);
+        touched.insert(static_cast<std::uint32_t>(std::upper_bound(ends.begin(), ends.end(), k) - ends.begin()));
       }
     }
     const ByteVector bytes = Salvaged(damaged);
-    const Walked walked = Walk(copy);
-    std::multiset<ByteVector> kept;
-    for (std::size_t i = 0; i < walked.positions.size(); ++i) {
-      const bool isLast = i + 1 == walked.positions.size();
-      kept.insert(Part(bytes, walked.positions[i], isLast ? bytes.size() : walked.positions[i + 1]));
-    }
-    std::size_t lost = 0;
+    auto positions = Walk(copy).positions;
+    positions.push_back(static_cast<std::uint32_t>(bytes.size()));
+    std::set<ByteVector> kept;
+    for (std::size_t i = 1; i < positions.size(); ++i) kept.insert(Part(bytes, positions[i - 1], positions[i]));
+    std::size_t originals = 0, lost = 0;
     for (std::uint32_t i = 0; i < kRecords; ++i) {
-      const auto found = kept.find(records[i]);
-      if (found != kept.end()) {
-        kept.erase(found);
-      } else if (!touched.contains(i)) {
-        ++lost;
-      }
+      const bool isKept = kept.contains(records[i]);
+      originals += isKept;
+      lost += !isKept && !touched.contains(i);
     }
     EXPECT_LE(100 * lost, kRecords - touched.size());
-    // What is no original is one that was overwritten, as it is read at its own place.
-    std::set<ByteVector> inPlace;
-    for (const std::size_t i : touched) {
-      WriteFile(path, FileHeader() + Part(damaged, offsets[i], offsets[i + 1]));
-      EXPECT_TRUE(kesp::Salvage(Text(path), Text(copy), 0, report));
-      inPlace.insert(Part(ReadFile(copy), kFirst));
-    }
-    for (const ByteVector& record : kept) EXPECT_TRUE(inPlace.contains(record));
+    EXPECT_LE(kept.size() - originals, touched.size()) << "only what was overwritten reads otherwise";
   }
 }
 

@@ -19,10 +19,9 @@ void InThreads(unsigned count, Work work) {
 TEST(Threads, EachHaveDataSetsOfTheirOwn) {
   constexpr std::uint32_t kPoints = 40'000;  // more than 4 MiB: read ahead by yet another thread
   const TempDir dir;
-  ByteVector survey = Survey({Header2{}, Feature(7), Attribute(7, "Girth", "a text of more than eleven")});
-  for (std::uint32_t i = 1; i <= kPoints; ++i) Append(survey, Point(7, i, {.text = "a text of 19 units."}));
-  Append(survey, EndOf(7));
-  WriteFile(dir / "shared.kesp", survey);
+  std::vector<ByteVector> records(kPoints + 3, Point(7, 1, {.text = "a text of 19 units."}));
+  records[0] = Header2{}, records[1] = Feature(7), records[2] = Attribute(7, "Girth", "a text of more than eleven");
+  WriteFile(dir / "shared.kesp", Survey(records));
   std::vector<std::unique_ptr<CKespFile>> kept(4);  // read by one thread, let go by another
   InThreads(4, [&](unsigned i) {
     CString message;
@@ -35,12 +34,10 @@ TEST(Threads, EachHaveDataSetsOfTheirOwn) {
       ErrorEnum error = ERR_NONE;
       CKespFeature** const oaks = file->GetFeaturesWhereName(LOGIC_EQUAL, "oak", count, error);
       EXPECT_EQ(Names(oaks, count), "F7");
-      const CString own = Text(dir / ("own" + std::to_string(i)));
+      const CString own = Text(dir / ("own" + std::to_string(i) + std::to_string(times)));
       CKespFile written;
-      CKespNote note;
-      note.NoteText = u"written by a thread of its own";
-      written.AddNoteToWriteQueue(&note);
-      std::filesystem::remove(own.ToUtf8());
+      const std::unique_ptr<CKespNote> note(written.CreateNote(u"written by a thread of its own"));
+      written.AddNoteToWriteQueue(note.get());
       EXPECT_EQ(written.WriteNewKespFileFromQueue(own), ERR_NONE);
       EXPECT_EQ(written.CloseKesp(), ERR_NONE);
       kept[i] = std::move(file);
