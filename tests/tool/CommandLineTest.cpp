@@ -17,7 +17,7 @@ std::set<std::string> AllIn(const std::string& text, const char* pattern) {
 TEST_F(Tool, HelpFitsTheScreenAndEveryPageAndCompletionNamesAllThatItNames) {
   const std::filesystem::path share = KESP_TOOL_SHARE;
   const std::string main = Run("").out;
-  EXPECT_EQ(Run("--help"), (ToolResult{0, main, ""}));
+  for (const char* const line : {"--help", "help"}) EXPECT_EQ(Run(line), (ToolResult{0, main, ""}));
   const std::set<std::string> commands = AllIn(main, "\n  ([a-z]+)  ");
   EXPECT_GE(commands.size(), 9u) << main;
   for (const std::string& command : commands) {
