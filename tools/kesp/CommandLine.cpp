@@ -328,7 +328,9 @@ ExitStatus CommandLine::ShowHelp(Output& out) const {
     tool::Complain({}, NoCommand(m_app, m_topic));
     return kExitTrouble;
   }
-  out.Put(command != nullptr ? command->help(m_app.get_name()) : m_app.help()).Flush();
+  // The parser's own call would show the help of the command that was given, which is this one.
+  const std::string main = m_app.get_formatter()->make_help(&m_app, m_app.get_name(), CLI::AppFormatMode::Normal);
+  out.Put(command != nullptr ? command->help(m_app.get_name()) : main).Flush();
   return kExitWhole;
 }
 

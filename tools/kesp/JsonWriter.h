@@ -8,9 +8,10 @@
 //   json.EndArray();
 //   json.EndObject();
 //
-// Every 16-bit unit of a text is kept: what is not printable ASCII stands as its own escape, half a surrogate pair too.
-// A double reads back to the same double; NaN and the infinities, for which JSON has no number, are texts.
-// The caller sees to it that keys stand in objects and that brackets match.
+// It is our own because names, texts and paths may hold lone surrogates, which well-kept JSON libraries refuse or
+// replace. Here every 16-bit unit of a text is kept: what is not printable ASCII is written as its own escape, half a
+// surrogate pair too. A double reads back to the same double; NaN and the infinities, for which JSON has no number, are
+// texts. The caller sees to it that keys are in objects and that brackets match.
 #pragma once
 #include <cstdint>
 #include <span>
@@ -51,7 +52,7 @@ class JsonWriter {
   bool m_afterValue = false;
 };
 
-// The shortest decimal digits that read back to the same double, with ".0" behind integral ones; or "NaN" and its kin.
+// The shortest decimal digits that read back to the same double, with ".0" after integral ones; or "NaN", "Infinity", "-Infinity".
 std::string ShortestText(double value);
 
 }  // namespace kesp::tool
