@@ -49,6 +49,15 @@ Bytes WithoutMarks(MemorySystem& system, const char* path) {
   return bytes;
 }
 
+// Up to the first damage; that is all of a file without any. The salvaged file is "b".
+void RebuildToDamage(MemorySystem& system, unsigned short version, const SalvageReport& salvaged) {
+  CKespDataFile source;
+  SalvageReport rebuilt;
+  KESP_REQUIRE(source.OpenReadOnly("a") && kesp::Rebuild(source, u"e", version, rebuilt));
+  KESP_REQUIRE(rebuilt.kept == WalkFrom(u"a", source.m_firstRecordOffset, true).records && rebuilt.gapCount <= 1);
+  KESP_REQUIRE(rebuilt.gapCount != 0 || salvaged.gapCount != 0 || system.At("e") == system.At("b"));
+}
+
 }  // namespace
 
 void Rebuild(Input input) {
@@ -119,13 +128,7 @@ void Salvage(Input input) {
     KESP_REQUIRE(second.kept == report.kept && second.gapCount == 0 && second.loss.IsNone());
   }
   KESP_REQUIRE(system.At("d") == system.At("c") && system.At("c") == system.At("b"));
-
-  // Up to the first damage; that is all of a file without any.
-  CKespDataFile source;
-  SalvageReport rebuilt;
-  KESP_REQUIRE(source.OpenReadOnly("a") && kesp::Rebuild(source, u"e", version, rebuilt));
-  KESP_REQUIRE(rebuilt.kept == WalkFrom(u"a", source.m_firstRecordOffset, true).records && rebuilt.gapCount <= 1);
-  KESP_REQUIRE(rebuilt.gapCount != 0 || report.gapCount != 0 || system.At("e") == system.At("b"));
+  RebuildToDamage(system, version, report);
 }
 
 void RoundTrip(Input input) {

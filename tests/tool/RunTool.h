@@ -1,4 +1,4 @@
-// Runs the command-line tool and keeps what it answers. No shell is involved: arguments are passed as they are.
+// Runs the command-line tool and keeps its output. No shell is involved: arguments are passed as they are.
 #pragma once
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -58,7 +58,7 @@ inline std::string Replaced(std::string text, const std::string& what, const std
 
 class Tool : public testing::Test {
  protected:
-  // One line, split at spaces. "@" stands for the test's folder, in what the tool says as well. What it complains of
+  // One line, split at spaces. "@" means the test's folder, in what the tool says as well. What it complains of
   // comes without "kesp: " and the line's end.
   ToolResult Run(const std::string& line, std::optional<int> output = {}) const {
     std::vector<std::string> arguments;

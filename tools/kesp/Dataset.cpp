@@ -61,6 +61,24 @@ void WriteLink(JsonWriter& json, const CKespFeatureLink& link) {
   json.EndObject();
 }
 
+void WriteFeatures(JsonWriter& json, const CKespFile& file) {
+  for (const CKespRecord* record : file.m_recordList) {
+    if (record->m_recordType != KESP_RECORD_FEATURE) continue;
+    const auto& feature = static_cast<const CKespFeature&>(*record);
+    CKespFeature* const* const indexed = file.m_featureIndex.Find(feature.FeatureNumber);
+    WriteFeature(json, feature, indexed != nullptr && *indexed == &feature);
+  }
+}
+
+void WriteNotes(JsonWriter& json, const CKespFile& file) {
+  for (const CKespRecord* record : file.m_recordList) {
+    if (record->m_recordType != KESP_RECORD_NOTE) continue;
+    BeginWithFlags(json, *record);
+    json.Key("text").Text(static_cast<const CKespNote&>(*record).NoteText.View());
+    json.EndObject();
+  }
+}
+
 void WriteNumberOrNull(JsonWriter& json, std::string_view key, const std::optional<std::int64_t>& number) {
   json.Key(key);
   if (number) {
@@ -116,7 +134,7 @@ DatasetSummary::DatasetSummary(const CKespFile& file) {
   if (points == 0) return;
   firstTime = first.GetTime();
 
-  // The last time starts from a value that depends on the time zone; a data set of nothing answers it.
+  // The last time starts from a value that depends on the time zone; an empty data set gives it.
   CKespFile nothing;
   CTime start;
   CTime unused;
@@ -164,20 +182,10 @@ void WriteDataset(JsonWriter& json, CKespFile& file, const DatasetEnd& end) {
   json.EndObject();
 
   json.Key("features").BeginArray();
-  for (const CKespRecord* record : file.m_recordList) {
-    if (record->m_recordType != KESP_RECORD_FEATURE) continue;
-    const auto& feature = static_cast<const CKespFeature&>(*record);
-    CKespFeature* const* const indexed = file.m_featureIndex.Find(feature.FeatureNumber);
-    WriteFeature(json, feature, indexed != nullptr && *indexed == &feature);
-  }
+  WriteFeatures(json, file);
   json.EndArray();
   json.Key("notes").BeginArray();
-  for (const CKespRecord* record : file.m_recordList) {
-    if (record->m_recordType != KESP_RECORD_NOTE) continue;
-    BeginWithFlags(json, *record);
-    json.Key("text").Text(static_cast<const CKespNote&>(*record).NoteText.View());
-    json.EndObject();
-  }
+  WriteNotes(json, file);
   json.EndArray();
   json.Key("tags").BeginArray();
   for (CKespTag* tag : file.m_tagList) {

@@ -24,7 +24,7 @@ struct DatasetEnd {
 
 DatasetEnd ReadDataset(CKespFile& file, DeletedRecords deleted);
 
-// CKespFile::GetKespDataSummary, with nothing where it has a value that stands for nothing.
+// CKespFile::GetKespDataSummary, with nothing in place of the values that mean nothing.
 struct DatasetSummary {
   explicit DatasetSummary(const CKespFile& file);
 

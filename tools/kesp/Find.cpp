@@ -160,7 +160,7 @@ struct Times {
   std::optional<std::int64_t> first;
   std::optional<std::int64_t> last;
 };
-// Of the points that have one; 0 stands for none.
+// Of the points that have one; 0 means none.
 Times TimesOf(const CKespFeature& feature) {
   Times times;
   for (const auto& point : feature.m_pointList) {

@@ -1,8 +1,8 @@
 // The help of the tool, and the pieces of it that its manual pages and completions are made of as well.
 //
 // A command's description is a line of what it does and then, after an empty line, paragraphs that tell more. Its
-// footer is sections, each a line that ends with a colon and the lines under it. An option's type name is what stands
-// for its value: a word in capitals, or the choices with bars between them.
+// footer is sections, each a line that ends with a colon and the lines under it. An option's type name is the name
+// of its value: a word in capitals, or the choices with bars between them.
 #pragma once
 #include <CLI/CLI.hpp>
 #include <string>

@@ -11,7 +11,7 @@ constexpr char kHexDigits[] = "0123456789abcdef";
 constexpr std::size_t kLongestNumber = 32;
 constexpr std::size_t kLongestUnit = 6;  // \u0000
 
-// `to` has room for kLongestNumber. Answers how many characters there are.
+// `to` has room for kLongestNumber. Returns the number of characters.
 std::size_t FormatFinite(double value, char* to) {
   char* end = std::to_chars(to, to + kLongestNumber - 2, value).ptr;
   if (std::string_view(to, static_cast<std::size_t>(end - to)).find_first_of(".e") == std::string_view::npos) {

@@ -52,7 +52,8 @@ class JsonWriter {
   bool m_afterValue = false;
 };
 
-// The shortest decimal digits that read back to the same double, with ".0" after integral ones; or "NaN", "Infinity", "-Infinity".
+// The shortest decimal digits that read back to the same double, with ".0" after integral ones; or "NaN", "Infinity",
+// "-Infinity".
 std::string ShortestText(double value);
 
 }  // namespace kesp::tool

@@ -5,7 +5,7 @@
 
 namespace kesp::tool {
 
-// One line: where the record stands, what its header says, and its fields.
+// One line: the offset of the record, what its header says, and its fields.
 void WriteRecordLine(JsonWriter& json, const RecordWalk& walk);
 // The object of the fields alone; and its members, inside brackets of the caller's.
 void WriteFields(JsonWriter& json, CKespRecord& record);

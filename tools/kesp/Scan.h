@@ -23,7 +23,7 @@ struct Tally {
   std::uint64_t deleted = 0;
 };
 
-// What a set of points covers. A time of 0 stands for none.
+// What a set of points covers. A time of 0 means none.
 struct Coverage {
   void Include(const CKespPoint& point);
   std::optional<std::int64_t> FirstTime() const;
