@@ -1,6 +1,7 @@
 // Walks over the records of an open file, and makes objects for record types.
 #include <cerrno>
 #include <memory>
+#include <tuple>
 #include <utility>
 
 #include "kesp/format/RecordKinds.h"
@@ -17,7 +18,8 @@
 
 namespace {
 
-constexpr std::size_t kPlainPointLength = kesp::BodyLengthOf(KESP_RECORD_POINT, 2);
+constexpr std::uint16_t kNewestPoint = kesp::NewestOf(kesp::kPointBodies);
+constexpr std::size_t kPlainPointLength = kesp::BodyLengthOf(KESP_RECORD_POINT, kNewestPoint);
 
 std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
   switch (type) {
@@ -50,7 +52,7 @@ CKespPoint* CKespDataFile::TakePlainPoint() {
   kesp::RecordHeader header;
   kesp::UncheckedFieldReader reader({bytes, kesp::kRecordHeaderSize + kPlainPointLength});
   kesp::DescribeRecordHeader(reader, header);
-  if (header.type != KESP_RECORD_POINT || header.version != 2 || header.flags != 0 ||
+  if (header.type != KESP_RECORD_POINT || header.version != kNewestPoint || header.flags != 0 ||
       header.length != kPlainPointLength) {
     return nullptr;
   }
@@ -59,7 +61,7 @@ CKespPoint* CKespDataFile::TakePlainPoint() {
   constexpr std::size_t kWhole = kesp::kRecordHeaderSize + kPlainPointLength;
   if (static_cast<std::uint32_t>(start + kWhole) > static_cast<std::uint32_t>(m_file.KnownLength())) return nullptr;
   auto point = std::make_unique<CKespPoint>();
-  kesp::kPointVersion2(reader, *point);
+  std::get<kNewestPoint - 1>(kesp::kPointBodies)(reader, *point);
   point->m_filePosition = static_cast<std::uint32_t>(start);
   m_file.Skip(kWhole);
   return point.release();

@@ -73,5 +73,6 @@ class KESP_EXPORT CKespAttribute : public CKespRecord {
   bool WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned short version);
 
  private:
-  bool IsKnownKind() const noexcept;
+  // The body, if its version is at most `newest`.
+  bool ReadUpTo(unsigned newest, CFile& file);
 };

@@ -104,5 +104,7 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
   bool WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned short version);
 
  private:
-  bool CheckType() noexcept;
+  // The body, if its version is at most `newest`.
+  bool ReadUpTo(unsigned newest, CFile& file);
+  bool ReadGuarded(unsigned newest, CFile& file);
 };
