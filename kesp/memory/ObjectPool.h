@@ -38,6 +38,6 @@ bool PoolPrepare() noexcept;
 
 // Bytes of the runs that this thread took, less what it gave back, which others may have taken: only differences mean
 // something. Always 0 in a build for the address sanitizer.
-std::int64_t PoolBytesTaken() noexcept;
+std::int64_t PoolBytesHeld() noexcept;
 
 }  // namespace kesp

@@ -37,7 +37,7 @@
 namespace kesp {
 class AlignedBytes;
 class OpenReader;
-class ReadAhead;
+class BlockReader;
 
 // Tells a file from every other of the machine, by whatever name it is opened, as long as it exists.
 struct FileIdentity {
@@ -96,8 +96,8 @@ class KESP_EXPORT CFile {
   // Has another thread read ahead from here on, until the file ends or is written to, or reading goes on far from where
   // it was. A wish, for those who are about to read many megabytes in a row; without the means for it nothing happens.
   // Where what is made of the bytes will be kept, memory is made ready for it too.
-  void ReadAhead(bool objectsAreKept = false) noexcept;
-  void EndReadAhead() noexcept;  // nothing when it has ended
+  void StartBlockReader(bool objectsAreKept = false) noexcept;
+  void EndBlockReader() noexcept;  // nothing when it has ended
   // The same for those who are done with less: the next `count` bytes where they stand in the buffer already, without
   // taking them, or null. Skip takes them then.
   const std::byte* Buffered(std::size_t count) const noexcept {
@@ -169,7 +169,7 @@ class KESP_EXPORT CFile {
   static constexpr std::size_t kFirstRead = 4 * 1024;  // what a read somewhere new asks for; doubled while it goes on
 
   bool TryOpen(const CString& path, unsigned openFlags, CFileException* error);
-  bool TakeLock(int operation);
+  bool AcquireLock(int operation);
   int CloseDescriptor() noexcept;
   [[noreturn]] void Raise(int osError);
   void RequireOpen() const;
@@ -180,7 +180,7 @@ class KESP_EXPORT CFile {
   bool MakeBuffer() noexcept;
   std::byte* PlaceInBuffer(std::uint64_t position) const noexcept;
   void FillBuffer(std::size_t count);
-  bool TakeAhead(std::size_t count);
+  bool FillFromBlockReader(std::size_t count);
   void UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept;
   void SyncDirectory();
   std::string DirectoryOfFile() const;
@@ -199,7 +199,7 @@ class KESP_EXPORT CFile {
   std::uint64_t m_position = 0;
   std::uint64_t m_length = 0;                    // as last seen
   std::unique_ptr<kesp::AlignedBytes> m_buffer;  // null until something is read or written
-  std::unique_ptr<kesp::ReadAhead> m_ahead;
+  std::unique_ptr<kesp::BlockReader> m_blockReader;
   std::byte* m_data = nullptr;      // the buffer, or what was read ahead last
   std::uint64_t m_bufferStart = 0;  // where in the file the first byte of it stands
   std::size_t m_bufferSize = 0;     // bytes in it

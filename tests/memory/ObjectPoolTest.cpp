@@ -21,13 +21,13 @@ TEST(ObjectPool, UsesAgainWhatWasFreed) {
   std::int64_t most = 0;
   for (int times = 0; times < 10; ++times) {
     for (void*& block : blocks) block = PoolAllocate(kSize);
-    if (times == 0) most = PoolBytesTaken();
-    EXPECT_LE(std::abs(PoolBytesTaken() - most), kRun) << times;
+    if (times == 0) most = PoolBytesHeld();
+    EXPECT_LE(std::abs(PoolBytesHeld() - most), kRun) << times;
     for (std::size_t i = 0; i < kCount; i += 2) PoolFree(blocks[i], kSize);
     for (std::size_t i = 0; i < kCount; i += 2) blocks[i] = PoolAllocate(kSize);
-    EXPECT_LE(std::abs(PoolBytesTaken() - most), kRun) << times;
+    EXPECT_LE(std::abs(PoolBytesHeld() - most), kRun) << times;
     for (void* const block : blocks) PoolFree(block, kSize);
-    EXPECT_LE(PoolBytesTaken(), most / 2);
+    EXPECT_LE(PoolBytesHeld(), most / 2);
   }
 }
 
@@ -67,7 +67,7 @@ TEST(ObjectPool, ThreadsShareBlocksAndLeaveNoneBehind) {
   std::sort(first.begin(), first.end()), std::sort(second.begin(), second.end());
   std::vector<void*> both;
   std::set_intersection(first.begin(), first.end(), second.begin(), second.end(), std::back_inserter(both));
-  const bool pooled = PoolBytesTaken() != 0;
+  const bool pooled = PoolBytesHeld() != 0;
   EXPECT_TRUE(both.size() >= kAll - 64 || !pooled) << both.size();
   free(second);
 }

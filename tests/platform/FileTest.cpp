@@ -105,13 +105,13 @@ void RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
       file.SetLength(model.size());
     } else if (kind == 80) {
       if (below(2) == 0) seek(position = below(model.size()));
-      file.ReadAhead();
+      file.StartBlockReader();
       for (std::size_t pieces = below(300); pieces != 0 && !testing::Test::HasFailure(); --pieces) {
         read(below(pieces % 8 == 0 ? CFile::kMaxView : 300) + 1);
         if (below(50) != 0) continue;
         seek(position += below(2'800'000));  // over what is not wanted
         if (below(2) == 0) put(write(3000)), seek(position -= 3000);
-        file.ReadAhead();  // at work already, if nothing was written
+        file.StartBlockReader();  // at work already, if nothing was written
       }
     }
     ASSERT_TRUE(file.GetPosition() == position && (below(50) != 0 || file.GetLength() == model.size()));
@@ -149,7 +149,7 @@ TEST(File, ReadingAheadLeavesAFailureToWhoeverReadsThere) {
   for (const int times : {1, 1'000'000}) {
     const BadSpot bad(times);
     CFile file(Text(dir / "file"), kReader);
-    file.ReadAhead();
+    file.StartBlockReader();
     std::int64_t got = 0;
     const auto readAll = [&] {
       while (const std::size_t size = file.ReadView(10'000).size()) got += static_cast<std::int64_t>(size);
@@ -164,7 +164,7 @@ TEST(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
   TempDir dir;
   WriteFile(dir / "file", ByteVector(9'000'001));
   CFile file(Text(dir / "file"), kReader);
-  file.ReadAhead();
+  file.StartBlockReader();
   (void)file.ReadView(1);
   const auto before = std::signal(SIGUSR1, [](int) { ++taken; });
   sigset_t signals, masked;
@@ -185,7 +185,7 @@ TEST(File, AChildThatIsForkedReadsOnForItself) {
   WriteFile(dir / "file", ByteVector(kSize));
   for (int times = 0; times < 30; ++times) {
     CFile file(Text(dir / "file"), kReader);
-    file.ReadAhead();
+    file.StartBlockReader();
     std::size_t got = 0;
     const auto readTo = [&](std::size_t end) {
       while (got < end) got += file.ReadView(std::min<std::size_t>(50'000, end - got)).size();
@@ -212,7 +212,7 @@ TEST(File, ReadsAheadFarIntoALongFile) {
   for (std::uint32_t i = 0; i < kMarks; ++i) file.Seek(kFrom + i * kStep, CFile::begin), file.Write(&i, sizeof i);
   file.Seek(kFrom, CFile::begin);
   (void)file.ReadView(1);
-  file.ReadAhead();  // from where the buffer ends
+  file.StartBlockReader();  // from where the buffer ends
   file.Seek(kFrom, CFile::begin);
   for (std::uint32_t i = 0; i < kMarks; ++i) {
     std::uint32_t mark = kMarks;

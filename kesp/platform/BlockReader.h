@@ -28,17 +28,17 @@
 
 namespace kesp {
 
-class ReadAhead {
+class BlockReader {
  public:
   // Whether there may be such a thread at all, for the whole process. Any thread may say so.
   static void Allow(bool allowed) noexcept;
   // Whether there may be one, and it and this thread can run at the same time. Two that take turns are slower than one.
   static bool IsWorthwhile() noexcept;
   // In front of each block there are `roomInFront` bytes for what is left of the one before.
-  ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept);
-  ~ReadAhead();
-  ReadAhead(const ReadAhead&) = delete;
-  ReadAhead& operator=(const ReadAhead&) = delete;
+  BlockReader(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept);
+  ~BlockReader();
+  BlockReader(const BlockReader&) = delete;
+  BlockReader& operator=(const BlockReader&) = delete;
 
   // Waits for the next block; empty at the end.
   std::span<std::byte> Next();
