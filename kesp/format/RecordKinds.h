@@ -54,9 +54,10 @@ constexpr bool WithBody(std::uint32_t type, unsigned version, Use use) {
 namespace detail {
 
 // `oldestFile` has the oldest file version for each record version, from 1 on.
-template <class... Bodies>
+template <class... Bodies, std::size_t kVersions>
 constexpr RecordKind ReadKind(std::uint32_t type, const char* name, const std::tuple<Bodies...>& bodies,
-                              const std::uint16_t (&oldestFile)[sizeof...(Bodies)]) {
+                              const std::uint16_t (&oldestFile)[kVersions]) {
+  static_assert(kVersions == sizeof...(Bodies));
   RecordKind kind{type, name, RecordUse::kRead, NewestOf(bodies), {}, {}};
   for (unsigned v = 1; v <= kind.newest; ++v) {
     kind.oldestFile[v] = oldestFile[v - 1];
