@@ -29,7 +29,7 @@ bool MayExist(const CString& path) {
 
 // Deletes the file if not even its file header could be written, so that it doesn't pass for a Kesp file and block the
 // next attempt. A longer or locked file was made by someone else meanwhile, and stays.
-void TakeBackUnfinished(const CString& path, const CKespDataFile& file) {
+void RemoveUnfinished(const CString& path, const CKespDataFile& file) {
   struct stat info {};
   const std::string name = path.ToPathBytes();
   if (file.GetSystemError() == EWOULDBLOCK || kesp::System().Stat(name.c_str(), &info) != 0) return;
@@ -125,7 +125,7 @@ ErrorEnum CKespFile::WriteNew(const CString& path, std::uint16_t version, Append
   if (m_pDataFile != nullptr) (void)m_pDataFile->Close();
   delete m_pDataFile;
   m_pDataFile = created.release();
-  if (!isCreated) TakeBackUnfinished(path, *m_pDataFile);
+  if (!isCreated) RemoveUnfinished(path, *m_pDataFile);
   // A failure to create shows here: the file can't be opened.
   bool wasOpen = false;
   const ErrorEnum opened = CheckFileOpenIfClosed(wasOpen, path);

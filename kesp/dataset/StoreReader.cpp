@@ -35,7 +35,7 @@ const CKespNote* AsTaggedNote(const CKespRecord* record, std::u16string_view tag
 class ReadingAhead {
  public:
   explicit ReadingAhead(CKespDataFile& file) : m_file(file) { file.ReadAhead(true); }
-  ~ReadingAhead() { m_file.m_file.EndReadAhead(); }
+  ~ReadingAhead() { m_file.m_file.EndBlockReader(); }
   ReadingAhead(const ReadingAhead&) = delete;
   ReadingAhead& operator=(const ReadingAhead&) = delete;
 
@@ -110,12 +110,12 @@ void StoreReader::SetExtentFrom(std::u16string_view numbers) try {
 ErrorEnum StoreReader::ReadRecords(CKespRecord* next) {
   std::unique_ptr<CKespRecord> record(next);
   const ReadingAhead ahead(m_container);
-  m_poolBefore = PoolBytesTaken();
+  m_poolBefore = PoolBytesHeld();
   const std::uint64_t limit = MemoryLimit();
   // Damage right after the header is treated as the end of the file; later damage is reported.
   while (record) {
     Add(record.release());
-    while (CKespPoint* const point = m_container.TakePlainPoint()) AddPoint(point);
+    while (CKespPoint* const point = m_container.ReadPlainPoint()) AddPoint(point);
     if (MemoryUsed() > limit) throw CMemoryException();
     record.reset(ReadNext());
     if (!record && !AtCleanEnd()) return ERR_READ_FAILED;
@@ -133,7 +133,7 @@ std::uint64_t StoreReader::MemoryLimit() const noexcept {
 }
 
 std::uint64_t StoreReader::MemoryUsed() const noexcept {
-  return static_cast<std::uint64_t>(std::max<std::int64_t>(PoolBytesTaken() - m_poolBefore, 0)) +
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(PoolBytesHeld() - m_poolBefore, 0)) +
          kBytesOfEntries * static_cast<std::uint64_t>(m_file.m_recordList.GetCount()) +
          kBytesOfLink * m_own.links.size() + kBytesOfLinkList * m_own.linkLists.size();
 }

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <tuple>
 
+#include "kesp/util/Fields.h"
+
 namespace kesp {
 
 // Feature
@@ -174,6 +176,7 @@ constexpr auto kNoteVersion2 = [](auto& v, auto& note) { v.Text16(note.NoteText,
 constexpr std::tuple kFeatureBodies{kFeatureVersion1, kFeatureVersion2, kFeatureVersion3};
 constexpr std::tuple kPointBodies{kPointVersion1, kPointVersion2};
 constexpr std::tuple kHeaderBodies{kHeaderVersion1, kHeaderVersion2};
+constexpr std::tuple kHeaderBodiesAsWritten{kHeaderVersion1AsWritten, kHeaderVersion2};
 constexpr std::tuple kFeatureEndBodies{kFeatureEndBody};
 constexpr std::tuple kAttributeBodies{kAttributeVersion1, kAttributeVersion2, kAttributeVersion3};
 constexpr std::tuple kNoteBodies{kNoteVersion1, kNoteVersion2};
@@ -184,6 +187,11 @@ template <class... Bodies, class Use>
 constexpr bool WithVersion(const std::tuple<Bodies...>& bodies, unsigned version, Use use) {
   unsigned v = 0;
   return std::apply([&](const auto&... body) { return ((version == ++v && (use(body), true)) || ...); }, bodies);
+}
+
+template <class... Bodies>
+constexpr std::uint16_t NewestOf(const std::tuple<Bodies...>& /*bodies*/) {
+  return sizeof...(Bodies);
 }
 
 // Takes the place of a record for visitors that need only the widths.
@@ -203,5 +211,14 @@ struct BodyFields {
   std::array<std::uint8_t, 32> SlotBytes3;
   std::array<std::uint8_t, 16> SlotBytes4;
 };
+
+// The width of a body in bytes.
+template <class Describe>
+constexpr std::size_t BodyWidth(Describe describe) {
+  constexpr BodyFields kFields{};
+  FieldCounter counter;
+  describe(counter, kFields);
+  return counter.Length();
+}
 
 }  // namespace kesp

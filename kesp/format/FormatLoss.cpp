@@ -63,25 +63,18 @@ class FieldList {
   std::size_t m_count = 0;
 };
 
-// Writes the body that the class writes for a version.
-template <class Record, class Body>
-void Write(FieldWriter& writer, const Record& record, Body body) {
-  if constexpr (std::is_same_v<Body, std::remove_const_t<decltype(kHeaderVersion1)>>) {
-    kHeaderVersion1AsWritten(writer, record);
-  } else {
-    body(writer, record);
-  }
-}
-
 // Writes the older body, reads it back into a new record, and compares the fields of the newest body.
-template <class... Bodies, class Record>
-void AddTo(FormatLoss::Kind& kind, const std::tuple<Bodies...>& bodies, const Record& record, unsigned version) {
+template <class Written, class... Bodies, class Record>
+void AddTo(FormatLoss::Kind& kind, const Written& written, const std::tuple<Bodies...>& bodies, const Record& record,
+           unsigned version) {
   Record kept;
-  WithVersion(bodies, version, [&](auto body) {
-    std::array<std::byte, kMostBytes> bytes;
+  std::array<std::byte, kMostBytes> bytes;
+  WithVersion(written, version, [&](auto body) {
     std::fill_n(bytes.begin(), BodyWidth(body), std::byte{0});
     FieldWriter writer(bytes.data());
-    Write(writer, record, body);
+    body(writer, record);
+  });
+  WithVersion(bodies, version, [&](auto body) {
     UncheckedFieldReader reader(bytes);
     body(reader, kept);
   });
@@ -108,15 +101,15 @@ void AddTo(FormatLoss::Kind& kind, const std::tuple<Bodies...>& bodies, const Re
 void FormatLoss::Add(const CKespRecord& record, unsigned short fileVersion) {
   if (fileVersion != 1 && fileVersion != 2) return;
   if (const auto* const point = dynamic_cast<const CKespPoint*>(&record)) {
-    AddTo(points, kPointBodies, *point, fileVersion);
+    AddTo(points, kPointBodies, kPointBodies, *point, fileVersion);
   } else if (const auto* const attribute = dynamic_cast<const CKespAttribute*>(&record)) {
-    AddTo(attributes, kAttributeBodies, *attribute, fileVersion);
+    AddTo(attributes, kAttributeBodies, kAttributeBodies, *attribute, fileVersion);
   } else if (const auto* const feature = dynamic_cast<const CKespFeature*>(&record)) {
-    AddTo(features, kFeatureBodies, *feature, fileVersion);
+    AddTo(features, kFeatureBodies, kFeatureBodies, *feature, fileVersion);
   } else if (const auto* const note = dynamic_cast<const CKespNote*>(&record)) {
-    AddTo(notes, kNoteBodies, *note, fileVersion);
+    AddTo(notes, kNoteBodies, kNoteBodies, *note, fileVersion);
   } else if (const auto* const header = dynamic_cast<const CKespTavoHeader*>(&record)) {
-    AddTo(headers, kHeaderBodies, *header, fileVersion);
+    AddTo(headers, kHeaderBodiesAsWritten, kHeaderBodies, *header, fileVersion);
   }
 }
 

@@ -168,7 +168,7 @@ bool MakePages(void* region) noexcept {
 class Regions {
  public:
   // Returns null when there is no memory.
-  Region* Take() noexcept {
+  Region* Acquire() noexcept {
     bool isFirst = false;
     {
       const std::lock_guard lock(g_regionsLock);
@@ -182,7 +182,7 @@ class Regions {
     return Begin(fresh);
   }
   // Some regions are kept for the next data set. The system may take back all of their pages but the first.
-  void Give(Region* region) noexcept {
+  void Release(Region* region) noexcept {
     constexpr std::size_t kSmallestPage = 4096;
     {
       const std::lock_guard lock(g_regionsLock);
@@ -310,13 +310,13 @@ Region* EndSpan(Span* span) noexcept {
 
 // Takes up to `most` bytes of blocks for the stock, and at least one block. Returns the bytes taken; 0 if there is no
 // memory.
-std::size_t TakeRun(std::size_t which, std::size_t most, Stock& stock) noexcept {
+std::size_t StockUp(std::size_t which, std::size_t most, Stock& stock) noexcept {
   const std::size_t blockSize = BlockSize(which);
   std::unique_lock lock(g_poolLock);
   Span* span = g_pool.withRoom[which];
   while (span == nullptr && (span = BeginSpan(which)) == nullptr) {
     lock.unlock();
-    Region* const region = g_regions.Take();
+    Region* const region = g_regions.Acquire();
     if (region == nullptr) return 0;
     lock.lock();
     PushFront(g_pool.regions, region);
@@ -367,16 +367,16 @@ void GiveBack(Blocks& blocks) noexcept {
     }
   }
   blocks = {};
-  if (emptied != nullptr) g_regions.Give(emptied);
+  if (emptied != nullptr) g_regions.Release(emptied);
 }
 
 struct ThreadStocks {
   std::array<Stock, kSizes> stocks{};
-  std::int64_t bytesTaken = 0;
+  std::int64_t bytesHeld = 0;
 
   void GiveBackFreed(std::size_t which) noexcept {
     Blocks& freed = stocks[which].freed;
-    bytesTaken -= static_cast<std::int64_t>(freed.count * BlockSize(which));
+    bytesHeld -= static_cast<std::int64_t>(freed.count * BlockSize(which));
     kesp::GiveBack(freed);
   }
 };
@@ -419,20 +419,20 @@ ThreadStocks* Stocks() noexcept {
   return t_stocks;
 }
 
-[[gnu::noinline]] void* TakeFromHeap(std::size_t size) {
+[[gnu::noinline]] void* AllocateFromHeap(std::size_t size) {
   void* const block = ::operator new(size, std::nothrow);
   if (block == nullptr) throw CMemoryException();
   return block;
 }
 
 // Takes a block from a new run or, in a thread without a stock, a single block from the pool.
-[[gnu::noinline]] void* TakeFromPool(std::size_t which) {
+[[gnu::noinline]] void* AllocateFromNewRun(std::size_t which) {
   ThreadStocks* const mine = Stocks();
   Stock single;
   Stock& stock = mine != nullptr ? mine->stocks[which] : single;
-  const std::size_t taken = TakeRun(which, mine != nullptr ? kRunSize : BlockSize(which), stock);
+  const std::size_t taken = StockUp(which, mine != nullptr ? kRunSize : BlockSize(which), stock);
   if (taken == 0) throw CMemoryException();
-  if (mine != nullptr) mine->bytesTaken += static_cast<std::int64_t>(taken);
+  if (mine != nullptr) mine->bytesHeld += static_cast<std::int64_t>(taken);
   if (stock.free != nullptr) return std::exchange(stock.free, stock.free->next);
   return std::exchange(stock.fresh, stock.fresh + BlockSize(which));
 }
@@ -454,13 +454,13 @@ ThreadStocks* Stocks() noexcept {
 }  // namespace
 
 void* PoolAllocate(std::size_t size) {
-  if (!kPooled || size > kLargestPooledBlock || size == 0) return TakeFromHeap(size);
+  if (!kPooled || size > kLargestPooledBlock || size == 0) return AllocateFromHeap(size);
   const std::size_t which = (size - 1) / kGranule;
-  if (t_stocks == nullptr) return TakeFromPool(which);
+  if (t_stocks == nullptr) return AllocateFromNewRun(which);
   Stock& stock = t_stocks->stocks[which];
   if (stock.freed.count != 0) return stock.freed.Pop();
   if (stock.free != nullptr) return std::exchange(stock.free, stock.free->next);
-  if (stock.fresh == stock.freshEnd) return TakeFromPool(which);
+  if (stock.fresh == stock.freshEnd) return AllocateFromNewRun(which);
   const std::size_t blockSize = BlockSize(which);
   void* const block = std::exchange(stock.fresh, stock.fresh + blockSize);
   // Most of the cost of a record is filling memory that is in no cache, so prefetch a whole block a few blocks ahead.
@@ -491,6 +491,6 @@ void PoolFreeUnsized(void* block) noexcept {
 
 bool PoolPrepare() noexcept { return kPooled && g_regions.Prepare(); }
 
-std::int64_t PoolBytesTaken() noexcept { return t_stocks != nullptr ? t_stocks->bytesTaken : 0; }
+std::int64_t PoolBytesHeld() noexcept { return t_stocks != nullptr ? t_stocks->bytesHeld : 0; }
 
 }  // namespace kesp

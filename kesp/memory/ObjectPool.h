@@ -39,6 +39,6 @@ bool PoolPrepare() noexcept;
 
 // Bytes of the runs that this thread took, less those that it gave back. Other threads may have taken these, so only
 // differences are meaningful. Always 0 in a build with the address sanitizer.
-std::int64_t PoolBytesTaken() noexcept;
+std::int64_t PoolBytesHeld() noexcept;
 
 }  // namespace kesp

@@ -15,8 +15,8 @@
 #include <utility>
 
 #include "kesp/memory/AlignedBytes.h"
+#include "kesp/platform/BlockReader.h"
 #include "kesp/platform/OpenReaders.h"
-#include "kesp/platform/ReadAhead.h"
 #include "kesp/platform/SystemCalls.h"
 
 namespace {
@@ -133,7 +133,7 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
   }
   const bool writable = IsWritableBy(openFlags);
   const bool create = (openFlags & (modeCreate | modeNew)) != 0;
-  if (!TakeLock(LockOperation(openFlags, writable)) || !SettleLength(m_fd, create && !created, info)) {
+  if (!AcquireLock(LockOperation(openFlags, writable)) || !SettleLength(m_fd, create && !created, info)) {
     return fail(CFileException(errno, wanted));
   }
   m_length = static_cast<std::uint64_t>(info.st_size);
@@ -146,7 +146,7 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
 }
 
 // Also true when no lock is needed or the file system has none. If false, errno has the reason.
-bool CFile::TakeLock(int operation) {
+bool CFile::AcquireLock(int operation) {
   if (operation == 0) return true;
   if (Uninterrupted([&] { return kesp::System().Lock(m_fd, operation | LOCK_NB); }) == 0) {
     m_lockedBy = ::getpid();
@@ -163,7 +163,7 @@ void CFile::Close() {
     Abort();
     throw;
   }
-  EndReadAhead();
+  EndBlockReader();
   CString path = std::move(m_path);
   const int reason = CloseDescriptor();
   Reset();
@@ -171,7 +171,7 @@ void CFile::Close() {
 }
 
 void CFile::Abort() noexcept {
-  EndReadAhead();
+  EndBlockReader();
   (void)CloseDescriptor();
   Reset();
 }
@@ -227,7 +227,7 @@ std::span<const std::byte> CFile::ReadViewSlow(std::size_t count) {
   RequireOpen();
   CommitGathered();
   if (count > kMaxView) throw CInvalidArgException();
-  if (!m_ahead || !TakeAhead(count)) FillBuffer(count);
+  if (!m_blockReader || !FillFromBlockReader(count)) FillBuffer(count);
   const auto at = static_cast<std::size_t>(m_position - m_bufferStart);
   const std::size_t handed = std::min(count, m_bufferSize - at);
   m_position += handed;
@@ -270,33 +270,36 @@ void CFile::FillBuffer(std::size_t count) {
 
 void CFile::ReadAgain() {
   if (m_fd < 0 || m_writable) return;
-  EndReadAhead();
+  EndBlockReader();
   m_bufferSize = 0;
   (void)GetLength();
 }
 
-void CFile::ReadAhead(bool objectsAreKept) noexcept {
-  if (m_fd < 0 || m_ahead || !kesp::ReadAhead::IsWorthwhile()) return;
+void CFile::StartBlockReader(bool objectsAreKept) noexcept {
+  if (m_fd < 0 || m_blockReader || !kesp::BlockReader::IsWorthwhile()) return;
   try {
     const std::uint64_t buffered = m_bufferStart + m_bufferSize;
     const bool follows = m_position >= m_bufferStart && m_position <= buffered;
-    m_ahead = std::make_unique<kesp::ReadAhead>(m_fd, follows ? buffered : m_position, kMaxView, objectsAreKept);
+    m_blockReader =
+        std::make_unique<kesp::BlockReader>(m_fd, follows ? buffered : m_position, kMaxView, objectsAreKept);
   } catch (const std::exception&) {
     // No memory or no thread: every read goes to the system when it is needed.
   }
 }
 
-// Like FillBuffer, but takes blocks from the read-ahead. Returns false when that has ended or the position is
+// Like FillBuffer, but takes blocks from the block reader. Returns false when that has ended or the position is
 // elsewhere; the buffer is then unchanged or empty.
-bool CFile::TakeAhead(std::size_t count) {
+bool CFile::FillFromBlockReader(std::size_t count) {
   for (;;) {
     const std::uint64_t end = m_bufferStart + m_bufferSize;
-    const bool follows = m_position >= m_bufferStart && m_position <= end && end == m_ahead->NextOffset();
+    const bool follows = m_position >= m_bufferStart && m_position <= end && end == m_blockReader->NextOffset();
     const std::size_t kept = follows ? static_cast<std::size_t>(end - m_position) : 0;
     if (follows && kept >= count) return true;
-    if (!follows && (m_position < m_ahead->NextOffset() || m_position - m_ahead->NextOffset() > kMostSkipped)) break;
-    const std::uint64_t offset = m_ahead->NextOffset();
-    const std::span<std::byte> block = m_ahead->Next();
+    if (!follows &&
+        (m_position < m_blockReader->NextOffset() || m_position - m_blockReader->NextOffset() > kMostSkipped))
+      break;
+    const std::uint64_t offset = m_blockReader->NextOffset();
+    const std::span<std::byte> block = m_blockReader->Next();
     if (block.empty()) break;
     // The unread rest goes in front of the new block, which has room for it.
     if (kept != 0) std::memcpy(block.data() - kept, m_data + (m_position - m_bufferStart), kept);
@@ -305,13 +308,14 @@ bool CFile::TakeAhead(std::size_t count) {
     m_bufferSize = kept + block.size();
     m_length = std::max(m_length, offset + block.size());
   }
-  EndReadAhead();
+  EndBlockReader();
   return false;
 }
 
-// The memory of the read-ahead is freed, so the part of its last block that is still unread is copied into the buffer.
-void CFile::EndReadAhead() noexcept {
-  if (!m_ahead) return;
+// The memory of the block reader is freed, so the part of its last block that is still unread is copied into the
+// buffer.
+void CFile::EndBlockReader() noexcept {
+  if (!m_blockReader) return;
   const std::uint64_t end = m_bufferStart + m_bufferSize;
   const bool taken = !m_buffer || m_data < m_buffer->Data() || m_data > m_buffer->Data() + kesp::AlignedBytes::kLine;
   if (taken) {
@@ -323,7 +327,7 @@ void CFile::EndReadAhead() noexcept {
     m_bufferStart = m_position;
     m_data = m_buffer ? PlaceInBuffer(m_position) : nullptr;
   }
-  m_ahead.reset();
+  m_blockReader.reset();
 }
 
 // Reads until it has at least `least` bytes or the file ends; takes up to `most` if the system returns them.
@@ -367,7 +371,7 @@ void CFile::Write(const void* from, std::size_t count) {
 }
 
 void CFile::WriteOut(const std::byte* from, std::size_t count, std::uint64_t position) {
-  EndReadAhead();
+  EndBlockReader();
   if (m_syncFailed) Raise(EIO);
   if (position > kLargestOffset - count) Raise(EFBIG);
   std::size_t total = 0;
@@ -452,7 +456,7 @@ void CFile::SetLength(std::uint64_t length) {
   CommitGathered();
   if (!m_writable) throw CFileException(CFileException::accessDenied, EBADF, m_path);
   if (length > kLargestOffset) Raise(EFBIG);
-  EndReadAhead();
+  EndBlockReader();
   if (TruncateRetrying(m_fd, static_cast<std::int64_t>(length)) != 0) Raise(errno);
   m_length = length;
   m_bufferSize = 0;
@@ -525,8 +529,8 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
   source.RequireOpen();
   CommitGathered();
   source.CommitGathered();
-  EndReadAhead();
-  source.EndReadAhead();
+  EndBlockReader();
+  source.EndBlockReader();
   if (!m_writable) throw CFileException(CFileException::accessDenied, EBADF, m_path);
   if (m_syncFailed) Raise(EIO);
   // The system copies in the kernel where it can. If that fails for any reason, reading and writing go on from there,

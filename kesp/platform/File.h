@@ -39,7 +39,7 @@
 namespace kesp {
 class AlignedBytes;
 class OpenReader;
-class ReadAhead;
+class BlockReader;
 
 // Identifies a file on this machine, whatever name it is opened by, as long as it exists.
 struct FileIdentity {
@@ -101,8 +101,8 @@ class KESP_EXPORT CFile {
   // reading continues far from there. Best effort, for a caller about to read many megabytes in a row: without a second
   // processor, memory or a thread, nothing happens. `objectsAreKept`: the caller keeps the objects that it makes from
   // the bytes, so the thread prepares memory for them too.
-  void ReadAhead(bool objectsAreKept = false) noexcept;
-  void EndReadAhead() noexcept;  // does nothing when it has ended
+  void StartBlockReader(bool objectsAreKept = false) noexcept;
+  void EndBlockReader() noexcept;  // does nothing when it has ended
   // Peeks: returns the next `count` bytes if the buffer already holds them, else null. The position does not move; Skip
   // moves it.
   const std::byte* Buffered(std::size_t count) const noexcept {
@@ -174,7 +174,7 @@ class KESP_EXPORT CFile {
   static constexpr std::size_t kFirstRead = 4 * 1024;  // a new place's first read; doubled in sequence
 
   bool TryOpen(const CString& path, unsigned openFlags, CFileException* error);
-  bool TakeLock(int operation);
+  bool AcquireLock(int operation);
   int CloseDescriptor() noexcept;
   [[noreturn]] void Raise(int osError);
   void RequireOpen() const;
@@ -185,7 +185,7 @@ class KESP_EXPORT CFile {
   bool MakeBuffer() noexcept;
   std::byte* PlaceInBuffer(std::uint64_t position) const noexcept;
   void FillBuffer(std::size_t count);
-  bool TakeAhead(std::size_t count);
+  bool FillFromBlockReader(std::size_t count);
   void UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept;
   void SyncDirectory();
   std::string DirectoryOfFile() const;
@@ -204,7 +204,7 @@ class KESP_EXPORT CFile {
   std::uint64_t m_position = 0;
   std::uint64_t m_length = 0;                    // the last known length
   std::unique_ptr<kesp::AlignedBytes> m_buffer;  // null until something is read or written
-  std::unique_ptr<kesp::ReadAhead> m_ahead;
+  std::unique_ptr<kesp::BlockReader> m_blockReader;
   std::byte* m_data = nullptr;      // into the buffer, or into the last block read ahead
   std::uint64_t m_bufferStart = 0;  // file offset of the first byte at m_data
   std::size_t m_bufferSize = 0;     // bytes at m_data

@@ -125,7 +125,7 @@ void CKespDataFile::ForgetFailures() noexcept {
 
 bool CKespDataFile::Close() {
   try {
-    TakeBackTornRecord();
+    CutBackTornRecord();
   } catch (const CFileException&) {
     // The system refuses; a reader stops at the partial record.
   }

@@ -205,7 +205,7 @@ class KESP_EXPORT CKespDataFile {
   bool CreateWith(const CString& path, unsigned openFlags);
   bool ReadFileHeader();
   bool ReadHeader(kesp::RecordHeader& header);
-  CKespPoint* TakePlainPoint();
+  CKespPoint* ReadPlainPoint();
   // ReadNextRecord with a 64-bit position.
   CKespRecord* ReadNext(std::uint64_t& position, bool skipDeleted);
   [[gnu::noinline]] CKespRecord* ReadAnyRecord(std::uint64_t& position, bool skipDeleted);
@@ -221,7 +221,7 @@ class KESP_EXPORT CKespDataFile {
   // Searches from the first record; with `continueSearch` from the file's position, then from the first record.
   Update FindAndOverwrite(CKespRecord& record, unsigned long sourceFlag, bool continueSearch);
   void ReopenAfterPowerEvent();
-  void TakeBackTornRecord();
+  void CutBackTornRecord();
   void NoteFailure(const CFileException& failure) noexcept { NoteError(failure.m_lOsError); }
   void NoteError(int osError) noexcept;
   void ForgetFailures() noexcept;

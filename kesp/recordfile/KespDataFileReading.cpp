@@ -1,10 +1,11 @@
 // Walks over the records of an open file, and makes objects for record types.
 #include <cerrno>
 #include <memory>
+#include <tuple>
 #include <utility>
 
 #include "kesp/format/RecordKinds.h"
-#include "kesp/platform/ReadAhead.h"
+#include "kesp/platform/BlockReader.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RecordHeader.h"
 #include "kesp/records/KespAttribute.h"
@@ -17,7 +18,8 @@
 
 namespace {
 
-constexpr std::size_t kPlainPointLength = kesp::BodyLengthOf(KESP_RECORD_POINT, 2);
+constexpr std::uint16_t kNewestPoint = kesp::NewestOf(kesp::kPointBodies);
+constexpr std::size_t kPlainPointLength = kesp::BodyLengthOf(KESP_RECORD_POINT, kNewestPoint);
 
 std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
   switch (type) {
@@ -40,17 +42,27 @@ std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
   }
 }
 
+// Stores a position in the caller's variable, even when the read raises.
+template <class To, class From>
+struct StoreAtEnd {
+  To& to;
+  const From& from;
+  ~StoreAtEnd() { to = static_cast<To>(from); }
+};
+template <class To, class From>
+StoreAtEnd(To&, const From&) -> StoreAtEnd<To, From>;
+
 }  // namespace
 
 // A fast path for what nearly every record is: a point of the newest version without flags. Reads it if all of it is in
 // the buffer; otherwise returns null and consumes nothing.
-CKespPoint* CKespDataFile::TakePlainPoint() {
+CKespPoint* CKespDataFile::ReadPlainPoint() {
   const std::byte* const bytes = m_file.Buffered(kesp::kRecordHeaderSize + kPlainPointLength);
   if (bytes == nullptr) return nullptr;
   kesp::RecordHeader header;
   kesp::UncheckedFieldReader reader({bytes, kesp::kRecordHeaderSize + kPlainPointLength});
   kesp::DescribeRecordHeader(reader, header);
-  if (header.type != KESP_RECORD_POINT || header.version != 2 || header.flags != 0 ||
+  if (header.type != KESP_RECORD_POINT || header.version != kNewestPoint || header.flags != 0 ||
       header.length != kPlainPointLength) {
     return nullptr;
   }
@@ -59,7 +71,7 @@ CKespPoint* CKespDataFile::TakePlainPoint() {
   constexpr std::size_t kWhole = kesp::kRecordHeaderSize + kPlainPointLength;
   if (static_cast<std::uint32_t>(start + kWhole) > LimitedLength(m_file.KnownLength())) return nullptr;
   auto point = std::make_unique<CKespPoint>();
-  kesp::kPointVersion2(reader, *point);
+  std::get<kNewestPoint - 1>(kesp::kPointBodies)(reader, *point);
   point->m_filePosition = static_cast<std::uint32_t>(start);
   m_file.Skip(kWhole);
   return point.release();
@@ -67,10 +79,10 @@ CKespPoint* CKespDataFile::TakePlainPoint() {
 
 void CKespDataFile::ReadAhead(bool recordsAreKept) noexcept {
   constexpr std::uint64_t kWorthIt = std::uint64_t{4} << 20;  // bytes
-  if (IsOpen() && m_file.KnownLength() >= m_file.GetPosition() + kWorthIt) m_file.ReadAhead(recordsAreKept);
+  if (IsOpen() && m_file.KnownLength() >= m_file.GetPosition() + kWorthIt) m_file.StartBlockReader(recordsAreKept);
 }
 
-void CKespDataFile::AllowReadAhead(bool allowed) noexcept { kesp::ReadAhead::Allow(allowed); }
+void CKespDataFile::AllowReadAhead(bool allowed) noexcept { kesp::BlockReader::Allow(allowed); }
 
 // Fills `header` as far as the file goes; the rest stays 0. Throws when memory runs out.
 bool CKespDataFile::ReadHeader(kesp::RecordHeader& header) {
@@ -131,12 +143,7 @@ bool CKespDataFile::ReadNextRecordHeader(KESP_RECORD_TYPE& type, unsigned short&
 
 CKespRecord* CKespDataFile::ReadNextRecord(std::uint32_t& position, bool skipDeleted) {
   std::uint64_t wide = position;
-  // The position is stored even when the read raises.
-  struct HandOut {
-    std::uint32_t& to;
-    const std::uint64_t& from;
-    ~HandOut() { to = static_cast<std::uint32_t>(from); }
-  } const handOut{position, wide};
+  const StoreAtEnd storePosition{position, wide};
   return ReadNext(wide, skipDeleted);
 }
 
@@ -146,7 +153,7 @@ CKespRecord* CKespDataFile::ReadNext(std::uint64_t& position, bool skipDeleted) 
   if (!IsOpen()) return nullptr;
   try {
     const std::uint64_t start = m_file.GetPosition();
-    if (CKespPoint* const point = TakePlainPoint()) {
+    if (CKespPoint* const point = ReadPlainPoint()) {
       position = start;
       return point;
     }
@@ -252,12 +259,7 @@ bool CKespDataFile::WalkOverHeaders() {
 
 CKespRecord* CKespDataFile::ReadNextRecord(unsigned long& position, bool skipDeleted) {
   auto position32 = static_cast<std::uint32_t>(position);
-  // The position is stored even when the read raises.
-  struct HandOut {
-    unsigned long& to;
-    const std::uint32_t& from;
-    ~HandOut() { to = from; }
-  } const handOut{position, position32};
+  const StoreAtEnd storePosition{position, position32};
   return ReadNextRecord(position32, skipDeleted);
 }
 

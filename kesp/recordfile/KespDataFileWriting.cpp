@@ -44,7 +44,7 @@ void CKespDataFile::ReopenAfterPowerEvent() {
   if (!m_file.Open(m_path, openFlags, &failure)) NoteFailure(failure);
 }
 
-void CKespDataFile::TakeBackTornRecord() {
+void CKespDataFile::CutBackTornRecord() {
   if (!m_tornFrom) return;
   m_file.SetLength(*m_tornFrom);
   m_tornFrom.reset();
@@ -90,7 +90,7 @@ class CKespDataFile::PendingAppend {
     if (isWhole || !(begun || m_file.m_file.KnownLength() > m_from)) return;
     m_file.m_tornFrom = m_from;
     // The system may refuse; a reader stops at the partial record.
-    (void)m_file.Guarded([this] { return m_file.TakeBackTornRecord(), true; });
+    (void)m_file.Guarded([this] { return m_file.CutBackTornRecord(), true; });
   }
   PendingAppend(const PendingAppend&) = delete;
   PendingAppend& operator=(const PendingAppend&) = delete;
@@ -104,7 +104,7 @@ class CKespDataFile::PendingAppend {
 
 bool CKespDataFile::AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion) {
   if (DidPowerEventHappen()) ReopenAfterPowerEvent();
-  TakeBackTornRecord();
+  CutBackTornRecord();
   const std::uint64_t start = m_file.SeekToEnd();
   record.m_filePosition = static_cast<std::uint32_t>(start);
   if (auto* const tag = dynamic_cast<CKespTag*>(&record)) tag->m_dataPosition = 0;

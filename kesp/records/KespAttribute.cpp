@@ -1,7 +1,7 @@
 #include "kesp/records/KespAttribute.h"
 
+#include "kesp/format/BodyIo.h"
 #include "kesp/format/RecordKinds.h"
-#include "kesp/records/BodyIo.h"
 #include "kesp/util/Utilities.h"
 
 bool CKespAttribute::SetFeatureNumber(unsigned long featureNumber, unsigned long) noexcept {
@@ -34,89 +34,63 @@ unsigned long CKespAttribute::GetLength(unsigned short version) {
 
 bool CKespAttribute::Read(CFile& file) {
   m_error = KESP_ERROR_NONE;
-  try {
-    switch (m_recordVersion) {
-      case 1:
-        return ReadVersion1(file);
-      case 2:
-        return ReadVersion2(file);
-      case 3:
-        return ReadVersion3(file);
-      default:
-        return true;  // unknown: accepted as empty, so that the walk continues
-    }
-  } catch (const CFileException&) {
-    return false;
-  }
+  // Unknown: accepted as empty, so that the walk continues.
+  if (m_recordVersion == 0 || m_recordVersion > kesp::NewestOf(kesp::kAttributeBodies)) return true;
+  return kesp::FalseWhenFileFails([&] { return ReadUpTo(m_recordVersion, file); });
 }
 
 bool CKespAttribute::ReadVersion3(CFile& file) {
   m_error = KESP_ERROR_NONE;
-  if (m_recordVersion != 3) return ReadVersion2(file);
-  kesp::ReadBody(file, *this, kesp::kAttributeVersion3, KESP_ERROR_EOF);
-  if (!IsKnownKind()) AttributeKind = KESP_ATTRIBUTE_NUMERIC;
-  return true;
+  return ReadUpTo(3, file);
 }
 
 bool CKespAttribute::ReadVersion2(CFile& file) {
   m_error = KESP_ERROR_NONE;
-  if (m_recordVersion != 2) return ReadVersion1(file);
-  kesp::ReadBody(file, *this, kesp::kAttributeVersion2, KESP_ERROR_EOF);
-  if (!IsKnownKind()) AttributeKind = KESP_ATTRIBUTE_NUMERIC;
-  return true;
+  return ReadUpTo(2, file);
 }
 
-bool CKespAttribute::ReadVersion1(CFile& file) {
-  if (m_recordVersion != 1) return false;
-  kesp::ReadBody(file, *this, kesp::kAttributeVersion1, KESP_ERROR_EOF);
-  // Version 1 refuses an unknown kind, later versions repair it: hosts detect damage in old files by this error.
-  if (!IsKnownKind()) m_error = KESP_ERROR_ATTRIBUTE_TYPE;
+bool CKespAttribute::ReadVersion1(CFile& file) { return ReadUpTo(1, file); }
+
+bool CKespAttribute::ReadUpTo(unsigned newest, CFile& file) {
+  if (m_recordVersion > newest) return false;
+  if (!kesp::ReadBody(file, *this, kesp::kAttributeBodies, m_recordVersion)) return false;
+  if (AttributeKind < KESP_ATTRIBUTE_STRING || AttributeKind > KESP_ATTRIBUTE_OTHER) {
+    // Version 1 refuses an unknown kind, later versions repair it: hosts detect damage in old files by this error.
+    if (m_recordVersion == 1) {
+      m_error = KESP_ERROR_ATTRIBUTE_TYPE;
+    } else {
+      AttributeKind = KESP_ATTRIBUTE_NUMERIC;
+    }
+  }
   return m_error == KESP_ERROR_NONE;
 }
 
-bool CKespAttribute::IsKnownKind() const noexcept {
-  return AttributeKind >= KESP_ATTRIBUTE_STRING && AttributeKind <= KESP_ATTRIBUTE_OTHER;
-}
-
 bool CKespAttribute::Write(CFile& file, unsigned long sourceFlag, unsigned short version) {
-  try {
-    switch (version) {
-      case 1:
-        return WriteVersion1(file, sourceFlag, version);
-      case 2:
-        return WriteVersion2(file, sourceFlag, version);
-      default:
-        return WriteVersion3(file, sourceFlag, version);
-    }
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails([&] {
+    if (version == 1) return WriteVersion1(file, sourceFlag, version);
+    if (version == 2) return WriteVersion2(file, sourceFlag, version);
+    return WriteVersion3(file, sourceFlag, version);
+  });
 }
 
-// Both newer writers apply the source flag before they pass an older version on. So a version-2 write that goes through
-// both applies it twice, and one that ends in version 1 at least once.
+// Both newer writers apply the source flag. They apply it twice when they write the other's version: the second time
+// can change the flag word again.
 bool CKespAttribute::WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned short version) {
   const unsigned short resolved = OwnVersionIfZero(version);
   SetSourceFlag(sourceFlag);
-  if (resolved == 2) return WriteVersion2(file, sourceFlag, 2);
-  if (resolved != 3) return WriteVersion1(file, sourceFlag, resolved);
-  kesp::WriteBody(file, *this, kesp::kAttributeVersion3);
-  return true;
+  if (resolved == 2) SetSourceFlag(sourceFlag);
+  return kesp::WriteBody(file, *this, kesp::kAttributeBodies, resolved);
 }
 
 bool CKespAttribute::WriteVersion2(CFile& file, unsigned long sourceFlag, unsigned short version) {
   const unsigned short resolved = OwnVersionIfZero(version);
   SetSourceFlag(sourceFlag);
-  if (resolved == 3) return WriteVersion3(file, sourceFlag, resolved);
-  if (resolved != 2) return WriteVersion1(file, sourceFlag, resolved);
-  kesp::WriteBody(file, *this, kesp::kAttributeVersion2);
-  return true;
+  if (resolved == 3) SetSourceFlag(sourceFlag);
+  return kesp::WriteBody(file, *this, kesp::kAttributeBodies, resolved);
 }
 
 bool CKespAttribute::WriteVersion1(CFile& file, unsigned long /*sourceFlag*/, unsigned short version) {
-  if (version != 1) return false;
-  kesp::WriteBody(file, *this, kesp::kAttributeVersion1);
-  return true;
+  return version == 1 && kesp::WriteBody(file, *this, kesp::kAttributeBodies, version);
 }
 
 bool CKespAttribute::IsSameKespRecord(CKespRecord* other) {
@@ -126,12 +100,9 @@ bool CKespAttribute::IsSameKespRecord(CKespRecord* other) {
 }
 
 unsigned short CKespAttribute::GetRecordVersionFromKespVersion(unsigned short kespVersion) {
-  return kespVersion == 1 ? 1 : 3;
+  return kesp::RecordVersionFor(KESP_RECORD_ATTRIBUTE, kespVersion);
 }
 
 bool CKespAttribute::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) {
-  const unsigned short version = OwnVersionIfZero(recordVersion);
-  if (version < 1 || version > 3) return false;
-  kespVersion = version;
-  return true;
+  return kesp::OldestFileVersion(KESP_RECORD_ATTRIBUTE, OwnVersionIfZero(recordVersion), kespVersion);
 }

@@ -73,5 +73,6 @@ class KESP_EXPORT CKespAttribute : public CKespRecord {
   bool WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned short version);
 
  private:
-  bool IsKnownKind() const noexcept;
+  // Reads the body; returns false if m_recordVersion is greater than `newest`, or unknown.
+  bool ReadUpTo(unsigned newest, CFile& file);
 };

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "kesp/format/BodyIo.h"
 #include "kesp/format/RecordKinds.h"
-#include "kesp/records/BodyIo.h"
 #include "kesp/util/StringTable.h"
 #include "kesp/util/Utilities.h"
 
@@ -134,95 +134,49 @@ unsigned long CKespFeature::GetLength(unsigned short version) {
 }
 
 bool CKespFeature::Read(CFile& file) {
-  switch (m_recordVersion) {
-    case 1:
-      // Called directly, without the try blocks below and without resetting m_error: hosts rely on the exception to
-      // detect the end of an old file.
-      return ReadVersion1(file);
-    case 2:
-      return ReadVersion2(file);
-    default:
-      return ReadVersion3(file);
-  }
+  // Called directly, without FalseWhenFileFails and without resetting m_error: hosts rely on the exception to detect
+  // the end of an old file.
+  if (m_recordVersion == 1) return ReadVersion1(file);
+  return ReadGuarded(m_recordVersion, file);
 }
 
-bool CKespFeature::ReadVersion3(CFile& file) {
+bool CKespFeature::ReadVersion3(CFile& file) { return ReadGuarded(3, file); }
+
+bool CKespFeature::ReadVersion2(CFile& file) { return ReadGuarded(2, file); }
+
+bool CKespFeature::ReadVersion1(CFile& file) { return ReadUpTo(1, file); }
+
+bool CKespFeature::ReadGuarded(unsigned newest, CFile& file) {
   m_error = KESP_ERROR_NONE;
-  try {
-    if (m_recordVersion != 3) return ReadVersion2(file);
-    kesp::ReadBody(file, *this, kesp::kFeatureVersion3, KESP_ERROR_EOF);
-    return CheckType();
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails([&] { return ReadUpTo(newest, file); });
 }
 
-bool CKespFeature::ReadVersion2(CFile& file) {
-  m_error = KESP_ERROR_NONE;
-  try {
-    if (m_recordVersion != 2) return ReadVersion1(file);
-    kesp::ReadBody(file, *this, kesp::kFeatureVersion2, KESP_ERROR_EOF);
-    return CheckType();
-  } catch (const CFileException&) {
-    return false;
-  }
-}
-
-bool CKespFeature::ReadVersion1(CFile& file) {
-  if (m_recordVersion != 1) return false;
-  kesp::ReadBody(file, *this, kesp::kFeatureVersion1, KESP_ERROR_EOF);
-  return CheckType();
-}
-
-bool CKespFeature::CheckType() noexcept {
+bool CKespFeature::ReadUpTo(unsigned newest, CFile& file) {
+  if (m_recordVersion > newest) return false;
+  if (!kesp::ReadBody(file, *this, kesp::kFeatureBodies, m_recordVersion)) return false;
   if (FeatureType < KESP_FEATURE_POINT || FeatureType > KESP_FEATURE_AREA) m_error = KESP_ERROR_BAD_RECORD;
   return m_error == KESP_ERROR_NONE;
 }
 
 bool CKespFeature::Write(CFile& file, unsigned long sourceFlag, unsigned short version) {
-  switch (version) {
-    case 1:
-      return WriteVersion1(file, version);  // exceptions propagate, as in Read
-    case 2:
-      return WriteVersion2(file, sourceFlag, version);
-    default:
-      return WriteVersion3(file, sourceFlag, version);
-  }
+  if (version == 1) return WriteVersion1(file, version);  // exceptions propagate, as in Read
+  return WriteVersion3(file, sourceFlag, version);
 }
 
-bool CKespFeature::WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned short version) {
-  const unsigned short resolved = OwnVersionIfZero(version);
-  try {
-    if (resolved != 3) return WriteVersion2(file, sourceFlag, version);
-    kesp::WriteBody(file, *this, kesp::kFeatureVersion3);
+bool CKespFeature::WriteVersion3(CFile& file, unsigned long /*sourceFlag*/, unsigned short version) {
+  return kesp::FalseWhenFileFails([&] {
+    // An unknown version has no body, so nothing to write.
+    (void)kesp::WriteBody(file, *this, kesp::kFeatureBodies, OwnVersionIfZero(version));
     return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  });
 }
 
 bool CKespFeature::WriteVersion2(CFile& file, unsigned long sourceFlag, unsigned short version) {
-  try {
-    switch (OwnVersionIfZero(version)) {
-      case 1:
-        return WriteVersion1(file, 1);
-      case 2:
-        kesp::WriteBody(file, *this, kesp::kFeatureVersion2);
-        return true;
-      case 3:
-        return WriteVersion3(file, sourceFlag, 3);
-      default:
-        return true;  // no body, so nothing to write
-    }
-  } catch (const CFileException&) {
-    return false;
-  }
+  return WriteVersion3(file, sourceFlag, version);
 }
 
 bool CKespFeature::WriteVersion1(CFile& file, unsigned short version) {
-  if (version != 1) return false;
-  kesp::WriteBody(file, *this, kesp::kFeatureVersion1);
-  return true;
+  return version == 1 && kesp::WriteBody(file, *this, kesp::kFeatureBodies, version);
 }
 
 bool CKespFeature::IsSameKespRecord(CKespRecord* other) {
@@ -232,19 +186,9 @@ bool CKespFeature::IsSameKespRecord(CKespRecord* other) {
 }
 
 unsigned short CKespFeature::GetRecordVersionFromKespVersion(unsigned short kespVersion) {
-  return kespVersion == 1 ? 1 : 3;
+  return kesp::RecordVersionFor(KESP_RECORD_FEATURE, kespVersion);
 }
 
 bool CKespFeature::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) {
-  switch (OwnVersionIfZero(recordVersion)) {
-    case 1:
-      kespVersion = 1;
-      return true;
-    case 2:
-    case 3:
-      kespVersion = 2;
-      return true;
-    default:
-      return false;
-  }
+  return kesp::OldestFileVersion(KESP_RECORD_FEATURE, OwnVersionIfZero(recordVersion), kespVersion);
 }

@@ -105,5 +105,8 @@ class KESP_EXPORT CKespFeature : public CKespRecord {
   bool WriteVersion3(CFile& file, unsigned long sourceFlag, unsigned short version);
 
  private:
-  bool CheckType() noexcept;
+  // Reads the body; returns false if m_recordVersion is greater than `newest`, or unknown.
+  bool ReadUpTo(unsigned newest, CFile& file);
+  // The same, but resets m_error first and returns false instead of raising a CFileException.
+  bool ReadGuarded(unsigned newest, CFile& file);
 };

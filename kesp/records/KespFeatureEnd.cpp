@@ -1,34 +1,25 @@
 #include "kesp/records/KespFeatureEnd.h"
 
-#include "kesp/format/Bodies.h"
-#include "kesp/records/BodyIo.h"
+#include "kesp/format/BodyIo.h"
+#include "kesp/format/RecordKinds.h"
 
 bool CKespFeatureEnd::SetFeatureNumber(unsigned long featureNumber, unsigned long) noexcept {
   FeatureNumber = static_cast<std::uint32_t>(featureNumber);
   return true;
 }
 
+// The layout is the same whatever the version.
 unsigned long CKespFeatureEnd::GetLength(unsigned short /*version*/) {
-  return kesp::BodyLength(*this, kesp::kFeatureEndBody);
+  return kesp::BodyLengthOf(KESP_RECORD_FEATURE_END, 1);
 }
 
 bool CKespFeatureEnd::Read(CFile& file) {
   m_error = KESP_ERROR_NONE;
-  try {
-    kesp::ReadBody(file, *this, kesp::kFeatureEndBody, KESP_ERROR_EOF);
-    return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails([&] { return kesp::ReadBody(file, *this, kesp::kFeatureEndBodies, 1); });
 }
 
 bool CKespFeatureEnd::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short /*version*/) {
-  try {
-    kesp::WriteBody(file, *this, kesp::kFeatureEndBody);
-    return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails([&] { return kesp::WriteBody(file, *this, kesp::kFeatureEndBodies, 1); });
 }
 
 bool CKespFeatureEnd::IsSameKespRecord(CKespRecord* other) {
@@ -37,11 +28,11 @@ bool CKespFeatureEnd::IsSameKespRecord(CKespRecord* other) {
   return end != nullptr && end->FeatureNumber == FeatureNumber;
 }
 
-unsigned short CKespFeatureEnd::GetRecordVersionFromKespVersion(unsigned short /*kespVersion*/) { return 1; }
+unsigned short CKespFeatureEnd::GetRecordVersionFromKespVersion(unsigned short kespVersion) {
+  return kesp::RecordVersionFor(KESP_RECORD_FEATURE_END, kespVersion);
+}
 
 bool CKespFeatureEnd::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion,
                                                              unsigned short recordVersion) {
-  if (OwnVersionIfZero(recordVersion) != 1) return false;
-  kespVersion = 1;
-  return true;
+  return kesp::OldestFileVersion(KESP_RECORD_FEATURE_END, OwnVersionIfZero(recordVersion), kespVersion);
 }

@@ -1,11 +1,8 @@
 #include "kesp/records/KespNote.h"
 
+#include "kesp/format/BodyIo.h"
 #include "kesp/format/HeaderNotes.h"
 #include "kesp/format/RecordKinds.h"
-#include "kesp/records/BodyIo.h"
-#include "kesp/records/VersionTables.h"
-
-namespace {}  // namespace
 
 unsigned long CKespNote::GetLength(unsigned short version) {
   return kesp::BodyLengthOf(KESP_RECORD_NOTE, OwnVersionIfZero(version));
@@ -13,36 +10,20 @@ unsigned long CKespNote::GetLength(unsigned short version) {
 
 bool CKespNote::Read(CFile& file) {
   m_error = KESP_ERROR_NONE;
-  try {
-    if (m_recordVersion != 2) return ReadOldVersions(file);
-    kesp::ReadBody(file, *this, kesp::kNoteVersion2, KESP_ERROR_EOF);
-    return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails([&] { return kesp::ReadBody(file, *this, kesp::kNoteBodies, m_recordVersion); });
 }
 
 bool CKespNote::ReadOldVersions(CFile& file) {
-  if (m_recordVersion != 1) return false;
-  kesp::ReadBody(file, *this, kesp::kNoteVersion1, KESP_ERROR_EOF);
-  return true;
+  return m_recordVersion == 1 && kesp::ReadBody(file, *this, kesp::kNoteBodies, 1);
 }
 
 bool CKespNote::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short version) {
-  const unsigned short resolved = OwnVersionIfZero(version);
-  try {
-    if (resolved != 2) return WriteOldVersions(file, resolved);
-    kesp::WriteBody(file, *this, kesp::kNoteVersion2);
-    return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails(
+      [&] { return kesp::WriteBody(file, *this, kesp::kNoteBodies, OwnVersionIfZero(version)); });
 }
 
 bool CKespNote::WriteOldVersions(CFile& file, unsigned short version) {
-  if (version != 1) return false;
-  kesp::WriteBody(file, *this, kesp::kNoteVersion1);
-  return true;
+  return version == 1 && kesp::WriteBody(file, *this, kesp::kNoteBodies, version);
 }
 
 bool CKespNote::IsSameKespRecord(CKespRecord* other) {
@@ -53,9 +34,9 @@ bool CKespNote::IsSameKespRecord(CKespRecord* other) {
 }
 
 unsigned short CKespNote::GetRecordVersionFromKespVersion(unsigned short kespVersion) {
-  return kesp::RecordVersionUpTo2(kespVersion);
+  return kesp::RecordVersionFor(KESP_RECORD_NOTE, kespVersion);
 }
 
 bool CKespNote::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) {
-  return kesp::MinimumKespVersionUpTo2(kespVersion, OwnVersionIfZero(recordVersion));
+  return kesp::OldestFileVersion(KESP_RECORD_NOTE, OwnVersionIfZero(recordVersion), kespVersion);
 }

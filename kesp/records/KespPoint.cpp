@@ -1,8 +1,7 @@
 #include "kesp/records/KespPoint.h"
 
+#include "kesp/format/BodyIo.h"
 #include "kesp/format/RecordKinds.h"
-#include "kesp/records/BodyIo.h"
-#include "kesp/records/VersionTables.h"
 
 namespace {
 
@@ -33,38 +32,27 @@ unsigned long CKespPoint::GetLength(unsigned short version) {
 
 bool CKespPoint::Read(CFile& file) {
   m_error = KESP_ERROR_NONE;
-  try {
-    if (m_recordVersion != 2) return ReadOldVersions(file);
-    kesp::ReadBody(file, *this, kesp::kPointVersion2, KESP_ERROR_EOF);
-    return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails([&] {
+    if (m_recordVersion == 1) return ReadOldVersions(file);
+    return kesp::ReadBody(file, *this, kesp::kPointBodies, m_recordVersion);
+  });
 }
 
 bool CKespPoint::ReadOldVersions(CFile& file) {
   if (m_recordVersion != 1) return false;
-  kesp::ReadBody(file, *this, kesp::kPointVersion1, KESP_ERROR_EOF);
+  kesp::ReadBody(file, *this, kesp::kPointBodies, 1);
   if (SignalStatus > kHighestOldStatus) SignalStatus = KESP_SIGNAL_STATUS_10;
   GpsNumber = 0;
   return true;
 }
 
 bool CKespPoint::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short version) {
-  const unsigned short resolved = OwnVersionIfZero(version);
-  try {
-    if (resolved != 2) return WriteOldVersions(file, resolved);
-    kesp::WriteBody(file, *this, kesp::kPointVersion2);
-    return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails(
+      [&] { return kesp::WriteBody(file, *this, kesp::kPointBodies, OwnVersionIfZero(version)); });
 }
 
 bool CKespPoint::WriteOldVersions(CFile& file, unsigned short version) {
-  if (version != 1) return false;
-  kesp::WriteBody(file, *this, kesp::kPointVersion1);
-  return true;
+  return version == 1 && kesp::WriteBody(file, *this, kesp::kPointBodies, version);
 }
 
 bool CKespPoint::IsSameKespRecord(CKespRecord* other) {
@@ -74,9 +62,9 @@ bool CKespPoint::IsSameKespRecord(CKespRecord* other) {
 }
 
 unsigned short CKespPoint::GetRecordVersionFromKespVersion(unsigned short kespVersion) {
-  return kesp::RecordVersionUpTo2(kespVersion);
+  return kesp::RecordVersionFor(KESP_RECORD_POINT, kespVersion);
 }
 
 bool CKespPoint::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) {
-  return kesp::MinimumKespVersionUpTo2(kespVersion, OwnVersionIfZero(recordVersion));
+  return kesp::OldestFileVersion(KESP_RECORD_POINT, OwnVersionIfZero(recordVersion), kespVersion);
 }

@@ -10,9 +10,9 @@
 #include <span>
 #include <utility>
 
+#include "kesp/format/RecordKinds.h"
 #include "kesp/format/TagBlock.h"
 #include "kesp/platform/File.h"
-#include "kesp/records/VersionTables.h"
 #include "kesp/util/Fields.h"
 
 namespace {
@@ -470,9 +470,9 @@ bool CKespTag::IsSameKespRecord(CKespRecord* other) {
 }
 
 unsigned short CKespTag::GetRecordVersionFromKespVersion(unsigned short kespVersion) {
-  return kesp::RecordVersionUpTo2(kespVersion);
+  return kesp::RecordVersionFor(KESP_RECORD_TAG, kespVersion);
 }
 
 bool CKespTag::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion, unsigned short recordVersion) {
-  return kesp::MinimumKespVersionUpTo2(kespVersion, OwnVersionIfZero(recordVersion));
+  return kesp::OldestFileVersion(KESP_RECORD_TAG, OwnVersionIfZero(recordVersion), kespVersion);
 }

@@ -1,9 +1,8 @@
 #include "kesp/records/KespTavoHeader.h"
 
+#include "kesp/format/BodyIo.h"
 #include "kesp/format/RecordKinds.h"
 #include "kesp/platform/Time.h"
-#include "kesp/records/BodyIo.h"
-#include "kesp/records/VersionTables.h"
 
 namespace {
 
@@ -43,45 +42,33 @@ unsigned long CKespTavoHeader::GetLength(unsigned short version) {
 bool CKespTavoHeader::Read(CFile& file) {
   Init();
   m_error = KESP_ERROR_NONE;
-  try {
-    if (m_recordVersion != 2) return ReadOldVersions(file);
-    kesp::ReadBody(file, *this, kesp::kHeaderVersion2, KESP_ERROR_APP_HEADER);
-    return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails([&] {
+    if (m_recordVersion == 1) return ReadOldVersions(file);
+    return kesp::ReadBody(file, *this, kesp::kHeaderBodies, m_recordVersion, KESP_ERROR_APP_HEADER);
+  });
 }
 
 bool CKespTavoHeader::ReadOldVersions(CFile& file) {
   if (m_recordVersion != 1) return false;
   KespVersion = 1;
-  kesp::ReadBody(file, *this, kesp::kHeaderVersion1, KESP_ERROR_EOF);
-  return true;
+  return kesp::ReadBody(file, *this, kesp::kHeaderBodies, 1);
 }
 
 bool CKespTavoHeader::Write(CFile& file, unsigned long /*sourceFlag*/, unsigned short version) {
   if (version == 1 || version == 2) KespVersion = version;
-  const unsigned short resolved = OwnVersionIfZero(version);
-  try {
-    if (resolved != 2) return WriteOldVersions(file, resolved);
-    kesp::WriteBody(file, *this, kesp::kHeaderVersion2);
-    return true;
-  } catch (const CFileException&) {
-    return false;
-  }
+  return kesp::FalseWhenFileFails(
+      [&] { return kesp::WriteBody(file, *this, kesp::kHeaderBodiesAsWritten, OwnVersionIfZero(version)); });
 }
 
 bool CKespTavoHeader::WriteOldVersions(CFile& file, unsigned short version) {
-  if (version != 1) return false;
-  kesp::WriteBody(file, *this, kesp::kHeaderVersion1AsWritten);
-  return true;
+  return version == 1 && kesp::WriteBody(file, *this, kesp::kHeaderBodiesAsWritten, version);
 }
 
 unsigned short CKespTavoHeader::GetRecordVersionFromKespVersion(unsigned short kespVersion) {
-  return kesp::RecordVersionUpTo2(kespVersion);
+  return kesp::RecordVersionFor(KESP_RECORD_HEADER, kespVersion);
 }
 
 bool CKespTavoHeader::GetMinimumKespVersionFromRecordVersion(unsigned short& kespVersion,
                                                              unsigned short recordVersion) {
-  return kesp::MinimumKespVersionUpTo2(kespVersion, OwnVersionIfZero(recordVersion));
+  return kesp::OldestFileVersion(KESP_RECORD_HEADER, OwnVersionIfZero(recordVersion), kespVersion);
 }

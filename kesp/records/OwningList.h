@@ -75,18 +75,7 @@ class OwningList {
   }
   // Deletes all items, the first one first.
   void clear() noexcept {
-    // Deleting a whole survey mostly waits for memory, so prefetch the items that come next.
-    constexpr std::size_t kAhead = 8;
-    constexpr std::size_t kCacheLine = 64;
-    Item** const items = m_storage + m_front;
-    for (std::size_t i = 0; i < m_size; ++i) {
-      if (i + kAhead < m_size && items[i + kAhead] != nullptr) {
-        const auto* const coming = reinterpret_cast<const std::byte*>(items[i + kAhead]);
-        __builtin_prefetch(coming, 1);
-        if constexpr (sizeof(Item) > kCacheLine) __builtin_prefetch(coming + kCacheLine, 1);
-      }
-      delete items[i];
-    }
+    for (Item* const item : *this) delete item;
     FreePointers(m_storage, m_capacity);
     m_storage = nullptr;
     m_front = m_size = m_capacity = 0;

@@ -20,13 +20,13 @@ TEST(ObjectPool, UsesAgainWhatWasFreed) {
   std::int64_t most = 0;
   for (int times = 0; times < 10; ++times) {
     for (void*& block : blocks) block = PoolAllocate(kSize);
-    if (times == 0) most = PoolBytesTaken();
-    EXPECT_LE(std::abs(PoolBytesTaken() - most), kRun) << times;
+    if (times == 0) most = PoolBytesHeld();
+    EXPECT_LE(std::abs(PoolBytesHeld() - most), kRun) << times;
     for (std::size_t i = 0; i < kCount; i += 2) PoolFree(blocks[i], kSize);
     for (std::size_t i = 0; i < kCount; i += 2) blocks[i] = PoolAllocate(kSize);
-    EXPECT_LE(std::abs(PoolBytesTaken() - most), kRun) << times;
+    EXPECT_LE(std::abs(PoolBytesHeld() - most), kRun) << times;
     for (void* const block : blocks) PoolFree(block, kSize);
-    EXPECT_LE(PoolBytesTaken(), most / 2);
+    EXPECT_LE(PoolBytesHeld(), most / 2);
   }
 }
 
@@ -60,7 +60,7 @@ TEST(ObjectPool, ThreadsShareBlocksAndLeaveNone) {
   std::thread([&] { std::ranges::for_each(first, take), std::ranges::for_each(first, free); }).join();
   std::ranges::for_each(second, take);
   const auto wasThere = [&](void* block) { return std::ranges::count(first, block) != 0; };
-  const bool pooled = PoolBytesTaken() != 0;
+  const bool pooled = PoolBytesHeld() != 0;
   EXPECT_GE(std::ranges::count_if(second, wasThere), pooled ? kAll - 64 : 0);
   std::ranges::for_each(second, free);
 }

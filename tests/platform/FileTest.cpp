@@ -123,13 +123,13 @@ void File::RunBesideAModel(unsigned seed, int steps, bool readsAhead) {
       file.SetLength(model.size());
     } else if (kind == 80) {
       if (below(2) == 0) seek(below(model.size()));
-      file.ReadAhead();
+      file.StartBlockReader();
       for (std::size_t pieces = below(300); pieces != 0; --pieces) {
         read(below(pieces % 8 == 0 ? CFile::kMaxView : 300) + 1);
         if (below(50) != 0) continue;
         seek(position + below(2'800'000));  // over what is not wanted
         if (below(2) == 0) put(write(3000)), seek(position - 3000);
-        file.ReadAhead();  // at work already, if nothing was written
+        file.StartBlockReader();  // at work already, if nothing was written
       }
     }
     ASSERT_EQ(file.GetPosition(), position);
@@ -151,7 +151,7 @@ TEST_F(File, AFailureOfReadingAheadIsLeftToTheReadThere) {
   for (const int times : {1, 1'000'000}) {
     const BadSpot bad(kPlace, times);
     CFile file(name, kReader);
-    file.ReadAhead();
+    file.StartBlockReader();
     std::int64_t got = 0;
     const auto readAll = [&] {
       while (const std::size_t size = file.ReadView(10'000).size()) got += static_cast<std::int64_t>(size);
@@ -166,7 +166,7 @@ TEST_F(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
   static std::atomic<int> taken = 0;
   WriteFile(path, ByteVector(9'000'001));
   CFile file(name, kReader);
-  file.ReadAhead();
+  file.StartBlockReader();
   (void)file.ReadView(1);
   const auto before = std::signal(SIGUSR1, [](int) { ++taken; });
   sigset_t signals, masked;
@@ -186,7 +186,7 @@ TEST_F(File, AChildThatIsForkedReadsOnForItself) {
   WriteFile(path, ByteVector(kSize));
   for (std::size_t times = 0; times < 30; ++times) {
     CFile file(name, kReader);
-    file.ReadAhead();
+    file.StartBlockReader();
     std::size_t got = 0;
     const auto readTo = [&](std::size_t end) {
       while (got < end) got += file.ReadView(std::min<std::size_t>(50'000, end - got)).size();
@@ -208,7 +208,7 @@ TEST_F(File, ReadsAheadFarIntoALongFile) {
   for (std::uint32_t i = 0; i < kMarks; ++i) file.Seek(kFrom + i * kStep, CFile::begin), file.Write(&i, sizeof i);
   file.Seek(kFrom, CFile::begin);
   (void)file.ReadView(1);
-  file.ReadAhead();  // from where the buffer ends
+  file.StartBlockReader();  // from where the buffer ends
   file.Seek(kFrom, CFile::begin);
   for (std::uint32_t i = 0, mark = kMarks; i < kMarks; ++i) {
     EXPECT_EQ(file.Read(&mark, sizeof mark), sizeof mark);

@@ -1,4 +1,4 @@
-#include "kesp/platform/ReadAhead.h"
+#include "kesp/platform/BlockReader.h"
 
 #include <sched.h>
 #include <unistd.h>
@@ -50,16 +50,16 @@ void WaitWhile(const std::atomic<std::size_t>& number, MustWait mustWait) noexce
 
 }  // namespace
 
-void ReadAhead::Allow(bool allowed) noexcept { g_allowed = allowed; }
+void BlockReader::Allow(bool allowed) noexcept { g_allowed = allowed; }
 
-bool ReadAhead::IsWorthwhile() noexcept {
+bool BlockReader::IsWorthwhile() noexcept {
   if (!g_allowed) return false;
   cpu_set_t mine;
   if (::sched_getaffinity(0, sizeof mine, &mine) != 0) return true;  // too many processors for the set
   return CPU_COUNT(&mine) > 1;
 }
 
-ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept)
+BlockReader::BlockReader(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept)
     : m_fd(fd),
       m_process(::getpid()),
       m_offset(offset),
@@ -71,7 +71,7 @@ ReadAhead::ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool
   if (::pthread_create(&m_thread, nullptr, RunThread, this) != 0) throw std::bad_alloc();
 }
 
-ReadAhead::~ReadAhead() {
+BlockReader::~BlockReader() {
   if (::getpid() != m_process) return;  // a forked child has no such thread
   m_stop = true;
   m_given += kBlocks;  // makes room, which wakes a thread that waits for it
@@ -79,13 +79,13 @@ ReadAhead::~ReadAhead() {
   ::pthread_join(m_thread, nullptr);
 }
 
-void* ReadAhead::RunThread(void* self) {
-  static_cast<ReadAhead*>(self)->Run();
+void* BlockReader::RunThread(void* self) {
+  static_cast<BlockReader*>(self)->Run();
   return nullptr;
 }
 
 // Claims the next block that no thread is reading, if there is room for one.
-std::optional<std::size_t> ReadAhead::Claim() noexcept {
+std::optional<std::size_t> BlockReader::Claim() noexcept {
   std::size_t number = m_claimed.load(std::memory_order_relaxed);
   while (number < m_given.load(std::memory_order_acquire) + kMostAhead) {
     if (m_claimed.compare_exchange_weak(number, number + 1, std::memory_order_acq_rel)) return number;
@@ -93,7 +93,7 @@ std::optional<std::size_t> ReadAhead::Claim() noexcept {
   return std::nullopt;
 }
 
-std::span<std::byte> ReadAhead::Next() {
+std::span<std::byte> BlockReader::Next() {
   if (m_ended || ::getpid() != m_process) return {};
   const std::size_t number = m_given.load(std::memory_order_relaxed);
   while (!IsRead(number)) {
@@ -113,7 +113,7 @@ std::span<std::byte> ReadAhead::Next() {
   return block;
 }
 
-void ReadAhead::Run() {
+void BlockReader::Run() {
   while (!m_stop) {
     const std::optional<std::size_t> number = Claim();
     if (number) {
@@ -127,7 +127,7 @@ void ReadAhead::Run() {
 }
 
 // Returns the number of bytes read: less than a full block at the end of the file or when reading fails.
-std::size_t ReadAhead::ReadBlock(std::size_t number) noexcept {
+std::size_t BlockReader::ReadBlock(std::size_t number) noexcept {
   const std::span<std::byte> to = Block(number);
   std::size_t total = 0;
   while (total < to.size()) {

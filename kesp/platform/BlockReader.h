@@ -28,7 +28,7 @@
 
 namespace kesp {
 
-class ReadAhead {
+class BlockReader {
  public:
   // Allows or disallows such threads for the whole process. Any thread may call it.
   static void Allow(bool allowed) noexcept;
@@ -36,10 +36,10 @@ class ReadAhead {
   // slower than one.
   static bool IsWorthwhile() noexcept;
   // In front of each block are `roomInFront` bytes for the unread rest of the block before.
-  ReadAhead(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept);
-  ~ReadAhead();
-  ReadAhead(const ReadAhead&) = delete;
-  ReadAhead& operator=(const ReadAhead&) = delete;
+  BlockReader(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept);
+  ~BlockReader();
+  BlockReader(const BlockReader&) = delete;
+  BlockReader& operator=(const BlockReader&) = delete;
 
   // Waits for the next block and returns it; empty at the end.
   std::span<std::byte> Next();
