@@ -127,8 +127,12 @@ CommandLine::CommandLine()
   AddValidate();
   AddFind();
   AddHeader();
+  AddSet();
   AddDelete();
+  AddUndelete();
+  AddAppend();
   AddCopy();
+  AddMerge();
   AddRepair();
   AddHelp();
 }
@@ -263,6 +267,24 @@ void RequireNumbers(const DeleteOptions& numbers) {
 
 }  // namespace
 
+void CommandLine::AddSet() {
+  CLI::App& command =
+      Add(m_app, "set",
+          "Change values of a feature's attributes\n\n"
+          "A value is a text, a number, a date such as 2024-05-01, or a choice, with a slash before the "
+          "one that is made under it: Oak/Sessile. When one of them doesn't fit, nothing is changed.",
+          kChanging,
+          {"set park.kesp --feature 1 --attribute Girth=2.4 --dry-run",
+           "set park.kesp --feature 1 --attribute Girth=2.4 Species=Oak/Sessile"});
+  command.add_option("FILE", m_set.path, "The data file")->required();
+  AddValue(command, "--feature", "N", m_set.feature, "The feature by number")->required()->transform(Decimal());
+  AddValue(command, "--attribute", "NAME=VALUE", m_set.settings, "The attributes by name, and their new values")
+      ->required();
+  command.add_flag("--dry-run", m_set.dryRun, "Only say what would be changed");
+  AddReport(command, m_set);
+  RunWith(command, Set, m_set);
+}
+
 void CommandLine::AddDelete() {
   CLI::App& command =
       Add(m_app, "delete",
@@ -273,6 +295,44 @@ void CommandLine::AddDelete() {
           {"delete park.kesp --feature 3 --dry-run", "delete park.kesp --feature 3 4", "delete park.kesp --point 17"});
   AddNumbers(command, m_delete, "Only say what would be deleted");
   RunWith(command, Delete, m_delete, [this] { RequireNumbers(m_delete); });
+}
+
+void CommandLine::AddUndelete() {
+  CLI::App& command =
+      Add(m_app, "undelete",
+          "Restore features or points that are marked as deleted\n\n"
+          "kesp find --include-deleted lists deleted features too. When one of the numbers can't be found, nothing "
+          "is restored.",
+          kChanging, {"undelete park.kesp --feature 3 --dry-run", "undelete park.kesp --feature 3 4"});
+  AddNumbers(command, m_undelete, "Only say what would be restored");
+  RunWith(command, Undelete, m_undelete, [this] { RequireNumbers(m_undelete); });
+}
+
+namespace {
+
+void AddRenumber(CLI::App& command, Collisions& collisions) {
+  command.add_flag_callback(
+      "--renumber", [&collisions] { collisions = Collisions::kRenumber; },
+      "Give new numbers to features and points whose numbers are taken; else nothing is written when one is");
+}
+
+}  // namespace
+
+void CommandLine::AddAppend() {
+  CLI::App& command =
+      Add(m_app, "append", "Append the records of files to another file", kChanging,
+          {"append monday.kesp tuesday.kesp park.kesp --dry-run", "append --renumber monday.kesp park.kesp"});
+  command.add_option("SRC", m_append.sources, "The data files to append, and last the one that they are appended to")
+      ->required()
+      ->expected(2, -1)
+      ->option_text("SRC... DST");
+  AddRenumber(command, m_append.collisions);
+  command.add_flag("--dry-run", m_append.dryRun, "Only say what would be appended");
+  AddReport(command, m_append);
+  RunWith(command, Append, m_append, [this] {
+    m_append.destination = m_append.sources.back();
+    m_append.sources.pop_back();
+  });
 }
 
 namespace {
@@ -292,6 +352,21 @@ void CommandLine::AddCopy() {
   AddForce(command, m_copy.force);
   AddReport(command, m_copy);
   RunWith(command, Copy, m_copy, [this] { TakeStandardOutput(m_copy.destination, m_copy); });
+}
+
+void CommandLine::AddMerge() {
+  CLI::App& command = Add(m_app, "merge",
+                          "Make one file of the records of several\n\n"
+                          "The new file takes its place when it is complete; the others are never changed.",
+                          kMaking,
+                          {"merge monday.kesp tuesday.kesp -o week.kesp",
+                           "merge --renumber monday.kesp tuesday.kesp -o - | gzip > week.gz"});
+  command.add_option("SRC", m_merge.sources, "The data files")->required();
+  AddValue(command, "-o,--output", "DST", m_merge.destination, "The new file; - is standard output")->required();
+  AddRenumber(command, m_merge.collisions);
+  AddForce(command, m_merge.force);
+  AddReport(command, m_merge);
+  RunWith(command, Merge, m_merge, [this] { TakeStandardOutput(m_merge.destination, m_merge); });
 }
 
 void CommandLine::AddRepair() {

@@ -30,8 +30,12 @@ class CommandLine {
   void AddValidate();
   void AddFind();
   void AddHeader();
+  void AddSet();
   void AddDelete();
+  void AddUndelete();
+  void AddAppend();
   void AddCopy();
+  void AddMerge();
   void AddRepair();
   void AddHelp();
 
@@ -50,8 +54,12 @@ class CommandLine {
   ValidateOptions m_validate;
   FindOptions m_find;
   HeaderOptions m_header;
+  SetOptions m_set;
   DeleteOptions m_delete;
+  DeleteOptions m_undelete;
+  AppendOptions m_append;
   CopyOptions m_copy;
+  MergeOptions m_merge;
   RepairOptions m_repair;
   std::string m_topic;  // of help
 };
