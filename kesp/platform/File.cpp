@@ -50,11 +50,41 @@ int LockOperation(unsigned openFlags, bool writable) {
   return writable ? LOCK_SH : 0;
 }
 
+bool IsWritableBy(unsigned openFlags) { return (openFlags & (CFile::modeWrite | CFile::modeReadWrite)) != 0; }
+
+// The descriptor, or -1 with the reason in errno. `created` is whether the file is new.
+int OpenPath(const char* path, unsigned openFlags, bool& created) {
+  const bool writable = IsWritableBy(openFlags);
+  // Not blocking, so that a pipe in the file's place can't hold the caller up. Everything is opened for reading too:
+  // the buffer needs it.
+  const int flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (writable ? O_RDWR : O_RDONLY);
+  const bool mustBeNew = (openFlags & CFile::modeNew) != 0;
+  if (mustBeNew || (openFlags & CFile::modeCreate) != 0) {
+    int fd = OpenRetrying(path, flags | O_CREAT | O_EXCL);
+    created = fd >= 0;
+    // Not emptied here: the lock comes first.
+    if (fd < 0 && errno == EEXIST && !mustBeNew) fd = OpenRetrying(path, flags | O_CREAT);
+    return fd;
+  }
+  created = false;
+  // Only a file's owner may ask for its access time to be left alone.
+  const int fd = writable ? -1 : OpenRetrying(path, flags | O_NOATIME);
+  return fd >= 0 ? fd : OpenRetrying(path, flags);
+}
+
 // False when somebody reads the file, or the system refuses; errno has the reason.
 bool EmptyFile(int fd, const struct stat& info) {
   if (!kesp::OpenReader::Reads(info.st_dev, info.st_ino)) return TruncateRetrying(fd, 0) == 0;
   errno = EWOULDBLOCK;
   return false;
+}
+
+// With the lock held: empties the file if that is asked for, else asks again for its length, since it may have grown
+// until the lock was ours. False with the reason in errno.
+bool SettleLength(int fd, bool toEmpty, struct stat& info) {
+  if (!toEmpty) return StatRetrying(fd, info) == 0;
+  info.st_size = 0;
+  return EmptyFile(fd, info);
 }
 
 }  // namespace
@@ -82,35 +112,18 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
   // Which may be this object's own, and that is emptied next.
   const CString wanted = path;  // NOLINT(performance-unnecessary-copy-initialization)
   Abort();
-  const std::string name = wanted.ToPathBytes();
-  if (name.find('\0') != std::string::npos) {
-    // Would name another file, up to there.
-    if (error != nullptr) *error = CFileException(CFileException::badPath, EINVAL, wanted);
-    return false;
-  }
-  const bool writable = (openFlags & (modeWrite | modeReadWrite)) != 0;
-  const bool fresh = (openFlags & modeNew) != 0;
-  const bool create = fresh || (openFlags & modeCreate) != 0;
-  // Not blocking, so that a pipe in the file's place can't hold the caller up. Everything is opened for reading too:
-  // the buffer needs it.
-  int flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (writable ? O_RDWR : O_RDONLY);
-  bool created = false;
-
   const auto fail = [&](CFileException reason) {
     if (error != nullptr) *error = std::move(reason);
     Abort();
     return false;
   };
-  if (create) {
-    m_fd = OpenRetrying(name.c_str(), flags | O_CREAT | O_EXCL);
-    created = m_fd >= 0;
-    // Not emptied here: the lock comes first.
-    if (m_fd < 0 && errno == EEXIST && !fresh) m_fd = OpenRetrying(name.c_str(), flags | O_CREAT);
-  } else {
-    // Only a file's owner may ask for its access time to be left alone.
-    if (!writable) m_fd = OpenRetrying(name.c_str(), flags | O_NOATIME);
-    if (m_fd < 0) m_fd = OpenRetrying(name.c_str(), flags);
+  const std::string name = wanted.ToPathBytes();
+  if (name.find('\0') != std::string::npos) {
+    // Would name another file, up to there.
+    return fail(CFileException(CFileException::badPath, EINVAL, wanted));
   }
+  bool created = false;
+  m_fd = OpenPath(name.c_str(), openFlags, created);
   if (m_fd < 0) return fail(CFileException(errno, wanted));
 
   struct stat info {};
@@ -118,16 +131,12 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
   if (!S_ISREG(info.st_mode)) {
     return fail(CFileException(CFileException::invalidFile, S_ISDIR(info.st_mode) ? EISDIR : EINVAL, wanted));
   }
-  if (!TakeLock(LockOperation(openFlags, writable))) return fail(CFileException(errno, wanted));
-  m_length = static_cast<std::uint64_t>(info.st_size);
-  if (create && !created) {
-    if (!EmptyFile(m_fd, info)) return fail(CFileException(errno, wanted));
-    m_length = 0;
-  } else if (StatRetrying(m_fd, info) == 0) {
-    m_length = static_cast<std::uint64_t>(info.st_size);  // it may have grown until the lock was ours
-  } else {
+  const bool writable = IsWritableBy(openFlags);
+  const bool create = (openFlags & (modeCreate | modeNew)) != 0;
+  if (!TakeLock(LockOperation(openFlags, writable)) || !SettleLength(m_fd, create && !created, info)) {
     return fail(CFileException(errno, wanted));
   }
+  m_length = static_cast<std::uint64_t>(info.st_size);
   m_path = wanted;
   m_identity = {info.st_dev, info.st_ino};
   m_writable = writable;

@@ -193,6 +193,7 @@ class KESP_EXPORT CKespDataFile {
   friend class CKespFile;
   friend class kesp::StoreReader;
   enum class Update { kDone, kNotFound, kFailed };
+  class PendingAppend;
 
   bool OpenWith(const CString& path, unsigned openFlags);
   bool CreateWith(const CString& path, unsigned openFlags);
@@ -202,6 +203,7 @@ class KESP_EXPORT CKespDataFile {
   // ReadNextRecord with a 64-bit position.
   CKespRecord* ReadNext(std::uint64_t& position, bool skipDeleted);
   [[gnu::noinline]] CKespRecord* ReadAnyRecord(std::uint64_t& position, bool skipDeleted);
+  std::unique_ptr<CKespRecord> ReachNextBody(std::uint64_t& position, bool skipDeleted);
   bool Rebuild(const CString& destination, unsigned short kespVersion);
   bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);

@@ -159,43 +159,49 @@ CKespRecord* CKespDataFile::ReadNext(std::uint64_t& position, bool skipDeleted) 
   }
 }
 
+// The next record to be read, with what its header says; the file is then at its body. Null at the end and, with the
+// reason in m_error, at a header that ends the walk.
+std::unique_ptr<CKespRecord> CKespDataFile::ReachNextBody(std::uint64_t& position, bool skipDeleted) {
+  const auto fail = [this](KESP_ERROR_TYPE error) {
+    m_error = error;
+    return nullptr;
+  };
+  for (;;) {
+    position = m_file.GetPosition();
+    // When the system fails to read a header, the walk ends without a code.
+    kesp::RecordHeader header;
+    if (!ReadHeader(header)) return nullptr;
+
+    // Before the type is checked: a deleted record of any type is skipped.
+    if ((header.flags & KESP_FLAG_DELETED) != 0 && skipDeleted) {
+      m_file.Seek(header.length, CFile::current);
+      continue;
+    }
+    const auto type = static_cast<KESP_RECORD_TYPE>(header.type);
+    if (type == KESP_RECORD_NONE) return fail(KESP_ERROR_RECORD_TYPE);
+    if (kesp::KindOfRecord(type).use == kesp::RecordUse::kRefused) return fail(KESP_ERROR_UNICODE);
+    std::unique_ptr<CKespRecord> record = MakeRecord(type);
+    if (!record) {
+      m_file.Seek(header.length, CFile::current);
+      continue;
+    }
+    if (header.version > record->m_recordVersion) return fail(KESP_ERROR_VERSION);
+    record->m_recordType = type;
+    record->m_recordVersion = header.version;
+    record->SetSourceFlag(header.flags);
+    record->m_filePosition = static_cast<std::uint32_t>(position);
+    return record;
+  }
+}
+
 CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDeleted) {
   std::unique_ptr<CKespRecord> record;
   try {
-    while (!record && m_error == KESP_ERROR_NONE) {
-      position = m_file.GetPosition();
-      // When the system fails to read a header, the walk ends without a code.
-      kesp::RecordHeader header;
-      if (!ReadHeader(header)) return nullptr;
-
-      // Before the type is checked: a deleted record of any type is skipped.
-      if ((header.flags & KESP_FLAG_DELETED) != 0 && skipDeleted) {
-        m_file.Seek(header.length, CFile::current);
-        continue;
-      }
-      const auto type = static_cast<KESP_RECORD_TYPE>(header.type);
-      if (type == KESP_RECORD_NONE) {
-        m_error = KESP_ERROR_RECORD_TYPE;
-      } else if (kesp::KindOfRecord(type).use == kesp::RecordUse::kRefused) {
-        m_error = KESP_ERROR_UNICODE;
-      } else {
-        record = MakeRecord(type);
-        if (!record) m_file.Seek(header.length, CFile::current);
-      }
-      if (record && header.version > record->m_recordVersion) {
-        m_error = KESP_ERROR_VERSION;
-      } else if (record) {
-        record->m_recordType = type;
-        record->m_recordVersion = header.version;
-        record->SetSourceFlag(header.flags);
-        record->m_filePosition = static_cast<std::uint32_t>(position);
-      }
-    }
+    record = ReachNextBody(position, skipDeleted);
   } catch (const CFileException& e) {
     NoteFailure(e);
-    return nullptr;
   }
-  if (m_error != KESP_ERROR_NONE) return nullptr;
+  if (!record) return nullptr;
   // Outside the try block: a version-1 feature body that is cut short throws to the caller.
   m_file.ForgetSystemError();
   if (record->Read(m_file)) return record.release();

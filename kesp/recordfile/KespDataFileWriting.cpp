@@ -81,6 +81,27 @@ bool CKespDataFile::Append(CKespRecord* record, unsigned long sourceFlag, unsign
   return false;
 }
 
+// Truncates unless all of the record reaches the disk: a record appended after a partial one is unreachable.
+class CKespDataFile::PendingAppend {
+ public:
+  PendingAppend(CKespDataFile& file, std::uint64_t from) : m_file(file), m_from(from) {}
+  ~PendingAppend() {
+    // A record that can't write itself has usually put nothing into the file.
+    if (isWhole || !(begun || m_file.m_file.KnownLength() > m_from)) return;
+    m_file.m_tornFrom = m_from;
+    // The system may refuse; a reader stops at the partial record.
+    (void)m_file.Guarded([this] { return m_file.TakeBackTornRecord(), true; });
+  }
+  PendingAppend(const PendingAppend&) = delete;
+  PendingAppend& operator=(const PendingAppend&) = delete;
+  bool begun = false;
+  bool isWhole = false;
+
+ private:
+  CKespDataFile& m_file;
+  const std::uint64_t m_from;
+};
+
 bool CKespDataFile::AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion) {
   if (DidPowerEventHappen()) ReopenAfterPowerEvent();
   TakeBackTornRecord();
@@ -93,32 +114,13 @@ bool CKespDataFile::AppendWhole(CKespRecord& record, unsigned long sourceFlag, u
     NoteError(EINVAL);
     return false;
   }
-  // Truncates unless all of the record reaches the disk: a record appended after a partial one is unreachable.
-  class Torn {
-   public:
-    Torn(CKespDataFile& file, std::uint64_t from) : m_file(file), m_from(from) {}
-    ~Torn() {
-      // A record that can't write itself has usually put nothing into the file.
-      if (isWhole || !(begun || m_file.m_file.KnownLength() > m_from)) return;
-      m_file.m_tornFrom = m_from;
-      // The system may refuse; a reader stops at the partial record.
-      (void)m_file.Guarded([this] { return m_file.TakeBackTornRecord(), true; });
-    }
-    Torn(const Torn&) = delete;
-    Torn& operator=(const Torn&) = delete;
-    bool begun = false;
-    bool isWhole = false;
-
-   private:
-    CKespDataFile& m_file;
-    const std::uint64_t m_from;
-  } torn(*this, start);
-  while (WriteWhole(record, sourceFlag, bodyVersion, torn.begun)) {
+  PendingAppend pending(*this, start);
+  while (WriteWhole(record, sourceFlag, bodyVersion, pending.begun)) {
     if (!DidPowerEventHappen()) {
       // Reads the last byte again, which leaves the file at its end.
       m_file.Seek(-1, CFile::current);
       (void)m_file.ReadView(1);
-      torn.isWhole = true;
+      pending.isWhole = true;
       return true;
     }
     ReopenAfterPowerEvent();

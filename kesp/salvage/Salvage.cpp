@@ -211,20 +211,16 @@ class Salvager {
   }
 
   // One record where records are known to begin, or the search for the next such place.
-  // NOLINTNEXTLINE(readability-function-cognitive-complexity): the cases of one step, each a line or two
   Step Next() {
     const std::uint64_t start = m_position;
-    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-    KESP_RECORD_TYPE type = KESP_RECORD_NONE;
     RecordHeader header;
-    if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) {
+    if (!ReadHeaderAt(start, header)) {
       if (m_source.GetError() == KESP_ERROR_NORMAL_EOF) return Step::kEnd;
       return m_source.GetError() == KESP_ERROR_NONE ? Step::kFailed : Damage(start, m_source.GetError());
     }
-    header.type = type;
-    const std::uint64_t body = start + kRecordHeaderSize;
     if (IsPassedOver(header)) return PassOver(start, header);
 
+    const std::uint64_t body = start + kRecordHeaderSize;
     std::uint64_t bodyLength = 0;
     const bool isExact = IsExact(header, start, bodyLength);
     // Half a record may have others after it, where a writer was cut off and a later one appended.
@@ -235,16 +231,9 @@ class Salvager {
       // A header that is left of its record.
       if (m_damaged && !IsPossible(header, body, bodyLength)) return Damage(start, KESP_ERROR_RECORD_HEADER);
     }
-    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-    std::unique_ptr<CKespRecord> record;
-    try {
-      record.reset(m_source.ReadNextRecord(false));
-    } catch (const CFileException& e) {
-      if (e.m_cause != CFileException::endOfFile) throw;
-      return Damage(start, KESP_ERROR_EOF);
-    }
+    KESP_ERROR_TYPE error = KESP_ERROR_NONE;
+    const std::unique_ptr<CKespRecord> record = ReadRecordAt(start, error);
     if (!record) {
-      const KESP_ERROR_TYPE error = m_source.GetError();
       if (error == KESP_ERROR_NONE && m_source.m_systemError != 0) return Step::kFailed;
       // An impossible body after a header that is as it should be: the next record is where it says.
       if (isExact && GoesOnAt(body + bodyLength)) return Skip(start, body + bodyLength, error);
@@ -252,11 +241,34 @@ class Salvager {
     }
     const std::uint64_t end = m_file.GetPosition();
     if (inside == 0 && (isExact || GoesOnAt(end) || IsBelieved(start))) return Keep(start, *record, end);
-    // The walk takes it and goes astray: up to there the copy has what the walk has.
+    return KeepTheLast(start, *record, end, inside);
+  }
+  // After this record the walk goes astray: up to there the copy has what the walk has.
+  Step KeepTheLast(std::uint64_t start, CKespRecord& record, std::uint64_t end, std::uint64_t inside) {
     if (m_damaged) return Damage(start, KESP_ERROR_RECORD_HEADER);
-    if (Keep(start, *record, end) == Step::kFailed) return Step::kFailed;
-    const std::uint64_t found = inside != 0 ? inside : Find(body);
+    if (Keep(start, record, end) == Step::kFailed) return Step::kFailed;
+    const std::uint64_t found = inside != 0 ? inside : Find(start + kRecordHeaderSize);
     return Skip(found < end ? start : end, found, KESP_ERROR_RECORD_HEADER);
+  }
+  bool ReadHeaderAt(std::uint64_t start, RecordHeader& header) {
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+    KESP_RECORD_TYPE type = KESP_RECORD_NONE;
+    const bool isRead = m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length);
+    header.type = type;
+    return isRead;
+  }
+  // Null, with the reason in `error`, when there is none to be read.
+  std::unique_ptr<CKespRecord> ReadRecordAt(std::uint64_t start, KESP_ERROR_TYPE& error) {
+    m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+    try {
+      std::unique_ptr<CKespRecord> record(m_source.ReadNextRecord(false));
+      error = m_source.GetError();
+      return record;
+    } catch (const CFileException& e) {
+      if (e.m_cause != CFileException::endOfFile) throw;
+      error = KESP_ERROR_EOF;
+      return nullptr;
+    }
   }
 
   // Whether what begins at `start`, where the walk gets to, is what the walk takes it for. So is all of a file that the
@@ -273,24 +285,16 @@ class Salvager {
     std::uint64_t last = m_firstRecord;
     std::uint64_t start = m_firstRecord;
     while (start < m_length) {
-      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-      KESP_RECORD_TYPE type = KESP_RECORD_NONE;
       RecordHeader header;
-      if (!m_source.ReadNextRecordHeader(type, header.version, header.flags, header.length)) return last;
-      header.type = type;
+      if (!ReadHeaderAt(start, header)) return last;
       std::uint64_t bodyLength = 0;
       if (IsExact(header, start, bodyLength)) last = start;
       if (IsPassedOver(header)) {
         start += kRecordHeaderSize + header.length;
         continue;
       }
-      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-      try {
-        if (!std::unique_ptr<CKespRecord>{m_source.ReadNextRecord(false)}) return last;
-      } catch (const CFileException& e) {
-        if (e.m_cause != CFileException::endOfFile) throw;
-        return last;
-      }
+      KESP_ERROR_TYPE error = KESP_ERROR_NONE;
+      if (!ReadRecordAt(start, error)) return last;
       last = start;
       start = m_file.GetPosition();
     }
