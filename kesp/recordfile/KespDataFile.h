@@ -147,6 +147,20 @@ class KESP_EXPORT CKespDataFile {
   // when the type differs, or when the version there is newer than the record's or is 0 (except for a tag: no other
   // body has version 0). Does not flush or compare lengths: the record must be as long as the one it replaces.
   [[nodiscard]] bool OverwriteRecord(CKespRecord* record, unsigned long sourceFlag);
+  // Writes over the record at before.m_filePosition only those fields in which `after` differs from `before`, each
+  // whole (a text with its zeros), and the flags if they differ; every other byte stays as it is, also where `before`
+  // as read does not show it. Both are in the record version that is in the file. All is written at once, without a
+  // sync.
+  //
+  //   CKespNote changed(note);  // read from this file
+  //   changed.NoteText = u"rain";
+  //   if (file.AmendRecord(note, changed)) file.Flush();
+  //
+  // Returns false and writes nothing when type and version there are not those of both records, and, with EINVAL in
+  // GetSystemError, when a value can't be stored as it is: the version has no such field, a text is too long or has a
+  // zero or, in version 1, a character above U+00FF, a number is too wide or not allowed, a tag's block has another
+  // length. Leaves the file at the record's header.
+  [[nodiscard]] bool AmendRecord(const CKespRecord& before, const CKespRecord& after);
   // OverwriteRecord at `position` with source flag 2. Throws when the seek fails.
   [[nodiscard]] bool CopyRecord(CKespRecord* record, unsigned long position);
   // Finds the same record and overwrites it. Searches from the first record; with `continueSearch` from the file's
@@ -210,6 +224,7 @@ class KESP_EXPORT CKespDataFile {
   bool WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);
   bool WriteBody(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool Overwrite(CKespRecord& record, unsigned long sourceFlag);
+  bool Amend(const CKespRecord& before, const CKespRecord& after);
   bool WalkOverHeaders();
   bool IsAsLongAsHere(CKespRecord& record);
   // Searches from the first record; with `continueSearch` from the file's position, then from the first record.

@@ -1,7 +1,11 @@
 // Writes records to an open file: appends, overwrites, updates, and marks them deleted.
+#include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <span>
+#include <vector>
 
+#include "kesp/format/RecordChanges.h"
 #include "kesp/platform/SystemCalls.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RecordHeader.h"
@@ -17,6 +21,29 @@ void WriteRecordHeader(CFile& file, CKespRecord& record, unsigned short version,
   const auto header =
       kesp::EncodeRecordHeader({record.m_recordType, version, record.m_flags, static_cast<std::uint32_t>(length)});
   file.Write(header.data(), header.size());
+}
+
+struct Range {
+  std::size_t from;
+  std::size_t to;  // not included; not greater than `from` when the range is empty
+};
+
+// Puts the flags of the header and the changes into a record as it is in the file. Returns from the first byte that
+// changes to the last, for one write: what lies between goes back as it was read.
+Range Patch(std::span<std::byte> record, const kesp::RecordHeader& header, const kesp::RecordChanges& changes) {
+  Range range{record.size(), 0};
+  const auto put = [&](std::size_t at, std::span<const std::byte> bytes) {
+    std::ranges::copy(bytes, record.subspan(at).begin());
+    range = {std::min(range.from, at), at + bytes.size()};
+  };
+  const auto encoded = kesp::EncodeRecordHeader(header);
+  if (!std::ranges::equal(encoded, record.first(encoded.size()))) {
+    put(kesp::kFlagsOffset, std::span(encoded).subspan(kesp::kFlagsOffset, sizeof header.flags));
+  }
+  for (const auto& [offset, width] : changes.fields) {
+    put(kesp::kRecordHeaderSize + offset, std::span(changes.body).subspan(offset, width));
+  }
+  return range;
 }
 
 }  // namespace
@@ -150,6 +177,37 @@ bool CKespDataFile::Overwrite(CKespRecord& record, unsigned long sourceFlag) {
   WriteRecordHeader(m_file, record, found.version, record.GetLength(found.version));
   if (!WriteBody(record, sourceFlag, found.version)) return false;  // the record there stays unchanged
   gather.Commit();
+  return true;
+}
+
+bool CKespDataFile::AmendRecord(const CKespRecord& before, const CKespRecord& after) {
+  return IsOpen() && Guarded([&] { return Amend(before, after); });
+}
+
+bool CKespDataFile::Amend(const CKespRecord& before, const CKespRecord& after) {
+  if (after.m_recordType != before.m_recordType || after.m_recordVersion != before.m_recordVersion) return false;
+  const auto changes = kesp::ChangesOf(before, after);
+  if (!changes) {
+    NoteError(EINVAL);
+    return false;
+  }
+  m_file.Seek(before.m_filePosition, CFile::begin);
+  std::vector<std::byte> record(kesp::kRecordHeaderSize + changes->body.size());
+  if (m_file.Read(record.data(), record.size()) != record.size()) {
+    throw CFileException(CFileException::endOfFile, m_path);
+  }
+  m_file.Seek(before.m_filePosition, CFile::begin);
+  kesp::RecordHeader header;
+  kesp::FieldReader reader(record);
+  kesp::DescribeRecordHeader(reader, header);
+  if (header.type != before.m_recordType || header.version != before.m_recordVersion) return false;
+
+  if (after.m_flags != before.m_flags) header.flags = after.m_flags;
+  const auto [from, to] = Patch(record, header, *changes);
+  if (from >= to) return true;
+  m_file.Seek(static_cast<std::int64_t>(before.m_filePosition + from), CFile::begin);
+  m_file.Write(record.data() + from, to - from);
+  m_file.Seek(before.m_filePosition, CFile::begin);
   return true;
 }
 
