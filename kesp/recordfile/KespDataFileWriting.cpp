@@ -49,15 +49,19 @@ Range Patch(std::span<std::byte> record, const kesp::RecordHeader& header, const
 }  // namespace
 
 bool CKespDataFile::AppendRecord(CKespRecord* record, unsigned long sourceFlag) {
-  return Append(record, sourceFlag, kOwnVersion);
+  return Append({&record, 1}, sourceFlag, kOwnVersion);
+}
+
+bool CKespDataFile::AppendRecords(CKespRecord* const* records, std::size_t count, unsigned long sourceFlag) {
+  return Append({records, count}, sourceFlag, kOwnVersion);
 }
 
 bool CKespDataFile::AppendRecordVersion1(CKespRecord* record, unsigned long sourceFlag) {
-  return Append(record, sourceFlag, 1);
+  return Append({&record, 1}, sourceFlag, 1);
 }
 
 bool CKespDataFile::AppendRecordVersion2(CKespRecord* record, unsigned long sourceFlag) {
-  return Append(record, sourceFlag, 2);
+  return Append({&record, 1}, sourceFlag, 2);
 }
 
 void CKespDataFile::ReopenAfterPowerEvent() {
@@ -85,30 +89,39 @@ bool CKespDataFile::WriteBody(CKespRecord& record, unsigned long sourceFlag, uns
   return false;
 }
 
-// Writes header and body in one write and syncs. `begun` becomes true once something may be in the file.
-bool CKespDataFile::WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun) {
+// Writes headers and bodies, in pieces of 64 KiB or of one record if that is more, and syncs. `begun` becomes true once
+// something may be in the file.
+bool CKespDataFile::WriteWhole(Records records, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun) {
+  constexpr std::uint64_t kPiece = std::uint64_t{64} * 1024;
   CFile::Gather gather(m_file);
-  // Version and length are the record's own, whatever version the body is written in.
-  WriteRecordHeader(m_file, record, record.m_recordVersion, record.GetLength(kOwnVersion));
-  if (!WriteBody(record, sourceFlag, bodyVersion)) return false;
+  std::uint64_t written = m_file.GetPosition();
+  for (CKespRecord* const record : records) {
+    const std::uint64_t start = m_file.GetPosition();
+    record->m_filePosition = static_cast<std::uint32_t>(start);
+    if (record->m_recordType == KESP_RECORD_BROKEN) continue;
+    if (start - written >= kPiece) {
+      begun = true;
+      gather.Commit();
+      written = start;
+    }
+    // Version and length are the record's own, whatever version the body is written in.
+    WriteRecordHeader(m_file, *record, record->m_recordVersion, record->GetLength(kOwnVersion));
+    if (!WriteBody(*record, sourceFlag, bodyVersion)) return false;
+  }
+  if (m_file.GetPosition() == written && !begun) return true;  // there is nothing to write
   begun = true;
   gather.Commit();
   return Flush();
 }
 
-bool CKespDataFile::Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion) {
+bool CKespDataFile::Append(Records records, unsigned long sourceFlag, unsigned short bodyVersion) {
   if (!IsOpen()) return false;
-  const auto append = [&] {
-    if (record != nullptr) return AppendWhole(*record, sourceFlag, bodyVersion);
-    NoteError(EINVAL);
-    return false;
-  };
-  if (Guarded(append)) return true;
+  if (Guarded([&] { return AppendWhole(records, sourceFlag, bodyVersion); })) return true;
   ++m_failedAppends;
   return false;
 }
 
-// Truncates unless all of the record reaches the disk: a record appended after a partial one is unreachable.
+// Truncates unless all reaches the disk: a record appended after a partial one is unreachable.
 class CKespDataFile::PendingAppend {
  public:
   PendingAppend(CKespDataFile& file, std::uint64_t from) : m_file(file), m_from(from) {}
@@ -129,20 +142,28 @@ class CKespDataFile::PendingAppend {
   const std::uint64_t m_from;
 };
 
-bool CKespDataFile::AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion) {
-  if (DidPowerEventHappen()) ReopenAfterPowerEvent();
-  TakeBackTornRecord();
-  const std::uint64_t start = m_file.SeekToEnd();
-  record.m_filePosition = static_cast<std::uint32_t>(start);
-  if (auto* const tag = dynamic_cast<CKespTag*>(&record)) tag->m_dataPosition = 0;
-  if (bodyVersion == kOwnVersion) record.SetSourceFlag(sourceFlag);
-  if (record.m_recordType == KESP_RECORD_BROKEN) return true;
-  if (record.GetLength(kOwnVersion) == 0) {
+// False when one of them can't be written.
+bool CKespDataFile::Prepare(Records records, unsigned long sourceFlag, unsigned short bodyVersion) {
+  for (CKespRecord* const record : records) {
+    if (record == nullptr) return false;
+    if (auto* const tag = dynamic_cast<CKespTag*>(record)) tag->m_dataPosition = 0;
+    if (bodyVersion == kOwnVersion) record->SetSourceFlag(sourceFlag);
+    if (record->m_recordType != KESP_RECORD_BROKEN && record->GetLength(kOwnVersion) == 0) return false;
+  }
+  return true;
+}
+
+bool CKespDataFile::AppendWhole(Records records, unsigned long sourceFlag, unsigned short bodyVersion) {
+  if (!Prepare(records, sourceFlag, bodyVersion)) {
     NoteError(EINVAL);
     return false;
   }
+  if (DidPowerEventHappen()) ReopenAfterPowerEvent();
+  TakeBackTornRecord();
+  const std::uint64_t start = m_file.SeekToEnd();
   PendingAppend pending(*this, start);
-  while (WriteWhole(record, sourceFlag, bodyVersion, pending.begun)) {
+  while (WriteWhole(records, sourceFlag, bodyVersion, pending.begun)) {
+    if (!pending.begun) return true;
     if (!DidPowerEventHappen()) {
       // Reads the last byte again, which leaves the file at its end.
       m_file.Seek(-1, CFile::current);

@@ -76,6 +76,38 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   EXPECT_EQ(Records(), expected + note1);
 }
 
+TEST_F(KespDataFileWriting, AppendsSeveralOrNone) {
+  CKespTag large, withoutBlock;
+  large.Set(KESP_TAG_BLOB, "", nullptr, 150'000);
+  large.m_dataPosition = 9;
+  auto one = EndRecord(1), two = EndRecord(2);
+  CKespBrokenRecord broken;
+  CKespRecord* records[] = {&one, &large, &broken, &two};
+  const ByteVector appended = EndOf(1, 2) + Tag(0, "", ByteVector(150'000), 2) + EndOf(2, 2);
+  Open(EndOf(9));
+  FaultySystem counting;
+  EXPECT_TRUE(file.AppendRecords(records, 4, 2));
+  EXPECT_EQ(counting.Calls("fdatasync"), 1);
+  EXPECT_EQ(Records(), EndOf(9) + appended);
+  EXPECT_TRUE(one.m_filePosition == 68 && large.m_filePosition == 86 && large.m_dataPosition == 0);
+  EXPECT_TRUE(two.m_filePosition == file.GetLength() - 18 && file.AppendRecords(nullptr, 0, 2));
+  // With the last one refused by its class, or known not to be writable before; and with any of the calls that fail.
+  std::uint32_t failed = 0;
+  for (CKespRecord* const refused : std::initializer_list<CKespRecord*>{&withoutBlock, nullptr}) {
+    records[3] = refused;
+    EXPECT_FALSE(file.AppendRecords(records, 4, 2));
+    EXPECT_EQ(file.GetFailedAppends(), ++failed);
+    EXPECT_EQ(Records(), EndOf(9) + appended);
+  }
+  records[3] = &two;
+  for (int call = 1; call <= counting.Calls(); ++call) {
+    Open(EndOf(9));
+    FaultySystem system(call, FaultySystem::Fault::Error);
+    const bool good = file.AppendRecords(records, 4, 2);
+    EXPECT_EQ(Records(), EndOf(9) + (good ? appended : ByteVector())) << call;
+  }
+}
+
 TEST_F(KespDataFileWriting, WritesAgainAfterAPowerEvent) {
   // Asked before the write and after it.
   for (const auto& [events, sleptMs] : {std::pair{"1", 5000u}, {"011", 10000u}}) {
