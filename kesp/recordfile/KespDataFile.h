@@ -166,6 +166,9 @@ class KESP_EXPORT CKespDataFile {
   // zero or, in version 1, a character above U+00FF, a number is too wide or not allowed, a tag's block has another
   // length. Leaves the file at the record's header.
   [[nodiscard]] bool AmendRecord(const CKespRecord& before, const CKespRecord& after);
+  // Whether all values in which they differ can be stored, for those who change several records or none. Looks at no
+  // file. Raises std::bad_alloc.
+  static bool CanAmend(const CKespRecord& before, const CKespRecord& after);
   // OverwriteRecord at `position` with source flag 2. Throws when the seek fails.
   [[nodiscard]] bool CopyRecord(CKespRecord* record, unsigned long position);
   // Finds the same record and overwrites it. Searches from the first record; with `continueSearch` from the file's

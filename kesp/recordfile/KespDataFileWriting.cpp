@@ -205,6 +205,10 @@ bool CKespDataFile::AmendRecord(const CKespRecord& before, const CKespRecord& af
   return IsOpen() && Guarded([&] { return Amend(before, after); });
 }
 
+bool CKespDataFile::CanAmend(const CKespRecord& before, const CKespRecord& after) {
+  return after.m_recordVersion == before.m_recordVersion && kesp::ChangesOf(before, after).has_value();
+}
+
 bool CKespDataFile::Amend(const CKespRecord& before, const CKespRecord& after) {
   if (after.m_recordType != before.m_recordType || after.m_recordVersion != before.m_recordVersion) return false;
   const auto changes = kesp::ChangesOf(before, after);

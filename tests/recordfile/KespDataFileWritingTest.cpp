@@ -162,6 +162,7 @@ TEST_F(KespDataFileWriting, AmendsTheFieldsThatDifferAndNoOtherByte) {
       std::copy(bytes.begin(), bytes.end(), expected.begin() + 18 + static_cast<std::ptrdiff_t>(at));
     }
     const FaultySystem system;
+    EXPECT_EQ(CKespDataFile::CanAmend(before, after), good);
     EXPECT_EQ(file.AmendRecord(before, after), good);
     EXPECT_EQ(Records(), expected);
     EXPECT_LE(system.Calls("write"), 1);
