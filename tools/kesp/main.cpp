@@ -109,6 +109,50 @@ int Run(int argc, char** argv, Output& out) {
   headerCommand->add_flag("--dry-run", header.dryRun, "Only say what would be changed");
   headerCommand->callback([&] { command = [&] { return Header(header, out); }; });
 
+  deleteCommand->add_flag("--json", deletion.json);
+  deleteCommand->add_flag("-q", deletion.quiet);
+  headerCommand->add_flag("--json", header.json);
+  headerCommand->add_flag("-q", header.quiet);
+  DeleteOptions undeletion;
+  CLI::App* const undeleteCommand = app.add_subcommand("undelete", "Take a deletion back");
+  undeleteCommand->add_option("FILE", undeletion.path)->required();
+  undeleteCommand->add_option("--feature", undeletion.features);
+  undeleteCommand->add_option("--point", undeletion.points);
+  undeleteCommand->add_flag("--dry-run", undeletion.dryRun);
+  undeleteCommand->add_flag("--json", undeletion.json);
+  undeleteCommand->add_flag("-q", undeletion.quiet);
+  undeleteCommand->callback([&] { command = [&] { return Undelete(undeletion, out); }; });
+  SetOptions set;
+  CLI::App* const setCommand = app.add_subcommand("set", "Change values of attributes");
+  setCommand->add_option("FILE", set.path)->required();
+  setCommand->add_option("--feature", set.feature)->required();
+  setCommand->add_option("--attribute", set.settings)->required();
+  setCommand->add_flag("--dry-run", set.dryRun);
+  setCommand->add_flag("--json", set.json);
+  setCommand->add_flag("-q", set.quiet);
+  setCommand->callback([&] { command = [&] { return Set(set, out); }; });
+  AppendOptions append;
+  CLI::App* const appendCommand = app.add_subcommand("append", "Append files to another");
+  appendCommand->add_option("FILES", append.sources)->required()->expected(2, -1);
+  appendCommand->add_flag_callback("--renumber", [&] { append.collisions = Collisions::kRenumber; });
+  appendCommand->add_flag("--dry-run", append.dryRun);
+  appendCommand->add_flag("--json", append.json);
+  appendCommand->add_flag("-q", append.quiet);
+  appendCommand->callback([&] {
+    append.destination = append.sources.back();
+    append.sources.pop_back();
+    command = [&] { return Append(append, out); };
+  });
+  MergeOptions merge;
+  CLI::App* const mergeCommand = app.add_subcommand("merge", "Make one file of several");
+  mergeCommand->add_option("-o", merge.destination)->required();
+  mergeCommand->add_option("SRC", merge.sources)->required();
+  mergeCommand->add_flag_callback("--renumber", [&] { merge.collisions = Collisions::kRenumber; });
+  mergeCommand->add_flag("--force", merge.force);
+  mergeCommand->add_flag("--json", merge.json);
+  mergeCommand->add_flag("-q", merge.quiet);
+  mergeCommand->callback([&] { command = [&] { return Merge(merge, out); }; });
+
   FindOptions find;
   CLI::App* const findCommand =
       app.add_subcommand("find",
