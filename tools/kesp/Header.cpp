@@ -95,7 +95,8 @@ ExitStatus Header(const HeaderOptions& options, Output& out) {
     changes.push_back({setting.field->name, text, setting.text});
     text = setting.text;
   }
-  if (!options.dryRun && !Carry(file, options.path, amendments)) return kExitTrouble;
+  const bool differs = std::ranges::any_of(changes, [](const ValueChange& c) { return c.from != c.to; });
+  if (differs && !options.dryRun && !Carry(file, options.path, amendments)) return kExitTrouble;
   ReportChanges(options, options.path, options.dryRun, inventory.end, changes, out);
   return kExitWhole;
 }

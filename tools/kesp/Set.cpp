@@ -116,6 +116,7 @@ class Setter {
       return "the value for " + name + " " + WhyNotStored(after);
     }
     changes.push_back({assignment.name, before, ValueOf(after)});
+    if (changes.back().from == changes.back().to) amendments.pop_back();  // a date keeps its time of day
     return {};
   }
 
@@ -142,7 +143,8 @@ ExitStatus Set(const SetOptions& options, Output& out) {
   bool isGood = true;
   for (const std::string& argument : options.settings) isGood = setter.Take(argument) && isGood;
   if (!isGood) return kExitTrouble;
-  if (!options.dryRun && !Carry(file, options.path, setter.amendments)) return kExitTrouble;
+  const bool writes = !options.dryRun && !setter.amendments.empty();
+  if (writes && !Carry(file, options.path, setter.amendments)) return kExitTrouble;
   ReportChanges(options, options.path, options.dryRun, inventory.end, setter.changes, out);
   return kExitWhole;
 }
