@@ -73,7 +73,7 @@ void ReportChanges(const ReportOptions& options, const std::string& path, bool d
 std::optional<Assignment> ParseAssignment(const std::string& argument, std::string& wrong) {
   const std::size_t equals = argument.find('=');
   if (equals == std::string::npos) {
-    wrong = "\"" + PrintablePath(argument) + "\" has no \"=\" between a name and a value";
+    wrong = "\"" + PrintablePath(argument) + R"(" has no "=" between a name and a value)";
     return std::nullopt;
   }
   Assignment assignment{argument.substr(0, equals), argument.substr(equals + 1)};

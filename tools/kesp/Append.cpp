@@ -1,4 +1,5 @@
 // kesp append: the records of files at the end of another one, all or none.
+#include <algorithm>
 #include <limits>
 
 #include "tools/kesp/Amending.h"
@@ -36,12 +37,12 @@ bool CanHold(const AppendOptions& options, const CKespDataFile& file, const Sour
 
 // False after a complaint.
 bool IsApart(const AppendOptions& options, const CKespDataFile& file) {
-  for (const std::string& path : options.sources) {
-    if (!file.m_file.IsSameFile(CString::FromPathBytes(path))) continue;
-    Complain(path, "is the destination itself");
-    return false;
-  }
-  return true;
+  const auto isDestination = [&](const std::string& path) {
+    return file.m_file.IsSameFile(CString::FromPathBytes(path));
+  };
+  const auto found = std::ranges::find_if(options.sources, isDestination);
+  if (found != options.sources.end()) Complain(*found, "is the destination itself");
+  return found == options.sources.end();
 }
 
 bool HasRoom(const AppendOptions& options, const CKespDataFile& file, const std::vector<CKespRecord*>& records) {

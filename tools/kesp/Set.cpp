@@ -14,7 +14,7 @@ namespace {
 
 // A number in full, where display text has as many places as Decimals says.
 CString ValueOf(const CKespAttribute& attribute) {
-  if (attribute.AttributeKind == KESP_ATTRIBUTE_NUMERIC) return CString(ShortestText(attribute.Value));
+  if (attribute.AttributeKind == KESP_ATTRIBUTE_NUMERIC) return {ShortestText(attribute.Value)};
   return attribute.GetAsFormatedString(true);
 }
 
@@ -32,7 +32,8 @@ std::optional<double> ParseDay(const std::string& text) {
   constexpr std::int64_t kEpoch = 25569;  // 1 January 1970
   const auto seconds = text.size() == kDayAlone && text >= "0100" ? ParseTime(text, false) : std::nullopt;
   if (!seconds || *seconds == -kEpoch * kSecondsPerDay) return std::nullopt;
-  return static_cast<double>(*seconds / kSecondsPerDay + kEpoch);
+  const std::int64_t days = *seconds / kSecondsPerDay + kEpoch;
+  return static_cast<double>(days);
 }
 
 // What is wrong with the value, or nothing.
