@@ -25,6 +25,7 @@ void WriteRecordHeader(CFile& file, CKespRecord& record, unsigned short version,
 
 struct Range {
   std::size_t from;
+  // cppcheck-suppress unusedStructMember
   std::size_t to;  // not included; not greater than `from` when the range is empty
 };
 

@@ -17,10 +17,13 @@ enum class Mode { kDelete, kUndelete };
 // What will be marked, or restored.
 struct Plan {
   struct Whole {
+    // cppcheck-suppress unusedStructMember
     const Inventory::Feature* feature;
+    // cppcheck-suppress unusedStructMember
     bool forItsPoints;  // none of its points is to stay, and a feature without points falls short
   };
   struct Single {
+    // cppcheck-suppress unusedStructMember
     const Inventory::Feature* feature;
     const Inventory::Item* point;
   };

@@ -276,6 +276,7 @@ void NumberSpace::Use(std::uint32_t number) {
 
 std::optional<std::uint32_t> NumberSpace::TakeFree() {
   std::uint32_t free = highest + 1;  // 0 after the last one
+  // cppcheck-suppress knownConditionTrueFalse
   if (free == 0 && used.size() >= std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
   for (free = std::max(free, lowest); used.contains(free); ++free) continue;
   if (highest == std::numeric_limits<std::uint32_t>::max()) lowest = free + 1;
@@ -298,6 +299,7 @@ Numbers NumbersIn(const Inventory& inventory) {
   return numbers;
 }
 
+// cppcheck-suppress constParameter
 bool GiveNumbers(Sources& sources, Numbers& taken, Collisions collisions) {
   std::vector<OwnNumbers> owns;
   for (const auto& source : sources) {
