@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
-#include <cassert>
-#include <span>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -18,50 +16,7 @@
 namespace kesp {
 namespace {
 
-constexpr std::size_t kMostFields = 48;
 constexpr std::size_t kMostBytes = BodyLengthOf(KESP_RECORD_HEADER, 2);
-
-// The fields of a record in the order of a description. Borrows the record.
-class FieldList {
- public:
-  struct Field {
-    const CString* text = nullptr;  // null unless it is a text
-    std::span<const std::uint8_t> bytes;
-    std::uint64_t number = 0;
-
-    bool operator==(const Field& other) const {
-      if (text != nullptr) return *text == *other.text;
-      return number == other.number && std::ranges::equal(bytes, other.bytes);
-    }
-  };
-
-  template <class T>
-  void U16(const T& field) {
-    Put({nullptr, {}, static_cast<std::uint16_t>(field)});
-  }
-  template <class T>
-  void Choice16(const T& field, std::uint16_t /*least*/, std::uint16_t /*most*/) {
-    U16(field);
-  }
-  template <class T>
-  void U32(const T& field) {
-    Put({nullptr, {}, static_cast<std::uint32_t>(field)});
-  }
-  void F64(const double& field) { Put({nullptr, {}, std::bit_cast<std::uint64_t>(field)}); }
-  void Text16(const CString& field, std::size_t /*units*/) { Put({&field, {}, 0}); }
-  void Raw(std::span<const std::uint8_t> field) { Put({nullptr, field, 0}); }
-
-  std::span<const Field> Fields() const { return std::span(m_fields).first(m_count); }
-
- private:
-  void Put(const Field& field) {
-    assert(m_count < kMostFields);
-    m_fields[m_count++] = field;
-  }
-
-  std::array<Field, kMostFields> m_fields;
-  std::size_t m_count = 0;
-};
 
 // Writes the older body, reads it back into a new record, and compares the fields of the newest body.
 template <class Written, class... Bodies, class Record>
@@ -89,7 +44,7 @@ void AddTo(FormatLoss::Kind& kind, const Written& written, const std::tuple<Bodi
   std::uint64_t numbers = 0;
   for (std::size_t i = 0; i < before.Fields().size(); ++i) {
     const FieldList::Field& field = before.Fields()[i];
-    if (!(field == after.Fields()[i])) ++(field.text != nullptr ? texts : numbers);
+    if (!field.HasValueOf(after.Fields()[i])) ++(field.text != nullptr ? texts : numbers);
   }
   kind.texts += texts;
   kind.numbers += numbers;

@@ -44,6 +44,7 @@
 #include <cstdint>
 #include <new>
 #include <optional>
+#include <span>
 
 #include "kesp/platform/Export.h"
 #include "kesp/platform/File.h"
@@ -144,14 +145,35 @@ class KESP_EXPORT CKespDataFile {
   // source flag: 0 for a new file, 2 for an existing one. Skips a CKespBrokenRecord and returns true. Refuses a record
   // whose body has no length, such as one of an unknown version: no reader would get past its header.
   [[nodiscard]] bool AppendRecord(CKespRecord* record, unsigned long sourceFlag);
-  // The same with the body in record version 1 or 2 and the flags unchanged. The record header still gives the record's
-  // own version and length: the caller sets m_recordVersion to match; nothing is converted.
+  // Appends several as one: each as AppendRecord does, with one sync after the last. True once all are on the disk.
+  // When one can't be written, false, and the file is as long as before. For 10,000 points that takes about a
+  // thousandth of the time of as many single appends. `records` has `count` pointers and stays the caller's.
+  [[nodiscard]] bool AppendRecords(CKespRecord* const* records, std::size_t count, unsigned long sourceFlag);
+  // AppendRecord with the body in record version 1 or 2 and the flags unchanged. The record header still gives the
+  // record's own version and length: the caller sets m_recordVersion to match; nothing is converted.
   [[nodiscard]] bool AppendRecordVersion1(CKespRecord* record, unsigned long sourceFlag);
   [[nodiscard]] bool AppendRecordVersion2(CKespRecord* record, unsigned long sourceFlag);
   // Overwrites the record at the file's position, in the record version found there. Returns false and writes nothing
   // when the type differs, or when the version there is newer than the record's or is 0 (except for a tag: no other
   // body has version 0). Does not flush or compare lengths: the record must be as long as the one it replaces.
   [[nodiscard]] bool OverwriteRecord(CKespRecord* record, unsigned long sourceFlag);
+  // Writes over the record at before.m_filePosition only those fields in which `after` differs from `before`, each
+  // whole (a text with its zeros), and the flags if they differ; every other byte stays as it is, also where `before`
+  // as read does not show it. Both are in the record version that is in the file. All is written at once, without a
+  // sync.
+  //
+  //   CKespNote changed(note);  // read from this file
+  //   changed.NoteText = u"rain";
+  //   if (file.AmendRecord(note, changed)) file.Flush();
+  //
+  // Returns false and writes nothing when type and version there are not those of both records, and, with EINVAL in
+  // GetSystemError, when a value can't be stored as it is: the version has no such field, a text is too long or has a
+  // zero or, in version 1, a character above U+00FF, a number is too wide or not allowed, a tag's block has another
+  // length. Leaves the file at the record's header.
+  [[nodiscard]] bool AmendRecord(const CKespRecord& before, const CKespRecord& after);
+  // Whether all values in which they differ can be stored, for those who change several records or none. Looks at no
+  // file. Raises std::bad_alloc.
+  static bool CanAmend(const CKespRecord& before, const CKespRecord& after);
   // OverwriteRecord at `position` with source flag 2. Throws when the seek fails.
   [[nodiscard]] bool CopyRecord(CKespRecord* record, unsigned long position);
   // Finds the same record and overwrites it. Searches from the first record; with `continueSearch` from the file's
@@ -211,11 +233,14 @@ class KESP_EXPORT CKespDataFile {
   [[gnu::noinline]] CKespRecord* ReadAnyRecord(std::uint64_t& position, bool skipDeleted);
   CKespRecord* ReadBodyOf(std::unique_ptr<CKespRecord> record);
   bool Rebuild(const CString& destination, unsigned short kespVersion);
-  bool Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion);
-  bool AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);
-  bool WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);
+  using Records = std::span<CKespRecord* const>;
+  bool Append(Records records, unsigned long sourceFlag, unsigned short bodyVersion);
+  bool AppendWhole(Records records, unsigned long sourceFlag, unsigned short bodyVersion);
+  static bool Prepare(Records records, unsigned long sourceFlag, unsigned short bodyVersion);
+  bool WriteWhole(Records records, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun);
   bool WriteBody(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion);
   bool Overwrite(CKespRecord& record, unsigned long sourceFlag);
+  bool Amend(const CKespRecord& before, const CKespRecord& after);
   bool WalkOverHeaders();
   bool IsAsLongAsHere(CKespRecord& record);
   // Searches from the first record; with `continueSearch` from the file's position, then from the first record.

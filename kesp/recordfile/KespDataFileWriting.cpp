@@ -1,7 +1,11 @@
 // Writes records to an open file: appends, overwrites, updates, and marks them deleted.
+#include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <span>
+#include <vector>
 
+#include "kesp/format/RecordChanges.h"
 #include "kesp/platform/SystemCalls.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RecordHeader.h"
@@ -19,18 +23,46 @@ void WriteRecordHeader(CFile& file, CKespRecord& record, unsigned short version,
   file.Write(header.data(), header.size());
 }
 
+struct Range {
+  std::size_t from;
+  // cppcheck-suppress unusedStructMember
+  std::size_t to;  // not included; not greater than `from` when the range is empty
+};
+
+// Puts the flags of the header and the changes into a record as it is in the file. Returns from the first byte that
+// changes to the last, for one write: what lies between goes back as it was read.
+Range Patch(std::span<std::byte> record, const kesp::RecordHeader& header, const kesp::RecordChanges& changes) {
+  Range range{record.size(), 0};
+  const auto put = [&](std::size_t at, std::span<const std::byte> bytes) {
+    std::ranges::copy(bytes, record.subspan(at).begin());
+    range = {std::min(range.from, at), at + bytes.size()};
+  };
+  const auto encoded = kesp::EncodeRecordHeader(header);
+  if (!std::ranges::equal(encoded, record.first(encoded.size()))) {
+    put(kesp::kFlagsOffset, std::span(encoded).subspan(kesp::kFlagsOffset, sizeof header.flags));
+  }
+  for (const auto& [offset, width] : changes.fields) {
+    put(kesp::kRecordHeaderSize + offset, std::span(changes.body).subspan(offset, width));
+  }
+  return range;
+}
+
 }  // namespace
 
 bool CKespDataFile::AppendRecord(CKespRecord* record, unsigned long sourceFlag) {
-  return Append(record, sourceFlag, kOwnVersion);
+  return Append({&record, 1}, sourceFlag, kOwnVersion);
+}
+
+bool CKespDataFile::AppendRecords(CKespRecord* const* records, std::size_t count, unsigned long sourceFlag) {
+  return Append({records, count}, sourceFlag, kOwnVersion);
 }
 
 bool CKespDataFile::AppendRecordVersion1(CKespRecord* record, unsigned long sourceFlag) {
-  return Append(record, sourceFlag, 1);
+  return Append({&record, 1}, sourceFlag, 1);
 }
 
 bool CKespDataFile::AppendRecordVersion2(CKespRecord* record, unsigned long sourceFlag) {
-  return Append(record, sourceFlag, 2);
+  return Append({&record, 1}, sourceFlag, 2);
 }
 
 void CKespDataFile::ReopenAfterPowerEvent() {
@@ -58,30 +90,39 @@ bool CKespDataFile::WriteBody(CKespRecord& record, unsigned long sourceFlag, uns
   return false;
 }
 
-// Writes header and body in one write and syncs. `begun` becomes true once something may be in the file.
-bool CKespDataFile::WriteWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun) {
+// Writes headers and bodies, in pieces of 64 KiB or of one record if that is more, and syncs. `begun` becomes true once
+// something may be in the file.
+bool CKespDataFile::WriteWhole(Records records, unsigned long sourceFlag, unsigned short bodyVersion, bool& begun) {
+  constexpr std::uint64_t kPiece = std::uint64_t{64} * 1024;
   CFile::Gather gather(m_file);
-  // Version and length are the record's own, whatever version the body is written in.
-  WriteRecordHeader(m_file, record, record.m_recordVersion, record.GetLength(kOwnVersion));
-  if (!WriteBody(record, sourceFlag, bodyVersion)) return false;
+  std::uint64_t written = m_file.GetPosition();
+  for (CKespRecord* const record : records) {
+    const std::uint64_t start = m_file.GetPosition();
+    record->m_filePosition = static_cast<std::uint32_t>(start);
+    if (record->m_recordType == KESP_RECORD_BROKEN) continue;
+    if (start - written >= kPiece) {
+      begun = true;
+      gather.Commit();
+      written = start;
+    }
+    // Version and length are the record's own, whatever version the body is written in.
+    WriteRecordHeader(m_file, *record, record->m_recordVersion, record->GetLength(kOwnVersion));
+    if (!WriteBody(*record, sourceFlag, bodyVersion)) return false;
+  }
+  if (m_file.GetPosition() == written && !begun) return true;  // there is nothing to write
   begun = true;
   gather.Commit();
   return Flush();
 }
 
-bool CKespDataFile::Append(CKespRecord* record, unsigned long sourceFlag, unsigned short bodyVersion) {
+bool CKespDataFile::Append(Records records, unsigned long sourceFlag, unsigned short bodyVersion) {
   if (!IsOpen()) return false;
-  const auto append = [&] {
-    if (record != nullptr) return AppendWhole(*record, sourceFlag, bodyVersion);
-    NoteError(EINVAL);
-    return false;
-  };
-  if (Guarded(append)) return true;
+  if (Guarded([&] { return AppendWhole(records, sourceFlag, bodyVersion); })) return true;
   ++m_failedAppends;
   return false;
 }
 
-// Truncates unless all of the record reaches the disk: a record appended after a partial one is unreachable.
+// Truncates unless all reaches the disk: a record appended after a partial one is unreachable.
 class CKespDataFile::PendingAppend {
  public:
   PendingAppend(CKespDataFile& file, std::uint64_t from) : m_file(file), m_from(from) {}
@@ -102,20 +143,28 @@ class CKespDataFile::PendingAppend {
   const std::uint64_t m_from;
 };
 
-bool CKespDataFile::AppendWhole(CKespRecord& record, unsigned long sourceFlag, unsigned short bodyVersion) {
-  if (DidPowerEventHappen()) ReopenAfterPowerEvent();
-  CutBackTornRecord();
-  const std::uint64_t start = m_file.SeekToEnd();
-  record.m_filePosition = static_cast<std::uint32_t>(start);
-  if (auto* const tag = dynamic_cast<CKespTag*>(&record)) tag->m_dataPosition = 0;
-  if (bodyVersion == kOwnVersion) record.SetSourceFlag(sourceFlag);
-  if (record.m_recordType == KESP_RECORD_BROKEN) return true;
-  if (record.GetLength(kOwnVersion) == 0) {
+// Returns false when one of them can't be written.
+bool CKespDataFile::Prepare(Records records, unsigned long sourceFlag, unsigned short bodyVersion) {
+  for (CKespRecord* const record : records) {
+    if (record == nullptr) return false;
+    if (auto* const tag = dynamic_cast<CKespTag*>(record)) tag->m_dataPosition = 0;
+    if (bodyVersion == kOwnVersion) record->SetSourceFlag(sourceFlag);
+    if (record->m_recordType != KESP_RECORD_BROKEN && record->GetLength(kOwnVersion) == 0) return false;
+  }
+  return true;
+}
+
+bool CKespDataFile::AppendWhole(Records records, unsigned long sourceFlag, unsigned short bodyVersion) {
+  if (!Prepare(records, sourceFlag, bodyVersion)) {
     NoteError(EINVAL);
     return false;
   }
+  if (DidPowerEventHappen()) ReopenAfterPowerEvent();
+  CutBackTornRecord();
+  const std::uint64_t start = m_file.SeekToEnd();
   PendingAppend pending(*this, start);
-  while (WriteWhole(record, sourceFlag, bodyVersion, pending.begun)) {
+  while (WriteWhole(records, sourceFlag, bodyVersion, pending.begun)) {
+    if (!pending.begun) return true;
     if (!DidPowerEventHappen()) {
       // Reads the last byte again, which leaves the file at its end.
       m_file.Seek(-1, CFile::current);
@@ -150,6 +199,41 @@ bool CKespDataFile::Overwrite(CKespRecord& record, unsigned long sourceFlag) {
   WriteRecordHeader(m_file, record, found.version, record.GetLength(found.version));
   if (!WriteBody(record, sourceFlag, found.version)) return false;  // the record there stays unchanged
   gather.Commit();
+  return true;
+}
+
+bool CKespDataFile::AmendRecord(const CKespRecord& before, const CKespRecord& after) {
+  return IsOpen() && Guarded([&] { return Amend(before, after); });
+}
+
+bool CKespDataFile::CanAmend(const CKespRecord& before, const CKespRecord& after) {
+  return after.m_recordVersion == before.m_recordVersion && kesp::ChangesOf(before, after).has_value();
+}
+
+bool CKespDataFile::Amend(const CKespRecord& before, const CKespRecord& after) {
+  if (after.m_recordType != before.m_recordType || after.m_recordVersion != before.m_recordVersion) return false;
+  const auto changes = kesp::ChangesOf(before, after);
+  if (!changes) {
+    NoteError(EINVAL);
+    return false;
+  }
+  m_file.Seek(before.m_filePosition, CFile::begin);
+  std::vector<std::byte> record(kesp::kRecordHeaderSize + changes->body.size());
+  if (m_file.Read(record.data(), record.size()) != record.size()) {
+    throw CFileException(CFileException::endOfFile, m_path);
+  }
+  m_file.Seek(before.m_filePosition, CFile::begin);
+  kesp::RecordHeader header;
+  kesp::FieldReader reader(record);
+  kesp::DescribeRecordHeader(reader, header);
+  if (header.type != before.m_recordType || header.version != before.m_recordVersion) return false;
+
+  if (after.m_flags != before.m_flags) header.flags = after.m_flags;
+  const auto [from, to] = Patch(record, header, *changes);
+  if (from >= to) return true;
+  m_file.Seek(static_cast<std::int64_t>(before.m_filePosition + from), CFile::begin);
+  m_file.Write(record.data() + from, to - from);
+  m_file.Seek(before.m_filePosition, CFile::begin);
   return true;
 }
 

@@ -9,6 +9,7 @@
 namespace kesp {
 
 constexpr std::size_t kRecordHeaderSize = 14;
+constexpr std::size_t kFlagsOffset = 6;
 
 struct RecordHeader {
   std::uint32_t type = 0;

@@ -11,11 +11,14 @@
 // field's width when written, and extended with zeros when read.
 #pragma once
 #include <algorithm>
+#include <array>
 #include <bit>
+#include <cassert>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <span>
 #include <type_traits>
 
@@ -230,6 +233,74 @@ class FieldCounter {
   constexpr std::size_t Length() const noexcept { return m_length; }
 
  private:
+  std::size_t m_length = 0;
+};
+
+// Lists the fields of a record in the order of a description: where each is in the body, its value, and whether the
+// field can hold that. Borrows the record.
+class FieldList {
+ public:
+  struct Field {
+    bool HasValueOf(const Field& other) const noexcept {
+      if (text != nullptr) return *text == *other.text;
+      return number == other.number && std::ranges::equal(bytes, other.bytes);
+    }
+
+    std::size_t offset = 0;         // in the body, in bytes
+    std::size_t width = 0;          // bytes
+    bool fits = true;               // reading the field gives the value back
+    const CString* text = nullptr;  // or
+    std::span<const std::uint8_t> bytes;
+    std::uint64_t number = 0;  // as stored
+  };
+
+  template <class T>
+  void U16(const T& field) noexcept {
+    const auto stored = static_cast<std::uint16_t>(field);
+    PutNumber(2, stored, static_cast<T>(stored) == field);
+  }
+  template <class T>
+  void Choice16(const T& field, std::uint16_t least, std::uint16_t most) noexcept {
+    const auto value = static_cast<std::int64_t>(field);
+    PutNumber(2, static_cast<std::uint16_t>(field), value >= least && value <= most);
+  }
+  template <class T>
+  void U32(const T& field) noexcept {
+    const auto stored = static_cast<std::uint32_t>(field);
+    PutNumber(4, stored, static_cast<T>(stored) == field);
+  }
+  void F64(const double& field) noexcept { PutNumber(8, std::bit_cast<std::uint64_t>(field), true); }
+  void Text16(const CString& field, std::size_t units) noexcept {
+    PutText(2 * units, field, units - 1, std::numeric_limits<char16_t>::max());
+  }
+  void Text8(const CString& field, std::size_t bytes) noexcept { Text8(field, bytes, bytes - 1); }
+  void Text8(const CString& field, std::size_t bytes, std::size_t most) noexcept { PutText(bytes, field, most, 0xFF); }
+  void Raw(std::span<const std::uint8_t> field) noexcept { Put({m_length, field.size(), true, nullptr, field, 0}); }
+  void Skip(std::size_t bytes) noexcept { m_length += bytes; }
+
+  std::span<const Field> Fields() const noexcept { return std::span(m_fields).first(m_count); }
+  std::size_t Length() const noexcept { return m_length; }  // of the body
+
+ private:
+  static constexpr std::size_t kMostFields = 48;
+
+  void Put(const Field& field) noexcept {
+    assert(m_count < kMostFields);
+    m_fields[m_count++] = field;
+    m_length += field.width;
+  }
+  void PutNumber(std::size_t width, std::uint64_t stored, bool fits) noexcept {
+    Put({m_length, width, fits, nullptr, {}, stored});
+  }
+  void PutText(std::size_t width, const CString& field, std::size_t most, char16_t greatest) noexcept {
+    const std::u16string_view text = field.View();
+    const bool fits = text.size() <= most &&
+                      std::ranges::all_of(text, [greatest](char16_t unit) { return unit != 0 && unit <= greatest; });
+    Put({m_length, width, fits, &field, {}, 0});
+  }
+
+  std::array<Field, kMostFields> m_fields;
+  std::size_t m_count = 0;
   std::size_t m_length = 0;
 };
 

@@ -1,9 +1,11 @@
 #include <array>
 #include <cerrno>
 
+#include "kesp/records/KespAttribute.h"
 #include "kesp/records/KespBrokenRecord.h"
 #include "kesp/records/KespFeature.h"
 #include "kesp/records/KespNote.h"
+#include "kesp/records/KespPoint.h"
 #include "kesp/records/KespTag.h"
 #include "kesp/records/KespTavoHeader.h"
 #include "tests/recordfile/Survey.h"
@@ -76,6 +78,38 @@ TEST_F(KespDataFileWriting, AppendsOldBodiesUnderTheRecordsOwnHeader) {
   EXPECT_EQ(Records(), expected);
 }
 
+TEST_F(KespDataFileWriting, AppendsSeveralOrNone) {
+  CKespTag large, withoutBlock;
+  large.Set(KESP_TAG_BLOB, "", nullptr, 150'000);
+  large.m_dataPosition = 9;
+  auto one = EndRecord(1), two = EndRecord(2);
+  CKespBrokenRecord broken;
+  CKespRecord* records[] = {&one, &large, &broken, &two};
+  const ByteVector appended = EndOf(1, 2) + Tag(0, "", ByteVector(150'000), 2) + EndOf(2, 2);
+  Open(EndOf(9));
+  FaultySystem counting;
+  EXPECT_TRUE(file.AppendRecords(records, 4, 2));
+  EXPECT_EQ(counting.Calls("fdatasync"), 1);
+  EXPECT_EQ(Records(), EndOf(9) + appended);
+  EXPECT_TRUE(one.m_filePosition == 68 && large.m_filePosition == 86 && large.m_dataPosition == 0);
+  EXPECT_TRUE(two.m_filePosition == file.GetLength() - 18 && file.AppendRecords(nullptr, 0, 2));
+  // With the last one refused by its class, or known not to be writable before; and with any of the calls that fail.
+  std::uint32_t failed = 0;
+  for (CKespRecord* const refused : std::initializer_list<CKespRecord*>{&withoutBlock, nullptr}) {
+    records[3] = refused;
+    EXPECT_FALSE(file.AppendRecords(records, 4, 2));
+    EXPECT_EQ(file.GetFailedAppends(), ++failed);
+    EXPECT_EQ(Records(), EndOf(9) + appended);
+  }
+  records[3] = &two;
+  for (int call = 1; call <= counting.Calls(); ++call) {
+    Open(EndOf(9));
+    FaultySystem system(call, FaultySystem::Fault::Error);
+    const bool good = file.AppendRecords(records, 4, 2);
+    EXPECT_EQ(Records(), EndOf(9) + (good ? appended : ByteVector())) << call;
+  }
+}
+
 TEST_F(KespDataFileWriting, WritesAgainAfterAPowerEvent) {
   // Asked before the write and after it.
   for (const auto& [events, sleptMs] : {std::pair{"1", 5000u}, {"011", 10000u}}) {
@@ -111,6 +145,69 @@ TEST_F(KespDataFileWriting, OverwritesInTheVersionOnDisk) {
     for (const std::uint32_t at : {kFirst, 5000u}) EXPECT_FALSE(file.CopyRecord(&withoutBlock, at)) << at;
     EXPECT_EQ(Records(), there);
   }
+}
+
+// The record is read from the file, changed, and amended in its place; all other bytes stay, those too that no field
+// shows.
+template <class Record>
+using Change = void (*)(Record&);
+TEST_F(KespDataFileWriting, AmendsTheFieldsThatDifferAndNoOtherByte) {
+  const auto check = [this]<class Record>(const ByteVector& there, Change<Record> change, bool good,
+                                          std::initializer_list<std::pair<std::size_t, ByteVector>> patches) {
+    Open(EndOf(9) + there + EndOf(9));
+    std::unique_ptr<CKespRecord> first(file.ReadNextRecord(false)), record(file.ReadNextRecord(false));
+    ASSERT_TRUE(record);
+    auto& before = dynamic_cast<Record&>(*record);
+    Record after(before);
+    change(after);
+    ByteVector expected = Records();
+    for (const auto& [at, bytes] : patches) {
+      std::copy(bytes.begin(), bytes.end(), expected.begin() + 18 + static_cast<std::ptrdiff_t>(at));
+    }
+    const FaultySystem system;
+    EXPECT_EQ(CKespDataFile::CanAmend(before, after), good);
+    EXPECT_EQ(file.AmendRecord(before, after), good);
+    EXPECT_EQ(Records(), expected);
+    EXPECT_LE(system.Calls("write"), 1);
+    EXPECT_EQ(system.Calls("fdatasync"), 0);
+    EXPECT_TRUE(!good || file.GetPosition() == kFirst + 18);
+  };
+  const auto garbled = [](ByteVector record, std::size_t at, const ByteVector& garbage) {
+    std::copy(garbage.begin(), garbage.end(), record.begin() + static_cast<std::ptrdiff_t>(at));
+    return record;
+  };
+  // clang-format off
+  // Flags that are not in their reduced form, garbage after the end of a text, an odd length in the header.
+  const ByteVector note = WithLength(garbled(Sample(6, 2, 0x03), 14 + 10, Hex("\"garbage\"")), 300);
+  const ByteVector attribute = garbled(Sample(5, 2), 14 + 4 + 30, Hex("ff")), old = Sample(5, 1);
+  check(note, +[](CKespNote& n) { n.NoteText = "a"; }, true, {{14, Hex("\"a\" 00*510")}});
+  check(note, +[](CKespNote& n) { n.m_flags = 5; }, true, {{6, {5}}});
+  check(note, +[](CKespNote&) {}, true, {});
+  check(note, +[](CKespNote& n) { n.NoteText = std::string(256, 'a'); }, false, {});
+  check(note, +[](CKespNote& n) { n.NoteText = std::u16string_view(u"a\0b", 3); }, false, {});
+  check(note, +[](CKespNote& n) { n.m_recordVersion = 1; }, false, {});
+  check(attribute, +[](CKespAttribute& a) { a.Value = 2.5, a.m_flags = 8, a.Decimals = 65535; }, true,
+        {{6, {8}}, {14 + 172, Hex("00*6 04 40")}, {14 + 196, Hex("ff ff")}});
+  check(attribute, +[](CKespAttribute& a) { a.AttributeKind = 6; }, false, {});
+  check(attribute, +[](CKespAttribute& a) { a.AuxNumber3 = 1; }, false, {});  // from version 3 on
+  check(old, +[](CKespAttribute& a) { a.AuxText = u"\u00ff"; }, true, {{14 + 116, Hex("ff 00*21")}});
+  check(old, +[](CKespAttribute& a) { a.AuxText = u"\u0100"; }, false, {});
+  check(old, +[](CKespAttribute& a) { a.AuxText = std::string(21, 'a'); }, false, {});
+  check(Sample(3, 2), +[](CKespTavoHeader& h) { h.HeaderText7 = "b", h.SlotBytes4[15] = 7; }, true,
+        {{14 + 2356, Hex("\"b\"")}, {14 + 4085, {7}}});
+  check(Sample(2, 1), +[](CKespPoint& p) { p.PointTime = -1; }, true, {{14 + 30, Hex("ff*4")}});
+  check(Sample(2, 2), +[](CKespPoint& p) { p.GpsNumber = 65536; }, false, {});
+  check(Sample(9, 2), +[](CKespTag& t) { t.m_flags = 4, t.Set("d", 7); }, true, {{6, {4}}, {14 + 20, {7}}});
+  check(Sample(9, 2), +[](CKespTag& t) { t.Set("d", 7.0); }, false, {});
+  // clang-format on
+  // Something else is there, or the file ends.
+  Open(Sample(6, 2) + Sample(4, 1) + Part(Sample(6, 2), 0, 99));
+  auto was = Note("rain"), snow = Note("snow");
+  for (const std::uint32_t at : {kFirst + 526, kFirst + 544, 5000u}) {
+    was.m_filePosition = at;
+    EXPECT_FALSE(file.AmendRecord(was, snow));
+  }
+  EXPECT_EQ(Records(), Sample(6, 2) + Sample(4, 1) + Part(Sample(6, 2), 0, 99));
 }
 
 TEST_F(KespDataFileWriting, FindsTheRecordToUpdate) {

@@ -108,6 +108,12 @@ const Operation kOperations[] = {
     {"create over", {}, 'O', [](Trial& t) { t.AppendAll(0); }},
     {"append", kEnds, 'o', [](Trial& t) { t.AppendAll(3); }},
     {"append through power events", kEnds, 'o', [](Trial& t) { t.system.powerEvents = "1010", t.AppendAll(3); }},
+    {"append several", kEnds, 'o', [](Trial& t) {
+      CKespTag large;
+      CKespNote note;
+      large.Set(KESP_TAG_BLOB, "", nullptr, 60'000);  // two make a write of their own
+      CKespRecord* const records[] = {&large, &large, &note};
+      t.Say(t.Container().AppendRecords(records, 3, 2)); }},
     {"edit and flush", kEnds, 'o', [](Trial& t) {
       auto end1 = EndRecord(1), end2 = EndRecord(2);
       t.Say(0, t.Container().SeekToFirstRecord() && t.Container().OverwriteRecord(&end1, 8));

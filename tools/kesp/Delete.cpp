@@ -1,159 +1,218 @@
-// kesp delete: marks features or points deleted in the file, all that were asked for or none.
+// kesp delete and kesp undelete: mark features or points deleted in the file, or take that back, all that were asked
+// for or none.
 #include <algorithm>
 #include <map>
-#include <optional>
 #include <set>
 
+#include "tools/kesp/Amending.h"
 #include "tools/kesp/Commands.h"
-#include "tools/kesp/Dataset.h"
-#include "tools/kesp/Opening.h"
+#include "tools/kesp/Inventory.h"
+#include "tools/kesp/JsonWriter.h"
 
 namespace kesp::tool {
 namespace {
 
+enum class Mode { kDelete, kUndelete };
+
+// What will be marked, or restored.
 struct Plan {
   struct Whole {
-    CKespFeature* feature;
+    // cppcheck-suppress unusedStructMember
+    const Inventory::Feature* feature;
     // cppcheck-suppress unusedStructMember
     bool forItsPoints;  // none of its points is to stay, and a feature without points falls short
   };
+  struct Single {
+    // cppcheck-suppress unusedStructMember
+    const Inventory::Feature* feature;
+    const Inventory::Item* point;
+  };
   std::vector<Whole> features;
-  std::vector<CKespPoint*> points;
-  std::set<std::uint32_t> positions;  // of the records that will be marked in the file
+  std::vector<Single> points;
+  std::vector<std::string> refusals;
 };
 
-template <class Number>
-std::vector<Number> WithoutRepeats(std::vector<Number> numbers) {
-  std::sort(numbers.begin(), numbers.end());
-  numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
-  return numbers;
+std::string Number(const char* what, std::uint32_t number) { return what + std::to_string(number); }
+
+std::size_t CountLive(const std::vector<Inventory::Item>& items) {
+  return static_cast<std::size_t>(std::ranges::count(items, false, &Inventory::Item::isDeleted));
 }
 
-void PlanFeature(Plan& plan, CKespFeature& feature, bool forItsPoints) {
-  plan.features.push_back({&feature, forItsPoints});
-  for (const auto& point : feature.m_pointList) plan.positions.insert(point->m_filePosition);
-  for (const auto& attribute : feature.m_attributeList) plan.positions.insert(attribute->m_filePosition);
-}
-
-// The feature in whose list the point stands. None when a later feature took the number that both carry.
-CKespFeature* OwnerOf(const CKespFile& file, const CKespPoint& point) {
-  CKespFeature* feature = nullptr;
-  (void)file.m_featureIndex.Lookup(point.FeatureNumber, feature);
-  if (feature == nullptr) return nullptr;
-  const auto& points = feature->m_pointList;
-  const bool isIn = std::any_of(points.begin(), points.end(), [&](const auto& own) { return own == &point; });
-  return isIn ? feature : nullptr;
-}
-
-// Nothing, and a complaint for each number that won't do, unless all can be deleted.
-std::optional<Plan> MakePlan(const CKespFile& file, const DeleteOptions& options) {
-  Plan plan;
-  bool isGood = true;
-  const auto refuse = [&](const std::string& what) {
-    Complain(options.path, what);
-    isGood = false;
-  };
-  for (const std::uint32_t number : WithoutRepeats(options.features)) {
-    CKespFeature* feature = nullptr;
-    if (file.m_featureIndex.Lookup(number, feature)) {
-      PlanFeature(plan, *feature, false);
+void PlanDeletion(Plan& plan, const Inventory& inventory, const DeleteOptions& options) {
+  for (const std::uint32_t number : std::set(options.features.begin(), options.features.end())) {
+    if (const Inventory::Feature* const feature = inventory.FindFeature(number)) {
+      plan.features.push_back({feature, false});
     } else {
-      refuse("there is no feature " + std::to_string(number));
+      plan.refusals.push_back(Number("there is no feature ", number));
     }
   }
-  std::map<std::uint32_t, std::vector<CKespPoint*>> pointsOf;  // by the feature's number
-  for (const std::uint32_t number : WithoutRepeats(options.points)) {
-    CKespPoint* point = nullptr;
-    if (!file.m_pointIndex.Lookup(number, point)) {
-      refuse("there is no point " + std::to_string(number));
-    } else if (OwnerOf(file, *point) == nullptr) {
-      refuse("point " + std::to_string(number) + " stands in a feature whose number, " +
-             std::to_string(point->FeatureNumber) + ", a later one took");
+  std::map<std::uint32_t, std::vector<Plan::Single>> pointsOf;  // by the feature's number
+  for (const std::uint32_t number : std::set(options.points.begin(), options.points.end())) {
+    const Inventory::PointPlace* const place = inventory.FindPoint(number);
+    const Inventory::Feature* const feature = place != nullptr ? &inventory.features[place->feature] : nullptr;
+    if (feature == nullptr) {
+      plan.refusals.push_back(Number("there is no point ", number));
+    } else if (feature != inventory.FindFeature(feature->record.number)) {
+      plan.refusals.push_back(Number("point ", number) + " is in a feature whose number, " +
+                              std::to_string(feature->record.number) + ", a later one took");
     } else {
-      pointsOf[point->FeatureNumber].push_back(point);
+      pointsOf[feature->record.number].push_back({feature, &feature->points[place->point]});
     }
   }
-  if (!isGood) return std::nullopt;
   for (const auto& [number, points] : pointsOf) {
-    CKespFeature* const feature = OwnerOf(file, *points.front());
-    if (static_cast<std::size_t>(feature->GetNumPoints()) == points.size()) {
-      PlanFeature(plan, *feature, true);
-      continue;
-    }
-    for (CKespPoint* point : points) {
-      plan.points.push_back(point);
-      plan.positions.insert(point->m_filePosition);
+    const Inventory::Feature* const feature = points.front().feature;
+    if (points.size() == CountLive(feature->points)) {
+      plan.features.push_back({feature, true});
+    } else {
+      plan.points.insert(plan.points.end(), points.begin(), points.end());
     }
   }
-  return plan;
 }
 
-// The answers of single rewrites say too little; what came of them is read from the file afterwards. The header is not
-// touched: its summary is its host's.
-void Carry(CKespFile& file, const Plan& plan) {
-  for (const Plan::Whole& whole : plan.features) file.DeleteFeatureAndAssociatedRec(whole.feature);
-  for (CKespPoint* point : plan.points) {
-    point->SetDelete();
-    (void)(file.m_pDataFile->Seek(point->m_filePosition) &&
-           file.m_pDataFile->UpdateRecord(point, KESP_SRC_DELETED, true));
+void PlanRestoring(Plan& plan, const Inventory& inventory, const DeleteOptions& options) {
+  for (const std::uint32_t number : std::set(options.features.begin(), options.features.end())) {
+    const Inventory::Feature* const feature = inventory.FindDeletedFeature(number);
+    if (inventory.FindFeature(number) != nullptr) {
+      plan.refusals.push_back(Number("there is a feature ", number) + " that is not deleted");
+    } else if (feature == nullptr) {
+      plan.refusals.push_back(Number("there is no deleted feature ", number));
+    } else {
+      plan.features.push_back({feature, false});
+    }
   }
-  file.m_pDataFile->Flush();
+  for (const std::uint32_t number : std::set(options.points.begin(), options.points.end())) {
+    const Inventory::PointPlace* const place = inventory.FindDeletedPoint(number);
+    const Inventory::Feature* const feature = place != nullptr ? &inventory.features[place->feature] : nullptr;
+    if (inventory.FindPoint(number) != nullptr) {
+      plan.refusals.push_back(Number("there is a point ", number) + " that is not deleted");
+    } else if (feature == nullptr) {
+      plan.refusals.push_back(Number("there is no deleted point ", number));
+    } else if (feature->record.isDeleted) {
+      plan.refusals.push_back(Number("point ", number) + Number(" goes with feature ", feature->record.number) +
+                              ", which is deleted; restore that");
+    } else {
+      plan.points.push_back({feature, &feature->points[place->point]});
+    }
+  }
 }
 
-// Reads the file anew, as everybody else does. Records never move, so the places tell.
-bool IsCarriedOut(const std::string& path, const Plan& plan) {
-  CKespFile file;
-  if (OpenForReading(file, path) || !ReadDataset(file, DeletedRecords::kPassOver).verdict.IsWhole()) return false;
-  return std::none_of(file.m_recordList.begin(), file.m_recordList.end(), [&](const CKespRecord* record) {
-    return (record->m_recordType == KESP_RECORD_POINT || record->m_recordType == KESP_RECORD_ATTRIBUTE) &&
-           plan.positions.contains(record->m_filePosition);
-  });
-}
-
-void Report(Output& out, const Plan& plan, bool dryRun) {
-  const std::string deleted = dryRun ? "would be deleted" : "deleted";
+// Of a whole feature those that are, or are not, deleted yet.
+std::vector<const Inventory::Item*> ItemsOf(const Plan& plan, Mode mode) {
+  std::vector<const Inventory::Item*> items;
+  const auto add = [&](const Inventory::Item& item) {
+    if (item.isDeleted == (mode == Mode::kUndelete)) items.push_back(&item);
+  };
   for (const auto& [feature, forItsPoints] : plan.features) {
-    out.Put("feature " + std::to_string(feature->FeatureNumber) + " \"" + Printable(feature->FeatureName) + "\": ");
-    if (feature->m_pointList.empty() && feature->m_attributeList.empty()) {
-      out.Put("nothing is left to delete\n");
-      continue;
-    }
-    out.Put(Counted(static_cast<std::uint64_t>(feature->GetNumPoints()), "point") + " and " +
-            Counted(static_cast<std::uint64_t>(feature->GetNumAttributes()), "attribute"));
-    out.Put(" " + deleted + (forItsPoints ? ", since none of its points stays\n" : "\n"));
+    add(feature->record);
+    for (const auto* list : {&feature->points, &feature->attributes, &feature->ends}) std::ranges::for_each(*list, add);
   }
-  for (const CKespPoint* point : plan.points) {
-    out.Put("point " + std::to_string(point->PointNumber) + " of feature " + std::to_string(point->FeatureNumber));
-    out.Put(" " + deleted + "\n");
+  for (const Plan::Single& single : plan.points) add(*single.point);
+  return items;
+}
+
+// False after a complaint.
+bool Amend(std::vector<Amendment>& amendments, CKespDataFile& file, const std::string& path,
+           const std::vector<const Inventory::Item*>& items, Mode mode) {
+  for (const Inventory::Item* const item : items) {
+    if (!item->isSteppable) {
+      Complain(path, "the record at offset " + std::to_string(item->offset) +
+                         " states a length that is not its own, by which a deleted record is stepped over; kesp repair "
+                         "writes a new file with the right one");
+      return false;
+    }
+    CKespRecord* const record = AddAmendment(amendments, file, item->offset);
+    if (record == nullptr) {
+      Complain(path, "the record at offset " + std::to_string(item->offset) + " can't be read any more");
+      return false;
+    }
+    if (mode == Mode::kDelete) {
+      record->SetDelete();
+      record->SetSourceFlag(KESP_SRC_DELETED);
+    } else {
+      record->ClearDelete();
+    }
+  }
+  return true;
+}
+
+struct Counts {
+  std::size_t points = 0;
+  std::size_t attributes = 0;
+};
+Counts CountsOf(const Inventory::Feature& feature, Mode mode) {
+  const auto count = [mode](const std::vector<Inventory::Item>& items) {
+    return mode == Mode::kDelete ? CountLive(items) : items.size() - CountLive(items);
+  };
+  return {count(feature.points), count(feature.attributes)};
+}
+
+void WriteText(Output& out, const Plan& plan, const DeleteOptions& options, Mode mode) {
+  const std::string done = mode == Mode::kDelete ? "deleted" : "restored";
+  const std::string verb = options.dryRun ? " would be " + done : " " + done;
+  for (const auto& [feature, forItsPoints] : plan.features) {
+    const Counts counts = CountsOf(*feature, mode);
+    out.Put(Number("feature ", feature->record.number) + " \"" + Printable(feature->name) + "\" with " +
+            Counted(counts.points, "point") + " and " + Counted(counts.attributes, "attribute") + verb);
+    out.Put(forItsPoints ? ", since none of its points stays\n" : "\n");
+  }
+  for (const auto& [feature, point] : plan.points) {
+    out.Put(Number("point ", point->number) + Number(" of feature ", feature->record.number) + verb + "\n");
+  }
+  if (mode == Mode::kUndelete) {
+    out.Put("Marks as added or changed may be gone: a deletion keeps only some of them\n");
+  }
+}
+
+void WriteJson(Output& out, const Plan& plan, const Verdict& verdict, const DeleteOptions& options, Mode mode) {
+  JsonWriter json(out);
+  Counts counts{plan.points.size(), 0};
+  json.BeginObject();
+  WriteVerdict(json, CString::FromPathBytes(options.path), verdict);
+  json.Key("dryRun").Bool(options.dryRun);
+  json.Key(mode == Mode::kDelete ? "deleted" : "restored").BeginObject();
+  json.Key("features").BeginArray();
+  for (const auto& [feature, forItsPoints] : plan.features) {
+    json.Number(std::int64_t{feature->record.number});
+    const Counts own = CountsOf(*feature, mode);
+    counts.points += own.points;
+    counts.attributes += own.attributes;
+  }
+  json.EndArray();
+  json.Key("points").Number(static_cast<std::int64_t>(counts.points));
+  json.Key("attributes").Number(static_cast<std::int64_t>(counts.attributes));
+  json.EndObject();
+  json.EndObject();
+  json.EndLine();
+}
+
+ExitStatus Mark(const DeleteOptions& options, Output& out, Mode mode) {
+  CKespDataFile file;
+  if (const auto refused = OpenForEditing(file, options.path, options.dryRun)) {
+    return Refuse(*refused, options.path, options.json, out);
+  }
+  const bool looksAtDeleted = mode == Mode::kUndelete;
+  const Inventory inventory =
+      TakeInventory(file, looksAtDeleted ? DeletedRecords::kInclude : DeletedRecords::kPassOver);
+  if (!inventory.end.IsWhole()) return Refuse(inventory.end, options.path, options.json, out);
+  Plan plan;
+  (looksAtDeleted ? PlanRestoring : PlanDeletion)(plan, inventory, options);
+  for (const std::string& refusal : plan.refusals) Complain(options.path, refusal);
+  if (!plan.refusals.empty()) return kExitTrouble;
+  std::vector<Amendment> amendments;
+  if (!Amend(amendments, file, options.path, ItemsOf(plan, mode), mode)) return kExitTrouble;
+  if (!options.dryRun && !Carry(file, options.path, amendments)) return kExitTrouble;
+  if (options.json) {
+    WriteJson(out, plan, inventory.end, options, mode);
+  } else if (!options.quiet) {
+    WriteText(out, plan, options, mode);
   }
   out.Flush();
+  return kExitWhole;
 }
 
 }  // namespace
 
-ExitStatus Delete(const DeleteOptions& options, Output& out) {
-  CKespFile file;
-  const auto refused = options.dryRun ? OpenForReading(file, options.path) : OpenForWriting(file, options.path);
-  if (refused) return Refuse(*refused, options.path, options.json, out);
-  if (const DatasetEnd end = ReadDataset(file, DeletedRecords::kPassOver); !end.verdict.IsWhole()) {
-    return Refuse(end.verdict, options.path, options.json, out);
-  }
-  const std::optional<Plan> plan = MakePlan(file, options);
-  if (!plan) return kExitTrouble;
-  if (!options.dryRun && !plan->positions.empty()) {
-    try {
-      Carry(file, *plan);
-      if (IsCarriedOut(options.path, *plan)) file.m_pDataFile->Close();
-    } catch (const CFileException&) {
-      // The container has the reason.
-    }
-    if (file.m_pDataFile->IsOpen() || file.m_pDataFile->GetSystemError() != 0) {
-      Complain(options.path, "not all could be written: " + WhyNotWritten(*file.m_pDataFile));
-      return kExitTrouble;
-    }
-  }
-  Report(out, *plan, options.dryRun);
-  return kExitWhole;
-}
+ExitStatus Delete(const DeleteOptions& options, Output& out) { return Mark(options, out, Mode::kDelete); }
+ExitStatus Undelete(const DeleteOptions& options, Output& out) { return Mark(options, out, Mode::kUndelete); }
 
 }  // namespace kesp::tool

@@ -9,11 +9,12 @@
 //
 // Returns exactly the records of CKespDataFile::ReadNextRecord, and ends where that ends.
 //
-// Ownership: borrows the file; a record lives until the next step.
+// Ownership: borrows the file; a record lives until the next step, unless it is taken.
 // Errors: none are raised but CMemoryException and std::bad_alloc; End() has what stopped the walk.
 #pragma once
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "tools/kesp/Verdict.h"
 
@@ -40,7 +41,8 @@ class RecordWalk {
 
   Step Next();
   CKespRecord& Record() const noexcept { return *m_record; }
-  std::uint64_t Offset() const noexcept { return m_offset; }  // of the record header
+  std::unique_ptr<CKespRecord> TakeRecord() noexcept { return std::move(m_record); }  // then the caller's
+  std::uint64_t Offset() const noexcept { return m_offset; }                          // of the record header
   // As the record header has them.
   KESP_RECORD_TYPE Type() const noexcept { return m_type; }
   std::uint16_t Version() const noexcept { return m_version; }
