@@ -202,7 +202,7 @@ TEST_F(KespDataFileWriting, AmendsTheFieldsThatDifferAndNoOtherByte) {
   // clang-format on
   // Something else is there, or the file ends.
   Open(Sample(6, 2) + Sample(4, 1) + Part(Sample(6, 2), 0, 99));
-  auto was = Note("rain"), snow = Note("snow");
+  auto was = NoteRecord("rain"), snow = NoteRecord("snow");
   for (const std::uint32_t at : {kFirst + 526, kFirst + 544, 5000u}) {
     was.m_filePosition = at;
     EXPECT_FALSE(file.AmendRecord(was, snow));

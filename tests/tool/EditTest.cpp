@@ -70,7 +70,7 @@ TEST_F(ToolEdit, DeletesAllThatBelongsToAFeatureAndTakesItBack) {
       {"delete @a --feature 1 7", {2, "", "@a: there is no feature 7"}},
       {"delete @a --point 10 11", {2, "", "@a: there is no point 11"}},
       {"delete @a --point 90", {2, "", "@a: point 90 is in a feature whose number, 9, a later one took"}},
-      {"delete @a --feature 0x1", {2, "", "--feature: \"0x1\" is no number; try --help"}},
+      {"delete @a --feature 0x1", {2, "", "--feature: \"0x1\" is no number; try kesp help delete"}},
       {"undelete @a --feature 1", {0, "feature 1 \"Oak\" with 1 point and 1 attribute restored\n" + marks, ""},
        oakAnd20, {10}},
       {"undelete @a --point 20", {0, "point 20 of feature 2 restored\n" + marks, ""}, oakAnd20, oak},

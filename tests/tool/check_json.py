@@ -3,7 +3,7 @@
 check_json.py KESP SCHEMA FOLDER [SAMPLES]
 
 Makes surveys in FOLDER, whole and damaged ones, or takes those of SAMPLES. Every sub-command that only reads is run on
-every file, on none, and on what is no data file.
+every file, on none, and on what is no data file. Those that change a file are run on a copy of each.
 """
 
 import json
@@ -24,6 +24,15 @@ READING = {
     "repair": [["repair", "--json", "--force", "--salvage"], ["repair", "--json", "--force", "--format", "1", "--lossy"]],
 }
 MAKES_A_FILE = ("copy", "repair")
+# On a copy of each file; OTHER is a survey with numbers of its own, NEW a file that is not there.
+CHANGING = {
+    "header": [["header", "COPY", "--set", "HeaderText1=a"], ["header", "COPY", "--set", "None=a"]],
+    "set": [["set", "COPY", "--feature", "1", "--attribute", "Height=x"], ["set", "COPY", "--feature", "9", "--attribute", "a=b"]],
+    "delete": [["delete", "COPY", "--feature", "1"], ["delete", "COPY", "--point", "7"]],
+    "undelete": [["undelete", "COPY", "--feature", "1"], ["undelete", "COPY", "--point", "2"]],
+    "append": [["append", "OTHER", "COPY"], ["append", "--renumber", "OTHER", "COPY"], ["append", "COPY", "COPY"]],
+    "merge": [["merge", "-o", "NEW", "OTHER", "COPY"], ["merge", "--renumber", "-o", "NEW", "OTHER", "COPY"]],
+}
 
 
 def documents(text):
@@ -50,7 +59,7 @@ class Checker:
             if error:
                 self.fail(arguments, f"{list(error.absolute_path)}: {error.message}")
         # One truth: what the document says is what the exit status says.
-        if lines and "whole" in lines[-1] and lines[-1]["whole"] != (done.returncode == 0):
+        if definition in READING and "whole" in (lines or [{}])[-1] and lines[-1]["whole"] != (done.returncode == 0):
             self.fail(arguments, f"whole is {lines[-1]['whole']}, the exit status {done.returncode}")
 
     def fail(self, arguments, what):
@@ -107,6 +116,18 @@ def main(tool, schema, folder, samples=None):
             for file in files:
                 made = [folder / "made"] if definition in MAKES_A_FILE else []
                 checker.run(definition, [*command, file, *made])
+    other = folder / "whole.kesp"
+    other.write_bytes(survey())
+    for definition, commands in CHANGING.items():
+        for file in files:
+            copy = folder / "copy"
+            copy.unlink(missing_ok=True)
+            if file.exists():
+                copy.write_bytes(file.read_bytes())
+            for command in commands:
+                (folder / "new").unlink(missing_ok=True)
+                names = {"COPY": copy, "OTHER": other, "NEW": folder / "new"}
+                checker.run(definition, [names.get(word, word) for word in command] + ["--json"])
     print(f"{checker.checked} documents, {checker.failed} failures")
     return 1 if checker.failed or not checker.checked else 0
 

@@ -5,11 +5,13 @@
 #include <memory>
 #include <sstream>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "tools/kesp/Console.h"
 #include "tools/kesp/Help.h"
+#include "tools/kesp/JsonWriter.h"
 #include "tools/kesp/Output.h"
 #include "tools/kesp/Suggestion.h"
 
@@ -61,6 +63,17 @@ void TakeStandardOutput(const std::string& destination, ReportOptions& report) {
   if (destination != "-") return;
   if (report.json) throw CLI::ValidationError("--json", "the new file itself goes to standard output");
   report.quiet = true;
+}
+
+// Programs get a document also where nothing but a complaint was made.
+void WriteRefusal(Output& out) {
+  if (out.IsUsed()) return;
+  JsonWriter json(out);
+  json.BeginObject();
+  json.Key("error").Text(CString(LastComplaint()).View());
+  json.EndObject();
+  json.EndLine();
+  out.Flush();
 }
 
 // Numbers of records are decimal; left to itself, the parser takes 010 for 8.
@@ -142,7 +155,13 @@ void CommandLine::RunWith(CLI::App& command, ExitStatus (*run)(const Options&, O
                           std::function<void()> check) {
   command.callback([this, run, &options, check = std::move(check)] {
     if (check) check();
-    m_command = [run, &options](Output& out) { return run(options, out); };
+    m_command = [run, &options](Output& out) {
+      const ExitStatus status = run(options, out);
+      if constexpr (std::is_base_of_v<ReportOptions, Options>) {
+        if (status == kExitTrouble && options.json) WriteRefusal(out);
+      }
+      return status;
+    };
   });
 }
 

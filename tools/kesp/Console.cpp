@@ -8,13 +8,24 @@
 #include <cstdlib>
 
 namespace kesp::tool {
+namespace {
+
+std::string lastComplaint;
+bool namesPath = false;
+
+}  // namespace
 
 void Complain(std::string_view path, std::string_view what) {
+  // Advice follows without a path.
+  if (!path.empty() || !namesPath) lastComplaint = what;
+  namesPath = namesPath || !path.empty();
   std::string line = "kesp: ";
   if (!path.empty()) line.append(PrintablePath(path)).append(": ");
   line.append(what).append("\n");
   (void)std::fwrite(line.data(), 1, line.size(), stderr);
 }
+
+const std::string& LastComplaint() { return lastComplaint; }
 
 std::string Printable(const CString& text) {
   const std::u16string_view units = text.View();

@@ -10,6 +10,9 @@ namespace kesp::tool {
 // "kesp: PATH: what" on standard error; without a path, "kesp: what". A path can't steer a terminal.
 void Complain(std::string_view path, std::string_view what);
 
+// What the last complaint that named a path said, and without one what the last complaint said.
+const std::string& LastComplaint();
+
 // For a terminal: control characters, which could steer it, and lone surrogates as escapes.
 std::string Printable(const CString& text);
 std::string PrintablePath(std::string_view path);

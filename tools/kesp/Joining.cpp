@@ -85,7 +85,10 @@ void TellLeftOut(const Source& source) {
 }
 
 std::optional<ExitStatus> ReadSource(Source& source, bool json, Output& out) {
-  if (source.steady.IsWritten()) return kExitTrouble;
+  if (source.steady.IsWritten()) {
+    Complain(source.path, kIsWritten);
+    return kExitTrouble;
+  }
   if (const auto refused = OpenForReading(source.file, source.path)) return Refuse(*refused, source.path, json, out);
   const std::uint32_t first = source.file.m_firstRecordOffset;
   source.counts.applicationBytes = first > kFileHeaderSize ? first - kFileHeaderSize : 0;

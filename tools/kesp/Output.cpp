@@ -23,6 +23,7 @@ Output& Output::PutInPieces(std::string_view bytes) {
 void Output::Flush() {
   const std::size_t size = m_size;
   m_size = 0;
+  m_isUsed = m_isUsed || size != 0;
   for (std::size_t done = 0; done < size;) {
     const ssize_t written = ::write(m_descriptor, m_buffer.get() + done, size - done);
     if (written >= 0) {

@@ -50,6 +50,7 @@ class Output {
   }
   void Took(std::size_t count) noexcept { m_size += count; }
   void Flush();
+  bool IsUsed() const noexcept { return m_isUsed || m_size != 0; }  // something was put
 
  private:
   Output& PutInPieces(std::string_view bytes);
@@ -59,6 +60,7 @@ class Output {
   int m_descriptor;
   std::unique_ptr<char[]> m_buffer;
   std::size_t m_size = 0;
+  bool m_isUsed = false;
 };
 
 }  // namespace kesp::tool
