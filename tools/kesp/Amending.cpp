@@ -28,7 +28,8 @@ bool IsCarriedOut(const std::string& path, const std::vector<Amendment>& amendme
   };
   if (!std::ranges::all_of(amendments, isThere)) return false;
   RecordWalk walk(file, DeletedRecords::kPassOver);
-  while (walk.Next() != RecordWalk::Step::kEnd) continue;
+  while (walk.Next() != RecordWalk::Step::kEnd) {
+  }
   return walk.End().IsWhole();
 }
 

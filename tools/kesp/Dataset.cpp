@@ -13,7 +13,7 @@ void BeginWithFlags(JsonWriter& json, const CKespRecord& record) {
   json.Key("flags").Number(std::int64_t{record.m_flags});
 }
 
-void WriteHeaderRecord(JsonWriter& json, CKespRecord& header) {
+void WriteHeaderRecord(JsonWriter& json, const CKespRecord& header) {
   json.BeginObject();
   json.Key("version").Number(std::int64_t{header.m_recordVersion});
   json.Key("flags").Number(std::int64_t{header.m_flags});
@@ -121,7 +121,8 @@ DatasetEnd ReadDataset(CKespFile& file, DeletedRecords deleted) {
   }
   // Where and why: a data set doesn't tell, and calls damage right after the header its end.
   RecordWalk walk(container, deleted);
-  while (walk.Next() != RecordWalk::Step::kEnd) continue;
+  while (walk.Next() != RecordWalk::Step::kEnd) {
+  }
   end.verdict = walk.End();
   if (end.verdict.IsWhole()) end.verdict.cause = Verdict::Cause::kDamaged;
   return end;
@@ -166,11 +167,11 @@ void WriteTime(JsonWriter& json, const std::string& key, const std::optional<std
   WriteNumberOrNull(json, key + "Unix", time);
 }
 
-void WriteDataset(JsonWriter& json, CKespFile& file, const DatasetEnd& end) {
+void WriteDataset(JsonWriter& json, const CKespFile& file, const DatasetEnd& end) {
   json.BeginObject();
   json.Key("result").Number(std::int64_t{end.result});
   json.Key("kespVersion").Number(std::int64_t{file.m_kespVersion});
-  CKespRecord* const first = file.m_recordList.GetHead();
+  const CKespRecord* const first = file.m_recordList.GetHead();
   json.Key("header");
   if (first != nullptr && first->m_recordType == KESP_RECORD_HEADER) {
     WriteHeaderRecord(json, *first);
@@ -188,7 +189,7 @@ void WriteDataset(JsonWriter& json, CKespFile& file, const DatasetEnd& end) {
   WriteNotes(json, file);
   json.EndArray();
   json.Key("tags").BeginArray();
-  for (CKespTag* tag : file.m_tagList) {
+  for (const CKespTag* tag : file.m_tagList) {
     BeginWithFlags(json, *tag);
     WriteMembers(json, *tag);
     json.EndObject();

@@ -41,6 +41,6 @@ void WriteExtent(JsonWriter& json, const CBoundingBox& extent);
 void WriteTime(JsonWriter& json, const std::string& key, const std::optional<std::int64_t>& time);
 
 // Everything, as one object.
-void WriteDataset(JsonWriter& json, CKespFile& file, const DatasetEnd& end);
+void WriteDataset(JsonWriter& json, const CKespFile& file, const DatasetEnd& end);
 
 }  // namespace kesp::tool

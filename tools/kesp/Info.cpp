@@ -56,7 +56,7 @@ void WriteRecordsJson(JsonWriter& json, const Scan& scan) {
   json.EndArray();
 }
 
-void WriteJson(JsonWriter& json, CKespFile& dataset, ErrorEnum result, const Scan& scan) {
+void WriteJson(JsonWriter& json, const CKespFile& dataset, ErrorEnum result, const Scan& scan) {
   const CKespDataFile& file = *dataset.m_pDataFile;
   json.BeginObject();
   WriteVerdict(json, file.m_path, scan.end);
@@ -147,7 +147,7 @@ void ReportExtent(Report& report, const CBoundingBox& extent) {
   report.Span("  Y", extent.MinY(), extent.MaxY());
 }
 
-void ReportDataset(Report& report, CKespFile& dataset, const Scan& scan) {
+void ReportDataset(Report& report, const CKespFile& dataset, const Scan& scan) {
   const DatasetSummary summary(dataset);
   report.Line("Data set", scan.end.IsWhole() ? "complete" : "what comes before the damage");
   report.Line("  needs version", dataset.m_kespVersion != 0 ? std::to_string(dataset.m_kespVersion) : "unknown");
@@ -171,7 +171,7 @@ std::string StateText(const Verdict& verdict) {
   return verdict.IsWhole() ? Coloured("whole", Colour::kGood) : Coloured(verdict.Describe(), Colour::kBad);
 }
 
-void WriteReport(Output& out, CKespFile& dataset, const Scan& scan) {
+void WriteReport(Output& out, const CKespFile& dataset, const Scan& scan) {
   const CKespDataFile& file = *dataset.m_pDataFile;
   Report report(out);
   report.Line("File", Printable(file.m_path));

@@ -281,7 +281,8 @@ std::optional<std::uint32_t> NumberSpace::TakeFree() {
   std::uint32_t free = highest + 1;  // 0 after the last one
   // cppcheck-suppress knownConditionTrueFalse
   if (free == 0 && used.size() >= std::numeric_limits<std::uint32_t>::max()) return std::nullopt;
-  for (free = std::max(free, lowest); used.contains(free); ++free) continue;
+  for (free = std::max(free, lowest); used.contains(free); ++free) {
+  }
   if (highest == std::numeric_limits<std::uint32_t>::max()) lowest = free + 1;
   Use(free);
   return free;

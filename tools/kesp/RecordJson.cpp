@@ -261,7 +261,7 @@ void WriteTag(JsonWriter& json, const CKespTag& tag) {
 
 }  // namespace
 
-void WriteMembers(JsonWriter& json, CKespRecord& record) {
+void WriteMembers(JsonWriter& json, const CKespRecord& record) {
   const FieldsWriter fields(json);
   switch (record.m_recordType) {
     case KESP_RECORD_HEADER:
@@ -290,7 +290,7 @@ void WriteMembers(JsonWriter& json, CKespRecord& record) {
   }
 }
 
-void WriteFields(JsonWriter& json, CKespRecord& record) {
+void WriteFields(JsonWriter& json, const CKespRecord& record) {
   json.BeginObject();
   WriteMembers(json, record);
   json.EndObject();

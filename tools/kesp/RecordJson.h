@@ -8,8 +8,8 @@ namespace kesp::tool {
 // One line: the offset of the record, what its header says, and its fields.
 void WriteRecordLine(JsonWriter& json, const RecordWalk& walk);
 // The object of the fields alone; and its members, inside brackets of the caller's.
-void WriteFields(JsonWriter& json, CKespRecord& record);
-void WriteMembers(JsonWriter& json, CKespRecord& record);
+void WriteFields(JsonWriter& json, const CKespRecord& record);
+void WriteMembers(JsonWriter& json, const CKespRecord& record);
 // {"error":1,"message":"Normal EOF"}
 void WriteEnd(JsonWriter& json, KESP_ERROR_TYPE error, const CString& message);
 

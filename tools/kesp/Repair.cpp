@@ -120,7 +120,8 @@ void Report(const RepairOptions& options, const CKespDataFile& source, const Reb
 
 Verdict VerdictOf(CKespDataFile& file) {
   RecordWalk walk(file, DeletedRecords::kPassOver);
-  while (walk.Next() != RecordWalk::Step::kEnd) continue;
+  while (walk.Next() != RecordWalk::Step::kEnd) {
+  }
   return walk.End();
 }
 

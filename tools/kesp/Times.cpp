@@ -54,8 +54,8 @@ std::optional<chrono::sys_days> ReadDate(std::string_view& text) {
 
 // Z, +02:00, -0330 or nothing: how far the clock is ahead of UTC.
 std::optional<chrono::minutes> ReadOffset(std::string_view text) {
-  if (text.empty() || text == "Z" || text == "z") return chrono::minutes{0};
-  const char sign = text.front();
+  const char sign = text.empty() ? 'Z' : text.front();
+  if (text.size() <= 1 && (sign == 'Z' || sign == 'z')) return chrono::minutes{0};
   int hours = 0;
   int minutes = 0;
   if ((sign != '+' && sign != '-') || !ReadNumber(text, sign, 2, hours)) return std::nullopt;
