@@ -1,4 +1,4 @@
-// Tells in which fields two states of one record differ, and what bytes those fields then have.
+// The fields in which two states of one record differ, and the bytes of the later state.
 #pragma once
 #include <cstddef>
 #include <optional>
@@ -17,10 +17,10 @@ struct RecordChanges {
   std::vector<std::byte> body;  // of the later state; empty when no field differs
 };
 
-// In the layout of the record version of `before`. Nothing when `after` is of another class, or when a value in which
-// it differs has no place in that layout: the version lacks the field, a text is too long or has a zero or a character
-// that the field can't hold, a number is too wide or none of the few that are allowed, a tag's block has another
-// length. Flags don't count. Raises std::bad_alloc.
+// In the layout of the record version of `before`. Returns nothing when `after` is of another class, or when a value
+// that differs has no place in that layout: the version lacks the field, a text is too long or has a zero or a
+// character that the field can't hold, a number is too wide or not allowed there, a tag's block has another length.
+// Ignores the flags. Throws std::bad_alloc.
 std::optional<RecordChanges> ChangesOf(const CKespRecord& before, const CKespRecord& after);
 
 }  // namespace kesp

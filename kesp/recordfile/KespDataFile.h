@@ -145,9 +145,9 @@ class KESP_EXPORT CKespDataFile {
   // source flag: 0 for a new file, 2 for an existing one. Skips a CKespBrokenRecord and returns true. Refuses a record
   // whose body has no length, such as one of an unknown version: no reader would get past its header.
   [[nodiscard]] bool AppendRecord(CKespRecord* record, unsigned long sourceFlag);
-  // Appends several as one: each as AppendRecord does, with one sync after the last. True once all are on the disk.
-  // When one can't be written, false, and the file is as long as before. For 10,000 points that takes about a
-  // thousandth of the time of as many single appends. `records` has `count` pointers and stays the caller's.
+  // Appends `count` records as AppendRecord does, but with one sync after the last. Returns true once all are on the
+  // disk. Returns false when one can't be written; the file then is as long as before. 10,000 points take about a
+  // thousandth of the time of 10,000 single appends. The caller keeps the array and the records.
   [[nodiscard]] bool AppendRecords(CKespRecord* const* records, std::size_t count, unsigned long sourceFlag);
   // AppendRecord with the body in record version 1 or 2 and the flags unchanged. The record header still gives the
   // record's own version and length: the caller sets m_recordVersion to match; nothing is converted.
@@ -157,22 +157,21 @@ class KESP_EXPORT CKespDataFile {
   // when the type differs, or when the version there is newer than the record's or is 0 (except for a tag: no other
   // body has version 0). Does not flush or compare lengths: the record must be as long as the one it replaces.
   [[nodiscard]] bool OverwriteRecord(CKespRecord* record, unsigned long sourceFlag);
-  // Writes over the record at before.m_filePosition only those fields in which `after` differs from `before`, each
-  // whole (a text with its zeros), and the flags if they differ; every other byte stays as it is, also where `before`
-  // as read does not show it. Both are in the record version that is in the file. All is written at once, without a
-  // sync.
+  // Changes the record at before.m_filePosition: writes the fields in which `after` differs from `before`, each of them
+  // whole (a text with its zeros), and the flags if they differ. All other bytes stay, also those that a reader
+  // ignores. Both must have the record version that is in the file. Uses one write, and does not sync.
   //
   //   CKespNote changed(note);  // read from this file
   //   changed.NoteText = u"rain";
   //   if (file.AmendRecord(note, changed)) file.Flush();
   //
-  // Returns false and writes nothing when type and version there are not those of both records, and, with EINVAL in
-  // GetSystemError, when a value can't be stored as it is: the version has no such field, a text is too long or has a
-  // zero or, in version 1, a character above U+00FF, a number is too wide or not allowed, a tag's block has another
-  // length. Leaves the file at the record's header.
+  // Returns false and writes nothing when the record there has another type or version, and when a value can't be
+  // stored as it is; GetSystemError then is EINVAL: the version has no such field, a text is too long or has a zero or,
+  // in version 1, a character above U+00FF, a number is too wide or not allowed, a tag's block has another length.
+  // Leaves the file at the record's header.
   [[nodiscard]] bool AmendRecord(const CKespRecord& before, const CKespRecord& after);
-  // Whether all values in which they differ can be stored, for those who change several records or none. Looks at no
-  // file. Raises std::bad_alloc.
+  // Whether AmendRecord can store all values that differ. For callers that change several records or none. Does not use
+  // a file. Throws std::bad_alloc.
   static bool CanAmend(const CKespRecord& before, const CKespRecord& after);
   // OverwriteRecord at `position` with source flag 2. Throws when the seek fails.
   [[nodiscard]] bool CopyRecord(CKespRecord* record, unsigned long position);

@@ -308,8 +308,9 @@ void CommandLine::AddDelete() {
   CLI::App& command =
       Add(m_app, "delete",
           "Mark features or points as deleted\n\n"
-          "A feature loses its points and attributes; its own record stays as it is, without them. A feature whose "
-          "points are all deleted is deleted with them. When one of the numbers can't be found, nothing is deleted.",
+          "A feature is deleted with its points, its attributes and its end. A feature whose points are all deleted is "
+          "deleted with them. Records stay in the file, and undelete takes it back. When one of the numbers can't be "
+          "found, nothing is deleted.",
           kChanging,
           {"delete park.kesp --feature 3 --dry-run", "delete park.kesp --feature 3 4", "delete park.kesp --point 17"});
   AddNumbers(command, m_delete, "Only say what would be deleted");

@@ -1,12 +1,11 @@
-// Which records of a file make up which feature, and where they are: what the sub-commands that change features in
-// place go by.
+// Which records of a file make up which feature, and where they are. The sub-commands that change features in place use
+// it.
 //
 //   const Inventory inventory = TakeInventory(file, DeletedRecords::kPassOver);
 //   if (!inventory.end.IsWhole()) return Refuse(inventory.end, path, json, out);
 //
-// A record belongs to the last feature of its number before it, as in a data set. With deleted records, one that is
-// deleted belongs to the last such feature that may be deleted as well. Records without a feature are
-// left out, but for the numbers of the points.
+// A record belongs to the last feature of its number before it, as in a data set. When deleted records are included, a
+// deleted one may belong to a deleted feature. Records without a feature are left out, except the numbers of points.
 #pragma once
 #include <memory>
 #include <unordered_map>
@@ -21,8 +20,8 @@ struct Inventory {
     std::uint32_t offset = 0;  // of the record header
     std::uint32_t number = 0;  // of a feature or a point
     bool isDeleted = false;
-    // The length in its header is that of its body. Otherwise the walk reads it and does not step over it, or the other
-    // way round: it must not be marked deleted or restored.
+    // The length in its header is that of its body. Otherwise it must not be marked deleted or restored: a reader steps
+    // over a deleted record by that length, and reads others by their layout.
     bool isSteppable = false;
   };
   struct Feature {
@@ -37,7 +36,7 @@ struct Inventory {
     std::size_t point;
   };
 
-  // The feature and the point that own the number, the last ones in the file; null without one.
+  // The last feature or point of that number in the file; null if there is none.
   const Feature* FindFeature(std::uint32_t number) const;
   const PointPlace* FindPoint(std::uint32_t number) const;
   const Feature* FindDeletedFeature(std::uint32_t number) const;
