@@ -1,5 +1,4 @@
 #include <memory>
-#include <optional>
 
 #include "kesp/platform/Exception.h"
 #include "kesp/records/KespFeature.h"
@@ -127,25 +126,5 @@ concept CanBeRead = requires(CKespDataFile& file, Argument argument) {
   file.ReadNextRecord(argument);
 };
 static_assert(CanBeRead<bool> && !CanBeRead<int> && !CanBeRead<unsigned long>);
-
-TEST_F(KespDataFileReading, AsksTheSystemNothingForEachRecord) {
-  constexpr std::uint32_t kRecords = 300'000;
-  ByteVector bytes;
-  for (std::uint32_t i = 0; i < kRecords; ++i) Append(bytes, EndOf(i));
-  Put(bytes);
-  for (const bool ahead : {false, true}) {
-    std::optional<FaultySystem> system;
-    if (!ahead) system.emplace();  // it counts, but for one thread only
-    ASSERT_TRUE(file.OpenReadOnly(Text(path)) && file.SeekToFirstRecord());
-    if (ahead) file.ReadAhead();
-    std::uint32_t count = 0;
-    while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(true)}) {
-      ASSERT_EQ(static_cast<const CKespFeatureEnd&>(*record).FeatureNumber, count++);
-    }
-    EXPECT_EQ(std::tuple(count, file.GetError()), std::tuple(kRecords, KESP_ERROR_NORMAL_EOF));
-    file.Close();
-    EXPECT_LT(system ? system->Calls() : 0, 30);
-  }
-}
 
 }  // namespace

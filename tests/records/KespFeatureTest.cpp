@@ -132,20 +132,6 @@ TEST(Feature, ListsKeepTheirOrderWhereverSomethingIsTakenOut) {
   }
 }
 
-std::string g_order;
-template <class Record, char kLetter>
-struct Logged : Record {
-  ~Logged() override { g_order += kLetter; }
-};
-TEST(Feature, IsTakenApartInTheOrderOfClear) {
-  auto feature = std::make_unique<CKespFeature>();
-  feature->SetFeatureEnd(new Logged<CKespFeatureEnd, 'E'>);
-  feature->AddPoint(new Logged<CKespPoint, 'P'>);
-  feature->AddAttribute(new Logged<CKespAttribute, 'A'>);
-  feature.reset();
-  EXPECT_EQ(g_order, "APE");
-}
-
 TEST(Feature, ComparesTheLayoutOfItsAttributes) {
   CKespFeature a, same, name, kind, more;
   for (CKespFeature* const one : {&a, &same, &more}) one->AddAttribute(Attribute(u"Height", KESP_ATTRIBUTE_NUMERIC));

@@ -11,7 +11,8 @@ namespace {
 
 TEST(DamagedBytes, CostTheRecordsThatTheLayoutSays) {
   std::vector<ByteVector> records = {Sample(3, 2), Sample(1, 2), Record(200, 1, 0, Hex("01 02 03")),
-                                     Sample(5, 2), Sample(5, 3), EndOf(8, 5)};
+                                     Sample(5, 2), Sample(5, 3), Record(9, 2, 0, Hex("05 00*3 00*4")),
+                                     EndOf(8, 5)};
   for (const auto& [type, version] : kEveryClass) records.push_back(Sample(type, version));
   const ByteVector whole = Survey(records);
   MemorySystem system;
@@ -30,10 +31,12 @@ TEST(DamagedBytes, CostTheRecordsThatTheLayoutSays) {
       CKespDataFile damaged;
       ASSERT_EQ(damaged.OpenReadOnly("a"), first.has_value());
       if (!first) continue;
-      const auto readable = ReadFrom(file, kFirst, true).positions;
+      const auto [readable, error, raised] = ReadFrom(file, kFirst, true);
       ASSERT_TRUE(damaged.SeekToFirstRecord());
       EXPECT_EQ(WalkOn(damaged), ReadFrom(file, *first, false));
       EXPECT_TRUE(damaged.CopyVerify("b", 2));
+      EXPECT_EQ(damaged.GetError(), error);
+      EXPECT_EQ(damaged.CanAttemptRepair(), error == 2 || (error >= 4 && error <= 6));
       EXPECT_EQ(copied(), readable.size());
       const bool isWhole = damaged.EndsWhole();
       ASSERT_TRUE(damaged.SeekToFirstRecord());

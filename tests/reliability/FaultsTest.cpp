@@ -131,9 +131,12 @@ const Operation kOperations[] = {
       EXPECT_EQ(walked.error, t.good ? KESP_ERROR_NORMAL_EOF : KESP_ERROR_NONE); }},
     {"copy", kLarge, 'o', [](Trial& t) { t.Say(t.Container().Copy(t.copy)); }},
     {"copy of nothing", kEnds, '-', [](Trial& t) {
-      EXPECT_FALSE(t.Container().Copy(t.copy));
+      EXPECT_FALSE(t.Container().Copy(t.copy) || t.Container().CopyVerify(t.copy, 2));
       t.Say(!fs::exists(t.copy.ToUtf8())); }},
-    {"rebuild", kLarge, 'r', [](Trial& t) { t.Say(t.Container().CopyVerify(t.copy, 2)); }},
+    {"rebuild", kLarge, 'r', [](Trial& t) {
+      const bool good = t.Container().CopyVerify(t.copy, 2);
+      EXPECT_EQ(t.Container().GetError() == KESP_ERROR_NORMAL_EOF, good);
+      t.Say(good); }},
     {"rebuild by path", kLarge, '-', [](Trial& t) { t.Say(t.Container().CopyVerify(t.path, t.copy, 2)); }},
     {"salvage", {EndOf(1), Hex("00*40"), kLargeTag, EndOf(2)}, 'r', [](Trial& t) {
       kesp::SalvageReport report;

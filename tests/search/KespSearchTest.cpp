@@ -7,11 +7,8 @@
 #include "kesp/records/KespAttribute.h"
 #include "kesp/records/KespFeature.h"
 #include "kesp/records/KespPoint.h"
-#include "tests/support/FaultyMemory.h"
 
 namespace {
-
-using kesp::test::FaultyMemory;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr int kAll = 7, kFold = SEARCH_IGNORE_CASE, kPart = SEARCH_PARTIAL_MATCH, kBoth = kFold | kPart;
@@ -151,22 +148,6 @@ TEST(KespSearch, AFeatureNeedsAWantedTypeAndName) {
   EXPECT_EQ(search.m_featureNames, (std::vector<CString>{"TREE IN THE PARK", feature.FeatureName})) << "others go";
   EXPECT_TRUE(search.FeatureNameRemove("TREE IN THE PARK"));
   EXPECT_FALSE(search.FeatureNameRemove("TREE IN THE PARK"));
-}
-
-TEST(KespSearch, CopiesNoText) {
-  const CString text(std::string(600, 'x'));  // so long that a copy would come from the heap
-  for (const int options : {0, kFold, kPart, kBoth}) {
-    CKespFeature feature;
-    AddAttribute(feature, "", 3, ""), AddPoint(feature, "", 0, 0, 0);
-    feature.FeatureName = feature.GetAttribute(0)->AttributeName = feature.GetAttribute(0)->SubValue = text;
-    feature.GetPoint(0)->PointText = text;
-    CKespSearch search(text);
-    search.SetSearchOptions(kAll | options);
-    search.SetAttributeNameFilter(text), search.SetPointNameFilter(text), search.FeatureNameFilterAdd(text);
-    const FaultyMemory none(1);
-    EXPECT_TRUE(search.Validate(&feature)) << options;
-    EXPECT_FALSE(FaultyMemory::Struck()) << options;
-  }
 }
 
 }  // namespace

@@ -50,6 +50,7 @@ TEST_F(Tool, SaysWhatIsWrongAndWhatWasLikelyMeant) {
       {"find @a --nmae=Oak", "there is no option --nmae; did you mean --name?"},
       {"find @a --frobnicate", "there is no option --frobnicate; try kesp help find"},
       {"info", "FILE is required; try kesp help info"},
+      {"dump a b", "The following argument was not expected: b; try kesp help dump"},
       {"repair @a - --json", "--json: the new file itself goes to standard output; try kesp help repair"}};
   for (const auto& [line, complaint] : kCases) EXPECT_EQ(Run(line), (ToolResult{2, "", complaint})) << line;
 }

@@ -115,11 +115,6 @@ TEST_F(Tool, TakesEveryFileNameAndTellsWhatIsWrong) {
     WriteFile(dir / name, kHead + kEnd7);
     EXPECT_EQ(RunTool({"dump", dir / name}).status, 0) << name;
   }
-  for (const char* const line : {"frob", "dump", "dump a b", "info --frob a", "dump /none/x"}) {
-    const ToolResult got = Run(line);
-    EXPECT_EQ(got.status, 2) << line;
-    EXPECT_NE(got.err, "") << line;
-  }
   EXPECT_EQ(Run("info /none/\x1b[1m").err, "/none/\\u001b[1m: No such file or directory") << "can't steer a terminal";
   EXPECT_EQ(Run("info /none/x"), (ToolResult{2, "", "/none/x: No such file or directory"}));
   EXPECT_EQ(Run("dump " KESP_TOOL).out, "{\"end\":{\"error\":9,\"message\":\"Bad KESP Signature\"}}\n");

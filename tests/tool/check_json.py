@@ -35,11 +35,6 @@ CHANGING = {
 }
 
 
-def documents(text):
-    # Lone surrogates are the tool's business; Python's parser keeps them.
-    return [json.loads(line) for line in text.splitlines()]
-
-
 class Checker:
     def __init__(self, tool, schema):
         self.tool = tool
@@ -50,7 +45,8 @@ class Checker:
     def run(self, definition, arguments):
         done = subprocess.run([self.tool, *arguments], capture_output=True, text=True, errors="surrogateescape")
         validator = jsonschema.Draft202012Validator({**self.definitions, "$ref": "#/$defs/" + definition})
-        lines = documents(done.stdout)
+        # Lone surrogates are the tool's business; Python's parser keeps them.
+        lines = [json.loads(line) for line in done.stdout.splitlines()]
         if not lines:
             self.fail(arguments, "no document; " + done.stderr)
         for document in lines:
