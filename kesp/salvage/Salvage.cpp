@@ -385,7 +385,8 @@ class Salvager {
   // Returns the start of the next certain record at or after `offset`; the end of the file if there is none.
   std::uint64_t Find(std::uint64_t offset) { return FindBefore(m_length, offset); }
   // The same; returns `limit` when none begins before it.
-  std::uint64_t FindBefore(std::uint64_t limit, std::uint64_t offset) {
+  std::uint64_t FindBefore(std::uint64_t limit, std::uint64_t from) {
+    std::uint64_t offset = from;
     while (offset < limit && Fits(offset, kRecordHeaderSize)) {
       const std::span<const std::byte> bytes = Window(offset, limit - offset + kRecordHeaderSize - 1);
       if (bytes.size() < kRecordHeaderSize) break;

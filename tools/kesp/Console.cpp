@@ -58,7 +58,7 @@ std::string Counted(std::uint64_t count, std::string_view what) {
 }
 
 bool HasColours() {
-  const char* const no = std::getenv("NO_COLOR");
+  const char* const no = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): nothing here sets one
   return (no == nullptr || *no == 0) && ::isatty(STDOUT_FILENO) != 0;
 }
 
