@@ -90,7 +90,7 @@ void WriteJson(Output& out, const RepairOptions& options, const CKespDataFile& s
     json.BeginObject();
     count("offset", gap.offset);
     count("length", gap.length);
-    json.Key("reason").Text(std::string_view(ReasonOf(source, gap)));
+    json.Key("reason").Text(ReasonOf(source, gap));
     json.EndObject();
   }
   json.EndArray();

@@ -140,7 +140,8 @@ void CompareHeader(Scan& scan, const CBoundingBox& extent) {
 void AddRemarks(Scan& scan) {
   std::uint64_t old = 0;
   for (const auto& [kind, tally] : scan.records) {
-    const bool hasOlder = kind.first != KESP_RECORD_FEATURE_END && TypeName(KESP_RECORD_TYPE(kind.first)) != nullptr;
+    const bool hasOlder =
+        kind.first != KESP_RECORD_FEATURE_END && TypeName(static_cast<KESP_RECORD_TYPE>(kind.first)) != nullptr;
     if (hasOlder && kind.second == 1) old += tally.count;
   }
   if (old != 0) {

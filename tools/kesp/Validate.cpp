@@ -19,7 +19,7 @@ void WriteFindings(JsonWriter& json, const Scan& scan, bool remarks) {
     json.Key("numbers").BeginArray();
     for (const std::uint32_t number : finding.numbers) json.Number(std::int64_t{number});
     json.EndArray();
-    json.Key("message").Text(std::string_view(finding.text));
+    json.Key("message").Text(finding.text);
     json.EndObject();
   }
   json.EndArray();
