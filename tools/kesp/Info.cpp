@@ -243,12 +243,7 @@ ExitStatus InfoOfMany(const InfoOptions& options, Output& out) {
   Table table;
   for (const std::string& path : options.paths) {
     CKespDataFile file;
-    Scan scan;
-    if (const auto refused = OpenForReading(file, path)) {
-      scan.end = *refused;
-    } else {
-      scan = ScanFile(file);
-    }
+    const Scan scan = OpenAndScan(file, path);
     table.Add(path, file, scan);
     if (!scan.end.IsWhole()) Complain(path, scan.end.Describe());
     status = std::max(status, scan.end.Status());

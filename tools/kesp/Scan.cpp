@@ -4,7 +4,7 @@
 #include <limits>
 #include <unordered_map>
 
-#include "tools/kesp/Console.h"
+#include "tools/kesp/Opening.h"
 #include "tools/kesp/Progress.h"
 
 namespace kesp::tool {
@@ -203,6 +203,14 @@ Scan ScanFile(CKespDataFile& file) {
   scan.findings = assembly.Findings();
   CompareHeader(scan, ofFeatures.extent);
   AddRemarks(scan);
+  return scan;
+}
+
+Scan OpenAndScan(CKespDataFile& file, const std::string& path) {
+  const auto refused = OpenForReading(file, path);
+  if (!refused) return ScanFile(file);
+  Scan scan;
+  scan.end = *refused;
   return scan;
 }
 

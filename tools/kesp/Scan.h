@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -61,5 +62,7 @@ struct Scan {
 };
 
 Scan ScanFile(CKespDataFile& file);
+// Opens the file read-only first. Where that fails, `end` says why and the rest is empty.
+Scan OpenAndScan(CKespDataFile& file, const std::string& path);
 
 }  // namespace kesp::tool

@@ -64,12 +64,7 @@ void WriteText(Output& out, const std::string& path, const Scan& scan) {
 
 ExitStatus ValidateOne(const ValidateOptions& options, const std::string& path, Output& out) {
   CKespDataFile file;
-  Scan scan;
-  if (const auto refused = OpenForReading(file, path)) {
-    scan.end = *refused;
-  } else {
-    scan = ScanFile(file);
-  }
+  const Scan scan = OpenAndScan(file, path);
   if (options.json) {
     WriteJson(out, CString::FromPathBytes(path), scan);
   } else if (!options.quiet) {
