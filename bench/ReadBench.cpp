@@ -1,5 +1,5 @@
-// What does it cost to make every record of a file into an object, compared with reading the bytes alone? And is the
-// cost per record the same in a short file and in a long one?
+// What does it cost to see every record of a file, as an object or as a view, compared with reading the bytes alone?
+// And is the cost per record the same in a short file and in a long one?
 //
 // The files are in the page cache, so nothing waits for a device. The clock is the processor time.
 #include <benchmark/benchmark.h>
@@ -12,6 +12,8 @@
 
 #include "bench/Measure.h"
 #include "bench/Survey.h"
+#include "kesp/format/RecordView.h"
+#include "kesp/memory/AlignedBytes.h"
 
 namespace {
 
@@ -22,23 +24,37 @@ using bench::kRecordsEach;
 using bench::Walk;
 
 void ReadPlain(const std::string& path) {
-  static std::vector<char> block(kBlock);
+  static kesp::AlignedBytes block(kBlock);
   const int fd = ::open(path.c_str(), O_RDONLY);
   if (fd < 0) throw std::runtime_error("can't open " + path);
-  while (::read(fd, block.data(), block.size()) > 0) benchmark::ClobberMemory();
+  while (::read(fd, block.Data(), kBlock) > 0) benchmark::ClobberMemory();
   ::close(fd);
 }
 
+// Looks at the header of each record.
+void WalkOverViews(const std::string& path, long features) {
+  CKespDataFile file;
+  if (!file.OpenReadOnly(CString(path)) || !file.SeekToFirstRecord()) throw std::runtime_error("can't open " + path);
+  long records = 0;
+  std::uint32_t types = 0;
+  for (kesp::RecordView record; file.ReadNextView(record, true); ++records) types += record.Type();
+  benchmark::DoNotOptimize(types);
+  if (file.GetError() != KESP_ERROR_NORMAL_EOF || records != features * kRecordsEach + 1) {
+    throw std::runtime_error("the walk over " + path + " went wrong");
+  }
+}
+
 // "times_plain": the time of the walk divided by that of the plain read. Each iteration runs both once.
-void WalkAgainstPlainRead(benchmark::State& state) {
+template <class WalkOver>
+void AgainstPlainRead(benchmark::State& state, WalkOver walkOver) {
   const long features = state.range(0) * 1000 * 1000 / kBytesEach;
   const std::string& path = FileOf(features);
-  Walk(path, features);
+  walkOver(path, features);
   ReadPlain(path);
   std::vector<double> ratios;
   for (auto _ : state) {
     const double plain = bench::CpuSeconds([&] { ReadPlain(path); });
-    const double walk = bench::CpuSeconds([&] { Walk(path, features); });
+    const double walk = bench::CpuSeconds([&] { walkOver(path, features); });
     ratios.push_back(walk / plain);
     state.SetIterationTime(walk);
   }
@@ -46,7 +62,15 @@ void WalkAgainstPlainRead(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * features * kBytesEach);
   state.SetItemsProcessed(state.iterations() * features * kRecordsEach);
 }
-BENCHMARK(WalkAgainstPlainRead)
+void ObjectsAgainstPlainRead(benchmark::State& state) { AgainstPlainRead(state, Walk); }
+void ViewsAgainstPlainRead(benchmark::State& state) { AgainstPlainRead(state, WalkOverViews); }
+BENCHMARK(ObjectsAgainstPlainRead)
+    ->ArgName("MB")
+    ->Arg(200)
+    ->Iterations(15)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(ViewsAgainstPlainRead)
     ->ArgName("MB")
     ->Arg(200)
     ->Iterations(15)

@@ -16,22 +16,22 @@ namespace kesp {
 
 // Feature
 
-constexpr auto kFeatureEndOfBody = [](auto& v, auto& f) {
+inline constexpr auto kFeatureEndOfBody = [](auto& v, auto& f) {
   v.Choice16(f.FeatureType, 1, 3);
   v.U32(f.Color);
   v.U16(f.SymbolIndex);
 };
-constexpr auto kFeatureVersion1 = [](auto& v, auto& f) {
+inline constexpr auto kFeatureVersion1 = [](auto& v, auto& f) {
   v.U32(f.FeatureNumber);          // 0
   v.Text8(f.FeatureName, 22, 20);  // 4
   kFeatureEndOfBody(v, f);         // 26
 };
-constexpr auto kFeatureVersion2 = [](auto& v, auto& f) {
+inline constexpr auto kFeatureVersion2 = [](auto& v, auto& f) {
   v.U32(f.FeatureNumber);       // 0
   v.Text16(f.FeatureName, 21);  // 4
   kFeatureEndOfBody(v, f);      // 46
 };
-constexpr auto kFeatureVersion3 = [](auto& v, auto& f) {
+inline constexpr auto kFeatureVersion3 = [](auto& v, auto& f) {
   v.U32(f.FeatureNumber);        // 0
   v.Text16(f.FeatureName, 256);  // 4
   kFeatureEndOfBody(v, f);       // 516
@@ -39,7 +39,7 @@ constexpr auto kFeatureVersion3 = [](auto& v, auto& f) {
 
 // Point
 
-constexpr auto kPointPosition = [](auto& v, auto& p) {
+inline constexpr auto kPointPosition = [](auto& v, auto& p) {
   v.U32(p.PointTime);
   v.F64(p.CoordY);
   v.F64(p.CoordX);
@@ -47,13 +47,13 @@ constexpr auto kPointPosition = [](auto& v, auto& p) {
   v.F64(p.GpsValue);
   v.U16(p.SignalStatus);
 };
-constexpr auto kPointVersion1 = [](auto& v, auto& p) {
+inline constexpr auto kPointVersion1 = [](auto& v, auto& p) {
   v.U32(p.FeatureNumber);        // 0
   v.U32(p.PointNumber);          // 4
   v.Text8(p.PointText, 22, 20);  // 8
   kPointPosition(v, p);          // 30
 };
-constexpr auto kPointVersion2 = [](auto& v, auto& p) {
+inline constexpr auto kPointVersion2 = [](auto& v, auto& p) {
   v.U32(p.FeatureNumber);     // 0
   v.U32(p.PointNumber);       // 4
   v.Text16(p.PointText, 21);  // 8
@@ -66,7 +66,7 @@ constexpr auto kPointVersion2 = [](auto& v, auto& p) {
 
 // Header
 
-constexpr auto kHeaderTextsOfVersion1 = [](auto& v, auto& h) {
+inline constexpr auto kHeaderTextsOfVersion1 = [](auto& v, auto& h) {
   v.Text8(h.HeaderText1, 21);   // 10
   v.Text8(h.HeaderText2, 256);  // 31
   v.Text8(h.HeaderText3, 256);  // 287
@@ -76,17 +76,17 @@ constexpr auto kHeaderTextsOfVersion1 = [](auto& v, auto& h) {
 };
 // Reading and writing differ: the reader takes fields from the first ten bytes, the writer leaves them zero. So the
 // time of an old file can be read, while a new file claims none.
-constexpr auto kHeaderVersion1 = [](auto& v, auto& h) {
+inline constexpr auto kHeaderVersion1 = [](auto& v, auto& h) {
   v.Skip(4);              // 0
   v.U32(h.CreationTime);  // 4
   v.U16(h.HeaderShort);   // 8
   kHeaderTextsOfVersion1(v, h);
 };
-constexpr auto kHeaderVersion1AsWritten = [](auto& v, auto& h) {
+inline constexpr auto kHeaderVersion1AsWritten = [](auto& v, auto& h) {
   v.Skip(10);
   kHeaderTextsOfVersion1(v, h);
 };
-constexpr auto kHeaderVersion2 = [](auto& v, auto& h) {
+inline constexpr auto kHeaderVersion2 = [](auto& v, auto& h) {
   v.U32(h.StatusFlags);           // 0
   v.U32(h.CreationTime);          // 4
   v.U16(h.HeaderShort);           // 8
@@ -124,11 +124,11 @@ constexpr auto kHeaderVersion2 = [](auto& v, auto& h) {
 
 // Feature end
 
-constexpr auto kFeatureEndBody = [](auto& v, auto& end) { v.U32(end.FeatureNumber); };
+inline constexpr auto kFeatureEndBody = [](auto& v, auto& end) { v.U32(end.FeatureNumber); };
 
 // Attribute
 
-constexpr auto kAttributeVersion1 = [](auto& v, auto& a) {
+inline constexpr auto kAttributeVersion1 = [](auto& v, auto& a) {
   v.U32(a.FeatureNumber);             // 0
   v.Text8(a.AttributeName, 22, 20);   // 4
   v.Choice16(a.AttributeKind, 1, 5);  // 26
@@ -140,7 +140,7 @@ constexpr auto kAttributeVersion1 = [](auto& v, auto& a) {
   v.U16(a.Decimals);                  // 114
   v.Text8(a.AuxText, 22, 20);         // 116
 };
-constexpr auto kAttributeVersion2 = [](auto& v, auto& a) {
+inline constexpr auto kAttributeVersion2 = [](auto& v, auto& a) {
   v.U32(a.FeatureNumber);             // 0
   v.Text16(a.AttributeName, 21);      // 4
   v.Choice16(a.AttributeKind, 1, 5);  // 46
@@ -152,7 +152,7 @@ constexpr auto kAttributeVersion2 = [](auto& v, auto& a) {
   v.U16(a.Decimals);                  // 196
   v.Text16(a.AuxText, 21);            // 198
 };
-constexpr auto kAttributeVersion3 = [](auto& v, auto& a) {
+inline constexpr auto kAttributeVersion3 = [](auto& v, auto& a) {
   v.U32(a.FeatureNumber);             // 0
   v.Text16(a.AttributeName, 256);     // 4
   v.Choice16(a.AttributeKind, 1, 5);  // 516
@@ -169,17 +169,17 @@ constexpr auto kAttributeVersion3 = [](auto& v, auto& a) {
 
 // Note
 
-constexpr auto kNoteVersion1 = [](auto& v, auto& note) { v.Text8(note.NoteText, 256); };
-constexpr auto kNoteVersion2 = [](auto& v, auto& note) { v.Text16(note.NoteText, 256); };
+inline constexpr auto kNoteVersion1 = [](auto& v, auto& note) { v.Text8(note.NoteText, 256); };
+inline constexpr auto kNoteVersion2 = [](auto& v, auto& note) { v.Text16(note.NoteText, 256); };
 
 // Version n is at index n - 1.
-constexpr std::tuple kFeatureBodies{kFeatureVersion1, kFeatureVersion2, kFeatureVersion3};
-constexpr std::tuple kPointBodies{kPointVersion1, kPointVersion2};
-constexpr std::tuple kHeaderBodies{kHeaderVersion1, kHeaderVersion2};
-constexpr std::tuple kHeaderBodiesAsWritten{kHeaderVersion1AsWritten, kHeaderVersion2};
-constexpr std::tuple kFeatureEndBodies{kFeatureEndBody};
-constexpr std::tuple kAttributeBodies{kAttributeVersion1, kAttributeVersion2, kAttributeVersion3};
-constexpr std::tuple kNoteBodies{kNoteVersion1, kNoteVersion2};
+inline constexpr std::tuple kFeatureBodies{kFeatureVersion1, kFeatureVersion2, kFeatureVersion3};
+inline constexpr std::tuple kPointBodies{kPointVersion1, kPointVersion2};
+inline constexpr std::tuple kHeaderBodies{kHeaderVersion1, kHeaderVersion2};
+inline constexpr std::tuple kHeaderBodiesAsWritten{kHeaderVersion1AsWritten, kHeaderVersion2};
+inline constexpr std::tuple kFeatureEndBodies{kFeatureEndBody};
+inline constexpr std::tuple kAttributeBodies{kAttributeVersion1, kAttributeVersion2, kAttributeVersion3};
+inline constexpr std::tuple kNoteBodies{kNoteVersion1, kNoteVersion2};
 
 // Calls `use` with the description of a version and returns true; returns false without a call when there is no such
 // version.

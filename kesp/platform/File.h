@@ -110,7 +110,13 @@ class KESP_EXPORT CFile {
     const bool there = offset <= m_bufferSize && count <= m_bufferSize - offset && m_gathered.empty();
     return there ? m_data + offset : nullptr;
   }
-  void Skip(std::size_t count) noexcept { m_position += count; }
+  // All bytes from the position on that the buffer holds; may be none.
+  std::span<const std::byte> Buffered() const noexcept {
+    const std::uint64_t offset = m_position - m_bufferStart;
+    if (offset >= m_bufferSize || !m_gathered.empty()) return {};
+    return {m_data + offset, m_bufferSize - static_cast<std::size_t>(offset)};
+  }
+  void Skip(std::uint64_t count) noexcept { m_position += count; }
   // Drops the buffer of a file that is open read-only, since another process may have written to it; the next read goes
   // to the system. Does nothing on a file that is open for writing.
   void ReadAgain();

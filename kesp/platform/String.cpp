@@ -7,6 +7,7 @@
 
 #include "kesp/memory/ObjectPool.h"
 #include "kesp/platform/Exception.h"
+#include "kesp/platform/Utf8.h"
 
 namespace {
 
@@ -66,27 +67,6 @@ std::size_t DecodeUtf8(std::string_view text, std::size_t at, bool surrogatesPas
   return tooLong ? 0 : count;
 }
 
-// Writes the code point as up to four bytes and returns the place after them.
-char* PutUtf8(char* out, std::uint32_t code) {
-  const auto put = [&out](std::uint32_t byte) { *out++ = static_cast<char>(static_cast<unsigned char>(byte)); };
-  if (code < 0x80) {
-    put(code);
-  } else if (code < 0x800) {
-    put(0xC0 | code >> 6);
-    put(0x80 | (code & 0x3F));
-  } else if (code < 0x10000) {
-    put(0xE0 | code >> 12);
-    put(0x80 | (code >> 6 & 0x3F));
-    put(0x80 | (code & 0x3F));
-  } else {
-    put(0xF0 | code >> 18);
-    put(0x80 | (code >> 12 & 0x3F));
-    put(0x80 | (code >> 6 & 0x3F));
-    put(0x80 | (code & 0x3F));
-  }
-  return out;
-}
-
 // Whether the next four units are all below 0x80.
 bool IsPlain(const char16_t* units) {
   std::uint64_t four = 0;
@@ -113,7 +93,7 @@ std::string EncodeUtf8(std::u16string_view text, bool strayBytes) {
     if (strayBytes && code >= 0xDC80 && code <= 0xDCFF) {
       *at++ = static_cast<char>(static_cast<unsigned char>(code & 0xFF));
     } else {
-      at = PutUtf8(at, code);
+      at = kesp::PutUtf8(at, code);
     }
     if (at > piece.data() + kPiece - 4) {
       if (out.empty()) out.reserve(text.size());

@@ -53,6 +53,8 @@
 #include "kesp/records/KespRecord.h"
 
 namespace kesp {
+class ColumnReader;
+class RecordView;
 class StoreReader;
 struct RecordHeader;
 }  // namespace kesp
@@ -126,6 +128,11 @@ class KESP_EXPORT CKespDataFile {
   [[nodiscard]] CKespRecord* ReadNextRecord(unsigned long& position, bool skipDeleted);
   [[nodiscard]] CKespRecord* ReadNextRecord(std::uint32_t& position, bool skipDeleted);
   [[nodiscard]] CKespRecord* ReadNextRecord(bool skipDeleted);
+  // The same walk without objects: the next record as a view of the read buffer (see kesp/format/RecordView.h), valid
+  // until the next operation. Returns the same records in the same order, and ends where ReadNextRecord ends with the
+  // same m_error; false where that returns null. `view` is then unchanged, but for its position. Throws where that
+  // does.
+  [[nodiscard]] bool ReadNextView(kesp::RecordView& view, bool skipDeleted);
   // A lone position would convert to true.
   template <std::integral Number>
   requires(!std::same_as<Number, bool>) CKespRecord* ReadNextRecord(Number) = delete;
@@ -217,6 +224,7 @@ class KESP_EXPORT CKespDataFile {
 
  private:
   friend class CKespFile;
+  friend class kesp::ColumnReader;
   friend class kesp::StoreReader;
   enum class Update { kDone, kNotFound, kFailed };
   class PendingAppend;
@@ -230,6 +238,12 @@ class KESP_EXPORT CKespDataFile {
   // ReadNextRecord with a 64-bit position.
   CKespRecord* ReadNext(std::uint64_t& position, bool skipDeleted);
   [[gnu::noinline]] CKespRecord* ReadAnyRecord(std::uint64_t& position, bool skipDeleted);
+  bool ReadHeaderOfNext(std::uint64_t& position, kesp::RecordHeader& header, bool skipDeleted);
+  std::span<const std::byte> ViewPlainPoints(std::size_t most);
+  bool ViewBuffered(kesp::RecordView& view);
+  [[gnu::noinline]] bool ViewAnyRecord(kesp::RecordView& view, bool skipDeleted);
+  bool ViewBodyOf(kesp::RecordView& view);
+  bool ViewBlockOf(kesp::RecordView& view);
   CKespRecord* ReadBodyOf(std::unique_ptr<CKespRecord> record);
   bool Rebuild(const CString& destination, unsigned short kespVersion);
   using Records = std::span<CKespRecord* const>;

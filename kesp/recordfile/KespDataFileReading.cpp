@@ -166,43 +166,45 @@ CKespRecord* CKespDataFile::ReadNext(std::uint64_t& position, bool skipDeleted) 
   }
 }
 
+// Goes to the body of the next record that a walk returns, and fills `header`. `position` becomes the offset of the
+// last record header read. False at the end and at damage, with m_error. Throws what the file object throws.
+bool CKespDataFile::ReadHeaderOfNext(std::uint64_t& position, kesp::RecordHeader& header, bool skipDeleted) {
+  for (;;) {
+    position = m_file.GetPosition();
+    header = {};
+    // When the system fails to read a header, the walk ends without a code.
+    if (!ReadHeader(header)) return false;
+    const kesp::RecordKind& kind = kesp::KindOfRecord(header.type);
+    // Before the type is checked: a deleted record of any type is skipped.
+    const bool isPassedOver =
+        ((header.flags & KESP_FLAG_DELETED) != 0 && skipDeleted) || kind.use == kesp::RecordUse::kPassedOver;
+    if (isPassedOver) {
+      m_file.Seek(header.length, CFile::current);
+      continue;
+    }
+    if (kind.use == kesp::RecordUse::kRefused) {
+      m_error = header.type == KESP_RECORD_NONE ? KESP_ERROR_RECORD_TYPE : KESP_ERROR_UNICODE;
+    } else if (header.version > kind.newest) {
+      m_error = KESP_ERROR_VERSION;
+    }
+    return m_error == KESP_ERROR_NONE;
+  }
+}
+
 CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDeleted) {
   std::unique_ptr<CKespRecord> record;
   try {
-    while (!record && m_error == KESP_ERROR_NONE) {
-      position = m_file.GetPosition();
-      // When the system fails to read a header, the walk ends without a code.
-      kesp::RecordHeader header;
-      if (!ReadHeader(header)) return nullptr;
-
-      // Before the type is checked: a deleted record of any type is skipped.
-      if ((header.flags & KESP_FLAG_DELETED) != 0 && skipDeleted) {
-        m_file.Seek(header.length, CFile::current);
-        continue;
-      }
-      const auto type = static_cast<KESP_RECORD_TYPE>(header.type);
-      if (type == KESP_RECORD_NONE) {
-        m_error = KESP_ERROR_RECORD_TYPE;
-      } else if (kesp::KindOfRecord(type).use == kesp::RecordUse::kRefused) {
-        m_error = KESP_ERROR_UNICODE;
-      } else {
-        record = MakeRecord(type);
-        if (!record) m_file.Seek(header.length, CFile::current);
-      }
-      if (record && header.version > record->m_recordVersion) {
-        m_error = KESP_ERROR_VERSION;
-      } else if (record) {
-        record->m_recordType = type;
-        record->m_recordVersion = header.version;
-        record->SetSourceFlag(header.flags);
-        record->m_filePosition = static_cast<std::uint32_t>(position);
-      }
-    }
+    kesp::RecordHeader header;
+    if (!ReadHeaderOfNext(position, header, skipDeleted)) return nullptr;
+    record = MakeRecord(static_cast<KESP_RECORD_TYPE>(header.type));
+    record->m_recordVersion = header.version;
+    record->SetSourceFlag(header.flags);
+    record->m_filePosition = static_cast<std::uint32_t>(position);
   } catch (const CFileException& e) {
     NoteFailure(e);
     return nullptr;
   }
-  return m_error == KESP_ERROR_NONE ? ReadBodyOf(std::move(record)) : nullptr;
+  return ReadBodyOf(std::move(record));
 }
 
 // A version-1 feature body that is cut short throws to the caller.

@@ -80,8 +80,12 @@ unsigned long CKespRecord::RestoreHistoricalFlags(unsigned long flags) const noe
 }
 
 unsigned long CKespRecord::FilterSourceFlagsForZelk(unsigned long flags) const noexcept {
+  return kesp::CanonicalFlags(Low32(flags));
+}
+
+std::uint32_t kesp::CanonicalFlags(std::uint32_t stored) noexcept {
   constexpr std::uint32_t kChanged = KESP_SRC_MODIFIED | KESP_SRC_CHANGE_A | KESP_SRC_CHANGE_B | KESP_SRC_CHANGE_AB;
-  std::uint32_t v = Low32(flags);
+  std::uint32_t v = stored;
   if (v == 0 || v == 0xFFFFFFFF) return v;
   if (v <= KESP_SRC_CHANGE_AB && std::has_single_bit(v)) return v;
 

@@ -123,3 +123,10 @@ class KESP_EXPORT CKespRecord {
  private:
   void ApplySourceFlag(unsigned long flag) noexcept;
 };
+
+namespace kesp {
+
+// The flags that a record has after it was read: the canonical form of the flag word in its record header.
+KESP_EXPORT std::uint32_t CanonicalFlags(std::uint32_t stored) noexcept;
+
+}  // namespace kesp

@@ -1,0 +1,162 @@
+// The walk that returns views of records instead of objects.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include "kesp/format/RecordKinds.h"
+#include "kesp/format/RecordView.h"
+#include "kesp/recordfile/KespDataFile.h"
+#include "kesp/recordfile/RecordHeader.h"
+
+namespace {
+
+constexpr std::uint16_t kNewestPoint = kesp::NewestOf(kesp::kPointBodies);
+constexpr std::size_t kPlainPointBody = kesp::BodyLengthOf(KESP_RECORD_POINT, kNewestPoint);
+constexpr std::size_t kPlainPoint = kesp::kRecordHeaderSize + kPlainPointBody;
+
+// Whether the bytes are the header of a point of the newest version without flags, with the length of its layout.
+bool IsPlainPoint(const std::byte* bytes) noexcept {
+  static const std::array<std::byte, kesp::kRecordHeaderSize> kHeader =
+      kesp::EncodeRecordHeader({KESP_RECORD_POINT, kNewestPoint, 0, kPlainPointBody});
+  return std::memcmp(bytes, kHeader.data(), kHeader.size()) == 0;
+}
+
+// Whether a reader accepts the choices in a body. Unknown kinds of attribute are repaired, but not in version 1.
+KESP_ERROR_TYPE ErrorOf(const kesp::RecordView& view) noexcept {
+  if (view.Type() == KESP_RECORD_FEATURE) {
+    const KESP_FEATURE_TYPE type = view.AsFeature().FeatureType();
+    if (type < KESP_FEATURE_POINT || type > KESP_FEATURE_AREA) return KESP_ERROR_BAD_RECORD;
+  } else if (view.Type() == KESP_RECORD_ATTRIBUTE && view.Version() == 1) {
+    const std::uint16_t kind = view.AsAttribute().StoredKind();
+    if (kind < KESP_ATTRIBUTE_STRING || kind > KESP_ATTRIBUTE_OTHER) return KESP_ERROR_ATTRIBUTE_TYPE;
+  }
+  return KESP_ERROR_NONE;
+}
+
+}  // namespace
+
+// Takes as many plain points as lie in the buffer one after another, at most `most`. Returns their bytes, record
+// headers included; none if the next record is something else or not all of it is in the buffer.
+std::span<const std::byte> CKespDataFile::ViewPlainPoints(std::size_t most) {
+  // Positions that don't wrap at 32 bits, and bodies that don't go past the limit, need no test for each record.
+  const std::uint64_t end = std::min(m_file.KnownLength(), m_lengthLimit);
+  if (end > std::numeric_limits<std::uint32_t>::max() || m_file.GetPosition() > end) return {};
+  std::span<const std::byte> bytes = m_file.Buffered();
+  bytes = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), end - m_file.GetPosition())));
+  const std::size_t room = std::min(most, bytes.size() / kPlainPoint);
+  std::size_t count = 0;
+  while (count < room && IsPlainPoint(bytes.data() + count * kPlainPoint)) ++count;
+  m_file.Skip(count * kPlainPoint);
+  return bytes.first(count * kPlainPoint);
+}
+
+// A fast path for records without flags that have the length of their layout and lie in the buffer. Returns false and
+// consumes nothing for all others.
+bool CKespDataFile::ViewBuffered(kesp::RecordView& view) {
+  const std::span<const std::byte> bytes = m_file.Buffered();
+  if (bytes.size() < kesp::kRecordHeaderSize) return false;
+  kesp::RecordHeader header;
+  kesp::UncheckedFieldReader reader(bytes);
+  kesp::DescribeRecordHeader(reader, header);
+  const std::size_t length = kesp::BodyLengthOf(header.type, header.version);
+  if (length == 0 || header.length != length || header.flags != 0 || bytes.size() - kesp::kRecordHeaderSize < length) {
+    return false;
+  }
+  // Compared in 32 bits, as in ReadHeader.
+  const std::uint64_t start = m_file.GetPosition();
+  const auto end = static_cast<std::uint32_t>(start + kesp::kRecordHeaderSize + length);
+  if (end > LimitedLength(m_file.KnownLength())) return false;
+  kesp::RecordView next;
+  next.m_type = static_cast<KESP_RECORD_TYPE>(header.type);
+  next.m_version = header.version;
+  next.m_statedLength = header.length;
+  next.m_position = start;
+  next.m_body = bytes.subspan(kesp::kRecordHeaderSize, length);
+  if (ErrorOf(next) != KESP_ERROR_NONE) return false;
+  view = next;
+  m_file.Skip(kesp::kRecordHeaderSize + length);
+  return true;
+}
+
+bool CKespDataFile::ReadNextView(kesp::RecordView& view, bool skipDeleted) {
+  m_error = KESP_ERROR_NONE;
+  m_ranOutOfMemory = false;
+  if (!IsOpen()) return false;
+  try {
+    return ViewBuffered(view) || ViewAnyRecord(view, skipDeleted);
+  } catch (const std::bad_alloc&) {
+    m_error = KESP_ERROR_NONE;
+    m_ranOutOfMemory = true;
+    NoteError(ENOMEM);
+    return false;
+  }
+}
+
+bool CKespDataFile::ViewAnyRecord(kesp::RecordView& view, bool skipDeleted) {
+  kesp::RecordHeader header;
+  try {
+    if (!ReadHeaderOfNext(view.m_position, header, skipDeleted)) return false;
+  } catch (const CFileException& e) {
+    NoteFailure(e);
+    return false;
+  }
+  kesp::RecordView next;
+  next.m_type = static_cast<KESP_RECORD_TYPE>(header.type);
+  next.m_version = header.version;
+  next.m_storedFlags = header.flags;
+  next.m_statedLength = header.length;
+  next.m_position = view.m_position;
+  try {
+    if (!ViewBodyOf(next)) return false;
+  } catch (const CFileException& e) {
+    // As when the object is read: hosts recognise the end of an old file by this exception.
+    if (next.Type() == KESP_RECORD_FEATURE && next.Version() == 1) throw;
+    NoteFailure(e);
+    return false;
+  }
+  view = next;
+  return true;
+}
+
+bool CKespDataFile::ViewBodyOf(kesp::RecordView& view) {
+  if (view.Type() == KESP_RECORD_TAG) return ViewBlockOf(view);
+  const bool hasOneLayout = view.Type() == KESP_RECORD_FEATURE_END;
+  const std::size_t length = kesp::BodyLengthOf(view.Type(), hasOneLayout ? 1 : view.Version());
+  // There is no version 0. Only attributes accept it, as an empty one.
+  if (length == 0) return view.Type() == KESP_RECORD_ATTRIBUTE;
+  view.m_body = m_file.ReadView(length);
+  if (view.m_body.size() < length) {
+    if (view.Type() == KESP_RECORD_FEATURE && view.Version() == 1) {
+      throw CFileException(CFileException::endOfFile, m_file.GetFilePath());
+    }
+    const bool isNewestHeader = view.Type() == KESP_RECORD_HEADER && view.Version() != 1;
+    m_error = isNewestHeader ? KESP_ERROR_APP_HEADER : KESP_ERROR_EOF;
+    return false;
+  }
+  m_error = ErrorOf(view);
+  return m_error == KESP_ERROR_NONE;
+}
+
+// A tag's block has the length that the block's own length states.
+bool CKespDataFile::ViewBlockOf(kesp::RecordView& view) {
+  const std::uint64_t start = m_file.GetPosition();
+  view.m_body = m_file.ReadView(kesp::kTagFixedPart);
+  if (view.m_body.size() == kesp::kTagFixedPart) {
+    const std::uint64_t length = kesp::kTagFixedPart + std::uint64_t{view.AsTag().BlockLength()};
+    const std::size_t held =
+        static_cast<std::size_t>(std::min<std::uint64_t>(length, kesp::kTagFixedPart + kesp::TagView::kMostBlock));
+    if (held == kesp::kTagFixedPart) return true;
+    if (m_file.ReachesTo(start + length)) {
+      m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+      view.m_body = m_file.ReadView(held);
+      m_file.Skip(length - held);
+      if (view.m_body.size() == held) return true;
+    }
+  }
+  m_error = KESP_ERROR_EOF;
+  m_file.SeekToEnd();
+  return false;
+}
