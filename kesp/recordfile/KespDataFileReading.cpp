@@ -7,6 +7,7 @@
 #include "kesp/format/RecordKinds.h"
 #include "kesp/platform/BlockReader.h"
 #include "kesp/recordfile/KespDataFile.h"
+#include "kesp/recordfile/PlainPoints.h"
 #include "kesp/recordfile/RecordHeader.h"
 #include "kesp/records/KespAttribute.h"
 #include "kesp/records/KespFeature.h"
@@ -17,9 +18,6 @@
 #include "kesp/records/KespTavoHeader.h"
 
 namespace {
-
-constexpr std::uint16_t kNewestPoint = kesp::NewestOf(kesp::kPointBodies);
-constexpr std::size_t kPlainPointLength = kesp::BodyLengthOf(KESP_RECORD_POINT, kNewestPoint);
 
 std::unique_ptr<CKespRecord> MakeRecord(KESP_RECORD_TYPE type) {
   switch (type) {
@@ -57,23 +55,16 @@ StoreAtEnd(To&, const From&) -> StoreAtEnd<To, From>;
 // A fast path for what nearly every record is: a point of the newest version without flags. Reads it if all of it is in
 // the buffer; otherwise returns null and consumes nothing.
 CKespPoint* CKespDataFile::ReadPlainPoint() {
-  const std::byte* const bytes = m_file.Buffered(kesp::kRecordHeaderSize + kPlainPointLength);
-  if (bytes == nullptr) return nullptr;
-  kesp::RecordHeader header;
-  kesp::UncheckedFieldReader reader({bytes, kesp::kRecordHeaderSize + kPlainPointLength});
-  kesp::DescribeRecordHeader(reader, header);
-  if (header.type != KESP_RECORD_POINT || header.version != kNewestPoint || header.flags != 0 ||
-      header.length != kPlainPointLength) {
-    return nullptr;
-  }
+  const std::byte* const bytes = m_file.Buffered(kesp::kPlainPointSize);
+  if (bytes == nullptr || !kesp::IsPlainPoint(bytes)) return nullptr;
   // Compared in 32 bits, as in ReadHeader.
   const std::uint64_t start = m_file.GetPosition();
-  constexpr std::size_t kWhole = kesp::kRecordHeaderSize + kPlainPointLength;
-  if (static_cast<std::uint32_t>(start + kWhole) > LimitedLength(m_file.KnownLength())) return nullptr;
+  if (static_cast<std::uint32_t>(start + kesp::kPlainPointSize) > LimitedLength(m_file.KnownLength())) return nullptr;
   auto point = std::make_unique<CKespPoint>();
-  std::get<kNewestPoint - 1>(kesp::kPointBodies)(reader, *point);
+  kesp::UncheckedFieldReader reader({bytes + kesp::kRecordHeaderSize, kesp::kPlainPointBody});
+  std::get<kesp::kNewestPoint - 1>(kesp::kPointBodies)(reader, *point);
   point->m_filePosition = static_cast<std::uint32_t>(start);
-  m_file.Skip(kWhole);
+  m_file.Skip(kesp::kPlainPointSize);
   return point.release();
 }
 

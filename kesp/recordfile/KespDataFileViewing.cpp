@@ -1,28 +1,16 @@
 // The walk that returns views of records instead of objects.
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <new>
 
 #include "kesp/format/RecordKinds.h"
 #include "kesp/format/RecordView.h"
 #include "kesp/recordfile/KespDataFile.h"
+#include "kesp/recordfile/PlainPoints.h"
 #include "kesp/recordfile/RecordHeader.h"
 
 namespace {
-
-constexpr std::uint16_t kNewestPoint = kesp::NewestOf(kesp::kPointBodies);
-constexpr std::size_t kPlainPointBody = kesp::BodyLengthOf(KESP_RECORD_POINT, kNewestPoint);
-constexpr std::size_t kPlainPoint = kesp::kRecordHeaderSize + kPlainPointBody;
-
-// Whether the bytes are the header of a point of the newest version without flags, with the length of its layout.
-bool IsPlainPoint(const std::byte* bytes) noexcept {
-  static const std::array<std::byte, kesp::kRecordHeaderSize> kHeader =
-      kesp::EncodeRecordHeader({KESP_RECORD_POINT, kNewestPoint, 0, kPlainPointBody});
-  return std::memcmp(bytes, kHeader.data(), kHeader.size()) == 0;
-}
 
 // Whether a reader accepts the choices in a body. Unknown kinds of attribute are repaired, but not in version 1.
 KESP_ERROR_TYPE ErrorOf(const kesp::RecordView& view) noexcept {
@@ -46,11 +34,11 @@ std::span<const std::byte> CKespDataFile::ViewPlainPoints(std::size_t most) {
   if (end > std::numeric_limits<std::uint32_t>::max() || m_file.GetPosition() > end) return {};
   std::span<const std::byte> bytes = m_file.Buffered();
   bytes = bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), end - m_file.GetPosition())));
-  const std::size_t room = std::min(most, bytes.size() / kPlainPoint);
+  const std::size_t room = std::min(most, bytes.size() / kesp::kPlainPointSize);
   std::size_t count = 0;
-  while (count < room && IsPlainPoint(bytes.data() + count * kPlainPoint)) ++count;
-  m_file.Skip(count * kPlainPoint);
-  return bytes.first(count * kPlainPoint);
+  while (count < room && kesp::IsPlainPoint(bytes.data() + count * kesp::kPlainPointSize)) ++count;
+  m_file.Skip(count * kesp::kPlainPointSize);
+  return bytes.first(count * kesp::kPlainPointSize);
 }
 
 // A fast path for records without flags that have the length of their layout and lie in the buffer. Returns false and
