@@ -241,6 +241,7 @@ class KESP_EXPORT CKespDataFile {
   bool ReadHeaderOfNext(std::uint64_t& position, kesp::RecordHeader& header, bool skipDeleted);
   std::span<const std::byte> ViewPlainPoints(std::size_t most);
   bool ViewBuffered(kesp::RecordView& view);
+  bool ViewBuffered(kesp::RecordView& view, std::span<const std::byte> bytes, std::size_t length);
   [[gnu::noinline]] bool ViewAnyRecord(kesp::RecordView& view, bool skipDeleted);
   bool ViewBodyOf(kesp::RecordView& view);
   bool ViewBlockOf(kesp::RecordView& view);

@@ -13,12 +13,12 @@
 namespace {
 
 // Whether a reader accepts the choices in a body. Unknown kinds of attribute are repaired, but not in version 1.
-KESP_ERROR_TYPE ErrorOf(const kesp::RecordView& view) noexcept {
-  if (view.Type() == KESP_RECORD_FEATURE) {
-    const KESP_FEATURE_TYPE type = view.AsFeature().FeatureType();
+KESP_ERROR_TYPE ErrorOf(std::uint32_t recordType, std::uint16_t version, const std::byte* body) noexcept {
+  if (recordType == KESP_RECORD_FEATURE) {
+    const KESP_FEATURE_TYPE type = kesp::FeatureView(body, version).FeatureType();
     if (type < KESP_FEATURE_POINT || type > KESP_FEATURE_AREA) return KESP_ERROR_BAD_RECORD;
-  } else if (view.Type() == KESP_RECORD_ATTRIBUTE && view.Version() == 1) {
-    const std::uint16_t kind = view.AsAttribute().StoredKind();
+  } else if (recordType == KESP_RECORD_ATTRIBUTE && version == 1) {
+    const std::uint16_t kind = kesp::AttributeView(body, version).StoredKind();
     if (kind < KESP_ATTRIBUTE_STRING || kind > KESP_ATTRIBUTE_OTHER) return KESP_ERROR_ATTRIBUTE_TYPE;
   }
   return KESP_ERROR_NONE;
@@ -43,28 +43,46 @@ std::span<const std::byte> CKespDataFile::ViewPlainPoints(std::size_t most) {
 
 // A fast path for records without flags that have the length of their layout and lie in the buffer. Returns false and
 // consumes nothing for all others.
-bool CKespDataFile::ViewBuffered(kesp::RecordView& view) {
+inline bool CKespDataFile::ViewBuffered(kesp::RecordView& view) {
   const std::span<const std::byte> bytes = m_file.Buffered();
   if (bytes.size() < kesp::kRecordHeaderSize) return false;
-  kesp::RecordHeader header;
-  kesp::UncheckedFieldReader reader(bytes);
-  kesp::DescribeRecordHeader(reader, header);
-  const std::size_t length = kesp::BodyLengthOf(header.type, header.version);
-  if (length == 0 || header.length != length || header.flags != 0 || bytes.size() - kesp::kRecordHeaderSize < length) {
-    return false;
+  const auto type = kesp::LoadLittle<std::uint32_t>(bytes.data() + kesp::RecordHeaderPlaces::kType);
+  const auto version = kesp::LoadLittle<std::uint16_t>(bytes.data() + kesp::RecordHeaderPlaces::kVersion);
+  // The lengths of the newest versions are constants in branches of their own. So the processor goes on to the next
+  // record before it has the bytes of this one.
+  constexpr auto kLength = [](std::uint32_t kind) { return kesp::BodyLengthOf(kind, kesp::KindOfRecord(kind).newest); };
+  if (type == KESP_RECORD_POINT && version == kesp::kNewestPoint) return ViewBuffered(view, bytes, kLength(KESP_RECORD_POINT));
+  if (type == KESP_RECORD_ATTRIBUTE && version == kesp::NewestOf(kesp::kAttributeBodies)) {
+    return ViewBuffered(view, bytes, kLength(KESP_RECORD_ATTRIBUTE));
   }
+  if (type == KESP_RECORD_FEATURE && version == kesp::NewestOf(kesp::kFeatureBodies)) {
+    return ViewBuffered(view, bytes, kLength(KESP_RECORD_FEATURE));
+  }
+  if (type == KESP_RECORD_FEATURE_END && version == 1) return ViewBuffered(view, bytes, kLength(KESP_RECORD_FEATURE_END));
+  const std::size_t length = kesp::BodyLengthOf(type, version);
+  return length != 0 && ViewBuffered(view, bytes, length);
+}
+
+[[gnu::always_inline]] inline bool CKespDataFile::ViewBuffered(kesp::RecordView& view, std::span<const std::byte> bytes,
+                                                               std::size_t length) {
+  using Places = kesp::RecordHeaderPlaces;
+  const auto flags = kesp::LoadLittle<std::uint32_t>(bytes.data() + Places::kFlags);
+  const auto stated = kesp::LoadLittle<std::uint32_t>(bytes.data() + Places::kLength);
+  if (flags != 0 || stated != length || bytes.size() - kesp::kRecordHeaderSize < length) return false;
   // Compared in 32 bits, as in ReadHeader.
   const std::uint64_t start = m_file.GetPosition();
   const auto end = static_cast<std::uint32_t>(start + kesp::kRecordHeaderSize + length);
   if (end > LimitedLength(m_file.KnownLength())) return false;
-  kesp::RecordView next;
-  next.m_type = static_cast<KESP_RECORD_TYPE>(header.type);
-  next.m_version = header.version;
-  next.m_statedLength = header.length;
-  next.m_position = start;
-  next.m_body = bytes.subspan(kesp::kRecordHeaderSize, length);
-  if (ErrorOf(next) != KESP_ERROR_NONE) return false;
-  view = next;
+  const auto type = kesp::LoadLittle<std::uint32_t>(bytes.data() + Places::kType);
+  const auto version = kesp::LoadLittle<std::uint16_t>(bytes.data() + Places::kVersion);
+  const std::span<const std::byte> body = bytes.subspan(kesp::kRecordHeaderSize, length);
+  if (ErrorOf(type, version, body.data()) != KESP_ERROR_NONE) return false;
+  view.m_type = static_cast<KESP_RECORD_TYPE>(type);
+  view.m_version = version;
+  view.m_storedFlags = 0;
+  view.m_statedLength = stated;
+  view.m_position = start;
+  view.m_body = body;
   m_file.Skip(kesp::kRecordHeaderSize + length);
   return true;
 }
@@ -124,7 +142,7 @@ bool CKespDataFile::ViewBodyOf(kesp::RecordView& view) {
     m_error = isNewestHeader ? KESP_ERROR_APP_HEADER : KESP_ERROR_EOF;
     return false;
   }
-  m_error = ErrorOf(view);
+  m_error = ErrorOf(view.Type(), view.Version(), view.m_body.data());
   return m_error == KESP_ERROR_NONE;
 }
 

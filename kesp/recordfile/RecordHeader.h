@@ -10,6 +10,12 @@ namespace kesp {
 
 constexpr std::size_t kRecordHeaderSize = 14;
 constexpr std::size_t kFlagsOffset = 6;
+struct RecordHeaderPlaces {  // offsets
+  static constexpr std::size_t kType = 0;
+  static constexpr std::size_t kVersion = 4;
+  static constexpr std::size_t kFlags = 6;
+  static constexpr std::size_t kLength = 10;
+};
 
 struct RecordHeader {
   std::uint32_t type = 0;
