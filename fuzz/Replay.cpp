@@ -18,8 +18,9 @@ const struct {
   const char* name;
   void (*run)(kesp::fuzz::Input);
 } kTargets[] = {
-    {"walk", kesp::fuzz::Walk},       {"dataset", kesp::fuzz::Dataset},     {"rebuild", kesp::fuzz::Rebuild},
-    {"salvage", kesp::fuzz::Salvage}, {"roundtrip", kesp::fuzz::RoundTrip}, {"tag", kesp::fuzz::Tag},
+    {"walk", kesp::fuzz::Walk},       {"columns", kesp::fuzz::Columns}, {"dataset", kesp::fuzz::Dataset},
+    {"rebuild", kesp::fuzz::Rebuild}, {"salvage", kesp::fuzz::Salvage}, {"roundtrip", kesp::fuzz::RoundTrip},
+    {"tag", kesp::fuzz::Tag},
 };
 
 }  // namespace
@@ -28,7 +29,7 @@ int main(int argc, char** argv) {
   const auto* const target = std::find_if(std::begin(kTargets), std::end(kTargets),
                                           [&](const auto& t) { return argc > 1 && std::strcmp(t.name, argv[1]) == 0; });
   if (target == std::end(kTargets)) {
-    std::fprintf(stderr, "usage: %s walk|dataset|rebuild|salvage|roundtrip|tag PATH...\n", argv[0]);
+    std::fprintf(stderr, "usage: %s walk|columns|dataset|rebuild|salvage|roundtrip|tag PATH...\n", argv[0]);
     return 2;
   }
   std::vector<fs::path> paths;

@@ -13,8 +13,9 @@ using Input = std::span<const std::uint8_t>;
 using Bytes = test::ByteVector;
 using test::MemorySystem;
 
-// The input of the first five is a file, that of the last the body of a tag.
+// The input of the first six is a file, that of the last the body of a tag.
 void Walk(Input input);       // the container's walk compared with an independent reader; edits in place
+void Columns(Input input);    // columns, compared with objects
 void Dataset(Input input);    // reading, queries, summary, deleting, header upkeep
 void Rebuild(Input input);    // Copy and CopyVerify
 void Salvage(Input input);    // the rebuild that goes on after damage

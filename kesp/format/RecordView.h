@@ -91,6 +91,9 @@ class TextView {
   // room for MostUtf8() bytes.
   KESP_EXPORT char* PutUtf8(char* out) const noexcept;
   std::size_t MostUtf8() const noexcept { return std::size_t{m_room} * (m_isWide ? 3 : 2); }
+  // The whole field as it is in the file, with what comes after the text.
+  std::span<const std::byte> Field() const noexcept { return {m_at, std::size_t{m_room} * (m_isWide ? 2 : 1)}; }
+  bool IsWide() const noexcept { return m_isWide; }  // 16-bit units, not 8-bit characters
 
  private:
   const std::byte* m_at = nullptr;

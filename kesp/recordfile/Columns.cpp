@@ -6,6 +6,7 @@
 #include <array>
 #include <bit>
 #include <cmath>
+#include <cstring>
 #include <initializer_list>
 #include <limits>
 #include <string>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "kesp/format/RecordView.h"
+#include "kesp/platform/Utf8.h"
 #include "kesp/recordfile/ColumnTables.h"
 #include "kesp/recordfile/PlainPoints.h"
 
@@ -27,6 +29,10 @@ constexpr std::size_t kPointsAtOnce = 128;                 // their bytes stay i
 constexpr std::size_t kLeastRows = 256;                    // of a table that grows
 constexpr double kNoBound = std::numeric_limits<double>::quiet_NaN();
 constexpr std::size_t kNoRow = std::numeric_limits<std::size_t>::max();
+
+PointView PlainPoint(std::span<const std::byte> points, std::size_t index) noexcept {
+  return {points.data() + index * kPlainPointSize + kRecordHeaderSize, kNewestPoint};
+}
 
 }  // namespace
 
@@ -61,7 +67,7 @@ class ColumnReader {
   static void SetSize(TextColumn& column, std::size_t rows);
   template <class T>
   static void AppendRows(Column<T>& to, std::size_t at, const Column<T>& from, std::size_t first);
-  static void AppendRows(TextColumn& to, std::size_t at, const TextColumn& from, std::size_t first);
+  void AppendRows(TextColumn& to, std::size_t at, const TextColumn& from, std::size_t first);
   template <class Table>
   void MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) const;
   template <class Table>
@@ -71,8 +77,9 @@ class ColumnReader {
   static void Put(Column<T>& column, std::size_t row, Value value) noexcept {
     if (column.m_capacity != 0) column.m_data.get()[row] = static_cast<T>(value);
   }
-  static void Put(TextColumn& column, std::size_t row, const TextView& text);
-  static void Put(TextColumn& column, std::size_t row, std::string_view text);
+  void Put(TextColumn& column, std::size_t row, const TextView& text);
+  void Put(TextColumn& column, std::size_t row, std::string_view text);
+  void MakeRoomForText(TextColumn& column, std::size_t row, std::size_t bytes);
   template <auto kField, class Stored, class T>
   void Gather(Column<T>& column, std::span<const std::byte> points) const noexcept;
 
@@ -84,11 +91,15 @@ class ColumnReader {
   void AddAttribute(const RecordView& record);
   void EndFeature(std::uint32_t number);
   std::size_t RowOfFeature(std::uint32_t number);
-  void Link(std::uint32_t featureNumber, std::size_t pointRow, double x, double y);
+  void LinkPlainPoints(std::span<const std::byte> points);
+  std::size_t Link(std::uint32_t featureNumber, std::size_t pointRow, std::size_t count);
+  void ExtendBox(std::size_t row, const PointView& point) noexcept;
   std::int32_t NameCode(const TextView& name);
 
-  bool IsFull(std::size_t rows, std::initializer_list<const TextColumn*> texts) const noexcept;
-  bool IsFull() const noexcept;
+  void CountRows(std::size_t& rows, std::size_t more) noexcept {
+    rows += more;
+    if (m_sink != nullptr && rows >= m_batchRows) m_isFull = true;
+  }
   bool PassOn(bool isLast);
   std::size_t CompleteFeatures() const noexcept;
   FeatureColumns TakeFeaturesFrom(std::size_t row);
@@ -119,11 +130,29 @@ class ColumnReader {
   std::unordered_map<std::uint32_t, std::size_t> m_rowOf;
   bool m_hasRowOf = false;
 
-  std::vector<std::string> m_names;
+  struct Name {
+    bool IsAt(const TextView& other) const noexcept {
+      const std::span<const std::byte> bytes = other.Field();
+      return !field.empty() && other.IsWide() == isWide && field.size() <= bytes.size() &&
+             std::memcmp(field.data(), bytes.data(), field.size()) == 0;
+    }
+    void SetField(const TextView& name) {
+      const std::span<const std::byte> bytes = name.Field();
+      const std::size_t used = (name.Size() + 1) * (name.IsWide() ? 2 : 1);
+      isWide = name.IsWide();
+      field.clear();
+      if (used <= bytes.size()) field.assign(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(used));
+    }
+    std::string text;              // UTF-8
+    std::vector<std::byte> field;  // as it was last in the file, with the zero that ends it; empty if none did
+    bool isWide;
+    std::int32_t next;  // the name that came after it; -1 for none
+  };
+  std::vector<Name> m_names;
   std::unordered_map<std::string, std::int32_t> m_codeOf;
-  std::vector<std::int32_t> m_codeAfter;  // the name that last came after each name: attributes repeat in order
   std::size_t m_nameBytes = 0;
   std::int32_t m_lastCode = -1;
+  bool m_isFull = false;  // the batch is to be passed on
 };
 
 template <class T>
@@ -190,22 +219,24 @@ void ColumnReader::Put(TextColumn& column, std::size_t row, const TextView& text
     offsets[row + 1] = offsets[row];
     return;
   }
-  const auto start = static_cast<std::size_t>(offsets[row]);
-  if (start + text.MostUtf8() > column.bytes.m_capacity) {
-    Reserve(column.bytes, std::max(start + text.MostUtf8(), 2 * column.bytes.m_capacity));
-  }
+  MakeRoomForText(column, row, text.MostUtf8());
   char* const bytes = column.bytes.m_data.get();
-  offsets[row + 1] = text.PutUtf8(bytes + start) - bytes;
+  offsets[row + 1] = text.PutUtf8(bytes + offsets[row]) - bytes;
 }
 
 void ColumnReader::Put(TextColumn& column, std::size_t row, std::string_view text) {
+  MakeRoomForText(column, row, text.size());
   std::int64_t* const offsets = column.offsets.m_data.get();
-  const auto start = static_cast<std::size_t>(offsets[row]);
-  if (start + text.size() > column.bytes.m_capacity) {
-    Reserve(column.bytes, std::max(start + text.size(), 2 * column.bytes.m_capacity));
-  }
-  std::copy(text.begin(), text.end(), column.bytes.m_data.get() + start);
-  offsets[row + 1] = static_cast<std::int64_t>(start + text.size());
+  std::copy(text.begin(), text.end(), column.bytes.m_data.get() + offsets[row]);
+  offsets[row + 1] = offsets[row] + static_cast<std::int64_t>(text.size());
+}
+
+// In batches a column has room for the text of a whole batch from the start. When that is not enough the batch is full.
+void ColumnReader::MakeRoomForText(TextColumn& column, std::size_t row, std::size_t bytes) {
+  const std::size_t used = static_cast<std::size_t>(column.offsets.m_data.get()[row]);
+  if (used + bytes <= column.bytes.m_capacity) return;
+  m_isFull = m_isFull || (m_sink != nullptr && used + bytes > kMostText);
+  Reserve(column.bytes, std::max(used + bytes, m_sink != nullptr ? kMostText : 2 * column.bytes.m_capacity));
 }
 
 bool ColumnReader::Read() {
@@ -215,7 +246,7 @@ bool ColumnReader::Read() {
   m_file.ReadAhead();
   try {
     while (ReadNext()) {
-      if (m_sink != nullptr && IsFull() && !PassOn(false)) return false;
+      if (m_isFull && !PassOn(false)) return false;
     }
   } catch (const CFileException&) {
     (void)PassOn(true);
@@ -250,6 +281,8 @@ bool ColumnReader::ReadNext() {
 
 // Takes the plain points that come next in the read buffer; false if there are none.
 bool ColumnReader::ReadPlainPoints() {
+  const std::byte* const next = m_file.m_file.Buffered(kPlainPointSize);
+  if (next == nullptr || !IsPlainPoint(next)) return false;
   const std::size_t most =
       m_sink == nullptr ? kPointsAtOnce : std::min(kPointsAtOnce, m_batchRows - m_columns.points.rows);
   const std::span<const std::byte> points = m_file.ViewPlainPoints(most);
@@ -297,13 +330,11 @@ void ColumnReader::AddPlainPoints(std::span<const std::byte> points) {
   Gather<&Fields::Offset2, Long>(to.offset2, points);
   Gather<&Fields::HasOffset, Short>(to.hasOffset, points);
   if (to.flags.m_capacity != 0) std::fill_n(to.flags.m_data.get() + to.rows, count, 0U);
-  const bool hasText = (m_choice.points & kPointText) != 0;
-  for (std::size_t i = 0; i < count && (hasText || m_links); ++i) {
-    const PointView point(points.data() + i * kPlainPointSize + kRecordHeaderSize, kNewestPoint);
-    if (hasText) Put(to.text, to.rows + i, point.PointText());
-    if (m_links) Link(point.FeatureNumber(), to.rows + i, point.CoordX(), point.CoordY());
+  if ((m_choice.points & kPointText) != 0) {
+    for (std::size_t i = 0; i < count; ++i) Put(to.text, to.rows + i, PlainPoint(points, i).PointText());
   }
-  to.rows += count;
+  if (m_links) LinkPlainPoints(points);
+  CountRows(to.rows, count);
 }
 
 void ColumnReader::AddPoint(const RecordView& record) {
@@ -324,8 +355,9 @@ void ColumnReader::AddPoint(const RecordView& record) {
   Put(to.hasOffset, to.rows, point.HasOffset());
   Put(to.flags, to.rows, record.Flags());
   Put(to.text, to.rows, point.PointText());
-  if (m_links) Link(point.FeatureNumber(), to.rows, point.CoordX(), point.CoordY());
-  ++to.rows;
+  const std::size_t row = m_links ? Link(point.FeatureNumber(), to.rows, 1) : kNoRow;
+  if (row != kNoRow && (m_choice.features & kFeatureBox) != 0) ExtendBox(row, point);
+  CountRows(to.rows, 1);
 }
 
 void ColumnReader::AddFeature(const RecordView& record) {
@@ -345,7 +377,8 @@ void ColumnReader::AddFeature(const RecordView& record) {
   for (Column<double>* const bound : {&to.minX, &to.minY, &to.maxX, &to.maxY}) Put(*bound, to.rows, kNoBound);
   m_features.push_back({feature.FeatureNumber(), false});
   if (m_hasRowOf) m_rowOf[feature.FeatureNumber()] = to.rows;
-  m_current = to.rows++;
+  m_current = to.rows;
+  CountRows(to.rows, 1);
 }
 
 void ColumnReader::EndFeature(std::uint32_t number) {
@@ -366,20 +399,42 @@ std::size_t ColumnReader::RowOfFeature(std::uint32_t number) {
   return found == m_rowOf.end() ? kNoRow : found->second;
 }
 
-// Counts a point for its feature.
-void ColumnReader::Link(std::uint32_t featureNumber, std::size_t pointRow, double x, double y) {
+// The points of a feature usually follow one another.
+void ColumnReader::LinkPlainPoints(std::span<const std::byte> points) {
+  const std::size_t count = points.size() / kPlainPointSize;
+  for (std::size_t i = 0; i < count;) {
+    const std::uint32_t number = PlainPoint(points, i).FeatureNumber();
+    std::size_t end = i + 1;
+    while (end < count && PlainPoint(points, end).FeatureNumber() == number) ++end;
+    const std::size_t row = Link(number, m_columns.points.rows + i, end - i);
+    if (row != kNoRow && (m_choice.features & kFeatureBox) != 0) {
+      for (; i < end; ++i) ExtendBox(row, PlainPoint(points, i));
+    }
+    i = end;
+  }
+}
+
+// Counts points that follow one another for their feature. Returns its row; kNoRow if there is none.
+std::size_t ColumnReader::Link(std::uint32_t featureNumber, std::size_t pointRow, std::size_t count) {
   const std::size_t row = RowOfFeature(featureNumber);
-  if (row == kNoRow) return;
+  if (row == kNoRow) return row;
   m_current = row;
   FeatureColumns& to = m_columns.features;
   if (to.pointCount.m_capacity != 0) {
     const std::uint64_t place = m_columns.points.firstRow + pointRow;
-    std::uint32_t& count = to.pointCount.m_data.get()[row];
-    if (count == 0) Put(to.firstPoint, row, place);
-    if (to.firstPoint[row] + count != place) Put(to.isOneRun, row, 0);
-    ++count;
+    std::uint32_t& before = to.pointCount.m_data.get()[row];
+    if (before == 0) Put(to.firstPoint, row, place);
+    if (to.firstPoint[row] + before != place) Put(to.isOneRun, row, 0);
+    before += static_cast<std::uint32_t>(count);
   }
-  if (to.minX.m_capacity == 0 || !std::isfinite(x) || !std::isfinite(y)) return;
+  return row;
+}
+
+void ColumnReader::ExtendBox(std::size_t row, const PointView& point) noexcept {
+  const double x = point.CoordX();
+  const double y = point.CoordY();
+  if (!std::isfinite(x) || !std::isfinite(y)) return;
+  FeatureColumns& to = m_columns.features;
   const auto extend = [row](Column<double>& least, Column<double>& greatest, double value) {
     // The first value replaces the NaN, with which all comparisons are false.
     double& low = least.m_data.get()[row];
@@ -403,39 +458,27 @@ void ColumnReader::AddAttribute(const RecordView& record) {
   Put(to.number, to.rows, attribute.Value());
   Put(to.decimals, to.rows, attribute.Decimals());
   Put(to.flags, to.rows, record.Flags());
-  ++to.rows;
+  CountRows(to.rows, 1);
 }
 
+// Attributes repeat in the same order, so the name that came after the last one before is tried first, by its bytes.
 std::int32_t ColumnReader::NameCode(const TextView& name) {
-  constexpr std::size_t kMostUnits = 256;
-  std::array<char, 3 * kMostUnits> bytes;
-  const std::string_view text(bytes.data(), static_cast<std::size_t>(name.PutUtf8(bytes.data()) - bytes.data()));
-  std::int32_t code = m_lastCode < 0 ? -1 : m_codeAfter[static_cast<std::size_t>(m_lastCode)];
-  if (code < 0 || m_names[static_cast<std::size_t>(code)] != text) {
-    const auto [found, isNew] = m_codeOf.try_emplace(std::string(text), static_cast<std::int32_t>(m_names.size()));
-    code = found->second;
-    if (isNew) {
-      m_names.emplace_back(text);
-      m_codeAfter.push_back(-1);
-      m_nameBytes += text.size() + kBytesOfName;
-    }
-    if (m_lastCode >= 0) m_codeAfter[static_cast<std::size_t>(m_lastCode)] = code;
+  if (m_lastCode >= 0) {
+    const std::int32_t code = m_names[static_cast<std::size_t>(m_lastCode)].next;
+    if (code >= 0 && m_names[static_cast<std::size_t>(code)].IsAt(name)) return m_lastCode = code;
   }
-  m_lastCode = code;
-  return code;
-}
-
-bool ColumnReader::IsFull(std::size_t rows, std::initializer_list<const TextColumn*> texts) const noexcept {
-  return rows >= m_batchRows ||
-         (rows != 0 && std::any_of(texts.begin(), texts.end(), [rows](const TextColumn* column) {
-            return column->offsets.m_capacity != 0 && column->offsets[rows] >= std::int64_t{kMostText};
-          }));
-}
-
-bool ColumnReader::IsFull() const noexcept {
-  const auto& [points, features, attributes] = m_columns;
-  return IsFull(points.rows, {&points.text}) || IsFull(features.rows, {&features.name}) ||
-         IsFull(attributes.rows, {&attributes.text, &attributes.subText}) || m_nameBytes >= kMostNames;
+  const auto [found, isNew] = m_codeOf.try_emplace(name.ToUtf8(), static_cast<std::int32_t>(m_names.size()));
+  const std::int32_t code = found->second;
+  if (isNew) {
+    constexpr std::size_t kMostUnits = 256;
+    std::array<char, kMostUtf8PerUnit * kMostUnits> text;
+    m_names.push_back({std::string(text.data(), name.PutUtf8(text.data())), {}, true, -1});
+    m_nameBytes += found->first.size() + kBytesOfName;
+    m_isFull = m_isFull || (m_sink != nullptr && m_nameBytes >= kMostNames);
+  }
+  m_names[static_cast<std::size_t>(code)].SetField(name);
+  if (m_lastCode >= 0) m_names[static_cast<std::size_t>(m_lastCode)].next = code;
+  return m_lastCode = code;
 }
 
 // How many features, from the first on, can be passed on: those before the first without an end. If that is none and
@@ -444,8 +487,8 @@ std::size_t ColumnReader::CompleteFeatures() const noexcept {
   const auto open = std::find_if(m_features.begin(), m_features.end(), [](const Feature& f) { return !f.hasEnd; });
   const auto complete = static_cast<std::size_t>(open - m_features.begin());
   const std::size_t rows = m_columns.features.rows;
-  if (complete != 0 || !IsFull(rows, {&m_columns.features.name})) return complete;
-  return std::max<std::size_t>(rows - 1, 1);
+  const bool isFull = rows >= m_batchRows || m_columns.features.name.bytes.size() >= kMostText / 2;
+  return complete == 0 && isFull && rows != 0 ? rows - 1 : complete;
 }
 
 // Gives the tables their sizes and passes them on. Features that are not complete go into the next batch.
@@ -493,6 +536,7 @@ FeatureColumns ColumnReader::TakeFeaturesFrom(std::size_t row) {
 
 void ColumnReader::StartBatch(FeatureColumns&& incomplete) {
   auto& [points, features, attributes] = m_columns;
+  m_isFull = false;
   points.rows = attributes.rows = features.rows = 0;
   m_pointRoom = m_attributeRoom = m_featureRoom = 0;
   if (m_nameBytes >= kMostNames) ForgetNames();
@@ -517,14 +561,13 @@ void ColumnReader::PutNames() {
   TextColumn& names = m_columns.attributes.names;
   std::size_t known = names.size();
   ReserveRows(names, std::max<std::size_t>(m_names.size(), 1));
-  for (; known < m_names.size(); ++known) Put(names, known, std::string_view(m_names[known]));
+  for (; known < m_names.size(); ++known) Put(names, known, std::string_view(m_names[known].text));
   SetSize(names, m_names.size());
 }
 
 void ColumnReader::ForgetNames() {
   m_names.clear();
   m_codeOf.clear();
-  m_codeAfter.clear();
   m_nameBytes = 0;
   m_lastCode = -1;
   m_columns.attributes.names = {};

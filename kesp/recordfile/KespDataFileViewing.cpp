@@ -51,14 +51,16 @@ inline bool CKespDataFile::ViewBuffered(kesp::RecordView& view) {
   // The lengths of the newest versions are constants in branches of their own. So the processor goes on to the next
   // record before it has the bytes of this one.
   constexpr auto kLength = [](std::uint32_t kind) { return kesp::BodyLengthOf(kind, kesp::KindOfRecord(kind).newest); };
-  if (type == KESP_RECORD_POINT && version == kesp::kNewestPoint) return ViewBuffered(view, bytes, kLength(KESP_RECORD_POINT));
+  if (type == KESP_RECORD_POINT && version == kesp::kNewestPoint)
+    return ViewBuffered(view, bytes, kLength(KESP_RECORD_POINT));
   if (type == KESP_RECORD_ATTRIBUTE && version == kesp::NewestOf(kesp::kAttributeBodies)) {
     return ViewBuffered(view, bytes, kLength(KESP_RECORD_ATTRIBUTE));
   }
   if (type == KESP_RECORD_FEATURE && version == kesp::NewestOf(kesp::kFeatureBodies)) {
     return ViewBuffered(view, bytes, kLength(KESP_RECORD_FEATURE));
   }
-  if (type == KESP_RECORD_FEATURE_END && version == 1) return ViewBuffered(view, bytes, kLength(KESP_RECORD_FEATURE_END));
+  if (type == KESP_RECORD_FEATURE_END && version == 1)
+    return ViewBuffered(view, bytes, kLength(KESP_RECORD_FEATURE_END));
   const std::size_t length = kesp::BodyLengthOf(type, version);
   return length != 0 && ViewBuffered(view, bytes, length);
 }

@@ -1,0 +1,25 @@
+// Columns, whole and in batches, compared with the objects of the same file.
+#include "fuzz/Targets.h"
+#include "tests/support/Rows.h"
+
+namespace kesp::fuzz {
+
+void Columns(Input input) {
+  MemorySystem system;
+  system.Put("a", Bytes(input.begin(), input.end()));
+  CKespDataFile file;
+  if (!file.OpenReadOnly("a")) return;
+  for (const bool includeDeleted : {false, true}) {
+    test::Rows expected = test::ExpectedRows(file, includeDeleted).rows;
+    KESP_REQUIRE(test::RowsAtOnce(file, includeDeleted) == expected);
+    for (const std::size_t batchRows : {1, 3, 1000}) {
+      test::Rows rows = test::RowsInBatches(file, includeDeleted, batchRows, batchRows == 3);
+      // Only complete features have all their points in batches.
+      KESP_REQUIRE(rows.places.size() == expected.places.size());
+      rows.places = expected.places;
+      KESP_REQUIRE(rows == expected);
+    }
+  }
+}
+
+}  // namespace kesp::fuzz
