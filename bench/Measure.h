@@ -1,5 +1,6 @@
 // Shared by the benchmarks: a folder for their files, three clocks, and the median that they report.
 #pragma once
+#include <malloc.h>
 #include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -7,10 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -81,6 +84,39 @@ double ChildCpuSeconds(Work&& work) {
     return static_cast<double>(time.tv_sec) + 1e-6 * static_cast<double>(time.tv_usec);
   };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// How many MiB a forked child grows to at most while it does `work`.
+template <class Work>
+double GrowthInChild(Work&& work) {
+  const auto kibibytes = [](const char* key) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with(key)) return std::stod(line.substr(line.find_first_of("0123456789")));
+    }
+    throw std::runtime_error("no /proc/self/status");
+  };
+  std::array<int, 2> ends{};
+  if (::pipe(ends.data()) != 0) throw std::runtime_error("no pipe");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::malloc_trim(0);  // else the work would use again what the parent has freed
+    std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts again here
+    const double before = kibibytes("VmRSS:");
+    double grown = -1;
+    try {
+      work();
+      grown = (kibibytes("VmHWM:") - before) / 1024;
+    } catch (const std::exception&) {
+    }
+    ::_exit(::write(ends[1], &grown, sizeof grown) == sizeof grown ? 0 : 1);
+  }
+  double grown = -1;
+  const bool isRead = ::read(ends[0], &grown, sizeof grown) == sizeof grown;
+  ::close(ends[0]);
+  ::close(ends[1]);
+  if (::waitpid(child, nullptr, 0) != child || !isRead || grown < 0) throw std::runtime_error("the work went wrong");
+  return grown;
 }
 
 // Replaces this process by another program, without its output. Returns, with false, only if that fails.

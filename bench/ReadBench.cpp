@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -44,6 +45,43 @@ void WalkOverViews(const std::string& path, long features) {
   }
 }
 
+// All columns, in batches.
+void ReadInBatches(const std::string& path, long features) {
+  CKespDataFile file;
+  if (!file.OpenReadOnly(CString(path))) throw std::runtime_error("can't open " + path);
+  std::size_t rows = 0;
+  const bool whole = kesp::ReadColumns(file, {}, [&](kesp::Columns& batch) {
+    rows += batch.points.rows + batch.features.rows + batch.attributes.rows;
+    return true;
+  });
+  if (!whole || rows != static_cast<std::size_t>(features * (kRecordsEach - 1))) {
+    throw std::runtime_error("reading the columns of " + path + " went wrong");
+  }
+}
+
+// The features whose box has a point in common with a hundredth of the survey's area: from opening the file on, and
+// without an index.
+void FindInBox(const std::string& path, long features) {
+  constexpr double kWest = 10;
+  constexpr double kSouth = 50;
+  constexpr double kEast = kWest + 0.9;
+  constexpr double kNorth = kSouth + 0.8;
+  CKespDataFile file;
+  if (!file.OpenReadOnly(CString(path))) throw std::runtime_error("can't open " + path);
+  kesp::ColumnChoice choice;
+  choice.points = choice.attributes = 0;
+  choice.features = kesp::kFeatureNumber | kesp::kFeatureBox;
+  long found = 0;
+  const bool whole = kesp::ReadColumns(file, choice, [&](kesp::Columns& batch) {
+    const kesp::FeatureColumns& all = batch.features;
+    for (std::size_t i = 0; i < all.rows; ++i) {
+      found += all.minX[i] <= kEast && all.maxX[i] >= kWest && all.minY[i] <= kNorth && all.maxY[i] >= kSouth ? 1 : 0;
+    }
+    return true;
+  });
+  if (!whole || found < features / 200 || found > features / 50) throw std::runtime_error("not a hundredth was found");
+}
+
 // "times_plain": the time of the walk divided by that of the plain read. Each iteration runs both once.
 template <class WalkOver>
 void AgainstPlainRead(benchmark::State& state, WalkOver walkOver) {
@@ -70,12 +108,36 @@ BENCHMARK(ObjectsAgainstPlainRead)
     ->Iterations(15)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+void ColumnsAgainstPlainRead(benchmark::State& state) { AgainstPlainRead(state, ReadInBatches); }
+void BoxAgainstPlainRead(benchmark::State& state) { AgainstPlainRead(state, FindInBox); }
 BENCHMARK(ViewsAgainstPlainRead)
     ->ArgName("MB")
     ->Arg(200)
     ->Iterations(15)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+
+BENCHMARK(ColumnsAgainstPlainRead)
+    ->ArgName("MB")
+    ->Arg(200)
+    ->Iterations(15)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BoxAgainstPlainRead)->ArgName("MB")->Arg(700)->Iterations(9)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// "mebibytes": how much the process grows while a file is read, at most.
+template <class WalkOver>
+void Memory(benchmark::State& state, WalkOver walkOver) {
+  const long features = state.range(0) * 1000 * 1000 / kBytesEach;
+  const std::string& path = FileOf(features);
+  double most = 0;
+  for (auto _ : state) most = std::max(most, bench::GrowthInChild([&] { walkOver(path, features); }));
+  state.counters["mebibytes"] = most;
+}
+void MemoryOfViews(benchmark::State& state) { Memory(state, WalkOverViews); }
+void MemoryOfBatches(benchmark::State& state) { Memory(state, ReadInBatches); }
+BENCHMARK(MemoryOfViews)->ArgName("MB")->Arg(200)->Arg(700)->Iterations(1);
+BENCHMARK(MemoryOfBatches)->ArgName("MB")->Arg(200)->Arg(700)->Iterations(1);
 
 // "long_to_short": the time per record among two million divided by that among twenty thousand. The long file is walked
 // first in each iteration, so that the processor's caches hold nothing of the short one.
