@@ -115,6 +115,10 @@ std::span<std::byte> BlockReader::Next() {
 
 void BlockReader::Run() {
   while (!m_stop) {
+    if (Task* const task = m_offered.exchange(nullptr, std::memory_order_acq_rel)) {
+      task->TryRun();
+      continue;
+    }
     const std::optional<std::size_t> number = Claim();
     if (number) {
       if (ReadBlock(*number) < Block(*number).size()) return;
@@ -122,7 +126,9 @@ void BlockReader::Run() {
     }
     if (m_objectsAreKept && PoolPrepare()) continue;
     const std::size_t claimed = m_claimed.load(std::memory_order_relaxed);
-    WaitWhile(m_given, [claimed](std::size_t given) { return claimed >= given + kMostAhead; });
+    WaitWhile(m_given, [this, claimed](std::size_t given) {
+      return claimed >= given + kMostAhead && m_offered.load(std::memory_order_relaxed) == nullptr;
+    });
   }
 }
 

@@ -1,8 +1,8 @@
 // Reads a file from an offset to its end on a second thread, ahead of the thread that takes the bytes.
 //
 // While one thread makes objects from the bytes, the other reads the next blocks on another processor. Whichever thread
-// is idle helps: the caller reads a block itself rather than wait, and the second thread prepares memory for objects
-// that will be kept (see PoolPrepare). It pays for files of many megabytes.
+// is idle helps: the caller reads a block itself rather than wait; the second thread prepares memory for objects that
+// will be kept (see PoolPrepare), and does work that the caller offers. It pays for files of many megabytes.
 //
 // Blocks come in file order without gaps. The end of the file or a failed read ends them: Next then returns an empty
 // span. A caller that wants more reads the file itself, and meets the end or the failure there.
@@ -25,6 +25,7 @@
 #include <span>
 
 #include "kesp/memory/AlignedBytes.h"
+#include "kesp/platform/Task.h"
 
 namespace kesp {
 
@@ -43,6 +44,8 @@ class BlockReader {
 
   // Waits for the next block and returns it; empty at the end.
   std::span<std::byte> Next();
+  // Offers work to the second thread, in place of what was offered before: it does the work if it comes by in time.
+  void Offer(Task& task) noexcept { m_offered.store(&task, std::memory_order_release); }
   // File offset of the next block.
   std::uint64_t NextOffset() const noexcept { return OffsetOf(m_given.load(std::memory_order_relaxed)); }
 
@@ -84,6 +87,7 @@ class BlockReader {
   std::atomic<std::size_t> m_claimed{0};
   std::atomic<std::size_t> m_given{0};
   std::atomic<bool> m_stop{false};
+  std::atomic<Task*> m_offered{nullptr};
   bool m_ended = false;  // the caller has had the last block
 
   pthread_t m_thread{};

@@ -287,6 +287,11 @@ void CFile::StartBlockReader(bool objectsAreKept) noexcept {
   }
 }
 
+bool CFile::OfferWork(kesp::Task& task) noexcept {
+  if (m_blockReader) m_blockReader->Offer(task);
+  return m_blockReader != nullptr;
+}
+
 // Like FillBuffer, but takes blocks from the block reader. Returns false when that has ended or the position is
 // elsewhere; the buffer is then unchanged or empty.
 bool CFile::FillFromBlockReader(std::size_t count) {

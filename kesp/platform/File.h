@@ -40,6 +40,7 @@ namespace kesp {
 class AlignedBytes;
 class OpenReader;
 class BlockReader;
+class Task;
 
 // Identifies a file on this machine, whatever name it is opened by, as long as it exists.
 struct FileIdentity {
@@ -103,6 +104,9 @@ class KESP_EXPORT CFile {
   // the bytes, so the thread prepares memory for them too.
   void StartBlockReader(bool objectsAreKept = false) noexcept;
   void EndBlockReader() noexcept;  // does nothing when it has ended
+  // Offers work to that thread (see kesp/platform/Task.h); false if there is none. EndBlockReader must be called before
+  // the task is destroyed.
+  bool OfferWork(kesp::Task& task) noexcept;
   // Peeks: returns the next `count` bytes if the buffer already holds them, else null. The position does not move; Skip
   // moves it.
   const std::byte* Buffered(std::size_t count) const noexcept {

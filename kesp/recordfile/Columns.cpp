@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "kesp/format/RecordView.h"
+#include "kesp/platform/Task.h"
 #include "kesp/platform/Utf8.h"
 #include "kesp/recordfile/ColumnTables.h"
 #include "kesp/recordfile/PlainPoints.h"
@@ -47,7 +48,14 @@ class ColumnReader {
         m_columns(columns),
         m_sink(sink),
         m_batchRows(std::max<std::size_t>(choice.batchRows, 1)),
-        m_links((choice.features & (kFeaturePoints | kFeatureBox)) != 0) {}
+        m_links((choice.features & (kFeaturePoints | kFeatureBox)) != 0),
+        m_pending(*this) {}
+  ~ColumnReader() {
+    m_file.m_file.EndBlockReader();
+    m_pending.Finish();
+  }
+  ColumnReader(const ColumnReader&) = delete;
+  ColumnReader& operator=(const ColumnReader&) = delete;
 
   bool Read();
 
@@ -69,7 +77,7 @@ class ColumnReader {
   static void AppendRows(Column<T>& to, std::size_t at, const Column<T>& from, std::size_t first);
   void AppendRows(TextColumn& to, std::size_t at, const TextColumn& from, std::size_t first);
   template <class Table>
-  void MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) const;
+  void MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more);
   template <class Table>
   void Finish(Table& table, std::uint32_t chosen) const;
 
@@ -81,7 +89,27 @@ class ColumnReader {
   void Put(TextColumn& column, std::size_t row, std::string_view text);
   void MakeRoomForText(TextColumn& column, std::size_t row, std::size_t bytes);
   template <auto kField, class Stored, class T>
-  void Gather(Column<T>& column, std::span<const std::byte> points) const noexcept;
+  static void Gather(Column<T>& column, std::span<const std::byte> points, std::size_t row) noexcept;
+  void GatherPoints(std::span<const std::byte> points, std::size_t row) noexcept;
+
+  // Points whose columns are to be filled, by this thread or by the one that reads ahead.
+  class Pending : public Task {
+   public:
+    explicit Pending(ColumnReader& reader) : m_reader(reader) {}
+    void Set(std::span<const std::byte> points, std::size_t row) noexcept {
+      m_points = points;
+      m_row = row;
+    }
+
+   protected:
+    void Run() noexcept override { m_reader.GatherPoints(m_points, m_row); }
+
+   private:
+    ColumnReader& m_reader;
+    std::span<const std::byte> m_points;
+    std::size_t m_row = 0;
+  };
+  bool IsNextInBuffer() const noexcept;
 
   bool ReadNext();
   bool ReadPlainPoints();
@@ -113,6 +141,7 @@ class ColumnReader {
   const Sink* const m_sink;
   const std::size_t m_batchRows;
   const bool m_links;  // whether points are counted for their features
+  Pending m_pending;
 
   // Rows for which the chosen columns have room.
   std::size_t m_pointRoom = 0;
@@ -189,8 +218,9 @@ void ColumnReader::AppendRows(TextColumn& to, std::size_t at, const TextColumn& 
 
 // Makes room for `more` rows in the chosen columns.
 template <class Table>
-void ColumnReader::MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) const {
+void ColumnReader::MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) {
   if (table.rows + more <= room) return;
+  m_pending.Finish();
   room = std::max({table.rows + more, 2 * room, kLeastRows});
   if (m_sink != nullptr) room = std::max(table.rows + more, std::min(room, m_batchRows));
   ForEachColumn(
@@ -258,6 +288,7 @@ bool ColumnReader::Read() {
 
 bool ColumnReader::ReadNext() {
   if (ReadPlainPoints()) return true;
+  if (!IsNextInBuffer()) m_pending.Finish();
   RecordView record;
   if (!m_file.ReadNextView(record, !m_choice.includeDeleted)) return false;
   switch (record.Type()) {
@@ -279,6 +310,17 @@ bool ColumnReader::ReadNext() {
   return true;
 }
 
+// Whether reading the next record leaves the bytes in the buffer where they are. Not only the length that the record
+// states counts: bodies are read by their layout, and a tag by the length in its block.
+bool ColumnReader::IsNextInBuffer() const noexcept {
+  constexpr std::size_t kLongestBody = 8 * 1024;
+  const std::span<const std::byte> bytes = m_file.m_file.Buffered();
+  if (bytes.size() < kRecordHeaderSize + kLongestBody) return false;
+  const auto type = LoadLittle<std::uint32_t>(bytes.data() + RecordHeaderPlaces::kType);
+  const auto flags = LoadLittle<std::uint32_t>(bytes.data() + RecordHeaderPlaces::kFlags);
+  return KindOfRecord(type).use == RecordUse::kRead && type != KESP_RECORD_TAG && flags == 0;
+}
+
 // Takes the plain points that come next in the read buffer; false if there are none.
 bool ColumnReader::ReadPlainPoints() {
   const std::byte* const next = m_file.m_file.Buffered(kPlainPointSize);
@@ -291,14 +333,14 @@ bool ColumnReader::ReadPlainPoints() {
   return true;
 }
 
-// Fills one column from the same field of all points.
+// Fills one column from the same field of all points, from `row` on.
 template <auto kField, class Stored, class T>
-void ColumnReader::Gather(Column<T>& column, std::span<const std::byte> points) const noexcept {
+void ColumnReader::Gather(Column<T>& column, std::span<const std::byte> points, std::size_t row) noexcept {
   if (column.m_capacity == 0) return;
   constexpr FieldPlace kPlace = PlacesOf<kField>(kPointBodies).back();
   static_assert(kPlace.width == sizeof(Stored));
   const std::byte* from = points.data() + kRecordHeaderSize + kPlace.offset;
-  T* const to = column.m_data.get() + m_columns.points.rows;
+  T* const to = column.m_data.get() + row;
   for (std::size_t i = 0; i < points.size() / kPlainPointSize; ++i, from += kPlainPointSize) {
     if constexpr (std::is_same_v<T, double>) {
       to[i] = std::bit_cast<double>(LoadLittle<Stored>(from));
@@ -309,27 +351,40 @@ void ColumnReader::Gather(Column<T>& column, std::span<const std::byte> points) 
   }
 }
 
-void ColumnReader::AddPlainPoints(std::span<const std::byte> points) {
+void ColumnReader::GatherPoints(std::span<const std::byte> points, std::size_t row) noexcept {
   using Fields = BodyFields;
   using Word = std::uint32_t;
   using Short = std::uint16_t;
   using Long = std::uint64_t;
   PointColumns& to = m_columns.points;
+  Gather<&Fields::FeatureNumber, Word>(to.featureNumber, points, row);
+  Gather<&Fields::PointNumber, Word>(to.pointNumber, points, row);
+  Gather<&Fields::CoordX, Long>(to.x, points, row);
+  Gather<&Fields::CoordY, Long>(to.y, points, row);
+  Gather<&Fields::CoordZ, Long>(to.z, points, row);
+  Gather<&Fields::PointTime, Word>(to.time, points, row);
+  Gather<&Fields::SignalStatus, Short>(to.status, points, row);
+  Gather<&Fields::GpsValue, Long>(to.gpsValue, points, row);
+  Gather<&Fields::GpsNumber, Short>(to.gpsNumber, points, row);
+  Gather<&Fields::Offset1, Long>(to.offset1, points, row);
+  Gather<&Fields::Offset2, Long>(to.offset2, points, row);
+  Gather<&Fields::HasOffset, Short>(to.hasOffset, points, row);
+  if (to.flags.m_capacity != 0) std::fill_n(to.flags.m_data.get() + row, points.size() / kPlainPointSize, 0U);
+}
+
+// The columns of a long run are filled by the thread that reads ahead, if it is there and has done the last one.
+void ColumnReader::AddPlainPoints(std::span<const std::byte> points) {
+  constexpr std::size_t kWorthSharing = 64;
+  PointColumns& to = m_columns.points;
   const std::size_t count = points.size() / kPlainPointSize;
   MakeRoom(to, m_pointRoom, m_choice.points, count);
-  Gather<&Fields::FeatureNumber, Word>(to.featureNumber, points);
-  Gather<&Fields::PointNumber, Word>(to.pointNumber, points);
-  Gather<&Fields::CoordX, Long>(to.x, points);
-  Gather<&Fields::CoordY, Long>(to.y, points);
-  Gather<&Fields::CoordZ, Long>(to.z, points);
-  Gather<&Fields::PointTime, Word>(to.time, points);
-  Gather<&Fields::SignalStatus, Short>(to.status, points);
-  Gather<&Fields::GpsValue, Long>(to.gpsValue, points);
-  Gather<&Fields::GpsNumber, Short>(to.gpsNumber, points);
-  Gather<&Fields::Offset1, Long>(to.offset1, points);
-  Gather<&Fields::Offset2, Long>(to.offset2, points);
-  Gather<&Fields::HasOffset, Short>(to.hasOffset, points);
-  if (to.flags.m_capacity != 0) std::fill_n(to.flags.m_data.get() + to.rows, count, 0U);
+  if (count >= kWorthSharing && m_pending.IsDone()) {
+    m_pending.Set(points, to.rows);
+    m_pending.Prepare();
+    if (!m_file.m_file.OfferWork(m_pending)) m_pending.Finish();
+  } else {
+    GatherPoints(points, to.rows);
+  }
   if ((m_choice.points & kPointText) != 0) {
     for (std::size_t i = 0; i < count; ++i) Put(to.text, to.rows + i, PlainPoint(points, i).PointText());
   }
@@ -493,6 +548,7 @@ std::size_t ColumnReader::CompleteFeatures() const noexcept {
 
 // Gives the tables their sizes and passes them on. Features that are not complete go into the next batch.
 bool ColumnReader::PassOn(bool isLast) {
+  m_pending.Finish();
   auto& [points, features, attributes] = m_columns;
   Finish(points, m_choice.points);
   Finish(features, m_choice.features);
