@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "tests/dataset/DataSet.h"
+#include "tests/support/Rows.h"
 
 using namespace kesp::test;
 
@@ -44,6 +45,36 @@ TEST(Threads, EachHaveDataSetsOfTheirOwn) {
     }
   });
   InThreads(4, [&](unsigned i) { kept[(i + 1) % 4].reset(); });
+}
+
+// The thread that reads ahead fills columns too, of runs of any length, while others walk over views.
+TEST(Threads, ShareTheFillingOfColumns) {
+  const TempDir dir;
+  std::vector<ByteVector> records{Header2{}};
+  for (std::uint32_t i = 0; i < 36'000; ++i) {
+    if (i % (i < 10'000 ? 70 : 9'999) == 0) records.push_back(Feature(i));
+    records.push_back(Point(i, i, {.text = i % 1000 == 0 ? "A1" : ""}));
+  }
+  WriteFile(dir / "a.kesp", Survey(records));
+  CKespDataFile alone;
+  ASSERT_TRUE(alone.OpenReadOnly(Text(dir / "a.kesp")));
+  CKespDataFile::AllowReadAhead(false);
+  const Rows expected = RowsAtOnce(alone, false);
+  CKespDataFile::AllowReadAhead(true);
+  EXPECT_EQ(expected.points.size(), 36'000U);
+  InThreads(2, [&](unsigned i) {
+    CKespDataFile file;
+    ASSERT_TRUE(file.OpenReadOnly(Text(dir / "a.kesp")));
+    for (const std::size_t batchRows : {1000, 100'000})
+      EXPECT_EQ(RowsInBatches(file, false, batchRows, i == 0).points, expected.points);
+    EXPECT_EQ(RowsAtOnce(file, false), expected);
+    EXPECT_FALSE(ReadColumns(file, AllColumns(false, 3000), [](kesp::Columns&) { return false; }));
+    ASSERT_TRUE(file.SeekToFirstRecord());
+    file.ReadAhead();
+    std::size_t views = 0;
+    for (kesp::RecordView record; file.ReadNextView(record, true);) ++views;
+    EXPECT_EQ(views, records.size());
+  });
 }
 
 TEST(Threads, OpenAndCloseReadersSideBySide) {
