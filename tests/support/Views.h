@@ -146,7 +146,8 @@ Step StepOf(CKespDataFile& file, Read read) {
   }
   step.error = file.GetError();
   step.systemError = file.GetSystemError();
-  step.end = file.m_file.GetPosition();
+  // A read that fails leaves the file anywhere in what was to be read.
+  if (step.hasRecord || step.systemError == 0) step.end = file.m_file.GetPosition();
   return step;
 }
 inline Step NextObject(CKespDataFile& file, bool skipDeleted, std::unique_ptr<CKespRecord>& record) {
