@@ -14,7 +14,7 @@ using Bytes = test::ByteVector;
 using test::MemorySystem;
 
 // The input of the first six is a file, that of the last the body of a tag.
-void Walk(Input input);       // the container's walk compared with an independent reader; edits in place
+void Walk(Input input);       // the container's walks compared with an independent reader; edits in place
 void Columns(Input input);    // columns, compared with objects
 void Dataset(Input input);    // reading, queries, summary, deleting, header upkeep
 void Rebuild(Input input);    // Copy and CopyVerify

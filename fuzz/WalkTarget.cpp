@@ -1,9 +1,10 @@
-// The container's walk, compared with an independent reader, and edits in place.
+// The container's walk, compared with an independent reader and with the walk that returns views; and edits in place.
 #include <memory>
 #include <optional>
 
 #include "fuzz/Reader.h"
 #include "fuzz/Targets.h"
+#include "tests/support/Views.h"
 
 namespace kesp::fuzz {
 namespace {
@@ -28,6 +29,22 @@ Walked WalkThrough(CKespDataFile& file, bool skipDeleted, See see) {
   return walked;
 }
 
+// Views alone, and with objects among them; in the whole file, and in one that counts as shorter.
+void CompareViews(bool skipDeleted, std::size_t length) {
+  for (const std::uint32_t objects : {0U, 0x0F0F5555U}) {
+    for (const std::size_t limit : {length, length / 2}) {
+      CKespDataFile file;
+      CKespDataFile viewed;
+      for (CKespDataFile* each : {&file, &viewed}) {
+        KESP_REQUIRE(each->OpenReadOnly("a") && each->SeekToFirstRecord());
+        each->LimitLength(limit);
+      }
+      const std::string difference = test::DifferenceOfWalks(file, viewed, skipDeleted, objects);
+      Require(difference.empty(), difference.c_str(), __FILE__, __LINE__);
+    }
+  }
+}
+
 }  // namespace
 
 void Walk(Input input) {
@@ -44,6 +61,8 @@ void Walk(Input input) {
     KESP_REQUIRE(walked == test::ReadFrom(input, *first, skipDeleted));
     // Reading ahead is allowed; reading the same bytes again and again is not.
     KESP_REQUIRE(system.BytesRead() - readBefore <= 4 * input.size() + 4096);
+    CompareViews(skipDeleted, input.size());
+    KESP_REQUIRE(system.BytesRead() - readBefore <= 9 * (4 * input.size() + 4096));
   }
   KESP_REQUIRE(system.At("a") == bytes);
 

@@ -1,10 +1,11 @@
-// The tool's JSON against that of a folder of samples: KESP_SAMPLES in the environment, or the one beside the sources.
-// Beside NAME.kesp is what must come out of it, NAME.records.jsonl and its like.
+// The library against a folder of samples: KESP_SAMPLES in the environment, or the one beside the sources. Beside
+// NAME.kesp is the JSON that the tool must make of it, NAME.records.jsonl and its like.
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "tests/support/Views.h"
 #include "tests/tool/RunTool.h"
 
 namespace kesp::test {
@@ -39,10 +40,34 @@ std::vector<std::pair<json, std::string>> Parse(const std::string& text) {
   return documents;
 }
 
-TEST(Samples, Agree) {
-  const char* const given = std::getenv("KESP_SAMPLES");
-  const fs::path folder = given != nullptr ? given : KESP_SAMPLES_DEFAULT;
-  if (!fs::is_directory(folder)) GTEST_SKIP() << "no samples in " << folder;
+class Samples : public testing::Test {
+ protected:
+  void SetUp() override {
+    const char* const given = std::getenv("KESP_SAMPLES");
+    folder = given != nullptr ? given : KESP_SAMPLES_DEFAULT;
+    if (!fs::is_directory(folder)) GTEST_SKIP() << "no samples in " << folder;
+  }
+  fs::path folder;
+};
+
+TEST_F(Samples, ReadTheSameAsObjectsAndAsViews) {
+  std::size_t compared = 0;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+    if (entry.path().extension() != ".kesp") continue;
+    for (const std::uint32_t objects : {0u, 0xF0F05555u}) {
+      for (const bool skipDeleted : {true, false}) {
+        CKespDataFile file, viewed;
+        if (!file.OpenReadOnly(Text(entry.path()))) continue;
+        ASSERT_TRUE(viewed.OpenReadOnly(Text(entry.path())) && file.SeekToFirstRecord() && viewed.SeekToFirstRecord());
+        EXPECT_EQ(DifferenceOfWalks(file, viewed, skipDeleted, objects), "") << entry;
+        ++compared;
+      }
+    }
+  }
+  EXPECT_GT(compared, 0u) << "no files in " << folder;
+}
+
+TEST_F(Samples, Agree) {
   const struct {
     std::vector<std::string> command;
     const char* ending;

@@ -1,0 +1,252 @@
+// What the comparison of views with objects does not show. That comparison is made for each input of the corpus and for
+// each sample.
+#include <climits>
+#include <vector>
+
+#include "tests/recordfile/Survey.h"
+#include "tests/support/FaultyMemory.h"
+#include "tests/support/Views.h"
+
+using namespace kesp::test;
+using kesp::RecordView;
+using kesp::TagView;
+using kesp::TextView;
+
+namespace {
+
+class KespDataFileViewing : public OneFile {
+ protected:
+  // Compares the two walks over the file; `prepare` is run on each file object before.
+  template <class Prepare>
+  std::string Difference(std::uint32_t objects, Prepare prepare) {
+    CKespDataFile other;
+    for (CKespDataFile* each : {&file, &other}) {
+      each->Close();
+      EXPECT_TRUE(each->OpenReadOnly(Text(path)) && each->SeekToFirstRecord());
+      prepare(*each);
+    }
+    return DifferenceOfWalks(other, file, false, objects);
+  }
+  RecordView view;
+};
+
+TEST_F(KespDataFileViewing, ShowsTheRecordAsItIsStored) {
+  for (const auto& [type, version, fields] : kLayouts) {
+    const ByteVector body = SampleBody(type, version);
+    for (const std::uint32_t flags : {0u, 0x0Au}) {
+      for (const std::size_t length : {body.size(), body.size() - 1}) {
+        Open(
+            Record(200, 1, 0, {1}) + WithLength(Record(type, version, flags, body), static_cast<std::uint32_t>(length)),
+            true);
+        ASSERT_TRUE(file.ReadNextView(view, true));
+        EXPECT_EQ(std::tuple(view.Type(), view.Version(), view.StoredFlags(), view.StatedLength(), view.Position()),
+                  std::tuple(type, version, flags, length, kFirst + 15));
+        EXPECT_TRUE(std::ranges::equal(view.Body(), std::as_bytes(std::span(body))));
+        EXPECT_FALSE(file.ReadNextView(view, true));
+        EXPECT_EQ(file.GetError(), KESP_ERROR_NORMAL_EOF);
+      }
+    }
+  }
+}
+
+TEST_F(KespDataFileViewing, HoldsTheFirstPartOfALongTag) {
+  constexpr auto kMost = static_cast<std::uint32_t>(TagView::kMostBlock);
+  const auto named = [](std::uint32_t nameBytes, std::uint32_t payload) {
+    ByteVector block = Words({nameBytes}) + ByteVector(nameBytes, 'n') + Words({payload}) + ByteVector(payload, 'p');
+    return Record(9, 2, 0, Words({0, static_cast<std::uint32_t>(block.size())}) + block);
+  };
+  const struct {
+    std::uint32_t nameBytes, payload;
+    bool isWhole, hasName, hasPayload;
+  } rows[] = {{4, kMost - 12, true, true, true},   {4, kMost - 11, false, true, false},
+              {4, 1'000'000, false, true, false},  {kMost - 8, 0, true, true, true},
+              {kMost - 4, 0, false, true, false},  {kMost - 6, 0, false, true, false},
+              {kMost - 3, 0, false, false, false}, {200'000, 9, false, false, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::Message() << row.nameBytes << ' ' << row.payload);
+    Open(EndOf(1) + named(row.nameBytes, row.payload) + EndOf(8), true);
+    ASSERT_TRUE(file.ReadNextView(view, true) && file.ReadNextView(view, true));
+    const TagView tag = view.AsTag();
+    EXPECT_EQ(std::tuple(tag.IsWhole(), tag.Name().has_value(), tag.Payload().has_value()),
+              std::tuple(row.isWhole, row.hasName, row.hasPayload));
+    EXPECT_EQ(tag.BlockLength(), 8 + row.nameBytes + row.payload);
+    EXPECT_EQ(tag.Block().size(), std::min(kMost, tag.BlockLength()));
+    ASSERT_TRUE(file.ReadNextView(view, true));
+    EXPECT_EQ(view.AsFeatureEnd().FeatureNumber(), 8u);
+    EXPECT_EQ(Difference(0, [](CKespDataFile&) {}), "");
+  }
+}
+
+TEST_F(KespDataFileViewing, ReadsWhatAnotherObjectAppends) {
+  Open(EndOf(1), true);
+  EXPECT_TRUE(file.ReadNextView(view, true) && !file.ReadNextView(view, true));
+  CKespDataFile writer;
+  ASSERT_TRUE(writer.Open(Text(path)) && writer.SeekToFirstRecord() && writer.ReadNextView(view, true));
+  for (const std::uint32_t number : {2u, 3u}) {
+    auto end = EndRecord(number);
+    ASSERT_TRUE(writer.AppendRecord(&end, 2));
+    ASSERT_TRUE(writer.Seek(end.m_filePosition));
+    for (CKespDataFile* each : {&file, &writer}) {
+      ASSERT_TRUE(each->ReadNextView(view, true));
+      EXPECT_EQ(std::tuple(view.AsFeatureEnd().FeatureNumber(), view.Flags()), std::tuple(number, 2u));
+      EXPECT_FALSE(each->ReadNextView(view, true));
+      EXPECT_EQ(each->GetError(), KESP_ERROR_NORMAL_EOF);
+    }
+  }
+}
+
+// Whatever the record that is cut by a read that fails, and wherever it is cut.
+TEST_F(KespDataFileViewing, MeetsErrorsOfTheSystemWhereObjectsDo) {
+  using Fault = FaultySystem::Fault;
+  int met = 0;
+  for (const auto& [type, version, fields] : kLayouts) {
+    Put({});
+    for (std::uint64_t at = kFirst; at < 30'000; at = std::filesystem::file_size(path))
+      PutAt(at, Sample(type, version));
+    for (const Fault fault : {Fault::Error, Fault::Interrupted, Fault::Short}) {
+      bool struck = true;
+      for (int at = 1; struck; ++at) {
+        std::vector<Step> steps[2];
+        for (const bool isView : {false, true}) {
+          ASSERT_TRUE(file.Close() && file.OpenReadOnly(Text(path)) && file.SeekToFirstRecord());
+          std::unique_ptr<CKespRecord> record;
+          FaultySystem system(at, fault);
+          for (Step step; step.error != KESP_ERROR_NORMAL_EOF && steps[isView].size() < 5000;) {
+            step = isView ? NextView(file, true, view) : NextObject(file, true, record);
+            steps[isView].push_back(step);
+            // What could not be read can be read again.
+            if (!step.hasRecord && step.error == KESP_ERROR_NONE) (void)file.Seek(step.header);
+          }
+          struck = system.Struck();
+          met += file.GetSystemError() == EIO;
+        }
+        EXPECT_TRUE(steps[0] == steps[1])
+            << type << " v" << version << ", call " << at << ", " << static_cast<char>(fault);
+        EXPECT_EQ(steps[1].back().error, KESP_ERROR_NORMAL_EOF);
+      }
+    }
+  }
+  EXPECT_GT(met, 50);
+}
+
+// Records of all layouts and tags of up to 200 KB, in any order.
+TEST_F(KespDataFileViewing, ReadsAheadAndAllocatesNothing) {
+  std::uint32_t random = 1;
+  ByteVector records;
+  while (records.size() < 9'000'000) {
+    random = random * 1664525 + 1013904223;
+    const Layout& layout = kLayouts[(random >> 16) % std::size(kLayouts)];
+    const bool isLong = layout.type == 9 && (random >> 24) % 4 == 0;
+    Append(records,
+           isLong ? Tag(0, "blob", ByteVector((random >> 8) % 200'000, 'p')) : Sample(layout.type, layout.version));
+  }
+  Put(records);
+  for (const std::uint32_t objects : {0u, 0x10F05555u}) {
+    EXPECT_EQ(Difference(objects,
+                         [this](CKespDataFile& each) {
+                           if (&each == &file) each.ReadAhead();
+                         }),
+              "");
+  }
+  for (const bool isAhead : {false, true}) {
+    ASSERT_TRUE(file.SeekToFirstRecord());
+    if (isAhead) file.ReadAhead();
+    std::size_t texts = 0;
+    const FaultyMemory memory(1);
+    while (file.ReadNextView(view, true)) {
+      char room[3 * 256];
+      if (view.Type() == KESP_RECORD_NOTE)
+        texts += static_cast<std::size_t>(view.AsNote().NoteText().PutUtf8(room) - room);
+    }
+    EXPECT_FALSE(FaultyMemory::Struck());
+    EXPECT_EQ(file.GetError(), KESP_ERROR_NORMAL_EOF);
+    EXPECT_GT(texts, 1000u);
+  }
+}
+
+TEST_F(KespDataFileViewing, KeepsPositionsBeyondFourGigabytes) {
+  constexpr std::uint64_t kFour = std::uint64_t{1} << 32;
+  const auto skip = [](std::uint64_t to) {  // from the first record
+    return WithLength(Record(200, 1, 0, {}), static_cast<std::uint32_t>(to - kFirst - 14));
+  };
+  Put(skip(kFour - 100));
+  std::filesystem::resize_file(path, kFour + 1000);
+  PutAt(kFour - 100, Point(7, 1) + EndOf(7));
+  for (const std::uint64_t limit : {std::uint64_t{0}, std::uint64_t{1000}, kFour - 101, kFour - 100, kFour - 87,
+                                    kFour - 1, kFour, kFour + 21, kFour + 22, kFour + 40, ~std::uint64_t{0}}) {
+    const auto limitIt = [limit](CKespDataFile& each) { each.LimitLength(limit); };
+    EXPECT_EQ(Difference(0, limitIt), "") << limit;
+  }
+  ASSERT_TRUE(file.SeekToFirstRecord());
+  file.LimitLength(kFour - 1);
+  for (const std::uint64_t position : {kFour - 100, kFour + 22}) {
+    ASSERT_TRUE(file.ReadNextView(view, true));
+    EXPECT_EQ(view.Position(), position);
+  }
+  // A tag of nearly 4 GiB, whose name is as long.
+  Open(WithLength(Record(9, 2, 0, Words({0, 0xFFFFFFF0, 0xFFFFFFE0})), 8), true);
+  EXPECT_FALSE(file.ReadNextView(view, true));
+  EXPECT_EQ(file.GetError(), KESP_ERROR_EOF);
+  std::filesystem::resize_file(path, kFour + 1000);
+  PutAt(kFour + 56, EndOf(8));
+  ASSERT_TRUE(file.SeekToFirstRecord() && file.ReadNextView(view, true));
+  EXPECT_TRUE(!view.AsTag().IsWhole() && !view.AsTag().Name() && !view.AsTag().Payload());
+  ASSERT_TRUE(file.ReadNextView(view, true));
+  EXPECT_EQ(std::tuple(view.Position(), view.AsFeatureEnd().FeatureNumber()), std::tuple(kFour + 56, 8u));
+}
+
+TEST(TextView, IsEncodedAsUtf8) {
+  const struct {
+    std::u16string units;
+    std::string kept, valid;  // a text without lone surrogates is kept as it is
+  } parts[] = {{u"", "", ""},
+               {u"\x7F\x80", "\x7F\xC2\x80", ""},
+               {u"\x7FF\x800", "\xDF\xBF\xE0\xA0\x80", ""},
+               {u"\xD7FF\xE000\xFFFF", "\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", ""},
+               {u"\xD800\xDC00\xDBFF\xDFFF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF", ""},
+               {u"\xD800", "\xED\xA0\x80", "\xEF\xBF\xBD"},
+               {u"\xDFFF", "\xED\xBF\xBF", "\xEF\xBF\xBD"},
+               {u"\xDC00\xDBFF\xD83C\xDF32", "\xED\xB0\x80\xED\xAF\xBF\xF0\x9F\x8C\xB2",
+                "\xEF\xBF\xBD\xEF\xBF\xBD\xF0\x9F\x8C\xB2"}};
+  for (const auto& [units, kept, valid] : parts) {
+    for (const std::size_t before : {0, 1, 2, 3, 4, 5, 7, 8, 252, 253, 254, 255, 256, 511, 512}) {
+      for (const std::size_t after : {0, 1, 2, 3, 4, 5}) {
+        for (const std::size_t rest : {0, 1, 2, 9}) {  // after the text: a zero unit, if there is room, and anything
+          SCOPED_TRACE(testing::Message() << kept << ' ' << before << ' ' << after << ' ' << rest);
+          const std::string front(before, 'a'), back(after, 'b');
+          const std::u16string text = std::u16string(before, u'a') + units + std::u16string(after, u'b');
+          ByteVector bytes(1);  // the units are at odd addresses
+          for (const char16_t unit : text) Append(bytes, unit, 2);
+          for (std::size_t i = 0; i < rest; ++i) Append(bytes, i == 0 ? 0 : i % 2 == 0 ? 0xDC00 : 'x', 2);
+          bytes.shrink_to_fit();
+          const TextView view(std::as_bytes(std::span(bytes)).data() + 1, text.size() + rest, true);
+          const auto room = std::make_unique<char[]>(view.MostUtf8());
+          EXPECT_EQ(std::string(room.get(), view.PutUtf8(room.get())), front + (valid.empty() ? kept : valid) + back);
+          EXPECT_EQ(view.ToUtf8(), front + kept + back);
+          EXPECT_TRUE(view == text && view.ToString() == CString(text) && view.IsEmpty() == text.empty());
+        }
+      }
+    }
+  }
+}
+
+TEST(TextView, TakesBytesForCharacters) {
+  ByteVector bytes;
+  std::string expected;
+  for (unsigned value = 1; value < 256; ++value) {
+    bytes.push_back(static_cast<std::uint8_t>(value));
+    if (value >= 0x80) expected += static_cast<char>(0xC0 | value >> 6);
+    expected += static_cast<char>(value < 0x80 ? value : 0x80 | (value & 0x3F));
+    for (const bool isFull : {true, false}) {
+      if (!isFull) bytes.insert(bytes.end(), {0, 'x'});
+      const TextView view(std::as_bytes(std::span(bytes)).data(), bytes.size(), false);
+      const auto room = std::make_unique<char[]>(view.MostUtf8());
+      EXPECT_EQ(std::string(room.get(), view.PutUtf8(room.get())), expected);
+      EXPECT_EQ(std::tuple(view.ToUtf8(), view.ToString().ToUtf8(), view.Size()),
+                std::tuple(expected, expected, value));
+      if (!isFull) bytes.resize(bytes.size() - 2);
+    }
+  }
+}
+
+}  // namespace
