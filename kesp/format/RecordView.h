@@ -88,7 +88,7 @@ class TextView {
     return text;
   }
   // Writes the text as valid UTF-8, with U+FFFD for each such surrogate, and returns the place after it. There must be
-  // room for MostUtf8() bytes.
+  // room for MostUtf8() bytes, all of which may be overwritten.
   KESP_EXPORT char* PutUtf8(char* out) const noexcept;
   std::size_t MostUtf8() const noexcept { return std::size_t{m_room} * (m_isWide ? 3 : 2); }
   // The whole field as it is in the file, with what comes after the text.
@@ -105,7 +105,7 @@ class TextView {
 template <const auto& kBodies>
 class BodyView {
  public:
-  std::uint16_t Version() const noexcept { return m_version; }
+  std::uint16_t Version() const noexcept { return m_version; }  // of the layout
 
  protected:
   BodyView(const std::byte* body, std::uint16_t version) noexcept : m_body(body), m_version(version) {}
@@ -215,7 +215,8 @@ class AttributeView : public BodyView<kAttributeBodies> {
 
 class FeatureEndView : public BodyView<kFeatureEndBodies> {
  public:
-  explicit FeatureEndView(const std::byte* body) noexcept : BodyView(body, 1) {}  // the layout of each version
+  // Of any record version: there is one layout.
+  explicit FeatureEndView(const std::byte* body) noexcept : BodyView(body, 1) {}
   std::uint32_t FeatureNumber() const noexcept { return U32<&BodyFields::FeatureNumber>(); }
 };
 

@@ -18,7 +18,8 @@ enum class LoneSurrogate : std::uint8_t {
 char* PutUtf8(char* out, std::uint32_t code) noexcept;
 
 // Writes the UTF-16 text that starts at `text` (little-endian, at any address) and ends before its first zero unit or
-// after `units` units. Returns the place after the last byte. There must be room for kMostUtf8PerUnit * units bytes.
+// after `units` units. Returns the place after the last byte. There must be room for kMostUtf8PerUnit * units bytes,
+// all of which may be overwritten.
 char* PutUtf8(char* out, const std::byte* text, std::size_t units, LoneSurrogate lone) noexcept;
 
 // The same for a text of 8-bit characters, each of which is the character of the same value. Each takes up to 2 bytes.

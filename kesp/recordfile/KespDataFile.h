@@ -131,7 +131,8 @@ class KESP_EXPORT CKespDataFile {
   // The same walk without objects: the next record as a view of the read buffer (see kesp/format/RecordView.h), valid
   // until the next operation. Returns the same records in the same order, and ends where ReadNextRecord ends with the
   // same m_error; false where that returns null. `view` is then unchanged, but for its position. Throws where that
-  // does.
+  // does. The part of a long tag's block that a view does not hold is passed over unread: what fails only in reading it
+  // does not end this walk.
   [[nodiscard]] bool ReadNextView(kesp::RecordView& view, bool skipDeleted);
   // A lone position would convert to true.
   template <std::integral Number>
