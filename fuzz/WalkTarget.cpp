@@ -29,20 +29,16 @@ Walked WalkThrough(CKespDataFile& file, bool skipDeleted, See see) {
   return walked;
 }
 
-// Views alone, and with objects among them; in the whole file, and in one that counts as shorter.
-void CompareViews(bool skipDeleted, std::size_t length) {
-  for (const std::uint32_t objects : {0U, 0x0F0F5555U}) {
-    for (const std::size_t limit : {length, length / 2}) {
-      CKespDataFile file;
-      CKespDataFile viewed;
-      for (CKespDataFile* each : {&file, &viewed}) {
-        KESP_REQUIRE(each->OpenReadOnly("a") && each->SeekToFirstRecord());
-        each->LimitLength(limit);
-      }
-      const std::string difference = test::DifferenceOfWalks(file, viewed, skipDeleted, objects);
-      Require(difference.empty(), difference.c_str(), __FILE__, __LINE__);
-    }
+// By the input's size: views alone or with objects among them, in the whole file or in one that counts as shorter.
+void CompareViews(CKespDataFile& file, bool skipDeleted, std::size_t size) {
+  CKespDataFile viewed;
+  KESP_REQUIRE(viewed.OpenReadOnly("a"));
+  for (CKespDataFile* each : {&file, &viewed}) {
+    KESP_REQUIRE(each->SeekToFirstRecord());
+    if (size % 4 >= 2) each->LimitLength(size / 2);
   }
+  const std::string difference = test::DifferenceOfWalks(file, viewed, skipDeleted, size % 2 == 0 ? 0 : 0x0F0F5555);
+  Require(difference.empty(), difference.c_str(), __FILE__, __LINE__);
 }
 
 }  // namespace
@@ -61,8 +57,8 @@ void Walk(Input input) {
     KESP_REQUIRE(walked == test::ReadFrom(input, *first, skipDeleted));
     // Reading ahead is allowed; reading the same bytes again and again is not.
     KESP_REQUIRE(system.BytesRead() - readBefore <= 4 * input.size() + 4096);
-    CompareViews(skipDeleted, input.size());
-    KESP_REQUIRE(system.BytesRead() - readBefore <= 9 * (4 * input.size() + 4096));
+    CompareViews(file, skipDeleted, input.size());
+    KESP_REQUIRE(system.BytesRead() - readBefore <= 3 * (4 * input.size() + 4096));
   }
   KESP_REQUIRE(system.At("a") == bytes);
 

@@ -7,7 +7,6 @@
 #include <concepts>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <type_traits>
@@ -47,48 +46,45 @@ inline bool IsSame(const CString& object, const TextView& view) {
 }
 
 // The names of the fields that differ, each after a space.
-#define KESP_COMPARE(field) (IsSame(object.field, view.field()) ? "" : " " #field)
+#define KESP_SAME(field) (IsSame(object.field, view.field()) ? "" : " " #field)
 inline std::string Differing(const CKespFeature& object, const FeatureView& view) {
-  return std::string() + KESP_COMPARE(FeatureNumber) + KESP_COMPARE(FeatureName) + KESP_COMPARE(FeatureType) +
-         KESP_COMPARE(Color) + KESP_COMPARE(SymbolIndex);
+  return std::string() + KESP_SAME(FeatureNumber) + KESP_SAME(FeatureName) + KESP_SAME(FeatureType) + KESP_SAME(Color) +
+         KESP_SAME(SymbolIndex);
 }
 inline std::string Differing(const CKespPoint& object, const PointView& view) {
-  return std::string() + KESP_COMPARE(FeatureNumber) + KESP_COMPARE(PointNumber) + KESP_COMPARE(PointText) +
-         KESP_COMPARE(PointTime) + KESP_COMPARE(CoordX) + KESP_COMPARE(CoordY) + KESP_COMPARE(CoordZ) +
-         KESP_COMPARE(GpsValue) + KESP_COMPARE(GpsNumber) + KESP_COMPARE(SignalStatus) + KESP_COMPARE(Offset1) +
-         KESP_COMPARE(Offset2) + KESP_COMPARE(HasOffset);
+  return std::string() + KESP_SAME(FeatureNumber) + KESP_SAME(PointNumber) + KESP_SAME(PointText) +
+         KESP_SAME(PointTime) + KESP_SAME(CoordX) + KESP_SAME(CoordY) + KESP_SAME(CoordZ) + KESP_SAME(GpsValue) +
+         KESP_SAME(GpsNumber) + KESP_SAME(SignalStatus) + KESP_SAME(Offset1) + KESP_SAME(Offset2) +
+         KESP_SAME(HasOffset);
 }
 inline std::string Differing(const CKespAttribute& object, const AttributeView& view) {
-  return std::string() + KESP_COMPARE(FeatureNumber) + KESP_COMPARE(AttributeName) + KESP_COMPARE(AttributeKind) +
-         KESP_COMPARE(TextValue) + KESP_COMPARE(SubValue) + KESP_COMPARE(Value) + KESP_COMPARE(Decimals) +
-         KESP_COMPARE(AuxNumber1) + KESP_COMPARE(AuxNumber2) + KESP_COMPARE(AuxNumber3) + KESP_COMPARE(AuxNumber4) +
-         KESP_COMPARE(AuxText);
+  return std::string() + KESP_SAME(FeatureNumber) + KESP_SAME(AttributeName) + KESP_SAME(AttributeKind) +
+         KESP_SAME(TextValue) + KESP_SAME(SubValue) + KESP_SAME(Value) + KESP_SAME(Decimals) + KESP_SAME(AuxNumber1) +
+         KESP_SAME(AuxNumber2) + KESP_SAME(AuxNumber3) + KESP_SAME(AuxNumber4) + KESP_SAME(AuxText);
 }
 inline std::string Differing(const CKespFeatureEnd& object, const FeatureEndView& view) {
-  return KESP_COMPARE(FeatureNumber);
+  return KESP_SAME(FeatureNumber);
 }
-inline std::string Differing(const CKespNote& object, const NoteView& view) { return KESP_COMPARE(NoteText); }
+inline std::string Differing(const CKespNote& object, const NoteView& view) { return KESP_SAME(NoteText); }
 inline std::string Differing(const CKespTavoHeader& object, const HeaderView& view) {
-  return std::string() + KESP_COMPARE(StatusFlags) + KESP_COMPARE(CreationTime) + KESP_COMPARE(HeaderShort) +
-         KESP_COMPARE(HeaderText1) + KESP_COMPARE(HeaderText2) + KESP_COMPARE(HeaderText3) + KESP_COMPARE(HeaderText4) +
-         KESP_COMPARE(HeaderText5) + KESP_COMPARE(HeaderText6) + KESP_COMPARE(HeaderText7) + KESP_COMPARE(KespVersion) +
-         KESP_COMPARE(ExtentMinX) + KESP_COMPARE(ExtentMaxX) + KESP_COMPARE(ExtentMinY) + KESP_COMPARE(ExtentMaxY) +
-         KESP_COMPARE(DataExtent1) + KESP_COMPARE(DataExtent2) + KESP_COMPARE(DataExtent3) + KESP_COMPARE(DataExtent4) +
-         KESP_COMPARE(PointCount) + KESP_COMPARE(FeatureCount) + KESP_COMPARE(SpareCount) +
-         KESP_COMPARE(FirstPointTime) + KESP_COMPARE(LastPointTime) + KESP_COMPARE(LastPointText) +
-         KESP_COMPARE(SlotWord1) + KESP_COMPARE(SlotText1) + KESP_COMPARE(SlotWord2) + KESP_COMPARE(SlotText2) +
-         KESP_COMPARE(SlotWord3) + KESP_COMPARE(SlotBytes3) + KESP_COMPARE(SlotWord4) + KESP_COMPARE(SlotBytes4);
+  return std::string() + KESP_SAME(StatusFlags) + KESP_SAME(CreationTime) + KESP_SAME(HeaderShort) +
+         KESP_SAME(HeaderText1) + KESP_SAME(HeaderText2) + KESP_SAME(HeaderText3) + KESP_SAME(HeaderText4) +
+         KESP_SAME(HeaderText5) + KESP_SAME(HeaderText6) + KESP_SAME(HeaderText7) + KESP_SAME(KespVersion) +
+         KESP_SAME(ExtentMinX) + KESP_SAME(ExtentMaxX) + KESP_SAME(ExtentMinY) + KESP_SAME(ExtentMaxY) +
+         KESP_SAME(DataExtent1) + KESP_SAME(DataExtent2) + KESP_SAME(DataExtent3) + KESP_SAME(DataExtent4) +
+         KESP_SAME(PointCount) + KESP_SAME(FeatureCount) + KESP_SAME(SpareCount) + KESP_SAME(FirstPointTime) +
+         KESP_SAME(LastPointTime) + KESP_SAME(LastPointText) + KESP_SAME(SlotWord1) + KESP_SAME(SlotText1) +
+         KESP_SAME(SlotWord2) + KESP_SAME(SlotText2) + KESP_SAME(SlotWord3) + KESP_SAME(SlotBytes3) +
+         KESP_SAME(SlotWord4) + KESP_SAME(SlotBytes4);
 }
-#undef KESP_COMPARE
+#undef KESP_SAME
 
 inline std::string Differing(const CKespTag& object, const TagView& view) {
   const std::span block(reinterpret_cast<const std::byte*>(object.m_pData), object.m_pData ? object.m_dataLength : 0);
   const std::size_t held = std::min(block.size(), TagView::kMostBlock);
-  const auto isHeld = [&](const std::byte* end) { return static_cast<std::size_t>(end - block.data()) <= held; };
   const TagParts parts = PartsOf(object);
-  const std::size_t nameBytes = parts.name ? LoadLittle<std::uint32_t>(block.data()) : 0;
-  const bool hasName = parts.name && isHeld(block.data() + TagBlockLayout::kName + nameBytes);
-  const bool hasPayload = parts.payload && isHeld(parts.payload->data() + parts.payload->size());
+  const bool hasName = parts.name && TagBlockLayout::kName + LoadLittle<std::uint32_t>(block.data()) <= held;
+  const bool hasPayload = parts.payload && parts.payload->data() + parts.payload->size() <= block.data() + held;
   const auto name = view.Name();
   const auto payload = view.Payload();
   std::string differing;
@@ -108,22 +104,17 @@ inline std::string Differing(const CKespRecord& object, const RecordView& view) 
   const bool isInPlace = object.m_filePosition == static_cast<std::uint32_t>(view.Position());
   const bool hasFlags = object.m_flags == view.Flags() && object.IsDeleted() == view.IsDeleted();
   const std::string common = std::string(isInPlace ? "" : " position") + (hasFlags ? "" : " flags");
-  switch (view.Type()) {
-    case KESP_RECORD_FEATURE:
-      return common + Differing(static_cast<const CKespFeature&>(object), view.AsFeature());
-    case KESP_RECORD_POINT:
-      return common + Differing(static_cast<const CKespPoint&>(object), view.AsPoint());
-    case KESP_RECORD_HEADER:
-      return common + Differing(static_cast<const CKespTavoHeader&>(object), view.AsHeader());
-    case KESP_RECORD_FEATURE_END:
-      return common + Differing(static_cast<const CKespFeatureEnd&>(object), view.AsFeatureEnd());
-    case KESP_RECORD_ATTRIBUTE:
-      return common + Differing(static_cast<const CKespAttribute&>(object), view.AsAttribute());
-    case KESP_RECORD_NOTE:
-      return common + Differing(static_cast<const CKespNote&>(object), view.AsNote());
-    default:
-      return common + Differing(static_cast<const CKespTag&>(object), view.AsTag());
-  }
+  const auto type = view.Type();
+  if (type == KESP_RECORD_FEATURE)
+    return common + Differing(static_cast<const CKespFeature&>(object), view.AsFeature());
+  if (type == KESP_RECORD_POINT) return common + Differing(static_cast<const CKespPoint&>(object), view.AsPoint());
+  if (type == KESP_RECORD_HEADER)
+    return common + Differing(static_cast<const CKespTavoHeader&>(object), view.AsHeader());
+  if (type == KESP_RECORD_ATTRIBUTE)
+    return common + Differing(static_cast<const CKespAttribute&>(object), view.AsAttribute());
+  if (type == KESP_RECORD_NOTE) return common + Differing(static_cast<const CKespNote&>(object), view.AsNote());
+  if (type == KESP_RECORD_TAG) return common + Differing(static_cast<const CKespTag&>(object), view.AsTag());
+  return common + Differing(static_cast<const CKespFeatureEnd&>(object), view.AsFeatureEnd());
 }
 
 // What one call of a walk returned, and how it left the file.
@@ -136,11 +127,12 @@ struct Step {
   std::uint64_t end = 0;     // where the file is then
   bool operator==(const Step&) const = default;
 };
+// `read` returns whether there is a record.
 template <class Read>
 Step StepOf(CKespDataFile& file, Read read) {
   Step step;
   try {
-    step.hasRecord = read();
+    step.hasRecord = read(step.header);
   } catch (const CFileException&) {
     step.raised = true;
   }
@@ -151,17 +143,14 @@ Step StepOf(CKespDataFile& file, Read read) {
   return step;
 }
 inline Step NextObject(CKespDataFile& file, bool skipDeleted, std::unique_ptr<CKespRecord>& record) {
-  std::uint32_t header = 0;
-  record.reset();
-  Step step = StepOf(file, [&] {
+  return StepOf(file, [&](std::uint32_t& header) {
+    record.reset();
     record.reset(file.ReadNextRecord(header, skipDeleted));
     return record != nullptr;
   });
-  step.header = header;
-  return step;
 }
 inline Step NextView(CKespDataFile& file, bool skipDeleted, RecordView& view) {
-  Step step = StepOf(file, [&] { return file.ReadNextView(view, skipDeleted); });
+  Step step = StepOf(file, [&](std::uint32_t&) { return file.ReadNextView(view, skipDeleted); });
   step.header = static_cast<std::uint32_t>(view.Position());
   return step;
 }
@@ -170,8 +159,7 @@ inline Step NextView(CKespDataFile& file, bool skipDeleted, RecordView& view) {
 // which are used over and over, the second reads an object too. Returns what differs first; empty when nothing does.
 inline std::string DifferenceOfWalks(CKespDataFile& file, CKespDataFile& viewed, bool skipDeleted,
                                      std::uint32_t objects = 0) {
-  std::unique_ptr<CKespRecord> record;
-  std::unique_ptr<CKespRecord> other;
+  std::unique_ptr<CKespRecord> record, other;
   RecordView view;
   for (;; objects = std::rotr(objects, 1)) {
     const bool isView = (objects & 1) == 0;
