@@ -324,9 +324,9 @@ void CFile::EndBlockReader() noexcept {
   const std::uint64_t end = m_bufferStart + m_bufferSize;
   const bool taken = !m_buffer || m_data < m_buffer->Data() || m_data > m_buffer->Data() + kesp::AlignedBytes::kLine;
   if (taken) {
-    const std::byte* const from = m_data + (m_position - m_bufferStart);
-    const bool kept =
-        m_position >= m_bufferStart && m_position < end && end - m_position <= kBufferSize && MakeBuffer();
+    const bool isUnread = m_position >= m_bufferStart && m_position < end;
+    const std::byte* const from = isUnread ? m_data + (m_position - m_bufferStart) : nullptr;
+    const bool kept = isUnread && end - m_position <= kBufferSize && MakeBuffer();
     m_bufferSize = kept ? static_cast<std::size_t>(end - m_position) : 0;
     if (kept) std::memcpy(PlaceInBuffer(m_position), from, m_bufferSize);
     m_bufferStart = m_position;
