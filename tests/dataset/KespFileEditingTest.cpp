@@ -99,6 +99,7 @@ TEST(Deletion, FindsRecordsWhereverTheyAreOrNone) {
   set.Point(3)->PointNumber = 99;  // there is none of that number on disk
   file.m_numPoints = 0;            // not counted
   Access::DeletePoint(file, set.Point(1));
+  EXPECT_EQ(feature->GetNumPoints(), 2);
   EXPECT_EQ(file.DeleteFeatureAndAssociatedRec(feature), ERR_NONE);
   EXPECT_EQ(ReadFile(set.path), TwoFeatures({1, 2, 3, 7}));
   EXPECT_EQ(file.m_numPoints, 0u);

@@ -138,6 +138,20 @@ TEST(WriteQueue, LeavesAloneWhatExists) {
     } const late;
     refuses(set.path);
   }
+  {
+    struct MadeMeanwhile : IdleDisk {  // by a program that takes no lock
+      explicit MadeMeanwhile(std::filesystem::path wanted) : path(std::move(wanted)) {}
+      ssize_t Write(int, const void*, std::size_t, std::int64_t) override {
+        WriteFile(path, ByteVector(60, 'x'));
+        return errno = EIO, -1;
+      }
+      const std::filesystem::path path;
+    } const meanwhile(set.dir / "long");
+    CKespFile other;
+    EXPECT_EQ(other.WriteNewKespFileFromQueue(Text(set.dir / "long")), ERR_NONE);
+    EXPECT_FALSE(other.m_pDataFile->IsOpen());
+    EXPECT_EQ(ReadFile(set.dir / "long"), ByteVector(60, 'x'));
+  }
   std::filesystem::create_symlink("nowhere", set.dir / "link");
   refuses(set.path);
   refuses(set.dir / "link");

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -63,6 +64,15 @@ TEST(ObjectPool, ThreadsShareBlocksAndLeaveNone) {
   const bool pooled = PoolBytesHeld() != 0;
   EXPECT_GE(std::ranges::count_if(second, wasThere), pooled ? kAll - 64 : 0);
   std::ranges::for_each(second, free);
+  std::set<void*> used;  // that many threads use one after another
+  for (int i = 0; i < 200; ++i) std::thread([&] { free(*used.insert(PoolAllocate(1000)).first); }).join();
+  EXPECT_LE(used.size(), pooled ? 64u : 200u);
+}
+
+TEST(ObjectPool, PreparesUntilEnoughIsReady) {
+  int prepared = 0;
+  while (prepared < 100 && PoolPrepare()) ++prepared;
+  EXPECT_LE(prepared, 4);
 }
 
 }  // namespace

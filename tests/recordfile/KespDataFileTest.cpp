@@ -15,7 +15,10 @@ class KespDataFile : public OneFile {
  protected:
   void ExpectNoChanges() {  // by any call that changes a file
     auto end = EndRecord(7);
+    const std::uint32_t failed = file.GetFailedAppends();
     EXPECT_FALSE(file.AppendRecord(&end, 2));
+    EXPECT_EQ(std::tuple(file.GetFailedAppends() - failed, end.m_flags),
+              file.IsOpen() ? std::tuple(1, 2) : std::tuple(0, 0));
     EXPECT_FALSE(file.CopyRecord(&end, kFirst));
     EXPECT_FALSE(file.UpdateRecord(&end, 8, false));
     EXPECT_FALSE((file.Seek(kFirst), file.OverwriteRecord(&end, 2)));

@@ -242,6 +242,15 @@ TEST_F(Salvaging, AfterDamageEveryTextHasToEndAndEveryNumberToBeFinite) {
   }
 }
 
+TEST_F(Salvaging, FindsWhatIsBeyondFourGigabytes) {
+  constexpr std::uint32_t kPassedOver = 0xFFFFFFE0;  // from 82 to 4 GiB and 50
+  Put(EndOf(1) + WithLength(Record(200, 1, 0, {}), kPassedOver));
+  PutAt(82 + std::uint64_t{kPassedOver}, EndOf(2) + ByteVector(40) + Sample(9, 2) + Sample(6, 2));
+  EXPECT_TRUE(kesp::Salvage(Text(path), Text(copy), 0, report));
+  EXPECT_EQ(ReadFile(copy), FileHeader() + EndOf(1) + EndOf(2) + Sample(9, 2) + Sample(6, 2));
+  EXPECT_EQ(std::tuple(report.gaps[0].offset, report.gapBytes), std::tuple(82 + std::uint64_t{kPassedOver} + 18, 40));
+}
+
 TEST_F(Salvaging, FailsWhereItCannotWriteOrWouldWriteOverItsSource) {
   EXPECT_FALSE(kesp::Salvage(file, Text(copy), 2, report));  // not open
   EXPECT_FALSE(kesp::Salvage(Text(dir / "none"), Text(copy), 2, report));
