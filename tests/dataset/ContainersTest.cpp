@@ -5,6 +5,7 @@
 #include "kesp/records/GpsTime.h"
 #include "kesp/records/KespNote.h"
 #include "tests/dataset/DataSet.h"
+#include "tests/support/FaultyMemory.h"
 
 using namespace kesp::test;
 
@@ -63,6 +64,22 @@ TEST(RecordList, KeepsItsOrderWhateverIsRemoved) {
     ASSERT_EQ(list.GetCount(), std::ssize(model));
     ASSERT_EQ(list.IsEmpty(), model.empty());
     ASSERT_EQ(list.GetHead(), model.empty() ? nullptr : model.front());
+  }
+}
+
+TEST(RecordList, RemovesWhateverIsInItWhenMemoryWasShort) {
+  CKespNote first, second, third;
+  bool struck = true;
+  for (int at = 1; struck; ++at) {
+    kesp::RecordList list;
+    list.AddTail(&first), list.AddTail(&second);
+    {
+      const FaultyMemory memory(at);
+      list.Remove(&first), list.AddTail(&third);
+      struck = FaultyMemory::Struck();
+    }
+    list.Remove(&third);
+    EXPECT_EQ(std::vector<CKespRecord*>(list.begin(), list.end()), (std::vector<CKespRecord*>{&second})) << at;
   }
 }
 

@@ -72,9 +72,9 @@ TEST(ReadKespFile, TakesTheExtentAndTheNotesAfterAnOldHeader) {
     const char* bmc = "";
     const char* left = "H";
   } rows[] = {
-      {Survey({Header2{2, 1, 2, 3, 4}}), {1, 2, 3, 4}}, {Survey({Header2{2, 0, 1e-7, 3, 4}}), {}},
+      {Survey({Header2{2, 1.1, 2.2, 3.3, 4.4}}), {1.1, 2.2, 3.3, 4.4}}, {Survey({Header2{2, 0, 1e-7, 3, 4}}), {}},
       {Survey({Header2{2, 1, 2, 3, 3}}), {}}, {Survey({Header2{2, 0, 1.1e-7, 0, 1.1e-7}}), {0, 1.1e-7, 0, 1.1e-7}},
-      {old({}), {}}, {old({"BMC:job 5", "ZOM:1.5,2.5,-3,4e1"}), {1.5, 2.5, -3, 40}, "job 5"},
+      {old({}), {}}, {old({"BMC:job 5", "ZOM:1.1,2.2,-3.3,4e1"}), {1.1, 2.2, -3.3, 40}, "job 5"},
       {old({"ZOM:1,2,3,4", "BMC:x"}), {1, 2, 3, 4}, "", "H N:BMC:x"},
       {old({"BMC:a", "BMC:b", "ZOM:1,2,3,4"}), {}, "a", "H N:BMC:b N:ZOM:1,2,3,4"},
       {old({"bmc:a"}), {}, "", "H N:bmc:a"}, {old({"BMCa"}), {}, "", "H N:BMCa"},
