@@ -105,7 +105,9 @@ TEST(Records, AreTheSameByTheirKeys) {
   CKespRecord* const kOthers[] = {&feature2, &end2, &point2, &attribute2, &point3, &attribute3};
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
   const auto renumber = [](auto&... record) { return (record.SetFeatureNumber(70'000, 2) && ...); };
-  EXPECT_TRUE(renumber(feature2, end2, point3, attribute2));
+  CKespFeaturePtPair pair(1, 2);
+  EXPECT_TRUE(renumber(feature2, end2, point3, attribute2, pair));
+  EXPECT_EQ(std::tuple(pair.FeatureNumber, pair.PointNumber), std::tuple(70'000, 2));
   EXPECT_EQ(std::tuple(feature2.FeatureNumber, end2.FeatureNumber), std::tuple(70'000, 70'000));
   EXPECT_EQ(std::tuple(point3.FeatureNumber, attribute2.FeatureNumber), std::tuple(70'000, 70'000));
   point2.PointNumber = 1, attribute3.AttributeName = u"type";
