@@ -5,7 +5,6 @@
 #include <array>
 #include <clocale>
 #include <limits>
-#include <sstream>
 #include <string>
 
 #include "kesp/platform/MessageHook.h"
@@ -117,26 +116,20 @@ TEST(Utilities, EveryTextIsUnderItsNumberAndNoOther) {
 }
 
 TEST(FieldReader, LeavesWhatIsCutShortAndAllThatFollows) {
-  const ByteVector whole = Hex("0102 03 01020304 'ab' 00 \"cd\" 0000 00*6 f03f 07 00 aabb");
-  // Where each field ends, and what it is after it was read and before.
-  const std::tuple<std::size_t, const char*, const char*> kFields[] = {
-      {2, "513", "9"}, {3, "", ""},    {7, "67305985", "9"}, {10, "ab", "-"},
-      {16, "cd", "-"}, {24, "1", "9"}, {26, "7", "9"},       {28, "170", "9"}};
+  const ByteVector whole = Hex("0102 03 01020304 'ab' 00 \"cd\" 0000 00*6 f03f 07 00 aa");
   for (std::size_t size = 0; size <= whole.size(); ++size) {
     FieldReader reader(std::as_bytes(std::span(whole)).first(size));
-    std::uint32_t two = 9, four = 9, choice = 9;
+    unsigned two = 9, four = 9, choice = 9;
     CString text8 = u"-", text16 = u"-";
     double number = 9;
-    std::array<std::uint8_t, 2> raw{9, 9};
+    std::array<std::uint8_t, 1> raw{9};
     reader.U16(two), reader.Skip(1), reader.U32(four), reader.Text8(text8, 3), reader.Text16(text16, 3);
     reader.F64(number), reader.Choice16(choice, 0, 9), reader.Raw(raw);
-    std::ostringstream found, expected;
-    found << two << "||" << four << '|' << text8.ToUtf8() << '|' << text16.ToUtf8() << '|' << number << '|' << choice
-          << '|' << +raw[0] << '|';
-    std::size_t end = 0;
-    for (const auto& [at, after, before] : kFields) expected << (at <= size ? (end = at, after) : before) << '|';
-    EXPECT_EQ(found.str(), expected.str());
-    EXPECT_EQ(std::tuple(reader.Failed(), reader.Offset()), std::tuple(size < whole.size(), end)) << size;
+    const auto from = [size](std::size_t end, auto after, auto before) { return size >= end ? after : before; };
+    EXPECT_EQ(std::tuple(two, four, text8, text16, number, choice, raw[0], reader.Failed()),
+              std::tuple(from(2, 513, 9), from(7, 0x04030201, 9), CString(from(10, "ab", "-")),
+                         CString(from(16, "cd", "-")), from(24, 1, 9), from(26, 7, 9), from(27, 0xAA, 9), size < 27))
+        << size;
   }
 }
 
