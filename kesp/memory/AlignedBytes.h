@@ -6,7 +6,6 @@
 #pragma once
 #include <cstddef>
 #include <new>
-#include <utility>
 
 namespace kesp {
 
@@ -14,22 +13,18 @@ class AlignedBytes {
  public:
   static constexpr std::size_t kLine = 64;
 
-  AlignedBytes() noexcept = default;
   explicit AlignedBytes(std::size_t size) noexcept
       : m_data(static_cast<std::byte*>(::operator new(size, kPage, std::nothrow))) {}
   ~AlignedBytes() { ::operator delete(m_data, kPage); }
-  AlignedBytes(AlignedBytes&& other) noexcept : m_data(std::exchange(other.m_data, nullptr)) {}
-  AlignedBytes& operator=(AlignedBytes&& other) noexcept {
-    std::swap(m_data, other.m_data);
-    return *this;
-  }
+  AlignedBytes(const AlignedBytes&) = delete;
+  AlignedBytes& operator=(const AlignedBytes&) = delete;
 
   std::byte* Data() const noexcept { return m_data; }
   explicit operator bool() const noexcept { return m_data != nullptr; }
 
  private:
   static constexpr std::align_val_t kPage{4096};
-  std::byte* m_data = nullptr;
+  std::byte* const m_data;
 };
 
 }  // namespace kesp

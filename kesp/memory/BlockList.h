@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "kesp/memory/ObjectPool.h"
@@ -24,20 +23,6 @@ class BlockList {
   ~BlockList() { Clear(); }
   BlockList(const BlockList&) = delete;
   BlockList& operator=(const BlockList&) = delete;
-  BlockList(BlockList&& other) noexcept
-      : m_blocks(std::move(other.m_blocks)),
-        m_size(std::exchange(other.m_size, 0)),
-        m_next(std::exchange(other.m_next, nullptr)),
-        m_end(std::exchange(other.m_end, nullptr)) {
-    other.m_blocks.clear();
-  }
-  BlockList& operator=(BlockList&& other) noexcept {
-    m_blocks.swap(other.m_blocks);
-    std::swap(m_size, other.m_size);
-    std::swap(m_next, other.m_next);
-    std::swap(m_end, other.m_end);
-    return *this;
-  }
 
   std::size_t Size() const noexcept { return m_size; }
   T& operator[](std::size_t at) noexcept { return m_blocks[at / kPerBlock][at % kPerBlock]; }

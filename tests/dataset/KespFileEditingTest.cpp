@@ -15,8 +15,8 @@ ErrorEnum Update(CKespFile& file, double minY, double maxY, double minX, double 
 
 TEST(UpdateKespHeader, WritesTextsExtentAndSummary) {
   // Feature 2 comes before feature 1 in the index, so its text is the first of the latest ones.
-  const ByteVector records = Feature(1) + Point(1, 1, {900000, 5, 6, "A1"}) + Attribute(1, "a") + Feature(2) +
-                             Point(2, 2, {-7, -1, 2, "A2"}) + Point(2, 3, {900000, 3, -4, "A3"}) + Feature(3) +
+  const ByteVector records = Feature(1) + Point(1, 1, {900000, 5.5, 6.6, "A1"}) + Attribute(1, "a") + Feature(2) +
+                             Point(2, 2, {-7, -1.1, 2, "A2"}) + Point(2, 3, {900000, 3, -4.4, "A3"}) + Feature(3) +
                              Note("BMC:x");
   const Header2 header{2, 1, 2, 3, 4, 0xF0};
   DataSet set(Survey({header}) + records, Then::Read);
@@ -24,11 +24,11 @@ TEST(UpdateKespHeader, WritesTextsExtentAndSummary) {
     // clang-format off
     const ByteVector body = Body(3, 2, {
         {"status", 0xF1}, {"created", 1'000'000'000}, {"t1", "four"}, {"t2", "two"}, {"t3", "three"}, {"t4", "one"},
-        {"t5", "six"}, {"t6", "five"}, {"kespVersion", 2}, {"minX", 10}, {"maxX", 20}, {"minY", 30}, {"maxY", 40},
-        {"data1", -1}, {"data2", 5}, {"data3", -4}, {"data4", 6}, {"points", 3}, {"features", 3}, {"first", -7},
+        {"t5", "six"}, {"t6", "five"}, {"kespVersion", 2}, {"minX", 10.1}, {"maxX", 20.2}, {"minY", 30.3}, {"maxY", 40.4},
+        {"data1", -1.1}, {"data2", 5.5}, {"data3", -4.4}, {"data4", 6.6}, {"points", 3}, {"features", 3}, {"first", -7},
         {"last", 900000}, {"lastText", "A3"}, {"slot1", flag}});
     // clang-format on
-    EXPECT_EQ(Update(set.file, 30, flag ? 40 : 20, 10, 20, flag), ERR_NONE);  // the second extent is none: left
+    EXPECT_EQ(Update(set.file, 30.3, flag ? 40.4 : 20, 10.1, 20.2, flag), ERR_NONE);  // the second extent is none: left
     EXPECT_EQ(ReadFile(set.path), FileHeader() + Record(3, 2, 8, body) + records) << flag;
   }
 }
@@ -99,6 +99,7 @@ TEST(Deletion, FindsRecordsWhereverTheyAreOrNone) {
   set.Point(3)->PointNumber = 99;  // there is none of that number on disk
   file.m_numPoints = 0;            // not counted
   Access::DeletePoint(file, set.Point(1));
+  EXPECT_EQ(feature->GetNumPoints(), 2);
   EXPECT_EQ(file.DeleteFeatureAndAssociatedRec(feature), ERR_NONE);
   EXPECT_EQ(ReadFile(set.path), TwoFeatures({1, 2, 3, 7}));
   EXPECT_EQ(file.m_numPoints, 0u);

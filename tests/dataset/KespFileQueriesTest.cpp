@@ -1,3 +1,4 @@
+#include <array>
 #include <limits>
 
 #include "tests/dataset/DataSet.h"
@@ -124,6 +125,25 @@ TEST(Summary, OfNoPointsHasNoExtentAndTimesThatAnyPointReplaces) {
   EXPECT_TRUE(text.IsEmpty());
   EXPECT_NEAR(static_cast<double>(first.GetTime()), static_cast<double>(inTenThousandDays), 60);
   EXPECT_EQ(last.GetTime(), std::mktime(&start));
+}
+
+TEST(BoundingBox, GrowsWithPointsThatAreFinite) {
+  const double inf = std::numeric_limits<double>::infinity();
+  const auto extent = [](const CBoundingBox& box) {
+    std::array<double, 4> e{9, 9, 9, 9};
+    box.Get(e[0], e[1], e[2], e[3]);
+    return e;
+  };
+  CBoundingBox box(0.1, 0.2, 0.3, 0.4);
+  EXPECT_EQ(extent(box), (std::array{0.1, 0.2, 0.3, 0.4}));
+  for (const auto& [x, y] : {std::pair{.05, .35}, {.25, .45}, {.15, .25}, {inf, 0}, {9, inf - inf}}) box.Include(x, y);
+  EXPECT_EQ(extent(box), (std::array{0.05, 0.25, 0.25, 0.45}));
+  box = CBoundingBox(0, inf, 0, 1);
+  box.Include(1.1, -2.2);
+  EXPECT_EQ(extent(box), (std::array{1.1, 1.1, -2.2, -2.2}));
+  for (const auto& [a, b] : {std::pair{0.2, 0.1}, {-inf, 1}, {0, inf}})
+    for (const CBoundingBox& bad : {CBoundingBox(), CBoundingBox(a, b, 0, 1), CBoundingBox(0, 1, a, b)})
+      EXPECT_EQ(std::tuple(bad.IsValid(), extent(bad)), std::tuple(false, std::array<double, 4>{}));
 }
 
 }  // namespace

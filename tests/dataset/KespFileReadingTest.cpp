@@ -72,9 +72,9 @@ TEST(ReadKespFile, TakesTheExtentAndTheNotesAfterAnOldHeader) {
     const char* bmc = "";
     const char* left = "H";
   } rows[] = {
-      {Survey({Header2{2, 1, 2, 3, 4}}), {1, 2, 3, 4}}, {Survey({Header2{2, 0, 1e-7, 3, 4}}), {}},
+      {Survey({Header2{2, 1.1, 2.2, 3.3, 4.4}}), {1.1, 2.2, 3.3, 4.4}}, {Survey({Header2{2, 0, 1e-7, 3, 4}}), {}},
       {Survey({Header2{2, 1, 2, 3, 3}}), {}}, {Survey({Header2{2, 0, 1.1e-7, 0, 1.1e-7}}), {0, 1.1e-7, 0, 1.1e-7}},
-      {old({}), {}}, {old({"BMC:job 5", "ZOM:1.5,2.5,-3,4e1"}), {1.5, 2.5, -3, 40}, "job 5"},
+      {old({}), {}}, {old({"BMC:job 5", "ZOM:1.1,2.2,-3.3,4e1"}), {1.1, 2.2, -3.3, 40}, "job 5"},
       {old({"ZOM:1,2,3,4", "BMC:x"}), {1, 2, 3, 4}, "", "H N:BMC:x"},
       {old({"BMC:a", "BMC:b", "ZOM:1,2,3,4"}), {}, "a", "H N:BMC:b N:ZOM:1,2,3,4"},
       {old({"bmc:a"}), {}, "", "H N:bmc:a"}, {old({"BMCa"}), {}, "", "H N:BMCa"},
@@ -118,7 +118,7 @@ TEST(ReadKespFile, InterpretsTags) {
   DataSet set(Survey({Header2{2, 1, 2, 3, 4}, tag(7, {4, 5, 0x10, 6}), tag(7, {8, 9, 0x10, 6}),
                       tag(7, {1, 70'002, 0x10, 7}), tag(7, {1, 2, 3}), Tag(9, "", Floats({3, 1, 1, 1, 1})),
                       Tag(11, "", Floats({3, 1, 1, 1, 1, 2})), Tag(9, "", Floats({4, 1, 1, 1, 1})), tag(9, {3}),
-                      tag(10, {4, 1, 9, 2, 3, 6}), tag(10, {4, 1, 4, 2, 3, 6}), tag(10, {3}),
+                      tag(10, {4, 1, 70'009, 2, 3, 6}), tag(10, {4, 1, 4, 2, 3, 6}), tag(10, {3}),
                       tag(13, {4, 8}, "FEATUREchanges"), tag(13, {5, 8}, "Feature Changes"), Feature(4), Point(4, 1)}));
   CKespFile& file = set.file;
   for (int times = 0; times < 2; ++times) ASSERT_EQ(file.ReadKespFile(false), ERR_NONE);
@@ -136,7 +136,7 @@ TEST(ReadKespFile, InterpretsTags) {
   CKespFeatureLink* const a = file.m_featureLinks[0];
   CKespFeatureLink* const b = file.m_featureLinks[1];
   EXPECT_EQ((*file.m_linkListIndex.Find(4))->m_links, (std::vector{a, b, b}));
-  EXPECT_EQ((*file.m_linkListIndex.Find(9))->m_links, (std::vector{a}));
+  EXPECT_EQ((*file.m_linkListIndex.Find(70'009))->m_links, (std::vector{a}));
   EXPECT_EQ(a->m_spare, 6u);
   EXPECT_EQ(a->m_tagRecordPosition, tags[8]->m_filePosition);
   EXPECT_EQ(file.m_featureChangesIndex.GetCount(), 1);

@@ -15,13 +15,13 @@ TEST(Factories, GiveRecordsTheirFields) {
   EXPECT_EQ(feature->DisplayWord1, 6);
   EXPECT_EQ(feature->DisplayWord2, 7);
   EXPECT_EQ(feature->DisplayText, CString("shown"));
-  feature->AddPoint(file.CreatePoint(3, "A1", -9, 1.5, 2.5, 3.5, 7));
-  EXPECT_EQ(file.AddGpsInfoToPoint(*feature->GetPoint(0), 4.5, 6, KESP_SIGNAL_STATUS_2), ERR_NONE);
-  EXPECT_EQ(file.AddOffsetToPoint(*feature->GetPoint(0), 8.5, 9.5), ERR_NONE);
+  feature->AddPoint(file.CreatePoint(3, "A1", -9, 1.1, 2.2, 3.3, 7));
+  EXPECT_EQ(file.AddGpsInfoToPoint(*feature->GetPoint(0), 4.4, 6, KESP_SIGNAL_STATUS_2), ERR_NONE);
+  EXPECT_EQ(file.AddOffsetToPoint(*feature->GetPoint(0), 8.8, 9.9), ERR_NONE);
   feature->AddAttribute(file.CreateStringAttribute("a", 7, "thick"));
   feature->AddAttribute(file.CreateMenuAttribute("b", 7, "thin"));
-  feature->AddAttribute(file.CreateNumericAttribute("c", 7, 1.5, 2, 100));
-  feature->AddAttribute(file.CreateDateAttribute("d", 7, 40000, 2, 100));
+  feature->AddAttribute(file.CreateNumericAttribute("c", 7, 1.7, 2, 100));
+  feature->AddAttribute(file.CreateDateAttribute("d", 7, 40000.1, 2, 100));
   EXPECT_EQ(file.AddFeatureAndAssociatedRecToWriteQueue(feature.get()), ERR_NONE);
   EXPECT_EQ(file.WriteNewKespFileFromQueue(Text(dir / "new")), ERR_NONE);
   const auto attribute = [](const char* name, KESP_ATTRIBUTE_KIND kind, const char* text, double value) {
@@ -33,10 +33,10 @@ TEST(Factories, GiveRecordsTheirFields) {
   EXPECT_EQ(ReadFile(dir / "new"), Survey({
       Record(1, 3, 0, Body(1, 3, {{"feature", 7}, {"name", "Oak"}, {"kind", 2}, {"color", 0x112233}, {"symbol", 5}})),
       attribute("a", KESP_ATTRIBUTE_STRING, "thick", 0), attribute("b", KESP_ATTRIBUTE_MENU, "thin", 0),
-      attribute("c", KESP_ATTRIBUTE_NUMERIC, "", 1.5), attribute("d", KESP_ATTRIBUTE_DATE, "", 40000),
-      Record(2, 2, 0, Body(2, 2, {{"feature", 7}, {"point", 3}, {"text", "A1"}, {"time", -9}, {"y", 1.5}, {"x", 2.5},
-                                  {"z", 3.5}, {"gps", 4.5}, {"number", 6}, {"signal", int{KESP_SIGNAL_STATUS_2}},
-                                  {"hasOffset", 1}, {"offset1", 8.5}, {"offset2", 9.5}}))}));
+      attribute("c", KESP_ATTRIBUTE_NUMERIC, "", 1.7), attribute("d", KESP_ATTRIBUTE_DATE, "", 40000.1),
+      Record(2, 2, 0, Body(2, 2, {{"feature", 7}, {"point", 3}, {"text", "A1"}, {"time", -9}, {"y", 1.1}, {"x", 2.2},
+                                  {"z", 3.3}, {"gps", 4.4}, {"number", 6}, {"signal", int{KESP_SIGNAL_STATUS_2}},
+                                  {"hasOffset", 1}, {"offset1", 8.8}, {"offset2", 9.9}}))}));
   // clang-format on
 }
 
@@ -137,6 +137,20 @@ TEST(WriteQueue, LeavesAloneWhatExists) {
       }
     } const late;
     refuses(set.path);
+  }
+  {
+    struct MadeMeanwhile : IdleDisk {  // by a program that takes no lock
+      explicit MadeMeanwhile(std::filesystem::path wanted) : path(std::move(wanted)) {}
+      ssize_t Write(int, const void*, std::size_t, std::int64_t) override {
+        WriteFile(path, ByteVector(60, 'x'));
+        return errno = EIO, -1;
+      }
+      const std::filesystem::path path;
+    } const meanwhile(set.dir / "long");
+    CKespFile other;
+    EXPECT_EQ(other.WriteNewKespFileFromQueue(Text(set.dir / "long")), ERR_NONE);
+    EXPECT_FALSE(other.m_pDataFile->IsOpen());
+    EXPECT_EQ(ReadFile(set.dir / "long"), ByteVector(60, 'x'));
   }
   std::filesystem::create_symlink("nowhere", set.dir / "link");
   refuses(set.path);

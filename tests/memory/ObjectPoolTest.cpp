@@ -1,12 +1,15 @@
 #include "kesp/memory/ObjectPool.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -63,6 +66,32 @@ TEST(ObjectPool, ThreadsShareBlocksAndLeaveNone) {
   const bool pooled = PoolBytesHeld() != 0;
   EXPECT_GE(std::ranges::count_if(second, wasThere), pooled ? kAll - 64 : 0);
   std::ranges::for_each(second, free);
+  std::set<void*> used;  // that many threads use one after another
+  for (int i = 0; i < 200; ++i) std::thread([&] { free(*used.insert(PoolAllocate(1000)).first); }).join();
+  EXPECT_LE(used.size(), pooled ? 64u : 200u);
+}
+
+// The stock goes back in the first round of a thread's destructors; another one may need the pool in the second.
+TEST(ObjectPool, ServesAThreadThatHasNoStockAnyMore) {
+  static pthread_key_t key;
+  static int rounds = 0;
+  const auto work = [](void* early) {
+    if (++rounds == 1) return (void)::pthread_setspecific(key, early);
+    std::vector<void*> blocks(100);
+    for (void*& block : blocks) std::memset(block = PoolAllocate(1000), 1, 1000);
+    EXPECT_EQ(std::set<void*>(blocks.begin(), blocks.end()).size(), blocks.size());
+    for (void* const block : blocks) PoolFree(block, 1000);
+    PoolFree(early, 1000);
+  };
+  ASSERT_EQ(::pthread_key_create(&key, work), 0);
+  std::thread([] { (void)::pthread_setspecific(key, PoolAllocate(1000)); }).join();
+  EXPECT_EQ(rounds, 2);
+}
+
+TEST(ObjectPool, PreparesUntilEnoughIsReady) {
+  int prepared = 0;
+  while (prepared < 100 && PoolPrepare()) ++prepared;
+  EXPECT_LE(prepared, 4);
 }
 
 }  // namespace

@@ -164,6 +164,8 @@ TEST_F(File, AFailureOfReadingAheadIsLeftToTheReadThere) {
 
 TEST_F(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
   static std::atomic<int> taken = 0;
+  const auto threads = [] { return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/task")); };
+  const auto others = threads();
   WriteFile(path, ByteVector(9'000'001));
   CFile file(name, kReader);
   file.StartBlockReader();
@@ -179,6 +181,10 @@ TEST_F(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
   ::pthread_sigmask(SIG_SETMASK, &masked, nullptr);
   EXPECT_EQ(taken, 1);
   (void)std::signal(SIGUSR1, before);
+  EXPECT_EQ(threads(), others + 1);
+  file.Close();
+  for (int ms = 0; threads() > others && ms < 2000; ++ms) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(threads(), others);
 }
 
 TEST_F(File, AChildThatIsForkedReadsOnForItself) {
@@ -347,6 +353,24 @@ TEST_F(File, TellsWhyAnOperationFailed) {
   EXPECT_EQ(CauseOf(write), CFileException::accessDenied);
   EXPECT_EQ(CauseOf([&] { file.SetLength(0); }), CFileException::accessDenied);
   EXPECT_EQ(ReadFile(path), Hex("'a123456789'"));
+}
+
+// A host that has closed its standard input gets the descriptor 0 for a file.
+TEST_F(File, MayHaveTheDescriptorZero) {
+  const auto uses = [&] {
+    ::close(0);
+    CFile file(name, kCreator), second;
+    FaultySystem system;
+    file.Write("ab", 2);
+    file.TouchModified();
+    file.Flush();
+    file.SeekToBegin();
+    const bool good = ::fcntl(0, F_GETFD) != -1 && system.Calls("futimens") == 1 && file.IsOpen() &&
+                      file.IsSameFile(name) && ReadText(file, 3) == "ab" && !second.Open(name, kWriter);
+    file.Close();
+    return good && ::fcntl(0, F_GETFD) == -1 && second.Open(name, kReader) && ReadText(second, 3) == "ab";
+  };
+  EXPECT_EQ(StatusOfChild(uses), 0);
 }
 
 TEST_F(File, ClosesWhateverComes) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
 
 #include "tests/recordfile/Survey.h"
 
@@ -15,11 +16,16 @@ class KespDataFile : public OneFile {
  protected:
   void ExpectNoChanges() {  // by any call that changes a file
     auto end = EndRecord(7);
+    const std::uint32_t failed = file.GetFailedAppends();
+    file.m_systemError = 0;
     EXPECT_FALSE(file.AppendRecord(&end, 2));
+    EXPECT_EQ(std::tuple(file.GetFailedAppends() - failed, end.m_flags),
+              file.IsOpen() ? std::tuple(1, 2) : std::tuple(0, 0));
     EXPECT_FALSE(file.CopyRecord(&end, kFirst));
     EXPECT_FALSE(file.UpdateRecord(&end, 8, false));
     EXPECT_FALSE((file.Seek(kFirst), file.OverwriteRecord(&end, 2)));
     EXPECT_FALSE((file.Seek(kFirst), file.DeleteRecord(kFirst, KESP_RECORD_NONE)));
+    EXPECT_EQ(file.GetSystemError(), file.IsOpen() ? EBADF : 0);
   }
 };
 
@@ -71,6 +77,15 @@ TEST_F(KespDataFile, CreatesFiftyBytesAndSaysWhyAPathCantBeOpened) {
   EXPECT_EQ(file.GetError(), KESP_ERROR_BAD_RECORD);
   EXPECT_EQ(file.ReadNextRecord(true), nullptr);
   EXPECT_EQ(file.GetError(), KESP_ERROR_NONE);
+  KESP_RECORD_TYPE type = KESP_RECORD_TAG;
+  unsigned short version = 9;
+  std::uint32_t flags = 9, length = 9;
+  unsigned long wideFlags = 9, wideLength = 9;
+  EXPECT_FALSE(file.ReadNextRecordHeader(type, version, flags, length) || file.EndsWhole());
+  EXPECT_FALSE(file.ReadNextRecordHeader(type, version, wideFlags, wideLength));
+  EXPECT_EQ(std::tuple(type, version, flags, length, wideFlags, wideLength),
+            std::tuple(KESP_RECORD_TAG, 9, 9, 9, 9, 9));
+  EXPECT_EQ(file.GetSystemError(), 0) << "a closed file is no failure of the system";
 
   WriteFile(path, ByteVector(1000, 0xEE));
   file.m_version = 2;

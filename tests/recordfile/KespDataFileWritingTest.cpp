@@ -201,13 +201,17 @@ TEST_F(KespDataFileWriting, AmendsTheFieldsThatDifferAndNoOtherByte) {
   check(Sample(9, 2), +[](CKespTag& t) { t.Set("d", 7.0); }, false, {});
   // clang-format on
   // Something else is there, or the file ends.
-  Open(Sample(6, 2) + Sample(4, 1) + Part(Sample(6, 2), 0, 99));
+  const ByteVector others = Sample(4, 1) + Sample(6, 1) + Sample(6, 2) + Part(Sample(6, 2), 0, 99);
+  Open(others);
   auto was = NoteRecord("rain"), snow = NoteRecord("snow");
-  for (const std::uint32_t at : {kFirst + 526, kFirst + 544, 5000u}) {
+  for (const std::uint32_t at : {kFirst, kFirst + 18, kFirst + 18 + 270 + 526, 5000u}) {
     was.m_filePosition = at;
     EXPECT_FALSE(file.AmendRecord(was, snow));
   }
-  EXPECT_EQ(Records(), Sample(6, 2) + Sample(4, 1) + Part(Sample(6, 2), 0, 99));
+  EXPECT_EQ(Records(), others);
+  CKespPoint point;
+  point.m_recordType = KESP_RECORD_NOTE;  // it only says so
+  EXPECT_FALSE(CKespDataFile::CanAmend(was, point) || CKespDataFile::CanAmend(point, was));
 }
 
 TEST_F(KespDataFileWriting, FindsTheRecordToUpdate) {

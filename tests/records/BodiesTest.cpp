@@ -6,6 +6,7 @@
 
 #include "kesp/kesp.h"
 #include "tests/records/Scratch.h"
+#include "tests/support/Records.h"
 
 namespace kesp::test {
 namespace {
@@ -110,6 +111,63 @@ TEST(Bodies, AreWrittenAndReadByteForByte) {
       31000000 32000000 33000000 34000000 35000080 "lp" 00*38 41000000 "s1" 00*508 42000000 "s2" 00*508
       43000000 51 00 51*30 44000000 52*15 00)",
                          KESP_ERROR_APP_HEADER);
+}
+
+// What the versions of a class have of their own, for the classes that hosts derive.
+template <class R>
+struct Open : R {
+  using R::ReadOldVersions;
+  using R::WriteOldVersions;
+};
+template <class R>
+struct OpenVersions : R {
+  using R::ReadVersion1, R::ReadVersion2, R::ReadVersion3;
+  using R::WriteVersion1, R::WriteVersion2, R::WriteVersion3;
+};
+
+TEST(Bodies, AVersionReadsItselfAndOlderOnesAndTheFirstWritesItselfOnly) {
+  Scratch scratch;
+  const auto check = [&]<class R>(bool (R::*read)(CFile&), auto write, unsigned readUpTo, unsigned writtenUpTo) {
+    for (std::uint16_t version = 1; version <= 3; ++version) {
+      R record, back;
+      test::SetUp(record);
+      back.m_recordVersion = version;
+      const ByteVector body = scratch.Body(record, version);
+      scratch.Fill(body);
+      const bool isRead = (back.*read)(scratch.file);
+      EXPECT_EQ(std::tuple(isRead, scratch.file.GetPosition()),
+                std::tuple(version <= readUpTo, version <= readUpTo ? body.size() : 0));
+      scratch.Fill({});
+      bool written = false;
+      if constexpr (std::is_invocable_v<decltype(write), R&, CFile&, unsigned long, unsigned short>)
+        written = (record.*write)(scratch.file, 0, version);
+      else
+        written = (record.*write)(scratch.file, version);
+      EXPECT_EQ(std::tuple(written, scratch.file.GetLength()),
+                std::tuple(version <= writtenUpTo, version <= writtenUpTo ? body.size() : 0));
+    }
+  };
+  check(&Open<CKespNote>::ReadOldVersions, &Open<CKespNote>::WriteOldVersions, 1, 1);
+  check(&Open<CKespPoint>::ReadOldVersions, &Open<CKespPoint>::WriteOldVersions, 1, 1);
+  check(&Open<CKespTavoHeader>::ReadOldVersions, &Open<CKespTavoHeader>::WriteOldVersions, 1, 1);
+  using F = OpenVersions<CKespFeature>;
+  using A = OpenVersions<CKespAttribute>;
+  check(&F::ReadVersion1, &F::WriteVersion1, 1, 1), check(&A::ReadVersion1, &A::WriteVersion1, 1, 1);
+  check(&F::ReadVersion2, &F::WriteVersion2, 2, 3), check(&A::ReadVersion2, &A::WriteVersion2, 2, 3);
+  check(&F::ReadVersion3, &F::WriteVersion3, 3, 3), check(&A::ReadVersion3, &A::WriteVersion3, 3, 3);
+}
+
+TEST(Bodies, OfNewRecordsAreZerosButForAFewDefaults) {
+  Scratch scratch;
+  CKespFeature feature;
+  CKespPoint point;
+  CKespAttribute attribute;
+  CKespTavoHeader header;
+  for (CKespRecord* const record : std::initializer_list<CKespRecord*>{&feature, &point, &attribute, &header}) {
+    const auto [type, version] = std::pair(record->m_recordType, record->m_recordVersion);
+    EXPECT_EQ(scratch.Body(*record, 0),
+              Body(type, version, {{"kind", 1}, {"created", header.CreationTime}, {"kespVersion", 2}}));
+  }
 }
 
 struct TextLimit {

@@ -64,9 +64,9 @@ TEST(Feature, OwnsWhatIsInItsListsUntilItIsRemoved) {
   CRect2D extents(9, 9, 9, 9);
   EXPECT_FALSE(feature.GetExtents(extents));
   EXPECT_TRUE(extents == CRect2D());
-  for (CKespPoint* point : {Point(1, 1), Point(5, -2), Point(3, 4)}) EXPECT_TRUE(feature.AddPoint(point));
+  for (CKespPoint* point : {Point(1.1, 1), Point(5.5, -2.2), Point(3, 4.4)}) EXPECT_TRUE(feature.AddPoint(point));
   EXPECT_TRUE(feature.GetExtents(extents));
-  EXPECT_TRUE(extents == CRect2D(1, -2, 5, 4));
+  EXPECT_TRUE(extents == CRect2D(1.1, -2.2, 5.5, 4.4));
   for (const char16_t* name : {u"Type", u"Height", u"TYPE"}) EXPECT_TRUE(feature.AddAttribute(Attribute(name)));
   EXPECT_EQ(feature.GetAttribute(u"type"), feature.GetAttribute(0));
   EXPECT_EQ(feature.GetAttribute(u"none"), nullptr);
@@ -74,7 +74,7 @@ TEST(Feature, OwnsWhatIsInItsListsUntilItIsRemoved) {
   const std::unique_ptr<CKespPoint> point(feature.RemovePoint(0));
   const std::unique_ptr<CKespAttribute> attribute(feature.RemoveAttribute(2));
   EXPECT_EQ(attribute->AttributeName, CString(u"TYPE"));
-  EXPECT_EQ(std::tuple(point->CoordX, feature.GetPoint(0)->CoordX), std::tuple(1, 5));
+  EXPECT_EQ(std::tuple(point->CoordX, feature.GetPoint(0)->CoordX), std::tuple(1.1, 5.5));
   EXPECT_EQ(std::tuple(feature.GetNumPoints(), feature.GetNumAttributes()), std::tuple(2, 2));
   for (const int at : {-1, 2}) {
     EXPECT_EQ(std::tuple(feature.GetPoint(at), feature.RemovePoint(at)), std::tuple(nullptr, nullptr)) << at;
@@ -128,6 +128,7 @@ TEST(Feature, ListsKeepTheirOrderWhereverSomethingIsTakenOut) {
       ASSERT_EQ(removed.get(), model[at]);
       model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
     }
+    if (step % 10 == 0) feature.m_pointList.reserve(random() % 20);
     ASSERT_TRUE(std::equal(feature.m_pointList.begin(), feature.m_pointList.end(), model.begin(), model.end())) << step;
   }
 }

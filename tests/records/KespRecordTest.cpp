@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "kesp/kesp.h"
+#include "kesp/memory/ObjectPool.h"
 #include "tests/records/Scratch.h"
 
 namespace kesp::test {
@@ -20,12 +21,19 @@ TEST(Allocation, DoesWhatTheLanguagePromises) {
     Refusing() { throw CInvalidArgException(); }
     double more[4] = {};
   };
+  struct LargeRefusing : Refusing {  // not from the pool
+    double evenMore[200] = {};
+  };
+  const std::int64_t held = PoolBytesHeld();
+  for (int times = 0; times < 10'000; ++times) (void)std::make_unique<CKespNote>();
+  EXPECT_LE(PoolBytesHeld() - held, 64 << 10) << "the same memory again";
   for (int times = 0; times < 8; ++times) {
     const std::unique_ptr<CKespNote> plain(new CKespNote), careful(new (std::nothrow) CKespNote);
     EXPECT_NE(careful, nullptr);
     const std::unique_ptr<Aligned> aligned(new Aligned), both(new (std::nothrow) Aligned);
     for (const auto* const one : {aligned.get(), both.get()}) EXPECT_EQ(reinterpret_cast<std::uintptr_t>(one) % 64, 0u);
     EXPECT_THROW((void)new (std::nothrow) Refusing, CException);  // and gives the memory back
+    EXPECT_THROW((void)new (std::nothrow) LargeRefusing, CException);
   }
 }
 // Exceptions are those of the library and of the language, each by one way only.
@@ -87,16 +95,19 @@ TEST(Records, AreTheSameByTheirKeys) {
   CKespAttribute attribute, attribute2, attribute3;
   CKespNote note, note2;
   CKespTavoHeader header;
-  CKespRecord* const kAll[] = {&feature, &end, &point, &attribute, &note, &header};
+  CKespBrokenRecord broken;
+  CKespRecord* const kAll[] = {&feature, &end, &point, &attribute, &note, &header, &broken};
   for (CKespRecord* a : kAll) {
-    for (CKespRecord* b : kAll) EXPECT_EQ(a->IsSameKespRecord(b), a == b && a != &header);
+    for (CKespRecord* b : kAll) EXPECT_EQ(a->IsSameKespRecord(b), a == b && a != &header && a != &broken);
     EXPECT_FALSE(a->IsSameKespRecord(nullptr));
   }
   point2.CoordX = attribute2.Value = 5, feature2.FeatureName = point2.PointText = u"other";
   CKespRecord* const kOthers[] = {&feature2, &end2, &point2, &attribute2, &point3, &attribute3};
   for (int i = 0; i < 4; ++i) EXPECT_TRUE(kAll[i]->IsSameKespRecord(kOthers[i])) << i;
   const auto renumber = [](auto&... record) { return (record.SetFeatureNumber(70'000, 2) && ...); };
-  EXPECT_TRUE(renumber(feature2, end2, point3, attribute2));
+  CKespFeaturePtPair pair(1, 2);
+  EXPECT_TRUE(renumber(feature2, end2, point3, attribute2, pair));
+  EXPECT_EQ(std::tuple(pair.FeatureNumber, pair.PointNumber), std::tuple(70'000, 2));
   EXPECT_EQ(std::tuple(feature2.FeatureNumber, end2.FeatureNumber), std::tuple(70'000, 70'000));
   EXPECT_EQ(std::tuple(point3.FeatureNumber, attribute2.FeatureNumber), std::tuple(70'000, 70'000));
   point2.PointNumber = 1, attribute3.AttributeName = u"type";

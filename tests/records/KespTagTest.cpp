@@ -25,6 +25,7 @@ void SetBlock(CKespTag& tag, KESP_TAG type, const ByteVector& block) {
 // Calls every getter: the names of those that returned true, and their outputs.
 std::string Outputs(CKespTag& tag) {
   std::ostringstream out;
+  out.precision(9);  // more than a float has
   CString name(u"-"), text(u"-");
   int integer = -1;
   double number = -1;
@@ -75,13 +76,16 @@ TEST(Tag, EachKindHasItsBytesAndItsGetter) {
     EXPECT_EQ(Outputs(t), "");
   };
   check(t.Set("n", -2), KESP_TAG_INTEGER, n + "04000000 feffffff", "int n -2");
-  check(t.Set(u"ab", 1.5), KESP_TAG_DOUBLE, "08000000 \"ab\" 00*4 08000000 00*6 f83f", "double ab 1.5");
+  check(t.Set(u"ab", 16777217.), KESP_TAG_DOUBLE, "08000000 \"ab\" 00*4 08000000 00*3 10 00*2 7041",
+        "double ab 16777217");
   check(t.Set("", 1.5F), KESP_TAG_DOUBLE, none + "08000000 00*6 f83f", "double  1.5");
   check(t.Set("n", "text"), KESP_TAG_STRING, n + "0a000000 \"text\" 0000", "string n text");
   check(t.Set(L"n", CString()), KESP_TAG_STRING, n + "02000000 0000", "string n ");
-  check(t.Set("n", CPoint3D(1, 2, 3)), KESP_TAG_POINT, n + "18000000 00*6 f03f 00*7 40 00*6 0840", "point n 1 2 9");
-  check(t.Set("n", CRect2D(1, 2, 3, 4)), KESP_TAG_RECT, n + "20000000 00*6 f03f 00*7 40 00*6 0840 00*6 1040",
-        "rect n 1 2 3 4");
+  check(t.Set("n", CPoint3D(16777217, 16777219, 16777221)), KESP_TAG_POINT,
+        n + "18000000 00*3 10 00*2 7041 00*3 30 00*2 7041 00*3 50 00*2 7041", "point n 16777217 16777219 9");
+  check(t.Set("n", CRect2D(16777217, 16777219, 16777221, 16777223)), KESP_TAG_RECT,
+        n + "20000000 00*3 10 00*2 7041 00*3 30 00*2 7041 00*3 50 00*2 7041 00*3 70 00*2 7041",
+        "rect n 16777217 16777219 16777221 16777223");
   check(t.Set("n", u), KESP_TAG_COLOR, n + "04000000 05000000", "color n 5 5");
   check(t.Set("n", 0xFF000005ul), KESP_TAG_COLOR, n + "04000000 050000ff", "color n 4278190085 4278190085");
   check(t.Set("n", 1, 2, 3, 4), KESP_TAG_GPS_MARK, n + "10000000 01000000 02000000 03000000 04000000", "gps n 1 2 3 4");

@@ -77,6 +77,10 @@ TEST_F(Salvaging, GoesOnAfterEachKindOfDamage) {
   // A record that ends in damage is kept; but not one that can't be, after other damage.
   expect(ByteVector(9) + EndOf(5) + note + ByteVector(7), {86, 9, kHeader, 639, 7, kHeader}, EndOf(5) + note);
   expect(ByteVector(9) + EndOf(5) + badText + ByteVector(7), {86, 9, kHeader, 113, 533, kHeader}, EndOf(5));
+  // Between a record and the next certain one there may be four others.
+  const ByteVector four = unknown + unknown + unknown + unknown;
+  expect(ByteVector(9) + EndOf(5) + four, {86, 9, kHeader}, EndOf(5), {.unknown = 4});
+  expect(ByteVector(9) + EndOf(5) + four + unknown, {86, 9 + 18 + 5 * 16, kHeader});
   // The lengths of a rebuilt copy.
   expect(ByteVector(9) + WithLength(Sample(1, 3), 54) + WithLength(Sample(5, 3), 240), {86, 9, kHeader},
          Sample(1, 3) + Sample(5, 3));
@@ -240,6 +244,15 @@ TEST_F(Salvaging, AfterDamageEveryTextHasToEndAndEveryNumberToBeFinite) {
       EXPECT_TRUE(letter != 'd' || isTakenWith(at, Hex("ff*6 ef 7f")));
     });
   }
+}
+
+TEST_F(Salvaging, FindsWhatIsBeyondFourGigabytes) {
+  constexpr std::uint32_t kPassedOver = 0xFFFFFFE0;  // from 82 to 4 GiB and 50
+  Put(EndOf(1) + WithLength(Record(200, 1, 0, {}), kPassedOver));
+  PutAt(82 + std::uint64_t{kPassedOver}, EndOf(2) + ByteVector(40) + Sample(9, 2) + Sample(6, 2));
+  EXPECT_TRUE(kesp::Salvage(Text(path), Text(copy), 0, report));
+  EXPECT_EQ(ReadFile(copy), FileHeader() + EndOf(1) + EndOf(2) + Sample(9, 2) + Sample(6, 2));
+  EXPECT_EQ(std::tuple(report.gaps[0].offset, report.gapBytes), std::tuple(82 + std::uint64_t{kPassedOver} + 18, 40));
 }
 
 TEST_F(Salvaging, FailsWhereItCannotWriteOrWouldWriteOverItsSource) {

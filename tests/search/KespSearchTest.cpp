@@ -70,7 +70,7 @@ TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
       {Value(kOak, kOther), false, false},
       // A range has its ends either way round; nothing compares with a NaN.
       {Value({45001, 45000}, kNumber), true, false}, {Value({45000, 44999}, kNumber), true, false},
-      {Value({45001, 45002}, kNumber), false, true}, {Value({44999, 44998}, kNumber), false, true},
+      {Value({45000.0001, 45000.0002}, kNumber), false, true}, {Value({44999.9999, 44999.9998}, kNumber), false, true},
       {Value({kNaN, 45001}, kNumber), false, true}, {Value({44999, kNaN}, kNumber), true, false},
       // Texts are equal, or contain; the neighbours of a to z are not folded, nor is anything above them.
       {Value("oak with a hollow", kText), false, true}, {Value("oak with a hollow", kText, kFold), true, false},
@@ -94,7 +94,10 @@ TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
       {Points("", kTime, -10, -10), true, true}, {Points("", kTime, -9, 99), false, false},
       {Points("", kTime, 4294967286, 4294967286), false, false}, {Points("", 0, 999, 999, {8, 8, 8, 8}), true, true},
       {Points("", kArea, 0, 0, {50, 60, 51, 61}), true, true},
-      {Points("", kArea, 0, 0, {51, 60, 52, 61}), false, false},
+      {Points("", kArea, 0, 0, {50.0000001, 60, 99, 99}), false, false},
+      {Points("", kArea, 0, 0, {50, 60.0000001, 99, 99}), false, false},
+      {Points("", kArea, 0, 0, {9, 9, 49.9999999, 60}), false, false},
+      {Points("", kArea, 0, 0, {9, 9, 50, 59.9999999}), false, false},
       // Both by one point, not by two; the text may have come earlier, not later.
       {Points("", kTime | kArea, 200, 200, {0, 0, 9, 9}), true, true},
       {Points("", kTime | kArea, 100, 100, {0, 0, 9, 9}), false, false},

@@ -8,10 +8,11 @@
 #include <string>
 
 #include "kesp/platform/MessageHook.h"
+#include "kesp/util/Fields.h"
 #include "kesp/util/NumberText.h"
 #include "kesp/util/SplitPath.h"
 #include "kesp/util/StringTable.h"
-#include "tests/support/Bytes.h"
+#include "tests/support/Records.h"
 
 namespace kesp::test {
 namespace {
@@ -112,6 +113,24 @@ TEST(Utilities, EveryTextIsUnderItsNumberAndNoOther) {
   for (const int id : {347, 351, 33052, 33078, -1, 348 + 65536}) EXPECT_TRUE(GetStringRes(id).IsEmpty()) << id;
   EXPECT_EQ(warnings, 6);
   SetMessageHook(previous);
+}
+
+TEST(FieldReader, LeavesWhatIsCutShortAndAllThatFollows) {
+  const ByteVector whole = Hex("0102 03 01020304 'ab' 00 \"cd\" 0000 00*6 f03f 07 00 aa");
+  for (std::size_t size = 0; size <= whole.size(); ++size) {
+    FieldReader reader(std::as_bytes(std::span(whole)).first(size));
+    unsigned two = 9, four = 9, choice = 9;
+    CString text8 = u"-", text16 = u"-";
+    double number = 9;
+    std::array<std::uint8_t, 1> raw{9};
+    reader.U16(two), reader.Skip(1), reader.U32(four), reader.Text8(text8, 3), reader.Text16(text16, 3);
+    reader.F64(number), reader.Choice16(choice, 0, 9), reader.Raw(raw);
+    const auto from = [size](std::size_t end, auto after, auto before) { return size >= end ? after : before; };
+    EXPECT_EQ(std::tuple(two, four, text8, text16, number, choice, raw[0], reader.Failed()),
+              std::tuple(from(2, 513, 9), from(7, 0x04030201, 9), CString(from(10, "ab", "-")),
+                         CString(from(16, "cd", "-")), from(24, 1, 9), from(26, 7, 9), from(27, 0xAA, 9), size < 27))
+        << size;
+  }
 }
 
 // The bytes show which places are written: '?' is what was there before.
