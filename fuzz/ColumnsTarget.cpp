@@ -12,7 +12,7 @@ void Columns(Input input) {
   for (const bool includeDeleted : {false, true}) {
     test::Rows expected = test::ExpectedRows(file, includeDeleted).rows;
     KESP_REQUIRE(test::RowsAtOnce(file, includeDeleted) == expected);
-    for (const std::size_t batchRows : {1, 3, 1000}) {
+    for (const std::size_t batchRows : {1U, 3U, 1000U}) {
       test::Rows rows = test::RowsInBatches(file, includeDeleted, batchRows, batchRows == 3);
       // Only complete features have all their points in batches.
       KESP_REQUIRE(rows.places.size() == expected.places.size());

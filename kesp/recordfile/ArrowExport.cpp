@@ -158,6 +158,16 @@ bool IsChosen(const Column<T>& column) {
   return column.data() != nullptr;
 }
 
+// A column of int32 has indexes into the names of its table.
+template <class Columns, class C>
+void AddColumn(Export& exported, const Columns& table, const char* name, const C& column) {
+  if constexpr (std::is_same_v<C, Column<std::int32_t>>) {
+    exported.AddWithDictionary(name, column, table.names);
+  } else {
+    exported.Add(name, column);
+  }
+}
+
 template <class Columns>
 void ExportTable(Columns& table, ArrowSchema* schema, ArrowArray* array) {
   std::size_t columns = 0;
@@ -165,13 +175,8 @@ void ExportTable(Columns& table, ArrowSchema* schema, ArrowArray* array) {
   const auto kept = std::make_shared<Columns>();
   Export exported(columns, kept);
   ForEachColumn(
-      [&]<class C>(std::uint32_t, const char* name, const C& column) {
-        if (!IsChosen(column)) return;
-        if constexpr (std::is_same_v<C, Column<std::int32_t>>) {
-          exported.AddWithDictionary(name, column, table.names);
-        } else {
-          exported.Add(name, column);
-        }
+      [&](std::uint32_t, const char* name, const auto& column) {
+        if (IsChosen(column)) AddColumn(exported, table, name, column);
       },
       table);
   exported.Finish(table.rows, schema, array);
