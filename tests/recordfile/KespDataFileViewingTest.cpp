@@ -208,9 +208,10 @@ TEST(TextView, IsEncodedAsUtf8) {
                {u"\xDC00\xDBFF\xD83C\xDF32", "\xED\xB0\x80\xED\xAF\xBF\xF0\x9F\x8C\xB2",
                 "\xEF\xBF\xBD\xEF\xBF\xBD\xF0\x9F\x8C\xB2"}};
   for (const auto& [units, kept, valid] : parts) {
-    for (const std::size_t before : {0, 1, 2, 3, 4, 5, 7, 8, 252, 253, 254, 255, 256, 511, 512}) {
-      for (const std::size_t after : {0, 1, 2, 3, 4, 5}) {
-        for (const std::size_t rest : {0, 1, 2, 9}) {  // after the text: a zero unit, if there is room, and anything
+    for (const std::size_t before : {0u, 1u, 2u, 3u, 4u, 5u, 7u, 8u, 252u, 253u, 254u, 255u, 256u, 511u, 512u}) {
+      for (std::size_t after = 0; after < 6; ++after) {
+        for (const std::size_t rest :
+             {0u, 1u, 2u, 9u}) {  // after the text: a zero unit, if there is room, and anything
           SCOPED_TRACE(testing::Message() << kept << ' ' << before << ' ' << after << ' ' << rest);
           const std::string front(before, 'a'), back(after, 'b');
           const std::u16string text = std::u16string(before, u'a') + units + std::u16string(after, u'b');
