@@ -92,8 +92,11 @@ TEST(String, CutsFindsAndComparesUnitByUnit) {
   for (const auto& [first, count, part] : kParts) EXPECT_EQ(text.Mid(first, count), CString(part)) << first;
   EXPECT_EQ(text.Left(-1) + text.Left(1) + text.Right(3) + text.Mid(9), CString(u"Dtxtt"));
   EXPECT_EQ(text.Right(99), text);
-  EXPECT_EQ(CString(u" \t\u00A0\u3000Oak  Red\v\u2003\r\n\u2028 ").Trim(), CString(u"Oak  Red"));
-  EXPECT_TRUE(CString(u" \n ").Trim().IsEmpty());
+  std::u16string spaces = u"\t\n\v\f\r \x85\xA0\u1680\u2028\u2029\u202F\u205F\u3000";
+  for (char16_t unit = 0x2000; unit <= 0x200A; ++unit) spaces += unit;
+  EXPECT_EQ(CString(spaces + u"Oak  Red" + spaces).Trim(), CString(u"Oak  Red"));
+  for (char16_t unit = 0xFFFF; unit-- != 0;)
+    ASSERT_EQ(CString(std::u16string(2, unit)).Trim().IsEmpty(), spaces.find(unit) != spaces.npos) << +unit;
   // Folding touches A to Z only; order is that of the units, not of the characters they make.
   const struct {
     const char16_t *a, *b;
@@ -107,7 +110,7 @@ TEST(String, CutsFindsAndComparesUnitByUnit) {
               std::tuple(c.order, c.order < 0, c.orderNoCase))
         << a.ToUtf8();
   }
-  EXPECT_EQ(CString(u"az\u00E4").MakeUpper() + CString(u"AZ\u00C4").MakeLower(), CString(u"AZ\u00E4az\u00C4"));
+  EXPECT_EQ(CString(u"`az{\u00E4").MakeUpper() + CString(u"@AZ[\u00C4").MakeLower(), CString(u"`AZ{\u00E4@az[\u00C4"));
 }
 
 }  // namespace
