@@ -298,7 +298,7 @@ class TagView {
   std::span<const std::byte> m_body;
 };
 
-// One record. A typed view may only be asked for when Type() is that type.
+// One record. A typed view may only be asked for when Type() is that type and the record was not skipped.
 class RecordView {
  public:
   KESP_RECORD_TYPE Type() const noexcept { return m_type; }
@@ -307,6 +307,7 @@ class RecordView {
   std::uint32_t Flags() const noexcept { return m_storedFlags == 0 ? 0 : CanonicalFlags(m_storedFlags); }
   std::uint32_t StoredFlags() const noexcept { return m_storedFlags; }
   bool IsDeleted() const noexcept { return (m_storedFlags & KESP_FLAG_DELETED) != 0; }
+  bool IsSkipped() const noexcept { return m_isSkipped; }                 // see CKespDataFile::ReadNextStep
   std::uint64_t Position() const noexcept { return m_position; }          // offset of the record header in the file
   std::uint32_t StatedLength() const noexcept { return m_statedLength; }  // of the body, as the record header has it
   // The body as its version lays it out, whatever the record header states; of a long tag only its first part.
@@ -324,6 +325,7 @@ class RecordView {
   friend class ::CKespDataFile;
   KESP_RECORD_TYPE m_type = KESP_RECORD_NONE;
   std::uint16_t m_version = 0;
+  bool m_isSkipped = false;
   std::uint32_t m_storedFlags = 0;
   std::uint32_t m_statedLength = 0;
   std::uint64_t m_position = 0;
