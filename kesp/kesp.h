@@ -33,5 +33,6 @@
 #include "kesp/records/KespTag.h"
 #include "kesp/records/KespTavoHeader.h"
 #include "kesp/salvage/Salvage.h"
+#include "kesp/search/FeatureTest.h"
 #include "kesp/search/KespSearch.h"
 #include "kesp/util/Utilities.h"

@@ -21,6 +21,8 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -62,14 +64,30 @@ class TextView {
     return m_isWide ? static_cast<char16_t>(LoadLittle<std::uint16_t>(m_at + 2 * index))
                     : static_cast<char16_t>(m_at[index]);
   }
-  friend bool operator==(const TextView& a, std::u16string_view b) noexcept {
-    if (a.Size() != b.size()) return false;
-    for (std::size_t i = 0; i < b.size(); ++i) {
-      if (a[i] != b[i]) return false;
+  // Whether the texts are equally long and `same` is true for each pair of units. Ends at the first that differ.
+  template <class Same>
+  bool Equals(std::u16string_view other, Same same) const noexcept {
+    if (other.size() > m_room) return false;
+    for (std::size_t i = 0; i < other.size(); ++i) {
+      const char16_t unit = (*this)[i];
+      if (unit == 0 || !same(unit, other[i])) return false;
     }
-    return true;
+    return other.size() == m_room || (*this)[other.size()] == 0;
   }
+  friend bool operator==(const TextView& a, std::u16string_view b) noexcept { return a.Equals(b, std::equal_to()); }
 
+  // Copies as many units as `room` holds, and returns them there. No text of a body is longer than kMostUnits; the name
+  // of a tag may be.
+  static constexpr std::size_t kMostUnits = 256;
+  std::u16string_view CopyTo(std::span<char16_t> room) const noexcept {
+    const std::size_t size = std::min(Size(), room.size());
+    if (m_isWide && std::endian::native == std::endian::little) {
+      std::memcpy(room.data(), m_at, 2 * size);
+    } else {
+      for (std::size_t i = 0; i < size; ++i) room[i] = (*this)[i];
+    }
+    return {room.data(), size};
+  }
   void CopyTo(CString& text) const {
     if (m_isWide) return LoadText16(text, m_at, m_room);
     text = CString::FromLatin1({reinterpret_cast<const char*>(m_at), Size()});
@@ -126,6 +144,9 @@ class BodyView {
   TextView Text() const noexcept {
     static constexpr auto kPlaces = PlacesOf<kField>(kBodies);
     const FieldPlace& place = kPlaces[m_version];
+    static_assert(std::all_of(kPlaces.begin(), kPlaces.end(), [](const FieldPlace& p) {
+      return p.width <= TextView::kMostUnits * (p.kind == FieldPlace::Kind::kText16 ? 2 : 1);
+    }));
     if (place.kind == FieldPlace::Kind::kNone) return {};
     const bool isWide = place.kind == FieldPlace::Kind::kText16;
     return {m_body + place.offset, isWide ? place.width / 2U : place.width, isWide};
@@ -298,7 +319,7 @@ class TagView {
   std::span<const std::byte> m_body;
 };
 
-// One record. A typed view may only be asked for when Type() is that type.
+// One record. A typed view may only be asked for when Type() is that type and the record was not skipped.
 class RecordView {
  public:
   KESP_RECORD_TYPE Type() const noexcept { return m_type; }
@@ -307,6 +328,7 @@ class RecordView {
   std::uint32_t Flags() const noexcept { return m_storedFlags == 0 ? 0 : CanonicalFlags(m_storedFlags); }
   std::uint32_t StoredFlags() const noexcept { return m_storedFlags; }
   bool IsDeleted() const noexcept { return (m_storedFlags & KESP_FLAG_DELETED) != 0; }
+  bool IsSkipped() const noexcept { return m_isSkipped; }                 // see CKespDataFile::ReadNextStep
   std::uint64_t Position() const noexcept { return m_position; }          // offset of the record header in the file
   std::uint32_t StatedLength() const noexcept { return m_statedLength; }  // of the body, as the record header has it
   // The body as its version lays it out, whatever the record header states; of a long tag only its first part.
@@ -324,6 +346,7 @@ class RecordView {
   friend class ::CKespDataFile;
   KESP_RECORD_TYPE m_type = KESP_RECORD_NONE;
   std::uint16_t m_version = 0;
+  bool m_isSkipped = false;
   std::uint32_t m_storedFlags = 0;
   std::uint32_t m_statedLength = 0;
   std::uint64_t m_position = 0;

@@ -134,6 +134,9 @@ class KESP_EXPORT CKespDataFile {
   // does. The part of a long tag's block that a view does not hold is passed over unread: what fails only in reading it
   // does not end this walk.
   [[nodiscard]] bool ReadNextView(kesp::RecordView& view, bool skipDeleted);
+  // The same, but stops at each record that ReadNextView skips too, and returns what its header says: IsSkipped() of
+  // the view is true then, and it has no body.
+  [[nodiscard]] bool ReadNextStep(kesp::RecordView& view, bool skipDeleted);
   // A lone position would convert to true.
   template <std::integral Number>
   requires(!std::same_as<Number, bool>) CKespRecord* ReadNextRecord(Number) = delete;
@@ -239,11 +242,14 @@ class KESP_EXPORT CKespDataFile {
   // ReadNextRecord with a 64-bit position.
   CKespRecord* ReadNext(std::uint64_t& position, bool skipDeleted);
   [[gnu::noinline]] CKespRecord* ReadAnyRecord(std::uint64_t& position, bool skipDeleted);
-  bool ReadHeaderOfNext(std::uint64_t& position, kesp::RecordHeader& header, bool skipDeleted);
+  enum class Step { kRecord, kSkipped, kEnd };
+  Step StepToBody(std::uint64_t& position, kesp::RecordHeader& header, bool skipDeleted);
   std::span<const std::byte> ViewPlainPoints(std::size_t most);
+  enum class Skipped { kLeftOut, kReturned };
+  bool ViewNext(kesp::RecordView& view, bool skipDeleted, Skipped skipped);
   bool ViewBuffered(kesp::RecordView& view);
   bool ViewBuffered(kesp::RecordView& view, std::span<const std::byte> bytes, std::size_t length);
-  [[gnu::noinline]] bool ViewAnyRecord(kesp::RecordView& view, bool skipDeleted);
+  [[gnu::noinline]] bool ViewAnyRecord(kesp::RecordView& view, bool skipDeleted, Skipped skipped);
   bool ViewBodyOf(kesp::RecordView& view);
   bool ViewBlockOf(kesp::RecordView& view);
   CKespRecord* ReadBodyOf(std::unique_ptr<CKespRecord> record);

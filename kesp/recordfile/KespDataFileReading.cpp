@@ -157,36 +157,35 @@ CKespRecord* CKespDataFile::ReadNext(std::uint64_t& position, bool skipDeleted) 
   }
 }
 
-// Goes to the body of the next record that a walk returns, and fills `header`. `position` becomes the offset of the
-// last record header read. False at the end and at damage, with m_error. Throws what the file object throws.
-bool CKespDataFile::ReadHeaderOfNext(std::uint64_t& position, kesp::RecordHeader& header, bool skipDeleted) {
-  for (;;) {
-    position = m_file.GetPosition();
-    header = {};
-    // When the system fails to read a header, the walk ends without a code.
-    if (!ReadHeader(header)) return false;
-    const kesp::RecordKind& kind = kesp::KindOfRecord(header.type);
-    // Before the type is checked: a deleted record of any type is skipped.
-    const bool isPassedOver =
-        ((header.flags & KESP_FLAG_DELETED) != 0 && skipDeleted) || kind.use == kesp::RecordUse::kPassedOver;
-    if (isPassedOver) {
-      m_file.Seek(header.length, CFile::current);
-      continue;
-    }
-    if (kind.use == kesp::RecordUse::kRefused) {
-      m_error = header.type == KESP_RECORD_NONE ? KESP_ERROR_RECORD_TYPE : KESP_ERROR_UNICODE;
-    } else if (header.version > kind.newest) {
-      m_error = KESP_ERROR_VERSION;
-    }
-    return m_error == KESP_ERROR_NONE;
+// Reads the header of the next record into `header`, and `position` becomes its offset. Goes to the body of a record
+// that a walk returns, and past one that it skips. kEnd is the end or damage, with m_error. Throws what the file object
+// throws.
+CKespDataFile::Step CKespDataFile::StepToBody(std::uint64_t& position, kesp::RecordHeader& header, bool skipDeleted) {
+  position = m_file.GetPosition();
+  header = {};
+  // When the system fails to read a header, the walk ends without a code.
+  if (!ReadHeader(header)) return Step::kEnd;
+  const kesp::RecordKind& kind = kesp::KindOfRecord(header.type);
+  // Before the type is checked: a deleted record of any type is skipped.
+  if (((header.flags & KESP_FLAG_DELETED) != 0 && skipDeleted) || kind.use == kesp::RecordUse::kPassedOver) {
+    m_file.Seek(header.length, CFile::current);
+    return Step::kSkipped;
   }
+  if (kind.use == kesp::RecordUse::kRefused) {
+    m_error = header.type == KESP_RECORD_NONE ? KESP_ERROR_RECORD_TYPE : KESP_ERROR_UNICODE;
+  } else if (header.version > kind.newest) {
+    m_error = KESP_ERROR_VERSION;
+  }
+  return m_error == KESP_ERROR_NONE ? Step::kRecord : Step::kEnd;
 }
 
 CKespRecord* CKespDataFile::ReadAnyRecord(std::uint64_t& position, bool skipDeleted) {
   std::unique_ptr<CKespRecord> record;
   try {
     kesp::RecordHeader header;
-    if (!ReadHeaderOfNext(position, header, skipDeleted)) return nullptr;
+    Step step = Step::kSkipped;
+    while (step == Step::kSkipped) step = StepToBody(position, header, skipDeleted);
+    if (step == Step::kEnd) return nullptr;
     record = MakeRecord(static_cast<KESP_RECORD_TYPE>(header.type));
     record->m_recordVersion = header.version;
     record->SetSourceFlag(header.flags);

@@ -81,6 +81,7 @@ inline bool CKespDataFile::ViewBuffered(kesp::RecordView& view) {
   if (ErrorOf(type, version, body.data()) != KESP_ERROR_NONE) return false;
   view.m_type = static_cast<KESP_RECORD_TYPE>(type);
   view.m_version = version;
+  view.m_isSkipped = false;
   view.m_storedFlags = 0;
   view.m_statedLength = stated;
   view.m_position = start;
@@ -90,11 +91,19 @@ inline bool CKespDataFile::ViewBuffered(kesp::RecordView& view) {
 }
 
 bool CKespDataFile::ReadNextView(kesp::RecordView& view, bool skipDeleted) {
+  return ViewNext(view, skipDeleted, Skipped::kLeftOut);
+}
+
+bool CKespDataFile::ReadNextStep(kesp::RecordView& view, bool skipDeleted) {
+  return ViewNext(view, skipDeleted, Skipped::kReturned);
+}
+
+inline bool CKespDataFile::ViewNext(kesp::RecordView& view, bool skipDeleted, Skipped skipped) {
   m_error = KESP_ERROR_NONE;
   m_ranOutOfMemory = false;
   if (!IsOpen()) return false;
   try {
-    return ViewBuffered(view) || ViewAnyRecord(view, skipDeleted);
+    return ViewBuffered(view) || ViewAnyRecord(view, skipDeleted, skipped);
   } catch (const std::bad_alloc&) {
     m_error = KESP_ERROR_NONE;
     m_ranOutOfMemory = true;
@@ -103,22 +112,27 @@ bool CKespDataFile::ReadNextView(kesp::RecordView& view, bool skipDeleted) {
   }
 }
 
-bool CKespDataFile::ViewAnyRecord(kesp::RecordView& view, bool skipDeleted) {
+bool CKespDataFile::ViewAnyRecord(kesp::RecordView& view, bool skipDeleted, Skipped skipped) {
   kesp::RecordHeader header;
+  Step step = Step::kSkipped;
   try {
-    if (!ReadHeaderOfNext(view.m_position, header, skipDeleted)) return false;
+    do {
+      step = StepToBody(view.m_position, header, skipDeleted);
+    } while (step == Step::kSkipped && skipped == Skipped::kLeftOut);
   } catch (const CFileException& e) {
     NoteFailure(e);
     return false;
   }
+  if (step == Step::kEnd) return false;
   kesp::RecordView next;
   next.m_type = static_cast<KESP_RECORD_TYPE>(header.type);
   next.m_version = header.version;
+  next.m_isSkipped = step == Step::kSkipped;
   next.m_storedFlags = header.flags;
   next.m_statedLength = header.length;
   next.m_position = view.m_position;
   try {
-    if (!ViewBodyOf(next)) return false;
+    if (step == Step::kRecord && !ViewBodyOf(next)) return false;
   } catch (const CFileException& e) {
     // As when the object is read: hosts recognise the end of an old file by this exception.
     if (next.Type() == KESP_RECORD_FEATURE && next.Version() == 1) throw;

@@ -1,12 +1,14 @@
 #include "kesp/search/KespSearch.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
-#include "kesp/geometry/Point2D.h"
+#include "kesp/format/RecordView.h"
 #include "kesp/records/KespAttribute.h"
 #include "kesp/records/KespFeature.h"
-#include "kesp/records/KespPoint.h"
+#include "kesp/search/FeatureTest.h"
+#include "kesp/util/Utilities.h"
 
 namespace {
 
@@ -16,7 +18,10 @@ char16_t Folded(char16_t unit) noexcept {
   return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit - (u'a' - u'A')) : unit;
 }
 
-bool SameFolded(char16_t a, char16_t b) noexcept { return Folded(a) == Folded(b); }
+constexpr auto kSameFolded = [](char16_t a, char16_t b) noexcept { return Folded(a) == Folded(b); };
+
+bool IsEmpty(std::u16string_view text) noexcept { return text.empty(); }
+bool IsEmpty(const kesp::TextView& text) noexcept { return text.IsEmpty(); }
 
 }  // namespace
 
@@ -51,13 +56,28 @@ bool CKespSearch::FeatureNameClearAll() noexcept {
   return true;
 }
 
-bool CKespSearch::IsFeatureIncluded(const CString& name) const noexcept {
-  return m_featureNames.empty() ||
-         std::find(m_featureNames.begin(), m_featureNames.end(), name) != m_featureNames.end();
+template <class Text>
+bool CKespSearch::IsNameIncluded(const Text& name) const noexcept {
+  return m_featureNames.empty() || std::any_of(m_featureNames.begin(), m_featureNames.end(),
+                                               [&](const CString& entry) { return name == entry.View(); });
+}
+// For FeatureTest.
+template bool CKespSearch::IsNameIncluded(const std::u16string_view& name) const noexcept;
+template bool CKespSearch::IsNameIncluded(const kesp::TextView& name) const noexcept;
+
+template <class Text>
+bool CKespSearch::IsAttributeNameIncluded(const Text& name) const noexcept {
+  return m_attributeNameFilter.IsEmpty() || TextsEqual(name, m_attributeNameFilter.View());
 }
 
+bool CKespSearch::IsFeatureIncluded(const CString& name) const noexcept { return IsNameIncluded(name.View()); }
+
 bool CKespSearch::IsAttributeIncluded(const CString& name) const noexcept {
-  return m_attributeNameFilter.IsEmpty() || TextsEqual(name.View(), m_attributeNameFilter.View());
+  return IsAttributeNameIncluded(name.View());
+}
+
+bool CKespSearch::IsAttributeIncluded(const kesp::TextView& name) const noexcept {
+  return IsAttributeNameIncluded(name);
 }
 
 bool CKespSearch::Validate(double value) const noexcept {
@@ -67,18 +87,33 @@ bool CKespSearch::Validate(double value) const noexcept {
   return matches != m_inverted;
 }
 
+bool CKespSearch::Validate(const CString& text) const noexcept { return ValidateText(text.View()); }
+
+bool CKespSearch::Validate(const kesp::TextView& text) const noexcept { return ValidateText(text); }
+
 bool CKespSearch::Validate(const CKespAttribute* attribute) const {
   if (!m_enabled || m_valueKind == SEARCH_VALUE_NONE) return true;
   if (attribute == nullptr) return false;
-  switch (attribute->AttributeKind) {
+  return ValidateValue(attribute->AttributeKind, attribute->Value, attribute->TextValue.View(),
+                       attribute->SubValue.View());
+}
+
+bool CKespSearch::Validate(const kesp::AttributeView& attribute) const noexcept {
+  return ValidateValue(attribute.AttributeKind(), attribute.Value(), attribute.TextValue(), attribute.SubValue());
+}
+
+template <class Text>
+bool CKespSearch::ValidateValue(std::int32_t kind, double value, const Text& text, const Text& sub) const noexcept {
+  if (!m_enabled || m_valueKind == SEARCH_VALUE_NONE) return true;
+  switch (kind) {
     case KESP_ATTRIBUTE_STRING:
-      return ValidateText(attribute->TextValue.View());
+      return ValidateText(text);
     case KESP_ATTRIBUTE_NUMERIC:
-      return Validate(attribute->Value);
+      return Validate(value);
     case KESP_ATTRIBUTE_MENU:
-      return ValidateText(attribute->TextValue.View()) || ValidateText(attribute->SubValue.View());
+      return ValidateText(text) || ValidateText(sub);
     case KESP_ATTRIBUTE_DATE:
-      return Validate(attribute->GetAsFormatedString(true));  // at most ten units, so it allocates nothing
+      return Validate(GetDateString(value));  // at most ten units, so it allocates nothing
     default:
       return false;
   }
@@ -92,27 +127,49 @@ bool CKespSearch::Validate(const CKespFeature* feature) {
 bool CKespSearch::Validate(const CKespFeature* feature) const {
   if (!m_enabled) return true;
   if (feature == nullptr) return false;
-  return IsTypeIncluded(feature->FeatureType) && IsFeatureIncluded(feature->FeatureName) && PassesPointTest(*feature) &&
-         PassesAttributeTest(*feature);
+  const kesp::FeatureTest test(*this);
+  kesp::FeatureTest::State state = test.Start(feature->FeatureType, feature->FeatureName.View());
+  if (state.IsRefused()) return false;
+  for (const CKespPoint* const point : feature->m_pointList) {
+    if (!state.AsksForPoint()) break;
+    test.Add(state, point);
+  }
+  if (!state.Passes()) return false;
+  for (const CKespAttribute* const attribute : feature->m_attributeList) {
+    if (!state.AsksForAttribute()) break;
+    test.Add(state, attribute);
+  }
+  return state.Passes();
 }
 
-bool CKespSearch::ValidateText(std::u16string_view text) const noexcept {
+template <class Text>
+bool CKespSearch::ValidateText(const Text& text) const noexcept {
   if (!m_enabled || m_valueKind == SEARCH_VALUE_NONE) return true;
   if (m_valueKind != SEARCH_VALUE_TEXT) return false;
-  if (text.empty() && m_searchText.IsEmpty()) return true;
+  if (IsEmpty(text) && m_searchText.IsEmpty()) return true;
   return TextMatches(text, m_searchText.View()) != m_inverted;
 }
 
 bool CKespSearch::TextsEqual(std::u16string_view text, std::u16string_view wanted) const noexcept {
   if (!Has(SEARCH_IGNORE_CASE)) return text == wanted;
-  return std::equal(text.begin(), text.end(), wanted.begin(), wanted.end(), SameFolded);
+  return std::equal(text.begin(), text.end(), wanted.begin(), wanted.end(), kSameFolded);
+}
+
+bool CKespSearch::TextsEqual(const kesp::TextView& text, std::u16string_view wanted) const noexcept {
+  return Has(SEARCH_IGNORE_CASE) ? text.Equals(wanted, kSameFolded) : text == wanted;
+}
+
+bool CKespSearch::TextMatches(const kesp::TextView& text, std::u16string_view wanted) const noexcept {
+  if (!Has(SEARCH_PARTIAL_MATCH)) return TextsEqual(text, wanted);
+  std::array<char16_t, kesp::TextView::kMostUnits> room;
+  return TextMatches(text.CopyTo(room), wanted);
 }
 
 bool CKespSearch::TextMatches(std::u16string_view text, std::u16string_view wanted) const noexcept {
   if (!Has(SEARCH_PARTIAL_MATCH)) return TextsEqual(text, wanted);
   if (!Has(SEARCH_IGNORE_CASE)) return text.find(wanted) != std::u16string_view::npos;
   return wanted.empty() ||
-         std::search(text.begin(), text.end(), wanted.begin(), wanted.end(), SameFolded) != text.end();
+         std::search(text.begin(), text.end(), wanted.begin(), wanted.end(), kSameFolded) != text.end();
 }
 
 bool CKespSearch::IsTypeIncluded(std::uint32_t type) const noexcept {
@@ -127,27 +184,4 @@ bool CKespSearch::IsTypeIncluded(std::uint32_t type) const noexcept {
     default:
       return true;
   }
-}
-
-bool CKespSearch::PassesPointTest(const CKespFeature& feature) const noexcept {
-  if (m_pointNameFilter.IsEmpty() && !Has(SEARCH_TIME_RANGE) && !Has(SEARCH_IN_AREA)) return true;
-  bool nameMatched = m_pointNameFilter.IsEmpty();  // stays true after the first point that has the text
-  for (const auto& point : feature.m_pointList) {
-    if (point == nullptr) continue;
-    nameMatched = nameMatched || TextMatches(point->PointText.View(), m_pointNameFilter.View());
-    if (!nameMatched) continue;
-    const CTime time(point->PointTime);
-    if (Has(SEARCH_TIME_RANGE) && (time < m_startTime || time > m_endTime)) continue;
-    if (Has(SEARCH_IN_AREA) && !m_area.PtInRect(CPoint2D(point->CoordX, point->CoordY))) continue;
-    return true;
-  }
-  return feature.m_pointList.empty();
-}
-
-bool CKespSearch::PassesAttributeTest(const CKespFeature& feature) const {
-  if (m_valueKind == SEARCH_VALUE_NONE) return true;
-  for (const auto& attribute : feature.m_attributeList) {
-    if (attribute != nullptr && IsAttributeIncluded(attribute->AttributeName) && Validate(attribute)) return true;
-  }
-  return feature.m_attributeList.empty();
 }

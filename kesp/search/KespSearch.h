@@ -6,6 +6,8 @@
 //   search.SetAttributeNameFilter(L"Species");
 //   if (search.Validate(feature)) Show(feature);
 //
+// kesp::FeatureTest (kesp/search/FeatureTest.h) tests features record by record, as views, without objects.
+//
 // A feature passes when all of this is true:
 //   type       the option of its type is set; a type other than point, line and area always passes
 //   name       it equals one of m_featureNames, always case-sensitive; an empty list accepts all names
@@ -43,6 +45,12 @@
 
 class CKespAttribute;
 class CKespFeature;
+
+namespace kesp {
+class AttributeView;
+class FeatureTest;
+class TextView;
+}  // namespace kesp
 
 // The kinds of value test.
 enum KESP_SEARCH_VALUE : std::int32_t {
@@ -100,11 +108,13 @@ class KESP_EXPORT CKespSearch {
   // These two ignore whether the filter is enabled. Names have no partial match.
   bool IsFeatureIncluded(const CString& name) const noexcept;
   bool IsAttributeIncluded(const CString& name) const noexcept;
+  bool IsAttributeIncluded(const kesp::TextView& name) const noexcept;
 
   // Whether a value is the wanted one. A disabled filter and SEARCH_VALUE_NONE accept all values; otherwise a number
   // fails a search for a text, and a text one for a number, inverted or not. A NaN is in every range.
   bool Validate(double value) const noexcept;
-  bool Validate(const CString& text) const noexcept { return ValidateText(text.View()); }
+  bool Validate(const CString& text) const noexcept;
+  bool Validate(const kesp::TextView& text) const noexcept;
   // For integers, so that a plain 0 is a number and not a null pointer. There are two, since a non-const filter would
   // otherwise choose the overload for features.
   template <std::integral Number>
@@ -119,6 +129,7 @@ class KESP_EXPORT CKespSearch {
   // string, the date as GetAsFormatedString returns it, or either text of a menu. Other kinds and null fail when a
   // value is wanted.
   bool Validate(const CKespAttribute* attribute) const;
+  bool Validate(const kesp::AttributeView& attribute) const noexcept;
   // Whether the feature passes. A disabled filter accepts any feature, even null; an enabled one refuses null. If none
   // of the three type options is set, all types pass, and a non-const filter keeps this in its options: hosts that show
   // them rely on it.
@@ -140,11 +151,20 @@ class KESP_EXPORT CKespSearch {
   bool m_enabled = false;
 
  private:
+  friend class kesp::FeatureTest;
   bool Has(KESP_SEARCH_OPTION option) const noexcept { return (m_searchOptions & option) != 0; }
-  bool ValidateText(std::u16string_view text) const noexcept;
-  bool TextsEqual(std::u16string_view text, std::u16string_view wanted) const noexcept;   // folded if the option is set
+  // Texts are views of units, or of a body.
+  template <class Text>
+  bool ValidateText(const Text& text) const noexcept;
+  template <class Text>
+  bool ValidateValue(std::int32_t kind, double value, const Text& text, const Text& sub) const noexcept;
+  template <class Text>
+  bool IsNameIncluded(const Text& name) const noexcept;
+  template <class Text>
+  bool IsAttributeNameIncluded(const Text& name) const noexcept;
+  bool TextsEqual(std::u16string_view text, std::u16string_view wanted) const noexcept;  // folded if the option is set
+  bool TextsEqual(const kesp::TextView& text, std::u16string_view wanted) const noexcept;
   bool TextMatches(std::u16string_view text, std::u16string_view wanted) const noexcept;  // partial with the option
+  bool TextMatches(const kesp::TextView& text, std::u16string_view wanted) const noexcept;
   bool IsTypeIncluded(std::uint32_t type) const noexcept;
-  bool PassesPointTest(const CKespFeature& feature) const noexcept;
-  bool PassesAttributeTest(const CKespFeature& feature) const;
 };

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <string>
 
 #include "kesp/platform/MessageHook.h"
@@ -151,9 +150,6 @@ CString GetRoot(const CString& path) { return kesp::SplitPath(path).name; }
 
 CString GetDateString(double date) {
   if (date == 0.0) return u"null";
-  int month = -1;
-  int day = -1;
-  int year = -1;
   // A NaN fails this test. The last day of the negative dates begins a whole day before its number.
   if (date > kFirstDay - 1 && date < kLastDay + 1) {
     double days = std::trunc(date);
@@ -162,12 +158,16 @@ CString GetDateString(double date) {
     if (days <= kLastDay) {
       constexpr std::chrono::sys_days kEpoch = std::chrono::year{1899} / std::chrono::December / 30;
       const std::chrono::year_month_day civil{kEpoch + std::chrono::days{static_cast<int>(days)}};
-      month = static_cast<int>(static_cast<unsigned>(civil.month()));
-      day = static_cast<int>(static_cast<unsigned>(civil.day()));
-      year = static_cast<int>(civil.year());
+      // By hand, since a search compares many dates.
+      char16_t text[] = u"00/00/    ";
+      const auto put = [&text](std::size_t end, unsigned number) {
+        for (; number != 0; number /= 10) text[--end] = static_cast<char16_t>(u'0' + number % 10);
+      };
+      put(2, static_cast<unsigned>(civil.month()));
+      put(5, static_cast<unsigned>(civil.day()));
+      put(10, static_cast<unsigned>(static_cast<int>(civil.year())));
+      return text;
     }
   }
-  char text[48];
-  const int length = std::snprintf(text, sizeof text, "%02d/%02d/%4d", month, day, year);
-  return CString::FromLatin1({text, static_cast<std::size_t>(length)});
+  return u"-1/-1/  -1";
 }

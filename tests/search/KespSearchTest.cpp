@@ -4,9 +4,11 @@
 
 #include <limits>
 
+#include "kesp/format/RecordView.h"
 #include "kesp/records/KespAttribute.h"
 #include "kesp/records/KespFeature.h"
 #include "kesp/records/KespPoint.h"
+#include "kesp/search/FeatureTest.h"
 
 namespace {
 
@@ -47,6 +49,34 @@ void AddAttribute(CKespFeature& feature, const char* name, int kind, const char*
   CKespAttribute& attribute = *feature.m_attributeList.back();
   attribute.AttributeName = name, attribute.AttributeKind = kind, attribute.Value = 45000;
   attribute.TextValue = text, attribute.SubValue = kRed;
+}
+
+template <class View, class Record, class Bodies>
+void WithView(const Record& record, const Bodies& bodies, std::uint16_t version, auto use) {
+  std::vector<std::byte> body;
+  kesp::WithVersion(bodies, version, [&](const auto& describe) {
+    body.resize(kesp::BodyWidth(describe));
+    kesp::FieldWriter writer(body.data());
+    describe(writer, record);
+  });
+  use(View(body.data(), version));
+}
+// The same, record by record, as views of bodies of the oldest and of the newest version. A null has no view.
+bool PassesAsViews(const CKespSearch& search, const CKespFeature& feature, bool isOld) {
+  const auto version = [&](const auto& bodies) { return isOld ? std::uint16_t{1} : kesp::NewestOf(bodies); };
+  const kesp::FeatureTest test(search);
+  kesp::FeatureTest::State state;
+  EXPECT_FALSE(state.Passes()) << "not started";
+  const auto add = [&](const auto& view) { test.Add(state, view); };
+  WithView<kesp::FeatureView>(feature, kesp::kFeatureBodies, version(kesp::kFeatureBodies),
+                              [&](const auto& view) { state = test.Start(view); });
+  for (const CKespPoint* const p : feature.m_pointList) {
+    if (p != nullptr) WithView<kesp::PointView>(*p, kesp::kPointBodies, version(kesp::kPointBodies), add);
+  }
+  for (const CKespAttribute* const a : feature.m_attributeList) {
+    if (a != nullptr) WithView<kesp::AttributeView>(*a, kesp::kAttributeBodies, version(kesp::kAttributeBodies), add);
+  }
+  return state.Passes();
 }
 
 TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
@@ -109,8 +139,13 @@ TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
     SCOPED_TRACE(search.m_searchText.ToUtf8() + search.m_pointNameFilter.ToUtf8() +
                  search.m_attributeNameFilter.ToUtf8());
     EXPECT_EQ(std::tuple(search.Validate(&feature), search.Validate(&bare)), std::tuple(plain, true));
+    for (const bool isOld : {false, true}) {
+      EXPECT_EQ(std::tuple(PassesAsViews(search, feature, isOld), PassesAsViews(search, bare, isOld)),
+                std::tuple(plain, true));
+    }
     search.SetInverted(true);
-    EXPECT_EQ(search.Validate(&feature), inverted);
+    EXPECT_EQ(std::tuple(search.Validate(&feature), PassesAsViews(search, feature, false)),
+              std::tuple(inverted, inverted));
     const bool asksNothing = search.m_valueKind == SEARCH_VALUE_NONE;
     const bool asksPoints = !search.m_pointNameFilter.IsEmpty() || search.GetSearchOptions() >= kTime;
     EXPECT_EQ(search.Validate(&broken), asksNothing && !asksPoints);
@@ -118,8 +153,8 @@ TEST(KespSearch, AFeatureIsAskedForItsAttributesAndPoints) {
     EXPECT_FALSE(search.Validate(static_cast<CKespFeature*>(nullptr)));
     search.Enable(false);
     EXPECT_EQ(std::tuple(search.Validate(&broken), search.Validate(-1), search.Validate("?"),
-                         search.Validate(static_cast<CKespFeature*>(nullptr))),
-              std::tuple(true, true, true, true));
+                         search.Validate(static_cast<CKespFeature*>(nullptr)), PassesAsViews(search, feature, true)),
+              std::tuple(true, true, true, true, true));
   }
   CKespSearch one(1, 5);
   EXPECT_EQ(std::tuple(one.Validate(0), one.Validate(5), one.Validate(5u), one.Validate(kNaN)),
@@ -137,16 +172,19 @@ TEST(KespSearch, AFeatureNeedsAWantedTypeAndName) {
     for (int options = 1; options <= kAll; ++options) {
       search.SetSearchOptions(options);
       EXPECT_EQ(search.Validate(&feature), type < 1 || type > 3 || (options >> (type - 1) & 1)) << type << options;
+      EXPECT_EQ(PassesAsViews(search, feature, false), search.Validate(&feature)) << type << options;
     }
     search.SetSearchOptions(kFold);
+    EXPECT_TRUE(PassesAsViews(search, feature, false));
+    EXPECT_EQ(search.GetSearchOptions(), kFold) << "stays";
     EXPECT_TRUE(search.Validate(&feature));
     EXPECT_EQ(search.GetSearchOptions(), kAll | kFold) << "no type means all";
   }
   EXPECT_TRUE(search.FeatureNameRemove("Oak")) << "there is none";
   for (const char* name : {"TREE IN THE PARK", "Oak"}) search.FeatureNameFilterAdd(name);
-  EXPECT_FALSE(search.Validate(&feature));
+  EXPECT_EQ(std::tuple(search.Validate(&feature), PassesAsViews(search, feature, true)), std::tuple(false, false));
   search.FeatureNameFilterAdd(feature.FeatureName);
-  EXPECT_TRUE(search.Validate(&feature));
+  EXPECT_EQ(std::tuple(search.Validate(&feature), PassesAsViews(search, feature, true)), std::tuple(true, true));
   EXPECT_TRUE(search.FeatureNameRemove("TREE IN THE PARK"));
   EXPECT_EQ(search.m_featureNames, (std::vector<CString>{"TREE IN THE PARK", feature.FeatureName})) << "others go";
   EXPECT_TRUE(search.FeatureNameRemove("TREE IN THE PARK"));

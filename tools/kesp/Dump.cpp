@@ -42,8 +42,8 @@ ExitStatus DumpRecords(const DumpOptions& options, DeletedRecords deleted, Outpu
   Progress progress(file.m_file.KnownLength(), Progress::OnTerminal() && ::isatty(STDOUT_FILENO) == 0);
   JsonWriter json(out);
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
+    progress.Update(walk.View().Position());
     if (step == RecordWalk::Step::kRecord) WriteRecordLine(json, walk);
-    progress.Update(walk.Offset());
   }
   progress.Erase();
   WriteLastLine(out, walk.End());

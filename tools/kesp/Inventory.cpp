@@ -11,24 +11,22 @@ auto FindIn(const Map& map, std::uint32_t number) -> const typename Map::mapped_
   return entry == map.end() ? nullptr : &entry->second;
 }
 
-void Enter(Inventory& inventory, const CKespRecord& record, Inventory::Item item) {
+void Enter(Inventory& inventory, const RecordView& record, Inventory::Item item) {
   const auto owner = [&](std::uint32_t number) -> Inventory::Feature* {
     const std::size_t* const index = FindIn(item.isDeleted ? inventory.latest : inventory.live, number);
     return index != nullptr ? &inventory.features[*index] : nullptr;
   };
-  switch (record.m_recordType) {
+  switch (record.Type()) {
     case KESP_RECORD_FEATURE: {
-      const auto& feature = static_cast<const CKespFeature&>(record);
-      item.number = feature.FeatureNumber;
+      item.number = record.AsFeature().FeatureNumber();
       inventory.latest[item.number] = inventory.features.size();
       (item.isDeleted ? inventory.deleted : inventory.live)[item.number] = inventory.features.size();
-      inventory.features.push_back({item, feature.FeatureName, {}, {}, {}});
+      inventory.features.push_back({item, record.AsFeature().FeatureName().ToString(), {}, {}, {}});
       return;
     }
     case KESP_RECORD_POINT: {
-      const auto& point = static_cast<const CKespPoint&>(record);
-      item.number = point.PointNumber;
-      Inventory::Feature* const feature = owner(point.FeatureNumber);
+      item.number = record.AsPoint().PointNumber();
+      Inventory::Feature* const feature = owner(record.AsPoint().FeatureNumber());
       if (feature == nullptr) {
         if (!item.isDeleted) inventory.pointsWithoutFeature.push_back(item.number);
         return;
@@ -39,17 +37,27 @@ void Enter(Inventory& inventory, const CKespRecord& record, Inventory::Item item
       return;
     }
     case KESP_RECORD_ATTRIBUTE:
-      if (auto* const feature = owner(static_cast<const CKespAttribute&>(record).FeatureNumber)) {
+      if (auto* const feature = owner(record.AsAttribute().FeatureNumber())) {
         feature->attributes.push_back(item);
       }
       return;
     case KESP_RECORD_FEATURE_END:
-      if (auto* const feature = owner(static_cast<const CKespFeatureEnd&>(record).FeatureNumber)) {
+      if (auto* const feature = owner(record.AsFeatureEnd().FeatureNumber())) {
         feature->ends.push_back(item);
       }
       return;
     default:
       return;
+  }
+}
+
+// False when the record there can't be read.
+bool ViewAt(CKespDataFile& file, std::uint64_t offset, RecordView& view) {
+  try {
+    file.m_file.Seek(static_cast<std::int64_t>(offset), CFile::begin);
+    return file.ReadNextView(view, false) && view.Position() == offset;
+  } catch (const CFileException&) {
+    return false;  // a body that is cut short
   }
 }
 
@@ -72,17 +80,17 @@ Inventory TakeInventory(CKespDataFile& file, DeletedRecords deleted) {
   Inventory inventory;
   RecordWalk walk(file, DeletedRecords::kPassOver);
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
-    const std::uint64_t steppedTo = walk.Offset() + kRecordHeaderSize + walk.Length();
+    RecordView record = walk.View();
+    const std::uint64_t offset = record.Position();
+    const std::uint64_t steppedTo = offset + kRecordHeaderSize + record.StatedLength();
     const bool isLive = step == RecordWalk::Step::kRecord;
     inventory.liveRecords += isLive ? 1 : 0;
-    if (isLive && inventory.firstLive == 0) inventory.firstLive = static_cast<std::uint32_t>(walk.Offset());
-    if (!isLive && (deleted == DeletedRecords::kPassOver || !walk.IsDeleted())) continue;
+    if (isLive && inventory.firstLive == 0) inventory.firstLive = static_cast<std::uint32_t>(offset);
+    if (!isLive && (deleted == DeletedRecords::kPassOver || !record.IsDeleted())) continue;
     // A deleted record may be anything: one that can't be read is passed over, as by everyone.
-    const std::unique_ptr<CKespRecord> passedOver = isLive ? nullptr : ReadAt(file, walk.Offset());
-    const CKespRecord* const record = isLive ? &walk.Record() : passedOver.get();
-    if (record != nullptr) {
+    if (isLive || ViewAt(file, offset, record)) {
       const bool isSteppable = file.m_file.GetPosition() == steppedTo;
-      Enter(inventory, *record, {static_cast<std::uint32_t>(walk.Offset()), 0, !isLive, isSteppable});
+      Enter(inventory, record, {static_cast<std::uint32_t>(offset), 0, !isLive, isSteppable});
     }
     if (!isLive) file.m_file.Seek(static_cast<std::int64_t>(steppedTo), CFile::begin);
   }

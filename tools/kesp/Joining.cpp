@@ -96,8 +96,8 @@ std::optional<ExitStatus> ReadSource(Source& source, bool json, Output& out) {
   RecordWalk walk(source.file, DeletedRecords::kPassOver);
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
     if (step == RecordWalk::Step::kRecord) {
-      collector.Add(walk.TakeRecord());
-    } else if (!walk.IsDeleted()) {
+      if (auto record = walk.TakeRecord()) collector.Add(std::move(record));
+    } else if (!walk.View().IsDeleted()) {
       ++source.counts.unknown;
     }
   }

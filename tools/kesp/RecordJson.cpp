@@ -296,16 +296,19 @@ void WriteFields(JsonWriter& json, const CKespRecord& record) {
   json.EndObject();
 }
 
-void WriteRecordLine(JsonWriter& json, const RecordWalk& walk) {
+void WriteRecordLine(JsonWriter& json, RecordWalk& walk) {
+  const RecordView view = walk.View();
+  const CKespRecord* const record = walk.Record();
+  if (record == nullptr) return;
   json.BeginObject();
-  json.Key("offset").Number(static_cast<std::int64_t>(walk.Offset()));
-  json.Key("type").Text(std::string_view(TypeName(walk.Type())));
-  json.Key("version").Number(std::int64_t{walk.Version()});
-  json.Key("flags").Number(std::int64_t{walk.Record().m_flags});
-  json.Key("deleted").Bool(walk.Record().IsDeleted());
-  json.Key("length").Number(std::int64_t{walk.Length()});
+  json.Key("offset").Number(static_cast<std::int64_t>(view.Position()));
+  json.Key("type").Text(std::string_view(TypeName(view.Type())));
+  json.Key("version").Number(std::int64_t{view.Version()});
+  json.Key("flags").Number(std::int64_t{record->m_flags});
+  json.Key("deleted").Bool(record->IsDeleted());
+  json.Key("length").Number(std::int64_t{view.StatedLength()});
   json.Key("fields");
-  WriteFields(json, walk.Record());
+  WriteFields(json, *record);
   json.EndObject();
   json.EndLine();
 }

@@ -5,8 +5,8 @@
 
 namespace kesp::tool {
 
-// One line: the offset of the record, what its header says, and its fields.
-void WriteRecordLine(JsonWriter& json, const RecordWalk& walk);
+// One line: the offset of the record, what its header says, and its fields. Nothing if the record can't be read.
+void WriteRecordLine(JsonWriter& json, RecordWalk& walk);
 // The object of the fields alone; and its members, inside brackets of the caller's.
 void WriteFields(JsonWriter& json, const CKespRecord& record);
 void WriteMembers(JsonWriter& json, const CKespRecord& record);

@@ -1,16 +1,6 @@
 #include "tools/kesp/RecordWalk.h"
 
 namespace kesp::tool {
-namespace {
-
-// Types that the container passes over without reading them; 0 and the wide-character ones it refuses.
-bool IsSteppedOver(KESP_RECORD_TYPE type) {
-  constexpr std::uint32_t kFirstRefused = 10;
-  constexpr std::uint32_t kLastRefused = 14;
-  return TypeName(type) == nullptr && type != KESP_RECORD_NONE && (type < kFirstRefused || type > kLastRefused);
-}
-
-}  // namespace
 
 const char* TypeName(KESP_RECORD_TYPE type) noexcept {
   switch (type) {
@@ -35,50 +25,50 @@ const char* TypeName(KESP_RECORD_TYPE type) noexcept {
 
 RecordWalk::RecordWalk(CKespDataFile& file, DeletedRecords deleted) : m_file(file), m_deleted(deleted) {
   m_file.SeekToFirstRecord();
+  m_file.ReadAhead();
 }
 
-RecordWalk::Step RecordWalk::Next() {
-  m_record.reset();
+CKespRecord* RecordWalk::Record() {
+  if (m_record || m_hasEnded) return m_record.get();
   try {
-    m_offset = m_file.m_file.GetPosition();
-    if (!m_file.ReadNextRecordHeader(m_type, m_version, m_flags, m_length)) {
-      return EndWith(m_file.GetError(), m_file.GetSystemError());
-    }
-    if ((IsDeleted() && m_deleted == DeletedRecords::kPassOver) || IsSteppedOver(m_type)) {
-      m_passedOver = m_offset;
-      m_file.m_file.Seek(m_length, CFile::current);
-      return Step::kPassedOver;
-    }
     // Back to the header, which is still in the file's buffer. The file object seeks in 64 bits, the container in 32.
-    m_file.m_file.Seek(static_cast<std::int64_t>(m_offset), CFile::begin);
+    m_file.m_file.Seek(static_cast<std::int64_t>(m_view.Position()), CFile::begin);
     m_record.reset(m_file.ReadNextRecord(false));
-    if (!m_record) return EndWith(m_file.GetError(), m_file.GetSystemError());
-    if (!m_hasFirst) m_beginsWithHeader = m_type == KESP_RECORD_HEADER;
-    m_hasFirst = true;
-    return Step::kRecord;
+    if (!m_record) EndWith(m_file.GetError(), m_file.GetSystemError());
   } catch (const CFileException& e) {
-    // A version-1 feature body that is cut short is raised where the others leave a code.
-    return EndWith(e.m_cause == CFileException::endOfFile ? KESP_ERROR_EOF : KESP_ERROR_NONE, e.m_lOsError);
+    EndWith(e);
   }
+  return m_record.get();
 }
 
-RecordWalk::Step RecordWalk::EndWith(KESP_ERROR_TYPE error, int systemError) {
+std::unique_ptr<CKespRecord> RecordWalk::TakeRecord() {
+  (void)Record();
+  return std::move(m_record);
+}
+
+void RecordWalk::EndWith(const CFileException& failure) {
+  // A version-1 feature body that is cut short is raised where the others leave a code.
+  EndWith(failure.m_cause == CFileException::endOfFile ? KESP_ERROR_EOF : KESP_ERROR_NONE, failure.m_lOsError);
+}
+
+void RecordWalk::EndWith(KESP_ERROR_TYPE error, int systemError) {
+  if (std::exchange(m_hasEnded, true)) return;
+  m_file.m_file.EndBlockReader();
   m_end.error = error;
   m_end.message = m_file.m_errorStrings[error];
-  m_end.offset = m_offset;
+  m_end.offset = m_view.Position();
   if (error == KESP_ERROR_NONE && systemError != 0) {
     m_end.cause = Verdict::Cause::kUnreadable;
     m_end.systemError = systemError;
   } else if (error != KESP_ERROR_NORMAL_EOF) {
     m_end.cause = Verdict::Cause::kDamaged;
-  } else if (m_offset > m_file.m_file.KnownLength()) {
+  } else if (m_view.Position() > m_file.m_file.KnownLength()) {
     m_end.cause = Verdict::Cause::kPastEnd;
     m_end.offset = m_passedOver;
-  } else if (!m_beginsWithHeader) {
+  } else if (m_firstType != KESP_RECORD_HEADER) {
     m_end.cause = Verdict::Cause::kNoHeader;
     m_end.offset = m_file.m_firstRecordOffset;
   }
-  return Step::kEnd;
 }
 
 }  // namespace kesp::tool

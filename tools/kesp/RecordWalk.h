@@ -1,21 +1,23 @@
-// The walk over a file as the tool needs it: besides the records themselves, what their headers say, and where they
-// stand in 64 bits.
+// The walk over a file as the tool needs it: besides the records themselves, those that are passed over, and at the end
+// the verdict.
 //
 //   RecordWalk walk(file, DeletedRecords::kPassOver);
 //   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
-//     if (step == RecordWalk::Step::kRecord) Show(walk.Record());
+//     if (step == RecordWalk::Step::kRecord) Show(walk.View());
 //   }
 //   if (!walk.End().IsWhole()) Complain(path, walk.End().Describe());
 //
-// Returns exactly the records of CKespDataFile::ReadNextRecord, and ends where that ends.
+// Returns exactly the records of CKespDataFile::ReadNextRecord, and ends where that ends. Reads ahead.
 //
-// Ownership: borrows the file; a record lives until the next step, unless it is taken.
+// Ownership: borrows the file, which nothing else may read or move during a step. A record lives until the next step,
+// unless it is taken; a view until the next step or until the record is asked for.
 // Errors: none are raised but CMemoryException and std::bad_alloc; End() has what stopped the walk.
 #pragma once
 #include <cstdint>
 #include <memory>
 #include <utility>
 
+#include "kesp/format/RecordView.h"
 #include "tools/kesp/Verdict.h"
 
 namespace kesp::tool {
@@ -29,8 +31,8 @@ enum class DeletedRecords { kPassOver, kInclude };
 class RecordWalk {
  public:
   enum class Step {
-    kRecord,      // Record() is there
-    kPassedOver,  // a deleted record, or one of a type that nobody knows: the header only
+    kRecord,      // View() and Record() are there
+    kPassedOver,  // a deleted record, or one of a type that nobody knows: of View() only what the header says
     kEnd
   };
 
@@ -39,32 +41,44 @@ class RecordWalk {
   RecordWalk(const RecordWalk&) = delete;
   RecordWalk& operator=(const RecordWalk&) = delete;
 
-  Step Next();
-  CKespRecord& Record() const noexcept { return *m_record; }
-  std::unique_ptr<CKespRecord> TakeRecord() noexcept { return std::move(m_record); }  // then the caller's
-  std::uint64_t Offset() const noexcept { return m_offset; }                          // of the record header
-  // As the record header has them.
-  KESP_RECORD_TYPE Type() const noexcept { return m_type; }
-  std::uint16_t Version() const noexcept { return m_version; }
-  bool IsDeleted() const noexcept { return (m_flags & KESP_FLAG_DELETED) != 0; }
-  std::uint32_t Length() const noexcept { return m_length; }
+  Step Next() {
+    m_record.reset();
+    try {
+      if (!m_hasEnded && m_file.ReadNextStep(m_view, m_deleted == DeletedRecords::kPassOver)) {
+        if (m_view.IsSkipped()) {
+          m_passedOver = m_view.Position();
+          return Step::kPassedOver;
+        }
+        if (m_firstType == KESP_RECORD_NONE) m_firstType = m_view.Type();
+        return Step::kRecord;
+      }
+      EndWith(m_file.GetError(), m_file.GetSystemError());
+    } catch (const CFileException& e) {
+      EndWith(e);
+    }
+    return Step::kEnd;
+  }
+  const RecordView& View() const noexcept { return m_view; }
+  // Makes the object. Null if the record can't be read once more, since the file changes or memory has run out; the
+  // walk then ends with the next step.
+  CKespRecord* Record();
+  std::unique_ptr<CKespRecord> TakeRecord();  // then the caller's
+  // Of the first record that was not passed over; KESP_RECORD_NONE before it.
+  KESP_RECORD_TYPE FirstType() const noexcept { return m_firstType; }
   const Verdict& End() const noexcept { return m_end; }  // of the file, at the end
 
  private:
-  Step EndWith(KESP_ERROR_TYPE error, int systemError);
+  void EndWith(KESP_ERROR_TYPE error, int systemError);
+  void EndWith(const CFileException& failure);
 
   CKespDataFile& m_file;
   DeletedRecords m_deleted;
+  RecordView m_view;
   std::unique_ptr<CKespRecord> m_record;
-  std::uint64_t m_offset = 0;
-  KESP_RECORD_TYPE m_type = KESP_RECORD_NONE;
-  std::uint16_t m_version = 0;
-  std::uint32_t m_flags = 0;
-  std::uint32_t m_length = 0;
+  bool m_hasEnded = false;
+  KESP_RECORD_TYPE m_firstType = KESP_RECORD_NONE;
   // Of the last record that was passed over: only such a one can claim to go on past the end.
   std::uint64_t m_passedOver = 0;
-  bool m_hasFirst = false;
-  bool m_beginsWithHeader = false;
   Verdict m_end;
 };
 

@@ -1,29 +1,66 @@
 #include "tools/kesp/Scan.h"
 
 #include <algorithm>
-#include <limits>
-#include <unordered_map>
 
+#include "kesp/dataset/KespMap.h"
 #include "tools/kesp/Opening.h"
 #include "tools/kesp/Progress.h"
 
 namespace kesp::tool {
 namespace {
 
+// Numbers, kept as runs of consecutive ones, as most files have them.
+class Numbers {
+ public:
+  void Add(std::uint32_t number) {
+    if (!m_runs.empty() && m_runs.back().last + std::uint64_t{1} == number) {
+      m_runs.back().last = number;
+    } else {
+      m_runs.push_back({number, number});
+    }
+  }
+  // How many numbers were added more than once; the first Finding::kMostNumbers of them go into `repeated`.
+  std::uint64_t CountRepeated(std::vector<std::uint32_t>& repeated) {
+    std::sort(m_runs.begin(), m_runs.end(), [](const Run& a, const Run& b) { return a.first < b.first; });
+    std::uint64_t count = 0;
+    std::uint64_t afterAll = 0;       // after the last number of the runs before
+    std::uint64_t afterRepeated = 0;  // after the last one that was counted
+    for (const Run& run : m_runs) {
+      const std::uint64_t end = std::min(afterAll, run.last + std::uint64_t{1});
+      for (std::uint64_t n = std::max<std::uint64_t>(run.first, afterRepeated); n < end; ++n) {
+        if (repeated.size() == Finding::kMostNumbers) break;
+        repeated.push_back(static_cast<std::uint32_t>(n));
+      }
+      const std::uint64_t from = std::max<std::uint64_t>(run.first, afterRepeated);
+      count += from < end ? end - from : 0;
+      afterRepeated = std::max(afterRepeated, end);
+      afterAll = std::max(afterAll, run.last + std::uint64_t{1});
+    }
+    return count;
+  }
+
+ private:
+  struct Run {
+    std::uint32_t first;
+    std::uint32_t last;
+  };
+  std::vector<Run> m_runs;
+};
+
 // Puts the features together and notes what doesn't fit.
 class Assembly {
  public:
-  void Add(const CKespRecord& record) {
-    switch (record.m_recordType) {
+  void Add(const RecordView& record) {
+    switch (record.Type()) {
       case KESP_RECORD_FEATURE:
-        return AddFeature(static_cast<const CKespFeature&>(record).FeatureNumber);
+        return AddFeature(record.AsFeature().FeatureNumber());
       case KESP_RECORD_POINT:
-        return AddPoint(static_cast<const CKespPoint&>(record));
+        return AddPoint(record.AsPoint());
       case KESP_RECORD_ATTRIBUTE:
-        if (!m_features.contains(static_cast<const CKespAttribute&>(record).FeatureNumber)) ++m_strayAttributes;
+        if (FeatureOf(record.AsAttribute().FeatureNumber()) == nullptr) ++m_strayAttributes;
         return;
       case KESP_RECORD_FEATURE_END:
-        if (!m_features.contains(static_cast<const CKespFeatureEnd&>(record).FeatureNumber)) ++m_strayEnds;
+        if (FeatureOf(record.AsFeatureEnd().FeatureNumber()) == nullptr) ++m_strayEnds;
         return;
       case KESP_RECORD_HEADER:
         ++m_headers;
@@ -37,7 +74,7 @@ class Assembly {
   // Of the points of those features.
   Coverage FeatureCoverage() const {
     Coverage all;
-    for (const auto& [number, feature] : m_features) {
+    for (const Feature& feature : m_features) {
       all.points += feature.points;
       if (feature.points == 0) continue;
       all.extent.Include(feature.extent.MinX(), feature.extent.MinY());
@@ -55,11 +92,11 @@ class Assembly {
       if (numbers.size() > Finding::kMostNumbers) numbers.resize(Finding::kMostNumbers);
       findings.push_back({code, count, std::move(numbers), Counted(count, what) + then, false});
     };
-    for (const auto& [number, feature] : m_features) {
-      if (feature.points == 0) m_pointless.push_back(number);
+    for (const Feature& feature : m_features) {
+      if (feature.points == 0) m_pointless.push_back(feature.number);
     }
-    std::uint64_t repeatedPoints = 0;
-    std::vector<std::uint32_t> repeated = RepeatedPoints(repeatedPoints);
+    std::vector<std::uint32_t> repeated;
+    const std::uint64_t repeatedPoints = m_pointNumbers.CountRepeated(repeated);
     add("featuresWithoutPoints", m_pointless.size(), "feature", " without points", m_pointless);
     add("featureNumbersUsedAgain", m_repeated.size(), "feature",
         " with the number of an earlier one, which it replaces", m_repeated);
@@ -73,47 +110,72 @@ class Assembly {
   }
 
  private:
-  void AddFeature(std::uint32_t number) {
-    const auto [entry, isNew] = m_features.try_emplace(number);
-    if (isNew) return;
-    if (entry->second.points == 0) m_pointless.push_back(number);
-    entry->second = {};
-    m_repeated.push_back(number);
-  }
-  void AddPoint(const CKespPoint& point) {
-    m_pointNumbers.push_back(point.PointNumber);
-    if (const auto feature = m_features.find(point.FeatureNumber); feature != m_features.end()) {
-      ++feature->second.points;
-      feature->second.extent.Include(point.CoordX, point.CoordY);
-    } else {
-      ++m_strayPoints;
-    }
-  }
-  std::vector<std::uint32_t> RepeatedPoints(std::uint64_t& count) {
-    std::sort(m_pointNumbers.begin(), m_pointNumbers.end());
-    std::vector<std::uint32_t> repeated;
-    for (std::size_t i = 1; i < m_pointNumbers.size(); ++i) {
-      const std::uint32_t number = m_pointNumbers[i];
-      if (number == m_pointNumbers[i - 1] && (repeated.empty() || repeated.back() != number))
-        repeated.push_back(number);
-    }
-    count = repeated.size();
-    return repeated;
-  }
-
   struct Feature {
+    std::uint32_t number;
     std::uint64_t points = 0;
     CBoundingBox extent;
   };
 
-  std::unordered_map<std::uint32_t, Feature> m_features;
-  std::vector<std::uint32_t> m_pointNumbers;
+  void AddFeature(std::uint32_t number) {
+    if (Feature* const earlier = FeatureOf(number)) {
+      if (earlier->points == 0) m_pointless.push_back(number);
+      *earlier = {number, 0, {}};
+      m_repeated.push_back(number);
+      return;
+    }
+    m_last = m_features.size();
+    m_features.push_back({number, 0, {}});
+    m_byNumber.SetAt(number, static_cast<std::uint32_t>(m_last));
+  }
+  void AddPoint(const PointView& point) {
+    m_pointNumbers.Add(point.PointNumber());
+    if (Feature* const feature = FeatureOf(point.FeatureNumber())) {
+      ++feature->points;
+      feature->extent.Include(point.CoordX(), point.CoordY());
+    } else {
+      ++m_strayPoints;
+    }
+  }
+  // Null if there is none. Records usually follow their feature.
+  Feature* FeatureOf(std::uint32_t number) {
+    if (m_features.empty()) return nullptr;
+    if (m_features[m_last].number == number) return &m_features[m_last];
+    const std::uint32_t* const index = m_byNumber.Find(number);
+    if (index == nullptr) return nullptr;
+    m_last = *index;
+    return &m_features[m_last];
+  }
+
+  std::vector<Feature> m_features;  // each number once
+  KespMap<std::uint32_t, std::uint32_t> m_byNumber;
+  std::size_t m_last = 0;  // index of the feature that was used last
+  Numbers m_pointNumbers;
   std::vector<std::uint32_t> m_pointless;
   std::vector<std::uint32_t> m_repeated;
   std::uint64_t m_strayPoints = 0;
   std::uint64_t m_strayAttributes = 0;
   std::uint64_t m_strayEnds = 0;
   std::uint64_t m_headers = 0;
+};
+
+// Counts the records of each kind. Records of a kind usually follow each other.
+class Tallies {
+ public:
+  explicit Tallies(Scan& scan) noexcept : m_scan(scan) {}
+
+  void Add(const RecordView& record) {
+    const std::pair<std::uint32_t, std::uint16_t> kind(record.Type(), record.Version());
+    if (m_last == nullptr || kind != m_lastKind) m_last = &m_scan.records[m_lastKind = kind];
+    for (Tally* const tally : {m_last, &m_scan.all}) {
+      ++tally->count;
+      if (record.IsDeleted()) ++tally->deleted;
+    }
+  }
+
+ private:
+  Scan& m_scan;
+  std::pair<std::uint32_t, std::uint16_t> m_lastKind;
+  Tally* m_last = nullptr;
 };
 
 void CompareHeader(Scan& scan, const CBoundingBox& extent) {
@@ -155,12 +217,13 @@ void AddRemarks(Scan& scan) {
 
 }  // namespace
 
-void Coverage::Include(const CKespPoint& point) {
+void Coverage::Include(const PointView& point) {
   ++points;
-  extent.Include(point.CoordX, point.CoordY);
-  if (point.PointTime == 0) return;
-  firstTime = std::min(firstTime, point.PointTime);
-  lastTime = std::max(lastTime, point.PointTime);
+  extent.Include(point.CoordX(), point.CoordY());
+  const std::int32_t time = point.PointTime();
+  if (time == 0) return;
+  firstTime = std::min(firstTime, time);
+  lastTime = std::max(lastTime, time);
 }
 
 std::optional<std::int64_t> Coverage::FirstTime() const {
@@ -180,21 +243,19 @@ std::optional<bool> Scan::ClosedCleanly() const {
 Scan ScanFile(CKespDataFile& file) {
   Scan scan;
   Assembly assembly;
+  Tallies tallies(scan);
   RecordWalk walk(file, DeletedRecords::kPassOver);
   Progress progress(file.m_file.KnownLength(), Progress::OnTerminal());
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
-    progress.Update(walk.Offset());
-    for (Tally* const tally : {&scan.records[{walk.Type(), walk.Version()}], &scan.all}) {
-      ++tally->count;
-      if (walk.IsDeleted()) ++tally->deleted;
-    }
+    const RecordView& record = walk.View();
+    progress.Update(record.Position());
+    tallies.Add(record);
     if (step != RecordWalk::Step::kRecord) continue;
-    const CKespRecord& record = walk.Record();
-    if (record.m_recordType == KESP_RECORD_POINT) scan.coverage.Include(static_cast<const CKespPoint&>(record));
-    if (record.m_recordType == KESP_RECORD_HEADER && !scan.header) {
-      scan.header = std::make_unique<CKespTavoHeader>(static_cast<const CKespTavoHeader&>(record));
-    }
+    if (record.Type() == KESP_RECORD_POINT) scan.coverage.Include(record.AsPoint());
     assembly.Add(record);
+    if (record.Type() == KESP_RECORD_HEADER && !scan.header) {
+      scan.header.reset(static_cast<CKespTavoHeader*>(walk.TakeRecord().release()));
+    }
   }
   scan.end = walk.End();
   scan.features = assembly.Features();

@@ -26,7 +26,7 @@ struct Tally {
 
 // What a set of points covers. A time of 0 means none.
 struct Coverage {
-  void Include(const CKespPoint& point);
+  void Include(const PointView& point);
   std::optional<std::int64_t> FirstTime() const;
   std::optional<std::int64_t> LastTime() const;
 

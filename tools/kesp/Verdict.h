@@ -25,6 +25,7 @@ struct Verdict {
     kPastEnd,     // the last record states a length that goes past the end of the file
     kNoHeader,    // the first record is missing or no header
     kUnreadable,  // the system failed, or memory ran out
+    kChanged,     // by somebody, between two walks
     kTooLong,     // positions in the format end at 4 GiB
     kNotOpened    // not there, not to be opened, or not a Kesp data file
   };
@@ -46,7 +47,7 @@ struct Verdict {
   CString message;                          // the library's text for the code
   std::uint64_t offset = 0;                 // of the record header where the walk ended
   int systemError = 0;                      // errno, for kUnreadable
-  std::string why;                          // for kNotOpened and kTooLong
+  std::string why;                          // for kChanged, kTooLong and kNotOpened
 };
 
 // The members that every JSON document about one file begins with: "path", "whole", "end", "damage" and "error".
