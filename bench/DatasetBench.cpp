@@ -1,6 +1,6 @@
 // What does reading a whole survey into memory cost, compared with only walking over its file? And is the cost per
 // record the same among two million as among twenty thousand: in reading, the summary, each family of queries,
-// deleting?
+// deleting? And what does a question for a rectangle cost, compared with a loop over all points?
 //
 // Run with GLIBC_TUNABLES=glibc.malloc.hugetlb=1. Otherwise the ratios mostly measure pages touched for the first time.
 #include <benchmark/benchmark.h>
@@ -27,6 +27,9 @@ using bench::kRecordsEach;
 
 constexpr long kShort = 20 * 1000 / kRecordsEach;   // features
 constexpr long kLong = 2000 * 1000 / kRecordsEach;  // features
+
+// Of the area of a survey.
+constexpr CRect2D kHundredth(10, 50, 10.9, 50.8);
 
 void Open(CKespFile& survey, const std::string& path, bool readOnly) {
   CString message;
@@ -192,11 +195,54 @@ const auto kRegistered = [] {
   add("features_by_number", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
         return survey.GetFeaturesWhereAttribute(u"girth_cm", LOGIC_LESS, 50.0, count, error);
       }));
+  add("points_in_rect", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
+        return survey.GetPointsInRect(kHundredth, count, error);
+      }));
+  add("features_in_rect", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
+        return survey.GetFeaturesInRect(kHundredth, count, error);
+      }));
+  add("index_of_points", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
+        survey.ForgetSpatialIndex();
+        return survey.GetPointsInRect(CRect2D(), count, error);
+      }));
   add("features_by_text", Running([](CKespFile& survey, int& count, ErrorEnum& error) {
         return survey.GetFeaturesWhereAttribute(u"state", LOGIC_EQUAL, CString(u"SOUND"), count, error);
       }));
   return 0;
 }();
+
+// "times_loop": the time of a question for a hundredth of the area, the index being built, divided by that of a loop
+// over all points. "build_times_loop": that of building the index, divided by the same.
+void PointsInRect(benchmark::State& state) {
+  CKespFile survey;
+  Open(survey, FileOf(kLong), true);
+  Read(survey);
+  const auto ask =
+      Running([](CKespFile& of, int& count, ErrorEnum& error) { return of.GetPointsInRect(kHundredth, count, error); });
+  const auto loop = [&] {
+    int found = 0;
+    for (const CKespRecord* record : survey.m_recordList) {
+      if (record->m_recordType != KESP_RECORD_POINT) continue;
+      const auto* const point = static_cast<const CKespPoint*>(record);
+      if (kHundredth.PtInRect({point->CoordX, point->CoordY})) ++found;
+    }
+    benchmark::DoNotOptimize(found);
+  };
+  std::vector<double> ratios;
+  std::vector<double> buildRatios;
+  for (auto _ : state) {
+    survey.ForgetSpatialIndex();
+    const double build = CpuSeconds([&] { ask(survey); });
+    const double asking = CpuSeconds([&] { ask(survey); });
+    const double looping = CpuSeconds(loop);
+    ratios.push_back(asking / looping);
+    buildRatios.push_back(build / looping);
+    state.SetIterationTime(asking);
+  }
+  state.counters["times_loop"] = bench::Median(ratios);
+  state.counters["build_times_loop"] = bench::Median(buildRatios);
+}
+BENCHMARK(PointsInRect)->Iterations(9)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
 // "long_to_short" of deleting one feature in a thousand with its 14 points and attributes, also in the file.
 void DeleteOneInAThousand(benchmark::State& state) {

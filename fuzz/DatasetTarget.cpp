@@ -1,4 +1,5 @@
 // The data set: reads it, runs all queries, edits it and closes it.
+#include <cmath>
 #include <memory>
 
 #include "fuzz/Targets.h"
@@ -34,6 +35,10 @@ void RunQueries(CKespFile& file) {
     Take(file.GetFeaturesWhereAttribute(u"Girth", logic, u"thick", count, error), count);
     Take(file.GetFeaturesWhereAttribute(u"Girth", logic, 1.0, count, error), count);
   }
+  const CRect2D everywhere(-HUGE_VAL, -HUGE_VAL, HUGE_VAL, HUGE_VAL);
+  KESP_REQUIRE(Take(file.GetPointsInRect(everywhere, count, error), count) <= file.m_recordList.GetCount());
+  KESP_REQUIRE(Take(file.GetFeaturesInRect(everywhere, count, error), count) <= file.m_recordList.GetCount());
+  Take(file.GetFeaturesInRect({0, 0, 1, 1}, count, error), count);
   try {
     Take(file.GetStringToStringTags(u"note", count), count);
   } catch (const CFileException&) {

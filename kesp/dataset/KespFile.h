@@ -272,6 +272,21 @@ class KESP_EXPORT CKespFile {
     return GetFeaturesFromFeaturesWhereAttribute(features, featureCount, std::move(attribute), logic,
                                                  static_cast<double>(value), count, error);
   }
+  // The features whose box, the smallest around their points, has a point in common with the rectangle; and the points
+  // in it. Edges count. So a line that crosses the rectangle without a point in it is found, and one that passes close
+  // to a corner may be: a map needs the first, and can test the shape itself. A point with a coordinate that is not
+  // finite is nowhere; a feature has the box of its other points. Records marked deleted are found. A rectangle may
+  // have infinite edges. One with a minimum above its maximum or with a NaN contains nothing, as for PtInRect.
+  // The first call builds an index, in the time of a few loops over all points. Each call then takes time for what it
+  // finds, and the logarithm of the number of records; for a long thin rectangle at most the square root. The index
+  // takes 6 bytes of memory for a point or 38 for a feature; while it is built, up to 48 or 80 more. After reading,
+  // clearing, queueing and deleting, the next call builds it again where it has to. Changes to members of records need
+  // ForgetSpatialIndex.
+  [[nodiscard]] CKespFeature** GetFeaturesInRect(const CRect2D& rect, int& count, ErrorEnum& error) const;
+  [[nodiscard]] CKespPoint** GetPointsInRect(const CRect2D& rect, int& count, ErrorEnum& error) const;
+  // To be called after changing coordinates or a feature's list of points. Until then these two queries may find
+  // records where they were, but never a record that is not in m_recordList.
+  void ForgetSpatialIndex() noexcept;
   // Returns a new array with the first array followed by the second. The caller still owns both.
   [[nodiscard]] CKespFeature** JoinTwoArrays(CKespFeature* const* first, int firstCount, CKespFeature* const* second,
                                              int secondCount, int& count) const;

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "kesp/dataset/KespFile.h"
+#include "kesp/dataset/Store.h"
 
 namespace {
 
@@ -89,6 +90,7 @@ void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, i
   }
   if (indexed == point) m_pointIndex.RemoveKey(number);
   delete feature.RemovePoint(index);
+  m_own->featuresByPlace.index.reset();  // the box may be smaller now
   if (m_numPoints != 0) --m_numPoints;
 }
 

@@ -53,6 +53,7 @@ void CKespFile::Clear() noexcept {
   m_lastPointTime = CTime();
   m_extent.Invalidate();
   m_kespVersion = 0;
+  ForgetSpatialIndex();
 
   std::vector<CKespRecord*> entered;
   FindEntered(entered);

@@ -42,6 +42,7 @@ struct RecordList::State {
     placesKnown = false;
   }
   void CloseHoles() noexcept {
+    ++arrangement;
     std::size_t kept = 0;
     for (std::size_t i = 0; i < records.Size(); ++i) {
       if (records[i] != Hole()) records[kept++] = records[i];
@@ -61,6 +62,7 @@ struct RecordList::State {
   std::size_t holes = 0;
   std::size_t front = 0;  // all entries before this one are holes
   std::size_t gone = 0;   // entries that RemoveAll dropped; a walk at one of them goes on with the first entry
+  std::uint64_t arrangement = 0;
   std::size_t walks = 0;  // iterators other than ends
   // Where each record is. Built at the first removal, so that reading and queueing don't pay for it.
   std::unordered_multimap<const CKespRecord*, std::size_t> places;
@@ -71,6 +73,15 @@ RecordList::RecordList() : m_state(std::make_unique<State>()) {}
 RecordList::~RecordList() = default;
 
 int RecordList::GetCount() const noexcept { return static_cast<int>(m_state->records.Size() - m_state->holes); }
+
+std::size_t RecordList::Places() const noexcept { return m_state->records.Size(); }
+
+CKespRecord* RecordList::At(std::size_t place) const noexcept {
+  CKespRecord* const record = place < m_state->records.Size() ? m_state->records[place] : nullptr;
+  return record != Hole() ? record : nullptr;
+}
+
+std::uint64_t RecordList::Arrangement() const noexcept { return m_state->arrangement; }
 
 const std::vector<CKespRecord*>& RecordList::Headers() const noexcept { return m_state->headers; }
 
@@ -83,6 +94,7 @@ void RecordList::AddTail(CKespRecord* record) {
     if (isHeader) m_state->headers.pop_back();
     throw;
   }
+  ++m_state->arrangement;
   if (m_state->placesKnown) m_state->NotePlace(record);
 }
 
@@ -104,6 +116,7 @@ void RecordList::Remove(const CKespRecord* record) noexcept {
 }
 
 void RecordList::RemoveAll() noexcept {
+  ++m_state->arrangement;
   m_state->gone += m_state->records.Size();
   m_state->records.Clear();
   m_state->headers = {};

@@ -14,6 +14,7 @@
 // index, it searches the list.
 #pragma once
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -73,6 +74,11 @@ class KESP_EXPORT RecordList {
   // Removes all entries that are this record.
   void Remove(const CKespRecord* record) noexcept;
   void RemoveAll() noexcept;
+  // Access by place, for an index of the list. Removing leaves a null at its place. Arrangement returns another number
+  // once a place may mean another entry: after AddTail, RemoveAll and compaction.
+  std::size_t Places() const noexcept;
+  CKespRecord* At(std::size_t place) const noexcept;  // null if there is none
+  std::uint64_t Arrangement() const noexcept;
   // Returns the entries that were header records when they were added.
   const std::vector<CKespRecord*>& Headers() const noexcept;
 

@@ -1,4 +1,5 @@
 #include <array>
+#include <cmath>
 #include <limits>
 
 #include "tests/dataset/DataSet.h"
@@ -110,6 +111,88 @@ TEST(Queries, FindByNumberAndJoin) {
   EXPECT_EQ(join(nullptr, 0, nullptr, -1), "");
   f.CloseKesp();
   EXPECT_EQ(lookUp(2), std::pair(ERR_FILE_NOT_OPEN, ERR_FILE_NOT_OPEN));
+}
+
+// Coordinates that often tie, and a few that are far away or not finite.
+double Coordinate(Random& random) {
+  constexpr double kInfinity = std::numeric_limits<double>::infinity();
+  const double odd[] = {1e308, -1e308, 1e-320, kInfinity, -kInfinity, kInfinity - kInfinity};
+  const unsigned which = random(200);
+  return which < std::size(odd) ? odd[which] : random(3) == 0 ? random(40) : random(40000) / 1000.0;
+}
+
+// What a loop finds, and what the index finds; the record list of the data set is as it is.
+void CompareInRects(CKespFile& file, Random& random, int rects) {
+  for (; rects > 0; --rects) {
+    CRect2D rect(Coordinate(random), Coordinate(random), Coordinate(random), Coordinate(random));
+    if (rects % 2 == 0) rect.maxX = rect.minX + random(9), rect.maxY = rect.minY + random(9);
+    std::vector<CKespPoint*> points;
+    std::vector<CKespFeature*> features;
+    for (CKespRecord* record : file.m_recordList) {
+      auto* const point = dynamic_cast<CKespPoint*>(record);
+      auto* const feature = dynamic_cast<CKespFeature*>(record);
+      const bool isFinite = point != nullptr && std::isfinite(point->CoordX + point->CoordY);
+      if (isFinite && rect.PtInRect({point->CoordX, point->CoordY})) points.push_back(point);
+      CBoundingBox box;
+      if (feature == nullptr) continue;
+      for (const CKespPoint* each : feature->m_pointList) box.Include(each->CoordX, each->CoordY);
+      const CRect2D shared(std::max(rect.minX, box.MinX()), std::max(rect.minY, box.MinY()),
+                           std::min(rect.maxX, box.MaxX()), std::min(rect.maxY, box.MaxY()));
+      const bool isRect = rect.minX <= rect.maxX && rect.minY <= rect.maxY && box.IsValid();
+      if (isRect && shared.minX <= shared.maxX && shared.minY <= shared.maxY) features.push_back(feature);
+    }
+    int count = -1;
+    ErrorEnum error = ERR_MEMORY;
+    const auto same = [&](auto** found, const auto& expected) {
+      const std::unique_ptr own = std::unique_ptr<std::remove_pointer_t<decltype(found)>[]>(found);
+      EXPECT_EQ(error, expected.empty() ? ERR_NOT_FOUND : ERR_NONE);
+      return std::equal(expected.begin(), expected.end(), found, found + count);
+    };
+    ASSERT_TRUE(same(file.GetPointsInRect(rect, count, error), points)) << count << " for " << points.size();
+    ASSERT_TRUE(same(file.GetFeaturesInRect(rect, count, error), features)) << count << " for " << features.size();
+  }
+}
+
+TEST(Queries, FindByPlaceWhatALoopFinds) {
+  Random random(5);
+  for (const std::uint32_t features : {0u, 1u, 2u, 17u, 600u}) {
+    std::vector<std::unique_ptr<CKespFeature>> all;
+    CKespFile file;
+    const auto queue = [&](std::uint32_t upTo) {
+      while (all.size() < upTo) {
+        const auto number = static_cast<std::uint32_t>(all.size());
+        CKespFeature* const feature = file.CreateFeature("Oak", KESP_FEATURE_LINE, number);
+        all.emplace_back(feature);
+        std::vector<CKespRecord*> records{feature};
+        for (unsigned i = random(9); i > 0; --i) {
+          feature->AddPoint(
+              file.CreatePoint(10 * number + i, "", 0, Coordinate(random), Coordinate(random), 0, number));
+          records.push_back(feature->m_pointList.back());
+        }
+        if (random(20) == 0) records.push_back(nullptr), records.push_back(records[records.size() / 2]);
+        file.AddRecordsToWriteQueue(records.data(), static_cast<int>(records.size()));
+      }
+    };
+    queue(features / 2);
+    CompareInRects(file, random, 50);
+    queue(features);
+    CompareInRects(file, random, 300);
+    for (const auto& feature : all) {
+      CKespFeature* const from = feature.get();
+      if (random(3) == 0) file.DeleteFeatureAndAssociatedRec(from);  // found as before, with its flag
+      while (CKespPoint* point = from->GetPoint(1)) CKespFileTestAccess::DeletePointInFeature(file, point, from);
+      if (all.size() < 20) CompareInRects(file, random, 20);
+    }
+    CompareInRects(file, random, 100);
+    for (const auto& feature : all) {
+      if (CKespPoint* const point = feature->GetPoint(0)) point->CoordX = Coordinate(random);
+    }
+    file.ForgetSpatialIndex();
+    CompareInRects(file, random, 100);
+    file.ClearQueueWithoutWriting();
+    CompareInRects(file, random, 2);
+    file.m_featureIndex.RemoveAll();  // or the data set deletes the features too
+  }
 }
 
 TEST(Summary, OfNoPointsHasNoExtentAndTimesThatAnyPointReplaces) {
