@@ -100,7 +100,7 @@ double GrowthInChild(Work&& work) {
   if (::pipe(ends.data()) != 0) throw std::runtime_error("no pipe");
   const pid_t child = ::fork();
   if (child == 0) {
-    ::malloc_trim(0);  // else the work would use again what the parent has freed
+    ::malloc_trim(0);                               // else the work would use again what the parent has freed
     std::ofstream("/proc/self/clear_refs") << "5";  // the peak starts again here
     const double before = kibibytes("VmRSS:");
     double grown = -1;
