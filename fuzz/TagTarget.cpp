@@ -2,8 +2,10 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz/Reader.h"
 #include "fuzz/Targets.h"
 #include "kesp/kesp.h"
+#include "tests/support/Views.h"
 
 namespace kesp::fuzz {
 namespace {
@@ -44,6 +46,20 @@ int CallGetters(OpenTag& tag, CString& name) {
   return succeeded;
 }
 
+// A view of as much of the body as there is, which may be less than the block's length says.
+void LookThroughView(Input input, const CKespTag* whole) {
+  if (input.size() < kTagFixedPart) return;
+  const std::size_t length = kTagFixedPart + std::size_t{test::Number(input, 4, 4)};
+  const Input part = input.first(std::min(input.size(), length));
+  const Bytes copy(part.begin(), part.end());  // nothing after it, so that an overrun is detected
+  const std::span<const std::byte> body = std::as_bytes(std::span(copy));
+  const TagView view(body);
+  if (const auto name = view.Name()) (void)name->ToUtf8();
+  const auto payload = view.Payload();
+  KESP_REQUIRE(!payload || payload->data() + payload->size() <= body.data() + body.size());
+  KESP_REQUIRE(whole == nullptr || test::Differing(*whole, view).empty());
+}
+
 }  // namespace
 
 void Tag(Input input) {
@@ -52,7 +68,9 @@ void Tag(Input input) {
   CFile file(u"a", CFile::modeReadWrite);
   OpenTag tag;
   CString name;
-  if (tag.Read(file)) {
+  const bool isRead = tag.Read(file);
+  LookThroughView(input, isRead ? &tag : nullptr);
+  if (isRead) {
     // The block has the bytes of the file, and is written back unchanged.
     KESP_REQUIRE(tag.m_dataLength <= input.size() - 8);
     CFile out(u"b", CFile::modeReadWrite | CFile::modeCreate);

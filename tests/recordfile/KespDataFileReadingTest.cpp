@@ -4,6 +4,7 @@
 #include "kesp/records/KespFeature.h"
 #include "kesp/records/KespFeatureEnd.h"
 #include "tests/recordfile/Survey.h"
+#include "tests/support/Views.h"
 
 using namespace kesp::test;
 
@@ -27,6 +28,9 @@ TEST_F(KespDataFileReading, StopsOrGoesOnByTypeAndVersion) {
         // Refused from its header, a record leaves the file at its body.
         const bool isRefused = expected.positions.empty() && expected.error > KESP_ERROR_EOF;
         EXPECT_TRUE(!isRefused || type == 3 || file.GetPosition() == kFirst + 14) << file.GetPosition();
+        CKespDataFile viewed;
+        ASSERT_TRUE(viewed.OpenReadOnly(Text(path)) && viewed.SeekToFirstRecord() && file.SeekToFirstRecord());
+        EXPECT_EQ(DifferenceOfWalks(file, viewed, skipDeleted), "");
       }
     }
   }
