@@ -74,18 +74,19 @@ TEST(RecordList, KeepsItsOrderWhateverIsRemoved) {
 }
 
 TEST(RecordList, RemovesWhateverIsInItWhenMemoryWasShort) {
-  CKespNote first, second, third;
+  CKespNote notes[4];
   bool struck = true;
   for (int at = 1; struck; ++at) {
     kesp::RecordList list;
-    list.AddTail(&first), list.AddTail(&second);
+    for (int i = 0; i < 3; ++i) list.AddTail(&notes[i]);
     {
       const FaultyMemory memory(at);
-      list.Remove(&first), list.AddTail(&third);
+      list.Remove(&notes[0]), list.AddTail(&notes[3]);
       struck = FaultyMemory::Struck();
     }
-    list.Remove(&third);
-    EXPECT_EQ(std::vector<CKespRecord*>(list.begin(), list.end()), (std::vector<CKespRecord*>{&second})) << at;
+    list.Remove(&notes[1]), list.Remove(&notes[3]);
+    EXPECT_EQ(std::vector<CKespRecord*>(list.begin(), list.end()), (std::vector<CKespRecord*>{&notes[2]})) << at;
+    EXPECT_EQ(list.GetCount(), 1) << at;
   }
 }
 

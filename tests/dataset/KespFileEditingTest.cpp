@@ -3,6 +3,7 @@
 
 #include "tests/dataset/DataSet.h"
 #include "tests/support/FaultyMemory.h"
+#include "tests/support/FaultySystem.h"
 
 using namespace kesp::test;
 using Access = CKespFileTestAccess;
@@ -100,7 +101,9 @@ TEST(Deletion, FindsRecordsWhereverTheyAreOrNone) {
   file.m_numPoints = 0;            // not counted
   Access::DeletePoint(file, set.Point(1));
   EXPECT_EQ(feature->GetNumPoints(), 2);
+  const FaultySystem counting;
   EXPECT_EQ(file.DeleteFeatureAndAssociatedRec(feature), ERR_NONE);
+  EXPECT_EQ(counting.Calls("fdatasync"), 1);
   EXPECT_EQ(ReadFile(set.path), TwoFeatures({1, 2, 3, 7}));
   EXPECT_EQ(file.m_numPoints, 0u);
   EXPECT_EQ(file.m_pDataFile->GetPosition(), feature->GetFeatureEnd()->m_filePosition);

@@ -42,25 +42,26 @@ TEST(Factories, GiveRecordsTheirFields) {
 
 TEST(Factories, MakeEveryKindOfTag) {
   CKespFile file;
-  const unsigned long seven = 7;
+  const unsigned long n = 65543;  // more than 16 bits
   const struct {
     CKespTag* made;
     std::uint32_t kind;
     ByteVector block;
     // clang-format off
   } rows[] = {
-      {file.CreateTag("n", 1UL, 2UL, 3UL, 4UL), 7, Block("n", Words({1, 2, 3, 4}))},
-      {file.CreateTag(seven, "n"), 6, Block("n", Words({7}))},
-      {file.CreateTag("n", seven), 6, Block("n", Words({7}))},
-      {file.CreateTag("n", std::uint32_t{7}), 6, Block("n", Words({7}))},
+      {file.CreateTag("n", n, n + 1, n + 2, n + 3), 7, Block("n", Words({65543, 65544, 65545, 65546}))},
+      {file.CreateTag(n, "n"), 6, Block("n", Words({65543}))},
+      {file.CreateTag("n", n), 6, Block("n", Words({65543}))},
+      {file.CreateTag("n", std::uint32_t{65543}), 6, Block("n", Words({65543}))},
       {file.CreateTag("n", CRect2D(1, 2, 3, 4)), 5, Block("n", Hex("00*6 f03f 00*6 0040 00*6 0840 00*6 1040"))},
       {file.CreateTag("n", CPoint3D(1, 2, 3)), 4, Block("n", Hex("00*6 f03f 00*6 0040 00*6 0840"))},
       {file.CreateTag("n", CString("v")), 3, Block("n", Hex("\"v\" 00 00"))},
       {file.CreateTag("n", 2.0), 2, Block("n", Hex("00*6 0040"))},
-      {file.CreateTag("n", -2), 1, Block("n", Words({0xFFFFFFFE}))},
-      {file.CreateTagGps(5, 1, 2, 3, 4294967295UL), 9, Block("", Floats({5, 1, 2, 3, 4294967296.0F}))},
-      {file.CreateTagGpsEx(5, 1.5F, 2, 3, 4, -6), 11, Block("", Floats({5, 1.5F, 2, 3, 4, -6}))},
-      {file.CreateTagFeatureLink(1, 2, 3, 4, 5), 10, Block("", Words({1, 2, 3, 4, 5, 0xFFFFFFFF}))},
+      {file.CreateTag("n", -70000), 1, Block("n", Words({0xFFFEEE90}))},
+      {file.CreateTagGps(n, 1, 2, 3, 4294967295UL), 9, Block("", Floats({65543, 1, 2, 3, 4294967296.0F}))},
+      {file.CreateTagGpsEx(n, 1.5F, 2, 3, 4, -70000), 11, Block("", Floats({65543, 1.5F, 2, 3, 4, -70000}))},
+      {file.CreateTagFeatureLink(n, n + 1, n + 2, n + 3, n + 4), 10,
+       Block("", Words({65543, 65544, 65545, 65546, 65547, 0xFFFFFFFF}))},
       {file.CreateTagBlob("n", "xyz", 3), 0, Block("n", {'x', 'y', 'z'})},
       {file.CreateTagBlob("n", nullptr, 2), 0, Block("n", {0, 0})},
   };

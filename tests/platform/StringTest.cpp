@@ -54,6 +54,7 @@ TEST(String, TakesEveryByteSequenceAndGivesItBack) {
   // clang-format off
   const struct { std::string bytes; std::u16string units; std::string utf8; } kCases[] = {  // no utf8: the same bytes
       {"Oak \xC3\xBF \xE2\x82\xAC \xF0\x9F\x98\x80", u"Oak \u00FF \u20AC \U0001F600", ""},
+      {"\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF\xF0\x90\x80\x80", u"\x7F\x80\u07FF\u0800\uFFFF\U00010000", ""},
       {std::string("a\0b", 3), std::u16string(u"a\0b", 3), ""},
       {"\xED\xA0\x80-\xED\xBF\xBF", {0xD800, u'-', 0xDFFF}, ""},   // surrogates by themselves
       {"\xEF\xBF\xBF\xF4\x8F\xBF\xBF", u"\uFFFF\U0010FFFF", ""},   // non-characters

@@ -44,15 +44,16 @@ std::string Outputs(CKespTag& tag) {
   if (tag.GetColor(name, a) && tag.GetColor(name, wide)) show("color") << a << ' ' << wide;
   if (tag.GetGPSMark(name, a, b, c, d)) show("gps") << a << ' ' << b << ' ' << c << ' ' << d;
   if (tag.GetFileLink(a, name)) show("file") << a;
-  if (tag.GetQualityMark(a, f[0], f[1], f[2], f[3])) out << "quality " << a << ' ' << f[0] << ' ' << f[3];
+  const auto four = [&] { out << ' ' << a << ' ' << f[0] << ' ' << f[1] << ' ' << f[2] << ' ' << f[3]; };
+  if (tag.GetQualityMark(a, f[0], f[1], f[2], f[3])) out << "quality", four();
   if (tag.GetFeatureLink(link))
     out << "link " << link.m_featureNumber1 << ' ' << link.m_qualifier1 << ' ' << link.m_featureNumber2 << ' '
         << link.m_qualifier2 << ' ' << link.m_linkValue << ' ' << link.m_spare << ' ' << link.m_tagRecordPosition;
-  if (tag.GetQualityMarkEx(a, f[0], f[1], f[2], f[3], integer))
-    out << "ex " << a << ' ' << f[0] << ' ' << f[3] << ' ' << integer;
-  EXPECT_TRUE(!out.str().empty() || std::tuple(a, f[0], f[3]) == std::tuple(91, 1, 1)) << "outputs of a wrong kind";
+  if (tag.GetQualityMarkEx(a, f[0], f[1], f[2], f[3], integer)) out << "ex", four(), out << ' ' << integer;
+  EXPECT_TRUE(!out.str().empty() || std::tuple(a, f[0], f[1], f[2], f[3]) == std::tuple(91, 1, 1, 1, 1))
+      << "outputs of a wrong kind";
   if (tag.GetPosErrMark(a, f[0], f[1], f[2]))
-    out << "poserr " << a << ' ' << f[0] << ' ' << f[2];
+    out << "poserr " << a << ' ' << f[0] << ' ' << f[1] << ' ' << f[2];
   else
     EXPECT_EQ(f[0] + f[1] + f[2], 0) << "the only getter that clears them first";
   if (tag.GetNamedFlag(a, b, name)) show("flag") << a << ' ' << b;
@@ -61,7 +62,7 @@ std::string Outputs(CKespTag& tag) {
 
 // Setters are called with plain literals or with 32-bit numbers, which also proves the overload.
 TEST(Tag, EachKindHasItsBytesAndItsGetter) {
-  const std::uint32_t u = 5;
+  const std::uint32_t u = 65541;  // more than 16 bits
   const std::string n = "04000000 \"n\" 0000 ", none = "04000000 00*4 ";
   CKespTag t;
   t.m_filePosition = 77;
@@ -75,7 +76,7 @@ TEST(Tag, EachKindHasItsBytesAndItsGetter) {
     --t.m_pData[4u + t.m_pData[0]];
     EXPECT_EQ(Outputs(t), "");
   };
-  check(t.Set("n", -2), KESP_TAG_INTEGER, n + "04000000 feffffff", "int n -2");
+  check(t.Set("n", -70000), KESP_TAG_INTEGER, n + "04000000 90eefeff", "int n -70000");
   check(t.Set(u"ab", 16777217.), KESP_TAG_DOUBLE, "08000000 \"ab\" 00*4 08000000 00*3 10 00*2 7041",
         "double ab 16777217");
   check(t.Set("", 1.5F), KESP_TAG_DOUBLE, none + "08000000 00*6 f83f", "double  1.5");
@@ -86,26 +87,29 @@ TEST(Tag, EachKindHasItsBytesAndItsGetter) {
   check(t.Set("n", CRect2D(16777217, 16777219, 16777221, 16777223)), KESP_TAG_RECT,
         n + "20000000 00*3 10 00*2 7041 00*3 30 00*2 7041 00*3 50 00*2 7041 00*3 70 00*2 7041",
         "rect n 16777217 16777219 16777221 16777223");
-  check(t.Set("n", u), KESP_TAG_COLOR, n + "04000000 05000000", "color n 5 5");
+  check(t.Set("n", u), KESP_TAG_COLOR, n + "04000000 05000100", "color n 65541 65541");
   check(t.Set("n", 0xFF000005ul), KESP_TAG_COLOR, n + "04000000 050000ff", "color n 4278190085 4278190085");
-  check(t.Set("n", 1, 2, 3, 4), KESP_TAG_GPS_MARK, n + "10000000 01000000 02000000 03000000 04000000", "gps n 1 2 3 4");
-  check(t.Set("n", u, u, u, u), KESP_TAG_GPS_MARK, n + "10000000 05000000 05000000 05000000 05000000", "gps n 5 5 5 5");
-  check(t.Set(7, "n"), KESP_TAG_FILE_LINK, n + "04000000 07000000", "file n 7");
-  check(t.Set(u, CString("n")), KESP_TAG_FILE_LINK, n + "04000000 05000000", "file n 5");
-  check(t.Set(16777217u, 2.F, 0.F, 0.F, -1.F), KESP_TAG_QUALITY_MARK, none + "14000000 0000804b 00000040 00*8 000080bf",
-        "quality 16777216 2 -1");
+  check(t.Set("n", 65537, 65538, 65539, 65540), KESP_TAG_GPS_MARK, n + "10000000 01000100 02000100 03000100 04000100",
+        "gps n 65537 65538 65539 65540");
+  check(t.Set("n", u, u + 1, u + 2, u + 3), KESP_TAG_GPS_MARK, n + "10000000 05000100 06000100 07000100 08000100",
+        "gps n 65541 65542 65543 65544");
+  check(t.Set(65543, "n"), KESP_TAG_FILE_LINK, n + "04000000 07000100", "file n 65543");
+  check(t.Set(u, CString("n")), KESP_TAG_FILE_LINK, n + "04000000 05000100", "file n 65541");
+  check(t.Set(16777217u, 2.F, 3.F, 4.F, -1.F), KESP_TAG_QUALITY_MARK,
+        none + "14000000 0000804b 00000040 00004040 00008040 000080bf", "quality 16777216 2 3 4 -1");
   CKespFeatureLink link;
-  link.m_featureNumber1 = 1, link.m_qualifier1 = 2, link.m_featureNumber2 = 3, link.m_qualifier2 = 4;
-  link.m_linkValue = 5, link.m_spare = 0xFFFFFFFF, link.m_tagRecordPosition = 9;
-  check(t.Set(link), KESP_TAG_FEATURE_LINK, none + "18000000 01000000 02000000 03000000 04000000 05000000 ff*4",
-        "link 1 2 3 4 5 4294967295 77");
-  check(t.Set(u, 2.F, 0.F, 0.F, 1.F, -3), KESP_TAG_QUALITY_MARK_EX,
-        none + "18000000 0000a040 00000040 00*8 0000803f 000040c0", "ex 5 2 1 -3");
-  check(t.Set(1, 2.F, 0.F, -1.F), KESP_TAG_POS_ERR_MARK, none + "10000000 0000803f 00000040 00*4 000080bf",
-        "poserr 1 2 -1");
-  check(t.Set(1, 2, "n"), KESP_TAG_NAMED_FLAG, n + "08000000 01000000 02000000", "flag n 1 2");
+  link.m_featureNumber1 = 65537, link.m_qualifier1 = 65538, link.m_featureNumber2 = 65539, link.m_qualifier2 = 65540;
+  link.m_linkValue = u, link.m_spare = 0xFFFFFFFF, link.m_tagRecordPosition = 9;
+  check(t.Set(link), KESP_TAG_FEATURE_LINK, none + "18000000 01000100 02000100 03000100 04000100 05000100 ff*4",
+        "link 65537 65538 65539 65540 65541 4294967295 77");
+  check(t.Set(u, 2.F, 3.F, 4.F, 1.F, -70000), KESP_TAG_QUALITY_MARK_EX,
+        none + "18000000 80028047 00000040 00004040 00008040 0000803f 00b888c7", "ex 65541 2 3 4 1 -70000");
+  check(t.Set(65537, 2.F, 3.F, -1.F), KESP_TAG_POS_ERR_MARK, none + "10000000 80008047 00000040 00004040 000080bf",
+        "poserr 65537 2 3 -1");
+  check(t.Set(65537, 65538, "n"), KESP_TAG_NAMED_FLAG, n + "08000000 01000100 02000100", "flag n 65537 65538");
   CString flag(u"flag");
-  check(t.Set(u, 2ul, flag), KESP_TAG_NAMED_FLAG, "0c000000 \"flag\" 00*4 08000000 05000000 02000000", "flag flag 5 2");
+  check(t.Set(u, 65538ul, flag), KESP_TAG_NAMED_FLAG, "0c000000 \"flag\" 00*4 08000000 05000100 02000100",
+        "flag flag 65541 65538");
   check(t.Set(KESP_TAG_BLOB, "n", nullptr, 3), KESP_TAG_BLOB, n + "03000000 00*3", "");
 }
 
