@@ -3,8 +3,6 @@
 //
 // The files are in the page cache, so nothing waits for a device. The clock is the processor time.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -14,7 +12,6 @@
 #include "bench/Measure.h"
 #include "bench/Survey.h"
 #include "kesp/format/RecordView.h"
-#include "kesp/memory/AlignedBytes.h"
 
 namespace {
 
@@ -22,15 +19,8 @@ using bench::FileOf;
 using bench::kBlock;
 using bench::kBytesEach;
 using bench::kRecordsEach;
+using bench::ReadPlain;
 using bench::Walk;
-
-void ReadPlain(const std::string& path) {
-  static kesp::AlignedBytes block(kBlock);
-  const int fd = ::open(path.c_str(), O_RDONLY);
-  if (fd < 0) throw std::runtime_error("can't open " + path);
-  while (::read(fd, block.Data(), kBlock) > 0) benchmark::ClobberMemory();
-  ::close(fd);
-}
 
 // Looks at the header of each record.
 void WalkOverViews(const std::string& path, long features) {

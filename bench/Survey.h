@@ -1,6 +1,10 @@
 // The surveys that the benchmarks read: a header record, then features of 16 records each (a feature, 4 attributes, 10
 // points, an end; 8680 bytes). They are the same in every run.
 #pragma once
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -12,6 +16,7 @@
 
 #include "bench/Measure.h"
 #include "kesp/kesp.h"
+#include "kesp/memory/AlignedBytes.h"
 #include "kesp/recordfile/RecordHeader.h"
 
 namespace bench {
@@ -120,6 +125,15 @@ inline const std::string& FileOf(long features) {
   }
   file.Flush();  // else the system would write it to the disk while the clock runs
   return path;
+}
+
+// Reads all bytes and does nothing with them.
+inline void ReadPlain(const std::string& path) {
+  static kesp::AlignedBytes block(kBlock);
+  const int fd = ::open(path.c_str(), O_RDONLY);
+  if (fd < 0) throw std::runtime_error("can't open " + path);
+  while (::read(fd, block.Data(), kBlock) > 0) benchmark::ClobberMemory();
+  ::close(fd);
 }
 
 // Makes and deletes an object for each record.

@@ -1,10 +1,10 @@
 // Opening and closing a file.
 #include <cerrno>
-#include <memory>
 #include <new>
 
 #include "kesp/dataset/KespFile.h"
 #include "kesp/dataset/Store.h"
+#include "kesp/format/RecordView.h"
 #include "kesp/util/Utilities.h"
 
 namespace {
@@ -106,9 +106,9 @@ ErrorEnum CKespFile::GetKespVersion(unsigned long& version) {
   if (m_pDataFile == nullptr) return ERR_MEMORY;
   if (!m_pDataFile->IsOpen()) return ERR_FILE_NOT_OPEN;
   if (!m_pDataFile->SeekToFirstRecord()) return ERR_SEEK_FAILED;
-  const std::unique_ptr<CKespRecord> first(m_pDataFile->ReadNextRecord(true));
-  if (!first || first->m_recordType != KESP_RECORD_HEADER) return ERR_READ_FAILED;
-  version = static_cast<const CKespTavoHeader&>(*first).KespVersion;
+  kesp::RecordView first;
+  if (!m_pDataFile->ReadNextView(first, true) || first.Type() != KESP_RECORD_HEADER) return ERR_READ_FAILED;
+  version = first.AsHeader().KespVersion();
   return ERR_NONE;
 }
 

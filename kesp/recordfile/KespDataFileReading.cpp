@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "kesp/format/RecordKinds.h"
+#include "kesp/format/RecordView.h"
 #include "kesp/platform/BlockReader.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/PlainPoints.h"
@@ -239,8 +240,8 @@ bool CKespDataFile::WalkOverHeaders() {
         // A record that is refused, or whose body may be.
         if (!m_file.ReachesTo(m_file.GetPosition() + length)) return fail(KESP_ERROR_EOF);
         m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
-        std::uint64_t position = 0;
-        if (!std::unique_ptr<CKespRecord>(ReadAnyRecord(position, true))) return false;
+        kesp::RecordView view;
+        if (!ViewAnyRecord(view, true, Skipped::kLeftOut)) return false;
         continue;
       }
     }

@@ -48,6 +48,27 @@ TEST_F(KespDataFileViewing, ShowsTheRecordAsItIsStored) {
   }
 }
 
+TEST_F(KespDataFileViewing, StopsAtSkippedRecordsWhenAsked) {
+  Open(EndOf(1, 1) + Record(200, 9, 8, Hex("aa")) + EndOf(2) + Record(12, 1, 1, Hex("bb*2")) +
+           Record(8, 1, 1, Hex("cc")),
+       true);
+  // Offset, type, and whether it is skipped; of the record of a refused type only when deleted ones are.
+  using Row = std::tuple<std::uint64_t, std::uint32_t, bool>;
+  const std::vector<Row> steps[] = {{{50, 4, false}, {68, 200, true}, {83, 4, false}},
+                                    {{50, 4, true}, {68, 200, true}, {83, 4, false}, {101, 12, true}, {117, 8, true}}};
+  for (const bool skipDeleted : {false, true}) {
+    ASSERT_TRUE(file.SeekToFirstRecord());
+    std::vector<Row> rows;
+    while (file.ReadNextStep(view, skipDeleted)) {
+      rows.emplace_back(view.Position(), view.Type(), view.IsSkipped());
+      EXPECT_EQ(view.Body().empty(), view.IsSkipped());
+      EXPECT_EQ(view.IsDeleted(), view.Position() != 68 && view.Position() != 83);
+    }
+    EXPECT_EQ(rows, steps[skipDeleted]);
+    EXPECT_EQ(file.GetError(), skipDeleted ? KESP_ERROR_NORMAL_EOF : KESP_ERROR_UNICODE);
+  }
+}
+
 TEST_F(KespDataFileViewing, HoldsTheFirstPartOfALongTag) {
   constexpr auto kMost = static_cast<std::uint32_t>(TagView::kMostBlock);
   const auto named = [](std::uint32_t nameBytes, std::uint32_t payload) {

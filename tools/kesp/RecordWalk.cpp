@@ -46,6 +46,15 @@ std::unique_ptr<CKespRecord> RecordWalk::TakeRecord() {
   return std::move(m_record);
 }
 
+// A view passes over most of a long tag. A file is only whole if all of it can be read.
+bool RecordWalk::ReadAll() {
+  if (Record() == nullptr) return false;
+  m_file.m_file.Seek(static_cast<std::int64_t>(m_view.Position()), CFile::begin);
+  if (m_file.ReadNextView(m_view, false)) return true;
+  EndWith(m_file.GetError(), m_file.GetSystemError());
+  return false;
+}
+
 void RecordWalk::EndWith(const CFileException& failure) {
   // A version-1 feature body that is cut short is raised where the others leave a code.
   EndWith(failure.m_cause == CFileException::endOfFile ? KESP_ERROR_EOF : KESP_ERROR_NONE, failure.m_lOsError);

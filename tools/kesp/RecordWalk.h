@@ -50,7 +50,8 @@ class RecordWalk {
           return Step::kPassedOver;
         }
         if (m_firstType == KESP_RECORD_NONE) m_firstType = m_view.Type();
-        return Step::kRecord;
+        const bool isLongTag = m_view.Type() == KESP_RECORD_TAG && !m_view.AsTag().IsWhole();
+        return !isLongTag || ReadAll() ? Step::kRecord : Step::kEnd;
       }
       EndWith(m_file.GetError(), m_file.GetSystemError());
     } catch (const CFileException& e) {
@@ -68,6 +69,7 @@ class RecordWalk {
   const Verdict& End() const noexcept { return m_end; }  // of the file, at the end
 
  private:
+  bool ReadAll();
   void EndWith(KESP_ERROR_TYPE error, int systemError);
   void EndWith(const CFileException& failure);
 
