@@ -1,6 +1,5 @@
 // Deleting features and points, in memory and on disk.
 #include <algorithm>
-#include <limits>
 #include <memory>
 
 #include "kesp/dataset/KespFile.h"
@@ -34,17 +33,9 @@ class WithoutFlush {
 void CKespFile::MarkDeletedOnDisk(CKespRecord& record) {
   record.SetDelete();
   if (m_pDataFile == nullptr || !m_pDataFile->IsOpen()) return;
-  // In a file over 4 GiB another record may be at that position.
-  const bool isPlaceKnown = m_pDataFile->m_file.KnownLength() <= std::numeric_limits<std::uint32_t>::max();
-  if (isPlaceKnown) (void)m_pDataFile->Seek(record.m_filePosition);
-  // Usually the first record read is the right one; otherwise the whole file is searched, twice if need be. No second
-  // search after a failure of the system.
+  // Usually the record at its place is the right one; otherwise the file is searched.
   (void)m_pDataFile->Guarded([&] {
-    auto result = m_pDataFile->FindAndOverwrite(record, KESP_SRC_DELETED, isPlaceKnown);
-    if (result == CKespDataFile::Update::kNotFound) {
-      result = m_pDataFile->FindAndOverwrite(record, KESP_SRC_DELETED, false);
-    }
-    return result == CKespDataFile::Update::kDone;
+    return m_pDataFile->FindFromItsPlaceAndOverwrite(record, KESP_SRC_DELETED) == CKespDataFile::Update::kDone;
   });
 }
 
