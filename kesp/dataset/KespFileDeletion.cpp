@@ -1,5 +1,4 @@
 // Deleting features and points, in memory and on disk.
-#include <algorithm>
 #include <memory>
 
 #include "kesp/dataset/KespFile.h"
@@ -8,9 +7,8 @@
 namespace {
 
 int IndexOf(const CKespFeature& feature, const CKespPoint* point) {
-  const auto& points = feature.m_pointList;
-  const auto* const found = std::find(points.begin(), points.end(), point);
-  return found == points.end() ? -1 : static_cast<int>(found - points.begin());
+  const std::size_t index = feature.m_pointList.IndexOf(point);
+  return index == feature.m_pointList.size() ? -1 : static_cast<int>(index);
 }
 
 // Turns flushing off, and on again when destroyed.
@@ -73,13 +71,9 @@ void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, i
   m_recordList.Remove(point);
   CKespPoint* indexed = nullptr;
   std::uint32_t number = point->PointNumber;
-  if (!m_pointIndex.Lookup(number, indexed) || indexed != point) {
-    // Another point has this number now, or the point was entered under another one.
-    const auto entry = std::find_if(m_pointIndex.begin(), m_pointIndex.end(),
-                                    [point](const auto& candidate) { return candidate.value == point; });
-    if (entry != m_pointIndex.end()) number = entry->key, indexed = point;
-  }
-  if (indexed == point) m_pointIndex.RemoveKey(number);
+  // Another point may have this number now, or the point may have been entered under another one.
+  const bool isThere = m_pointIndex.Lookup(number, indexed) && indexed == point;
+  if (isThere || m_pointIndex.FindKey(point, number)) m_pointIndex.RemoveKey(number);
   delete feature.RemovePoint(index);
   m_own->featuresByPlace.index.reset();  // the box may be smaller now
   if (m_numPoints != 0) --m_numPoints;

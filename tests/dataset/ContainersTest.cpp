@@ -29,6 +29,10 @@ void CompareWithChains(MakeKey makeKey, unsigned keys) {
       EXPECT_EQ(map.RemoveKey(key), isThere);
       if (isThere) chain.erase(found);
     }
+    Key entered{};
+    const auto at = std::find_if(chain.begin(), chain.end(), [&](const auto& entry) { return entry.second == step; });
+    ASSERT_EQ(map.FindKey(step, entered), at != chain.end()) << step;
+    ASSERT_TRUE(at == chain.end() || entered == key) << step;
     if (step % 50 != 0) continue;
     std::vector<std::pair<Key, int>> walked, expected;
     for (const auto& one : chains) expected.insert(expected.end(), one.begin(), one.end());
