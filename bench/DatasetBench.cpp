@@ -6,17 +6,25 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench/Measure.h"
 #include "bench/Survey.h"
+
+// A friend of the data set, for an operation that is private.
+struct CKespFileTestAccess {
+  static void DeletePoint(CKespFile& survey, CKespPoint* point) { survey.DeletePoint(point); }
+};
 
 namespace {
 
@@ -244,19 +252,34 @@ void PointsInRect(benchmark::State& state) {
 }
 BENCHMARK(PointsInRect)->Iterations(9)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
-// "long_to_short" of deleting one feature in a thousand with its 14 points and attributes, also in the file.
+enum Kind { kWritten, kReadOnly, kNeverWritten };
+const char* const kKinds[] = {"written", "read_only", "never_written"};
+
+// Makes the feature's records ones that are not in the file.
+void MakeNew(CKespFeature& feature) {
+  constexpr std::uint32_t kUnused = 1U << 30;
+  for (CKespPoint* point : feature.m_pointList) point->m_filePosition = 0, point->FeatureNumber += kUnused;
+  for (CKespAttribute* attribute : feature.m_attributeList) {
+    attribute->m_filePosition = 0, attribute->FeatureNumber += kUnused;
+  }
+}
+
+// "long_to_short" of deleting one feature in a thousand with its 14 points and attributes, also in the file if it is
+// open for writing.
 void DeleteOneInAThousand(benchmark::State& state) {
   const bench::ScratchFolder folder("/dev/shm");
+  const auto kind = static_cast<Kind>(state.range(0));
   const auto timeOf = [&](long features) {
     const std::string path = folder / std::to_string(features);
     std::filesystem::copy_file(FileOf(features), path, std::filesystem::copy_options::overwrite_existing);
     CKespFile survey;
-    Open(survey, path, false);
+    Open(survey, path, kind == kReadOnly);
     Read(survey);
     std::vector<CKespFeature*> chosen;
     for (unsigned long number = 500; number < static_cast<unsigned long>(features); number += 1000) {
       CKespFeature* feature = nullptr;
       if (survey.GetFeature(number, feature) == ERR_NONE) chosen.push_back(feature);
+      if (kind == kNeverWritten) MakeNew(*chosen.back());
     }
     const double seconds = CpuSeconds([&] {
       for (CKespFeature* feature : chosen) survey.DeleteFeatureAndAssociatedRec(feature);
@@ -272,8 +295,67 @@ void DeleteOneInAThousand(benchmark::State& state) {
     state.SetIterationTime(inLong);
   }
   state.counters["long_to_short"] = bench::Median(ratios);
+  state.SetLabel(kKinds[kind]);
 }
-BENCHMARK(DeleteOneInAThousand)->Iterations(3)->UseManualTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(DeleteOneInAThousand)
+    ->DenseRange(kWritten, kNeverWritten)
+    ->Iterations(3)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+// Makes a survey of one line of that many points.
+void MakeLine(const std::string& path, std::uint32_t points) {
+  CKespFile survey;
+  const std::unique_ptr<CKespFeature> line(survey.CreateFeature("line", KESP_FEATURE_LINE, 1));
+  for (std::uint32_t i = 0; i < points; ++i) line->AddPoint(survey.CreatePoint(i, "", 0, 50, 10, 100, 1));
+  survey.AddTavoHeaderToWriteQueue(new CKespTavoHeader);
+  survey.AddFeatureAndAssociatedRecToWriteQueue(line.get());
+  if (survey.WriteNewKespFileFromQueue(CString(path)) != ERR_NONE) throw std::runtime_error("can't write " + path);
+}
+
+// "long_to_short" of deleting half the points, in random order, of one line of 100,000 points and of 100 lines of 1000.
+// All of these are in memory and in turn, so that the processor's caches hold no more of the short ones.
+void DeletePointsOfALine(benchmark::State& state) {
+  const bench::ScratchFolder folder("/dev/shm");
+  const auto kind = static_cast<Kind>(state.range(0));
+  const auto timeOf = [&](std::uint32_t lines, std::uint32_t points) {
+    std::vector<std::pair<CKespFile*, CKespPoint*>> chosen;
+    std::vector<std::unique_ptr<CKespFile>> surveys;
+    for (std::uint32_t i = 0; i < lines; ++i) {
+      const std::string path = folder / std::to_string(i);
+      std::filesystem::remove(path);
+      MakeLine(path, points);
+      CKespFile& survey = *surveys.emplace_back(std::make_unique<CKespFile>());
+      Open(survey, path, kind == kReadOnly);
+      Read(survey);
+      survey.m_pointIndex.Settle();
+      CKespFeature& line = **survey.m_featureIndex.Find(1);
+      for (CKespPoint* point : line.m_pointList) {
+        chosen.emplace_back(&survey, point);
+        if (kind == kNeverWritten) point->m_filePosition = 0, point->PointNumber += points;
+      }
+    }
+    std::shuffle(chosen.begin(), chosen.end(), std::mt19937());
+    chosen.resize(chosen.size() / 2);
+    const double seconds = CpuSeconds([&] {
+      for (const auto& [survey, point] : chosen) CKespFileTestAccess::DeletePoint(*survey, point);
+    });
+    return seconds / static_cast<double>(chosen.size());
+  };
+  std::vector<double> ratios;
+  for (auto _ : state) {
+    const double inLong = timeOf(1, 100 * 1000);
+    ratios.push_back(inLong / timeOf(100, 1000));
+    state.SetIterationTime(inLong);
+  }
+  state.counters["long_to_short"] = bench::Median(ratios);
+  state.SetLabel(kKinds[kind]);
+}
+BENCHMARK(DeletePointsOfALine)
+    ->DenseRange(kWritten, kNeverWritten)
+    ->Iterations(5)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

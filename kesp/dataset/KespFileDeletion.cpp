@@ -1,6 +1,4 @@
 // Deleting features and points, in memory and on disk.
-#include <algorithm>
-#include <limits>
 #include <memory>
 
 #include "kesp/dataset/KespFile.h"
@@ -9,9 +7,8 @@
 namespace {
 
 int IndexOf(const CKespFeature& feature, const CKespPoint* point) {
-  const auto& points = feature.m_pointList;
-  const auto* const found = std::find(points.begin(), points.end(), point);
-  return found == points.end() ? -1 : static_cast<int>(found - points.begin());
+  const std::size_t index = feature.m_pointList.IndexOf(point);
+  return index == feature.m_pointList.size() ? -1 : static_cast<int>(index);
 }
 
 // Turns flushing off, and on again when destroyed.
@@ -34,17 +31,9 @@ class WithoutFlush {
 void CKespFile::MarkDeletedOnDisk(CKespRecord& record) {
   record.SetDelete();
   if (m_pDataFile == nullptr || !m_pDataFile->IsOpen()) return;
-  // In a file over 4 GiB another record may be at that position.
-  const bool isPlaceKnown = m_pDataFile->m_file.KnownLength() <= std::numeric_limits<std::uint32_t>::max();
-  if (isPlaceKnown) (void)m_pDataFile->Seek(record.m_filePosition);
-  // Usually the first record read is the right one; otherwise the whole file is searched, twice if need be. No second
-  // search after a failure of the system.
+  // Usually the record at its place is the right one; otherwise the file is searched.
   (void)m_pDataFile->Guarded([&] {
-    auto result = m_pDataFile->FindAndOverwrite(record, KESP_SRC_DELETED, isPlaceKnown);
-    if (result == CKespDataFile::Update::kNotFound) {
-      result = m_pDataFile->FindAndOverwrite(record, KESP_SRC_DELETED, false);
-    }
-    return result == CKespDataFile::Update::kDone;
+    return m_pDataFile->FindFromItsPlaceAndOverwrite(record, KESP_SRC_DELETED) == CKespDataFile::Update::kDone;
   });
 }
 
@@ -82,13 +71,9 @@ void CKespFile::RemovePointFromStore(CKespPoint* point, CKespFeature& feature, i
   m_recordList.Remove(point);
   CKespPoint* indexed = nullptr;
   std::uint32_t number = point->PointNumber;
-  if (!m_pointIndex.Lookup(number, indexed) || indexed != point) {
-    // Another point has this number now, or the point was entered under another one.
-    const auto entry = std::find_if(m_pointIndex.begin(), m_pointIndex.end(),
-                                    [point](const auto& candidate) { return candidate.value == point; });
-    if (entry != m_pointIndex.end()) number = entry->key, indexed = point;
-  }
-  if (indexed == point) m_pointIndex.RemoveKey(number);
+  // Another point may have this number now, or the point may have been entered under another one.
+  const bool isThere = m_pointIndex.Lookup(number, indexed) && indexed == point;
+  if (isThere || m_pointIndex.FindKey(point, number)) m_pointIndex.RemoveKey(number);
   delete feature.RemovePoint(index);
   m_own->featuresByPlace.index.reset();  // the box may be smaller now
   if (m_numPoints != 0) --m_numPoints;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kesp/memory/BlockList.h"
+#include "kesp/memory/PlaceTable.h"
 
 namespace kesp {
 namespace {
@@ -80,6 +81,26 @@ struct MapOfWords::State {
       slots[SlotOf(entries[at].key)] = {at, HashWord(entries[at].key)};
     }
   }
+  std::uint64_t ValueAt(std::uint32_t at) const noexcept {
+    std::uint64_t value = 0;
+    std::memcpy(&value, entries[at].value, sizeof value);
+    return value;
+  }
+  void Replace(Entry& entry, std::uint64_t value) noexcept {
+    if (std::memcmp(entry.value, &value, sizeof value) == 0) return;
+    std::memcpy(entry.value, &value, sizeof value);
+    byValue.reset();
+  }
+  void IndexValues() noexcept {
+    try {
+      byValue = std::make_unique<PlaceTable>(count + count / 4 + kGroup);  // with room for new entries
+      for (std::uint32_t at = 0; at < entries.Size(); ++at) {
+        if (entries[at].previous != kFree) byValue->Enter(ValueAt(at), at);
+      }
+    } catch (const std::bad_alloc&) {
+      byValue.reset();
+    }
+  }
   // Adds a new key and returns null; for a known key returns its entry, with the old value.
   Entry* Enter(std::uint64_t key, std::uint64_t value) {
     if (2 * (count + 1) > slots.size()) Rehash(std::max<std::size_t>(2 * slots.size(), kGroup));
@@ -102,6 +123,7 @@ struct MapOfWords::State {
     head = at;
     slots[slot] = {at, HashWord(key)};
     ++count;
+    if (byValue && !byValue->Enter(value, at)) byValue.reset();
     return nullptr;
   }
   void EnterNoted() {
@@ -112,7 +134,7 @@ struct MapOfWords::State {
     for (std::size_t i = 0; i < noted.Size(); ++i) {
       std::uint64_t value = 0;
       std::memcpy(&value, noted[i].value.data(), sizeof value);
-      if (Entry* const known = Enter(noted[i].key, value)) std::memcpy(known->value, &value, sizeof value);
+      if (Entry* const known = Enter(noted[i].key, value)) Replace(*known, value);
     }
     noted.Clear();
   }
@@ -143,6 +165,7 @@ struct MapOfWords::State {
   }();
   std::uint32_t firstFree = kNone;
   std::size_t count = 0;
+  std::unique_ptr<PlaceTable> byValue;  // places in entries; null until a value is looked up
   const std::uint64_t seed = Seed();
 };
 
@@ -172,12 +195,28 @@ const MapOfWords::Entry* MapOfWords::Find(std::uint64_t key) const {
   return at == kNone ? nullptr : &m_state->entries[at];
 }
 
+const MapOfWords::Entry* MapOfWords::FindValue(std::uint64_t value) const {
+  Settle();
+  State& state = *m_state;
+  const auto holds = [&](std::uint32_t at) {
+    return state.entries[at].previous != kFree && state.ValueAt(at) == value;
+  };
+  if (!state.byValue) state.IndexValues();
+  std::uint32_t at = 0;
+  if (state.byValue) {
+    at = state.byValue->Find(value, holds);
+  } else {
+    while (at < state.entries.Size() && !holds(at)) ++at;
+  }
+  return at < state.entries.Size() ? &state.entries[at] : nullptr;
+}
+
 bool MapOfWords::SetAt(std::uint64_t key, std::uint64_t value, std::uint64_t& before) {
   Settle();
   Entry* const known = m_state->Enter(key, value);
   if (known == nullptr) return false;
   std::memcpy(&before, known->value, sizeof before);
-  std::memcpy(known->value, &value, sizeof value);
+  m_state->Replace(*known, value);
   return true;
 }
 
@@ -213,6 +252,7 @@ void MapOfWords::RemoveAll() noexcept {
   m_state->noted.Clear();
   m_state->entries.Clear();
   std::vector<State::Slot>().swap(m_state->slots);
+  m_state->byValue.reset();
   m_state->heads.fill(kNone);
   m_state->firstFree = kNone;
   m_state->count = 0;

@@ -6,7 +6,7 @@
 //
 // Keys are 32-bit numbers, or GPS times, whose hash word is the first part. Values are 4 or 8 bytes and are copied; the
 // map does not own what they point to. Finding, adding and removing take constant time, however the keys fall into the
-// buckets.
+// buckets. So does finding a key by its value, after the first time and if values seldom repeat.
 //
 // An iterator becomes invalid when its entry is removed or by RemoveAll; nothing else invalidates it.
 // Errors: std::bad_alloc from SetAt, Note and Settle, and from any other operation but IsEmpty and RemoveAll after a
@@ -46,6 +46,7 @@ class KESP_EXPORT MapOfWords {
   std::size_t Count() const;
   bool IsEmpty() const noexcept;
   const Entry* Find(std::uint64_t key) const;  // null if there is none
+  const Entry* FindValue(std::uint64_t value) const;
   // Returns true if the key was there; `before` then receives its old value.
   bool SetAt(std::uint64_t key, std::uint64_t value, std::uint64_t& before);
   void Note(std::uint32_t key, std::uint64_t value);
@@ -112,6 +113,14 @@ class KespMap {
   }
   // Returns null if the key is not there; valid until the next change.
   const Value* Find(const Key& key) const { return ValueOf(m_words.Find(WordOf(key))); }
+  // Stores a key that has this value. Returns false and stores nothing if there is none. The first call makes an index
+  // of the values, which later changes keep up to date; without the memory for it, all entries are searched.
+  bool FindKey(const Value& value, Key& key) const {
+    const MapOfWords::Entry* const found = m_words.FindValue(Pack(value));
+    if (found == nullptr) return false;
+    key = KeyOf(found->key);
+    return true;
+  }
   // Returns the replaced value, or a default one for a new key.
   Value SetAt(const Key& key, const Value& value) {
     std::uint64_t before = 0;

@@ -14,6 +14,8 @@ namespace {
 // Marks a removed entry: an address that no record can have.
 CKespRecord* Hole() noexcept { return reinterpret_cast<CKespRecord*>(std::uintptr_t{1}); }
 
+constexpr unsigned kOften = 32;
+
 }  // namespace
 
 struct RecordList::State {
@@ -26,6 +28,8 @@ struct RecordList::State {
   }
   bool FindPlaces() noexcept {
     if (placesKnown) return true;
+    // Making the index takes as long as a few dozen searches, so a single removal should not wait for it.
+    if (++searches < kOften) return false;
     try {
       places.reserve(records.Size());
       for (std::size_t i = 0; i < records.Size(); ++i) {
@@ -40,6 +44,7 @@ struct RecordList::State {
   void ForgetPlaces() noexcept {
     places.clear();
     placesKnown = false;
+    searches = 0;
   }
   void CloseHoles() noexcept {
     ++arrangement;
@@ -64,9 +69,10 @@ struct RecordList::State {
   std::size_t gone = 0;   // entries that RemoveAll dropped; a walk at one of them goes on with the first entry
   std::uint64_t arrangement = 0;
   std::size_t walks = 0;  // iterators other than ends
-  // Where each record is. Built at the first removal, so that reading and queueing don't pay for it.
+  // Where each record is. Built after a few removals, so that reading and queueing don't pay for it.
   std::unordered_multimap<const CKespRecord*, std::size_t> places;
   bool placesKnown = false;
+  unsigned searches = 0;  // since the index was last forgotten
 };
 
 RecordList::RecordList() : m_state(std::make_unique<State>()) {}

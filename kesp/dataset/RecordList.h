@@ -2,16 +2,16 @@
 //
 //   for (CKespRecord* record : file.m_recordList) ...
 //
-// Appending, removing and the length take constant time. Remove leaves a hole that iteration skips; the list is
-// compacted when more than half of it is holes and nothing iterates over it. The list may hold the same pointer more
+// Appending, removing and the length take constant time on average. Remove leaves a hole that iteration skips; the list
+// is compacted when more than half of it is holes and nothing iterates over it. The list may hold the same pointer more
 // than once, and null.
 //
 // Iteration continues whatever is removed and appended meanwhile: it skips a record that is removed before it gets
 // there, and visits one that is appended.
 //
 // Ownership: none. The list records which entries are header records, since the data set deletes those.
-// Errors: AddTail raises std::bad_alloc, and then adds nothing. Remove never fails; if there is no memory for its
-// index, it searches the list.
+// Errors: AddTail raises std::bad_alloc, and then adds nothing. Remove never fails; the first few times, and if there
+// is no memory for its index, it searches the list.
 #pragma once
 #include <cstddef>
 #include <cstdint>

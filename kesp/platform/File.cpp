@@ -194,7 +194,7 @@ void CFile::Reset() noexcept {
   m_lastSystemError = 0;
   m_writable = m_gathering = m_syncFailed = m_directoryUnsynced = false;
   m_path.Empty();
-  m_position = m_length = m_bufferStart = m_gatherStart = 0;
+  m_position = m_length = m_bufferStart = m_gatherStart = m_changedFrom = 0;
   m_bufferSize = 0;
   m_buffer.reset();
   m_data = nullptr;
@@ -390,6 +390,7 @@ void CFile::WriteOut(const std::byte* from, std::size_t count, std::uint64_t pos
       Raise(reason);
     }
     total += static_cast<std::size_t>(put);
+    m_changedFrom = std::min(m_changedFrom, position);
   }
   UpdateBuffer(from, count, position);
 }
@@ -463,6 +464,7 @@ void CFile::SetLength(std::uint64_t length) {
   if (length > kLargestOffset) Raise(EFBIG);
   EndBlockReader();
   if (TruncateRetrying(m_fd, static_cast<std::int64_t>(length)) != 0) Raise(errno);
+  m_changedFrom = std::min({m_changedFrom, m_length, length});
   m_length = length;
   m_bufferSize = 0;
 }
@@ -547,6 +549,7 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
                                       static_cast<std::int64_t>(m_position), kCopyAtOnce);
     });
     if (copied <= 0) break;
+    m_changedFrom = std::min(m_changedFrom, m_position);
     m_position += static_cast<std::uint64_t>(copied);
     source.m_position += static_cast<std::uint64_t>(copied);
     m_length = std::max(m_length, m_position);

@@ -145,6 +145,12 @@ class KESP_EXPORT CFile {
   const CString& GetFilePath() const noexcept { return m_path; }
   kesp::FileIdentity Identity() const noexcept { return m_identity; }  // zeros on a closed object
 
+  // The least offset at which this object has written or truncated the file since it was opened or SetChangedFrom was
+  // called: what is before it is as it was then. 0 after opening.
+  static constexpr std::uint64_t kUnchanged = ~std::uint64_t{0};
+  std::uint64_t ChangedFrom() const noexcept { return m_changedFrom; }
+  void SetChangedFrom(std::uint64_t offset) noexcept { m_changedFrom = offset; }
+
   // Returns once the data, the length and a new file's directory entry are on the disk. Does nothing on a file that is
   // open read-only.
   void Flush();
@@ -219,6 +225,7 @@ class KESP_EXPORT CFile {
   std::uint64_t m_bufferStart = 0;  // file offset of the first byte at m_data
   std::size_t m_bufferSize = 0;     // bytes at m_data
   std::size_t m_nextRead = kFirstRead;
+  std::uint64_t m_changedFrom = 0;
   std::vector<std::byte> m_gathered;
   std::uint64_t m_gatherStart = 0;
 };

@@ -5,6 +5,7 @@
 
 #include "kesp/platform/SystemCalls.h"
 #include "kesp/recordfile/FileHeader.h"
+#include "kesp/recordfile/RecordPlaces.h"
 #include "kesp/util/Fields.h"
 #include "kesp/util/StringTable.h"
 #include "kesp/util/Utilities.h"
@@ -121,6 +122,7 @@ void CKespDataFile::ForgetFailures() noexcept {
   m_failedAppends = 0;
   m_lengthLimit = kNoLimit;
   m_tornFrom.reset();
+  m_places.reset();
 }
 
 bool CKespDataFile::Close() {
@@ -130,6 +132,7 @@ bool CKespDataFile::Close() {
     // The system refuses; a reader stops at the partial record.
   }
   m_tornFrom.reset();
+  m_places.reset();
   try {
     m_file.Close();
     return true;

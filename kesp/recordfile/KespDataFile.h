@@ -42,6 +42,7 @@
 #include <cerrno>
 #include <concepts>
 #include <cstdint>
+#include <memory>
 #include <new>
 #include <optional>
 #include <span>
@@ -54,6 +55,7 @@
 
 namespace kesp {
 class ColumnReader;
+class RecordPlaces;
 class RecordView;
 class StoreReader;
 struct RecordHeader;
@@ -187,7 +189,8 @@ class KESP_EXPORT CKespDataFile {
   // OverwriteRecord at `position` with source flag 2. Throws when the seek fails.
   [[nodiscard]] bool CopyRecord(CKespRecord* record, unsigned long position);
   // Finds the same record and overwrites it. Searches from the first record; with `continueSearch` from the file's
-  // position, then from the first record. Leaves the file at the record's header.
+  // position, then from the first record. Leaves the file at the record's header. The search is a walk over the file;
+  // after Seek(record->m_filePosition), with `continueSearch`, it usually ends with the first record.
   [[nodiscard]] bool UpdateRecord(CKespRecord* record, unsigned long sourceFlag, bool continueSearch);
   // Reads the record at the file's position (not at `position`; a `position` other than 0 also skips deleted records),
   // marks it deleted and writes it at `position`. `type` is the type it must have, or 0. If the record read is not the
@@ -266,6 +269,14 @@ class KESP_EXPORT CKespDataFile {
   bool IsAsLongAsHere(CKespRecord& record);
   // Searches from the first record; with `continueSearch` from the file's position, then from the first record.
   Update FindAndOverwrite(CKespRecord& record, unsigned long sourceFlag, bool continueSearch);
+  using ReadMember = CKespRecord* (CKespDataFile::*)(std::uint64_t& position, bool skipDeleted);
+  Update WalkAndOverwrite(CKespRecord& record, unsigned long sourceFlag, ReadMember read);
+  CKespRecord* ReadNextOrEnd(std::uint64_t& position, bool skipDeleted);
+  Update OverwriteAt(std::uint64_t position, CKespRecord& record, unsigned long sourceFlag);
+  Update FindFromItsPlaceAndOverwrite(CKespRecord& record, unsigned long sourceFlag);
+  Update FindByIndexAndOverwrite(CKespRecord& record, unsigned long sourceFlag, std::uint64_t from);
+  bool IndexRecords();
+  void AddPlacesOfNewRecords();
   void ReopenAfterPowerEvent();
   void CutBackTornRecord();
   void NoteFailure(const CFileException& failure) noexcept { NoteError(failure.m_lOsError); }
@@ -290,6 +301,7 @@ class KESP_EXPORT CKespDataFile {
     return static_cast<std::uint32_t>(length < m_lengthLimit ? length : m_lengthLimit);
   }
 
+  std::unique_ptr<kesp::RecordPlaces> m_places;  // null until a record to delete is not at its place
   std::uint64_t m_lengthLimit = kNoLimit;
   std::uint32_t m_failedAppends = 0;
   std::uint32_t m_failures = 0;   // failures of the system, of memory and of records to be written

@@ -1,4 +1,4 @@
-// Writes records to an open file: appends, overwrites, updates, and marks them deleted.
+// Writes records to an open file: appends, overwrites, and marks them deleted.
 #include <algorithm>
 #include <cerrno>
 #include <memory>
@@ -241,29 +241,6 @@ bool CKespDataFile::CopyRecord(CKespRecord* record, unsigned long position) {
   if (!IsOpen() || record == nullptr) return false;
   m_file.Seek(static_cast<std::uint32_t>(position), CFile::begin);
   return OverwriteRecord(record, KESP_SRC_ADDED);
-}
-
-bool CKespDataFile::UpdateRecord(CKespRecord* record, unsigned long sourceFlag, bool continueSearch) {
-  return IsOpen() && record != nullptr &&
-         Guarded([&] { return FindAndOverwrite(*record, sourceFlag, continueSearch) == Update::kDone; });
-}
-
-CKespDataFile::Update CKespDataFile::FindAndOverwrite(CKespRecord& record, unsigned long sourceFlag,
-                                                      bool continueSearch) {
-  const std::uint32_t failuresBefore = m_failures;
-  if (!continueSearch && !SeekToFirstRecord()) return Update::kFailed;
-  std::uint64_t position = 0;
-  for (;;) {
-    const std::unique_ptr<CKespRecord> found(ReadNext(position, false));
-    if (found && found->IsSameKespRecord(&record)) break;
-    if (found) continue;
-    if (m_failures != failuresBefore) return Update::kFailed;  // it may be there but can't be read
-    return continueSearch ? FindAndOverwrite(record, sourceFlag, false) : Update::kNotFound;
-  }
-  m_file.Seek(static_cast<std::int64_t>(position), CFile::begin);
-  if (!Overwrite(record, sourceFlag)) return Update::kFailed;
-  m_file.Seek(static_cast<std::int64_t>(position), CFile::begin);
-  return Update::kDone;
 }
 
 bool CKespDataFile::DeleteRecord(unsigned long position, KESP_RECORD_TYPE type) {

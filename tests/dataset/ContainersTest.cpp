@@ -37,6 +37,10 @@ void CompareWithChains(MakeKey makeKey, unsigned keys) {
     count += adds == isThere ? 0 : adds ? 1 : -1;
     ASSERT_TRUE(step % 3 == 0 ? map.GetCount() == count : step % 3 == 1 ? (map.Find(key) != nullptr) == adds : true);
     ASSERT_EQ(map.IsEmpty(), count == 0);
+    Key entered{};
+    const auto at = std::find_if(chain.begin(), chain.end(), [&](const auto& entry) { return entry.second == step; });
+    ASSERT_EQ(map.FindKey(step, entered), at != chain.end()) << step;
+    ASSERT_TRUE(at == chain.end() || entered == key) << step;
     if (step % 50 != 0) continue;
     std::vector<std::pair<Key, int>> walked, expected;
     for (const auto& one : chains) expected.insert(expected.end(), one.begin(), one.end());

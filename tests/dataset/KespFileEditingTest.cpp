@@ -1,4 +1,5 @@
 // What is changed in place in the file (the header, the marks of deletion), and what is not.
+#include <array>
 #include <cerrno>
 
 #include "tests/dataset/DataSet.h"
@@ -129,6 +130,96 @@ TEST(Deletion, FindsRecordsWhereverTheyAreOrNone) {
   Access::DeletePoint(file, &stray);
   EXPECT_TRUE(set.Point(3)->IsDeleted());
   EXPECT_EQ(ReadFile(set.path), TwoFeatures({1, 2, 3, 5, 6, 7}));
+}
+
+ByteVector AnyRecord(Random& random) {
+  const unsigned number = random(4), flags = random(3) == 0 ? 5 : 0;
+  switch (random(6)) {
+    case 0:
+    case 1:
+      return Point(number, random(5), {}, flags);
+    case 2:
+    case 3:
+      return Attribute(number, random(2) == 0 ? "a" : "b", "", flags);
+    case 4:
+      return Feature(number, "", flags);
+    default:
+      // The second is of no known type, so a walk passes over what is in it.
+      return random(2) == 0 ? Note("", flags) : Record(77, 1, 0, EndOf(1) + Point(number, random(5)));
+  }
+}
+
+// Of a feature with one of each.
+std::array<CKespRecord*, 2> PointAndAttribute(const CKespFeature& feature) {
+  return {feature.GetPoint(0), feature.GetAttribute(0)};
+}
+// What a deletion does to the file, with a search for each record.
+void SearchAndDelete(CKespDataFile& file, CKespRecord& record) {
+  record.SetDelete();
+  (void)file.Seek(record.m_filePosition);
+  (void)(file.UpdateRecord(&record, 4, true) || file.UpdateRecord(&record, 4, false));
+}
+// Most values of `what` change nothing.
+void Change(CKespDataFile& file, unsigned what, std::uint32_t place) {
+  CKespPoint point;
+  point.FeatureNumber = point.PointNumber = what % 4;
+  if (what < 4) (void)file.AppendRecord(&point, 2);
+  if (what >= 4 && what < 8) (void)(file.Seek(place) && file.OverwriteRecord(&point, 8));
+  if (!file.m_file.IsWritable()) return;
+  if (what == 8) file.m_file.Seek(place + 14, CFile::begin), file.m_file.Write("\2\0", 2);
+  if (what == 100) file.LimitLength(place);
+  if (what == 101) file.m_file.SetLength(place);
+}
+
+// Wherever a record is thought to be, and whatever happens to the file in between.
+TEST(Deletion, FindsWhatASearchFindsThatWalksOverTheFile) {
+  const IdleDisk disk;
+  Random random(9);
+  const ByteVector tails[] = {{}, Hex("01"), Part(WithLength(Feature(3, "", 0, 1), 1), 0, 20)};
+  int found = 0;
+  for (int round = 0; round < 60; ++round) {
+    ByteVector bytes = Survey({Header2{}});
+    std::vector<std::size_t> places{0};
+    while (places.size() < 30) {
+      const ByteVector record = AnyRecord(random);
+      places.push_back(bytes.size());
+      if (record[0] == 77) places.push_back(bytes.size() + 14);
+      Append(bytes, record);
+    }
+    places.push_back(bytes.size());
+    const auto place = [&] { return static_cast<std::uint32_t>(places[random(static_cast<unsigned>(places.size()))]); };
+    DataSet set(bytes + tails[round % 3]), searched(ReadFile(set.path));
+    CKespDataFile& ours = *set.file.m_pDataFile;
+    CKespDataFile& other = *searched.file.m_pDataFile;
+    const bool isReadOnly = round % 5 == 4;
+    for (DataSet* const each : {&set, &searched}) {
+      if (isReadOnly) each->file.m_pDataFile->Close(), each->file.OpenKespReadOnly(Text(each->path), each->message);
+    }
+    for (int step = 0; step < 40; ++step) {
+      CKespFeature feature;
+      feature.AddPoint(new CKespPoint), feature.AddAttribute(new CKespAttribute);
+      feature.GetPoint(0)->FeatureNumber = random(4), feature.GetPoint(0)->PointNumber = random(5);
+      feature.GetAttribute(0)->FeatureNumber = random(4);
+      feature.GetAttribute(0)->AttributeName = random(3) == 0 ? "a" : "b";
+      for (CKespRecord* const record : PointAndAttribute(feature)) {
+        record->m_filePosition = place() + (random(4) == 0 ? random(40) : 0);
+      }
+      const CKespFeature same(feature);
+      const ByteVector before = ReadFile(set.path);
+      set.file.DeleteFeatureAndAssociatedRec(&feature);
+      for (CKespRecord* const record : PointAndAttribute(same)) SearchAndDelete(other, *record);
+      const ByteVector after = ReadFile(set.path);
+      found += after != before;
+      ASSERT_EQ(after, ReadFile(searched.path)) << round << ' ' << step;
+      for (const int i : {0, 1}) EXPECT_EQ(PointAndAttribute(feature)[i]->m_flags, PointAndAttribute(same)[i]->m_flags);
+      ASSERT_EQ(ours.GetSystemError(), other.GetSystemError()) << round << ' ' << step;
+      ASSERT_TRUE(isReadOnly || ours.GetError() == other.GetError()) << round << ' ' << step;
+      const unsigned what = step < 30 ? random(20) : 100 + random(6);
+      const std::uint32_t at = place();
+      Change(ours, what, at), Change(other, what, at);
+    }
+  }
+  EXPECT_GT(found, 500);
 }
 
 // Each allocation fails in turn: the point is still everywhere or nowhere.

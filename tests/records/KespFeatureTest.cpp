@@ -133,6 +133,31 @@ TEST(Feature, ListsKeepTheirOrderWhereverSomethingIsTakenOut) {
   }
 }
 
+// Long enough for its removals to be noted, with walks and additions in between.
+TEST(Feature, ALongListKeepsItsOrderWhileMuchIsTakenOut) {
+  std::minstd_rand random(4);
+  CKespFeature feature;
+  std::vector<CKespPoint*> model;
+  const std::unique_ptr<CKespPoint> stranger(Point(0, 0));
+  for (int step = 0; step < 6000; ++step) {
+    if (model.size() < 600) {
+      while (model.size() < 1500) feature.AddPoint(model.emplace_back(random() % 50 == 0 ? nullptr : Point(1, 2)));
+    }
+    const std::size_t at = std::array{std::size_t{0}, model.size() - 1, random() % model.size()}[random() % 3];
+    if (random() % 200 == 0) {
+      ASSERT_TRUE(std::equal(feature.m_pointList.begin(), feature.m_pointList.end(), model.begin(), model.end()));
+    }
+    ASSERT_EQ(feature.GetPoint(static_cast<int>(at)), model[at]) << step;
+    ASSERT_TRUE(model[at] == nullptr || feature.m_pointList.IndexOf(model[at]) == at) << step;
+    ASSERT_EQ(feature.m_pointList.IndexOf(stranger.get()), model.size());
+    const std::unique_ptr<CKespPoint> removed(feature.RemovePoint(static_cast<int>(at)));
+    ASSERT_EQ(removed.get(), model[at]) << step;
+    model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
+    ASSERT_EQ(feature.m_pointList.IndexOf(removed.get()),
+              removed ? model.size() : feature.m_pointList.IndexOf(nullptr));
+  }
+}
+
 TEST(Feature, ComparesTheLayoutOfItsAttributes) {
   CKespFeature a, same, name, kind, more;
   for (CKespFeature* const one : {&a, &same, &more}) one->AddAttribute(Attribute(u"Height", KESP_ATTRIBUTE_NUMERIC));
