@@ -250,6 +250,7 @@ TEST_F(KespDataFileWriting, FindsWhatToUpdateBeyondFourGigabytes) {
   auto end = EndRecord(2);
   EXPECT_TRUE(file.UpdateRecord(&end, 8, false));
   EXPECT_TRUE(file.DeleteRecord(kFirst, 0)) << "where it was found, not at the low 32 bits of that";
+  EXPECT_TRUE(file.EndsWhole());
   ASSERT_TRUE(file.SeekToFirstRecord());
   for (const std::uint32_t flags : {0u, 5u}) {
     const std::unique_ptr<CKespRecord> record(file.ReadNextRecord(false));
