@@ -188,6 +188,7 @@ template <class T>
 void ColumnReader::Reserve(Column<T>& column, std::size_t capacity) {
   if (capacity <= column.m_capacity) return;
   if (capacity > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw CMemoryException();
+  // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): a long array grows in place
   void* const grown = std::realloc(column.m_data.get(), capacity * sizeof(T));
   if (grown == nullptr) throw CMemoryException();
   (void)column.m_data.release();
@@ -263,7 +264,7 @@ void ColumnReader::Put(TextColumn& column, std::size_t row, std::string_view tex
 
 // In batches a column has room for the text of a whole batch from the start. When that is not enough the batch is full.
 void ColumnReader::MakeRoomForText(TextColumn& column, std::size_t row, std::size_t bytes) {
-  const std::size_t used = static_cast<std::size_t>(column.offsets.m_data.get()[row]);
+  const auto used = static_cast<std::size_t>(column.offsets.m_data.get()[row]);
   if (used + bytes <= column.bytes.m_capacity) return;
   m_isFull = m_isFull || (m_sink != nullptr && used + bytes > kMostText);
   Reserve(column.bytes, std::max(used + bytes, m_sink != nullptr ? kMostText : 2 * column.bytes.m_capacity));
@@ -617,7 +618,7 @@ void ColumnReader::PutNames() {
   TextColumn& names = m_columns.attributes.names;
   std::size_t known = names.size();
   ReserveRows(names, std::max<std::size_t>(m_names.size(), 1));
-  for (; known < m_names.size(); ++known) Put(names, known, std::string_view(m_names[known].text));
+  for (; known < m_names.size(); ++known) Put(names, known, std::string_view{m_names[known].text});
   SetSize(names, m_names.size());
 }
 

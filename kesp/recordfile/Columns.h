@@ -66,6 +66,7 @@ class Column {
  private:
   friend class ColumnReader;
   struct Free {
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): the array comes from realloc, which can grow it in place
     void operator()(T* memory) const noexcept { std::free(memory); }
   };
   std::unique_ptr<T, Free> m_data;
