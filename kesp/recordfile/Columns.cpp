@@ -76,10 +76,16 @@ class ColumnReader {
   template <class T>
   static void AppendRows(Column<T>& to, std::size_t at, const Column<T>& from, std::size_t first);
   void AppendRows(TextColumn& to, std::size_t at, const TextColumn& from, std::size_t first);
+  // Makes room for `more` rows in the chosen columns.
   template <class Table>
-  void MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more);
+  void MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) {
+    if (table.rows + more > room) Grow(table, room, chosen, more);
+  }
+  template <class Table>
+  void Grow(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more);
   template <class Table>
   void Finish(Table& table, std::uint32_t chosen) const;
+  std::size_t Expected(std::size_t count) const;
 
   template <class T, class Value>
   static void Put(Column<T>& column, std::size_t row, Value value) noexcept {
@@ -217,18 +223,35 @@ void ColumnReader::AppendRows(TextColumn& to, std::size_t at, const TextColumn& 
   for (std::size_t row = first; row < from.size(); ++row) Put(to, at + row - first, from[row]);
 }
 
-// Makes room for `more` rows in the chosen columns.
 template <class Table>
-void ColumnReader::MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) {
-  if (table.rows + more <= room) return;
+void ColumnReader::Grow(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) {
   m_pending.Finish();
   room = std::max({table.rows + more, 2 * room, kLeastRows});
   if (m_sink != nullptr) room = std::max(table.rows + more, std::min(room, m_batchRows));
-  ForEachColumn(
-      [&](std::uint32_t bit, const char*, auto& column) {
-        if ((chosen & bit) != 0) ReserveRows(column, room);
-      },
-      table);
+  const auto reserve = [&](std::size_t rows) {
+    ForEachColumn(
+        [&](std::uint32_t bit, const char*, auto& column) {
+          if ((chosen & bit) != 0) ReserveRows(column, rows);
+        },
+        table);
+    room = rows;
+  };
+  try {
+    reserve(std::max(room, Expected(table.rows)));
+  } catch (const CMemoryException&) {
+    reserve(room);
+  }
+}
+
+// How many there will be at the end of the file if it goes on like this, and a few more. An array that gets all its
+// memory at once is not moved while it is filled. Returns 0 where that is not known.
+std::size_t ColumnReader::Expected(std::size_t count) const {
+  constexpr std::size_t kEnoughToTell = 4096;
+  constexpr double kMargin = 1.0625;
+  if (m_sink != nullptr || count < kEnoughToTell) return 0;
+  const auto timesAsLong =
+      static_cast<double>(m_file.m_file.KnownLength()) / static_cast<double>(m_file.m_file.GetPosition());
+  return static_cast<std::size_t>(static_cast<double>(count) * timesAsLong * kMargin);
 }
 
 // Gives the chosen columns their size. One without rows gets memory too, which shows that it was chosen.
@@ -267,7 +290,12 @@ void ColumnReader::MakeRoomForText(TextColumn& column, std::size_t row, std::siz
   const auto used = static_cast<std::size_t>(column.offsets.m_data.get()[row]);
   if (used + bytes <= column.bytes.m_capacity) return;
   m_isFull = m_isFull || (m_sink != nullptr && used + bytes > kMostText);
-  Reserve(column.bytes, std::max(used + bytes, m_sink != nullptr ? kMostText : 2 * column.bytes.m_capacity));
+  const std::size_t least = std::max(used + bytes, m_sink != nullptr ? kMostText : 2 * column.bytes.m_capacity);
+  try {
+    Reserve(column.bytes, std::max(least, Expected(used)));
+  } catch (const CMemoryException&) {
+    Reserve(column.bytes, least);
+  }
 }
 
 bool ColumnReader::Read() {
