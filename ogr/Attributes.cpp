@@ -7,10 +7,7 @@ namespace {
 
 void AddMenuValue(AttributeTraits& traits, const TextView& value) {
   if (traits.hasTooManyValues || value.IsEmpty()) return;
-  traits.menuValues.insert(Utf8Of(value));
-  if (traits.menuValues.size() <= AttributeTraits::kMostMenuValues) return;
-  traits.hasTooManyValues = true;
-  traits.menuValues.clear();
+  if (traits.menuValues.Add(value) == TextTable::kNone) traits.hasTooManyValues = true;
 }
 
 }  // namespace

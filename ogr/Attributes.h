@@ -4,7 +4,6 @@
 // comes after them goes into the field for further attributes.
 #pragma once
 #include <cstddef>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -19,13 +18,13 @@ struct AttributeTraits {
   int decimals = 0;    // the most of its numbers
   bool hasSubValues = false;
   bool hasTooManyValues = false;
-  std::set<std::string> menuValues;  // of a menu, up to kMostMenuValues
-
   static constexpr std::size_t kMostMenuValues = 256;
+  TextTable menuValues{kMostMenuValues, LetterCase::kMatters};
+
   static constexpr int kMostDecimals = 15;
   bool IsOnly(KESP_ATTRIBUTE_KIND kind) const noexcept { return kinds == (1U << kind); }
   OGRFieldType FieldType() const noexcept;
-  bool HasDomain() const noexcept { return IsOnly(KESP_ATTRIBUTE_MENU) && !hasTooManyValues && !menuValues.empty(); }
+  bool HasDomain() const noexcept { return IsOnly(KESP_ATTRIBUTE_MENU) && !hasTooManyValues && menuValues.Size() != 0; }
 };
 
 class Attributes {

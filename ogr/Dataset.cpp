@@ -78,7 +78,8 @@ void Dataset::AddDomains() {
   for (std::size_t code = 0; code < attributes.Size(); ++code) {
     if (!attributes[code].HasDomain()) continue;
     std::vector<std::pair<std::string, std::string>> values;
-    for (const std::string& value : attributes[code].menuValues) values.emplace_back(value, value);
+    const TextTable& menu = attributes[code].menuValues;
+    for (std::size_t i = 0; i < menu.Size(); ++i) values.emplace_back(menu[i], menu[i]);
     const std::string name = DomainName(*m_survey, code);
     m_oMapFieldDomains[name] = CodedDomain(name, OFTString, values);
   }

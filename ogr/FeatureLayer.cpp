@@ -1,5 +1,7 @@
 #include "ogr/FeatureLayer.h"
 
+#include <utility>
+
 #include "ogr/Dataset.h"
 
 namespace kesp::ogr {
@@ -21,6 +23,7 @@ int FeatureLayer::TestCapability(const char* capability) {
 void FeatureLayer::ResetReading() {
   m_nextEntry = 0;
   m_left = 0;
+  m_hasBegun = false;
 }
 
 OGRErr FeatureLayer::SetAttributeFilter(const char* query) {
@@ -42,7 +45,8 @@ bool FeatureLayer::EnterNextEntry() {
   while (m_nextEntry < entries.size()) {
     const Entry& entry = entries[m_nextEntry++];
     if (!MayHaveMine(entry, true)) continue;
-    m_cursor.GoTo(entry.position);
+    const bool isStart = !std::exchange(m_hasBegun, true);
+    m_cursor.GoTo(entry.position, isStart && !IsFiltered() ? Cursor::Wants::kAll : Cursor::Wants::kSome);
     m_left = entry.count;
     return true;
   }

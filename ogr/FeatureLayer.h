@@ -40,6 +40,7 @@ class FeatureLayer final : public Layer {
   FeatureBuilder m_builder;
   Cursor m_cursor, m_random;
   std::size_t m_nextEntry = 0;
+  bool m_hasBegun = false;
   std::uint32_t m_left = 0;  // features of the entry before, still to be read
 };
 

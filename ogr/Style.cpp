@@ -1,8 +1,8 @@
 #include "ogr/Style.h"
 
+#include <array>
+#include <cstdio>
 #include <utility>
-
-#include <cpl_string.h>
 
 namespace kesp::ogr {
 
@@ -12,7 +12,9 @@ std::string StyleOf(KESP_FEATURE_TYPE kind, std::uint32_t color, ColorOrder orde
   const unsigned green = color >> 8 & 0xFF;
   if (order == ColorOrder::kRgb) std::swap(red, blue);
   const char* const tool = kind == KESP_FEATURE_POINT ? "SYMBOL(c" : kind == KESP_FEATURE_LINE ? "PEN(c" : "BRUSH(fc";
-  return CPLSPrintf("%s:#%02x%02x%02x)", tool, red, green, blue);
+  std::array<char, sizeof "SYMBOL(c:#rrggbb)"> style;
+  std::snprintf(style.data(), style.size(), "%s:#%02x%02x%02x)", tool, red, green, blue);
+  return style.data();
 }
 
 }  // namespace kesp::ogr

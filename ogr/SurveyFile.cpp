@@ -31,7 +31,7 @@ std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool inclu
 
 std::string WalkEnd::Cause() const {
   if (error == KESP_ERROR_NONE && systemError != 0) return std::generic_category().message(systemError);
-  if (error == KESP_ERROR_NORMAL_EOF) return "a record goes past the end of the file";
+  if (error == KESP_ERROR_NORMAL_EOF) return "the length of this or of a later record goes past the end of the file";
   return CKespDataFile().m_errorStrings[error].ToUtf8();
 }
 
@@ -46,8 +46,8 @@ void Cursor::GoToFirst() {
   m_end = {};
 }
 
-void Cursor::GoTo(std::uint64_t position) {
-  m_start = Start::kAt;
+void Cursor::GoTo(std::uint64_t position, Wants wants) {
+  m_start = wants == Wants::kAll ? Start::kAtAndAhead : Start::kAt;
   m_position = position;
   m_isPending = false;
   m_end = {};
@@ -71,8 +71,9 @@ void Cursor::TakeOver() {
   if (m_start == Start::kFirst) {
     container.SeekToFirstRecord();
     container.ReadAhead();
-  } else if (m_start == Start::kAt) {
+  } else if (m_start != Start::kHere) {
     container.Seek(m_position);
+    if (m_start == Start::kAtAndAhead) container.ReadAhead();
   }
   m_start = Start::kHere;
 }
@@ -98,6 +99,7 @@ std::unique_ptr<CKespRecord> Cursor::ReadObject(std::uint64_t position) {
 }
 
 bool Cursor::Step() {
+  m_before = m_view.Position();
   try {
     if (m_file.m_container.ReadNextView(m_view, !m_file.m_includeDeleted)) return true;
     EndWith(m_file.m_container.GetError());
@@ -112,7 +114,10 @@ void Cursor::EndWith(KESP_ERROR_TYPE error) {
   m_end.error = error;
   m_end.offset = m_view.Position();
   m_end.systemError = m_file.m_container.GetSystemError();
-  m_end.isWhole = error == KESP_ERROR_NORMAL_EOF && m_end.offset <= m_file.Length();
+  // If a length led past the end, nobody knows where the next record would be. The one before it is the best place.
+  const bool isPastEnd = error == KESP_ERROR_NORMAL_EOF && m_end.offset > m_file.Length();
+  if (isPastEnd) m_end.offset = m_before;
+  m_end.isWhole = error == KESP_ERROR_NORMAL_EOF && !isPastEnd;
 }
 
 }  // namespace kesp::ogr

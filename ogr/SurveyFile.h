@@ -53,8 +53,9 @@ class Cursor {
 
   // Starts a walk over the whole file. A long one is read ahead.
   void GoToFirst();
-  // The next record is the one at this offset.
-  void GoTo(std::uint64_t position);
+  // The next record is the one at this offset. kAll reads ahead, for a walk over most of what follows.
+  enum class Wants { kSome, kAll };
+  void GoTo(std::uint64_t position, Wants wants = Wants::kSome);
   // The next record, valid until any cursor of the file reads; null at the end of the walk.
   const RecordView* Read();
   // The record at an offset as an object; null if it can't be read. The cursor is then of no further use.
@@ -64,7 +65,7 @@ class Cursor {
   const WalkEnd& End() const noexcept { return m_end; }
 
  private:
-  enum class Start { kHere, kFirst, kAt };
+  enum class Start { kHere, kFirst, kAt, kAtAndAhead };
   void TakeOver();
   void LetGo() noexcept;
   bool Step();
@@ -75,6 +76,7 @@ class Cursor {
   bool m_isPending = false;
   Start m_start = Start::kFirst;
   std::uint64_t m_position = 0;  // where to go on after another cursor has read
+  std::uint64_t m_before = 0;    // of the record before
   WalkEnd m_end;
 };
 

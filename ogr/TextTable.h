@@ -1,7 +1,10 @@
 // Codes for texts, found by their UTF-16 units without making a text.
 #pragma once
 #include <array>
+#include <bit>
 #include <cstddef>
+#include <cstring>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -26,12 +29,17 @@ class TextTable {
     Units units;
     m_codes.emplace(Key(text, units), m_texts.size());
     m_texts.push_back(Utf8Of(text));
+    m_spellings.emplace_back(text.CopyTo(units)) += u'\0';
+    m_next.push_back(m_texts.size() - 1);
     return m_texts.size() - 1;
   }
   std::size_t Find(const TextView& text) const {
+    if (m_last != kNone && IsSpelt(text, m_next[m_last])) return m_last = m_next[m_last];
     Units units;
     const auto found = m_codes.find(Key(text, units));
-    return found != m_codes.end() ? found->second : kNone;
+    if (found == m_codes.end()) return kNone;
+    if (m_last != kNone) m_next[m_last] = found->second;
+    return m_last = found->second;
   }
   std::size_t Size() const noexcept { return m_texts.size(); }
   const std::string& operator[](std::size_t code) const noexcept { return m_texts[code]; }  // in UTF-8, as first added
@@ -51,10 +59,23 @@ class TextTable {
     return key;
   }
 
+  // Whether the text is one that is there, in the letter case in which it was added.
+  bool IsSpelt(const TextView& text, std::size_t code) const noexcept {
+    const std::u16string& spelling = m_spellings[code];  // with its zero
+    const std::span<const std::byte> field = text.Field();
+    const std::size_t bytes = 2 * spelling.size();
+    return std::endian::native == std::endian::little && text.IsWide() && bytes <= field.size() &&
+           std::memcmp(field.data(), spelling.data(), bytes) == 0;
+  }
+
   std::size_t m_most;
   LetterCase m_letterCase;
   std::unordered_map<std::u16string, std::size_t, Hash, std::equal_to<>> m_codes;
   std::vector<std::string> m_texts;
+  std::vector<std::u16string> m_spellings;
+  // Features have their attributes mostly in the same order. So the text that came after the last one is tried first.
+  mutable std::size_t m_last = kNone;
+  mutable std::vector<std::size_t> m_next;
 };
 
 }  // namespace kesp::ogr
