@@ -1,5 +1,9 @@
 #include "ogr/Dataset.h"
 
+#include <algorithm>
+#include <utility>
+
+#include <cpl_conv.h>
 #include <cpl_string.h>
 
 #include "kesp/util/Utilities.h"
@@ -29,6 +33,13 @@ std::unique_ptr<OGRCodedFieldDomain> StatusDomain() {
   return CodedDomain(VertexLayer::kStatusDomain, OFTInteger, values);
 }
 
+std::size_t MostEntries() {
+  const char* const option = CPLGetConfigOption("KESP_DIRECTORY_ENTRIES", nullptr);
+  constexpr GIntBig kLeast = 2;
+  if (option == nullptr) return Directory::kMostEntries;
+  return static_cast<std::size_t>(std::max(kLeast, CPLAtoGIntBig(option)));
+}
+
 }  // namespace
 
 std::unique_ptr<Dataset> Dataset::Open(const std::string& path, const Options& options, char** siblings) {
@@ -46,7 +57,7 @@ std::unique_ptr<Dataset> Dataset::Open(const std::string& path, const Options& o
 bool Dataset::ReadFile() {
   m_file = SurveyFile::Open(m_path, m_options.includeDeleted);
   if (m_file == nullptr) return false;
-  m_survey = std::make_unique<Survey>(m_options.layers);
+  m_survey = std::make_unique<Survey>(m_options.layers, MostEntries());
   ReadSurvey(*m_file, *m_survey);
   if (!m_survey->end.isWhole && m_options.salvage && !Salvage()) return false;
   if (!m_survey->hasHeader) {
@@ -58,7 +69,7 @@ bool Dataset::ReadFile() {
 bool Dataset::Salvage() {
   std::unique_ptr<SurveyFile> salvaged = OpenSalvaged(*m_file, m_path);
   if (salvaged == nullptr) return false;
-  m_survey = std::make_unique<Survey>(m_options.layers);
+  m_survey = std::make_unique<Survey>(m_options.layers, MostEntries());
   m_file = std::move(salvaged);
   ReadSurvey(*m_file, *m_survey);
   return true;

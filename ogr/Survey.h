@@ -37,7 +37,7 @@ struct Survey {
   static constexpr std::size_t kMostLayers = 250;
   static constexpr std::uint16_t kFurtherName = 0xFFFF;  // of a feature, when there are kMostNames
 
-  explicit Survey(LayerSplit layerSplit, std::size_t mostEntries = Directory::kMostEntries);
+  Survey(LayerSplit layerSplit, std::size_t mostEntries);
 
   // The layer of a feature, as an index of `layers`. While the file is read, it is made if it isn't there.
   std::size_t LayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) const;
