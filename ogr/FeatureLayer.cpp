@@ -72,6 +72,7 @@ const RecordView* FeatureLayer::NextRecord() {
 bool FeatureLayer::IsMine(const RecordView& record) const {
   const FeatureView feature = record.AsFeature();
   if (feature.FeatureType() != m_plan.kind) return false;
+  if (m_survey.split == LayerSplit::kByKind) return true;
   const std::size_t code = m_survey.names.Find(feature.FeatureName());
   const auto name = code == TextTable::kNone ? Survey::kFurtherName : static_cast<std::uint16_t>(code);
   return m_survey.LayerOf(m_plan.kind, name) == m_survey.Index(m_plan);

@@ -25,7 +25,9 @@ GDALDataset* Open(GDALOpenInfo* info) {
   }
   const std::optional<Options> options = ParseOptions(info->papszOpenOptions);
   if (!options) return nullptr;
-  return Dataset::Open(info->pszFilename, *options, info->GetSiblingFiles()).release();
+  // Without a list at hand, asking for two names costs less than reading the folder.
+  char** const siblings = info->AreSiblingFilesLoaded() ? info->GetSiblingFiles() : nullptr;
+  return Dataset::Open(info->pszFilename, *options, siblings).release();
 }
 
 }  // namespace

@@ -34,7 +34,6 @@ int Layer::TestCapability(const char* capability) {
   const auto is = [capability](const char* name) { return EQUAL(capability, name); };
   if (is(OLCFastFeatureCount)) return IsFiltered() ? FALSE : TRUE;
   if (is(OLCRandomRead)) return IsIndexed() ? TRUE : FALSE;
-  if (is(OLCFastSetNextByIndex)) return IsIndexed() && !IsFiltered() && Bounds() == nullptr ? TRUE : FALSE;
   if (is(OLCFastGetExtent) || is(OLCFastSpatialFilter) || is(OLCZGeometries) || is(OLCMeasuredGeometries)) {
     return Bounds() != nullptr ? TRUE : FALSE;
   }

@@ -30,7 +30,7 @@ class Layer : public OGRLayer {
   // Of the whole layer, known from the first walk.
   virtual GIntBig Count() const = 0;
   virtual const Box* Bounds() const { return nullptr; }  // null without geometry
-  virtual bool IsIndexed() const { return false; }       // SetNextByIndex and GetFeature don't search
+  virtual bool IsIndexed() const { return false; }       // GetFeature doesn't search the whole file
 
   bool IsFiltered() const noexcept { return m_poFilterGeom != nullptr || m_poAttrQuery != nullptr; }
   Box FilterBox() const noexcept;

@@ -45,10 +45,15 @@ struct Survey {
   // Calls `use` with each layer to which features of an entry may belong.
   template <class Use>
   void ForLayersOf(const Entry& entry, Use use) {
-    for (LayerPlan& layer : layers) {
-      if ((entry.kinds & Entry::BitOf(layer.kind)) == 0) continue;
-      const bool mayBe = entry.name == Entry::kMixedNames || LayerOf(layer.kind, entry.name) == Index(layer);
-      if (mayBe) use(layer);
+    for (const KESP_FEATURE_TYPE kind : {KESP_FEATURE_POINT, KESP_FEATURE_LINE, KESP_FEATURE_AREA}) {
+      if ((entry.kinds & Entry::BitOf(kind)) == 0) continue;
+      if (split == LayerSplit::kByKind || entry.name != Entry::kMixedNames) {
+        use(layers[LayerOf(kind, entry.name)]);
+        continue;
+      }
+      for (LayerPlan& layer : layers) {
+        if (layer.kind == kind) use(layer);
+      }
     }
   }
   std::size_t Index(const LayerPlan& layer) const noexcept { return static_cast<std::size_t>(&layer - layers.data()); }
