@@ -48,7 +48,7 @@ TEST_P(Filters, PassWhatGdalItselfWouldPass) {
     const DatasetPtr copy(GetGDALDriverManager()->GetDriverByName("Memory")->Create("", 0, 0, 0, GDT_Unknown, nullptr));
     for (OGRLayer* const layer : file->GetLayers()) {
       OGRLayer* const plain = copy->CopyLayer(layer, layer->GetName());
-      ASSERT_EQ(Show(*plain), Show(*layer));
+      ASSERT_EQ(ShowSorted(*plain), ShowSorted(*layer));
       ASSERT_EQ(plain->GetFeatureCount(), layer->GetFeatureCount());
       for (const char* const query :
            {"", "feature_name = 'WALL'", "NOT feature_name = 'oak'", "feature_name IN ('oak', 'Elm') AND Girth > 1",
@@ -63,7 +63,7 @@ TEST_P(Filters, PassWhatGdalItselfWouldPass) {
             one->SetSpatialFilter(nullptr);
             if (size != 0) one->SetSpatialFilterRect(30, 30, 30 + size, 40 + size);
           }
-          EXPECT_EQ(Show(*layer), Show(*plain)) << layer->GetName() << ' ' << query << ' ' << size;
+          EXPECT_EQ(ShowSorted(*layer), ShowSorted(*plain)) << layer->GetName() << ' ' << query << ' ' << size;
         }
       }
     }
@@ -87,6 +87,7 @@ TEST_P(Filters, DontMatterWhenReadingByFidOrIndex) {
     EXPECT_EQ(layer->GetFeatureCount(), static_cast<GIntBig>(all.size()));
     EXPECT_EQ(std::set(fids.begin(), fids.end()).size(), fids.size());
     OGREnvelope known, counted;
+    layer->ResetReading();
     while (const FeaturePtr feature{layer->GetNextFeature()}) {
       if (feature->GetGeometryRef() != nullptr) {
         OGREnvelope one;

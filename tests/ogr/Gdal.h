@@ -3,7 +3,9 @@
 #include <gdal_priv.h>
 #include <ogrsf_frmts.h>
 
+#include <algorithm>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -48,7 +50,11 @@ inline std::string Show(OGRFeature& feature) {
     text += ' ' + std::string(feature.GetFieldDefnRef(i)->GetNameRef()) + '=';
     text += feature.IsFieldNull(i) ? "null" : feature.GetFieldAsString(i);
   }
-  if (const OGRGeometry* const geometry = feature.GetGeometryRef()) text += ' ' + geometry->exportToWkt();
+  if (const OGRGeometry* const geometry = feature.GetGeometryRef()) {
+    OGRWktOptions iso;
+    iso.variant = wkbVariantIso;
+    text += ' ' + geometry->exportToWkt(iso);
+  }
   if (feature.GetStyleString() != nullptr) text += ' ' + std::string(feature.GetStyleString());
   return text;
 }
@@ -59,6 +65,15 @@ inline std::string Show(OGRLayer& layer) {
   layer.ResetReading();
   while (const FeaturePtr feature{layer.GetNextFeature()}) text += Show(*feature) + '\n';
   return text;
+}
+
+// The same in the order of the lines.
+inline std::string ShowSorted(OGRLayer& layer) {
+  std::vector<std::string> lines;
+  layer.ResetReading();
+  while (const FeaturePtr feature{layer.GetNextFeature()}) lines.push_back(Show(*feature) + '\n');
+  std::sort(lines.begin(), lines.end());
+  return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 // "points: Point ZM, name String, Girth Real(2)".
