@@ -18,11 +18,7 @@ int Identify(GDALOpenInfo* info) {
 }
 
 GDALDataset* Open(GDALOpenInfo* info) {
-  if (Identify(info) == 0) return nullptr;
-  if (info->eAccess == GA_Update) {
-    CPLError(CE_Failure, CPLE_NotSupported, "%s: the Kesp driver only reads", info->pszFilename);
-    return nullptr;
-  }
+  if (Identify(info) == 0 || info->eAccess == GA_Update) return nullptr;
   const std::optional<Options> options = ParseOptions(info->papszOpenOptions);
   if (!options) return nullptr;
   // Without a list at hand, asking for two names costs less than reading the folder.
