@@ -119,7 +119,7 @@ class FirstPass {
     if (std::exchange(m_lastFeatureWith[code], m_feature) == m_feature) layer.hasFurther = true;
   }
 
-  // It may repeat one of the feature's run, which is not known any more.
+  // If the layer has such an attribute already, it may be one of this feature, which is not known any more.
   void TakeStragglingAttribute(const RecordView& record) {
     const AttributeView attribute = record.AsAttribute();
     const std::optional<std::size_t> owner = m_survey.directory.Find(attribute.FeatureNumber());
@@ -127,8 +127,11 @@ class FirstPass {
     m_survey.directory.AddStraggler(attribute.FeatureNumber(), static_cast<std::uint32_t>(record.Position()));
     const std::size_t code = m_survey.attributes.Add(attribute);
     m_survey.ForLayersOf(m_survey.directory.Entries()[*owner], [code](LayerPlan& layer) {
-      if (code != Attributes::kNone) layer.Add(code);
-      layer.hasFurther = true;
+      if (code == Attributes::kNone || layer.Has(code)) {
+        layer.hasFurther = true;
+      } else {
+        layer.Add(code);
+      }
     });
   }
 

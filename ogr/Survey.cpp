@@ -8,8 +8,8 @@ std::size_t IndexOfKind(KESP_FEATURE_TYPE kind) { return static_cast<std::size_t
 }  // namespace
 
 void LayerPlan::Add(std::size_t attribute) {
+  if (Has(attribute)) return;
   if (attribute >= hasAttribute.size()) hasAttribute.resize(attribute + 1);
-  if (hasAttribute[attribute]) return;
   hasAttribute[attribute] = true;
   attributes.push_back(attribute);
 }

@@ -29,6 +29,7 @@ struct LayerPlan {
   std::vector<std::size_t> attributes;  // codes, in the order in which they occur
   std::vector<bool> hasAttribute;       // by code
 
+  bool Has(std::size_t attribute) const { return attribute < hasAttribute.size() && hasAttribute[attribute]; }
   void Add(std::size_t attribute);
 };
 
