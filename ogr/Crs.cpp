@@ -26,7 +26,7 @@ std::string SidecarOf(const std::string& path, const char* extension, char** sib
 CrsPtr FromFile(const std::string& name) {
   constexpr GIntBig kLargest = 64 * 1024;
   GByte* bytes = nullptr;
-  if (!VSIIngestFile(nullptr, name.c_str(), &bytes, nullptr, kLargest)) return nullptr;
+  if (VSIIngestFile(nullptr, name.c_str(), &bytes, nullptr, kLargest) == FALSE) return nullptr;
   CPLPushErrorHandler(CPLQuietErrorHandler);
   CrsPtr crs = FromText(reinterpret_cast<const char*>(bytes));
   CPLPopErrorHandler();

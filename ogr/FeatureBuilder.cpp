@@ -81,7 +81,8 @@ void FeatureBuilder::ReadStragglers(std::uint32_t number, std::uint64_t position
 void FeatureBuilder::TakePoint(const RecordView& record) {
   m_allFlags |= record.Flags();
   const PointView point = record.AsPoint();
-  const double x = point.CoordX(), y = point.CoordY();
+  const double x = point.CoordX();
+  const double y = point.CoordY();
   if (!std::isfinite(x) || !std::isfinite(y)) return;
   m_bounds.Include(x, y);
   m_vertices.push_back({x, y, point.CoordZ(), MeasureOf(point)});

@@ -13,8 +13,9 @@ namespace {
 // By the bytes that GDAL has read already: it asks about every file that anybody opens.
 int Identify(GDALOpenInfo* info) {
   constexpr std::string_view kSignature = "Corvanthe Survey Devices -- Kesp Data File";
-  return info->nHeaderBytes >= static_cast<int>(kSignature.size()) &&
-         std::memcmp(info->pabyHeader, kSignature.data(), kSignature.size()) == 0;
+  const bool isKesp = info->nHeaderBytes >= static_cast<int>(kSignature.size()) &&
+                      std::memcmp(info->pabyHeader, kSignature.data(), kSignature.size()) == 0;
+  return isKesp ? TRUE : FALSE;
 }
 
 GDALDataset* Open(GDALOpenInfo* info) {

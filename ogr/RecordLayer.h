@@ -25,7 +25,7 @@ class RecordLayer : public Layer {
   virtual bool IsOutside(const RecordView& /*record*/) const { return false; }
   // Where to go on, when the walk is at a feature.
   virtual std::uint64_t SkipFrom(std::uint64_t position) { return position; }
-  bool IsWanted(int field) const { return !m_definition->GetFieldDefn(field)->IsIgnored(); }
+  bool IsWanted(int field) const { return m_definition->GetFieldDefn(field)->IsIgnored() == FALSE; }
   // Sets the fields for the flags, which come last.
   void SetFlags(OGRFeature& row, std::uint32_t flags) const;
   void AddFlagFields() const;
