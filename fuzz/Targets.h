@@ -21,6 +21,7 @@ void Rebuild(Input input);    // Copy and CopyVerify
 void Salvage(Input input);    // the rebuild that goes on after damage
 void RoundTrip(Input input);  // reads and writes, twice
 void Tag(Input input);        // every getter and setter
+void Ogr(Input input);        // a file; only in builds with the plugin for GDAL
 
 // A check in all builds, NDEBUG included.
 inline void Require(bool holds, const char* what, const char* file, int line) {

@@ -1,0 +1,57 @@
+#include "ogr/Crs.h"
+
+#include <cpl_conv.h>
+#include <cpl_error.h>
+#include <cpl_string.h>
+#include <cpl_vsi.h>
+
+namespace kesp::ogr {
+namespace {
+
+CrsPtr FromText(const char* text) {
+  CrsPtr crs(new OGRSpatialReference);
+  crs->SetAxisMappingStrategy(OAMS_TRADITIONAL_GIS_ORDER);  // coordinates are east, north
+  if (crs->SetFromUserInput(text) != OGRERR_NONE) return nullptr;
+  return crs;
+}
+
+// The sidecar's name; empty if there is none.
+std::string SidecarOf(const std::string& path, const char* extension, char** siblings) {
+  const std::string name = CPLResetExtension(path.c_str(), extension);
+  if (siblings != nullptr) return CSLFindString(siblings, CPLGetFilename(name.c_str())) >= 0 ? name : std::string();
+  VSIStatBufL info;
+  return VSIStatExL(name.c_str(), &info, VSI_STAT_EXISTS_FLAG) == 0 ? name : std::string();
+}
+
+CrsPtr FromFile(const std::string& name) {
+  constexpr GIntBig kLargest = 64 * 1024;
+  GByte* bytes = nullptr;
+  if (VSIIngestFile(nullptr, name.c_str(), &bytes, nullptr, kLargest) == FALSE) return nullptr;
+  CPLPushErrorHandler(CPLQuietErrorHandler);
+  CrsPtr crs = FromText(reinterpret_cast<const char*>(bytes));
+  CPLPopErrorHandler();
+  CPLErrorReset();
+  VSIFree(bytes);
+  if (crs == nullptr) CPLError(CE_Warning, CPLE_AppDefined, "%s: no reference system that GDAL knows", name.c_str());
+  return crs;
+}
+
+}  // namespace
+
+std::optional<Crs> FindCrs(const std::string& given, const std::string& path, char** siblings) {
+  if (!given.empty()) {
+    CrsPtr crs = FromText(given.c_str());
+    if (crs != nullptr) return Crs{std::move(crs), {}};
+    CPLError(CE_Failure, CPLE_IllegalArg, "Kesp: open option CRS=%s names no reference system", given.c_str());
+    return std::nullopt;
+  }
+  // QGIS writes both, and the first one names more.
+  for (const char* const extension : {"qpj", "prj"}) {
+    const std::string sidecar = SidecarOf(path, extension, siblings);
+    if (sidecar.empty()) continue;
+    if (CrsPtr crs = FromFile(sidecar)) return Crs{std::move(crs), sidecar};
+  }
+  return Crs{};
+}
+
+}  // namespace kesp::ogr

@@ -1,0 +1,61 @@
+// A Kesp data file as a GDAL data set.
+//
+// Opening reads the file once. What that finds (Survey) is kept, and decides which layers there are. The layers read
+// the file again when their features are asked for, one feature at a time.
+#pragma once
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gdal_priv.h>
+
+#include "ogr/Crs.h"
+#include "ogr/Layer.h"
+#include "ogr/Options.h"
+#include "ogr/Relationships.h"
+#include "ogr/Survey.h"
+#include "ogr/SurveyFile.h"
+
+namespace kesp::ogr {
+
+class Dataset final : public GDALDataset {
+ public:
+  // Null, with an error reported to GDAL, if the file can't be opened. Damage is no reason for that.
+  static std::unique_ptr<Dataset> Open(const std::string& path, const Options& options, char** siblings);
+
+  int GetLayerCount() override { return static_cast<int>(m_layers.size()); }
+  OGRLayer* GetLayer(int index) override;
+  int TestCapability(const char* capability) override;
+  char** GetFileList() override;
+  std::vector<std::string> GetRelationshipNames(CSLConstList options) const override;
+  const GDALRelationship* GetRelationship(const std::string& name) const override;
+
+  // For layers.
+
+  SurveyFile& File() noexcept { return *m_file; }
+  const Survey& Contents() const noexcept { return *m_survey; }
+  ColorOrder Colors() const noexcept { return m_options.colors; }
+  OGRSpatialReference* CoordinateSystem() const noexcept { return m_crs.system.get(); }
+  // Tells GDAL what the end of a walk, or else of the first walk, says of the file.
+  void ReportEnd(const WalkEnd& end);
+
+ private:
+  Dataset(std::string path, const Options& options) : m_path(std::move(path)), m_options(options) {}
+  bool ReadFile();
+  bool Salvage();
+  void AddMetadata();
+  void AddDomains();
+  void AddLayers();
+  std::vector<std::string> LayerNames() const;
+
+  std::string m_path;
+  Options m_options;
+  Crs m_crs;
+  std::unique_ptr<SurveyFile> m_file;
+  std::unique_ptr<Survey> m_survey;
+  Relationships m_relationships;
+  std::vector<std::unique_ptr<Layer>> m_layers;
+  bool m_hasWarnedOfOpenFeature = false;
+};
+
+}  // namespace kesp::ogr

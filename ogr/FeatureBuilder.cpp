@@ -1,0 +1,182 @@
+#include "ogr/FeatureBuilder.h"
+
+#include <cmath>
+#include <utility>
+
+#include <cpl_json.h>
+#include <ogr_geometry.h>
+
+#include "ogr/Flags.h"
+#include "ogr/Style.h"
+#include "ogr/Utf8Text.h"
+#include "ogr/Values.h"
+
+namespace kesp::ogr {
+FeatureBuilder::FeatureBuilder(SurveyFile& file, const Survey& survey, const LayerPlan& layer, const Schema& schema,
+                               ColorOrder colors, OGRFeatureDefn& definition, OGRSpatialReference* crs)
+    : m_survey(survey),
+      m_layer(layer),
+      m_schema(schema),
+      m_colors(colors),
+      m_definition(definition),
+      m_crs(crs),
+      m_stragglers(file),
+      m_lastWith(survey.attributes.Size()) {}
+
+std::unique_ptr<OGRFeature> FeatureBuilder::Collect(const RecordView& record, Cursor& cursor) {
+  m_vertices.clear();
+  m_further.clear();
+  m_bounds = {};
+  ++m_feature;
+  m_ownFlags = m_allFlags = record.Flags();
+  auto feature = std::make_unique<OGRFeature>(&m_definition);
+  const FeatureView view = record.AsFeature();
+  const std::uint32_t number = view.FeatureNumber();
+  const std::uint64_t position = record.Position();
+  feature->SetFID(m_survey.directory.FidOf(number, position));
+  if (IsWanted(kNameField)) SetText(*feature, kNameField, view.FeatureName(), m_buffer);
+  if (IsWanted(kColorField)) feature->SetField(kColorField, static_cast<GIntBig>(view.Color()));
+  if (IsWanted(kSymbolField)) feature->SetField(kSymbolField, static_cast<int>(view.SymbolIndex()));
+  if (!m_definition.IsStyleIgnored()) {
+    const std::string style = StyleOf(view.FeatureType(), view.Color(), m_colors);
+    if (!style.empty()) feature->SetStyleString(style.c_str());
+  }
+  ReadRun(number, cursor, *feature);
+  ReadStragglers(number, position, *feature);
+  if (!m_further.empty()) SetFurther(*feature);
+  SetFlags(number, *feature);
+  return feature;
+}
+
+void FeatureBuilder::ReadRun(std::uint32_t number, Cursor& cursor, OGRFeature& feature) {
+  while (const RecordView* const record = cursor.Read()) {
+    switch (record->Type()) {
+      case KESP_RECORD_FEATURE:
+        return cursor.Unread();
+      case KESP_RECORD_FEATURE_END:
+        if (record->AsFeatureEnd().FeatureNumber() == number) return;
+        break;
+      case KESP_RECORD_POINT:
+        if (record->AsPoint().FeatureNumber() == number) TakePoint(*record);
+        break;
+      case KESP_RECORD_ATTRIBUTE:
+        if (record->AsAttribute().FeatureNumber() == number) TakeAttribute(*record, feature);
+        break;
+      default:
+        break;
+    }
+  }
+}
+
+void FeatureBuilder::ReadStragglers(std::uint32_t number, std::uint64_t position, OGRFeature& feature) {
+  for (const Directory::Straggler& straggler : m_survey.directory.StragglersOf(number, position)) {
+    m_stragglers.GoTo(straggler.position);
+    const RecordView* const record = m_stragglers.Read();
+    if (record == nullptr) return;
+    if (record->Type() == KESP_RECORD_POINT) TakePoint(*record);
+    if (record->Type() == KESP_RECORD_ATTRIBUTE) TakeAttribute(*record, feature);
+  }
+}
+
+void FeatureBuilder::TakePoint(const RecordView& record) {
+  m_allFlags |= record.Flags();
+  const PointView point = record.AsPoint();
+  const double x = point.CoordX();
+  const double y = point.CoordY();
+  if (!std::isfinite(x) || !std::isfinite(y)) return;
+  m_bounds.Include(x, y);
+  m_vertices.push_back({x, y, point.CoordZ(), MeasureOf(point)});
+}
+
+void FeatureBuilder::TakeAttribute(const RecordView& record, OGRFeature& feature) {
+  m_allFlags |= record.Flags();
+  const AttributeView attribute = record.AsAttribute();
+  const std::size_t code = m_survey.attributes.Find(attribute.AttributeName());
+  const Schema::AttributeField field = code < m_schema.fields.size() ? m_schema.fields[code] : Schema::AttributeField{};
+  if (field.value == Schema::kNone || std::exchange(m_lastWith[code], m_feature) == m_feature) {
+    return AddFurther(attribute);
+  }
+  if (IsWanted(field.value)) {
+    SetValue(feature, field.value, m_survey.attributes[code].FieldType(), attribute, m_buffer);
+  }
+  if (field.subValue == Schema::kNone || !IsWanted(field.subValue)) return;
+  if (!attribute.SubValue().IsEmpty()) SetText(feature, field.subValue, attribute.SubValue(), m_buffer);
+}
+
+void FeatureBuilder::AddFurther(const AttributeView& attribute) {
+  if (m_schema.further == Schema::kNone || !IsWanted(m_schema.further)) return;
+  Further& further = m_further.emplace_back();
+  CopyText(attribute.AttributeName(), further.name);
+  CopyValueText(attribute, further.value);
+  CopyText(attribute.SubValue(), further.subValue);
+}
+
+void FeatureBuilder::SetFurther(OGRFeature& feature) const {
+  CPLJSONArray list;
+  for (const Further& further : m_further) {
+    CPLJSONObject object;
+    object.Add("name", further.name);
+    object.Add("value", further.value);
+    if (!further.subValue.empty()) object.Add("sub", further.subValue);
+    list.Add(object);
+  }
+  feature.SetField(m_schema.further, list.Format(CPLJSONObject::PrettyFormat::Plain).c_str());
+}
+
+void FeatureBuilder::SetFlags(std::uint32_t number, OGRFeature& feature) const {
+  std::uint32_t flags = m_allFlags;
+  const auto change = m_survey.changeFlags.find(number);
+  const bool hasNumber = feature.GetFID() == std::int64_t{number};
+  if (hasNumber && change != m_survey.changeFlags.end()) flags |= change->second;
+  if (IsWanted(kDeletedField)) feature.SetField(kDeletedField, (m_ownFlags & KESP_FLAG_DELETED) != 0 ? 1 : 0);
+  if (IsWanted(kEditedField)) feature.SetField(kEditedField, (flags & kEditedFlags) != 0 ? 1 : 0);
+}
+
+OGRwkbGeometryType FeatureBuilder::GeometryType(const LayerPlan& layer) noexcept {
+  if (layer.kind == KESP_FEATURE_LINE) return wkbLineStringZM;
+  if (layer.kind == KESP_FEATURE_AREA) return wkbPolygonZM;
+  return layer.hasSeveralPoints ? wkbMultiPointZM : wkbPointZM;
+}
+
+void FeatureBuilder::AddGeometry(OGRFeature& feature) const {
+  if (m_vertices.empty()) return;
+  std::unique_ptr<OGRGeometry> geometry = MakeGeometry();
+  geometry->assignSpatialReference(m_crs);
+  feature.SetGeometryDirectly(geometry.release());
+}
+
+std::unique_ptr<OGRGeometry> FeatureBuilder::MakeGeometry() const {
+  if (m_layer.kind == KESP_FEATURE_LINE) {
+    auto line = std::make_unique<OGRLineString>();
+    PutVertices(*line, false);
+    return line;
+  }
+  if (m_layer.kind == KESP_FEATURE_AREA) {
+    auto ring = std::make_unique<OGRLinearRing>();
+    PutVertices(*ring, true);
+    auto area = std::make_unique<OGRPolygon>();
+    area->addRingDirectly(ring.release());
+    return area;
+  }
+  const auto makePoint = [](const Vertex& v) { return std::make_unique<OGRPoint>(v.x, v.y, v.z, v.m); };
+  if (!m_layer.hasSeveralPoints) return makePoint(m_vertices.front());
+  auto points = std::make_unique<OGRMultiPoint>();
+  for (const Vertex& vertex : m_vertices) points->addGeometryDirectly(makePoint(vertex).release());
+  return points;
+}
+
+void FeatureBuilder::PutVertices(OGRSimpleCurve& curve, bool close) const {
+  const Vertex& first = m_vertices.front();
+  const Vertex& last = m_vertices.back();
+  const bool isClosed = m_vertices.size() > 1 && first.x == last.x && first.y == last.y && first.z == last.z;
+  const int count = static_cast<int>(m_vertices.size());
+  curve.setNumPoints(count + (close && !isClosed ? 1 : 0));
+  curve.set3D(TRUE);
+  curve.setMeasured(TRUE);
+  for (int i = 0; i < curve.getNumPoints(); ++i) {
+    const Vertex& v = i < count ? m_vertices[static_cast<std::size_t>(i)] : first;
+    curve.setPoint(i, v.x, v.y, v.z, v.m);
+  }
+}
+
+}  // namespace kesp::ogr

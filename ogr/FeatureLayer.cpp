@@ -1,0 +1,149 @@
+#include "ogr/FeatureLayer.h"
+
+#include <utility>
+
+#include "ogr/Dataset.h"
+
+namespace kesp::ogr {
+
+FeatureLayer::FeatureLayer(Dataset& dataset, const std::string& name, const LayerPlan& plan)
+    : Layer(dataset, name, FeatureBuilder::GeometryType(plan)),
+      m_survey(dataset.Contents()),
+      m_plan(plan),
+      m_schema(MakeSchema(m_survey, plan, *m_definition)),
+      m_builder(dataset.File(), m_survey, plan, m_schema, dataset.Colors(), *m_definition, dataset.CoordinateSystem()),
+      m_cursor(dataset.File()),
+      m_random(dataset.File()) {}
+
+int FeatureLayer::TestCapability(const char* capability) {
+  if (!EQUAL(capability, OLCFastSetNextByIndex)) return Layer::TestCapability(capability);
+  return IsFiltered() || m_survey.directory.IsMerged() ? FALSE : TRUE;
+}
+
+void FeatureLayer::ResetReading() {
+  m_nextEntry = 0;
+  m_left = 0;
+  m_hasBegun = false;
+}
+
+OGRErr FeatureLayer::SetAttributeFilter(const char* query) {
+  const OGRErr result = OGRLayer::SetAttributeFilter(query);
+  m_nameFilter.Set(m_poAttrQuery, m_survey.names, m_definition->GetFieldCount());
+  return result;
+}
+
+bool FeatureLayer::MayHaveMine(const Entry& entry, bool filtered) const {
+  if ((entry.kinds & Entry::BitOf(m_plan.kind)) == 0) return false;
+  if (filtered && m_poFilterGeom != nullptr && !entry.box.Touches(FilterBox())) return false;
+  if (entry.name == Entry::kMixedNames) return true;
+  if (filtered && !m_nameFilter.MayPass(entry.name)) return false;
+  return m_survey.LayerOf(m_plan.kind, entry.name) == m_survey.Index(m_plan);
+}
+
+bool FeatureLayer::EnterNextEntry() {
+  const std::span<const Entry> entries = m_survey.directory.Entries();
+  while (m_nextEntry < entries.size()) {
+    const Entry& entry = entries[m_nextEntry++];
+    if (!MayHaveMine(entry, true)) continue;
+    const bool isStart = !std::exchange(m_hasBegun, true);
+    m_cursor.GoTo(entry.position, isStart && !IsFiltered() ? Cursor::Wants::kAll : Cursor::Wants::kSome);
+    m_left = entry.count;
+    return true;
+  }
+  return false;
+}
+
+// The record of the next feature in entries that may have features of this layer.
+const RecordView* FeatureLayer::NextRecord() {
+  for (;;) {
+    if (m_left == 0 && !EnterNextEntry()) return nullptr;
+    const RecordView* const record = m_cursor.Read();
+    if (record == nullptr) {
+      m_nextEntry = m_survey.directory.Entries().size();
+      m_left = 0;
+      return nullptr;
+    }
+    if (record->Type() != KESP_RECORD_FEATURE) continue;
+    --m_left;
+    return record;
+  }
+}
+
+bool FeatureLayer::IsMine(const RecordView& record) const {
+  const FeatureView feature = record.AsFeature();
+  if (feature.FeatureType() != m_plan.kind) return false;
+  if (m_survey.split == LayerSplit::kByKind) return true;
+  const std::size_t code = m_survey.names.Find(feature.FeatureName());
+  const auto name = code == TextTable::kNone ? Survey::kFurtherName : static_cast<std::uint16_t>(code);
+  return m_survey.LayerOf(m_plan.kind, name) == m_survey.Index(m_plan);
+}
+
+OGRFeature* FeatureLayer::GetNextFeature() {
+  while (const RecordView* const record = NextRecord()) {
+    if (!IsMine(*record)) continue;
+    if (std::unique_ptr<OGRFeature> feature = Filtered(*record)) return feature.release();
+  }
+  ReportEnd(m_cursor.End());
+  return nullptr;
+}
+
+std::unique_ptr<OGRFeature> FeatureLayer::Filtered(const RecordView& record) {
+  std::unique_ptr<OGRFeature> feature = m_builder.Collect(record, m_cursor);
+  const Box& bounds = m_builder.Bounds();
+  const Box wanted = FilterBox();
+  if (m_poFilterGeom != nullptr && (bounds.IsEmpty() || bounds.minX > wanted.maxX || bounds.maxX < wanted.minX ||
+                                    bounds.minY > wanted.maxY || bounds.maxY < wanted.minY)) {
+    return nullptr;
+  }
+  const bool isByFields = m_poAttrQuery != nullptr && !m_nameFilter.AsksForGeometry();
+  if (isByFields && m_poAttrQuery->Evaluate(feature.get()) == 0) return nullptr;
+  feature = Finish(std::move(feature));
+  if (m_poFilterGeom != nullptr && FilterGeometry(feature->GetGeometryRef()) == 0) return nullptr;
+  if (m_poAttrQuery != nullptr && !isByFields && m_poAttrQuery->Evaluate(feature.get()) == 0) return nullptr;
+  if (m_definition->IsGeometryIgnored() != FALSE) feature->SetGeometryDirectly(nullptr);
+  return feature;
+}
+
+std::unique_ptr<OGRFeature> FeatureLayer::Finish(std::unique_ptr<OGRFeature> feature) {
+  const bool isNeeded = m_poFilterGeom != nullptr || m_nameFilter.AsksForGeometry();
+  if (isNeeded || m_definition->IsGeometryIgnored() == FALSE) m_builder.AddGeometry(*feature);
+  return feature;
+}
+
+OGRFeature* FeatureLayer::GetFeature(GIntBig fid) {
+  constexpr GIntBig kFirstPosition = GIntBig{1} << 32;
+  if (fid < 0) return nullptr;
+  const bool isPosition = fid >= kFirstPosition;
+  const Directory& directory = m_survey.directory;
+  const auto at = isPosition ? directory.At(static_cast<std::uint64_t>(fid - kFirstPosition))
+                             : directory.Find(static_cast<std::uint32_t>(fid));
+  if (!at) return nullptr;
+  const Entry& entry = directory.Entries()[*at];
+  if (!MayHaveMine(entry, false)) return nullptr;
+  m_random.GoTo(entry.position);
+  for (std::uint32_t left = entry.count; left != 0;) {
+    const RecordView* const record = m_random.Read();
+    if (record == nullptr) return nullptr;
+    if (record->Type() != KESP_RECORD_FEATURE) continue;
+    --left;
+    if (directory.FidOf(record->AsFeature().FeatureNumber(), record->Position()) != fid) continue;
+    if (!IsMine(*record)) return nullptr;
+    std::unique_ptr<OGRFeature> feature = m_builder.Collect(*record, m_random);
+    if (m_definition->IsGeometryIgnored() == FALSE) m_builder.AddGeometry(*feature);
+    return feature.release();
+  }
+  return nullptr;
+}
+
+OGRErr FeatureLayer::SetNextByIndex(GIntBig index) {
+  if (TestCapability(OLCFastSetNextByIndex) == 0) return OGRLayer::SetNextByIndex(index);
+  if (index < 0 || index >= Count()) return OGRERR_FAILURE;
+  ResetReading();
+  const std::span<const Entry> entries = m_survey.directory.Entries();
+  for (GIntBig left = index;; ++m_nextEntry) {
+    if (!MayHaveMine(entries[m_nextEntry], false)) continue;
+    if (left-- == 0) return OGRERR_NONE;
+  }
+}
+
+}  // namespace kesp::ogr

@@ -1,0 +1,52 @@
+#include "ogr/Layer.h"
+
+#include <algorithm>
+
+#include "ogr/Dataset.h"
+
+namespace kesp::ogr {
+
+Layer::Layer(Dataset& dataset, const std::string& name, OGRwkbGeometryType geometryType)
+    : m_dataset(dataset), m_definition(new OGRFeatureDefn(name.c_str())) {
+  m_definition->Reference();
+  m_definition->SetGeomType(geometryType);
+  if (geometryType != wkbNone) m_definition->GetGeomFieldDefn(0)->SetSpatialRef(dataset.CoordinateSystem());
+  SetDescription(name.c_str());
+}
+
+Layer::~Layer() { m_definition->Release(); }
+
+GDALDataset* Layer::GetDataset() { return &m_dataset; }
+
+OGRErr Layer::GetExtent(OGREnvelope* extent, int /*force*/) {
+  const Box* const box = Bounds();
+  if (box == nullptr || box->IsEmpty()) return OGRERR_FAILURE;
+  extent->MinX = box->minX;
+  extent->MinY = box->minY;
+  extent->MaxX = box->maxX;
+  extent->MaxY = box->maxY;
+  return OGRERR_NONE;
+}
+
+GIntBig Layer::GetFeatureCount(int force) { return IsFiltered() ? OGRLayer::GetFeatureCount(force) : Count(); }
+
+int Layer::TestCapability(const char* capability) {
+  const auto is = [capability](const char* name) { return EQUAL(capability, name); };
+  if (is(OLCFastFeatureCount)) return IsFiltered() ? FALSE : TRUE;
+  if (is(OLCRandomRead)) return IsIndexed() ? TRUE : FALSE;
+  if (is(OLCFastGetExtent) || is(OLCFastSpatialFilter) || is(OLCZGeometries) || is(OLCMeasuredGeometries)) {
+    return Bounds() != nullptr ? TRUE : FALSE;
+  }
+  return is(OLCStringsAsUTF8) || is(OLCIgnoreFields) ? TRUE : FALSE;
+}
+
+Box Layer::FilterBox() const noexcept {
+  return {m_sFilterEnvelope.MinX, m_sFilterEnvelope.MinY, m_sFilterEnvelope.MaxX, m_sFilterEnvelope.MaxY};
+}
+
+void Layer::ReportEnd(const WalkEnd& end) {
+  if (std::exchange(m_hasReported, true)) return;
+  m_dataset.ReportEnd(end);
+}
+
+}  // namespace kesp::ogr

@@ -1,0 +1,47 @@
+// What all layers have in common.
+#pragma once
+#include <string>
+
+#include <ogrsf_frmts.h>
+
+#include "ogr/Box.h"
+#include "ogr/SurveyFile.h"
+
+namespace kesp::ogr {
+
+class Dataset;
+
+class Layer : public OGRLayer {
+ public:
+  ~Layer() override;
+  Layer(const Layer&) = delete;
+  Layer& operator=(const Layer&) = delete;
+
+  OGRFeatureDefn* GetLayerDefn() override { return m_definition; }
+  GDALDataset* GetDataset() override;
+  using OGRLayer::GetExtent;
+  OGRErr GetExtent(OGREnvelope* extent, int force) override;
+  GIntBig GetFeatureCount(int force) override;
+  int TestCapability(const char* capability) override;
+
+ protected:
+  Layer(Dataset& dataset, const std::string& name, OGRwkbGeometryType geometryType);
+
+  // Of the whole layer, known from the first walk.
+  virtual GIntBig Count() const = 0;
+  virtual const Box* Bounds() const { return nullptr; }  // null without geometry
+  virtual bool IsIndexed() const { return false; }       // GetFeature doesn't search the whole file
+
+  bool IsFiltered() const noexcept { return m_poFilterGeom != nullptr || m_poAttrQuery != nullptr; }
+  Box FilterBox() const noexcept;
+  // Tells GDAL, once for each layer, that a walk ended before the end of the file.
+  void ReportEnd(const WalkEnd& end);
+
+  Dataset& m_dataset;
+  OGRFeatureDefn* m_definition;
+
+ private:
+  bool m_hasReported = false;
+};
+
+}  // namespace kesp::ogr

@@ -1,0 +1,44 @@
+// A layer whose rows are single records: vertices, notes, tags, links. The FID is the offset of the record in the file.
+#pragma once
+#include <memory>
+
+#include "ogr/Box.h"
+#include "ogr/Layer.h"
+#include "ogr/Run.h"
+
+namespace kesp::ogr {
+
+class RecordLayer : public Layer {
+ public:
+  void ResetReading() override;
+  OGRFeature* GetNextFeature() override;
+  OGRFeature* GetFeature(GIntBig fid) override;
+
+ protected:
+  RecordLayer(Dataset& dataset, const std::string& name, OGRwkbGeometryType geometryType);
+
+  // Whether the record is a row. `run` is the feature whose records come by.
+  virtual bool IsRow(const RecordView& record, const Run& run) const = 0;
+  // The row, with its FID. `record` is not valid afterwards.
+  virtual std::unique_ptr<OGRFeature> MakeRow(const RecordView& record) = 0;
+  // Whether the row can be outside the spatial filter and need not be made.
+  virtual bool IsOutside(const RecordView& /*record*/) const { return false; }
+  // Where to go on, when the walk is at a feature.
+  virtual std::uint64_t SkipFrom(std::uint64_t position) { return position; }
+  bool IsWanted(int field) const { return m_definition->GetFieldDefn(field)->IsIgnored() == FALSE; }
+  // Sets the fields for the flags, which come last.
+  void SetFlags(OGRFeature& row, std::uint32_t flags) const;
+  void AddFlagFields() const;
+  int AddField(const char* name, OGRFieldType type, OGRFieldSubType subtype = OFSTNone) const;
+
+  std::string m_buffer;
+
+ private:
+  bool PassesFilters(OGRFeature& row);
+  bool Skip(const RecordView& feature);
+
+  Cursor m_cursor, m_random;
+  Run m_run;
+};
+
+}  // namespace kesp::ogr

@@ -1,0 +1,14 @@
+// Colours of features as OGR style strings.
+#pragma once
+#include <cstdint>
+#include <string>
+
+#include "kesp/records/KespFeature.h"
+#include "ogr/Options.h"
+
+namespace kesp::ogr {
+
+// Empty for colour 0, which is what a feature has that nobody gave a colour.
+std::string StyleOf(KESP_FEATURE_TYPE kind, std::uint32_t color, ColorOrder order);
+
+}  // namespace kesp::ogr

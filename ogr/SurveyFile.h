@@ -1,0 +1,83 @@
+// The open file of a data set, and cursors that walk over it.
+//
+// There is one file object, so one read buffer. A cursor takes it over when it reads, and the cursor before it notes
+// where it was. So any number of layers can be read in turns; a change of turn costs a seek, reading in one go none.
+//
+// Ownership: a SurveyFile must outlive its cursors.
+// Errors: reading reports none. A walk that ended says how in End().
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "kesp/format/RecordView.h"
+#include "kesp/recordfile/KespDataFile.h"
+
+namespace kesp::ogr {
+
+class Cursor;
+
+class SurveyFile {
+ public:
+  // Opens the file read-only. Null, with an error reported to GDAL, when it can't be opened or is longer than the
+  // format's positions reach.
+  static std::unique_ptr<SurveyFile> Open(const std::string& path, bool includeDeleted);
+
+  CKespDataFile& Container() noexcept { return m_container; }
+  std::uint64_t Length() noexcept { return m_container.m_file.KnownLength(); }
+  bool IncludesDeleted() const noexcept { return m_includeDeleted; }
+
+ private:
+  friend class Cursor;
+  CKespDataFile m_container;
+  bool m_includeDeleted = false;
+  Cursor* m_user = nullptr;  // the cursor that read last
+};
+
+// How a walk ended.
+struct WalkEnd {
+  KESP_ERROR_TYPE error = KESP_ERROR_NORMAL_EOF;
+  int systemError = 0;
+  std::uint64_t offset = 0;
+  bool isWhole = true;  // the walk came to the end of the file
+
+  std::string Cause() const;  // for a person
+};
+
+class Cursor {
+ public:
+  explicit Cursor(SurveyFile& file) noexcept : m_file(file) {}
+  ~Cursor();
+  Cursor(const Cursor&) = delete;
+  Cursor& operator=(const Cursor&) = delete;
+
+  // Starts a walk over the whole file. A long one is read ahead.
+  void GoToFirst();
+  // The next record is the one at this offset. kAll reads ahead, for a walk over most of what follows.
+  enum class Wants { kSome, kAll };
+  void GoTo(std::uint64_t position, Wants wants = Wants::kSome);
+  // The next record, valid until any cursor of the file reads; null at the end of the walk.
+  const RecordView* Read();
+  // The record at an offset as an object; null if it can't be read. The cursor is then of no further use.
+  std::unique_ptr<CKespRecord> ReadObject(std::uint64_t position);
+  // The next Read returns the record of the last one again.
+  void Unread() noexcept { m_isPending = true; }
+  const WalkEnd& End() const noexcept { return m_end; }
+
+ private:
+  enum class Start { kHere, kFirst, kAt, kAtAndAhead };
+  void TakeOver();
+  void LetGo() noexcept;
+  bool Step();
+  void EndWith(KESP_ERROR_TYPE error);
+
+  SurveyFile& m_file;
+  RecordView m_view;
+  bool m_isPending = false;
+  Start m_start = Start::kFirst;
+  std::uint64_t m_position = 0;  // where to go on after another cursor has read
+  std::uint64_t m_before = 0;    // of the record before
+  WalkEnd m_end;
+};
+
+}  // namespace kesp::ogr

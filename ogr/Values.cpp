@@ -1,0 +1,112 @@
+#include "ogr/Values.h"
+
+#include <chrono>
+#include <cmath>
+#include <limits>
+#include <optional>
+
+#include <cpl_string.h>
+
+#include "ogr/Utf8Text.h"
+
+namespace kesp::ogr {
+namespace {
+
+struct DateTime {
+  int year, month, day, hour, minute;
+  float second;
+};
+
+DateTime Split(std::chrono::sys_time<std::chrono::milliseconds> time) {
+  const auto day = std::chrono::floor<std::chrono::days>(time);
+  const std::chrono::year_month_day date(day);
+  const std::chrono::hh_mm_ss clock(time - day);
+  const auto millisecond = clock.seconds().count() * 1000 + clock.subseconds().count();
+  return {static_cast<int>(date.year()),
+          static_cast<int>(static_cast<unsigned>(date.month())),
+          static_cast<int>(static_cast<unsigned>(date.day())),
+          static_cast<int>(clock.hours().count()),
+          static_cast<int>(clock.minutes().count()),
+          static_cast<float>(millisecond) / 1000.0F};
+}
+
+DateTime FromSeconds(std::int64_t time) {
+  return Split(std::chrono::sys_time<std::chrono::milliseconds>(std::chrono::seconds(time)));
+}
+
+// Days since 30 December 1899; the fraction counts forward from the day, also below zero. Null for no date and for what
+// is not between the years 100 and 9999.
+std::optional<DateTime> FromDate(double date) {
+  constexpr double kFirst = -657434;
+  constexpr double kLast = 2958465;
+  constexpr double kMillisecondsPerDay = 86400e3;
+  const double day = std::trunc(date);
+  if (date == 0 || !(day >= kFirst && day <= kLast)) return std::nullopt;
+  constexpr std::chrono::sys_days kZero = std::chrono::year(1899) / 12 / 30;
+  const std::chrono::milliseconds inDay(std::llround(std::fabs(date - day) * kMillisecondsPerDay));
+  return Split(kZero + std::chrono::days(static_cast<int>(day)) + inDay);
+}
+
+void Set(OGRFeature& feature, int field, const DateTime& t, int zone) {
+  feature.SetField(field, t.year, t.month, t.day, t.hour, t.minute, t.second, zone);
+}
+
+std::string IsoText(const DateTime& t) {
+  const bool isWhole = t.second == std::floor(t.second);
+  return CPLSPrintf(isWhole ? "%04d-%02d-%02dT%02d:%02d:%02.0f" : "%04d-%02d-%02dT%02d:%02d:%06.3f", t.year, t.month,
+                    t.day, t.hour, t.minute, double{t.second});
+}
+
+std::string NumberText(double value, int decimals) {
+  constexpr double kLongest = 1e15;  // longer numbers have no exact decimals
+  constexpr int kMostDecimals = 15;
+  if (!(std::fabs(value) < kLongest) || decimals > kMostDecimals) return CPLSPrintf("%.17g", value);
+  return CPLSPrintf("%.*f", decimals, value);
+}
+
+constexpr int kUnknownZone = 0;
+constexpr int kUtc = 100;
+
+}  // namespace
+
+void SetText(OGRFeature& feature, int field, const TextView& text, std::string& buffer) {
+  CopyText(text, buffer);
+  feature.SetField(field, buffer.c_str());
+}
+
+void SetTime(OGRFeature& feature, int field, std::int64_t time) {
+  if (time == 0) return feature.SetFieldNull(field);
+  Set(feature, field, FromSeconds(time), kUtc);
+}
+
+double MeasureOf(const PointView& point) {
+  const std::int32_t time = point.PointTime();
+  return time != 0 ? static_cast<double>(time) : std::numeric_limits<double>::quiet_NaN();
+}
+
+std::string TimeText(std::int64_t time) { return IsoText(FromSeconds(time)) + 'Z'; }
+
+void CopyValueText(const AttributeView& attribute, std::string& utf8) {
+  if (attribute.AttributeKind() == KESP_ATTRIBUTE_NUMERIC) {
+    utf8 = NumberText(attribute.Value(), attribute.Decimals());
+  } else if (attribute.AttributeKind() == KESP_ATTRIBUTE_DATE) {
+    const std::optional<DateTime> date = FromDate(attribute.Value());
+    utf8 = date ? IsoText(*date) : std::string();
+  } else {
+    CopyText(attribute.TextValue(), utf8);
+  }
+}
+
+void SetValue(OGRFeature& feature, int field, OGRFieldType type, const AttributeView& attribute, std::string& buffer) {
+  if (type == OFTReal) return feature.SetField(field, attribute.Value());
+  if (type == OFTDateTime) {
+    const std::optional<DateTime> date = FromDate(attribute.Value());
+    if (!date) return feature.SetFieldNull(field);
+    return Set(feature, field, *date, kUnknownZone);
+  }
+  CopyValueText(attribute, buffer);
+  if (buffer.empty() && attribute.AttributeKind() != KESP_ATTRIBUTE_STRING) return feature.SetFieldNull(field);
+  feature.SetField(field, buffer.c_str());
+}
+
+}  // namespace kesp::ogr

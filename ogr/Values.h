@@ -1,0 +1,26 @@
+// Values of the format as OGR's fields and as texts.
+#pragma once
+#include <cstdint>
+#include <string>
+
+#include <ogr_feature.h>
+
+#include "kesp/format/RecordView.h"
+
+namespace kesp::ogr {
+
+// `buffer` is used again and again.
+void SetText(OGRFeature& feature, int field, const TextView& text, std::string& buffer);
+// Seconds since 1970 UTC; 0 means none and sets null.
+void SetTime(OGRFeature& feature, int field, std::int64_t time);
+// The M of a point: its time, or NaN if it has none.
+double MeasureOf(const PointView& point);
+std::string TimeText(std::int64_t time);  // 2024-06-10T08:15:00Z
+
+// An attribute's value as a text: its text, its number with its decimals, or its date as 2024-06-10T12:00:00. Empty if
+// it has none.
+void CopyValueText(const AttributeView& attribute, std::string& utf8);
+// Sets the field, which has one of the types of AttributeTraits::FieldType. Sets null if the attribute has no value.
+void SetValue(OGRFeature& feature, int field, OGRFieldType type, const AttributeView& attribute, std::string& buffer);
+
+}  // namespace kesp::ogr
