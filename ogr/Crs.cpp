@@ -8,10 +8,11 @@
 namespace kesp::ogr {
 namespace {
 
-CrsPtr FromText(const char* text) {
+// Reading a file must not make GDAL read others that its text names; what a user gives may.
+CrsPtr FromText(const char* text, CSLConstList limits = nullptr) {
   CrsPtr crs(new OGRSpatialReference);
   crs->SetAxisMappingStrategy(OAMS_TRADITIONAL_GIS_ORDER);  // coordinates are east, north
-  if (crs->SetFromUserInput(text) != OGRERR_NONE) return nullptr;
+  if (crs->SetFromUserInput(text, limits) != OGRERR_NONE) return nullptr;
   return crs;
 }
 
@@ -28,7 +29,8 @@ CrsPtr FromFile(const std::string& name) {
   GByte* bytes = nullptr;
   if (VSIIngestFile(nullptr, name.c_str(), &bytes, nullptr, kLargest) == FALSE) return nullptr;
   CPLPushErrorHandler(CPLQuietErrorHandler);
-  CrsPtr crs = FromText(reinterpret_cast<const char*>(bytes));
+  CrsPtr crs =
+      FromText(reinterpret_cast<const char*>(bytes), OGRSpatialReference::SET_FROM_USER_INPUT_LIMITATIONS_get());
   CPLPopErrorHandler();
   CPLErrorReset();
   VSIFree(bytes);

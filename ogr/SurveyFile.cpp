@@ -1,22 +1,40 @@
 #include "ogr/SurveyFile.h"
 
+#include <cerrno>
 #include <limits>
 #include <system_error>
 
 #include <cpl_error.h>
 
 #include "kesp/platform/Exception.h"
+#include "ogr/VsiSource.h"
 
 namespace kesp::ogr {
+
+namespace {
+
+// Returns the reason if the file can't be opened; an empty text if it is open.
+std::string TryOpen(CKespDataFile& container, const std::string& path) {
+  bool isOpen = false;
+  if (IsVsiPath(path)) {
+    std::unique_ptr<ByteSource> source = OpenVsi(path);
+    if (source == nullptr) return std::generic_category().message(errno != 0 ? errno : ENOENT);
+    isOpen = container.OpenReadOnly(std::move(source), CString::FromPathBytes(path));
+  } else {
+    isOpen = container.OpenReadOnly(CString::FromPathBytes(path));
+  }
+  if (isOpen) return {};
+  const int osError = container.GetSystemError();
+  return osError != 0 ? std::generic_category().message(osError) : container.GetErrorString().ToUtf8();
+}
+
+}  // namespace
 
 std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool includeDeleted) {
   auto file = std::make_unique<SurveyFile>();
   file->m_includeDeleted = includeDeleted;
   CKespDataFile& container = file->m_container;
-  if (!container.OpenReadOnly(CString::FromPathBytes(path))) {
-    const int osError = container.GetSystemError();
-    const std::string why =
-        osError != 0 ? std::generic_category().message(osError) : container.GetErrorString().ToUtf8();
+  if (const std::string why = TryOpen(container, path); !why.empty()) {
     CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), why.c_str());
     return nullptr;
   }

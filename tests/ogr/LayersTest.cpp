@@ -151,6 +151,27 @@ TEST(Layers, TakeTheReferenceSystemFromASidecar) {
   EXPECT_GE(files.FindString((dir / "a.prj").c_str()), 0);
 }
 
+TEST(Layers, AreTheSameThroughTheFileLayerOfGdal) {
+  ByteVector bytes = Garden();
+  const Opened file(bytes);
+  const struct {
+    const char *written, *read;
+  } kPaths[] = {{"/vsimem/garden.kesp", "/vsimem/garden.kesp"},
+                {"/vsigzip//vsimem/garden.gz", "/vsigzip//vsimem/garden.gz"},
+                {"/vsizip//vsimem/season.zip/garden.kesp", "/vsizip//vsimem/season.zip"}};
+  for (const auto& [written, read] : kPaths) {
+    VSILFILE* const out = VSIFOpenL(written, "wb");
+    VSIFWriteL(bytes.data(), 1, bytes.size(), out);
+    VSIFCloseL(out);
+    const DatasetPtr dataset = Open(read);
+    ASSERT_NE(dataset, nullptr) << read;
+    ASSERT_EQ(dataset->GetLayerCount(), file->GetLayerCount());
+    for (OGRLayer* const layer : dataset->GetLayers()) EXPECT_EQ(Show(*layer), Show(file[layer->GetName()])) << read;
+  }
+  Errors errors;
+  EXPECT_EQ(Open("/vsimem/missing.kesp"), nullptr);
+}
+
 // Which layers a file without some kinds of records has, and the two notes that belong to an old header.
 TEST(Layers, AreLeftOutIfTheyAreEmpty) {
   const struct {
