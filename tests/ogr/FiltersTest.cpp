@@ -125,6 +125,18 @@ TEST(Reading, LeavesOutWhatIsIgnored) {
   EXPECT_EQ(shown.find("Girth"), std::string::npos);
   EXPECT_EQ(shown.find("POLYGON"), std::string::npos);
   EXPECT_NE(shown.find("Text="), std::string::npos);
+
+  for (const auto& layer : file->GetLayers()) {
+    OGRFeatureDefn& definition = *layer->GetLayerDefn();
+    CPLStringList all;
+    for (int i = 0; i < definition.GetFieldCount(); ++i) all.AddString(definition.GetFieldDefn(i)->GetNameRef());
+    all.AddString("OGR_GEOMETRY").AddString("OGR_STYLE");
+    ASSERT_EQ(layer->SetIgnoredFields(const_cast<const char**>(all.List())), OGRERR_NONE);
+    EXPECT_EQ(ShowSorted(*layer).find_first_not_of("0123456789\n"), std::string::npos) << ShowSorted(*layer);
+    layer->ResetReading();
+    const FeaturePtr next(layer->GetNextFeature());
+    EXPECT_EQ(Show(*FeaturePtr(layer->GetFeature(next->GetFID()))), Show(*next));
+  }
 }
 
 }  // namespace
