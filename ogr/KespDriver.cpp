@@ -19,6 +19,10 @@ int Identify(GDALOpenInfo* info) {
 
 GDALDataset* Open(GDALOpenInfo* info) {
   if (Identify(info) == 0 || info->eAccess == GA_Update) return nullptr;
+  if (STARTS_WITH(info->pszFilename, "/vsi")) {
+    CPLError(CE_Failure, CPLE_NotSupported, "%s: the Kesp driver reads only files of the system", info->pszFilename);
+    return nullptr;
+  }
   const std::optional<Options> options = ParseOptions(info->papszOpenOptions);
   if (!options) return nullptr;
   // Without a list at hand, asking for two names costs less than reading the folder.
