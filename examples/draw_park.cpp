@@ -50,7 +50,7 @@ class Park {
     auto attribute = std::make_unique<CKespAttribute>();
     attribute->AttributeKind = KESP_ATTRIBUTE_NUMERIC;
     attribute->Value = value;
-    attribute->Decimals = 1;
+    attribute->Decimals = 2;
     Add(std::move(attribute), name);
   }
   void End(const Metres& points) {
