@@ -1,5 +1,7 @@
 #include "ogr/Crs.h"
 
+#include <cstring>
+
 #include <cpl_conv.h>
 #include <cpl_error.h>
 #include <cpl_string.h>
@@ -29,8 +31,9 @@ CrsPtr FromFile(const std::string& name) {
   GByte* bytes = nullptr;
   if (VSIIngestFile(nullptr, name.c_str(), &bytes, nullptr, kLargest) == FALSE) return nullptr;
   CPLPushErrorHandler(CPLQuietErrorHandler);
-  CrsPtr crs =
-      FromText(reinterpret_cast<const char*>(bytes), OGRSpatialReference::SET_FROM_USER_INPUT_LIMITATIONS_get());
+  const char* text = reinterpret_cast<const char*>(bytes);
+  text += std::strspn(text, " \t\r\n");  // gdalsrsinfo begins with an empty line, which GDAL does not take
+  CrsPtr crs = FromText(text, OGRSpatialReference::SET_FROM_USER_INPUT_LIMITATIONS_get());
   CPLPopErrorHandler();
   CPLErrorReset();
   VSIFree(bytes);

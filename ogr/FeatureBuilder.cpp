@@ -37,10 +37,9 @@ std::unique_ptr<OGRFeature> FeatureBuilder::Collect(const RecordView& record, Cu
   if (IsWanted(kNameField)) SetText(*feature, kNameField, view.FeatureName(), m_buffer);
   if (IsWanted(kColorField)) feature->SetField(kColorField, static_cast<GIntBig>(view.Color()));
   if (IsWanted(kSymbolField)) feature->SetField(kSymbolField, static_cast<int>(view.SymbolIndex()));
-  if (!m_definition.IsStyleIgnored()) {
-    const std::string style = StyleOf(view.FeatureType(), view.Color(), m_colors);
-    if (!style.empty()) feature->SetStyleString(style.c_str());
-  }
+  // QGIS 3 sets OGR_STYLE ignored whenever it reads, also when it then draws by the style.
+  const std::string style = StyleOf(view.FeatureType(), view.Color(), m_colors);
+  if (!style.empty()) feature->SetStyleString(style.c_str());
   ReadRun(number, cursor, *feature);
   ReadStragglers(number, position, *feature);
   if (!m_further.empty()) SetFurther(*feature);

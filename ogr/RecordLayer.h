@@ -35,6 +35,7 @@ class RecordLayer : public Layer {
 
  private:
   bool PassesFilters(OGRFeature& row);
+  std::unique_ptr<OGRFeature> WithoutIgnored(std::unique_ptr<OGRFeature> row) const;
   bool Skip(const RecordView& feature);
 
   Cursor m_cursor, m_random;
