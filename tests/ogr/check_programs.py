@@ -1,4 +1,6 @@
-"""check_programs.py KESP PLUGIN_DIR WRITE_SURVEY DRAW_PARK: GDAL's programs, its Python and GeoPandas read what KESP shows."""
+"""check_programs.py KESP PLUGIN_DIR WRITER...: GDAL's programs, its Python and GeoPandas read what KESP shows.
+
+Each WRITER writes a survey. The first one's is in degrees."""
 import csv
 import json
 import os
@@ -39,6 +41,8 @@ def expected(survey, dimensions, layers=tuple(LAYERS.values())):
 
 
 def vertices(geometry, dimensions):
+    if geometry is None:  # a deleted feature whose record was left
+        return []
     if geometry.GetGeometryCount():
         return [point for part in geometry for point in vertices(part, dimensions)]
     # GetPoints leaves out M.
@@ -68,7 +72,7 @@ def check_formats(survey, folder):
         run("ogr2ogr", f"{folder}/{layer}.csv", survey, layer, "-lco", "GEOMETRY=AS_WKT")
         with open(f"{folder}/{layer}.csv", encoding="utf-8", newline="") as file:
             got = [(r["feature_name"], round(float(r["Girth"]), 6) if r.get("Girth") else None,
-                    vertices(ogr.CreateGeometryFromWkt(r["WKT"]), 4)) for r in csv.DictReader(file)]
+                    vertices(ogr.CreateGeometryFromWkt(r["WKT"]) if r["WKT"] else None, 4)) for r in csv.DictReader(file)]
         same("CSV", got, whole[layer])
 
 
@@ -112,7 +116,8 @@ def check_geopandas(survey):
     same("fiona.listlayers", set(LAYERS.values()) <= set(fiona.listlayers(survey)), True)
     for layer, rows in expected(survey, 3).items():
         frame = geopandas.read_file(survey, layer=layer)
-        got = [(r["feature_name"], vertices(ogr.CreateGeometryFromWkb(r.geometry.wkb), 3)) for _, r in frame.iterrows()]
+        got = [(r["feature_name"], vertices(r.geometry and ogr.CreateGeometryFromWkb(r.geometry.wkb), 3))
+               for _, r in frame.iterrows()]
         same("GeoPandas", got, [(r[0], r[2]) for r in rows])
 
 
