@@ -1,4 +1,6 @@
-"""check_programs.py KESP PLUGIN_DIR WRITE_SURVEY DRAW_PARK: GDAL's programs, its Python and GeoPandas read what KESP shows."""
+"""check_programs.py KESP PLUGIN_DIR WRITER...: GDAL's programs, its Python and GeoPandas read what KESP shows.
+
+Each WRITER writes a survey. The first one's is in degrees."""
 import csv
 import json
 import os
@@ -39,6 +41,8 @@ def expected(survey, dimensions, layers=tuple(LAYERS.values())):
 
 
 def vertices(geometry, dimensions):
+    if geometry is None:  # a deleted feature whose record was left
+        return []
     if geometry.GetGeometryCount():
         return [point for part in geometry for point in vertices(part, dimensions)]
     # GetPoints leaves out M.
@@ -54,7 +58,8 @@ def row(feature, dimensions, name):
 
 def shown(path, layers, dimensions, name="feature_name", options=()):
     dataset = gdal.OpenEx(path, gdal.OF_VECTOR, open_options=list(options))
-    return {layer: [row(f, dimensions, name) for f in dataset.GetLayerByName(given)] for layer, given in layers.items()}
+    return {layer: [row(feature, dimensions, name) for feature in dataset.GetLayerByName(given)]
+            for layer, given in layers.items()}
 
 
 def check_formats(survey, folder):
@@ -68,7 +73,8 @@ def check_formats(survey, folder):
         run("ogr2ogr", f"{folder}/{layer}.csv", survey, layer, "-lco", "GEOMETRY=AS_WKT")
         with open(f"{folder}/{layer}.csv", encoding="utf-8", newline="") as file:
             got = [(r["feature_name"], round(float(r["Girth"]), 6) if r.get("Girth") else None,
-                    vertices(ogr.CreateGeometryFromWkt(r["WKT"]), 4)) for r in csv.DictReader(file)]
+                    vertices(ogr.CreateGeometryFromWkt(r["WKT"]) if r["WKT"] else None, 4))
+                   for r in csv.DictReader(file)]
         same("CSV", got, whole[layer])
 
 
@@ -89,10 +95,9 @@ def check_sql(survey):
 
     def ask(dialect, sql):
         result = dataset.ExecuteSQL(sql, dialect=dialect)
-        got = sorted([round(v, 6) if isinstance(v, float) else v for v in (f.GetField(i) for i in range(f.GetFieldCount()))]
-                     for f in result)
+        rows = [[f.GetField(i) for i in range(f.GetFieldCount())] for f in result]
         dataset.ReleaseResultSet(result)
-        return got
+        return sorted([round(v, 6) if isinstance(v, float) else v for v in values] for values in rows)
 
     wanted = expected(survey, 2)
     same("SQLITE join", ask("SQLITE", "SELECT feature_name, COUNT(*) FROM lines JOIN vertices ON "
@@ -100,7 +105,8 @@ def check_sql(survey):
          sorted([r[0], len(r[2])] for r in wanted["lines"]))
     if dataset.GetLayerByName("links"):  # OGRSQL joins the first row that matches
         join = "FROM links JOIN vertices ON links.to_feature = vertices.feature_number"
-        same("OGRSQL join", ask("OGRSQL", "SELECT links.from_feature, vertices.point_number " + join.replace("JOIN", "LEFT JOIN")),
+        left = join.replace("JOIN", "LEFT JOIN")
+        same("OGRSQL join", ask("OGRSQL", f"SELECT links.from_feature, vertices.point_number {left}"),
              ask("SQLITE", f"SELECT from_feature, MIN(point_number) {join} GROUP BY from_feature"))
     for dialect in ("OGRSQL", "SQLITE"):
         same(dialect, ask(dialect, "SELECT feature_name, Girth FROM points WHERE Girth > 2 AND feature_name <> 'Oak'"),
@@ -112,7 +118,8 @@ def check_geopandas(survey):
     same("fiona.listlayers", set(LAYERS.values()) <= set(fiona.listlayers(survey)), True)
     for layer, rows in expected(survey, 3).items():
         frame = geopandas.read_file(survey, layer=layer)
-        got = [(r["feature_name"], vertices(ogr.CreateGeometryFromWkb(r.geometry.wkb), 3)) for _, r in frame.iterrows()]
+        got = [(r["feature_name"], vertices(r.geometry and ogr.CreateGeometryFromWkb(r.geometry.wkb), 3))
+               for _, r in frame.iterrows()]
         same("GeoPandas", got, [(r[0], r[2]) for r in rows])
 
 
