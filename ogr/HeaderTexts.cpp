@@ -71,7 +71,7 @@ void HeaderTexts::See(const RecordView& record, Survey& survey, bool isFirst) {
   }
   if (m_expects == Expects::kNothing) return;
   const std::string note = record.Type() == KESP_RECORD_NOTE ? Utf8Of(record.AsNote().NoteText()) : std::string{};
-  const std::string_view key = std::string_view(note).substr(0, 4);
+  const std::string_view key = std::string_view{note}.substr(0, 4);
   if (m_expects == Expects::kText && key == "BMC:") {
     survey.metadata.emplace_back("HEADER_TEXT_6", note.substr(key.size()));
     m_expects = Expects::kExtent;

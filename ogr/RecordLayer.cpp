@@ -64,7 +64,7 @@ std::unique_ptr<OGRFeature> RecordLayer::WithoutIgnored(std::unique_ptr<OGRFeatu
   for (int field = 0; field < m_definition->GetFieldCount(); ++field) {
     if (!IsWanted(field)) row->UnsetField(field);
   }
-  if (m_definition->IsGeometryIgnored()) row->SetGeometryDirectly(nullptr);
+  if (m_definition->IsGeometryIgnored() != 0) row->SetGeometryDirectly(nullptr);
   return row;
 }
 
