@@ -1,14 +1,13 @@
-// Columns, whole and in batches, compared with the objects of the same file.
+// Columns, whole and in batches, compared with the objects of the same file. The file is a source of the host's.
 #include "fuzz/Targets.h"
+#include "tests/support/MemorySource.h"
 #include "tests/support/Rows.h"
 
 namespace kesp::fuzz {
 
 void Columns(Input input) {
-  MemorySystem system;
-  system.Put("a", Bytes(input.begin(), input.end()));
   CKespDataFile file;
-  if (!file.OpenReadOnly("a")) return;
+  if (!file.OpenReadOnly(std::make_unique<test::MemorySource>(Bytes(input.begin(), input.end())), "a")) return;
   for (const bool includeDeleted : {false, true}) {
     test::Rows expected = test::ExpectedRows(file, includeDeleted).rows;
     KESP_REQUIRE(test::RowsAtOnce(file, includeDeleted) == expected);

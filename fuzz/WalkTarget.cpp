@@ -4,6 +4,7 @@
 
 #include "fuzz/Reader.h"
 #include "fuzz/Targets.h"
+#include "tests/support/MemorySource.h"
 #include "tests/support/Views.h"
 
 namespace kesp::fuzz {
@@ -29,10 +30,13 @@ Walked WalkThrough(CKespDataFile& file, bool skipDeleted, See see) {
   return walked;
 }
 
-// In the whole file, and in one that counts as shorter. The input's size says whether objects are among the views.
-void CompareViews(CKespDataFile& file, bool skipDeleted, std::size_t size) {
+// In the whole file, and in one that counts as shorter. The views are of a source of the host's, which returns few
+// bytes at a time. The input's size says whether objects are among the views.
+void CompareViews(CKespDataFile& file, bool skipDeleted, const Bytes& bytes) {
+  constexpr std::size_t kMostAtOnce = 999;
+  const std::size_t size = bytes.size();
   CKespDataFile viewed;
-  KESP_REQUIRE(viewed.OpenReadOnly("a"));
+  KESP_REQUIRE(viewed.OpenReadOnly(std::make_unique<test::MemorySource>(bytes, kMostAtOnce), "a"));
   for (const std::size_t limit : {size, size / 2}) {
     for (CKespDataFile* each : {&file, &viewed}) {
       each->LimitLength(limit);
@@ -59,7 +63,7 @@ void Walk(Input input) {
     KESP_REQUIRE(walked == test::ReadFrom(input, *first, skipDeleted));
     // Reading ahead is allowed; reading the same bytes again and again is not.
     KESP_REQUIRE(system.BytesRead() - readBefore <= 4 * input.size() + 4096);
-    CompareViews(file, skipDeleted, input.size());
+    CompareViews(file, skipDeleted, bytes);
     KESP_REQUIRE(system.BytesRead() - readBefore <= 5 * (4 * input.size() + 4096));
   }
   KESP_REQUIRE(system.At("a") == bytes);

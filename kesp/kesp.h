@@ -10,6 +10,7 @@
 #include "kesp/geometry/Point2D.h"
 #include "kesp/geometry/Point3D.h"
 #include "kesp/geometry/Rect2D.h"
+#include "kesp/platform/ByteSource.h"
 #include "kesp/platform/Exception.h"
 #include "kesp/platform/File.h"
 #include "kesp/platform/MessageHook.h"

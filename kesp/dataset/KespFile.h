@@ -72,6 +72,7 @@
 #include "kesp/records/KespTavoHeader.h"
 
 namespace kesp {
+class ByteSource;
 class StoreReader;
 struct Store;
 }  // namespace kesp
@@ -96,6 +97,10 @@ class KESP_EXPORT CKespFile {
   // The same, read-only: takes no lock, and the file's bytes and times stay as they are, also on closing. A path that
   // is open for writing stays open for writing.
   ErrorEnum OpenKespReadOnly(CString path, CString& message);
+  // The same with bytes that the host reads (see kesp/platform/ByteSource.h); messages have `name`. The data set owns
+  // the source. ERR_OTHER_FILE_OPEN when a file is open, ERR_FILE_NOT_FOUND for a null. No path leads to a source, not
+  // even its name: while it is open, a path given to an operation is that of another file.
+  ErrorEnum OpenKespReadOnly(std::unique_ptr<kesp::ByteSource> source, CString name, CString& message);
   // Marks the file as cleanly closed, flushes and closes it. The store keeps its content.
   ErrorEnum CloseKesp();
   // Clears the store and reads the whole open file into it, with or without the records marked deleted. Drops points,
@@ -339,6 +344,9 @@ class KESP_EXPORT CKespFile {
   int DeletePointInFeature(CKespPoint* point, CKespFeature* feature);
 
   ErrorEnum OpenWith(const CString& path, CString& message, bool readOnly);
+  template <class Open>
+  ErrorEnum OpenGuarded(CString& message, Open open);
+  void ThrowIfOutOfMemory(bool opened) const;
   bool NamesOpenFile(const CString& path) const;
   ErrorEnum MakeWritable(CString& message);
   ErrorEnum OutOfMemory() noexcept;  // and notes it in the container

@@ -1,15 +1,27 @@
 // Opening and closing a file.
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "kesp/dataset/KespFile.h"
 #include "kesp/dataset/Store.h"
 #include "kesp/format/RecordView.h"
+#include "kesp/platform/ByteSource.h"
 #include "kesp/util/Utilities.h"
 
 namespace {
 
 constexpr int kMessageLimit = 255;  // of a system message, in characters
+
+ErrorEnum NoContainer(CString& message) {
+  message = u"Memory allocation failed. Free some memory and try again.";
+  return ERR_MEMORY;
+}
+
+ErrorEnum OtherIsOpen(CString& message) {
+  message = u"Please close the already open file.";
+  return ERR_OTHER_FILE_OPEN;
+}
 
 }  // namespace
 
@@ -17,7 +29,37 @@ ErrorEnum CKespFile::OpenKesp(CString path, CString& message) { return OpenWith(
 
 ErrorEnum CKespFile::OpenKespReadOnly(CString path, CString& message) { return OpenWith(path, message, true); }
 
+ErrorEnum CKespFile::OpenKespReadOnly(std::unique_ptr<kesp::ByteSource> source, CString name, CString& message) {
+  return OpenGuarded(message, [&] {
+    if (source == nullptr) return ERR_FILE_NOT_FOUND;
+    if (m_pDataFile == nullptr) return NoContainer(message);
+    if (m_pDataFile->IsOpen()) return OtherIsOpen(message);
+    ThrowIfOutOfMemory(m_pDataFile->OpenReadOnly(std::move(source), name));
+    return ERR_NONE;
+  });
+}
+
 ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOnly) {
+  return OpenGuarded(message, [&] {
+    const bool isOpen = m_pDataFile != nullptr && m_pDataFile->IsOpen();
+    const bool isSame = isOpen && NamesOpenFile(path);
+    // The name in another letter case may not exist here.
+    if (!FileExists(path) && !(isSame && FileExists(m_pDataFile->m_path))) return ERR_FILE_NOT_FOUND;
+    if (m_pDataFile == nullptr) return NoContainer(message);
+    if (isSame) return readOnly ? ERR_NONE : MakeWritable(message);
+    if (isOpen) return OtherIsOpen(message);
+    ThrowIfOutOfMemory(readOnly ? m_pDataFile->OpenReadOnly(path) : m_pDataFile->Open(path));
+    return ERR_NONE;
+  });
+}
+
+// If the container refuses the file, it stays closed; the next operation reports that.
+void CKespFile::ThrowIfOutOfMemory(bool opened) const {
+  if (!opened && m_pDataFile->GetSystemError() == ENOMEM) throw CMemoryException();
+}
+
+template <class Open>
+ErrorEnum CKespFile::OpenGuarded(CString& message, Open open) {
   message.Empty();
   // If there is no memory for the text, the result code must do.
   const auto say = [&message](const CException& e) {
@@ -28,23 +70,7 @@ ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOn
     }
   };
   try {
-    const bool isOpen = m_pDataFile != nullptr && m_pDataFile->IsOpen();
-    const bool isSame = isOpen && NamesOpenFile(path);
-    // The name in another letter case may not exist here.
-    if (!FileExists(path) && !(isSame && FileExists(m_pDataFile->m_path))) return ERR_FILE_NOT_FOUND;
-    if (m_pDataFile == nullptr) {
-      message = u"Memory allocation failed. Free some memory and try again.";
-      return ERR_MEMORY;
-    }
-    if (isOpen) {
-      if (isSame) return readOnly ? ERR_NONE : MakeWritable(message);
-      message = u"Please close the already open file.";
-      return ERR_OTHER_FILE_OPEN;
-    }
-    // If the container refuses the file, it stays closed; the next operation reports that.
-    const bool opened = readOnly ? m_pDataFile->OpenReadOnly(path) : m_pDataFile->Open(path);
-    if (!opened && m_pDataFile->GetSystemError() == ENOMEM) throw CMemoryException();
-    return ERR_NONE;
+    return open();
   } catch (const std::bad_alloc&) {
     say(CMemoryException());
     return OutOfMemory();
@@ -56,9 +82,10 @@ ErrorEnum CKespFile::OpenWith(const CString& path, CString& message, bool readOn
   }
 }
 
-// Whether the path is the open file's, in any letter case, unless that spelling leads to another file.
+// Whether the path is the open file's, in any letter case, unless that spelling leads to another file. The name of a
+// source is not a path.
 bool CKespFile::NamesOpenFile(const CString& path) const {
-  if (m_pDataFile->m_path.CompareNoCase(path) != 0) return false;
+  if (m_pDataFile->m_file.ReadsSource() || m_pDataFile->m_path.CompareNoCase(path) != 0) return false;
   return !FileExists(path) || m_pDataFile->m_file.IsSameFile(path);
 }
 

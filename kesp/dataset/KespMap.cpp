@@ -86,6 +86,7 @@ struct MapOfWords::State {
     std::memcpy(&value, entries[at].value, sizeof value);
     return value;
   }
+  // cppcheck-suppress constParameter
   void Replace(Entry& entry, std::uint64_t value) noexcept {
     if (std::memcmp(entry.value, &value, sizeof value) == 0) return;
     std::memcpy(entry.value, &value, sizeof value);

@@ -6,9 +6,9 @@ namespace kesp {
 
 void TextView::CopyTo(std::string& utf8) const {
   utf8.clear();
-  const std::size_t size = Size();
   // In pieces, so that a short text costs no allocation. A piece does not end inside a pair of surrogates.
-  constexpr std::size_t kPiece = 256;
+  constexpr std::size_t kPiece = 512;
+  const std::size_t size = m_room <= kPiece ? m_room : Size();  // a piece stops at the zero that ends the text
   std::array<char, kMostUtf8PerUnit * kPiece> piece;
   for (std::size_t i = 0; i < size;) {
     std::size_t count = std::min(kPiece, size - i);

@@ -6,16 +6,19 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <limits>
 #include <new>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "kesp/memory/AlignedBytes.h"
 #include "kesp/platform/BlockReader.h"
+#include "kesp/platform/ByteSource.h"
 #include "kesp/platform/OpenReaders.h"
 #include "kesp/platform/SystemCalls.h"
 
@@ -87,6 +90,36 @@ bool SettleLength(int fd, bool toEmpty, struct stat& info) {
   return EmptyFile(fd, info);
 }
 
+// Each source that is opened is a file of its own, on a device that no system has.
+kesp::FileIdentity NextSourceIdentity() noexcept {
+  static std::atomic<std::uint64_t> opened{0};
+  return {~std::uint64_t{0}, ++opened};
+}
+
+// The errno value of an exception that a source has thrown; 0 if it is not the number of an error.
+int NumberOf(const std::error_code& code) {
+  const std::error_condition condition = code.default_error_condition();
+  return condition.category() == std::generic_category() ? condition.value() : 0;
+}
+
+// Calls the source, whose exceptions become the library's. Those that are no file error and no lack of memory are EIO.
+template <class Call>
+auto CallSource(const CString& name, Call call) {
+  int reason = 0;
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    throw CMemoryException();
+  } catch (const CFileException& e) {
+    reason = e.m_lOsError;
+  } catch (const std::system_error& e) {
+    reason = NumberOf(e.code());
+  } catch (...) {
+    reason = 0;
+  }
+  throw CFileException(reason > 0 ? reason : EIO, name);
+}
+
 }  // namespace
 
 CFile::CFile() noexcept = default;
@@ -145,6 +178,35 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
   return true;
 }
 
+bool CFile::Open(std::unique_ptr<kesp::ByteSource> source, const CString& name, CFileException* error) {
+  const auto fail = [&](CFileException reason) {
+    if (error != nullptr) *error = std::move(reason);
+    Abort();
+    return false;
+  };
+  try {
+    return TryOpen(std::move(source), name);
+  } catch (const std::bad_alloc&) {
+    return fail(CFileException(ENOMEM, name));
+  } catch (CFileException& e) {
+    return fail(std::move(e));
+  }
+}
+
+bool CFile::TryOpen(std::unique_ptr<kesp::ByteSource> source, const CString& name) {
+  // A copy: `name` may be this object's own m_path, which Abort empties.
+  CString wanted = name;
+  Abort();
+  if (source == nullptr) throw CFileException(CFileException::invalidFile, EINVAL, wanted);
+  const std::uint64_t length = CallSource(wanted, [&] { return source->Length(); });
+  if (length > kLargestOffset) throw CFileException(EOVERFLOW, wanted);
+  m_source = std::move(source);
+  m_length = length;
+  m_path = std::move(wanted);
+  m_identity = NextSourceIdentity();
+  return true;
+}
+
 // Also true when no lock is needed or the file system has none. If false, errno has the reason.
 bool CFile::AcquireLock(int operation) {
   if (operation == 0) return true;
@@ -156,7 +218,7 @@ bool CFile::AcquireLock(int operation) {
 }
 
 void CFile::Close() {
-  if (m_fd < 0) return;
+  if (!IsOpen()) return;
   try {
     CommitGathered();
   } catch (...) {
@@ -187,6 +249,7 @@ int CFile::CloseDescriptor() noexcept {
 }
 
 void CFile::Reset() noexcept {
+  m_source.reset();
   m_reader.reset();
   m_identity = {};
   m_fd = -1;
@@ -337,6 +400,7 @@ void CFile::EndBlockReader() noexcept {
 
 // Reads until it has at least `least` bytes or the file ends; takes up to `most` if the system returns them.
 std::size_t CFile::ReadSystem(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position) {
+  if (m_source) return ReadSource(to, least, most, position);
   if (position >= kLargestOffset) return 0;
   const std::uint64_t room = kLargestOffset - position;
   least = static_cast<std::size_t>(std::min<std::uint64_t>(least, room));
@@ -353,6 +417,27 @@ std::size_t CFile::ReadSystem(std::byte* to, std::size_t least, std::size_t most
     total += static_cast<std::size_t>(got);
   }
   if (total != 0) m_length = std::max(m_length, position + total);
+  return total;
+}
+
+// The same from the source. Nothing after the length at opening is read: a source without an end can't make a walk
+// endless.
+std::size_t CFile::ReadSource(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position) {
+  if (position >= m_length) return 0;
+  most = static_cast<std::size_t>(std::min<std::uint64_t>(most, m_length - position));
+  std::size_t total = 0;
+  while (total < std::min(least, most)) {
+    const std::size_t wanted = most - total;
+    try {
+      const std::size_t got =
+          CallSource(m_path, [&] { return m_source->ReadAt(position + total, to + total, wanted); });
+      if (got == 0 || got > wanted) throw CFileException(EIO, m_path);
+      total += got;
+    } catch (const CFileException& e) {
+      m_lastSystemError = e.m_lOsError;
+      throw;
+    }
+  }
   return total;
 }
 
@@ -448,6 +533,7 @@ std::uint64_t CFile::Seek(std::int64_t offset, SeekPosition from) {
 std::uint64_t CFile::GetLength() {
   RequireOpen();
   CommitGathered();
+  if (m_source) return m_length;
   // lseek is fine here: nothing uses the descriptor's own position.
   const std::int64_t end = Uninterrupted([&] { return kesp::System().End(m_fd); });
   if (end < 0) Raise(errno);
@@ -542,7 +628,7 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
   if (m_syncFailed) Raise(EIO);
   // The system copies in the kernel where it can. If that fails for any reason, reading and writing go on from there,
   // and report the error if there is one.
-  for (;;) {
+  while (!source.m_source) {
     if (m_position > kLargestOffset || source.m_position > kLargestOffset) break;
     const ssize_t copied = Uninterrupted([&] {
       return kesp::System().CopyRange(source.m_fd, static_cast<std::int64_t>(source.m_position), m_fd,
@@ -573,7 +659,7 @@ void CFile::Raise(int osError) {
 }
 
 void CFile::RequireOpen() const {
-  if (m_fd < 0) throw CFileException(CFileException::invalidFile, m_path);
+  if (!IsOpen()) throw CFileException(CFileException::invalidFile, m_path);
 }
 
 CFile::Gather::Gather(CFile& file) : m_file(file) {

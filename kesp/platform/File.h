@@ -17,6 +17,9 @@
 // default and blocks nobody, with one exception: a file that an object of this process has open read-only can't be
 // emptied. One thread at a time may use an object.
 //
+// Opened from a ByteSource, the object reads what the host gives it: read-only, with the length that the source had
+// when it was opened, and with the same buffer.
+//
 // Errors: CFileException; CMemoryException or another std::bad_alloc when there is no memory for a buffer; an operation
 // that differs says so. After a failed write the position is where that write began, though part of it may be in the
 // file. After a failed read it is somewhere between where the read began and where it failed.
@@ -40,9 +43,11 @@ namespace kesp {
 class AlignedBytes;
 class OpenReader;
 class BlockReader;
+class ByteSource;
 class Task;
 
-// Identifies a file on this machine, whatever name it is opened by, as long as it exists.
+// Identifies a file on this machine, whatever name it is opened by, as long as it exists; or, within this process, a
+// source that was opened.
 struct FileIdentity {
   std::uint64_t device = 0;
   std::uint64_t fileNumber = 0;
@@ -76,7 +81,12 @@ class KESP_EXPORT CFile {
   // conflicts. `error` then receives the reason (ENOMEM when memory ran out). An object that is already open is closed
   // first. Raises nothing.
   bool Open(const CString& path, unsigned openFlags, CFileException* error = nullptr);
-  bool IsOpen() const noexcept { return m_fd >= 0; }
+  // Opens a source read-only (see kesp/platform/ByteSource.h). `name` is what GetFilePath and messages say; it need not
+  // be a path. The object owns the source from now on, also when this returns false: for a null, and when the source
+  // can't tell its length.
+  bool Open(std::unique_ptr<kesp::ByteSource> source, const CString& name, CFileException* error = nullptr);
+  bool IsOpen() const noexcept { return m_fd >= 0 || m_source != nullptr; }
+  bool ReadsSource() const noexcept { return m_source != nullptr; }
   bool IsWritable() const noexcept { return m_writable; }
   // Closes the file; does nothing on a closed object. The object is closed even when this raises.
   void Close();
@@ -101,7 +111,7 @@ class KESP_EXPORT CFile {
   // Starts a thread that reads ahead from the current position. It ends at the end of the file, with a write, or when
   // reading continues far from there. Best effort, for a caller about to read many megabytes in a row: without a second
   // processor, memory or a thread, nothing happens. `objectsAreKept`: the caller keeps the objects that it makes from
-  // the bytes, so the thread prepares memory for them too.
+  // the bytes, so the thread prepares memory for them too. A source is never read ahead.
   void StartBlockReader(bool objectsAreKept = false) noexcept;
   void EndBlockReader() noexcept;  // does nothing when it has ended
   // Offers work to that thread (see kesp/platform/Task.h); false if there is none. EndBlockReader must be called before
@@ -122,7 +132,7 @@ class KESP_EXPORT CFile {
   }
   void Skip(std::uint64_t count) noexcept { m_position += count; }
   // Drops the buffer of a file that is open read-only, since another process may have written to it; the next read goes
-  // to the system. Does nothing on a file that is open for writing.
+  // to the system. Does nothing on a file that is open for writing, and on a source.
   void ReadAgain();
   // Writes all `count` bytes or raises. A write after the end leaves a gap that reads as zeros.
   void Write(const void* from, std::size_t count);
@@ -132,7 +142,7 @@ class KESP_EXPORT CFile {
   void SeekToBegin() { Seek(0, begin); }
   std::uint64_t SeekToEnd() { return Seek(0, end); }
   std::uint64_t GetPosition() const {
-    if (m_fd < 0) RequireOpen();
+    if (!IsOpen()) RequireOpen();
     return m_position;
   }
   std::uint64_t GetLength();
@@ -157,7 +167,7 @@ class KESP_EXPORT CFile {
   // Sets the modification time to now; a failure is ignored.
   void TouchModified() noexcept;
   // Whether `path` leads to the file that is open here, by whatever name or link. Also true when the system can't tell,
-  // because callers ask before they empty the file at `path`. False on a closed object.
+  // because callers ask before they empty the file at `path`. False on a closed object and for a source.
   bool IsSameFile(const CString& path) const;
   // Copies all of the source from its position on to this file's position, and leaves the source at its end. The system
   // copies where it can; otherwise the bytes are read and written, up to `blockSize` bytes at a time.
@@ -190,6 +200,7 @@ class KESP_EXPORT CFile {
   static constexpr std::size_t kFirstRead = 4 * 1024;  // a new place's first read; doubled in sequence
 
   bool TryOpen(const CString& path, unsigned openFlags, CFileException* error);
+  bool TryOpen(std::unique_ptr<kesp::ByteSource> source, const CString& name);
   bool AcquireLock(int operation);
   int CloseDescriptor() noexcept;
   [[noreturn]] void Raise(int osError);
@@ -197,6 +208,7 @@ class KESP_EXPORT CFile {
   void CommitGathered();
   void WriteOut(const std::byte* from, std::size_t count, std::uint64_t position);
   std::size_t ReadSystem(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position);
+  std::size_t ReadSource(std::byte* to, std::size_t least, std::size_t most, std::uint64_t position);
   std::span<const std::byte> ReadViewSlow(std::size_t count);
   bool MakeBuffer() noexcept;
   std::byte* PlaceInBuffer(std::uint64_t position) const noexcept;
@@ -207,7 +219,8 @@ class KESP_EXPORT CFile {
   std::string DirectoryOfFile() const;
   void Reset() noexcept;
 
-  int m_fd = -1;
+  int m_fd = -1;  // also when a source is open
+  std::unique_ptr<kesp::ByteSource> m_source;
   pid_t m_lockedBy = 0;  // the process that took the lock; 0 if there is none
   bool m_writable = false;
   bool m_gathering = false;

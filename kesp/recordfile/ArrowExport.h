@@ -28,9 +28,11 @@
 
 #ifndef ARROW_C_DATA_INTERFACE
 #define ARROW_C_DATA_INTERFACE
+// NOLINTBEGIN(cppcoreguidelines-macro-usage): the names that every producer and consumer of these structs defines
 #define ARROW_FLAG_DICTIONARY_ORDERED 1
 #define ARROW_FLAG_NULLABLE 2
 #define ARROW_FLAG_MAP_KEYS_SORTED 4
+// NOLINTEND(cppcoreguidelines-macro-usage)
 
 extern "C" {
 

@@ -76,10 +76,16 @@ class ColumnReader {
   template <class T>
   static void AppendRows(Column<T>& to, std::size_t at, const Column<T>& from, std::size_t first);
   void AppendRows(TextColumn& to, std::size_t at, const TextColumn& from, std::size_t first);
+  // Makes room for `more` rows in the chosen columns.
   template <class Table>
-  void MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more);
+  void MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) {
+    if (table.rows + more > room) Grow(table, room, chosen, more);
+  }
+  template <class Table>
+  void Grow(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more);
   template <class Table>
   void Finish(Table& table, std::uint32_t chosen) const;
+  std::size_t Expected(std::size_t count) const;
 
   template <class T, class Value>
   static void Put(Column<T>& column, std::size_t row, Value value) noexcept {
@@ -188,6 +194,7 @@ template <class T>
 void ColumnReader::Reserve(Column<T>& column, std::size_t capacity) {
   if (capacity <= column.m_capacity) return;
   if (capacity > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw CMemoryException();
+  // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): a long array grows in place
   void* const grown = std::realloc(column.m_data.get(), capacity * sizeof(T));
   if (grown == nullptr) throw CMemoryException();
   (void)column.m_data.release();
@@ -216,18 +223,35 @@ void ColumnReader::AppendRows(TextColumn& to, std::size_t at, const TextColumn& 
   for (std::size_t row = first; row < from.size(); ++row) Put(to, at + row - first, from[row]);
 }
 
-// Makes room for `more` rows in the chosen columns.
 template <class Table>
-void ColumnReader::MakeRoom(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) {
-  if (table.rows + more <= room) return;
+void ColumnReader::Grow(Table& table, std::size_t& room, std::uint32_t chosen, std::size_t more) {
   m_pending.Finish();
   room = std::max({table.rows + more, 2 * room, kLeastRows});
   if (m_sink != nullptr) room = std::max(table.rows + more, std::min(room, m_batchRows));
-  ForEachColumn(
-      [&](std::uint32_t bit, const char*, auto& column) {
-        if ((chosen & bit) != 0) ReserveRows(column, room);
-      },
-      table);
+  const auto reserve = [&](std::size_t rows) {
+    ForEachColumn(
+        [&](std::uint32_t bit, const char*, auto& column) {
+          if ((chosen & bit) != 0) ReserveRows(column, rows);
+        },
+        table);
+    room = rows;
+  };
+  try {
+    reserve(std::max(room, Expected(table.rows)));
+  } catch (const CMemoryException&) {
+    reserve(room);
+  }
+}
+
+// How many there will be at the end of the file if it goes on like this, and a few more. An array that gets all its
+// memory at once is not moved while it is filled. Returns 0 where that is not known.
+std::size_t ColumnReader::Expected(std::size_t count) const {
+  constexpr std::size_t kEnoughToTell = 4096;
+  constexpr double kMargin = 1.0625;
+  if (m_sink != nullptr || count < kEnoughToTell) return 0;
+  const auto timesAsLong =
+      static_cast<double>(m_file.m_file.KnownLength()) / static_cast<double>(m_file.m_file.GetPosition());
+  return static_cast<std::size_t>(static_cast<double>(count) * timesAsLong * kMargin);
 }
 
 // Gives the chosen columns their size. One without rows gets memory too, which shows that it was chosen.
@@ -263,10 +287,15 @@ void ColumnReader::Put(TextColumn& column, std::size_t row, std::string_view tex
 
 // In batches a column has room for the text of a whole batch from the start. When that is not enough the batch is full.
 void ColumnReader::MakeRoomForText(TextColumn& column, std::size_t row, std::size_t bytes) {
-  const std::size_t used = static_cast<std::size_t>(column.offsets.m_data.get()[row]);
+  const auto used = static_cast<std::size_t>(column.offsets.m_data.get()[row]);
   if (used + bytes <= column.bytes.m_capacity) return;
   m_isFull = m_isFull || (m_sink != nullptr && used + bytes > kMostText);
-  Reserve(column.bytes, std::max(used + bytes, m_sink != nullptr ? kMostText : 2 * column.bytes.m_capacity));
+  const std::size_t least = std::max(used + bytes, m_sink != nullptr ? kMostText : 2 * column.bytes.m_capacity);
+  try {
+    Reserve(column.bytes, std::max(least, Expected(used)));
+  } catch (const CMemoryException&) {
+    Reserve(column.bytes, least);
+  }
 }
 
 bool ColumnReader::Read() {
@@ -617,7 +646,7 @@ void ColumnReader::PutNames() {
   TextColumn& names = m_columns.attributes.names;
   std::size_t known = names.size();
   ReserveRows(names, std::max<std::size_t>(m_names.size(), 1));
-  for (; known < m_names.size(); ++known) Put(names, known, std::string_view(m_names[known].text));
+  for (; known < m_names.size(); ++known) Put(names, known, std::string_view{m_names[known].text});
   SetSize(names, m_names.size());
 }
 

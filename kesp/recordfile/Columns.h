@@ -66,6 +66,7 @@ class Column {
  private:
   friend class ColumnReader;
   struct Free {
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): the array comes from realloc, which can grow it in place
     void operator()(T* memory) const noexcept { std::free(memory); }
   };
   std::unique_ptr<T, Free> m_data;
@@ -189,7 +190,7 @@ struct ColumnChoice {
   std::uint32_t features = kFeatureAll;
   std::uint32_t attributes = kAttributeAll;
   bool includeDeleted = false;
-  std::size_t batchRows = 16 * 1024;  // the most rows of a table in a batch, at least 1; fewer if texts are long
+  std::size_t batchRows = 8 * 1024;  // the most rows of a table in a batch, at least 1; fewer if texts are long
 };
 
 // Reads the chosen columns of the open file from its first record on, in batches of at most batchRows rows and about 1

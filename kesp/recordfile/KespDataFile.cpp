@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
+#include "kesp/platform/ByteSource.h"
 #include "kesp/platform/SystemCalls.h"
 #include "kesp/recordfile/FileHeader.h"
 #include "kesp/recordfile/RecordPlaces.h"
@@ -36,7 +38,17 @@ bool CKespDataFile::OpenReadOnly(const wchar_t* path) {
 
 bool CKespDataFile::OpenReadOnly(const CString& path) { return OpenWith(path, CFile::modeRead | CFile::shareDenyNone); }
 
+bool CKespDataFile::OpenReadOnly(std::unique_ptr<kesp::ByteSource> source, const CString& name) {
+  return source != nullptr &&
+         OpenAs(name, [&](CFileException& failure) { return m_file.Open(std::move(source), name, &failure); });
+}
+
 bool CKespDataFile::OpenWith(const CString& path, unsigned openFlags) {
+  return OpenAs(path, [&](CFileException& failure) { return m_file.Open(path, openFlags, &failure); });
+}
+
+template <class OpenFile>
+bool CKespDataFile::OpenAs(const CString& path, OpenFile open) {
   m_error = KESP_ERROR_NONE;
   if (IsOpen()) {
     m_error = KESP_ERROR_OPEN;
@@ -44,7 +56,7 @@ bool CKespDataFile::OpenWith(const CString& path, unsigned openFlags) {
   }
   ForgetFailures();
   CFileException failure(CFileException::none, path);
-  if (!m_file.Open(path, openFlags, &failure)) {
+  if (!open(failure)) {
     NoteFailure(failure);
     m_error = KESP_ERROR_OPEN;
     return false;

@@ -54,6 +54,7 @@
 #include "kesp/records/KespRecord.h"
 
 namespace kesp {
+class ByteSource;
 class ColumnReader;
 class RecordPlaces;
 class RecordView;
@@ -80,6 +81,11 @@ class KESP_EXPORT CKespDataFile {
   // object then fail.
   bool OpenReadOnly(const wchar_t* path);
   bool OpenReadOnly(const CString& path);
+  // The same with bytes that the host reads (see kesp/platform/ByteSource.h). m_path and messages then have `name`. The
+  // object owns the source from now on, also when this returns false; a null only returns false. The system's error is
+  // the one that the source throws. The source is taken to have the same bytes until it is closed, so SeekToFirstRecord
+  // does not read them again.
+  bool OpenReadOnly(std::unique_ptr<kesp::ByteSource> source, const CString& name);
   // Creates the file with m_version and m_headerWord, or empties an existing one unless it is open for writing
   // elsewhere. Never sets m_error.
   bool Create(const wchar_t* path);
@@ -114,7 +120,7 @@ class KESP_EXPORT CKespDataFile {
   // For a walk over the rest of the file: a thread of the library reads ahead to the end, which saves a third to a half
   // of a long walk's time. It ends when the file is written, closed, or read elsewhere; it handles no signals of the
   // host, and a forked child goes on without it. With `recordsAreKept` it prepares memory for the records too. Best
-  // effort: nothing happens when less than 4 MiB are left or there is no second processor.
+  // effort: nothing happens when less than 4 MiB are left, there is no second processor or the file is a source.
   void ReadAhead(bool recordsAreKept = false) noexcept;
   // Whether the library may start such threads, here and in data sets. For the whole process; true by default.
   static void AllowReadAhead(bool allowed) noexcept;
@@ -238,6 +244,8 @@ class KESP_EXPORT CKespDataFile {
   static constexpr std::uint64_t kNoLimit = ~std::uint64_t{0};
 
   bool OpenWith(const CString& path, unsigned openFlags);
+  template <class OpenFile>
+  bool OpenAs(const CString& path, OpenFile open);
   bool CreateWith(const CString& path, unsigned openFlags);
   bool ReadFileHeader();
   bool ReadHeader(kesp::RecordHeader& header);

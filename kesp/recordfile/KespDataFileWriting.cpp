@@ -66,6 +66,7 @@ bool CKespDataFile::AppendRecordVersion2(CKespRecord* record, unsigned long sour
 }
 
 void CKespDataFile::ReopenAfterPowerEvent() {
+  if (m_file.ReadsSource()) return;  // its name leads to no file, or to another one
   const bool writable = m_file.IsWritable();
   m_file.Abort();
   kesp::System().SleepMs(kPowerEventWaitMs);

@@ -65,7 +65,7 @@ std::size_t Removals::IndexOf(const void* item, std::size_t none) const noexcept
   const auto holds = [&](std::uint32_t place) { return m_items[place] == item && !IsRemoved(place); };
   const std::uint32_t place = m_table->Find(AsNumber(item), holds);
   if (place == PlaceTable::kNone) return none;
-  std::size_t index = static_cast<std::size_t>(std::popcount(m_left[place / kBits] & (Bit(place) - 1)));
+  auto index = static_cast<std::size_t>(std::popcount(m_left[place / kBits] & (Bit(place) - 1)));
   for (std::size_t i = place / kBits; i != 0; i &= i - 1) index += m_sums[i - 1];
   return index;
 }

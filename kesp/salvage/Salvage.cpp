@@ -12,6 +12,7 @@
 
 #include "kesp/format/RecordKinds.h"
 #include "kesp/format/TagBlock.h"
+#include "kesp/platform/ByteSource.h"
 #include "kesp/recordfile/FileHeader.h"
 #include "kesp/recordfile/KespDataFile.h"
 #include "kesp/recordfile/RebuiltFile.h"
@@ -505,6 +506,18 @@ bool CopyWith(CKespDataFile& source, const CString& destination, unsigned short 
   return good;
 }
 
+// Opens the file without a look at its header, which may be damaged.
+template <class Open>
+bool SalvageUnchecked(Open open, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
+  report = {};
+  try {
+    CKespDataFile file;
+    return open(file.m_file) && Salvage(file, destination, kespVersion, report);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 bool Salvage(CKespDataFile& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
@@ -516,14 +529,14 @@ bool Rebuild(CKespDataFile& source, const CString& destination, unsigned short k
 }
 
 bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion, SalvageReport& report) {
-  report = {};
-  try {
-    CKespDataFile file;
-    return file.m_file.Open(source, CFile::modeRead | CFile::shareDenyNone) &&
-           Salvage(file, destination, kespVersion, report);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+  return SalvageUnchecked([&](CFile& file) { return file.Open(source, CFile::modeRead | CFile::shareDenyNone); },
+                          destination, kespVersion, report);
+}
+
+bool Salvage(std::unique_ptr<ByteSource> source, const CString& destination, unsigned short kespVersion,
+             SalvageReport& report) {
+  return SalvageUnchecked([&](CFile& file) { return file.Open(std::move(source), CString()); }, destination,
+                          kespVersion, report);
 }
 
 }  // namespace kesp

@@ -37,6 +37,7 @@
 // Time is proportional to the file's length; memory is that of the longest record, which is at most the file's length.
 #pragma once
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "kesp/format/FormatLoss.h"
@@ -47,6 +48,8 @@
 class CKespDataFile;
 
 namespace kesp {
+
+class ByteSource;
 
 // A part of the source that can't be understood. A record at its start may have been kept all the same: the last one of
 // the walk, if what follows shows that its header is wrong.
@@ -88,5 +91,9 @@ struct SalvageReport {
 // goes on after it. Also returns false when there is no such file.
 [[nodiscard]] KESP_EXPORT bool Salvage(const CString& source, const CString& destination, unsigned short kespVersion,
                                        SalvageReport& report);
+// The same for bytes that the host reads (see kesp/platform/ByteSource.h). Also returns false for a null. A host that
+// needs the system's error opens the source in the m_file of a container, and salvages that.
+[[nodiscard]] KESP_EXPORT bool Salvage(std::unique_ptr<ByteSource> source, const CString& destination,
+                                       unsigned short kespVersion, SalvageReport& report);
 
 }  // namespace kesp

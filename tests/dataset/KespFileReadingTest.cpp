@@ -1,6 +1,7 @@
 #include <set>
 
 #include "tests/dataset/DataSet.h"
+#include "tests/support/MemorySource.h"
 
 using namespace kesp::test;
 
@@ -10,6 +11,38 @@ namespace {
 const ByteVector kWrapping = WithLength(Record(200, 1, 0, {}), 10 - (50 + 4100 + 14));
 const ByteVector kCut = Hex("01 00 00 00 03");  // of a record header
 const ByteVector kBroken = Hex("00*14");
+
+TEST(ReadKespFile, ReadsASourceThatNoPathNames) {
+  const DataSet other(FileHeader());
+  CKespFile file;
+  CString message;
+  const auto open = [&](const ByteVector& bytes) {
+    return file.OpenKespReadOnly(std::make_unique<MemorySource>(bytes), Text(other.path), message);
+  };
+  EXPECT_EQ(file.OpenKespReadOnly(nullptr, u"a", message), ERR_FILE_NOT_FOUND);
+  EXPECT_EQ(open(Hex("00")), ERR_NONE);
+  EXPECT_EQ(file.ReadKespFile(false), ERR_FILE_NOT_OPEN);
+  ASSERT_EQ(open(Survey({Header2{3}, Feature(7), Point(7, 1), EndOf(7)})), ERR_NONE);
+  EXPECT_EQ(file.ValidateKesp(), ERR_NONE);
+  EXPECT_EQ(Names(file.m_recordList), "H F7 P7/1 E7");
+  EXPECT_EQ(file.CountQueuedFromOpenFile(), 4);
+
+  for (const CString& name : {Text(other.path), Text(other.dir / "none")}) {
+    const ErrorEnum notThis = name == Text(other.path) ? ERR_OTHER_FILE_OPEN : ERR_FILE_NOT_FOUND;
+    EXPECT_EQ(file.OpenKesp(name, message), notThis);
+    EXPECT_EQ(file.OpenKespReadOnly(name, message), notThis);
+    EXPECT_EQ(file.AppendToKespFileFromQueue(name), ERR_OTHER_FILE_OPEN);
+    EXPECT_EQ(file.ValidateKesp(name, message), ERR_OTHER_FILE_OPEN);
+  }
+  EXPECT_EQ(open(FileHeader()), ERR_OTHER_FILE_OPEN);
+  EXPECT_EQ(file.m_pDataFile->GetSystemError(), 0);
+  (void)file.SetCleanKespClose(true);
+  EXPECT_EQ(file.m_pDataFile->GetSystemError(), EBADF);
+  EXPECT_EQ(file.CloseKesp(), ERR_NONE);
+  EXPECT_EQ(file.CountQueuedFromOpenFile(), 0);
+  ASSERT_EQ(open(Survey({Header2{3}})), ERR_NONE);
+  EXPECT_EQ(file.CountQueuedFromOpenFile(), 0) << "of another source";
+}
 
 TEST(ReadKespFile, FilesWhatItFinds) {
   const ByteVector h = Header2{}, oldFeature = Feature(7, "Oak", 0, 1);

@@ -137,7 +137,7 @@ TEST(Bounds, MemoryAndTimeOfAReadAreInProportionToTheFile) {
     EXPECT_EQ(cost.records, stops ? cost.records : shape.kept == Shape::kNone ? 2u : most + 2);
     // What the sanitizers add to memory and time is theirs.
     if (kSanitized) continue;
-    EXPECT_LE(cost.bytes, ((shape.kept == Shape::kSome ? 64 : 24) << 20) + 4 * size);
+    EXPECT_LE(cost.bytes, ((shape.kept == Shape::kSome ? 64 : 32) << 20) + 4 * size);
     EXPECT_GE(cost.bytes, stops ? 48 << 20 : 0) << "no sooner than it has to";
     EXPECT_LE(cost.seconds, 8 * 4 * eighth + 0.05) << "in proportion would be 8, with the square 64";
   }

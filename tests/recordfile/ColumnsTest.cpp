@@ -7,10 +7,6 @@
 namespace kesp::test {
 namespace {
 
-ByteVector Feature(std::uint32_t number) {
-  return Record(1, 3, 0, Body(1, 3, {{"feature", number}, {"name", "Oak"}, {"kind", 2}}));
-}
-ByteVector End(std::uint32_t number) { return Record(4, 1, 0, Body(4, 1, {{"feature", number}})); }
 ByteVector Point(std::uint32_t feature, double x, double y, std::uint32_t flags = 0, std::string_view text = "") {
   return Record(2, 2, flags,
                 Body(2, 2,
@@ -24,11 +20,6 @@ ByteVector Point(std::uint32_t feature, double x, double y, std::uint32_t flags 
                       {"number", 65535},
                       {"hasOffset", 1},
                       {"offset1", 1.5}}));
-}
-ByteVector Attribute(std::uint32_t feature, std::string_view name, std::string_view text, std::uint16_t version = 3) {
-  return Record(
-      5, version, 0,
-      Body(5, version, {{"feature", feature}, {"title", name}, {"kind", 1}, {"string", text}, {"value", 2.5}}));
 }
 
 class ColumnsTest : public OneFile {
@@ -59,22 +50,22 @@ TEST_F(ColumnsTest, HoldWhatObjectsHold) {
   ByteVector records = Sample(3, 2) + Point(1, 0, 0);  // a point before its feature has none
   for (std::uint32_t number = 1; number < 40; ++number) {
     records = records + Feature(number) +
-              Attribute(number, number % 3 == 0 ? "Girth" : "Gir", "thick", number % 2 == 0 ? 2 : 3);
+              Attribute(number, number % 3 == 0 ? "Girth" : "Gir", "thick", 0, number % 2 == 0 ? 2 : 3, 2.5);
     for (std::uint32_t i = 0; i < number * 13 % 300; ++i) {
       records =
           records + Point(number, i * 0.5, i % 7 == 3 ? NAN : -1.0 * i, i % 50 == 49 ? 3 : 0, i % 4 == 0 ? "A1" : "");
     }
     if (number % 5 == 0)
-      records = records + Feature(100 + number) + Point(100 + number, 1, 1) + Point(number, 9, 9) + End(100 + number);
-    records = records + Attribute(number, "State", "") + End(number);
+      records = records + Feature(100 + number) + Point(100 + number, 1, 1) + Point(number, 9, 9) + EndOf(100 + number);
+    records = records + Attribute(number, "State", "") + EndOf(number);
   }
   for (const auto& [type, version] : kEveryClass)
     records = records + Sample(type, version) + Sample(type, version, 0x301);
-  Open(records + Attribute(7, "", "", 1) + Feature(7) + End(7) + Sample(2, 2), true);
+  Open(records + Attribute(7, "", "", 0, 1) + Feature(7) + EndOf(7) + Sample(2, 2), true);
   ExpectSameAsObjects(false);
   file.Close();
-  Open(Feature(1) + Point(1, 1, 2) + Feature(2) + Point(2, 3, 4) + Point(1, 5, 6) + End(2) + Point(1, -1, 8) + End(1) +
-           Feature(1) + Point(1, 0, 0) + End(1),
+  Open(Feature(1) + Point(1, 1, 2) + Feature(2) + Point(2, 3, 4) + Point(1, 5, 6) + EndOf(2) + Point(1, -1, 8) +
+           EndOf(1) + Feature(1) + Point(1, 0, 0) + EndOf(1),
        true);
   ExpectSameAsObjects(false);
   EXPECT_EQ(RowsInBatches(file, false, 5000, false), ExpectedRows(file, false).rows);
@@ -105,7 +96,7 @@ TEST_F(ColumnsTest, BatchesAreBounded) {
   std::set<std::string> names;
   for (std::uint32_t i = 0; i < 6000; ++i) {
     names.insert(std::to_string(i) + longText.substr(0, 240));
-    Append(records, Record(1, 3, 0, Body(1, 3, {{"feature", i}, {"name", longText}, {"kind", 2}})));
+    Append(records, Feature(i, longText));
     Append(records, Attribute(i, *names.find(std::to_string(i) + longText.substr(0, 240)), longText));
   }
   Open(records, true);

@@ -1,5 +1,4 @@
-// What the comparison of views with objects does not show. That comparison is made for each input of the corpus and for
-// each sample.
+// What the comparison of views with objects does not show. That comparison is made for each input of the corpus.
 #include <vector>
 
 #include "tests/recordfile/Survey.h"
@@ -95,58 +94,6 @@ TEST_F(KespDataFileViewing, HoldsTheFirstPartOfALongTag) {
     EXPECT_EQ(view.AsFeatureEnd().FeatureNumber(), 8u);
     EXPECT_EQ(Difference(0, [](CKespDataFile&) {}), "");
   }
-}
-
-TEST_F(KespDataFileViewing, ReadsWhatAnotherObjectAppends) {
-  Open(EndOf(1), true);
-  EXPECT_TRUE(file.ReadNextView(view, true) && !file.ReadNextView(view, true));
-  CKespDataFile writer;
-  ASSERT_TRUE(writer.Open(Text(path)) && writer.SeekToFirstRecord() && writer.ReadNextView(view, true));
-  for (const std::uint32_t number : {2u, 3u}) {
-    auto end = EndRecord(number);
-    ASSERT_TRUE(writer.AppendRecord(&end, 2));
-    ASSERT_TRUE(writer.Seek(end.m_filePosition));
-    for (CKespDataFile* each : {&file, &writer}) {
-      ASSERT_TRUE(each->ReadNextView(view, true));
-      EXPECT_EQ(std::tuple(view.AsFeatureEnd().FeatureNumber(), view.Flags()), std::tuple(number, 2u));
-      EXPECT_FALSE(each->ReadNextView(view, true));
-      EXPECT_EQ(each->GetError(), KESP_ERROR_NORMAL_EOF);
-    }
-  }
-}
-
-// The file is long enough for reads that end inside a header and inside a body, of each type and version.
-TEST_F(KespDataFileViewing, MeetsErrorsOfTheSystemWhereObjectsDo) {
-  using Fault = FaultySystem::Fault;
-  int met = 0;
-  for (const auto& [type, version, fields] : kLayouts) {
-    Put({});
-    for (std::uint64_t at = kFirst; at < 30'000; at = std::filesystem::file_size(path))
-      PutAt(at, Sample(type, version));
-    for (const Fault fault : {Fault::Error, Fault::Interrupted, Fault::Short}) {
-      bool struck = true;
-      for (int at = 1; struck; ++at) {
-        std::vector<Step> steps[2];
-        for (const bool isView : {false, true}) {
-          ASSERT_TRUE(file.Close() && file.OpenReadOnly(Text(path)) && file.SeekToFirstRecord());
-          std::unique_ptr<CKespRecord> record;
-          FaultySystem system(at, fault);
-          for (Step step; step.error != KESP_ERROR_NORMAL_EOF && steps[isView].size() < 5000;) {
-            step = isView ? NextView(file, true, view) : NextObject(file, true, record);
-            steps[isView].push_back(step);
-            // What could not be read can be read again.
-            if (!step.hasRecord && step.error == KESP_ERROR_NONE) (void)file.Seek(step.header);
-          }
-          struck = system.Struck();
-          met += file.GetSystemError() == EIO;
-        }
-        EXPECT_TRUE(steps[0] == steps[1])
-            << type << " v" << version << ", call " << at << ", " << static_cast<char>(fault);
-        EXPECT_EQ(steps[1].back().error, KESP_ERROR_NORMAL_EOF);
-      }
-    }
-  }
-  EXPECT_GT(met, 50);
 }
 
 // Records of all layouts and tags of up to 200 KB, in any order.

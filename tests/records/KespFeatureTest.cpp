@@ -114,47 +114,31 @@ TEST(Feature, IsCopiedAndMovedWholeAndAssignedByItsDescription) {
   }
 }
 
+// A short one, which also grows in between, and one that is long enough for its removals to be noted.
 TEST(Feature, ListsKeepTheirOrderWhereverSomethingIsTakenOut) {
-  std::minstd_rand random(3);
-  CKespFeature feature;
-  std::vector<CKespPoint*> model;
-  for (int step = 0; step < 5000; ++step) {
-    if (random() % 20 < (step / 500 % 2 == 0 ? 12u : 8u)) {
-      model.push_back(Point(step, 0));
-      feature.AddPoint(model.back());
-    } else if (!model.empty()) {
-      const std::size_t at = std::array{std::size_t{0}, model.size() - 1, random() % model.size()}[random() % 3];
-      const std::unique_ptr<CKespPoint> removed(feature.RemovePoint(static_cast<int>(at)));
-      ASSERT_EQ(removed.get(), model[at]);
-      model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
-    }
-    if (step % 10 == 0) feature.m_pointList.reserve(random() % 20);
-    ASSERT_TRUE(std::equal(feature.m_pointList.begin(), feature.m_pointList.end(), model.begin(), model.end())) << step;
-  }
-}
-
-// Long enough for its removals to be noted, with walks and additions in between.
-TEST(Feature, ALongListKeepsItsOrderWhileMuchIsTakenOut) {
   std::minstd_rand random(4);
-  CKespFeature feature;
-  std::vector<CKespPoint*> model;
   const std::unique_ptr<CKespPoint> stranger(Point(0, 0));
-  for (int step = 0; step < 6000; ++step) {
-    if (model.size() < 600) {
-      while (model.size() < 1500) feature.AddPoint(model.emplace_back(random() % 50 == 0 ? nullptr : Point(1, 2)));
+  for (const auto& [least, most] : {std::pair{1U, 100U}, {600U, 1500U}}) {
+    const bool isShort = least == 1;
+    CKespFeature feature;
+    std::vector<CKespPoint*> model;
+    for (int step = 0; step < 6000; ++step) {
+      std::size_t added = model.size() < least ? most - model.size() : isShort ? random() % 2 : 0;
+      for (; added != 0; --added) feature.AddPoint(model.emplace_back(random() % 50 == 0 ? nullptr : Point(1, 2)));
+      if (isShort && random() % 10 == 0) feature.m_pointList.reserve(random() % 20);
+      const std::size_t at = std::array{std::size_t{0}, model.size() - 1, random() % model.size()}[random() % 3];
+      if (random() % 200 == 0) {
+        ASSERT_TRUE(std::equal(feature.m_pointList.begin(), feature.m_pointList.end(), model.begin(), model.end()));
+      }
+      ASSERT_EQ(feature.GetPoint(static_cast<int>(at)), model[at]) << step;
+      ASSERT_TRUE(model[at] == nullptr || feature.m_pointList.IndexOf(model[at]) == at) << step;
+      ASSERT_EQ(feature.m_pointList.IndexOf(stranger.get()), model.size());
+      const std::unique_ptr<CKespPoint> removed(feature.RemovePoint(static_cast<int>(at)));
+      ASSERT_EQ(removed.get(), model[at]) << step;
+      model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
+      ASSERT_EQ(feature.m_pointList.IndexOf(removed.get()),
+                removed ? model.size() : feature.m_pointList.IndexOf(nullptr));
     }
-    const std::size_t at = std::array{std::size_t{0}, model.size() - 1, random() % model.size()}[random() % 3];
-    if (random() % 200 == 0) {
-      ASSERT_TRUE(std::equal(feature.m_pointList.begin(), feature.m_pointList.end(), model.begin(), model.end()));
-    }
-    ASSERT_EQ(feature.GetPoint(static_cast<int>(at)), model[at]) << step;
-    ASSERT_TRUE(model[at] == nullptr || feature.m_pointList.IndexOf(model[at]) == at) << step;
-    ASSERT_EQ(feature.m_pointList.IndexOf(stranger.get()), model.size());
-    const std::unique_ptr<CKespPoint> removed(feature.RemovePoint(static_cast<int>(at)));
-    ASSERT_EQ(removed.get(), model[at]) << step;
-    model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
-    ASSERT_EQ(feature.m_pointList.IndexOf(removed.get()),
-              removed ? model.size() : feature.m_pointList.IndexOf(nullptr));
   }
 }
 

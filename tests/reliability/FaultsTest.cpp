@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 
+#include "kesp/format/RecordView.h"
 #include "kesp/salvage/Salvage.h"
 #include "tests/dataset/DataSet.h"
 #include "tests/recordfile/Survey.h"
@@ -42,6 +43,11 @@ struct Trial {
   void Say(bool result) { good &= result; }
   void Say(ErrorEnum result) { good &= result == ERR_NONE; }
   void Say(std::size_t place, bool result) { Say(results[place] = result); }
+  void SayLarge(const Walked& walked) {  // of kLarge
+    Say(walked == Walked{{50, 150084, 150102, 300136}, KESP_ERROR_NORMAL_EOF});
+    // What the system does not give is no end.
+    EXPECT_EQ(walked.error, good ? KESP_ERROR_NORMAL_EOF : KESP_ERROR_NONE);
+  }
   void AppendAll(std::size_t place) {
     auto end = EndRecord(7);
     CKespNote old, note, added;
@@ -124,11 +130,13 @@ const Operation kOperations[] = {
       auto end = EndRecord(9);
       t.Say(2, t.Container().CopyRecord(&end, 86));
       t.Say(3, t.Container().AppendRecord(&end, 2)); }},
-    {"read", kLarge, 'r', [](Trial& t) {
-      const Walked walked = WalkOn(t.Container());
-      t.Say(walked == Walked{{50, 150084, 150102, 300136}, KESP_ERROR_NORMAL_EOF});
-      // What the system does not give is no end.
-      EXPECT_EQ(walked.error, t.good ? KESP_ERROR_NORMAL_EOF : KESP_ERROR_NONE); }},
+    {"read", kLarge, 'r', [](Trial& t) { t.SayLarge(WalkOn(t.Container())); }},
+    {"read views", kLarge, 'r', [](Trial& t) {
+      Walked walked;
+      for (kesp::RecordView view; t.Container().ReadNextView(view, true);)
+        walked.positions.push_back(static_cast<std::uint32_t>(view.Position()));
+      walked.error = t.Container().GetError();
+      t.SayLarge(walked); }},
     {"copy", kLarge, 'o', [](Trial& t) { t.Say(t.Container().Copy(t.copy)); }},
     {"copy of nothing", kEnds, '-', [](Trial& t) {
       EXPECT_FALSE(t.Container().Copy(t.copy) || t.Container().CopyVerify(t.copy, 2));

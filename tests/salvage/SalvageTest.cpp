@@ -6,8 +6,10 @@
 #include <functional>
 #include <random>
 #include <source_location>
+#include <tuple>
 
 #include "tests/recordfile/Survey.h"
+#include "tests/support/MemorySource.h"
 
 using namespace kesp::test;
 
@@ -27,6 +29,11 @@ class Salvaging : public OneFile {
     WriteFile(path, source);
     EXPECT_TRUE(kesp::Salvage(Text(path), Text(copy), version, report));
     EXPECT_EQ(ReadFile(path), source);
+    kesp::SalvageReport sourced;
+    EXPECT_TRUE(kesp::Salvage(std::make_unique<MemorySource>(source, 977), Text(dir / "c.kesp"), version, sourced));
+    EXPECT_EQ(ReadFile(dir / "c.kesp"), ReadFile(copy));
+    EXPECT_EQ(std::tie(sourced.kept, sourced.deleted, sourced.unknown, sourced.gapCount, sourced.gapBytes),
+              std::tie(report.kept, report.deleted, report.unknown, report.gapCount, report.gapBytes));
     const Walked walked = Walk(copy);
     EXPECT_EQ(walked.error, KESP_ERROR_NORMAL_EOF);
     EXPECT_EQ(walked.positions.size(), report.kept);

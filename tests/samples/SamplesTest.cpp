@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
-#include "tests/support/Views.h"
 #include "tests/tool/RunTool.h"
 
 namespace kesp::test {
@@ -49,23 +48,6 @@ class Samples : public testing::Test {
   }
   fs::path folder;
 };
-
-TEST_F(Samples, ReadTheSameAsObjectsAndAsViews) {
-  std::size_t compared = 0;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
-    if (entry.path().extension() != ".kesp") continue;
-    for (const std::uint32_t objects : {0u, 0xF0F05555u}) {
-      for (const bool skipDeleted : {true, false}) {
-        CKespDataFile file, viewed;
-        if (!file.OpenReadOnly(Text(entry.path()))) continue;
-        ASSERT_TRUE(viewed.OpenReadOnly(Text(entry.path())) && file.SeekToFirstRecord() && viewed.SeekToFirstRecord());
-        EXPECT_EQ(DifferenceOfWalks(file, viewed, skipDeleted, objects), "") << entry;
-        ++compared;
-      }
-    }
-  }
-  EXPECT_GT(compared, 0u) << "no files in " << folder;
-}
 
 TEST_F(Samples, Agree) {
   const struct {

@@ -97,6 +97,14 @@ inline ByteVector ReadFile(const std::filesystem::path& path) {
       .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   return bytes;
 }
+// With U+FFFD for each lone surrogate, which ToUtf8 keeps as ED A0 80 to ED BF BF.
+inline std::string ValidUtf8(const CString& text) {
+  std::string valid = text.ToUtf8();
+  for (std::size_t i = 0; i + 2 < valid.size(); ++i) {
+    if (valid[i] == '\xED' && static_cast<unsigned char>(valid[i + 1]) >= 0xA0) valid.replace(i, 3, "\xEF\xBF\xBD");
+  }
+  return valid;
+}
 inline CString Text(const std::filesystem::path& path) { return CString(path.string()); }
 
 }  // namespace kesp::test

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kesp/kesp.h"
+#include "tests/support/Bytes.h"
 
 namespace kesp::test {
 
@@ -34,20 +35,6 @@ std::string Row(const Values&... values) {
   };
   (put(values), ...);
   return out.str();
-}
-
-// As UTF-8, with U+FFFD for a lone surrogate.
-inline std::string Valid(const CString& text) {
-  std::u16string units(text.View());
-  const auto is = [&](std::size_t i, unsigned kind) { return i < units.size() && (units[i] & 0xFC00U) == kind; };
-  for (std::size_t i = 0; i < units.size(); ++i) {
-    if (is(i, 0xD800) && is(i + 1, 0xDC00)) {
-      ++i;
-    } else if (is(i, 0xD800) || is(i, 0xDC00)) {
-      units[i] = 0xFFFD;
-    }
-  }
-  return CString(units).ToUtf8();
 }
 
 class ExpectedRows {
@@ -77,17 +64,17 @@ class ExpectedRows {
       m_last[f.FeatureNumber] = m_places.size();
       m_places.push_back({rows.points.size()});
       rows.features.push_back(
-          Row(f.FeatureNumber, Valid(f.FeatureName), f.FeatureType, f.Color, f.SymbolIndex, f.m_flags));
+          Row(f.FeatureNumber, ValidUtf8(f.FeatureName), f.FeatureType, f.Color, f.SymbolIndex, f.m_flags));
     } else if (record.m_recordType == KESP_RECORD_ATTRIBUTE) {
       const auto& a = static_cast<const CKespAttribute&>(record);
-      rows.attributes.push_back(Row(a.FeatureNumber, Valid(a.AttributeName), a.AttributeKind, Valid(a.TextValue),
-                                    Valid(a.SubValue), a.Value, a.Decimals, a.m_flags));
+      rows.attributes.push_back(Row(a.FeatureNumber, ValidUtf8(a.AttributeName), a.AttributeKind,
+                                    ValidUtf8(a.TextValue), ValidUtf8(a.SubValue), a.Value, a.Decimals, a.m_flags));
     } else if (record.m_recordType == KESP_RECORD_POINT) {
       const auto& p = static_cast<const CKespPoint&>(record);
       if (const auto last = m_last.find(p.FeatureNumber); last != m_last.end()) Extend(m_places[last->second], p);
       rows.points.push_back(Row(p.FeatureNumber, p.PointNumber, p.CoordX, p.CoordY, p.CoordZ, p.PointTime,
                                 p.SignalStatus, p.GpsValue, p.GpsNumber, p.Offset1, p.Offset2, p.HasOffset, p.m_flags,
-                                Valid(p.PointText)));
+                                ValidUtf8(p.PointText)));
     }
   }
   void Extend(Place& place, const CKespPoint& p) {

@@ -17,6 +17,7 @@
 #include "kesp/records/KespFeatureEnd.h"
 #include "kesp/records/KespNote.h"
 #include "kesp/records/KespTavoHeader.h"
+#include "tests/support/Bytes.h"
 
 namespace kesp::test {
 
@@ -35,14 +36,10 @@ bool IsSame(const std::array<std::uint8_t, kSize>& object, std::span<const std::
 }
 inline bool IsSame(const CString& object, const TextView& view) {
   const std::string kept = object.ToUtf8();
-  std::string valid = kept;  // a lone surrogate is ED A0 80 to ED BF BF there
-  for (std::size_t i = 0; i + 2 < valid.size(); ++i) {
-    if (valid[i] == '\xED' && static_cast<unsigned char>(valid[i + 1]) >= 0xA0) valid.replace(i, 3, "\xEF\xBF\xBD");
-  }
   std::string room(view.MostUtf8(), '\0');
   room.resize(static_cast<std::size_t>(view.PutUtf8(room.data()) - room.data()));
   return view == object.View() && view.Size() == object.Size() && view.IsEmpty() == object.IsEmpty() &&
-         view.ToString() == object && view.ToUtf8() == kept && room == valid;
+         view.ToString() == object && view.ToUtf8() == kept && room == ValidUtf8(object);
 }
 
 // The names of the fields that differ, each after a space.
