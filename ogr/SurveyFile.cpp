@@ -1,23 +1,35 @@
 #include "ogr/SurveyFile.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <limits>
 #include <system_error>
 
 #include <cpl_error.h>
+#include <cpl_vsi.h>
 
 #include "kesp/platform/Exception.h"
+#include "kesp/records/KespTavoHeader.h"
 
 namespace kesp::ogr {
+namespace {
 
-std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool includeDeleted) {
+void ReportRefusal(CKespDataFile& container, const std::string& path) {
+  const int osError = container.GetSystemError();
+  std::string why = osError != 0 ? std::generic_category().message(osError) : container.GetErrorString().ToUtf8();
+  if (osError == EWOULDBLOCK) why = "somebody else has the file open for writing";
+  CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), why.c_str());
+}
+
+}  // namespace
+
+std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool includeDeleted, Access access) {
   auto file = std::make_unique<SurveyFile>();
   file->m_includeDeleted = includeDeleted;
   CKespDataFile& container = file->m_container;
-  if (!container.OpenReadOnly(CString::FromPathBytes(path))) {
-    const int osError = container.GetSystemError();
-    const std::string why =
-        osError != 0 ? std::generic_category().message(osError) : container.GetErrorString().ToUtf8();
-    CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), why.c_str());
+  const CString name = CString::FromPathBytes(path);
+  if (!(access == Access::kWrite ? container.Open(name) : container.OpenReadOnly(name))) {
+    ReportRefusal(container, path);
     return nullptr;
   }
   if (file->Length() > std::numeric_limits<std::uint32_t>::max()) {
@@ -27,6 +39,36 @@ std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool inclu
   // What another program appends from now on is in no layer.
   container.LimitLength(file->Length());
   return file;
+}
+
+std::unique_ptr<SurveyFile> SurveyFile::Create(const std::string& path, std::uint16_t version) {
+  auto file = std::make_unique<SurveyFile>();
+  CKespDataFile& container = file->m_container;
+  container.m_version = version;
+  VSIStatBufL info;
+  if (VSIStatL(path.c_str(), &info) == 0) {
+    CPLError(CE_Failure, CPLE_OpenFailed, "%s: exists", path.c_str());
+    return nullptr;
+  }
+  if (!container.Create(CString::FromPathBytes(path))) {
+    ReportRefusal(container, path);
+    return nullptr;
+  }
+  CKespTavoHeader header;
+  header.m_recordVersion = std::min<std::uint16_t>(version, 2);
+  if (!container.AppendRecord(&header, 0)) {
+    ReportRefusal(container, path);
+    container.Close();
+    VSIUnlink(path.c_str());
+    return nullptr;
+  }
+  file->TakeLength();
+  return file;
+}
+
+CKespDataFile& SurveyFile::ForWriting() noexcept {
+  if (m_user != nullptr) m_user->LetGo();
+  return m_container;
 }
 
 std::string WalkEnd::Cause() const {
@@ -101,7 +143,7 @@ std::unique_ptr<CKespRecord> Cursor::ReadObject(std::uint64_t position) {
 bool Cursor::Step() {
   m_before = m_view.Position();
   try {
-    if (m_file.m_container.ReadNextView(m_view, !m_file.m_includeDeleted)) return true;
+    if (m_file.m_container.ReadNextView(m_view, m_skipsDeleted)) return true;
     EndWith(m_file.m_container.GetError());
   } catch (const CFileException& e) {
     // A feature of version 1 that is cut short is raised where others leave a code.
