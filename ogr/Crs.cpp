@@ -1,5 +1,7 @@
 #include "ogr/Crs.h"
 
+#include <cstring>
+
 #include <cpl_conv.h>
 #include <cpl_error.h>
 #include <cpl_string.h>
@@ -60,7 +62,7 @@ Crs WriteCrs(const OGRSpatialReference& crs, const std::string& path) {
   const std::string sidecar = CPLResetExtension(path.c_str(), "prj");
   char* text = nullptr;
   VSILFILE* const file = crs.exportToWkt(&text) == OGRERR_NONE ? VSIFOpenL(sidecar.c_str(), "wxb") : nullptr;
-  const bool isWritten = file != nullptr && VSIFPuts(text, file) != EOF;
+  const bool isWritten = file != nullptr && VSIFWriteL(text, std::strlen(text), 1, file) == 1;
   const bool isClosed = file != nullptr && VSIFCloseL(file) == 0;
   CPLFree(text);
   if (isWritten && isClosed) return Crs{std::move(copy), sidecar};

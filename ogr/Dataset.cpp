@@ -85,8 +85,7 @@ std::unique_ptr<Dataset> Dataset::Create(const std::string& path, const Creation
   if (dataset->m_file == nullptr) return nullptr;
   dataset->ReadAll();
   dataset->eAccess = GA_Update;
-  dataset->m_editor =
-      std::make_unique<Editor>(*dataset->m_file, *dataset->m_survey, path, Editor::Origin::kNew);
+  dataset->m_editor = std::make_unique<Editor>(*dataset->m_file, *dataset->m_survey, path, Editor::Origin::kNew);
   return dataset;
 }
 
@@ -245,9 +244,7 @@ OGRErr Dataset::StartTransaction(int /*force*/) {
   return m_editor->Begin() ? OGRERR_NONE : OGRERR_FAILURE;
 }
 
-OGRErr Dataset::CommitTransaction() {
-  return m_editor != nullptr && m_editor->Commit() ? OGRERR_NONE : OGRERR_FAILURE;
-}
+OGRErr Dataset::CommitTransaction() { return m_editor != nullptr && m_editor->Commit() ? OGRERR_NONE : OGRERR_FAILURE; }
 
 // What was read may be of what is gone. So the file is read again.
 OGRErr Dataset::RollbackTransaction() {
@@ -267,8 +264,12 @@ void Dataset::FlushCache(bool atClosing) {
 }
 
 CPLErr Dataset::SetMetadata(char** metadata, const char* domain) {
-  for (const auto& [key, value] : cpl::IterateNameValue(const_cast<CSLConstList>(metadata))) {
-    if (SetMetadataItem(key, value, domain) != CE_None) return CE_Failure;
+  for (char** item = metadata; item != nullptr && *item != nullptr; ++item) {
+    char* key = nullptr;
+    const char* const value = CPLParseNameValue(*item, &key);
+    const bool isSet = key == nullptr || SetMetadataItem(key, value, domain) == CE_None;
+    CPLFree(key);
+    if (!isSet) return CE_Failure;
   }
   return GDALDataset::SetMetadata(metadata, domain);
 }
@@ -319,7 +320,8 @@ bool Dataset::IsLayerPossible(const std::string& name, OGRwkbGeometryType type) 
   if (name == VertexLayer::kName) return refuse("vertices are made of the points of features");
   switch (wkbFlatten(type)) {
     case wkbNone:
-      return name == NoteLayer::kName || refuse("a layer without geometry can only be " + std::string(NoteLayer::kName));
+      return name == NoteLayer::kName ||
+             refuse("a layer without geometry can only be " + std::string(NoteLayer::kName));
     case wkbUnknown:
     case wkbPoint:
     case wkbMultiPoint:
@@ -348,7 +350,8 @@ OGRLayer* Dataset::ICreateLayer(const char* name, OGRSpatialReference* crs, OGRw
   settings.multi = CPLFetchBool(options, "SPLIT_MULTI", false) ? MultiGeometries::kSplit
                    : isMulti                                   ? MultiGeometries::kManyPoints
                                                                : MultiGeometries::kRefuse;
-  const bool isNamedByKind = std::any_of(std::begin(kKinds), std::end(kKinds), [&](auto* kind) { return EQUAL(kind, name); });
+  const bool isNamedByKind =
+      std::any_of(std::begin(kKinds), std::end(kKinds), [&](auto* kind) { return EQUAL(kind, name); });
   if (!isNamedByKind) settings.name = name;
   m_layers.push_back(std::make_unique<NewLayer>(*this, name, type, std::move(settings)));
   return m_layers.back().get();

@@ -6,7 +6,8 @@ namespace kesp::ogr {
 
 void Directory::Add(std::uint32_t position, std::uint32_t number, std::uint16_t name, KESP_FEATURE_TYPE kind) {
   const Entry entry{{}, position, number, 1, name, Entry::BitOf(kind)};
-  const bool ascends = !m_isFinished && (m_entries.empty() || (m_ascending == m_entries.size() && number > m_lastNumber));
+  const bool ascends =
+      !m_isFinished && (m_entries.empty() || (m_ascending == m_entries.size() && number > m_lastNumber));
   if (ascends) {
     m_lastNumber = number;
     AddEntry(entry);

@@ -128,7 +128,8 @@ class Changes {
       moved.CoordY = vertex.y;
       if (shape.hasZ) moved.CoordZ = vertex.z;
       if (shape.hasTime) moved.PointTime = vertex.time;
-      const bool isOther = !IsAt(point, {moved.CoordX, moved.CoordY, moved.CoordZ, 0}) || moved.PointTime != point.PointTime;
+      const bool isOther =
+          !IsAt(point, {moved.CoordX, moved.CoordY, moved.CoordZ, 0}) || moved.PointTime != point.PointTime;
       if (isOther) moved.SetSourceFlag(KESP_SRC_MODIFIED);
       return isOther;
     });

@@ -42,7 +42,7 @@ Editor::Editor(SurveyFile& file, const Survey& survey, std::string path, Origin 
     : m_file(file),
       m_survey(survey),
       m_path(std::move(path)),
-      m_sourceFlag(origin == Origin::kNew ? 0 : KESP_SRC_ADDED),
+      m_sourceFlag(origin == Origin::kNew ? 0U : std::uint32_t{KESP_SRC_ADDED}),
       m_lastFeature(survey.lastFeature),
       m_lastPoint(survey.lastPoint) {
   ReadHeader();
@@ -154,8 +154,9 @@ bool Editor::ReadOriginals(const Amendments& amendments, std::vector<Original>& 
   CFile& file = m_file.ForWriting().m_file;
   for (const Amendment& amendment : amendments) {
     if (!CKespDataFile::CanAmend(*amendment.before, *amendment.after)) {
-      CPLError(CE_Failure, CPLE_NotSupported, "%s: a value is too long or too large for its place in a file of version %d",
-               m_path.c_str(), int{FileVersion()});
+      CPLError(CE_Failure, CPLE_NotSupported,
+               "%s: a value is too long or too large for its place in a file of version %d", m_path.c_str(),
+               int{FileVersion()});
       return false;
     }
     Original original{amendment.before->m_filePosition, {}};

@@ -160,7 +160,8 @@ std::unique_ptr<OGRGeometry> FeatureBuilder::MakeGeometry() const {
     return area;
   }
   const auto makePoint = [](const Vertex& v) { return std::make_unique<OGRPoint>(v.x, v.y, v.z, v.m); };
-  if (wkbFlatten(m_definition.GetGeomType()) == wkbPoint && m_vertices.size() == 1) return makePoint(m_vertices.front());
+  if (wkbFlatten(m_definition.GetGeomType()) == wkbPoint && m_vertices.size() == 1)
+    return makePoint(m_vertices.front());
   auto points = std::make_unique<OGRMultiPoint>();
   for (const Vertex& vertex : m_vertices) points->addGeometryDirectly(makePoint(vertex).release());
   return points;

@@ -38,7 +38,9 @@ class Reading {
   FeatureRecords TakeAll() { return std::move(m_records); }
 
  private:
-  std::unique_ptr<CKespRecord> Next() { return std::unique_ptr<CKespRecord>(m_container.ReadNextRecord(m_skipsDeleted)); }
+  std::unique_ptr<CKespRecord> Next() {
+    return std::unique_ptr<CKespRecord>(m_container.ReadNextRecord(m_skipsDeleted));
+  }
   std::unique_ptr<CKespRecord> Next(std::uint64_t position) {
     m_container.Seek(position);
     return Next();

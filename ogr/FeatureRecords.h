@@ -20,8 +20,8 @@ struct FeatureRecords {
   std::vector<std::unique_ptr<CKespFeatureEnd>> ends;
 };
 
-// Reads the feature whose record is at `position`, with the records that FeatureBuilder gives it, in that order. Null if
-// it can't be read.
+// Reads the feature whose record is at `position`, with the records that FeatureBuilder gives it, in that order. Null
+// if it can't be read.
 std::optional<FeatureRecords> ReadRecords(SurveyFile& file, const Directory& directory, std::uint64_t position);
 
 // Marks all records of the feature deleted, or takes that back, where it changes them.

@@ -22,8 +22,8 @@ class FeatureWriter {
     std::string layer;                      // for messages
     std::optional<KESP_FEATURE_TYPE> kind;  // of all features; without it geometries decide
     MultiGeometries multi = MultiGeometries::kRefuse;
-    std::string name;                       // of features for which no field gives one
-    bool isNameFixed = false;               // no feature may have another
+    std::string name;          // of features for which no field gives one
+    bool isNameFixed = false;  // no feature may have another
     ColorOrder colors = ColorOrder::kBgr;
   };
   FeatureWriter(Editor& editor, Settings settings) : m_editor(editor), m_settings(std::move(settings)) {}
@@ -62,6 +62,7 @@ class FeatureWriter {
 void SetNumbers(const Records& records, std::uint32_t feature, std::uint64_t firstPoint);
 
 // The field of that role, if it has a value; else Schema::kNone.
-int FieldOf(const OGRFeature& feature, const std::vector<FieldTarget>& targets, Role role, int mainField = Schema::kNone);
+int FieldOf(const OGRFeature& feature, const std::vector<FieldTarget>& targets, Role role,
+            int mainField = Schema::kNone);
 
 }  // namespace kesp::ogr

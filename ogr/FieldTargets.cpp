@@ -19,9 +19,12 @@ struct OwnName {
   bool isText;
   Role role;
 };
-constexpr OwnName kOwnNames[] = {{"feature_name", true, Role::kName},       {"feature_color", false, Role::kColor},
-                                 {"feature_symbol", false, Role::kSymbol},  {"deleted", false, Role::kDeleted},
-                                 {"edited", false, Role::kEdited},          {kFidColumn, false, Role::kNumber},
+constexpr OwnName kOwnNames[] = {{"feature_name", true, Role::kName},
+                                 {"feature_color", false, Role::kColor},
+                                 {"feature_symbol", false, Role::kSymbol},
+                                 {"deleted", false, Role::kDeleted},
+                                 {"edited", false, Role::kEdited},
+                                 {kFidColumn, false, Role::kNumber},
                                  {"further_attributes", true, Role::kFurther}};
 
 // The menu whose second level the field is by its name.
@@ -67,7 +70,8 @@ std::optional<double> DateOf(const OGRFeature& feature, int field, std::string& 
   constexpr int kUtc = 100, kMinutesPerZone = 15;
   constexpr std::int64_t kPerMinute = 60'000, kPerDay = 86'400'000;
   const int zoneMinutes = zone > 1 ? (zone - kUtc) * kMinutesPerZone : 0;
-  const std::int64_t inDay = (std::int64_t{hour} * 60 + minute - zoneMinutes) * kPerMinute + std::llround(second * 1000.0F);
+  const std::int64_t inDay =
+      (std::int64_t{hour} * 60 + minute - zoneMinutes) * kPerMinute + std::llround(second * 1000.0F);
   const std::int64_t days = (std::chrono::sys_days(date) - kZero).count();
   const std::int64_t whole = days + (inDay >= 0 ? inDay / kPerDay : (inDay - kPerDay + 1) / kPerDay);
   const double fraction = static_cast<double>(inDay - (whole - days) * kPerDay) / static_cast<double>(kPerDay);

@@ -17,16 +17,17 @@ enum class Role { kAttribute, kSubValue, kName, kColor, kSymbol, kDeleted, kEdit
 
 struct FieldTarget {
   Role role = Role::kAttribute;
-  CString name = {};                                  // of the attribute
-  KESP_ATTRIBUTE_KIND kind = KESP_ATTRIBUTE_STRING;   // that a new attribute gets
-  int mainField = Schema::kNone;                      // of a sub-value
+  CString name = {};                                 // of the attribute
+  KESP_ATTRIBUTE_KIND kind = KESP_ATTRIBUTE_STRING;  // that a new attribute gets
+  int mainField = Schema::kNone;                     // of a sub-value
 };
 
 // The target of a field that is added to a layer. Fields that have the name and type of one that the reader makes lead
 // to where that comes from.
 FieldTarget TargetOf(const OGRFieldDefn& field, const OGRFeatureDefn& definition);
 // Of the fields that MakeSchema made.
-std::vector<FieldTarget> TargetsOf(const Schema& schema, const Attributes& attributes, const OGRFeatureDefn& definition);
+std::vector<FieldTarget> TargetsOf(const Schema& schema, const Attributes& attributes,
+                                   const OGRFeatureDefn& definition);
 
 // Makes the type one that a value can have: lists, times of day and bytes become texts. False, with an error, if that
 // changes it and `approximates` is false.

@@ -13,7 +13,8 @@ class FirstPass {
  public:
   // Borrows both.
   FirstPass(SurveyFile& file, Survey& survey)
-      : m_file(file), m_cursor(file, file.IsWritable() ? Cursor::Deleted::kAll : Cursor::Deleted::kAsFile),
+      : m_file(file),
+        m_cursor(file, file.IsWritable() ? Cursor::Deleted::kAll : Cursor::Deleted::kAsFile),
         m_survey(survey) {}
 
   // Reads from where the last call ended to the end of the file.

@@ -92,7 +92,8 @@ bool Summarize(CKespDataFile& file, CKespTavoHeader& header) {
     if (summary.Take(record)) continue;
     CKespFile survey;
     CString message;
-    if (survey.OpenKespReadOnly(file.m_path, message) != ERR_NONE || survey.ReadKespFile(false) != ERR_NONE) return false;
+    if (survey.OpenKespReadOnly(file.m_path, message) != ERR_NONE || survey.ReadKespFile(false) != ERR_NONE)
+      return false;
     PutSummaryOf(survey, header);
     return true;
   }

@@ -78,7 +78,7 @@ struct Survey {
   bool isEdited = false;  // boxes may be too large, and features may have gone
   WalkEnd end;
   std::uint32_t lastFeature = 0, lastPoint = 0;  // the highest numbers
-  std::optional<std::uint32_t> openFeature;  // the last feature, if its end record is missing
+  std::optional<std::uint32_t> openFeature;      // the last feature, if its end record is missing
 
  private:
   LayerPlan& AddLayer(KESP_FEATURE_TYPE kind);

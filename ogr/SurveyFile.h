@@ -19,8 +19,8 @@ class Cursor;
 
 class SurveyFile {
  public:
-  // Null, with an error reported to GDAL, when the file can't be opened, somebody else has it open for writing, or it is
-  // longer than the format's positions reach.
+  // Null, with an error reported to GDAL, when the file can't be opened, somebody else has it open for writing, or it
+  // is longer than the format's positions reach.
   enum class Access { kRead, kWrite };
   static std::unique_ptr<SurveyFile> Open(const std::string& path, bool includeDeleted, Access access = Access::kRead);
   // Makes a file of this version that has one header record. Null, with an error, if anything is at the path.
