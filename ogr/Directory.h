@@ -27,9 +27,9 @@ struct Entry {
   FloatBox box;
   std::uint32_t position;  // of the first feature
   std::uint32_t number;    // of the first feature
-  std::uint32_t count;
-  std::uint16_t name;   // see FeatureNames; kMixedNames if they differ
-  std::uint16_t kinds;  // a bit for each KESP_FEATURE_TYPE
+  std::uint32_t count;     // of features that were not deleted since
+  std::uint16_t name;      // see FeatureNames; kMixedNames if they differ
+  std::uint16_t kinds;     // a bit for each KESP_FEATURE_TYPE
 
   static constexpr std::uint16_t kMixedNames = 0xFFFE;
   static constexpr std::uint16_t BitOf(KESP_FEATURE_TYPE kind) noexcept {
@@ -64,6 +64,8 @@ class Directory {
   std::uint64_t EndOf(std::size_t entry) const noexcept {
     return entry + 1 < m_entries.size() ? m_entries[entry + 1].position : UINT64_MAX;
   }
+  // One of its features has been deleted. Its number stays taken.
+  void Drop(std::size_t entry) noexcept { --m_entries[entry].count; }
   // The name of one of its features has changed.
   void ForgetName(std::size_t entry) noexcept { m_entries[entry].name = Entry::kMixedNames; }
   // The entry in which a position lies; null before the first.

@@ -280,6 +280,7 @@ bool FeatureLayer::MarkRecords(const FeatureRecords& records, Marking marking) {
   survey.isEdited = true;
   if (m_dataset.File().IncludesDeleted()) return true;
   --survey.layers[m_plan.index].features;
+  survey.directory.Drop(*survey.directory.At(records.feature->m_filePosition));
   survey.points -= records.points.size();
   return true;
 }

@@ -1,5 +1,6 @@
 #include "ogr/FeatureLayer.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "ogr/Dataset.h"
@@ -64,14 +65,17 @@ const RecordView* FeatureLayer::NextRecord() {
     const RecordView* const record = m_cursor.Read();
     if (record == nullptr) {
       m_left = 0;
-      if (m_survey.isEdited && m_cursor.End().isWhole) continue;
       m_nextEntry = m_survey.directory.Entries().size();
       return nullptr;
     }
     if (record->Type() != KESP_RECORD_FEATURE) continue;
-    // Features of the entry may have been deleted.
-    m_left = record->Position() < m_entryEnd ? m_left - 1 : 0;
-    if (record->Position() < m_entryEnd) return record;
+    if (record->Position() < m_entryEnd) {
+      --m_left;
+      return record;
+    }
+    // Features of the entry, and of those after it up to this record, have been deleted.
+    m_left = 0;
+    m_nextEntry = std::max(m_nextEntry, m_survey.directory.At(record->Position()).value_or(0));
   }
 }
 

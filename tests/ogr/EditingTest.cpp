@@ -32,12 +32,15 @@ ByteVector Garden() {
                  EndOf(9, 5)});
 }
 
-class Editing : public testing::Test {
+// With and without a directory in which neighbours share an entry.
+class Editing : public testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
+    CPLSetConfigOption("KESP_DIRECTORY_ENTRIES", GetParam());
     WriteFile(m_path, Garden());
     Reopen();
   }
+  void TearDown() override { CPLSetConfigOption("KESP_DIRECTORY_ENTRIES", nullptr); }
   void Reopen(const std::vector<std::string>& options = {}) {
     m_file.reset();
     m_file = Open(m_path, options, GDAL_OF_UPDATE);
@@ -90,7 +93,9 @@ class Editing : public testing::Test {
   DatasetPtr m_file;
 };
 
-TEST_F(Editing, ChangesInPlaceOnlyWhatIsAsked) {
+INSTANTIATE_TEST_SUITE_P(, Editing, testing::Values("2", "1000"));
+
+TEST_P(Editing, ChangesInPlaceOnlyWhatIsAsked) {
   const ByteVector before = ReadFile(m_path);
   EXPECT_EQ(Set("points", 1, {}), OGRERR_NONE);
   EXPECT_EQ(Set("notes", kAfterHeader, {}), OGRERR_NONE);
@@ -123,7 +128,7 @@ TEST_F(Editing, ChangesInPlaceOnlyWhatIsAsked) {
   EXPECT_STREQ(m_file->GetMetadataItem("CLOSED_PROPERLY"), "YES");
 }
 
-TEST_F(Editing, MakesAFeatureAnewWhereItMust) {
+TEST_P(Editing, MakesAFeatureAnewWhereItMust) {
   OGRLayer& points = (*this)["points"];
   OGRFieldDefn field("Height", OFTInteger);
   EXPECT_EQ(points.CreateField(&field), OGRERR_NONE);
@@ -145,7 +150,7 @@ TEST_F(Editing, MakesAFeatureAnewWhereItMust) {
   ExpectSameWhenReopened();
 }
 
-TEST_F(Editing, AppendsDeletesAndRestores) {
+TEST_P(Editing, AppendsDeletesAndRestores) {
   OGRLayer& points = (*this)["points"];
   const FeaturePtr feature(OGRFeature::CreateFeature(points.GetLayerDefn()));
   feature->SetGeometryDirectly(new OGRPoint(3, 4));
@@ -171,7 +176,7 @@ TEST_F(Editing, AppendsDeletesAndRestores) {
   EXPECT_EQ((*this)["areas"].GetFeatureCount(), 0);
 }
 
-TEST_F(Editing, UndoesATransaction) {
+TEST_P(Editing, UndoesATransaction) {
   const std::vector<std::string> layers{"points", "lines", "areas", "vertices", "notes"};
   std::vector<std::string> shown;
   for (const std::string& layer : layers) shown.push_back(Show((*this)[layer.c_str()]));
@@ -199,7 +204,7 @@ TEST_F(Editing, UndoesATransaction) {
 }
 
 // A refused change leaves the file as it is, also where other changes of the same feature could have been made.
-TEST_F(Editing, RefusesAllOrNothing) {
+TEST_P(Editing, RefusesAllOrNothing) {
   const ByteVector before = ReadFile(m_path);
   const std::string longText(256, 'x');
   EXPECT_NE(Set("points", 1, {{"Girth", "9"}, {"Kind", longText.c_str()}}), OGRERR_NONE);

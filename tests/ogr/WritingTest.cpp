@@ -1,10 +1,12 @@
 // Files that GDAL makes, and what it may not write.
 #include <gdal_utils.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
+#include <csignal>
 
 #include "kesp/dataset/KespFile.h"
 #include "tests/ogr/Gdal.h"
@@ -272,6 +274,32 @@ TEST(Writing, SurvivesItsWriterAndRefusesASecondOne) {
   EXPECT_FALSE(Create(path));
   EXPECT_EQ(ReadFile(path), before);
   EXPECT_TRUE(Open(path));
+}
+
+// A full disk, in a process of its own: what was on the disk stays, and the failure is told.
+TEST(Writing, TellsOfAFullDisk) {
+  const TempDir dir;
+  const std::filesystem::path path = dir / "a.kesp";
+  const pid_t writer = fork();
+  if (writer == 0) {
+    const DatasetPtr file = Create(path);
+    OGRLayer& layer = Add(*file, "points", wkbPoint, {{"text", OFTString}});
+    bool isGood = Put(layer, "POINT (1 2)") == OGRERR_NONE && layer.SyncToDisk() == OGRERR_NONE;
+    const rlimit limit{20'000, 20'000};
+    signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    isGood = isGood && file->StartTransaction() == OGRERR_NONE;
+    for (int i = 0; i < 20; ++i) isGood = isGood && Put(layer, "POINT (1 2)", {{"text", "full"}}) == OGRERR_NONE;
+    Errors errors;
+    isGood = isGood && file->CommitTransaction() != OGRERR_NONE && errors.failures == 1;
+    isGood = isGood && file->RollbackTransaction() == OGRERR_NONE;
+    _exit(isGood ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(writer, &status, 0);
+  EXPECT_EQ(status, 0);
+  ExpectTrueHeader(path, false);
+  EXPECT_EQ(Open(path)->GetLayerByName("points")->GetFeatureCount(), 1);
 }
 
 TEST(Writing, PutsTheReferenceSystemBesideTheFile) {
