@@ -10,10 +10,11 @@
 namespace kesp::ogr {
 namespace {
 
-CrsPtr FromText(const char* text) {
+// Reading a file must not make GDAL read others that its text names; what a user gives may.
+CrsPtr FromText(const char* text, CSLConstList limits = nullptr) {
   CrsPtr crs(new OGRSpatialReference);
   crs->SetAxisMappingStrategy(OAMS_TRADITIONAL_GIS_ORDER);  // coordinates are east, north
-  if (crs->SetFromUserInput(text) != OGRERR_NONE) return nullptr;
+  if (crs->SetFromUserInput(text, limits) != OGRERR_NONE) return nullptr;
   return crs;
 }
 
@@ -28,9 +29,11 @@ std::string SidecarOf(const std::string& path, const char* extension, char** sib
 CrsPtr FromFile(const std::string& name) {
   constexpr GIntBig kLargest = 64 * 1024;
   GByte* bytes = nullptr;
-  if (!VSIIngestFile(nullptr, name.c_str(), &bytes, nullptr, kLargest)) return nullptr;
+  if (VSIIngestFile(nullptr, name.c_str(), &bytes, nullptr, kLargest) == FALSE) return nullptr;
   CPLPushErrorHandler(CPLQuietErrorHandler);
-  CrsPtr crs = FromText(reinterpret_cast<const char*>(bytes));
+  const char* text = reinterpret_cast<const char*>(bytes);
+  text += std::strspn(text, " \t\r\n");  // gdalsrsinfo begins with an empty line, which GDAL does not take
+  CrsPtr crs = FromText(text, OGRSpatialReference::SET_FROM_USER_INPUT_LIMITATIONS_get());
   CPLPopErrorHandler();
   CPLErrorReset();
   VSIFree(bytes);

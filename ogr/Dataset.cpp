@@ -27,8 +27,10 @@ std::unique_ptr<OGRCodedFieldDomain> CodedDomain(const std::string& name, OGRFie
 }
 
 std::unique_ptr<OGRCodedFieldDomain> StatusDomain() {
-  constexpr int kFirstText = 33066, kStatuses = 11;
+  constexpr int kFirstText = 33066;
+  constexpr int kStatuses = 11;
   std::vector<std::pair<std::string, std::string>> values;
+  values.reserve(kStatuses);
   for (int status = 0; status < kStatuses; ++status) {
     values.emplace_back(std::to_string(status), GetStringRes(kFirstText + status).ToUtf8());
   }

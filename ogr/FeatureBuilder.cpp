@@ -37,10 +37,9 @@ std::unique_ptr<OGRFeature> FeatureBuilder::Collect(const RecordView& record, Cu
   if (IsWanted(kNameField)) SetText(*feature, kNameField, view.FeatureName(), m_buffer);
   if (IsWanted(kColorField)) feature->SetField(kColorField, static_cast<GIntBig>(view.Color()));
   if (IsWanted(kSymbolField)) feature->SetField(kSymbolField, static_cast<int>(view.SymbolIndex()));
-  if (!m_definition.IsStyleIgnored()) {
-    const std::string style = StyleOf(view.FeatureType(), view.Color(), m_colors);
-    if (!style.empty()) feature->SetStyleString(style.c_str());
-  }
+  // QGIS 3 sets OGR_STYLE ignored whenever it reads, also when it then draws by the style.
+  const std::string style = StyleOf(view.FeatureType(), view.Color(), m_colors);
+  if (!style.empty()) feature->SetStyleString(style.c_str());
   ReadRun(number, cursor, *feature);
   ReadStragglers(number, position, *feature);
   if (!m_further.empty()) SetFurther(*feature);
@@ -82,7 +81,8 @@ void FeatureBuilder::ReadStragglers(std::uint32_t number, std::uint64_t position
 void FeatureBuilder::TakePoint(const RecordView& record) {
   m_allFlags |= record.Flags();
   const PointView point = record.AsPoint();
-  const double x = point.CoordX(), y = point.CoordY();
+  const double x = point.CoordX();
+  const double y = point.CoordY();
   if (!std::isfinite(x) || !std::isfinite(y)) return;
   m_bounds.Include(x, y);
   m_vertices.push_back({x, y, point.CoordZ(), MeasureOf(point)});

@@ -53,7 +53,7 @@ class FeatureBuilder {
   void AddFurther(const AttributeView& attribute);
   void SetFurther(OGRFeature& feature) const;
   void SetFlags(std::uint32_t number, OGRFeature& feature) const;
-  bool IsWanted(int field) const { return !m_definition.GetFieldDefn(field)->IsIgnored(); }
+  bool IsWanted(int field) const { return m_definition.GetFieldDefn(field)->IsIgnored() == FALSE; }
   std::unique_ptr<OGRGeometry> MakeGeometry() const;
   void PutVertices(OGRSimpleCurve& curve, bool close) const;
 

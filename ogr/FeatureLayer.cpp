@@ -111,13 +111,13 @@ std::unique_ptr<OGRFeature> FeatureLayer::Filtered(const RecordView& record) {
   feature = Finish(std::move(feature));
   if (m_poFilterGeom != nullptr && FilterGeometry(feature->GetGeometryRef()) == 0) return nullptr;
   if (m_poAttrQuery != nullptr && !isByFields && m_poAttrQuery->Evaluate(feature.get()) == 0) return nullptr;
-  if (m_definition->IsGeometryIgnored()) feature->SetGeometryDirectly(nullptr);
+  if (m_definition->IsGeometryIgnored() != FALSE) feature->SetGeometryDirectly(nullptr);
   return feature;
 }
 
 std::unique_ptr<OGRFeature> FeatureLayer::Finish(std::unique_ptr<OGRFeature> feature) {
   const bool isNeeded = m_poFilterGeom != nullptr || m_nameFilter.AsksForGeometry();
-  if (isNeeded || !m_definition->IsGeometryIgnored()) m_builder.AddGeometry(*feature);
+  if (isNeeded || m_definition->IsGeometryIgnored() == FALSE) m_builder.AddGeometry(*feature);
   return feature;
 }
 
@@ -125,7 +125,7 @@ OGRFeature* FeatureLayer::GetFeature(GIntBig fid) {
   const RecordView* const record = Find(fid);
   if (record == nullptr) return nullptr;
   std::unique_ptr<OGRFeature> feature = m_builder.Collect(*record, m_random);
-  if (!m_definition->IsGeometryIgnored()) m_builder.AddGeometry(*feature);
+  if (m_definition->IsGeometryIgnored() == FALSE) m_builder.AddGeometry(*feature);
   return feature.release();
 }
 

@@ -86,7 +86,8 @@ void FirstPass::EndRun() {
 
 void FirstPass::TakePoint(const RecordView& record) {
   const PointView point = record.AsPoint();
-  const double x = point.CoordX(), y = point.CoordY();
+  const double x = point.CoordX();
+  const double y = point.CoordY();
   const bool isFinite = std::isfinite(x) && std::isfinite(y);
   if (!m_run.Has(point.FeatureNumber())) return TakeStraggler(record, isFinite);
   ++m_survey.points;

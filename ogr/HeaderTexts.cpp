@@ -31,8 +31,10 @@ class Items {
 
 // A host's extent counts only if it has an area.
 void AddExtent(const HeaderView& header, Survey& survey) {
-  const double minX = header.ExtentMinX(), maxX = header.ExtentMaxX();
-  const double minY = header.ExtentMinY(), maxY = header.ExtentMaxY();
+  const double minX = header.ExtentMinX();
+  const double maxX = header.ExtentMaxX();
+  const double minY = header.ExtentMinY();
+  const double maxY = header.ExtentMaxY();
   constexpr double kLeast = 1e-7;
   if (!std::isfinite(maxX - minX) || !std::isfinite(maxY - minY)) return;
   if (!(maxX - minX > kLeast) || !(maxY - minY > kLeast)) return;
@@ -68,7 +70,7 @@ void HeaderTexts::See(const RecordView& record, Survey& survey, bool isFirst) {
     return;
   }
   if (m_expects == Expects::kNothing) return;
-  const std::string note = record.Type() == KESP_RECORD_NOTE ? Utf8Of(record.AsNote().NoteText()) : std::string();
+  const std::string note = record.Type() == KESP_RECORD_NOTE ? Utf8Of(record.AsNote().NoteText()) : std::string{};
   const std::string_view key = std::string_view(note).substr(0, 4);
   if (m_expects == Expects::kText && key == "BMC:") {
     survey.metadata.emplace_back("HEADER_TEXT_6", note.substr(key.size()));

@@ -14,8 +14,9 @@ namespace {
 // By the bytes that GDAL has read already: it asks about every file that anybody opens.
 int Identify(GDALOpenInfo* info) {
   constexpr std::string_view kSignature = "Corvanthe Survey Devices -- Kesp Data File";
-  return info->nHeaderBytes >= static_cast<int>(kSignature.size()) &&
-         std::memcmp(info->pabyHeader, kSignature.data(), kSignature.size()) == 0;
+  const bool isKesp = info->nHeaderBytes >= static_cast<int>(kSignature.size()) &&
+                      std::memcmp(info->pabyHeader, kSignature.data(), kSignature.size()) == 0;
+  return isKesp ? TRUE : FALSE;
 }
 
 GDALDataset* Open(GDALOpenInfo* info) {
@@ -74,8 +75,8 @@ void RegisterOGRKesp() {
   driver->SetMetadataItem(GDAL_DMD_CREATION_FIELD_DOMAIN_TYPES, "Coded");
   for (const char* const capability :
        {GDAL_DCAP_VECTOR, GDAL_DCAP_OPEN, GDAL_DCAP_CREATE, GDAL_DCAP_CREATE_LAYER, GDAL_DCAP_CREATE_FIELD,
-        GDAL_DCAP_MULTIPLE_VECTOR_LAYERS, GDAL_DCAP_FIELD_DOMAINS, GDAL_DCAP_RELATIONSHIPS, GDAL_DCAP_FEATURE_STYLES,
-        GDAL_DCAP_MEASURED_GEOMETRIES, GDAL_DCAP_Z_GEOMETRIES}) {
+        GDAL_DCAP_VIRTUALIO, GDAL_DCAP_MULTIPLE_VECTOR_LAYERS, GDAL_DCAP_FIELD_DOMAINS, GDAL_DCAP_RELATIONSHIPS,
+        GDAL_DCAP_FEATURE_STYLES, GDAL_DCAP_MEASURED_GEOMETRIES, GDAL_DCAP_Z_GEOMETRIES}) {
     driver->SetMetadataItem(capability, "YES");
   }
   driver->pfnIdentify = kesp::ogr::Identify;

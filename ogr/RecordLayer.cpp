@@ -51,7 +51,7 @@ OGRFeature* RecordLayer::GetNextFeature() {
     if (!IsRow(*record, m_run)) continue;
     if (m_poFilterGeom != nullptr && IsOutside(*record)) continue;
     std::unique_ptr<OGRFeature> row = MakeRow(*record);
-    if (PassesFilters(*row)) return row.release();
+    if (PassesFilters(*row)) return WithoutIgnored(std::move(row)).release();
   }
   ReportEnd(m_cursor.End());
   return nullptr;
@@ -60,6 +60,15 @@ OGRFeature* RecordLayer::GetNextFeature() {
 bool RecordLayer::PassesFilters(OGRFeature& row) {
   if (m_poFilterGeom != nullptr && Bounds() != nullptr && FilterGeometry(row.GetGeometryRef()) == 0) return false;
   return m_poAttrQuery == nullptr || m_poAttrQuery->Evaluate(&row) != 0;
+}
+
+// Filters may need what is ignored, and most fields cost less than asking whether they are wanted.
+std::unique_ptr<OGRFeature> RecordLayer::WithoutIgnored(std::unique_ptr<OGRFeature> row) const {
+  for (int field = 0; field < m_definition->GetFieldCount(); ++field) {
+    if (!IsWanted(field)) row->UnsetField(field);
+  }
+  if (m_definition->IsGeometryIgnored()) row->SetGeometryDirectly(nullptr);
+  return row;
 }
 
 // A position is only good if a walk comes by there: anything may be in the body of a record.
@@ -78,7 +87,7 @@ OGRFeature* RecordLayer::GetFeature(GIntBig fid) {
     if (record->Position() > wanted) return nullptr;
     run.See(*record);
     if (record->Position() != wanted) continue;
-    return IsRow(*record, run) ? MakeRow(*record).release() : nullptr;
+    return IsRow(*record, run) ? WithoutIgnored(MakeRow(*record)).release() : nullptr;
   }
   return nullptr;
 }

@@ -33,7 +33,7 @@ class RecordLayer : public Layer {
   virtual void CountDeletion(Survey& /*survey*/) const {}
   // Where to go on, when the walk is at a feature.
   virtual std::uint64_t SkipFrom(std::uint64_t position) { return position; }
-  bool IsWanted(int field) const { return !m_definition->GetFieldDefn(field)->IsIgnored(); }
+  bool IsWanted(int field) const { return m_definition->GetFieldDefn(field)->IsIgnored() == FALSE; }
   // Sets the fields for the flags, which come last.
   void SetFlags(OGRFeature& row, std::uint32_t flags) const;
   void AddFlagFields() const;
@@ -43,6 +43,7 @@ class RecordLayer : public Layer {
 
  private:
   bool PassesFilters(OGRFeature& row);
+  std::unique_ptr<OGRFeature> WithoutIgnored(std::unique_ptr<OGRFeature> row) const;
   bool Skip(const RecordView& feature);
   // Reads the record twice, for an Amendment.
   bool ReadForChange(GIntBig fid, Amendments& amendments);

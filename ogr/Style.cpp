@@ -8,12 +8,15 @@ namespace kesp::ogr {
 
 std::string StyleOf(KESP_FEATURE_TYPE kind, std::uint32_t color, ColorOrder order) {
   if (color == 0) return {};
-  unsigned red = color & 0xFF, blue = color >> 16 & 0xFF;
+  unsigned red = color & 0xFF;
+  unsigned blue = color >> 16 & 0xFF;
   const unsigned green = color >> 8 & 0xFF;
   if (order == ColorOrder::kRgb) std::swap(red, blue);
-  const char* const tool = kind == KESP_FEATURE_POINT ? "SYMBOL(c" : kind == KESP_FEATURE_LINE ? "PEN(c" : "BRUSH(fc";
-  std::array<char, sizeof "SYMBOL(c:#rrggbb)"> style;
-  std::snprintf(style.data(), style.size(), "%s:#%02x%02x%02x)", tool, red, green, blue);
+  // A filled circle. QGIS draws a symbol without an id transparently.
+  const char* const symbol = "SYMBOL(id:\"ogr-sym-3\",c";
+  const char* const tool = kind == KESP_FEATURE_POINT ? symbol : kind == KESP_FEATURE_LINE ? "PEN(c" : "BRUSH(fc";
+  std::array<char, sizeof "SYMBOL(id:\"ogr-sym-3\",c:#rrggbb)"> style;
+  (void)std::snprintf(style.data(), style.size(), "%s:#%02x%02x%02x)", tool, red, green, blue);
   return style.data();
 }
 

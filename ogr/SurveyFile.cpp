@@ -10,15 +10,30 @@
 
 #include "kesp/platform/Exception.h"
 #include "kesp/records/KespTavoHeader.h"
+#include "ogr/VsiSource.h"
 
 namespace kesp::ogr {
 namespace {
 
-void ReportRefusal(CKespDataFile& container, const std::string& path) {
+std::string WhyRefused(const CKespDataFile& container) {
   const int osError = container.GetSystemError();
-  std::string why = osError != 0 ? std::generic_category().message(osError) : container.GetErrorString().ToUtf8();
-  if (osError == EWOULDBLOCK) why = "somebody else has the file open for writing";
-  CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), why.c_str());
+  if (osError == EWOULDBLOCK) return "somebody else has the file open for writing";
+  return osError != 0 ? std::generic_category().message(osError) : container.GetErrorString().ToUtf8();
+}
+
+// Returns the reason if the file can't be opened; an empty text if it is open.
+std::string TryOpen(CKespDataFile& container, const std::string& path, SurveyFile::Access access) {
+  bool isOpen = false;
+  const CString name = CString::FromPathBytes(path);
+  if (IsVsiPath(path)) {
+    if (access == SurveyFile::Access::kWrite) return "only files of the system can be changed";
+    std::unique_ptr<ByteSource> source = OpenVsi(path);
+    if (source == nullptr) return std::generic_category().message(errno != 0 ? errno : ENOENT);
+    isOpen = container.OpenReadOnly(std::move(source), name);
+  } else {
+    isOpen = access == SurveyFile::Access::kWrite ? container.Open(name) : container.OpenReadOnly(name);
+  }
+  return isOpen ? std::string() : WhyRefused(container);
 }
 
 }  // namespace
@@ -27,9 +42,8 @@ std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool inclu
   auto file = std::make_unique<SurveyFile>();
   file->m_includeDeleted = includeDeleted;
   CKespDataFile& container = file->m_container;
-  const CString name = CString::FromPathBytes(path);
-  if (!(access == Access::kWrite ? container.Open(name) : container.OpenReadOnly(name))) {
-    ReportRefusal(container, path);
+  if (const std::string why = TryOpen(container, path, access); !why.empty()) {
+    CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), why.c_str());
     return nullptr;
   }
   if (file->Length() > std::numeric_limits<std::uint32_t>::max()) {
@@ -51,13 +65,13 @@ std::unique_ptr<SurveyFile> SurveyFile::Create(const std::string& path, std::uin
     return nullptr;
   }
   if (!container.Create(CString::FromPathBytes(path))) {
-    ReportRefusal(container, path);
+    CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), WhyRefused(container).c_str());
     return nullptr;
   }
   CKespTavoHeader header;
   header.m_recordVersion = std::min<std::uint16_t>(version, 2);
   if (!container.AppendRecord(&header, 0)) {
-    ReportRefusal(container, path);
+    CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), WhyRefused(container).c_str());
     container.Close();
     VSIUnlink(path.c_str());
     return nullptr;

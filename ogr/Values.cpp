@@ -37,7 +37,9 @@ DateTime FromSeconds(std::int64_t time) {
 // Days since 30 December 1899; the fraction counts forward from the day, also below zero. Null for no date and for what
 // is not between the years 100 and 9999.
 std::optional<DateTime> FromDate(double date) {
-  constexpr double kFirst = -657434, kLast = 2958465, kMillisecondsPerDay = 86400e3;
+  constexpr double kFirst = -657434;
+  constexpr double kLast = 2958465;
+  constexpr double kMillisecondsPerDay = 86400e3;
   const double day = std::trunc(date);
   if (date == 0 || !(day >= kFirst && day <= kLast)) return std::nullopt;
   constexpr std::chrono::sys_days kZero = std::chrono::year(1899) / 12 / 30;
@@ -62,7 +64,8 @@ std::string NumberText(double value, int decimals) {
   return CPLSPrintf("%.*f", decimals, value);
 }
 
-constexpr int kUnknownZone = 0, kUtc = 100;
+constexpr int kUnknownZone = 0;
+constexpr int kUtc = 100;
 
 }  // namespace
 

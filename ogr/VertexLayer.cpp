@@ -56,7 +56,8 @@ bool VertexLayer::IsRow(const RecordView& record, const Run& run) const {
 
 bool VertexLayer::IsOutside(const RecordView& record) const {
   const PointView point = record.AsPoint();
-  const double x = point.CoordX(), y = point.CoordY();
+  const double x = point.CoordX();
+  const double y = point.CoordY();
   const Box wanted = FilterBox();
   return !(x >= wanted.minX && x <= wanted.maxX && y >= wanted.minY && y <= wanted.maxY);
 }
@@ -93,8 +94,9 @@ std::unique_ptr<OGRFeature> VertexLayer::MakeRow(const RecordView& record) {
   row->SetField(kOffset1, point.Offset1());
   row->SetField(kOffset2, point.Offset2());
   SetFlags(*row, record.Flags());
-  const double x = point.CoordX(), y = point.CoordY();
-  if (m_definition->IsGeometryIgnored() && m_poFilterGeom == nullptr) return row;
+  const double x = point.CoordX();
+  const double y = point.CoordY();
+  if (m_definition->IsGeometryIgnored() != FALSE && m_poFilterGeom == nullptr) return row;
   if (!std::isfinite(x) || !std::isfinite(y)) return row;
   auto geometry = std::make_unique<OGRPoint>(x, y, point.CoordZ(), MeasureOf(point));
   geometry->assignSpatialReference(m_dataset.CoordinateSystem());

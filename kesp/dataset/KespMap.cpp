@@ -99,7 +99,7 @@ struct MapOfWords::State {
         if (entries[at].previous != kFree) byValue->Enter(ValueAt(at), at);
       }
     } catch (const std::bad_alloc&) {
-      byValue.reset();
+      // Then there is none, and all entries are searched.
     }
   }
   // Adds a new key and returns null; for a known key returns its entry, with the old value.

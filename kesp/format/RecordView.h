@@ -82,7 +82,7 @@ class TextView {
   std::u16string_view CopyTo(std::span<char16_t> room) const noexcept {
     const std::size_t size = std::min(Size(), room.size());
     if (m_isWide && std::endian::native == std::endian::little) {
-      if (size != 0) std::memcpy(room.data(), m_at, 2 * size);  // a missing field has no place
+      if (m_at != nullptr) std::memcpy(room.data(), m_at, 2 * size);  // a missing field has no place
     } else {
       for (std::size_t i = 0; i < size; ++i) room[i] = (*this)[i];
     }

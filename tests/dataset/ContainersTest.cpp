@@ -78,19 +78,23 @@ TEST(RecordList, KeepsItsOrderWhateverIsRemoved) {
 }
 
 TEST(RecordList, RemovesWhateverIsInItWhenMemoryWasShort) {
-  CKespNote notes[4];
+  constexpr int kNotes = 120;  // a long list makes an index when many are removed
+  std::vector<CKespNote> notes(kNotes + 1);
   bool struck = true;
   for (int at = 1; struck; ++at) {
     kesp::RecordList list;
-    for (int i = 0; i < 3; ++i) list.AddTail(&notes[i]);
+    for (int i = 0; i < kNotes; ++i) list.AddTail(&notes[static_cast<std::size_t>(i)]);
+    const auto remove = [&](int from, int to) {
+      for (int i = from; i < to; ++i) list.Remove(&notes[static_cast<std::size_t>(i)]);
+    };
     {
       const FaultyMemory memory(at);
-      list.Remove(&notes[0]), list.AddTail(&notes[3]);
+      remove(1, 41), list.AddTail(&notes[kNotes]);
       struck = FaultyMemory::Struck();
     }
-    list.Remove(&notes[1]), list.Remove(&notes[3]);
-    EXPECT_EQ(std::vector<CKespRecord*>(list.begin(), list.end()), (std::vector<CKespRecord*>{&notes[2]})) << at;
-    EXPECT_EQ(list.GetCount(), 1) << at;
+    remove(42, kNotes + 1);
+    EXPECT_EQ(std::vector<CKespRecord*>(list.begin(), list.end()), (std::vector<CKespRecord*>{&notes[0], &notes[41]}));
+    EXPECT_EQ(list.GetCount(), 2) << at;
   }
 }
 

@@ -111,7 +111,7 @@ TEST_P(Editing, ChangesInPlaceOnlyWhatIsAsked) {
       OGRERR_NONE);
   EXPECT_EQ(Row("points", 1),
             "1 feature_name=Elm feature_color=255 feature_symbol=0 deleted=0 edited=1 Girth=2.5 Kind=Old Kind_sub=well "
-            "POINT ZM (10.5 50.5 0 1700000000) SYMBOL(c:#ff0000)");
+            "POINT ZM (10.5 50.5 0 1700000000) SYMBOL(id:\"ogr-sym-3\",c:#ff0000)");
   EXPECT_EQ(Set("areas", 3, {}, "POLYGON ((1 1,4 0,4 4,1 1))"), OGRERR_NONE);
   EXPECT_NE(Row("areas", 3).find("((1 1 0 1,4 0 0 1,4 4 0 1,1 1 0 1))"), std::string::npos);
   EXPECT_EQ(ReadFile(m_path).size(), before.size());

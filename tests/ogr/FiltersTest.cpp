@@ -125,6 +125,20 @@ TEST(Reading, LeavesOutWhatIsIgnored) {
   EXPECT_EQ(shown.find("Girth"), std::string::npos);
   EXPECT_EQ(shown.find("POLYGON"), std::string::npos);
   EXPECT_NE(shown.find("Text="), std::string::npos);
+
+  for (const auto& layer : file->GetLayers()) {
+    OGRFeatureDefn& definition = *layer->GetLayerDefn();
+    CPLStringList all;
+    for (int i = 0; i < definition.GetFieldCount(); ++i) all.AddString(definition.GetFieldDefn(i)->GetNameRef());
+    all.AddString("OGR_GEOMETRY");
+    ASSERT_EQ(layer->SetIgnoredFields(const_cast<const char**>(all.List())), OGRERR_NONE);
+    const std::string left = ShowSorted(*layer);
+    EXPECT_EQ(left.find('='), std::string::npos) << left;
+    EXPECT_EQ(left.find(" ZM "), std::string::npos) << left;
+    layer->ResetReading();
+    const FeaturePtr next(layer->GetNextFeature());
+    EXPECT_EQ(Show(*FeaturePtr(layer->GetFeature(next->GetFID()))), Show(*next));
+  }
 }
 
 }  // namespace

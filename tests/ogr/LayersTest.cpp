@@ -57,11 +57,13 @@ TEST(Layers, ShowWhatIsInTheFile) {
             "points: 3D Measured Point, feature_name String, feature_color Integer64, feature_symbol Integer, deleted "
             "Integer, edited Integer, Girth Real(2), Kind String<Kind>, Kind_sub String, Seen DateTime, DELETED_2 "
             "String, Late DateTime, Mixed String, further_attributes String");
+  const char* ignored[] = {"OGR_STYLE", nullptr};  // QGIS sets this, and then draws by the styles
+  ASSERT_EQ(file["points"].SetIgnoredFields(ignored), OGRERR_NONE);
   EXPECT_EQ(Show(file["points"]),
             "1 feature_name=Oak feature_color=255 feature_symbol=34 deleted=0 edited=0 Girth=2.355 Kind=Old "
             "Kind_sub=sick Seen=2024/06/10 06:00:00 DELETED_2=no Late=null Mixed=text "
             "further_attributes=[{\"name\":\"girth\",\"value\":\"9\"}] "
-            "POINT ZM (10.5 50.25 0 1700000000) SYMBOL(c:#ff0000)\n");
+            "POINT ZM (10.5 50.25 0 1700000000) SYMBOL(id:\"ogr-sym-3\",c:#ff0000)\n");
   // The first feature 2 lost its number to the second. The deleted point is in neither.
   const std::string path = Show(file["lines"]);
   EXPECT_EQ(
@@ -121,7 +123,7 @@ TEST(Layers, FollowTheOpenOptions) {
     for (OGRLayer* const layer : file->GetLayers()) names += std::string(layer->GetName()) + ' ';
     EXPECT_EQ(names, "Oak Path Lawn vertices notes tags links ");
     EXPECT_EQ(file["Path"].GetFeatureCount(), 2);
-    EXPECT_NE(Show(file["Oak"]).find("SYMBOL(c:#0000ff)"), std::string::npos);
+    EXPECT_NE(Show(file["Oak"]).find("SYMBOL(id:\"ogr-sym-3\",c:#0000ff)"), std::string::npos);
   }
   {
     const Opened file(Survey({Header2(), Feature(1, "Tree", 1), Point(1, 1, {}, 1), EndOf(1)}), {"DELETED=YES"});
@@ -142,13 +144,34 @@ TEST(Layers, FollowTheOpenOptions) {
 TEST(Layers, TakeTheReferenceSystemFromASidecar) {
   const TempDir dir;
   WriteFile(dir / "a.kesp", Garden());
-  std::ofstream(dir / "a.prj") << SRS_WKT_WGS84_LAT_LONG;
+  std::ofstream(dir / "a.prj") << '\n' << SRS_WKT_WGS84_LAT_LONG;
   const DatasetPtr dataset = Open(dir / "a.kesp");
   const OGRSpatialReference* const crs = dataset->GetLayerByName("points")->GetSpatialRef();
   ASSERT_NE(crs, nullptr);
   EXPECT_EQ(crs->GetDataAxisToSRSAxisMapping(), (std::vector<int>{2, 1}));  // east first
   const CPLStringList files(dataset->GetFileList());
   EXPECT_GE(files.FindString((dir / "a.prj").c_str()), 0);
+}
+
+TEST(Layers, AreTheSameThroughTheFileLayerOfGdal) {
+  ByteVector bytes = Garden();
+  const Opened file(bytes);
+  const struct {
+    const char *written, *read;
+  } kPaths[] = {{"/vsimem/garden.kesp", "/vsimem/garden.kesp"},
+                {"/vsigzip//vsimem/garden.gz", "/vsigzip//vsimem/garden.gz"},
+                {"/vsizip//vsimem/season.zip/garden.kesp", "/vsizip//vsimem/season.zip"}};
+  for (const auto& [written, read] : kPaths) {
+    VSILFILE* const out = VSIFOpenL(written, "wb");
+    VSIFWriteL(bytes.data(), 1, bytes.size(), out);
+    VSIFCloseL(out);
+    const DatasetPtr dataset = Open(read);
+    ASSERT_NE(dataset, nullptr) << read;
+    ASSERT_EQ(dataset->GetLayerCount(), file->GetLayerCount());
+    for (OGRLayer* const layer : dataset->GetLayers()) EXPECT_EQ(Show(*layer), Show(file[layer->GetName()])) << read;
+  }
+  Errors errors;
+  EXPECT_EQ(Open("/vsimem/missing.kesp"), nullptr);
 }
 
 // Which layers a file without some kinds of records has, and the two notes that belong to an old header.

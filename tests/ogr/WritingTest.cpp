@@ -125,7 +125,7 @@ TEST(Writing, KeepsWhatReadingGives) {
   EXPECT_EQ(Show(*first->GetLayerByName("points")),
             "1 feature_name=Oak feature_color=98559 feature_symbol=7 deleted=0 edited=0 Girth=2.355 Age=120 "
             "Seen=2024/06/10 06:00:00.125 Day=1850/01/02 00:00:00 Kind=Old Kind_sub=sick "
-            "POINT ZM (1.5 2.5 3.5 1700000000) SYMBOL(c:#ff8001)\n");
+            "POINT ZM (1.5 2.5 3.5 1700000000) SYMBOL(id:\"ogr-sym-3\",c:#ff8001)\n");
   EXPECT_EQ(Show(*first->GetLayerByName("lines")),
             "2 feature_name=Weg feature_color=4294967295 feature_symbol=34 deleted=0 edited=1 "
             "LINESTRING ZM (0 0 0 5,1 1 0 6) PEN(c:#ffffff)\n");

@@ -1,6 +1,7 @@
 // The rows that columns must have, computed from objects, and those that they have. Rows are texts, so that a
 // difference can be read.
 #pragma once
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <map>
@@ -132,6 +133,8 @@ inline Rows RowsInBatches(CKespDataFile& file, bool includeDeleted, std::size_t 
           !starts(batch.attributes, rows.attributes)) {
         return false;
       }
+      const std::size_t most = std::max({batch.points.rows, batch.features.rows, batch.attributes.rows});
+      if (most > std::max<std::size_t>(batchRows, 1)) return false;
       AddRows(rows, batch);
       if (take) const Columns taken = std::move(batch);
       return true;
