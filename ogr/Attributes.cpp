@@ -34,4 +34,11 @@ std::size_t Attributes::Add(const AttributeView& attribute) {
   return code;
 }
 
+std::size_t Attributes::AddName(const CString& name) {
+  const auto* const units = reinterpret_cast<const std::byte*>(name.GetString());
+  const std::size_t code = m_names.Add(TextView(units, name.Size() + 1, true));
+  if (code == m_traits.size()) m_traits.emplace_back();
+  return code;
+}
+
 }  // namespace kesp::ogr

@@ -34,6 +34,8 @@ class Attributes {
 
   // Takes note of an attribute of the file and returns the code of its name, or kNone.
   std::size_t Add(const AttributeView& attribute);
+  // The code of a name that a field has got; kNone if there are too many names.
+  std::size_t AddName(const CString& name);
   std::size_t Find(const TextView& name) const { return m_names.Find(name); }
   std::size_t Size() const noexcept { return m_names.Size(); }
   const std::string& NameOf(std::size_t code) const noexcept { return m_names[code]; }

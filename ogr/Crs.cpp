@@ -59,4 +59,18 @@ std::optional<Crs> FindCrs(const std::string& given, const std::string& path, ch
   return Crs{};
 }
 
+Crs WriteCrs(const OGRSpatialReference& crs, const std::string& path) {
+  CrsPtr copy(crs.Clone());
+  copy->SetAxisMappingStrategy(OAMS_TRADITIONAL_GIS_ORDER);
+  const std::string sidecar = CPLResetExtension(path.c_str(), "prj");
+  char* text = nullptr;
+  VSILFILE* const file = crs.exportToWkt(&text) == OGRERR_NONE ? VSIFOpenL(sidecar.c_str(), "wxb") : nullptr;
+  const bool isWritten = file != nullptr && VSIFWriteL(text, std::strlen(text), 1, file) == 1;
+  const bool isClosed = file != nullptr && VSIFCloseL(file) == 0;
+  CPLFree(text);
+  if (isWritten && isClosed) return Crs{std::move(copy), sidecar};
+  CPLError(CE_Warning, CPLE_FileIO, "%s: can't be written, so the file has no reference system", sidecar.c_str());
+  return Crs{std::move(copy), {}};
+}
+
 }  // namespace kesp::ogr

@@ -23,4 +23,8 @@ struct Crs {
 // if the option names no reference system. A sidecar that can't be understood is left out, with a warning.
 std::optional<Crs> FindCrs(const std::string& given, const std::string& path, char** siblings);
 
+// Writes the file survey.prj for survey.kesp, if there is none, and returns what FindCrs will find. Warns if it can't
+// be written. For a file that is new or has no reference system.
+Crs WriteCrs(const OGRSpatialReference& crs, const std::string& path);
+
 }  // namespace kesp::ogr

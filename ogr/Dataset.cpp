@@ -8,6 +8,8 @@
 
 #include "kesp/util/Utilities.h"
 #include "ogr/FeatureLayer.h"
+#include "ogr/HeaderItems.h"
+#include "ogr/NewLayer.h"
 #include "ogr/Salvaging.h"
 #include "ogr/TableLayers.h"
 #include "ogr/UniqueNames.h"
@@ -35,6 +37,25 @@ std::unique_ptr<OGRCodedFieldDomain> StatusDomain() {
   return CodedDomain(VertexLayer::kStatusDomain, OFTInteger, values);
 }
 
+constexpr const char* kKinds[] = {"points", "lines", "areas"};
+
+// Null for all kinds.
+std::optional<KESP_FEATURE_TYPE> KindOf(OGRwkbGeometryType type) {
+  switch (wkbFlatten(type)) {
+    case wkbPoint:
+    case wkbMultiPoint:
+      return KESP_FEATURE_POINT;
+    case wkbLineString:
+    case wkbMultiLineString:
+      return KESP_FEATURE_LINE;
+    case wkbPolygon:
+    case wkbMultiPolygon:
+      return KESP_FEATURE_AREA;
+    default:
+      return std::nullopt;
+  }
+}
+
 std::size_t MostEntries() {
   const char* const option = CPLGetConfigOption("KESP_DIRECTORY_ENTRIES", nullptr);
   constexpr GIntBig kLeast = 2;
@@ -44,26 +65,59 @@ std::size_t MostEntries() {
 
 }  // namespace
 
-std::unique_ptr<Dataset> Dataset::Open(const std::string& path, const Options& options, char** siblings) {
+std::unique_ptr<Dataset> Dataset::Open(const std::string& path, const Options& options, char** siblings,
+                                       SurveyFile::Access access) {
   std::unique_ptr<Dataset> dataset(new Dataset(path, options));
   std::optional<Crs> crs = FindCrs(options.crs, path, siblings);
   if (!crs) return nullptr;
   dataset->m_crs = std::move(*crs);
-  if (!dataset->ReadFile()) return nullptr;
+  if (!dataset->ReadFile(access)) return nullptr;
   dataset->AddMetadata();
   dataset->AddDomains();
   dataset->AddLayers();
   return dataset;
 }
 
-bool Dataset::ReadFile() {
-  m_file = SurveyFile::Open(m_path, m_options.includeDeleted);
-  if (m_file == nullptr) return false;
+std::unique_ptr<Dataset> Dataset::Create(const std::string& path, const CreationOptions& options) {
+  Options own;
+  own.colors = options.colors;
+  std::unique_ptr<Dataset> dataset(new Dataset(path, own));
+  dataset->m_crs = FindCrs({}, path, nullptr).value_or(Crs{});
+  dataset->m_file = SurveyFile::Create(path, options.fileVersion);
+  if (dataset->m_file == nullptr) return nullptr;
+  dataset->ReadAll();
+  dataset->eAccess = GA_Update;
+  dataset->m_editor = std::make_unique<Editor>(*dataset->m_file, *dataset->m_survey, path, Editor::Origin::kNew);
+  return dataset;
+}
+
+Dataset::~Dataset() {
+  if (m_editor != nullptr) m_editor->Close();
+}
+
+void Dataset::ReadAll() {
   m_survey = std::make_unique<Survey>(m_options.layers, MostEntries());
-  ReadSurvey(*m_file, *m_survey);
-  if (!m_survey->end.isWhole && m_options.salvage && !Salvage()) return false;
+  m_firstPass = std::make_unique<FirstPass>(*m_file, *m_survey);
+  m_firstPass->Run();
+}
+
+bool Dataset::ReadFile(SurveyFile::Access access) {
+  m_file = SurveyFile::Open(m_path, m_options.includeDeleted, access);
+  if (m_file == nullptr) return false;
+  ReadAll();
+  const bool isDamaged = !m_survey->end.isWhole;
+  if (isDamaged && m_file->IsWritable()) {
+    CPLError(CE_Failure, CPLE_FileIO, "%s: damaged at offset %llu (%s), so it can't be changed: repair it first",
+             m_path.c_str(), static_cast<unsigned long long>(m_survey->end.offset), m_survey->end.Cause().c_str());
+    return false;
+  }
+  if (isDamaged && m_options.salvage && !Salvage()) return false;
   if (!m_survey->hasHeader) {
     CPLError(CE_Warning, CPLE_AppDefined, "%s: the first record is no header record", m_path.c_str());
+  }
+  if (m_file->IsWritable()) {
+    eAccess = GA_Update;
+    m_editor = std::make_unique<Editor>(*m_file, *m_survey, m_path, Editor::Origin::kExisting);
   }
   return true;
 }
@@ -71,19 +125,22 @@ bool Dataset::ReadFile() {
 bool Dataset::Salvage() {
   std::unique_ptr<SurveyFile> salvaged = OpenSalvaged(*m_file, m_path);
   if (salvaged == nullptr) return false;
-  m_survey = std::make_unique<Survey>(m_options.layers, MostEntries());
+  m_firstPass.reset();
   m_file = std::move(salvaged);
-  ReadSurvey(*m_file, *m_survey);
+  ReadAll();
   return true;
 }
 
 void Dataset::AddMetadata() {
-  SetMetadataItem("FILE_VERSION", std::to_string(m_file->Container().m_version).c_str());
-  for (const auto& [key, value] : m_survey->metadata) SetMetadataItem(key.c_str(), value.c_str());
+  const auto put = [this](const char* key, const std::string& value) {
+    GDALDataset::SetMetadataItem(key, value.c_str());
+  };
+  put("FILE_VERSION", std::to_string(m_file->Container().m_version));
+  for (const auto& [key, value] : m_survey->metadata) put(key.c_str(), value);
   const WalkEnd& end = m_survey->end;
   if (end.isWhole) return;
-  SetMetadataItem("DAMAGE", end.Cause().c_str());
-  SetMetadataItem("DAMAGE_OFFSET", std::to_string(end.offset).c_str());
+  put("DAMAGE", end.Cause());
+  put("DAMAGE_OFFSET", std::to_string(end.offset));
 }
 
 void Dataset::AddDomains() {
@@ -100,7 +157,6 @@ void Dataset::AddDomains() {
 }
 
 std::vector<std::string> Dataset::LayerNames() const {
-  static constexpr const char* kKinds[] = {"points", "lines", "areas"};
   const bool byName = m_options.layers == LayerSplit::kByName;
   UniqueNames unique;
   for (const char* const reserved : {VertexLayer::kName, NoteLayer::kName, TagLayer::kName, LinkLayer::kName}) {
@@ -121,11 +177,12 @@ void Dataset::AddLayers() {
   const bool hasFeatures = !m_survey->directory.Entries().empty();
   for (std::size_t i = 0; i < names.size(); ++i) {
     const LayerPlan& plan = m_survey->layers[i];
-    const bool isShown = plan.features != 0 || (!hasFeatures && m_options.layers == LayerSplit::kByKind);
-    if (isShown) m_layers.push_back(std::make_unique<FeatureLayer>(*this, names[i], plan));
+    const bool canBeEmpty = m_options.layers == LayerSplit::kByKind && (!hasFeatures || m_editor != nullptr);
+    if (plan.features != 0 || canBeEmpty) m_layers.push_back(std::make_unique<FeatureLayer>(*this, names[i], plan));
   }
   if (m_survey->points != 0 || !hasFeatures) m_layers.push_back(std::make_unique<VertexLayer>(*this));
-  if (m_survey->notes > m_survey->consumedNotes.size()) m_layers.push_back(std::make_unique<NoteLayer>(*this));
+  const bool hasNotes = m_survey->notes > m_survey->consumedNotes.size();
+  if (hasNotes || m_editor != nullptr) m_layers.push_back(std::make_unique<NoteLayer>(*this));
   if (m_survey->tags != 0) m_layers.push_back(std::make_unique<TagLayer>(*this));
   if (m_survey->links != 0) m_layers.push_back(std::make_unique<LinkLayer>(*this));
   m_relationships = FindRelationships(*m_survey, names);
@@ -138,6 +195,9 @@ OGRLayer* Dataset::GetLayer(int index) {
 }
 
 int Dataset::TestCapability(const char* capability) {
+  for (const char* const ofEditing : {ODsCCreateLayer, ODsCTransactions, ODsCRandomLayerWrite, ODsCAddFieldDomain}) {
+    if (EQUAL(capability, ofEditing)) return m_editor != nullptr ? TRUE : FALSE;
+  }
   return EQUAL(capability, ODsCMeasuredGeometries) || EQUAL(capability, ODsCZGeometries) ? TRUE : FALSE;
 }
 
@@ -171,6 +231,132 @@ void Dataset::ReportEnd(const WalkEnd& walkEnd) {
   } else if (open && !std::exchange(m_hasWarnedOfOpenFeature, true)) {
     CPLError(CE_Warning, CPLE_AppDefined, "%s: %s", m_path.c_str(), incomplete.c_str());
   }
+}
+
+void Dataset::CatchUp() {
+  if (m_editor == nullptr || !m_editor->HasNews() || !m_editor->Flush()) return;
+  m_firstPass->Run();
+  m_editor->ForgetNews();
+}
+
+bool Dataset::Flush() { return m_editor == nullptr || m_editor->Flush(); }
+
+OGRErr Dataset::StartTransaction(int /*force*/) {
+  if (m_editor == nullptr) return OGRERR_UNSUPPORTED_OPERATION;
+  return m_editor->Begin() ? OGRERR_NONE : OGRERR_FAILURE;
+}
+
+OGRErr Dataset::CommitTransaction() { return m_editor != nullptr && m_editor->Commit() ? OGRERR_NONE : OGRERR_FAILURE; }
+
+// What was read may be of what is gone. So the file is read again.
+OGRErr Dataset::RollbackTransaction() {
+  if (m_editor == nullptr || !m_editor->Rollback()) return OGRERR_FAILURE;
+  m_survey->Forget();
+  m_firstPass = std::make_unique<FirstPass>(*m_file, *m_survey);
+  m_firstPass->Run();
+  m_survey->isEdited = true;
+  m_editor->ForgetNews();
+  for (const auto& layer : m_layers) layer->ResetReading();
+  return OGRERR_NONE;
+}
+
+void Dataset::FlushCache(bool atClosing) {
+  GDALDataset::FlushCache(atClosing);
+  Flush();
+}
+
+CPLErr Dataset::SetMetadata(char** metadata, const char* domain) {
+  for (char** item = metadata; item != nullptr && *item != nullptr; ++item) {
+    char* key = nullptr;
+    const char* const value = CPLParseNameValue(*item, &key);
+    const bool isSet = key == nullptr || SetMetadataItem(key, value, domain) == CE_None;
+    CPLFree(key);
+    if (!isSet) return CE_Failure;
+  }
+  return GDALDataset::SetMetadata(metadata, domain);
+}
+
+CPLErr Dataset::SetMetadataItem(const char* key, const char* value, const char* domain) {
+  const bool isOfFile = domain == nullptr || *domain == '\0';
+  if (m_editor != nullptr && m_editor->Header() != nullptr && isOfFile) {
+    CKespTavoHeader changed(*m_editor->Header());
+    const HeaderItem item = PutHeaderItem(changed, key, value);
+    if (item == HeaderItem::kBad) {
+      CPLError(CE_Failure, CPLE_IllegalArg, "%s: %s can't be %s", m_path.c_str(), key, value);
+      return CE_Failure;
+    }
+    const auto put = [&](CKespTavoHeader& header) { PutHeaderItem(header, key, value); };
+    if (item == HeaderItem::kPut && !m_editor->ChangeHeader(put)) return CE_Failure;
+  }
+  return GDALDataset::SetMetadataItem(key, value, domain);
+}
+
+bool Dataset::AddFieldDomain(std::unique_ptr<OGRFieldDomain>&& domain, std::string& why) {
+  if (m_editor == nullptr || domain->GetDomainType() != OFDT_CODED || domain->GetFieldType() != OFTString) {
+    why = "only menus of texts can be added";
+    return false;
+  }
+  const std::string name = domain->GetName();
+  return m_oMapFieldDomains.try_emplace(name, std::move(domain)).second;
+}
+
+bool Dataset::TakeCrs(const OGRSpatialReference* crs) {
+  if (crs == nullptr) return true;
+  if (m_crs.system == nullptr) {
+    m_crs = WriteCrs(*crs, m_path);
+    return true;
+  }
+  const char* const ignoringAxes[] = {"IGNORE_DATA_AXIS_TO_SRS_AXIS_MAPPING=YES", nullptr};
+  if (m_crs.system->IsSame(crs, ignoringAxes) != 0) return true;
+  CPLError(CE_Failure, CPLE_NotSupported, "%s: all layers have one reference system, and %s another", m_path.c_str(),
+           m_crs.sidecar.empty() ? "the file has" : (m_crs.sidecar + " names").c_str());
+  return false;
+}
+
+bool Dataset::IsLayerPossible(const std::string& name, OGRwkbGeometryType type) {
+  const auto refuse = [this](const std::string& why) {
+    CPLError(CE_Failure, CPLE_NotSupported, "%s: %s", m_path.c_str(), why.c_str());
+    return false;
+  };
+  if (GetLayerByName(name.c_str()) != nullptr) return refuse("there is a layer " + name);
+  if (name == VertexLayer::kName) return refuse("vertices are made of the points of features");
+  switch (wkbFlatten(type)) {
+    case wkbNone:
+      return name == NoteLayer::kName ||
+             refuse("a layer without geometry can only be " + std::string(NoteLayer::kName));
+    case wkbUnknown:
+    case wkbPoint:
+    case wkbMultiPoint:
+    case wkbLineString:
+    case wkbMultiLineString:
+    case wkbPolygon:
+    case wkbMultiPolygon:
+      return true;
+    default:
+      return refuse(std::string("a layer of the type ") + OGRGeometryTypeToName(type) + " can't be written");
+  }
+}
+
+OGRLayer* Dataset::ICreateLayer(const char* name, OGRSpatialReference* crs, OGRwkbGeometryType type, char** options) {
+  if (m_editor == nullptr || !IsLayerPossible(name, type)) return nullptr;
+  if (wkbFlatten(type) == wkbNone) {
+    m_layers.push_back(std::make_unique<NoteLayer>(*this));
+    return m_layers.back().get();
+  }
+  if (!TakeCrs(crs)) return nullptr;
+  FeatureWriter::Settings settings;
+  settings.layer = name;
+  settings.kind = KindOf(type);
+  settings.colors = m_options.colors;
+  const bool isMulti = wkbFlatten(type) == wkbMultiPoint || !settings.kind;
+  settings.multi = CPLFetchBool(options, "SPLIT_MULTI", false) ? MultiGeometries::kSplit
+                   : isMulti                                   ? MultiGeometries::kManyPoints
+                                                               : MultiGeometries::kRefuse;
+  const bool isNamedByKind =
+      std::any_of(std::begin(kKinds), std::end(kKinds), [&](auto* kind) { return EQUAL(kind, name); });
+  if (!isNamedByKind) settings.name = name;
+  m_layers.push_back(std::make_unique<NewLayer>(*this, name, type, std::move(settings)));
+  return m_layers.back().get();
 }
 
 }  // namespace kesp::ogr

@@ -6,14 +6,19 @@ namespace kesp::ogr {
 
 void Directory::Add(std::uint32_t position, std::uint32_t number, std::uint16_t name, KESP_FEATURE_TYPE kind) {
   const Entry entry{{}, position, number, 1, name, Entry::BitOf(kind)};
-  const bool ascends = m_entries.empty() || (m_ascending == m_entries.size() && number > m_lastNumber);
+  const bool ascends =
+      !m_isFinished && (m_entries.empty() || (m_ascending == m_entries.size() && number > m_lastNumber));
   if (ascends) {
     m_lastNumber = number;
     AddEntry(entry);
     m_ascending = m_entries.size();
     return;
   }
-  if (Find(number)) m_repeats.push_back({number, position});
+  if (Find(number)) {
+    const Straggler repeat{number, position};
+    m_repeats.insert(m_isFinished ? std::upper_bound(m_repeats.begin(), m_repeats.end(), repeat) : m_repeats.end(),
+                     repeat);
+  }
   m_others.insert_or_assign(number, static_cast<std::uint32_t>(m_entries.size()));
   m_entries.push_back(entry);
 }
@@ -69,6 +74,7 @@ std::optional<std::size_t> Directory::Find(std::uint32_t number) const {
 }
 
 void Directory::Finish() {
+  m_isFinished = true;
   m_places.reserve(m_stragglers.size());
   for (const Straggler& straggler : m_stragglers) m_places.push_back(straggler.position);
   std::sort(m_stragglers.begin(), m_stragglers.end());

@@ -27,9 +27,9 @@ struct Entry {
   FloatBox box;
   std::uint32_t position;  // of the first feature
   std::uint32_t number;    // of the first feature
-  std::uint32_t count;
-  std::uint16_t name;   // see FeatureNames; kMixedNames if they differ
-  std::uint16_t kinds;  // a bit for each KESP_FEATURE_TYPE
+  std::uint32_t count;     // of features that were not deleted since
+  std::uint16_t name;      // see FeatureNames; kMixedNames if they differ
+  std::uint16_t kinds;     // a bit for each KESP_FEATURE_TYPE
 
   static constexpr std::uint16_t kMixedNames = 0xFFFE;
   static constexpr std::uint16_t BitOf(KESP_FEATURE_TYPE kind) noexcept {
@@ -51,8 +51,10 @@ class Directory {
   std::optional<std::size_t> Find(std::uint32_t number) const;
   void Grow(std::size_t entry, const Box& box) { m_entries[entry].box.Include(box); }
   void AddStraggler(std::uint32_t number, std::uint32_t position) { m_stragglers.push_back({number, position}); }
-  // Ends the first walk.
+  // Ends the first walk. Features that are added later have entries of their own, and no stragglers.
   void Finish();
+  // Becomes empty again.
+  void Forget() { *this = Directory(m_mostEntries); }
 
   // Later.
 
@@ -62,6 +64,10 @@ class Directory {
   std::uint64_t EndOf(std::size_t entry) const noexcept {
     return entry + 1 < m_entries.size() ? m_entries[entry + 1].position : UINT64_MAX;
   }
+  // One of its features has been deleted. Its number stays taken.
+  void Drop(std::size_t entry) noexcept { --m_entries[entry].count; }
+  // The name of one of its features has changed.
+  void ForgetName(std::size_t entry) noexcept { m_entries[entry].name = Entry::kMixedNames; }
   // The entry in which a position lies; null before the first.
   std::optional<std::size_t> At(std::uint64_t position) const noexcept;
   // If numbers repeat, the later feature has the number from its place on. Where the next one with the number of a
@@ -88,6 +94,7 @@ class Directory {
   static void Merge(Entry& into, const Entry& from) noexcept;
 
   std::size_t m_mostEntries;
+  bool m_isFinished = false;
   std::vector<Entry> m_entries;
   std::size_t m_ascending = 0;   // the numbers of so many entries ascend; those after them are in m_others
   std::uint32_t m_perEntry = 1;  // features, in these entries

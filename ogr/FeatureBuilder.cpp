@@ -72,6 +72,7 @@ void FeatureBuilder::ReadStragglers(std::uint32_t number, std::uint64_t position
     m_stragglers.GoTo(straggler.position);
     const RecordView* const record = m_stragglers.Read();
     if (record == nullptr) return;
+    if (record->Position() != straggler.position) continue;  // it has been deleted
     if (record->Type() == KESP_RECORD_POINT) TakePoint(*record);
     if (record->Type() == KESP_RECORD_ATTRIBUTE) TakeAttribute(*record, feature);
   }
@@ -92,11 +93,12 @@ void FeatureBuilder::TakeAttribute(const RecordView& record, OGRFeature& feature
   const AttributeView attribute = record.AsAttribute();
   const std::size_t code = m_survey.attributes.Find(attribute.AttributeName());
   const Schema::AttributeField field = code < m_schema.fields.size() ? m_schema.fields[code] : Schema::AttributeField{};
+  if (code < m_schema.fields.size() && code >= m_lastWith.size()) m_lastWith.resize(code + 1);
   if (field.value == Schema::kNone || std::exchange(m_lastWith[code], m_feature) == m_feature) {
     return AddFurther(attribute);
   }
   if (IsWanted(field.value)) {
-    SetValue(feature, field.value, m_survey.attributes[code].FieldType(), attribute, m_buffer);
+    SetValue(feature, field.value, m_definition.GetFieldDefn(field.value)->GetType(), attribute, m_buffer);
   }
   if (field.subValue == Schema::kNone || !IsWanted(field.subValue)) return;
   if (!attribute.SubValue().IsEmpty()) SetText(feature, field.subValue, attribute.SubValue(), m_buffer);
@@ -158,7 +160,8 @@ std::unique_ptr<OGRGeometry> FeatureBuilder::MakeGeometry() const {
     return area;
   }
   const auto makePoint = [](const Vertex& v) { return std::make_unique<OGRPoint>(v.x, v.y, v.z, v.m); };
-  if (!m_layer.hasSeveralPoints) return makePoint(m_vertices.front());
+  if (wkbFlatten(m_definition.GetGeomType()) == wkbPoint && m_vertices.size() == 1)
+    return makePoint(m_vertices.front());
   auto points = std::make_unique<OGRMultiPoint>();
   for (const Vertex& vertex : m_vertices) points->addGeometryDirectly(makePoint(vertex).release());
   return points;

@@ -1,5 +1,6 @@
 #include "ogr/FeatureLayer.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "ogr/Dataset.h"
@@ -13,11 +14,14 @@ FeatureLayer::FeatureLayer(Dataset& dataset, const std::string& name, const Laye
       m_schema(MakeSchema(m_survey, plan, *m_definition)),
       m_builder(dataset.File(), m_survey, plan, m_schema, dataset.Colors(), *m_definition, dataset.CoordinateSystem()),
       m_cursor(dataset.File()),
-      m_random(dataset.File()) {}
+      m_random(dataset.File()) {
+  if (dataset.Editing() != nullptr) MakeWriter();
+}
 
 int FeatureLayer::TestCapability(const char* capability) {
+  if (EQUAL(capability, OLCCreateField)) return m_writer ? TRUE : FALSE;
   if (!EQUAL(capability, OLCFastSetNextByIndex)) return Layer::TestCapability(capability);
-  return IsFiltered() || m_survey.directory.IsMerged() ? FALSE : TRUE;
+  return IsFiltered() || m_survey.isEdited || m_survey.directory.IsMerged() ? FALSE : TRUE;
 }
 
 void FeatureLayer::ResetReading() {
@@ -37,7 +41,7 @@ bool FeatureLayer::MayHaveMine(const Entry& entry, bool filtered) const {
   if (filtered && m_poFilterGeom != nullptr && !entry.box.Touches(FilterBox())) return false;
   if (entry.name == Entry::kMixedNames) return true;
   if (filtered && !m_nameFilter.MayPass(entry.name)) return false;
-  return m_survey.LayerOf(m_plan.kind, entry.name) == m_survey.Index(m_plan);
+  return m_survey.LayerOf(m_plan.kind, entry.name) == m_plan.index;
 }
 
 bool FeatureLayer::EnterNextEntry() {
@@ -48,6 +52,7 @@ bool FeatureLayer::EnterNextEntry() {
     const bool isStart = !std::exchange(m_hasBegun, true);
     m_cursor.GoTo(entry.position, isStart && !IsFiltered() ? Cursor::Wants::kAll : Cursor::Wants::kSome);
     m_left = entry.count;
+    m_entryEnd = m_survey.directory.EndOf(m_nextEntry - 1);
     return true;
   }
   return false;
@@ -59,13 +64,18 @@ const RecordView* FeatureLayer::NextRecord() {
     if (m_left == 0 && !EnterNextEntry()) return nullptr;
     const RecordView* const record = m_cursor.Read();
     if (record == nullptr) {
-      m_nextEntry = m_survey.directory.Entries().size();
       m_left = 0;
+      m_nextEntry = m_survey.directory.Entries().size();
       return nullptr;
     }
     if (record->Type() != KESP_RECORD_FEATURE) continue;
-    --m_left;
-    return record;
+    if (record->Position() < m_entryEnd) {
+      --m_left;
+      return record;
+    }
+    // Features of the entry, and of those after it up to this record, have been deleted.
+    m_left = 0;
+    m_nextEntry = std::max(m_nextEntry, m_survey.directory.At(record->Position()).value_or(0));
   }
 }
 
@@ -75,10 +85,11 @@ bool FeatureLayer::IsMine(const RecordView& record) const {
   if (m_survey.split == LayerSplit::kByKind) return true;
   const std::size_t code = m_survey.names.Find(feature.FeatureName());
   const auto name = code == TextTable::kNone ? Survey::kFurtherName : static_cast<std::uint16_t>(code);
-  return m_survey.LayerOf(m_plan.kind, name) == m_survey.Index(m_plan);
+  return m_survey.LayerOf(m_plan.kind, name) == m_plan.index;
 }
 
 OGRFeature* FeatureLayer::GetNextFeature() {
+  if (!m_hasBegun) m_dataset.CatchUp();
   while (const RecordView* const record = NextRecord()) {
     if (!IsMine(*record)) continue;
     if (std::unique_ptr<OGRFeature> feature = Filtered(*record)) return feature.release();
@@ -111,7 +122,16 @@ std::unique_ptr<OGRFeature> FeatureLayer::Finish(std::unique_ptr<OGRFeature> fea
 }
 
 OGRFeature* FeatureLayer::GetFeature(GIntBig fid) {
+  const RecordView* const record = Find(fid);
+  if (record == nullptr) return nullptr;
+  std::unique_ptr<OGRFeature> feature = m_builder.Collect(*record, m_random);
+  if (m_definition->IsGeometryIgnored() == FALSE) m_builder.AddGeometry(*feature);
+  return feature.release();
+}
+
+const RecordView* FeatureLayer::Find(GIntBig fid) {
   constexpr GIntBig kFirstPosition = GIntBig{1} << 32;
+  m_dataset.CatchUp();
   if (fid < 0) return nullptr;
   const bool isPosition = fid >= kFirstPosition;
   const Directory& directory = m_survey.directory;
@@ -123,19 +143,17 @@ OGRFeature* FeatureLayer::GetFeature(GIntBig fid) {
   m_random.GoTo(entry.position);
   for (std::uint32_t left = entry.count; left != 0;) {
     const RecordView* const record = m_random.Read();
-    if (record == nullptr) return nullptr;
+    if (record == nullptr || record->Position() >= directory.EndOf(*at)) return nullptr;
     if (record->Type() != KESP_RECORD_FEATURE) continue;
     --left;
     if (directory.FidOf(record->AsFeature().FeatureNumber(), record->Position()) != fid) continue;
-    if (!IsMine(*record)) return nullptr;
-    std::unique_ptr<OGRFeature> feature = m_builder.Collect(*record, m_random);
-    if (m_definition->IsGeometryIgnored() == FALSE) m_builder.AddGeometry(*feature);
-    return feature.release();
+    return IsMine(*record) ? record : nullptr;
   }
   return nullptr;
 }
 
 OGRErr FeatureLayer::SetNextByIndex(GIntBig index) {
+  m_dataset.CatchUp();
   if (TestCapability(OLCFastSetNextByIndex) == 0) return OGRLayer::SetNextByIndex(index);
   if (index < 0 || index >= Count()) return OGRERR_FAILURE;
   ResetReading();

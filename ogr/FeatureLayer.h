@@ -1,12 +1,18 @@
 // A layer of point, line or area features. The FID is the feature's number (see Directory::FidOf).
+//
+// Editing.cpp has what changes features.
 #pragma once
 #include <memory>
 
 #include "ogr/FeatureBuilder.h"
+#include "ogr/FeatureRecords.h"
+#include "ogr/FeatureWriter.h"
 #include "ogr/Layer.h"
 #include "ogr/NameFilter.h"
 
 namespace kesp::ogr {
+
+class Changes;
 
 class FeatureLayer final : public Layer {
  public:
@@ -19,8 +25,15 @@ class FeatureLayer final : public Layer {
   OGRErr SetNextByIndex(GIntBig index) override;
   OGRErr SetAttributeFilter(const char* query) override;
   int TestCapability(const char* capability) override;
+  OGRErr CreateField(OGRFieldDefn* field, int approximates) override;
+  OGRErr DeleteFeature(GIntBig fid) override;
 
  protected:
+  OGRErr ICreateFeature(OGRFeature* feature) override;
+  OGRErr ISetFeature(OGRFeature* feature) override;
+  bool CanAdd() const override { return true; }
+  bool CanChange() const override { return true; }
+  bool CanDelete() const override { return true; }
   GIntBig Count() const override { return static_cast<GIntBig>(m_plan.features); }
   const Box* Bounds() const override { return &m_plan.box; }
   bool IsIndexed() const override { return true; }
@@ -32,16 +45,26 @@ class FeatureLayer final : public Layer {
   bool IsMine(const RecordView& record) const;
   std::unique_ptr<OGRFeature> Filtered(const RecordView& record);
   std::unique_ptr<OGRFeature> Finish(std::unique_ptr<OGRFeature> feature);
+  // Leaves the cursor after the record. Null if the feature is not in this layer.
+  const RecordView* Find(GIntBig fid);
+  void MakeWriter();
+  bool Amend(std::uint64_t position, const Changes& changes);
+  bool Replace(const FeatureRecords& old, Changes& changes);
+  bool Mark(GIntBig fid, Marking marking);
+  bool MarkRecords(const FeatureRecords& records, Marking marking);
 
   const Survey& m_survey;
   const LayerPlan& m_plan;
+  std::optional<FeatureWriter> m_writer;  // if the data set is open for changes
+  std::vector<FieldTarget> m_targets;     // of the fields
   Schema m_schema;
   NameFilter m_nameFilter;
   FeatureBuilder m_builder;
   Cursor m_cursor, m_random;
   std::size_t m_nextEntry = 0;
   bool m_hasBegun = false;
-  std::uint32_t m_left = 0;  // features of the entry before, still to be read
+  std::uint64_t m_entryEnd = 0;  // of the entry before
+  std::uint32_t m_left = 0;      // features of the entry before, still to be read
 };
 
 }  // namespace kesp::ogr

@@ -18,7 +18,9 @@ Layer::~Layer() { m_definition->Release(); }
 
 GDALDataset* Layer::GetDataset() { return &m_dataset; }
 
-OGRErr Layer::GetExtent(OGREnvelope* extent, int /*force*/) {
+OGRErr Layer::GetExtent(OGREnvelope* extent, int force) {
+  m_dataset.CatchUp();
+  if (m_dataset.Contents().isEdited) return OGRLayer::GetExtent(extent, force);
   const Box* const box = Bounds();
   if (box == nullptr || box->IsEmpty()) return OGRERR_FAILURE;
   extent->MinX = box->minX;
@@ -28,11 +30,25 @@ OGRErr Layer::GetExtent(OGREnvelope* extent, int /*force*/) {
   return OGRERR_NONE;
 }
 
-GIntBig Layer::GetFeatureCount(int force) { return IsFiltered() ? OGRLayer::GetFeatureCount(force) : Count(); }
+GIntBig Layer::GetFeatureCount(int force) {
+  m_dataset.CatchUp();
+  return IsFiltered() ? OGRLayer::GetFeatureCount(force) : Count();
+}
+
+OGRErr Layer::StartTransaction() { return m_dataset.StartTransaction(FALSE); }
+OGRErr Layer::CommitTransaction() { return m_dataset.CommitTransaction(); }
+OGRErr Layer::RollbackTransaction() { return m_dataset.RollbackTransaction(); }
+OGRErr Layer::SyncToDisk() { return m_dataset.Flush() ? OGRERR_NONE : OGRERR_FAILURE; }
 
 int Layer::TestCapability(const char* capability) {
   const auto is = [capability](const char* name) { return EQUAL(capability, name); };
   if (is(OLCFastFeatureCount)) return IsFiltered() ? FALSE : TRUE;
+  const bool isWritable = m_dataset.Editing() != nullptr;
+  if (is(OLCSequentialWrite)) return isWritable && CanAdd() ? TRUE : FALSE;
+  if (is(OLCRandomWrite)) return isWritable && CanChange() ? TRUE : FALSE;
+  if (is(OLCDeleteFeature)) return isWritable && CanDelete() ? TRUE : FALSE;
+  if (is(OLCTransactions)) return isWritable ? TRUE : FALSE;
+  if (is(OLCFastGetExtent) && m_dataset.Contents().isEdited) return FALSE;
   if (is(OLCRandomRead)) return IsIndexed() ? TRUE : FALSE;
   if (is(OLCFastGetExtent) || is(OLCFastSpatialFilter) || is(OLCZGeometries) || is(OLCMeasuredGeometries)) {
     return Bounds() != nullptr ? TRUE : FALSE;

@@ -23,6 +23,11 @@ class Layer : public OGRLayer {
   OGRErr GetExtent(OGREnvelope* extent, int force) override;
   GIntBig GetFeatureCount(int force) override;
   int TestCapability(const char* capability) override;
+  // A transaction, and writing to the disk, are the data set's.
+  OGRErr StartTransaction() override;
+  OGRErr CommitTransaction() override;
+  OGRErr RollbackTransaction() override;
+  OGRErr SyncToDisk() override;
 
  protected:
   Layer(Dataset& dataset, const std::string& name, OGRwkbGeometryType geometryType);
@@ -31,6 +36,10 @@ class Layer : public OGRLayer {
   virtual GIntBig Count() const = 0;
   virtual const Box* Bounds() const { return nullptr; }  // null without geometry
   virtual bool IsIndexed() const { return false; }       // GetFeature doesn't search the whole file
+  // Whether it can do so in a data set that is open for changes.
+  virtual bool CanAdd() const { return false; }
+  virtual bool CanChange() const { return false; }
+  virtual bool CanDelete() const { return false; }
 
   bool IsFiltered() const noexcept { return m_poFilterGeom != nullptr || m_poAttrQuery != nullptr; }
   Box FilterBox() const noexcept;

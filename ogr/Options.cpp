@@ -16,6 +16,20 @@ const char* const kOptionList =
     "default='BGR'><Value>BGR</Value><Value>RGB</Value></Option>"
     "</OpenOptionList>";
 
+const char* const kCreationOptionList =
+    "<CreationOptionList>"
+    "  <Option name='FILE_VERSION' type='string-select' description='Version of the file' default='3'>"
+    "<Value>1</Value><Value>2</Value><Value>3</Value></Option>"
+    "  <Option name='COLOR_ORDER' type='string-select' description='Order of the bytes of a colour, highest first' "
+    "default='BGR'><Value>BGR</Value><Value>RGB</Value></Option>"
+    "</CreationOptionList>";
+
+const char* const kLayerCreationOptionList =
+    "<LayerCreationOptionList>"
+    "  <Option name='SPLIT_MULTI' type='boolean' description='Whether a feature is written for each part of a "
+    "geometry' default='NO'/>"
+    "</LayerCreationOptionList>";
+
 namespace {
 
 // Whether the option has its second value; null when it has neither.
@@ -23,7 +37,7 @@ std::optional<bool> IsSecond(CSLConstList list, const char* name, const char* fi
   const char* const value = CSLFetchNameValueDef(list, name, first);
   if (EQUAL(value, second)) return true;
   if (EQUAL(value, first)) return false;
-  CPLError(CE_Failure, CPLE_IllegalArg, "Kesp: open option %s=%s: must be %s or %s", name, value, first, second);
+  CPLError(CE_Failure, CPLE_IllegalArg, "Kesp: option %s=%s: must be %s or %s", name, value, first, second);
   return std::nullopt;
 }
 
@@ -39,6 +53,20 @@ std::optional<Options> ParseOptions(CSLConstList list) {
   options.salvage = CPLFetchBool(list, "SALVAGE", false);
   options.includeDeleted = CPLFetchBool(list, "DELETED", false);
   options.crs = CSLFetchNameValueDef(list, "CRS", "");
+  return options;
+}
+
+std::optional<CreationOptions> ParseCreationOptions(CSLConstList list) {
+  const std::optional<bool> rgb = IsSecond(list, "COLOR_ORDER", "BGR", "RGB");
+  if (!rgb) return std::nullopt;
+  CreationOptions options;
+  options.colors = *rgb ? ColorOrder::kRgb : ColorOrder::kBgr;
+  const std::string version = CSLFetchNameValueDef(list, "FILE_VERSION", "3");
+  if (version != "1" && version != "2" && version != "3") {
+    CPLError(CE_Failure, CPLE_IllegalArg, "Kesp: option FILE_VERSION=%s: must be 1, 2 or 3", version.c_str());
+    return std::nullopt;
+  }
+  options.fileVersion = static_cast<std::uint16_t>(version[0] - '0');
   return options;
 }
 

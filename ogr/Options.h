@@ -1,5 +1,6 @@
-// The open options of the driver; docs/gdal.md explains them to users.
+// The open and creation options of the driver; docs/gdal.md explains them to users.
 #pragma once
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -18,10 +19,18 @@ struct Options {
   std::string crs;  // as OGRSpatialReference::SetFromUserInput takes it; empty if none is given
 };
 
+struct CreationOptions {
+  std::uint16_t fileVersion = 3;
+  ColorOrder colors = ColorOrder::kBgr;
+};
+
 // The options as GDAL's list describes them to users, in XML.
 extern const char* const kOptionList;
+extern const char* const kCreationOptionList;
+extern const char* const kLayerCreationOptionList;
 
 // Null, with an error reported to GDAL, when an option has a value that it can't have.
 std::optional<Options> ParseOptions(CSLConstList list);
+std::optional<CreationOptions> ParseCreationOptions(CSLConstList list);
 
 }  // namespace kesp::ogr

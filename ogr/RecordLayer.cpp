@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "ogr/Dataset.h"
+#include "ogr/FieldValues.h"
 #include "ogr/Flags.h"
 
 namespace kesp::ogr {
@@ -31,6 +32,7 @@ void RecordLayer::SetFlags(OGRFeature& row, std::uint32_t flags) const {
 void RecordLayer::ResetReading() {
   m_cursor.GoToFirst();
   m_run = {};
+  m_hasBegun = false;
 }
 
 bool RecordLayer::Skip(const RecordView& feature) {
@@ -42,6 +44,7 @@ bool RecordLayer::Skip(const RecordView& feature) {
 }
 
 OGRFeature* RecordLayer::GetNextFeature() {
+  if (!std::exchange(m_hasBegun, true)) m_dataset.CatchUp();
   while (const RecordView* const record = m_cursor.Read()) {
     if (record->Type() == KESP_RECORD_FEATURE && Skip(*record)) continue;
     m_run.See(*record);
@@ -70,6 +73,7 @@ std::unique_ptr<OGRFeature> RecordLayer::WithoutIgnored(std::unique_ptr<OGRFeatu
 
 // A position is only good if a walk comes by there: anything may be in the body of a record.
 OGRFeature* RecordLayer::GetFeature(GIntBig fid) {
+  m_dataset.CatchUp();
   if (fid < 0) return nullptr;
   const auto wanted = static_cast<std::uint64_t>(fid);
   const Directory& directory = m_dataset.Contents().directory;
@@ -86,6 +90,52 @@ OGRFeature* RecordLayer::GetFeature(GIntBig fid) {
     return IsRow(*record, run) ? WithoutIgnored(MakeRow(*record)).release() : nullptr;
   }
   return nullptr;
+}
+
+bool RecordLayer::ReadForChange(GIntBig fid, Amendments& amendments) {
+  Amendment amendment;
+  for (auto* const record : {&amendment.before, &amendment.after}) {
+    *record = m_random.ReadObject(static_cast<std::uint64_t>(fid));
+    if (*record == nullptr) return false;
+  }
+  amendments.push_back(std::move(amendment));
+  return true;
+}
+
+void RecordLayer::Mark(CKespRecord& record, bool isDeleted) {
+  if (isDeleted == record.IsDeleted()) return;
+  if (!isDeleted) return record.ClearDelete();
+  record.SetDelete();
+  record.SetSourceFlag(KESP_SRC_DELETED);
+}
+
+OGRErr RecordLayer::ISetFeature(OGRFeature* feature) {
+  if (m_dataset.Editing() == nullptr || !CanChange()) return OGRERR_UNSUPPORTED_OPERATION;
+  const std::unique_ptr<OGRFeature> before(GetFeature(feature->GetFID()));
+  Amendments amendments;
+  if (before == nullptr) return OGRERR_NON_EXISTING_FEATURE;
+  if (!ReadForChange(feature->GetFID(), amendments)) return OGRERR_FAILURE;
+  const int deleted = m_definition->GetFieldCount() - 2;
+  bool isSame = m_definition->IsGeometryIgnored() != 0 || HasSameGeometry(*before, *feature);
+  for (int field = 0; field <= deleted; ++field) isSame = isSame && HasSameValue(*before, *feature, field);
+  if (isSame) return OGRERR_NONE;
+  CKespRecord& record = *amendments.front().after;
+  record.SetSourceFlag(KESP_SRC_MODIFIED);
+  if (!Change(record, *before, *feature)) return OGRERR_FAILURE;
+  if (CanDelete() && !HasSameValue(*before, *feature, deleted)) Mark(record, feature->GetFieldAsInteger(deleted) != 0);
+  return m_dataset.Editing()->Amend(amendments) ? OGRERR_NONE : OGRERR_FAILURE;
+}
+
+OGRErr RecordLayer::DeleteFeature(GIntBig fid) {
+  if (m_dataset.Editing() == nullptr || !CanDelete()) return OGRERR_UNSUPPORTED_OPERATION;
+  const std::unique_ptr<OGRFeature> before(GetFeature(fid));
+  Amendments amendments;
+  if (before == nullptr) return OGRERR_NON_EXISTING_FEATURE;
+  if (!ReadForChange(fid, amendments)) return OGRERR_FAILURE;
+  Mark(*amendments.front().after, true);
+  if (!m_dataset.Editing()->Amend(amendments)) return OGRERR_FAILURE;
+  if (!m_dataset.File().IncludesDeleted()) CountDeletion(m_dataset.Editable());
+  return OGRERR_NONE;
 }
 
 }  // namespace kesp::ogr

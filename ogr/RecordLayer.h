@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "ogr/Box.h"
+#include "ogr/Editor.h"
 #include "ogr/Layer.h"
 #include "ogr/Run.h"
 
@@ -13,8 +14,10 @@ class RecordLayer : public Layer {
   void ResetReading() override;
   OGRFeature* GetNextFeature() override;
   OGRFeature* GetFeature(GIntBig fid) override;
+  OGRErr DeleteFeature(GIntBig fid) override;
 
  protected:
+  OGRErr ISetFeature(OGRFeature* feature) override;
   RecordLayer(Dataset& dataset, const std::string& name, OGRwkbGeometryType geometryType);
 
   // Whether the record is a row. `run` is the feature whose records come by.
@@ -23,6 +26,11 @@ class RecordLayer : public Layer {
   virtual std::unique_ptr<OGRFeature> MakeRow(const RecordView& record) = 0;
   // Whether the row can be outside the spatial filter and need not be made.
   virtual bool IsOutside(const RecordView& /*record*/) const { return false; }
+  // Puts the values of a row that are not what they were into the record. False, with an error, if it can't have them.
+  virtual bool Change(CKespRecord& /*record*/, const OGRFeature& /*before*/, const OGRFeature& /*now*/) {
+    return false;
+  }
+  virtual void CountDeletion(Survey& /*survey*/) const {}
   // Where to go on, when the walk is at a feature.
   virtual std::uint64_t SkipFrom(std::uint64_t position) { return position; }
   bool IsWanted(int field) const { return m_definition->GetFieldDefn(field)->IsIgnored() == FALSE; }
@@ -37,9 +45,13 @@ class RecordLayer : public Layer {
   bool PassesFilters(OGRFeature& row);
   std::unique_ptr<OGRFeature> WithoutIgnored(std::unique_ptr<OGRFeature> row) const;
   bool Skip(const RecordView& feature);
+  // Reads the record twice, for an Amendment.
+  bool ReadForChange(GIntBig fid, Amendments& amendments);
+  static void Mark(CKespRecord& record, bool isDeleted);
 
   Cursor m_cursor, m_random;
   Run m_run;
+  bool m_hasBegun = false;
 };
 
 }  // namespace kesp::ogr

@@ -15,7 +15,7 @@ std::vector<std::size_t> LayersOf(Survey& survey, std::uint32_t feature) {
   std::vector<std::size_t> layers;
   if (const auto entry = survey.directory.Find(feature)) {
     survey.ForLayersOf(survey.directory.Entries()[*entry],
-                       [&](const LayerPlan& layer) { layers.push_back(survey.Index(layer)); });
+                       [&](const LayerPlan& layer) { layers.push_back(layer.index); });
   }
   return layers;
 }

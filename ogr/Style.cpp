@@ -20,4 +20,12 @@ std::string StyleOf(KESP_FEATURE_TYPE kind, std::uint32_t color, ColorOrder orde
   return style.data();
 }
 
+std::uint32_t ColorIn(const std::string& style, ColorOrder order) {
+  const std::size_t at = style.find("c:#");
+  unsigned red = 0, green = 0, blue = 0;
+  if (at == std::string::npos || std::sscanf(style.c_str() + at, "c:#%2x%2x%2x", &red, &green, &blue) != 3) return 0;
+  if (order == ColorOrder::kRgb) std::swap(red, blue);
+  return blue << 16 | green << 8 | red;
+}
+
 }  // namespace kesp::ogr

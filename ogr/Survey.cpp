@@ -16,8 +16,32 @@ void LayerPlan::Add(std::size_t attribute) {
 
 Survey::Survey(LayerSplit layerSplit, std::size_t mostEntries) : split(layerSplit), directory(mostEntries) {
   for (const KESP_FEATURE_TYPE kind : {KESP_FEATURE_POINT, KESP_FEATURE_LINE, KESP_FEATURE_AREA}) {
-    layers.emplace_back().kind = kind;
+    AddLayer(kind);
   }
+}
+
+LayerPlan& Survey::AddLayer(KESP_FEATURE_TYPE kind) {
+  const std::size_t index = layers.size();
+  LayerPlan& layer = layers.emplace_back();
+  layer.index = index;
+  layer.kind = kind;
+  return layer;
+}
+
+void Survey::Forget() {
+  directory.Forget();
+  for (LayerPlan& layer : layers) {
+    layer.features = 0;
+    layer.box = {};
+  }
+  points = notes = tags = links = 0;
+  box = {};
+  linked.clear();
+  changeFlags.clear();
+  consumedNotes.clear();
+  metadata.clear();
+  lastFeature = lastPoint = 0;
+  isEdited = hasHeader = false;
 }
 
 std::size_t Survey::LayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) const {
@@ -29,10 +53,7 @@ std::size_t Survey::LayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) const {
 std::size_t Survey::MakeLayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) {
   if (split == LayerSplit::kByName && name != kFurtherName && layers.size() < kMostLayers) {
     const auto [place, isNew] = m_layerOf.try_emplace({kind, name}, layers.size());
-    if (isNew) {
-      layers.emplace_back().kind = kind;
-      layers.back().name = name;
-    }
+    if (isNew) AddLayer(kind).name = name;
     return place->second;
   }
   return LayerOf(kind, name);

@@ -2,6 +2,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,6 +21,7 @@ namespace kesp::ogr {
 
 // A layer of features: those of one kind, or of one kind and one name.
 struct LayerPlan {
+  std::size_t index = 0;  // in Survey::layers
   KESP_FEATURE_TYPE kind = KESP_FEATURE_POINT;
   std::optional<std::size_t> name;  // see Survey::names; a layer without one takes what no other takes
   std::uint64_t features = 0;
@@ -57,13 +59,14 @@ struct Survey {
       }
     }
   }
-  std::size_t Index(const LayerPlan& layer) const noexcept { return static_cast<std::size_t>(&layer - layers.data()); }
+  // Forgets what depends on where records are. Names, attributes and layers keep their codes and places.
+  void Forget();
 
   LayerSplit split;
   Directory directory;
   TextTable names{kMostNames, LetterCase::kMatters};  // of features
   Attributes attributes;
-  std::vector<LayerPlan> layers;  // the first three have no name: points, lines, areas
+  std::deque<LayerPlan> layers;  // the first three have no name: points, lines, areas
   std::uint64_t points = 0;
   Box box;  // of all points of features
   std::uint64_t notes = 0, tags = 0, links = 0;
@@ -72,14 +75,14 @@ struct Survey {
   std::vector<std::uint64_t> consumedNotes;                      // positions of notes that belong to the header
   std::vector<std::pair<std::string, std::string>> metadata;
   bool hasHeader = false;
+  bool isEdited = false;  // boxes may be too large, and features may have gone
   WalkEnd end;
-  std::optional<std::uint32_t> openFeature;  // the last feature, if its end record is missing
+  std::uint32_t lastFeature = 0, lastPoint = 0;  // the highest numbers
+  std::optional<std::uint32_t> openFeature;      // the last feature, if its end record is missing
 
  private:
+  LayerPlan& AddLayer(KESP_FEATURE_TYPE kind);
   std::map<std::pair<KESP_FEATURE_TYPE, std::uint16_t>, std::size_t> m_layerOf;
 };
-
-// Reads the whole file.
-void ReadSurvey(SurveyFile& file, Survey& survey);
 
 }  // namespace kesp::ogr

@@ -1,40 +1,48 @@
 #include "ogr/SurveyFile.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <system_error>
 
 #include <cpl_error.h>
+#include <cpl_vsi.h>
 
 #include "kesp/platform/Exception.h"
+#include "kesp/records/KespTavoHeader.h"
 #include "ogr/VsiSource.h"
 
 namespace kesp::ogr {
-
 namespace {
 
+std::string WhyRefused(const CKespDataFile& container) {
+  const int osError = container.GetSystemError();
+  if (osError == EWOULDBLOCK) return "somebody else has the file open for writing";
+  return osError != 0 ? std::generic_category().message(osError) : container.GetErrorString().ToUtf8();
+}
+
 // Returns the reason if the file can't be opened; an empty text if it is open.
-std::string TryOpen(CKespDataFile& container, const std::string& path) {
+std::string TryOpen(CKespDataFile& container, const std::string& path, SurveyFile::Access access) {
   bool isOpen = false;
+  const CString name = CString::FromPathBytes(path);
   if (IsVsiPath(path)) {
+    if (access == SurveyFile::Access::kWrite) return "only files of the system can be changed";
     std::unique_ptr<ByteSource> source = OpenVsi(path);
     if (source == nullptr) return std::generic_category().message(errno != 0 ? errno : ENOENT);
-    isOpen = container.OpenReadOnly(std::move(source), CString::FromPathBytes(path));
+    isOpen = container.OpenReadOnly(std::move(source), name);
   } else {
-    isOpen = container.OpenReadOnly(CString::FromPathBytes(path));
+    isOpen = access == SurveyFile::Access::kWrite ? container.Open(name) : container.OpenReadOnly(name);
   }
-  if (isOpen) return {};
-  const int osError = container.GetSystemError();
-  return osError != 0 ? std::generic_category().message(osError) : container.GetErrorString().ToUtf8();
+  return isOpen ? std::string() : WhyRefused(container);
 }
 
 }  // namespace
 
-std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool includeDeleted) {
+std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool includeDeleted, Access access) {
   auto file = std::make_unique<SurveyFile>();
   file->m_includeDeleted = includeDeleted;
   CKespDataFile& container = file->m_container;
-  if (const std::string why = TryOpen(container, path); !why.empty()) {
+  if (const std::string why = TryOpen(container, path, access); !why.empty()) {
     CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), why.c_str());
     return nullptr;
   }
@@ -45,6 +53,36 @@ std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool inclu
   // What another program appends from now on is in no layer.
   container.LimitLength(file->Length());
   return file;
+}
+
+std::unique_ptr<SurveyFile> SurveyFile::Create(const std::string& path, std::uint16_t version) {
+  auto file = std::make_unique<SurveyFile>();
+  CKespDataFile& container = file->m_container;
+  container.m_version = version;
+  VSIStatBufL info;
+  if (VSIStatL(path.c_str(), &info) == 0) {
+    CPLError(CE_Failure, CPLE_OpenFailed, "%s: exists", path.c_str());
+    return nullptr;
+  }
+  if (!container.Create(CString::FromPathBytes(path))) {
+    CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), WhyRefused(container).c_str());
+    return nullptr;
+  }
+  CKespTavoHeader header;
+  header.m_recordVersion = std::min<std::uint16_t>(version, 2);
+  if (!container.AppendRecord(&header, 0)) {
+    CPLError(CE_Failure, CPLE_OpenFailed, "%s: %s", path.c_str(), WhyRefused(container).c_str());
+    container.Close();
+    VSIUnlink(path.c_str());
+    return nullptr;
+  }
+  file->TakeLength();
+  return file;
+}
+
+CKespDataFile& SurveyFile::ForWriting() noexcept {
+  if (m_user != nullptr) m_user->LetGo();
+  return m_container;
 }
 
 std::string WalkEnd::Cause() const {
@@ -119,7 +157,7 @@ std::unique_ptr<CKespRecord> Cursor::ReadObject(std::uint64_t position) {
 bool Cursor::Step() {
   m_before = m_view.Position();
   try {
-    if (m_file.m_container.ReadNextView(m_view, !m_file.m_includeDeleted)) return true;
+    if (m_file.m_container.ReadNextView(m_view, m_skipsDeleted)) return true;
     EndWith(m_file.m_container.GetError());
   } catch (const CFileException& e) {
     // A feature of version 1 that is cut short is raised where others leave a code.

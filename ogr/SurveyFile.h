@@ -19,13 +19,21 @@ class Cursor;
 
 class SurveyFile {
  public:
-  // Opens the file read-only. Null, with an error reported to GDAL, when it can't be opened or is longer than the
-  // format's positions reach.
-  static std::unique_ptr<SurveyFile> Open(const std::string& path, bool includeDeleted);
+  // Null, with an error reported to GDAL, when the file can't be opened, somebody else has it open for writing, or it
+  // is longer than the format's positions reach.
+  enum class Access { kRead, kWrite };
+  static std::unique_ptr<SurveyFile> Open(const std::string& path, bool includeDeleted, Access access = Access::kRead);
+  // Makes a file of this version that has one header record. Null, with an error, if anything is at the path.
+  static std::unique_ptr<SurveyFile> Create(const std::string& path, std::uint16_t version);
 
   CKespDataFile& Container() noexcept { return m_container; }
   std::uint64_t Length() noexcept { return m_container.m_file.KnownLength(); }
   bool IncludesDeleted() const noexcept { return m_includeDeleted; }
+  bool IsWritable() const noexcept { return m_container.m_file.IsWritable(); }
+  // For an operation that moves the file's position. Cursors go on afterwards where they were.
+  CKespDataFile& ForWriting() noexcept;
+  // From now on what was appended can be read.
+  void TakeLength() noexcept { m_container.LimitLength(Length()); }
 
  private:
   friend class Cursor;
@@ -46,7 +54,10 @@ struct WalkEnd {
 
 class Cursor {
  public:
-  explicit Cursor(SurveyFile& file) noexcept : m_file(file) {}
+  // kAll gets records that are marked as deleted, also if the file doesn't include them.
+  enum class Deleted { kAsFile, kAll };
+  explicit Cursor(SurveyFile& file, Deleted deleted = Deleted::kAsFile) noexcept
+      : m_file(file), m_skipsDeleted(deleted == Deleted::kAsFile && !file.IncludesDeleted()) {}
   ~Cursor();
   Cursor(const Cursor&) = delete;
   Cursor& operator=(const Cursor&) = delete;
@@ -71,7 +82,9 @@ class Cursor {
   bool Step();
   void EndWith(KESP_ERROR_TYPE error);
 
+  friend class SurveyFile;
   SurveyFile& m_file;
+  bool m_skipsDeleted;
   RecordView m_view;
   bool m_isPending = false;
   Start m_start = Start::kFirst;

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <memory>
 
+#include "kesp/records/KespNote.h"
 #include "kesp/records/KespTag.h"
 #include "ogr/Dataset.h"
+#include "ogr/FieldValues.h"
 #include "ogr/Tags.h"
 #include "ogr/Utf8Text.h"
 #include "ogr/Values.h"
@@ -45,6 +47,40 @@ std::unique_ptr<OGRFeature> NoteLayer::MakeRow(const RecordView& record) {
   SetText(*row, kNoteText, record.AsNote().NoteText(), m_buffer);
   SetFlags(*row, record.Flags());
   return row;
+}
+
+OGRErr NoteLayer::CreateField(OGRFieldDefn* field, int /*approximates*/) {
+  if (m_definition->GetFieldIndex(field->GetNameRef()) >= 0) return OGRERR_NONE;
+  CPLError(CE_Failure, CPLE_NotSupported, "Kesp: notes can't have a field %s", field->GetNameRef());
+  return OGRERR_FAILURE;
+}
+
+OGRErr NoteLayer::ICreateFeature(OGRFeature* feature) {
+  Editor* const editor = m_dataset.Editing();
+  if (editor == nullptr) return OGRERR_UNSUPPORTED_OPERATION;
+  CKespNote blank;
+  blank.m_recordVersion = editor->RecordVersion(blank.m_recordVersion);
+  auto note = std::make_unique<CKespNote>(blank);
+  note->NoteText = CString::FromUtf8(feature->GetFieldAsString(kNoteText));
+  if (!CKespDataFile::CanAmend(blank, *note)) {
+    CPLError(CE_Failure, CPLE_NotSupported, "Kesp: a note has at most 255 characters%s",
+             editor->FileVersion() == 1 ? ", all of Latin-1" : "");
+    return OGRERR_FAILURE;
+  }
+  const int edited = m_definition->GetFieldCount() - 1;
+  if (feature->IsFieldSetAndNotNull(edited) && feature->GetFieldAsInteger(edited) != 0) {
+    note->SetSourceFlag(KESP_SRC_MODIFIED);
+  }
+  if (feature->IsFieldSetAndNotNull(edited - 1) && feature->GetFieldAsInteger(edited - 1) != 0) note->SetDelete();
+  Records records;
+  records.push_back(std::move(note));
+  return editor->Append(std::move(records)) ? OGRERR_NONE : OGRERR_FAILURE;
+}
+
+bool NoteLayer::Change(CKespRecord& record, const OGRFeature& before, const OGRFeature& now) {
+  auto& note = static_cast<CKespNote&>(record);
+  if (!HasSameValue(before, now, kNoteText)) note.NoteText = CString::FromUtf8(now.GetFieldAsString(kNoteText));
+  return true;
 }
 
 TagLayer::TagLayer(Dataset& dataset) : RecordLayer(dataset, kName, wkbNone) {

@@ -8,11 +8,19 @@ class NoteLayer final : public RecordLayer {
  public:
   static constexpr const char* kName = "notes";
   explicit NoteLayer(Dataset& dataset);
+  // Only for a field that is there already, as other programs copy them.
+  OGRErr CreateField(OGRFieldDefn* field, int approximates) override;
 
  protected:
   GIntBig Count() const override;
   bool IsRow(const RecordView& record, const Run& run) const override;
   std::unique_ptr<OGRFeature> MakeRow(const RecordView& record) override;
+  OGRErr ICreateFeature(OGRFeature* feature) override;
+  bool Change(CKespRecord& record, const OGRFeature& before, const OGRFeature& now) override;
+  void CountDeletion(Survey& survey) const override { --survey.notes; }
+  bool CanAdd() const override { return true; }
+  bool CanChange() const override { return true; }
+  bool CanDelete() const override { return true; }
 };
 
 // All tags but those that are in LinkLayer.

@@ -98,14 +98,16 @@ void CopyValueText(const AttributeView& attribute, std::string& utf8) {
 }
 
 void SetValue(OGRFeature& feature, int field, OGRFieldType type, const AttributeView& attribute, std::string& buffer) {
-  if (type == OFTReal) return feature.SetField(field, attribute.Value());
-  if (type == OFTDateTime) {
+  const int kind = attribute.AttributeKind();
+  if (type != OFTString && kind == KESP_ATTRIBUTE_NUMERIC) return feature.SetField(field, attribute.Value());
+  if (type != OFTString && kind == KESP_ATTRIBUTE_DATE) {
     const std::optional<DateTime> date = FromDate(attribute.Value());
     if (!date) return feature.SetFieldNull(field);
     return Set(feature, field, *date, kUnknownZone);
   }
+  if (type != OFTString) return feature.SetFieldNull(field);
   CopyValueText(attribute, buffer);
-  if (buffer.empty() && attribute.AttributeKind() != KESP_ATTRIBUTE_STRING) return feature.SetFieldNull(field);
+  if (buffer.empty() && kind != KESP_ATTRIBUTE_STRING) return feature.SetFieldNull(field);
   feature.SetField(field, buffer.c_str());
 }
 

@@ -20,7 +20,7 @@ std::string TimeText(std::int64_t time);  // 2024-06-10T08:15:00Z
 // An attribute's value as a text: its text, its number with its decimals, or its date as 2024-06-10T12:00:00. Empty if
 // it has none.
 void CopyValueText(const AttributeView& attribute, std::string& utf8);
-// Sets the field, which has one of the types of AttributeTraits::FieldType. Sets null if the attribute has no value.
+// Sets the field of that type. Sets null if the attribute has no value.
 void SetValue(OGRFeature& feature, int field, OGRFieldType type, const AttributeView& attribute, std::string& buffer);
 
 }  // namespace kesp::ogr

@@ -5,6 +5,8 @@
 #include <ogr_geometry.h>
 
 #include "ogr/Dataset.h"
+#include "ogr/FieldValues.h"
+#include "ogr/Shapes.h"
 #include "ogr/Values.h"
 
 namespace kesp::ogr {
@@ -100,6 +102,77 @@ std::unique_ptr<OGRFeature> VertexLayer::MakeRow(const RecordView& record) {
   geometry->assignSpatialReference(m_dataset.CoordinateSystem());
   row->SetGeometryDirectly(geometry.release());
   return row;
+}
+
+bool VertexLayer::Change(CKespRecord& record, const OGRFeature& before, const OGRFeature& now) {
+  auto& point = static_cast<CKespPoint&>(record);
+  for (int field = 0; field < m_definition->GetFieldCount() - 1; ++field) {
+    if (!HasSameValue(before, now, field) && !PutValue(point, now, field)) return false;
+  }
+  return m_definition->IsGeometryIgnored() || HasSameGeometry(before, now) || PutPlace(point, now);
+}
+
+bool VertexLayer::PutValue(CKespPoint& point, const OGRFeature& now, int field) const {
+  const auto number = [&](GIntBig most) -> std::optional<std::uint16_t> {
+    const GIntBig value = now.GetFieldAsInteger64(field);
+    if (value < 0 || value > most) return std::nullopt;
+    return static_cast<std::uint16_t>(value);
+  };
+  constexpr GIntBig kMost16 = 0xFFFF, kMostStatus = 10;
+  switch (field) {
+    case kText:
+      point.PointText = CString::FromUtf8(now.GetFieldAsString(field));
+      return true;
+    case kGpsValue:
+      point.GpsValue = now.GetFieldAsDouble(field);
+      return true;
+    case kOffset1:
+      point.Offset1 = now.GetFieldAsDouble(field);
+      return true;
+    case kOffset2:
+      point.Offset2 = now.GetFieldAsDouble(field);
+      return true;
+    case kStatus:
+      if (const auto status = number(kMostStatus)) return point.SignalStatus = KESP_SIGNAL_STATUS{*status}, true;
+      break;
+    case kGpsNumber:
+      if (const auto value = number(kMost16)) return point.GpsNumber = *value, true;
+      break;
+    case kHasOffset:
+      if (const auto value = number(1)) return point.HasOffset = *value, true;
+      break;
+    default:
+      break;
+  }
+  CPLError(CE_Failure, CPLE_NotSupported, "Kesp: %s of a vertex can't be changed to %s%s",
+           m_definition->GetFieldDefn(field)->GetNameRef(), now.GetFieldAsString(field),
+           field == kTime || field == kZ ? ": change its geometry" : "");
+  return false;
+}
+
+bool VertexLayer::PutPlace(CKespPoint& point, const OGRFeature& now) {
+  std::string why;
+  const auto shapes = ShapesOf(now.GetGeometryRef(), MultiGeometries::kRefuse, why);
+  if (!shapes || shapes->front().kind != KESP_FEATURE_POINT) {
+    CPLError(CE_Failure, CPLE_NotSupported, "Kesp: the geometry of a vertex: %s", shapes ? "no point" : why.c_str());
+    return false;
+  }
+  const Shape& shape = shapes->front();
+  const Vertex& vertex = shape.vertices.front();
+  point.CoordX = vertex.x;
+  point.CoordY = vertex.y;
+  if (shape.hasZ) point.CoordZ = vertex.z;
+  if (shape.hasTime) point.PointTime = vertex.time;
+  Survey& survey = m_dataset.Editable();
+  survey.isEdited = true;
+  // Of the feature, wherever the point's record is.
+  Box box;
+  box.Include(vertex.x, vertex.y);
+  const auto owner = survey.directory.IsStraggler(point.FeatureNumber, point.m_filePosition)
+                         ? survey.directory.Find(point.FeatureNumber)
+                         : survey.directory.At(point.m_filePosition);
+  if (owner) survey.directory.Grow(*owner, box);
+  return true;
 }
 
 }  // namespace kesp::ogr

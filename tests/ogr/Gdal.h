@@ -19,11 +19,17 @@ struct CloseDataset {
 using DatasetPtr = std::unique_ptr<GDALDataset, CloseDataset>;
 using FeaturePtr = OGRFeatureUniquePtr;
 
-inline DatasetPtr Open(const std::filesystem::path& path, const std::vector<std::string>& options = {}) {
+inline CPLStringList ListOf(const std::vector<std::string>& options) {
   CPLStringList list;
   for (const std::string& option : options) list.AddString(option.c_str());
+  return list;
+}
+
+inline DatasetPtr Open(const std::filesystem::path& path, const std::vector<std::string>& options = {},
+                       unsigned flags = GDAL_OF_READONLY) {
+  const CPLStringList list = ListOf(options);
   const char* const drivers[] = {"Kesp", nullptr};
-  return DatasetPtr(GDALDataset::Open(path.c_str(), GDAL_OF_VECTOR, drivers, list.List(), nullptr));
+  return DatasetPtr(GDALDataset::Open(path.c_str(), GDAL_OF_VECTOR | flags, drivers, list.List(), nullptr));
 }
 
 // A file of these bytes, opened.

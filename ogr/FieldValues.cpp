@@ -1,0 +1,42 @@
+#include "ogr/FieldValues.h"
+
+#include <cstring>
+#include <vector>
+
+#include <ogr_geometry.h>
+
+namespace kesp::ogr {
+namespace {
+
+std::vector<unsigned char> BytesOf(const OGRGeometry* geometry) {
+  if (geometry == nullptr) return {};
+  std::vector<unsigned char> bytes(static_cast<std::size_t>(geometry->WkbSize()));
+  geometry->exportToWkb(wkbNDR, bytes.data(), wkbVariantIso);
+  return bytes;
+}
+
+}  // namespace
+
+bool HasSameValue(const OGRFeature& a, const OGRFeature& b, int field) {
+  const bool has = a.IsFieldSetAndNotNull(field);
+  if (has != b.IsFieldSetAndNotNull(field)) return false;
+  if (!has) return true;
+  const OGRField* const one = a.GetRawFieldRef(field);
+  const OGRField* const other = b.GetRawFieldRef(field);
+  switch (a.GetFieldDefnRef(field)->GetType()) {
+    case OFTInteger:
+      return one->Integer == other->Integer;
+    case OFTInteger64:
+      return one->Integer64 == other->Integer64;
+    case OFTReal:
+      return std::memcmp(&one->Real, &other->Real, sizeof one->Real) == 0;
+    default:
+      return std::strcmp(a.GetFieldAsString(field), b.GetFieldAsString(field)) == 0;
+  }
+}
+
+bool HasSameGeometry(const OGRFeature& a, const OGRFeature& b) {
+  return BytesOf(a.GetGeometryRef()) == BytesOf(b.GetGeometryRef());
+}
+
+}  // namespace kesp::ogr
