@@ -37,7 +37,7 @@ class ColumnsTest : public OneFile {
         }
       };
       expectSame(RowsAtOnce(file, includeDeleted), true);
-      for (const std::size_t batchRows : {0, 1, 2, 7, 5000}) {
+      for (const std::size_t batchRows : {0, 1, 2, 7, 400, 5000}) {
         SCOPED_TRACE(batchRows);
         expectSame(RowsInBatches(file, includeDeleted, batchRows, batchRows == 2), placesInBatches);
       }
@@ -48,6 +48,7 @@ class ColumnsTest : public OneFile {
 // Points of the newest version in long runs and alone, other versions, flags, deleted ones, features inside features.
 TEST_F(ColumnsTest, HoldWhatObjectsHold) {
   ByteVector records = Sample(3, 2) + Point(1, 0, 0);  // a point before its feature has none
+  for (std::uint32_t number = 200; number < 500; ++number) records = records + Feature(number) + EndOf(number);
   for (std::uint32_t number = 1; number < 40; ++number) {
     records = records + Feature(number) +
               Attribute(number, number % 3 == 0 ? "Girth" : "Gir", "thick", 0, number % 2 == 0 ? 2 : 3, 2.5);
@@ -59,7 +60,6 @@ TEST_F(ColumnsTest, HoldWhatObjectsHold) {
       records = records + Feature(100 + number) + Point(100 + number, 1, 1) + Point(number, 9, 9) + EndOf(100 + number);
     records = records + Attribute(number, "State", "") + EndOf(number);
   }
-  for (std::uint32_t number = 200; number < 500; ++number) records = records + Feature(number) + EndOf(number);
   for (const auto& [type, version] : kEveryClass)
     records = records + Sample(type, version) + Sample(type, version, 0x301);
   Open(records + Attribute(7, "", "", 0, 1) + Feature(7) + EndOf(7) + Sample(2, 2), true);

@@ -55,6 +55,15 @@ TEST_F(KespDataFileViewing, ShowsTheRecordAsItIsStored) {
   }
 }
 
+// Even if the version and the length together are those of a feature.
+TEST_F(KespDataFileViewing, RefusesVersionsThatDontExist) {
+  for (const std::uint32_t type : {KESP_RECORD_HEADER, KESP_RECORD_FEATURE_END, KESP_RECORD_NOTE, KESP_RECORD_TAG}) {
+    Open(Record(type, 3, 0, Hex("00*524")), true);
+    EXPECT_FALSE(file.ReadNextView(view, true)) << type;
+    EXPECT_EQ(file.GetError(), KESP_ERROR_VERSION) << type;
+  }
+}
+
 TEST_F(KespDataFileViewing, StopsAtSkippedRecordsWhenAsked) {
   Open(EndOf(1, 1) + Record(200, 9, 8, Hex("aa")) + EndOf(2) + Record(12, 1, 1, Hex("bb*2")) +
            Record(8, 1, 1, Hex("cc")),
