@@ -161,7 +161,8 @@ void AddPoints(const FeatureWriter& writer, const FeatureRecords& old, const std
                Records& records) {
   const auto& points = old.points;
   const std::size_t most = std::min(points.size(), vertices.size());
-  std::size_t first = 0, last = 0;  // how many
+  std::size_t first = 0;
+  std::size_t last = 0;
   while (first < most && IsAt(*points[first], vertices[first])) ++first;
   while (last < most - first && IsAt(*points[points.size() - 1 - last], vertices[vertices.size() - 1 - last])) ++last;
   for (std::size_t i = 0; i < vertices.size(); ++i) {

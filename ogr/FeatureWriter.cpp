@@ -96,7 +96,8 @@ bool FeatureWriter::PutNumber(const OGRFeature& feature, int field, std::uint32_
 
 bool FeatureWriter::PutOwn(CKespFeature& record, const OGRFeature& feature, const std::vector<FieldTarget>& targets,
                            Own wanted) {
-  const int name = FieldOf(feature, targets, Role::kName), color = FieldOf(feature, targets, Role::kColor);
+  const int name = FieldOf(feature, targets, Role::kName);
+  const int color = FieldOf(feature, targets, Role::kColor);
   const int symbol = FieldOf(feature, targets, Role::kSymbol);
   if (wanted.name) {
     const std::string text = name != Schema::kNone ? feature.GetFieldAsString(name) : m_settings.name;
@@ -180,7 +181,8 @@ bool FeatureWriter::AddFurther(const char* json, Records& records) {
 }
 
 void FeatureWriter::Mark(const OGRFeature& feature, const std::vector<FieldTarget>& targets, Records& records) {
-  const int deleted = FieldOf(feature, targets, Role::kDeleted), edited = FieldOf(feature, targets, Role::kEdited);
+  const int deleted = FieldOf(feature, targets, Role::kDeleted);
+  const int edited = FieldOf(feature, targets, Role::kEdited);
   const bool isDeleted = deleted != Schema::kNone && feature.GetFieldAsInteger(deleted) != 0;
   const bool isEdited = edited != Schema::kNone && feature.GetFieldAsInteger(edited) != 0;
   if (isEdited) records.front()->SetSourceFlag(KESP_SRC_MODIFIED);
@@ -223,7 +225,8 @@ bool FeatureWriter::Write(OGRFeature& feature, const std::vector<FieldTarget>& t
   std::uint64_t first = 0;
   if (!shapes || !ChooseNumber(feature, targets, first)) return false;
   Records all;
-  std::uint64_t number = first, point = m_editor.NextPoint();
+  std::uint64_t number = first;
+  std::uint64_t point = m_editor.NextPoint();
   for (Shape& shape : *shapes) {
     OpenRing(shape);
     Records records;

@@ -48,7 +48,8 @@ std::uint16_t DecimalsOf(double value) {
   const std::size_t point = digits.find('.');
   if (point == std::string::npos) return 0;
   const std::size_t exponent = std::min(digits.find('e'), digits.size());
-  const int more = exponent < digits.size() ? -std::atoi(digits.c_str() + exponent + 1) : 0;
+  const int more =
+      exponent < digits.size() ? -static_cast<int>(std::strtol(digits.c_str() + exponent + 1, nullptr, 10)) : 0;
   return static_cast<std::uint16_t>(
       std::clamp(static_cast<int>(exponent - point) - 1 + more, 0, AttributeTraits::kMostDecimals));
 }
@@ -56,23 +57,31 @@ std::uint16_t DecimalsOf(double value) {
 // Days since 30 December 1899; the fraction counts forward from the day, also below zero. A time with a zone is given
 // in UTC.
 std::optional<double> DateOf(const OGRFeature& feature, int field, std::string& why) {
-  int year = 0, month = 0, day = 0, hour = 0, minute = 0, zone = 0;
+  int year = 0;
+  int month = 0;
+  int day = 0;
+  int hour = 0;
+  int minute = 0;
+  int zone = 0;
   float second = 0;
   feature.GetFieldAsDateTime(field, &year, &month, &day, &hour, &minute, &second, &zone);
   constexpr std::chrono::sys_days kZero = std::chrono::year(1899) / 12 / 30;
   const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
                                          std::chrono::day(static_cast<unsigned>(day))};
-  constexpr int kFirstYear = 100, kLastYear = 9999;
+  constexpr int kFirstYear = 100;
+  constexpr int kLastYear = 9999;
   if (!date.ok() || year < kFirstYear || year > kLastYear) {
     why = "a date must be in the years 100 to 9999";
     return std::nullopt;
   }
-  constexpr int kUtc = 100, kMinutesPerZone = 15;
-  constexpr std::int64_t kPerMinute = 60'000, kPerDay = 86'400'000;
+  constexpr int kUtc = 100;
+  constexpr int kMinutesPerZone = 15;
+  constexpr std::int64_t kPerMinute = 60'000;
+  constexpr std::int64_t kPerDay = 86'400'000;
   const int zoneMinutes = zone > 1 ? (zone - kUtc) * kMinutesPerZone : 0;
   const std::int64_t inDay =
       (std::int64_t{hour} * 60 + minute - zoneMinutes) * kPerMinute + std::llround(second * 1000.0F);
-  const std::int64_t days = (std::chrono::sys_days(date) - kZero).count();
+  const std::int64_t days = (std::chrono::sys_days{date} - kZero).count();
   const std::int64_t whole = days + (inDay >= 0 ? inDay / kPerDay : (inDay - kPerDay + 1) / kPerDay);
   const double fraction = static_cast<double>(inDay - (whole - days) * kPerDay) / static_cast<double>(kPerDay);
   const double value = static_cast<double>(whole) + (whole < 0 ? -fraction : fraction);

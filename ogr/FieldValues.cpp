@@ -1,5 +1,6 @@
 #include "ogr/FieldValues.h"
 
+#include <bit>
 #include <cstring>
 #include <vector>
 
@@ -29,7 +30,7 @@ bool HasSameValue(const OGRFeature& a, const OGRFeature& b, int field) {
     case OFTInteger64:
       return one->Integer64 == other->Integer64;
     case OFTReal:
-      return std::memcmp(&one->Real, &other->Real, sizeof one->Real) == 0;
+      return std::bit_cast<std::uint64_t>(one->Real) == std::bit_cast<std::uint64_t>(other->Real);
     default:
       return std::strcmp(a.GetFieldAsString(field), b.GetFieldAsString(field)) == 0;
   }

@@ -25,7 +25,10 @@ constexpr Text kTexts[] = {
 bool PutExtent(CKespTavoHeader& header, const char* value) {
   const CPLStringList parts(CSLTokenizeString2(value, ",", 0));
   if (parts.size() != 4) return false;
-  const double minX = CPLAtof(parts[0]), minY = CPLAtof(parts[1]), maxX = CPLAtof(parts[2]), maxY = CPLAtof(parts[3]);
+  const double minX = CPLAtof(parts[0]);
+  const double minY = CPLAtof(parts[1]);
+  const double maxX = CPLAtof(parts[2]);
+  const double maxY = CPLAtof(parts[3]);
   if (!std::isfinite(maxX - minX) || !std::isfinite(maxY - minY)) return false;
   header.ExtentMinX = minX;
   header.ExtentMinY = minY;

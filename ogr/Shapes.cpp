@@ -50,7 +50,7 @@ class Shaping {
   bool AddManyPoints(const OGRMultiPoint& points) {
     Shape& shape = NewShape(points, KESP_FEATURE_POINT);
     for (const OGRPoint* const point : points) {
-      if (!point->IsEmpty() && !AddVertex(shape, *point)) return false;
+      if (point->IsEmpty() == FALSE && !AddVertex(shape, *point)) return false;
     }
     return true;
   }
@@ -59,10 +59,9 @@ class Shaping {
       return Refuse("a feature has one part, and this geometry has " + std::to_string(parts.getNumGeometries()) +
                     "; the layer creation option SPLIT_MULTI=YES makes a feature of each");
     }
-    for (const OGRGeometry* const part : parts) {
-      if (!part->IsEmpty() && !Add(*part)) return false;
-    }
-    return true;
+    bool isGood = true;
+    for (const OGRGeometry* const part : parts) isGood = isGood && (part->IsEmpty() != FALSE || Add(*part));
+    return isGood;
   }
 
   bool AddVertices(Shape& shape, const OGRSimpleCurve& curve) {
@@ -96,7 +95,7 @@ class Shaping {
 }  // namespace
 
 std::optional<std::vector<Shape>> ShapesOf(const OGRGeometry* geometry, MultiGeometries multi, std::string& why) {
-  if (geometry == nullptr || geometry->IsEmpty()) {
+  if (geometry == nullptr || geometry->IsEmpty() != FALSE) {
     why = "a feature needs a geometry that is not empty";
     return std::nullopt;
   }

@@ -1,7 +1,9 @@
 #include "ogr/Style.h"
 
 #include <array>
+#include <charconv>
 #include <cstdio>
+#include <string_view>
 #include <utility>
 
 namespace kesp::ogr {
@@ -21,11 +23,15 @@ std::string StyleOf(KESP_FEATURE_TYPE kind, std::uint32_t color, ColorOrder orde
 }
 
 std::uint32_t ColorIn(const std::string& style, ColorOrder order) {
-  const std::size_t at = style.find("c:#");
-  unsigned red = 0, green = 0, blue = 0;
-  if (at == std::string::npos || std::sscanf(style.c_str() + at, "c:#%2x%2x%2x", &red, &green, &blue) != 3) return 0;
-  if (order == ColorOrder::kRgb) std::swap(red, blue);
-  return blue << 16 | green << 8 | red;
+  constexpr std::string_view kBefore = "c:#";
+  constexpr std::size_t kDigits = 6;
+  const std::size_t at = style.find(kBefore);
+  if (at == std::string::npos || style.size() < at + kBefore.size() + kDigits) return 0;
+  const char* const digits = style.data() + at + kBefore.size();
+  std::uint32_t rgb = 0;
+  if (std::from_chars(digits, digits + kDigits, rgb, 16).ptr != digits + kDigits) return 0;
+  if (order == ColorOrder::kRgb) return rgb;
+  return (rgb & 0xFF) << 16 | (rgb & 0xFF00) | rgb >> 16;
 }
 
 }  // namespace kesp::ogr

@@ -17,9 +17,11 @@ class Summary {
  public:
   Summary() {
     // Times that no point has: what an empty data set gives.
-    std::uint32_t points = 0, features = 0;
+    std::uint32_t points = 0;
+    std::uint32_t features = 0;
     CBoundingBox extent;
-    CTime first, last;
+    CTime first;
+    CTime last;
     CString text;
     CKespFile().GetKespDataSummary(points, features, extent, first, last, text);
     m_first = first.GetTime();
@@ -74,7 +76,8 @@ class Summary {
 
 void PutSummaryOf(const CKespFile& survey, CKespTavoHeader& header) {
   CBoundingBox extent;
-  CTime first, last;
+  CTime first;
+  CTime last;
   survey.GetKespDataSummary(header.PointCount, header.FeatureCount, extent, first, last, header.LastPointText);
   extent.Get(header.DataExtent1, header.DataExtent2, header.DataExtent3, header.DataExtent4);
   if (header.PointCount == 0) return;

@@ -109,7 +109,7 @@ bool VertexLayer::Change(CKespRecord& record, const OGRFeature& before, const OG
   for (int field = 0; field < m_definition->GetFieldCount() - 1; ++field) {
     if (!HasSameValue(before, now, field) && !PutValue(point, now, field)) return false;
   }
-  return m_definition->IsGeometryIgnored() || HasSameGeometry(before, now) || PutPlace(point, now);
+  return m_definition->IsGeometryIgnored() != 0 || HasSameGeometry(before, now) || PutPlace(point, now);
 }
 
 bool VertexLayer::PutValue(CKespPoint& point, const OGRFeature& now, int field) const {
@@ -118,7 +118,8 @@ bool VertexLayer::PutValue(CKespPoint& point, const OGRFeature& now, int field) 
     if (value < 0 || value > most) return std::nullopt;
     return static_cast<std::uint16_t>(value);
   };
-  constexpr GIntBig kMost16 = 0xFFFF, kMostStatus = 10;
+  constexpr GIntBig kMost16 = 0xFFFF;
+  constexpr GIntBig kMostStatus = 10;
   switch (field) {
     case kText:
       point.PointText = CString::FromUtf8(now.GetFieldAsString(field));
