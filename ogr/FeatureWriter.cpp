@@ -180,7 +180,7 @@ bool FeatureWriter::AddFurther(const char* json, Records& records) {
   return true;
 }
 
-void FeatureWriter::Mark(const OGRFeature& feature, const std::vector<FieldTarget>& targets, Records& records) {
+void FeatureWriter::Mark(const OGRFeature& feature, const std::vector<FieldTarget>& targets, const Records& records) {
   const int deleted = FieldOf(feature, targets, Role::kDeleted);
   const int edited = FieldOf(feature, targets, Role::kEdited);
   const bool isDeleted = deleted != Schema::kNone && feature.GetFieldAsInteger(deleted) != 0;

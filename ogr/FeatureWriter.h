@@ -51,7 +51,7 @@ class FeatureWriter {
                   Records& records);
   bool AddAttributes(const OGRFeature& feature, const std::vector<FieldTarget>& targets, Records& records);
   bool AddFurther(const char* json, Records& records);
-  static void Mark(const OGRFeature& feature, const std::vector<FieldTarget>& targets, Records& records);
+  static void Mark(const OGRFeature& feature, const std::vector<FieldTarget>& targets, const Records& records);
   bool PutNumber(const OGRFeature& feature, int field, std::uint32_t most, std::uint32_t& number) const;
 
   Editor& m_editor;
