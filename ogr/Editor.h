@@ -10,6 +10,7 @@
 //
 // Errors: reported to GDAL; the result is then false.
 #pragma once
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>

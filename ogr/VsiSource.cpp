@@ -4,8 +4,8 @@
 #include <cstring>
 #include <limits>
 #include <system_error>
+#include <utility>
 
-#include <cpl_conv.h>
 #include <cpl_vsi.h>
 
 namespace kesp::ogr {
