@@ -13,6 +13,7 @@
 
 #include "ogr/Crs.h"
 #include "ogr/Editor.h"
+#include "ogr/FeatureWriter.h"
 #include "ogr/FirstPass.h"
 #include "ogr/Layer.h"
 #include "ogr/Options.h"
@@ -67,6 +68,8 @@ class Dataset final : public GDALDataset {
   bool ReadFile(SurveyFile::Access access);
   void ReadAll();
   bool IsLayerPossible(const std::string& name, OGRwkbGeometryType type);
+  void AddRecordLayer(const std::string& name);
+  FeatureWriter::Settings SettingsFor(const char* name, OGRwkbGeometryType type, char** options) const;
   bool TakeCrs(const OGRSpatialReference* crs);
   bool Salvage();
   void AddMetadata();

@@ -210,8 +210,8 @@ OGRErr FeatureLayer::CreateField(OGRFieldDefn* field, int approximates) {
   return OGRERR_NONE;
 }
 
-OGRErr FeatureLayer::ICreateFeature(OGRFeature* feature) {
-  return m_writer && m_writer->Write(*feature, m_targets) ? OGRERR_NONE : OGRERR_FAILURE;
+OGRErr FeatureLayer::Create(OGRFeature& feature) {
+  return m_writer->Write(feature, m_targets) ? OGRERR_NONE : OGRERR_FAILURE;
 }
 
 OGRErr FeatureLayer::ISetFeature(OGRFeature* feature) {
@@ -281,7 +281,7 @@ bool FeatureLayer::MarkRecords(const FeatureRecords& records, Marking marking) {
   survey.isEdited = true;
   if (m_dataset.File().IncludesDeleted()) return true;
   --survey.layers[m_plan.index].features;
-  survey.directory.Drop(*survey.directory.At(records.feature->m_filePosition));
+  survey.directory.Drop(records.feature->FeatureNumber, records.feature->m_filePosition);
   survey.points -= records.points.size();
   return true;
 }

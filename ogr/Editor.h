@@ -46,6 +46,8 @@ class Editor {
   bool IsFree(std::uint32_t featureNumber) const;
   std::uint64_t NextFeature() const noexcept { return std::uint64_t{m_lastFeature} + 1; }
   std::uint64_t NextPoint() const noexcept { return std::uint64_t{m_lastPoint} + 1; }
+  // Where the next record that is appended will be.
+  std::uint64_t NextPosition() const noexcept { return m_file.Length() + m_pendingBytes; }
 
   // Takes records of which all fit into their version. If it fails, none of them will be in the file, but records that
   // were gathered before may be written later.
@@ -79,7 +81,7 @@ class Editor {
   bool WritePending();
   bool MarkOpen();
   bool Sync();
-  void NoteNumbers(const Records& records);
+  void NoteNumber(const CKespRecord& record);
   void ReadHeader();
   bool ReadOriginals(const Amendments& amendments, std::vector<Original>& originals);
   bool PutBack(const std::vector<Original>& originals, std::size_t count);

@@ -29,7 +29,7 @@ class FeatureLayer final : public Layer {
   OGRErr DeleteFeature(GIntBig fid) override;
 
  protected:
-  OGRErr ICreateFeature(OGRFeature* feature) override;
+  OGRErr Create(OGRFeature& feature) override;
   OGRErr ISetFeature(OGRFeature* feature) override;
   bool CanAdd() const override { return true; }
   bool CanChange() const override { return true; }
