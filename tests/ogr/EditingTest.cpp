@@ -176,6 +176,47 @@ TEST_P(Editing, AppendsDeletesAndRestores) {
   EXPECT_EQ((*this)["areas"].GetFeatureCount(), 0);
 }
 
+// Rows of records: an added vertex becomes the last one of its feature, and a deleted number can be used again.
+TEST_P(Editing, AddsAndDeletesVerticesTagsAndLinks) {
+  const auto add = [this](const char* layer, const char* wkt,
+                          const std::vector<std::pair<const char*, const char*>>& values) {
+    const FeaturePtr row(OGRFeature::CreateFeature((*this)[layer].GetLayerDefn()));
+    OGRGeometry* geometry = nullptr;
+    if (wkt != nullptr) OGRGeometryFactory::createFromWkt(wkt, nullptr, &geometry);
+    row->SetGeometryDirectly(geometry);
+    for (const auto& [name, value] : values) row->SetField(name, value);
+    EXPECT_EQ((*this)[layer].CreateFeature(row.get()), OGRERR_NONE) << layer;
+    return row->GetFID();
+  };
+  const GIntBig last = add("vertices", "POINT ZM (9 9 1 7)", {{"feature_number", "2"}, {"text", "d"}});
+  const GIntBig other = add("vertices", "POINT (8 8)", {{"feature_number", "2"}});
+  EXPECT_NE(Row("lines", 2).find("(1 2 0 nan,3 4 0 5,5 4 0 6,9 9 1 7,8 8 0 nan)"), std::string::npos);
+  EXPECT_NE(Row("vertices", last).find("feature_number=2 point_number=9 text=d"), std::string::npos);
+  EXPECT_EQ((*this)["vertices"].DeleteFeature(other), OGRERR_NONE);
+  const FeaturePtr middle((*this)["vertices"].GetFeature(last));
+  EXPECT_EQ((*this)["vertices"].DeleteFeature(last), OGRERR_NONE);
+  EXPECT_NE(Row("lines", 2).find("(1 2 0 nan,3 4 0 5,5 4 0 6)"), std::string::npos);
+  EXPECT_EQ((*this)["vertices"].CreateFeature(middle.get()), OGRERR_NONE);  // as an editor undoes it
+  EXPECT_NE(Row("vertices", middle->GetFID()).find("point_number=9 text=d"), std::string::npos);
+  const GIntBig tag = add("tags", nullptr, {{"kind_name", "integer"}, {"name", "Depth"}, {"value", "7"}});
+  const GIntBig link = add("links", nullptr, {{"from_feature", "1"}, {"to_feature", "2"}});
+  EXPECT_EQ(Set("tags", tag, {{"value", "-8"}}), OGRERR_NONE);
+  EXPECT_NE(Set("tags", tag, {{"name", "A longer name"}}), OGRERR_NONE);
+  EXPECT_EQ(Set("links", link, {{"value", "4"}}), OGRERR_NONE);
+  EXPECT_NE(Row("tags", tag).find("kind=1 kind_name=integer name=Depth value=-8"), std::string::npos);
+  const FeaturePtr path((*this)["lines"].GetFeature(2));
+  EXPECT_EQ((*this)["lines"].DeleteFeature(2), OGRERR_NONE);
+  EXPECT_EQ((*this)["lines"].CreateFeature(path.get()), OGRERR_NONE);
+  EXPECT_NE(Row("lines", 2).find("(1 2 0 nan,3 4 0 5,5 4 0 6,9 9 1 7)"), std::string::npos);
+  EXPECT_NE((*this)["lines"].CreateFeature(path.get()), OGRERR_NONE);
+  ExpectSameWhenReopened();
+  EXPECT_EQ((*this)["tags"].DeleteFeature(tag), OGRERR_NONE);
+  EXPECT_EQ(Set("links", link, {{"deleted", "1"}}), OGRERR_NONE);
+  EXPECT_EQ((*this)["tags"].GetFeatureCount() + (*this)["links"].GetFeatureCount(), 0);
+  EXPECT_EQ(Row("tags", tag), "none");
+  ExpectSameWhenReopened();
+}
+
 TEST_P(Editing, UndoesATransaction) {
   const std::vector<std::string> layers{"points", "lines", "areas", "vertices", "notes"};
   std::vector<std::string> shown;
