@@ -194,17 +194,20 @@ OGRErr FeatureLayer::CreateField(OGRFieldDefn* field, int approximates) {
   OGRFieldDefn adapted(field);
   if (!m_writer || !AdaptType(adapted, approximates != 0)) return OGRERR_FAILURE;
   const FieldTarget target = TargetOf(adapted, *m_definition);
-  if (target.role != Role::kAttribute || m_definition->GetFieldIndex(adapted.GetNameRef()) >= 0) {
+  const bool isSub = target.role == Role::kSubValue;
+  if ((!isSub && target.role != Role::kAttribute) || m_definition->GetFieldIndex(adapted.GetNameRef()) >= 0) {
     m_writer->Refuse(std::string("has a field ") + adapted.GetNameRef() + " already, or can't have one");
     return OGRERR_FAILURE;
   }
-  const std::size_t code = m_dataset.Editable().attributes.AddName(target.name);
-  if (code == Attributes::kNone || (code < m_schema.fields.size() && m_schema.fields[code].value != Schema::kNone)) {
+  const auto member = isSub ? &Schema::AttributeField::subValue : &Schema::AttributeField::value;
+  const CString& name = isSub ? m_targets[static_cast<std::size_t>(target.mainField)].name : target.name;
+  const std::size_t code = m_dataset.Editable().attributes.AddName(name);
+  if (code != Attributes::kNone && code >= m_schema.fields.size()) m_schema.fields.resize(code + 1);
+  if (code == Attributes::kNone || m_schema.fields[code].*member != Schema::kNone) {
     m_writer->Refuse(std::string("can't have another attribute ") + adapted.GetNameRef());
     return OGRERR_FAILURE;
   }
-  if (code >= m_schema.fields.size()) m_schema.fields.resize(code + 1);
-  m_schema.fields[code].value = m_definition->GetFieldCount();
+  m_schema.fields[code].*member = m_definition->GetFieldCount();
   m_definition->AddFieldDefn(&adapted);
   m_targets.push_back(target);
   return OGRERR_NONE;
