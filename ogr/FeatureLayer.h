@@ -31,6 +31,7 @@ class FeatureLayer final : public Layer {
  protected:
   OGRErr Create(OGRFeature& feature) override;
   OGRErr ISetFeature(OGRFeature* feature) override;
+  OGRErr IUpsertFeature(OGRFeature* feature) override;
   bool CanAdd() const override { return true; }
   bool CanChange() const override { return true; }
   bool CanDelete() const override { return true; }

@@ -1,6 +1,7 @@
 #include "ogr/VertexWriter.h"
 
 #include <algorithm>
+#include <cmath>
 #include <initializer_list>
 #include <limits>
 #include <memory>
@@ -34,16 +35,18 @@ bool TakeNumber(const OGRFeature& row, int field, std::uint32_t& number) {
   return true;
 }
 
-// What a row and its point have in several places: 0 if it is nowhere. False if they differ.
+// What a row and its point have in several places: the first that is not 0. False if they differ by more than the 15
+// digits with which other formats write numbers.
 template <class Number>
 bool TakeSame(const char* what, std::initializer_list<Number> values, Number& same) {
+  constexpr double kLargestDifference = 1e-14;
   same = 0;
   for (const Number value : values) {
-    if (same != 0 && value != 0 && value != same) {
-      return Refuse(std::string("the ") + what + " is both " + std::to_string(same) + " and " + std::to_string(value) +
-                    " in the fields, the geometry, and that of the feature");
-    }
-    if (value != 0) same = value;
+    if (same == 0) same = value;
+    const auto difference = std::fabs(static_cast<double>(value) - static_cast<double>(same));
+    if (value == 0 || difference <= kLargestDifference * std::fabs(static_cast<double>(same))) continue;
+    return Refuse(std::string("the ") + what + " is both " + std::to_string(same) + " and " + std::to_string(value) +
+                  " in the fields, the geometry, and that of the feature");
   }
   return true;
 }
@@ -152,8 +155,8 @@ bool VertexWriter::Fill(CKespPoint& point, const OGRFeature& row) const {
     return Refuse(std::string("the time ") + row.GetFieldAsString(VertexLayer::kTime) +
                   " is not one of whole seconds from 1970 to 19 January 2038");
   }
-  if (!TakeSame("height", {vertex.z, z, point.CoordZ}, point.CoordZ)) return false;
-  if (!TakeSame("time", {vertex.time, *time, point.PointTime}, point.PointTime)) return false;
+  if (!TakeSame("height", {vertex.z, point.CoordZ, z}, point.CoordZ)) return false;
+  if (!TakeSame("time", {vertex.time, point.PointTime, *time}, point.PointTime)) return false;
   for (int field = 0; field < VertexLayer::kEdited; ++field) {
     const bool isPlace =
         field == VertexLayer::kFeatureNumber || field == VertexLayer::kTime || field == VertexLayer::kZ;
