@@ -266,6 +266,7 @@ OGRErr Dataset::RollbackTransaction() {
   m_survey->isEdited = true;
   m_editor->ForgetNews();
   for (const auto& layer : m_layers) layer->AfterRollback();
+  for (const auto& layer : m_removed) layer->AfterRollback();
   return OGRERR_NONE;
 }
 
@@ -327,7 +328,8 @@ bool Dataset::IsLayerPossible(const std::string& name, OGRwkbGeometryType type) 
     CPLError(CE_Failure, CPLE_NotSupported, "%s: %s", m_path.c_str(), why.c_str());
     return false;
   };
-  if (GetLayerByName(name.c_str()) != nullptr) return refuse("there is a layer " + name);
+  OGRLayer* const present = GetLayerByName(name.c_str());
+  if (present != nullptr && present->GetFeatureCount() != 0) return refuse("there is a layer " + name);
   const bool isTable = name == NoteLayer::kName || name == TagLayer::kName || name == LinkLayer::kName;
   const bool hasGeometry = wkbFlatten(type) != wkbNone;
   if (isTable && hasGeometry) return refuse("the layer " + name + " has no geometry");
@@ -354,6 +356,7 @@ OGRLayer* Dataset::ICreateLayer(const char* name, OGRSpatialReference* crs, OGRw
   if (m_editor == nullptr || !IsLayerPossible(name, type)) return nullptr;
   const bool hasGeometry = wkbFlatten(type) != wkbNone;
   if (hasGeometry && !TakeCrs(crs)) return nullptr;
+  RemoveLayer(name);
   const bool takesFids = EQUAL(CSLFetchNameValueDef(options, "FID", kFidColumn), kFidColumn);
   if (!hasGeometry || std::string_view(name) == VertexLayer::kName) {
     AddRecordLayer(name);
@@ -364,6 +367,15 @@ OGRLayer* Dataset::ICreateLayer(const char* name, OGRSpatialReference* crs, OGRw
   }
   if (!takesFids) m_layers.back()->LeaveFids();
   return m_layers.back().get();
+}
+
+// An empty layer may come again with other fields.
+void Dataset::RemoveLayer(const char* name) {
+  const auto place =
+      std::find_if(m_layers.begin(), m_layers.end(), [name](auto& layer) { return EQUAL(layer->GetName(), name); });
+  if (place == m_layers.end()) return;
+  m_removed.push_back(std::move(*place));
+  m_layers.erase(place);
 }
 
 FeatureWriter::Settings Dataset::SettingsFor(const char* name, OGRwkbGeometryType type, char** options) const {

@@ -70,6 +70,7 @@ class Dataset final : public GDALDataset {
   bool IsLayerPossible(const std::string& name, OGRwkbGeometryType type);
   void AddRecordLayer(const std::string& name);
   FeatureWriter::Settings SettingsFor(const char* name, OGRwkbGeometryType type, char** options) const;
+  void RemoveLayer(const char* name);
   bool TakeCrs(const OGRSpatialReference* crs);
   bool Salvage();
   void AddMetadata();
@@ -86,6 +87,7 @@ class Dataset final : public GDALDataset {
   std::unique_ptr<Editor> m_editor;
   Relationships m_relationships;
   std::vector<std::unique_ptr<Layer>> m_layers;
+  std::vector<std::unique_ptr<Layer>> m_removed;  // somebody may still have a pointer
   bool m_hasWarnedOfOpenFeature = false;
 };
 
