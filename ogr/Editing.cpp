@@ -243,17 +243,13 @@ OGRErr FeatureLayer::ISetFeature(OGRFeature* feature) {
   return Mark(fid, isToBeDeleted ? Marking::kDelete : Marking::kRestore) ? OGRERR_NONE : OGRERR_FAILURE;
 }
 
-// For features that come back from another format. What it has no field for stays, and so does a number that has only
-// lost what is after its 15 digits.
+// For features that come back from another format. What it has no field for stays.
 OGRErr FeatureLayer::IUpsertFeature(OGRFeature* feature) {
   const std::unique_ptr<OGRFeature> before(GetFeature(feature->GetFID()));
   if (before == nullptr) return CreateFeature(feature);
   for (int field = 0; field < m_definition->GetFieldCount(); ++field) {
     if (before->IsFieldSetAndNotNull(field) == FALSE) continue;
-    const bool isNumber = m_definition->GetFieldDefn(field)->GetType() == OFTReal;
-    const std::string text = before->GetFieldAsString(field);
-    const bool stays = feature->IsFieldSet(field) == FALSE ||
-                       (isNumber && !feature->IsFieldNull(field) && text == feature->GetFieldAsString(field));
+    const bool stays = feature->IsFieldSet(field) == FALSE || IsSameElsewhere(*before, *feature, field);
     if (stays) feature->SetField(field, before->GetRawFieldRef(field));
   }
   return SetFeature(feature);

@@ -184,6 +184,7 @@ bool Editor::PutBack(const std::vector<Original>& originals, std::size_t count) 
 }
 
 bool Editor::Amend(const Amendments& amendments) try {
+  if (amendments.empty()) return true;
   std::vector<Original> originals;
   if (!ReadOriginals(amendments, originals) || !MarkOpen()) return false;
   m_hasChanged = m_isUnsynced = true;

@@ -1,6 +1,8 @@
 // Changes of files that are there.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "tests/ogr/Gdal.h"
 
 namespace kesp::test {
@@ -174,6 +176,28 @@ TEST_P(Editing, AppendsDeletesAndRestores) {
   EXPECT_NE(Row("points", 1).find("Girth=3 Kind=Old"), std::string::npos);
   EXPECT_NE(Row("notes", kAfterHeader).find("text=Wet"), std::string::npos);
   EXPECT_EQ((*this)["areas"].GetFeatureCount(), 0);
+}
+
+// As ogr2ogr -upsert does with what comes back from a database.
+TEST_P(Editing, TakesBackWhatWasEditedElsewhere) {
+  const ByteVector before = ReadFile(m_path);
+  const auto put = [this](GIntBig fid, const std::vector<std::pair<const char*, const char*>>& values) {
+    const FeaturePtr row(OGRFeature::CreateFeature((*this)["points"].GetLayerDefn()));
+    row->SetFID(fid);
+    for (const auto& [name, value] : values) row->SetField(name, value);
+    if (fid == 1) row->SetField("Girth", std::nextafter(2.25, 3));
+    row->SetGeometryDirectly(new OGRPoint(10.5, 50.25, 0, 1700000000));
+    EXPECT_EQ((*this)["points"].UpsertFeature(row.get()), OGRERR_NONE) << fid;
+  };
+  EXPECT_EQ((*this)["points"].TestCapability(OLCUpsertFeature), TRUE);
+  put(1, {{"feature_name", "Oak"}, {"Seen", "2024/06/10 06:00:00+02"}});
+  EXPECT_EQ(ReadFile(m_path), before);
+  put(1, {{"feature_name", "Elm"}});
+  put(77, {{"feature_name", "Ash"}});
+  EXPECT_NE(Row("points", 1).find("feature_name=Elm"), std::string::npos);
+  EXPECT_NE(Row("points", 1).find("Girth=2.25 Kind=Old Kind_sub=sick Seen=2024/06/10 06:00:00"), std::string::npos);
+  EXPECT_NE(Row("points", 77).find("feature_name=Ash"), std::string::npos);
+  ExpectSameWhenReopened();
 }
 
 // Rows of records: an added vertex becomes the last one of its feature, and a deleted number can be used again.
