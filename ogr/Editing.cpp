@@ -248,7 +248,7 @@ OGRErr FeatureLayer::IUpsertFeature(OGRFeature* feature) {
   const std::unique_ptr<OGRFeature> before(GetFeature(feature->GetFID()));
   if (before == nullptr) return CreateFeature(feature);
   for (int field = 0; field < m_definition->GetFieldCount(); ++field) {
-    if (before->IsFieldSetAndNotNull(field) == FALSE) continue;
+    if (!before->IsFieldSetAndNotNull(field)) continue;
     const bool stays = feature->IsFieldSet(field) == FALSE || IsSameElsewhere(*before, *feature, field);
     if (stays) feature->SetField(field, before->GetRawFieldRef(field));
   }

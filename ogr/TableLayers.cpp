@@ -157,7 +157,7 @@ bool TagLayer::Put(const OGRFeature& row, CKespTag& tag) {
   if (!kind) return Refuse("a tag needs a kind, or the name of one");
   const CString name = CString::FromUtf8(row.GetFieldAsString(kTagName));
   const std::string value = row.GetFieldAsString(kTagValue);
-  const bool hasValue = !value.empty() || (*kind == KESP_TAG_STRING && row.IsFieldSetAndNotNull(kTagValue) != FALSE);
+  const bool hasValue = !value.empty() || (*kind == KESP_TAG_STRING && row.IsFieldSetAndNotNull(kTagValue));
   if (!hasValue) {
     int size = 0;
     const GByte* const data = row.IsFieldSetAndNotNull(kTagData) ? row.GetFieldAsBinary(kTagData, &size) : nullptr;

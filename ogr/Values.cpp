@@ -82,7 +82,7 @@ void SetTime(OGRFeature& feature, int field, std::int64_t time) {
 }
 
 std::optional<std::int32_t> TimeIn(const OGRFeature& feature, int field) {
-  if (feature.IsFieldSetAndNotNull(field) == FALSE) return 0;
+  if (!feature.IsFieldSetAndNotNull(field)) return 0;
   std::tm clock{};
   int zone = 0;
   float second = 0;

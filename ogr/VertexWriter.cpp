@@ -148,7 +148,7 @@ bool VertexWriter::Fill(CKespPoint& point, const OGRFeature& row) const {
   }
   point.CoordX = vertex.x;
   point.CoordY = vertex.y;
-  const auto has = [&row](int field) { return row.IsFieldSetAndNotNull(field) != FALSE; };
+  const auto has = [&row](int field) { return row.IsFieldSetAndNotNull(field); };
   const double z = has(VertexLayer::kZ) ? row.GetFieldAsDouble(VertexLayer::kZ) : 0;
   const std::optional<std::int32_t> time = TimeIn(row, VertexLayer::kTime);
   if (!time) {
