@@ -43,6 +43,7 @@ Editor::Editor(SurveyFile& file, const Survey& survey, std::string path, Origin 
       m_survey(survey),
       m_path(std::move(path)),
       m_sourceFlag(origin == Origin::kNew ? 0U : std::uint32_t{KESP_SRC_ADDED}),
+      m_lengthBefore(file.Length()),
       m_lastFeature(survey.lastFeature),
       m_lastPoint(survey.lastPoint) {
   ReadHeader();

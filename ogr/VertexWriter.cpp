@@ -54,10 +54,7 @@ bool TakeSame(const char* what, std::initializer_list<Number> values, Number& sa
 }  // namespace
 
 VertexWriter::VertexWriter(Dataset& dataset, const VertexLayer& layer)
-    : m_dataset(dataset),
-      m_layer(layer),
-      m_cursor(dataset.File(), Cursor::Deleted::kAll),
-      m_opened(dataset.File().Length()) {}
+    : m_dataset(dataset), m_layer(layer), m_cursor(dataset.File(), Cursor::Deleted::kAll) {}
 
 bool VertexWriter::Write(OGRFeature& row) {
   std::uint32_t feature = 0;
@@ -67,7 +64,7 @@ bool VertexWriter::Write(OGRFeature& row) {
   std::uint32_t point = 0;
   if (!TakeNumber(row, VertexLayer::kPointNumber, point)) return false;
   if (m_deleted.contains({feature, point})) return Append(row, feature) && m_deleted.erase({feature, point}) != 0;
-  if (position < m_opened) {
+  if (position < m_dataset.Editing()->LengthBefore()) {
     return Refuse("feature " + std::to_string(feature) +
                   " has its points already: change them by their FIDs, or add one without a point_number");
   }

@@ -49,7 +49,6 @@ class VertexWriter {
   Dataset& m_dataset;
   const VertexLayer& m_layer;
   Cursor m_cursor;
-  std::uint64_t m_opened;                                       // the length of the file then
   std::unordered_map<std::uint32_t, std::uint64_t> m_last;      // by feature, the place of the point of its last row
   std::set<std::pair<std::uint32_t, std::uint32_t>> m_deleted;  // feature and point
 };

@@ -323,6 +323,20 @@ TEST(Writing, CopiesAllLayers) {
   }
 }
 
+// As with a long file, of which a part is on the disk before the next layer is created.
+TEST(Writing, CompletesFeaturesThatAreOnTheDisk) {
+  const TempDir dir;
+  const DatasetPtr file = Create(dir / "a.kesp");
+  EXPECT_EQ(Put(Add(*file, "lines", wkbLineString, {}), "LINESTRING (1 1,2 2)"), OGRERR_NONE);
+  file->FlushCache(false);
+  OGRLayer& vertices = *file->CreateLayer("vertices", nullptr, wkbPoint);
+  EXPECT_EQ(Put(vertices, "POINT (1 1)", {{"feature_number", "1"}, {"point_number", "5"}, {"text", "a"}}), OGRERR_NONE);
+  EXPECT_EQ(Put(vertices, "POINT (2 2)", {{"feature_number", "1"}, {"point_number", "6"}, {"text", "b"}}), OGRERR_NONE);
+  const std::string shown = Show(vertices);
+  EXPECT_NE(shown.find("point_number=5 text=a"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("point_number=6 text=b"), std::string::npos) << shown;
+}
+
 TEST(Writing, RefusesWhatVerticesTagsAndLinksCantBe) {
   const TempDir dir;
   const std::filesystem::path path = dir / "a.kesp";
