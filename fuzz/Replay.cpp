@@ -22,8 +22,7 @@ const struct {
     {"rebuild", kesp::fuzz::Rebuild}, {"salvage", kesp::fuzz::Salvage}, {"roundtrip", kesp::fuzz::RoundTrip},
     {"tag", kesp::fuzz::Tag},
 #ifdef KESP_FUZZ_OGR
-    {"ogr", kesp::fuzz::Ogr},
-    {"ogredit", kesp::fuzz::OgrEdit},
+    {"ogr", kesp::fuzz::Ogr},         {"ogredit", kesp::fuzz::OgrEdit},
 #endif
 };
 
