@@ -22,7 +22,7 @@ const struct {
     {"rebuild", kesp::fuzz::Rebuild}, {"salvage", kesp::fuzz::Salvage}, {"roundtrip", kesp::fuzz::RoundTrip},
     {"tag", kesp::fuzz::Tag},
 #ifdef KESP_FUZZ_OGR
-    {"ogr", kesp::fuzz::Ogr},
+    {"ogr", kesp::fuzz::Ogr},         {"ogredit", kesp::fuzz::OgrEdit},
 #endif
 };
 
@@ -32,7 +32,7 @@ int main(int argc, char** argv) {
   const auto* const target = std::find_if(std::begin(kTargets), std::end(kTargets),
                                           [&](const auto& t) { return argc > 1 && std::strcmp(t.name, argv[1]) == 0; });
   if (target == std::end(kTargets)) {
-    std::fprintf(stderr, "usage: %s walk|columns|dataset|rebuild|salvage|roundtrip|tag|ogr PATH...\n", argv[0]);
+    std::fprintf(stderr, "usage: %s walk|columns|dataset|rebuild|salvage|roundtrip|tag|ogr|ogredit PATH...\n", argv[0]);
     return 2;
   }
   std::vector<fs::path> paths;

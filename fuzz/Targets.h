@@ -22,6 +22,7 @@ void Salvage(Input input);    // the rebuild that goes on after damage
 void RoundTrip(Input input);  // reads and writes, twice
 void Tag(Input input);        // every getter and setter
 void Ogr(Input input);        // a file; only in builds with the plugin for GDAL
+void OgrEdit(Input input);    // the same, whose last bytes also say what is changed in it
 
 // A check in all builds, NDEBUG included.
 inline void Require(bool holds, const char* what, const char* file, int line) {

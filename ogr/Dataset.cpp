@@ -88,6 +88,7 @@ std::unique_ptr<Dataset> Dataset::Create(const std::string& path, const Creation
   dataset->ReadAll();
   dataset->eAccess = GA_Update;
   dataset->m_editor = std::make_unique<Editor>(*dataset->m_file, *dataset->m_survey, path, Editor::Origin::kNew);
+  dataset->AddDomains();
   return dataset;
 }
 
@@ -180,13 +181,21 @@ void Dataset::AddLayers() {
     const bool canBeEmpty = m_options.layers == LayerSplit::kByKind && (!hasFeatures || m_editor != nullptr);
     if (plan.features != 0 || canBeEmpty) m_layers.push_back(std::make_unique<FeatureLayer>(*this, names[i], plan));
   }
-  if (m_survey->points != 0 || !hasFeatures) m_layers.push_back(std::make_unique<VertexLayer>(*this));
+  const bool isEditable = m_editor != nullptr;
   const bool hasNotes = m_survey->notes > m_survey->consumedNotes.size();
-  if (hasNotes || m_editor != nullptr) m_layers.push_back(std::make_unique<NoteLayer>(*this));
-  if (m_survey->tags != 0) m_layers.push_back(std::make_unique<TagLayer>(*this));
-  if (m_survey->links != 0) m_layers.push_back(std::make_unique<LinkLayer>(*this));
+  if (m_survey->points != 0 || !hasFeatures || isEditable) AddRecordLayer(VertexLayer::kName);
+  if (hasNotes || isEditable) AddRecordLayer(NoteLayer::kName);
+  if (m_survey->tags != 0 || isEditable) AddRecordLayer(TagLayer::kName);
+  if (m_survey->links != 0 || isEditable) AddRecordLayer(LinkLayer::kName);
   m_relationships = FindRelationships(*m_survey, names);
   m_survey->linked = {};
+}
+
+void Dataset::AddRecordLayer(const std::string& name) {
+  if (name == VertexLayer::kName) m_layers.push_back(std::make_unique<VertexLayer>(*this));
+  if (name == NoteLayer::kName) m_layers.push_back(std::make_unique<NoteLayer>(*this));
+  if (name == TagLayer::kName) m_layers.push_back(std::make_unique<TagLayer>(*this));
+  if (name == LinkLayer::kName) m_layers.push_back(std::make_unique<LinkLayer>(*this));
 }
 
 OGRLayer* Dataset::GetLayer(int index) {
@@ -256,7 +265,8 @@ OGRErr Dataset::RollbackTransaction() {
   m_firstPass->Run();
   m_survey->isEdited = true;
   m_editor->ForgetNews();
-  for (const auto& layer : m_layers) layer->ResetReading();
+  for (const auto& layer : m_layers) layer->AfterRollback();
+  for (const auto& layer : m_removed) layer->AfterRollback();
   return OGRERR_NONE;
 }
 
@@ -318,12 +328,16 @@ bool Dataset::IsLayerPossible(const std::string& name, OGRwkbGeometryType type) 
     CPLError(CE_Failure, CPLE_NotSupported, "%s: %s", m_path.c_str(), why.c_str());
     return false;
   };
-  if (GetLayerByName(name.c_str()) != nullptr) return refuse("there is a layer " + name);
-  if (name == VertexLayer::kName) return refuse("vertices are made of the points of features");
+  OGRLayer* const present = GetLayerByName(name.c_str());
+  if (present != nullptr && present->GetFeatureCount() != 0) return refuse("there is a layer " + name);
+  const bool isTable = name == NoteLayer::kName || name == TagLayer::kName || name == LinkLayer::kName;
+  const bool hasGeometry = wkbFlatten(type) != wkbNone;
+  if (isTable && hasGeometry) return refuse("the layer " + name + " has no geometry");
+  if (name == VertexLayer::kName && wkbFlatten(type) != wkbPoint) return refuse("vertices are points");
   switch (wkbFlatten(type)) {
     case wkbNone:
-      return name == NoteLayer::kName ||
-             refuse("a layer without geometry can only be " + std::string(NoteLayer::kName));
+      return isTable || refuse(std::string("a layer without geometry can only be ") + NoteLayer::kName + ", " +
+                               TagLayer::kName + " or " + LinkLayer::kName);
     case wkbUnknown:
     case wkbPoint:
     case wkbMultiPoint:
@@ -337,13 +351,34 @@ bool Dataset::IsLayerPossible(const std::string& name, OGRwkbGeometryType type) 
   }
 }
 
+// ogr2ogr gives the name of the FIDs' column in its source. FIDs of a column of another name count rows of a table.
 OGRLayer* Dataset::ICreateLayer(const char* name, OGRSpatialReference* crs, OGRwkbGeometryType type, char** options) {
   if (m_editor == nullptr || !IsLayerPossible(name, type)) return nullptr;
-  if (wkbFlatten(type) == wkbNone) {
-    m_layers.push_back(std::make_unique<NoteLayer>(*this));
-    return m_layers.back().get();
+  const bool hasGeometry = wkbFlatten(type) != wkbNone;
+  if (hasGeometry && !TakeCrs(crs)) return nullptr;
+  RemoveLayer(name);
+  const bool takesFids = EQUAL(CSLFetchNameValueDef(options, "FID", kFidColumn), kFidColumn);
+  if (!hasGeometry || std::string_view(name) == VertexLayer::kName) {
+    AddRecordLayer(name);
+  } else {
+    FeatureWriter::Settings settings = SettingsFor(name, type, options);
+    settings.takesFids = takesFids;
+    m_layers.push_back(std::make_unique<NewLayer>(*this, name, type, std::move(settings)));
   }
-  if (!TakeCrs(crs)) return nullptr;
+  if (!takesFids) m_layers.back()->LeaveFids();
+  return m_layers.back().get();
+}
+
+// An empty layer may come again with other fields.
+void Dataset::RemoveLayer(const char* name) {
+  const auto place =
+      std::find_if(m_layers.begin(), m_layers.end(), [name](auto& layer) { return EQUAL(layer->GetName(), name); });
+  if (place == m_layers.end()) return;
+  m_removed.push_back(std::move(*place));
+  m_layers.erase(place);
+}
+
+FeatureWriter::Settings Dataset::SettingsFor(const char* name, OGRwkbGeometryType type, char** options) const {
   FeatureWriter::Settings settings;
   settings.layer = name;
   settings.kind = KindOf(type);
@@ -355,8 +390,7 @@ OGRLayer* Dataset::ICreateLayer(const char* name, OGRSpatialReference* crs, OGRw
   const bool isNamedByKind =
       std::any_of(std::begin(kKinds), std::end(kKinds), [&](auto* kind) { return EQUAL(kind, name); });
   if (!isNamedByKind) settings.name = name;
-  m_layers.push_back(std::make_unique<NewLayer>(*this, name, type, std::move(settings)));
-  return m_layers.back().get();
+  return settings;
 }
 
 }  // namespace kesp::ogr

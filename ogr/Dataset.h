@@ -13,6 +13,7 @@
 
 #include "ogr/Crs.h"
 #include "ogr/Editor.h"
+#include "ogr/FeatureWriter.h"
 #include "ogr/FirstPass.h"
 #include "ogr/Layer.h"
 #include "ogr/Options.h"
@@ -67,6 +68,9 @@ class Dataset final : public GDALDataset {
   bool ReadFile(SurveyFile::Access access);
   void ReadAll();
   bool IsLayerPossible(const std::string& name, OGRwkbGeometryType type);
+  void AddRecordLayer(const std::string& name);
+  FeatureWriter::Settings SettingsFor(const char* name, OGRwkbGeometryType type, char** options) const;
+  void RemoveLayer(const char* name);
   bool TakeCrs(const OGRSpatialReference* crs);
   bool Salvage();
   void AddMetadata();
@@ -83,6 +87,7 @@ class Dataset final : public GDALDataset {
   std::unique_ptr<Editor> m_editor;
   Relationships m_relationships;
   std::vector<std::unique_ptr<Layer>> m_layers;
+  std::vector<std::unique_ptr<Layer>> m_removed;  // somebody may still have a pointer
   bool m_hasWarnedOfOpenFeature = false;
 };
 

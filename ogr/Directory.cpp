@@ -1,11 +1,13 @@
 #include "ogr/Directory.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kesp::ogr {
 
 void Directory::Add(std::uint32_t position, std::uint32_t number, std::uint16_t name, KESP_FEATURE_TYPE kind) {
   const Entry entry{{}, position, number, 1, name, Entry::BitOf(kind)};
+  m_gone.erase(number);
   const bool ascends =
       !m_isFinished && (m_entries.empty() || (m_ascending == m_entries.size() && number > m_lastNumber));
   if (ascends) {
@@ -74,11 +76,13 @@ std::optional<std::size_t> Directory::Find(std::uint32_t number) const {
 }
 
 void Directory::Finish() {
-  m_isFinished = true;
+  if (!std::exchange(m_isFinished, true)) std::sort(m_repeats.begin(), m_repeats.end());
+  if (m_places.size() == m_stragglers.size()) return;
+  const auto added = m_stragglers.begin() + static_cast<std::ptrdiff_t>(m_places.size());
   m_places.reserve(m_stragglers.size());
-  for (const Straggler& straggler : m_stragglers) m_places.push_back(straggler.position);
-  std::sort(m_stragglers.begin(), m_stragglers.end());
-  std::sort(m_repeats.begin(), m_repeats.end());
+  for (auto straggler = added; straggler != m_stragglers.end(); ++straggler) m_places.push_back(straggler->position);
+  std::sort(added, m_stragglers.end());
+  std::inplace_merge(m_stragglers.begin(), added, m_stragglers.end());
 }
 
 std::optional<std::size_t> Directory::At(std::uint64_t position) const noexcept {

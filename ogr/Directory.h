@@ -15,6 +15,7 @@
 #include <optional>
 #include <span>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "kesp/records/KespFeature.h"
@@ -51,7 +52,8 @@ class Directory {
   std::optional<std::size_t> Find(std::uint32_t number) const;
   void Grow(std::size_t entry, const Box& box) { m_entries[entry].box.Include(box); }
   void AddStraggler(std::uint32_t number, std::uint32_t position) { m_stragglers.push_back({number, position}); }
-  // Ends the first walk. Features that are added later have entries of their own, and no stragglers.
+  // Ends a walk: the first one, or one over what was appended. Features that are added after the first have entries of
+  // their own.
   void Finish();
   // Becomes empty again.
   void Forget() { *this = Directory(m_mostEntries); }
@@ -64,8 +66,12 @@ class Directory {
   std::uint64_t EndOf(std::size_t entry) const noexcept {
     return entry + 1 < m_entries.size() ? m_entries[entry + 1].position : UINT64_MAX;
   }
-  // One of its features has been deleted. Its number stays taken.
-  void Drop(std::size_t entry) noexcept { --m_entries[entry].count; }
+  // A feature has been deleted. Find still finds its entry, but its number is free if no later feature has it.
+  void Drop(std::uint32_t number, std::uint64_t position) {
+    --m_entries[*At(position)].count;
+    if (NextWithNumber(number, position) == UINT64_MAX) m_gone.insert(number);
+  }
+  bool IsGone(std::uint32_t number) const { return m_gone.contains(number); }
   // The name of one of its features has changed.
   void ForgetName(std::size_t entry) noexcept { m_entries[entry].name = Entry::kMixedNames; }
   // The entry in which a position lies; null before the first.
@@ -101,6 +107,7 @@ class Directory {
   std::uint32_t m_lastNumber = 0;
   NumberSet m_numbers;                                        // of the ascending entries, once they are merged
   std::unordered_map<std::uint32_t, std::uint32_t> m_others;  // number to entry
+  std::unordered_set<std::uint32_t> m_gone;                   // numbers of features that were dropped
   std::vector<Straggler> m_repeats;                           // features whose number was there before; sorted
   std::vector<Straggler> m_stragglers;                        // by number and position, after Finish
   std::vector<std::uint32_t> m_places;                        // of the stragglers, in file order

@@ -194,24 +194,27 @@ OGRErr FeatureLayer::CreateField(OGRFieldDefn* field, int approximates) {
   OGRFieldDefn adapted(field);
   if (!m_writer || !AdaptType(adapted, approximates != 0)) return OGRERR_FAILURE;
   const FieldTarget target = TargetOf(adapted, *m_definition);
-  if (target.role != Role::kAttribute || m_definition->GetFieldIndex(adapted.GetNameRef()) >= 0) {
+  const bool isSub = target.role == Role::kSubValue;
+  if ((!isSub && target.role != Role::kAttribute) || m_definition->GetFieldIndex(adapted.GetNameRef()) >= 0) {
     m_writer->Refuse(std::string("has a field ") + adapted.GetNameRef() + " already, or can't have one");
     return OGRERR_FAILURE;
   }
-  const std::size_t code = m_dataset.Editable().attributes.AddName(target.name);
-  if (code == Attributes::kNone || (code < m_schema.fields.size() && m_schema.fields[code].value != Schema::kNone)) {
+  const auto member = isSub ? &Schema::AttributeField::subValue : &Schema::AttributeField::value;
+  const CString& name = isSub ? m_targets[static_cast<std::size_t>(target.mainField)].name : target.name;
+  const std::size_t code = m_dataset.Editable().attributes.AddName(name);
+  if (code != Attributes::kNone && code >= m_schema.fields.size()) m_schema.fields.resize(code + 1);
+  if (code == Attributes::kNone || m_schema.fields[code].*member != Schema::kNone) {
     m_writer->Refuse(std::string("can't have another attribute ") + adapted.GetNameRef());
     return OGRERR_FAILURE;
   }
-  if (code >= m_schema.fields.size()) m_schema.fields.resize(code + 1);
-  m_schema.fields[code].value = m_definition->GetFieldCount();
+  m_schema.fields[code].*member = m_definition->GetFieldCount();
   m_definition->AddFieldDefn(&adapted);
   m_targets.push_back(target);
   return OGRERR_NONE;
 }
 
-OGRErr FeatureLayer::ICreateFeature(OGRFeature* feature) {
-  return m_writer && m_writer->Write(*feature, m_targets) ? OGRERR_NONE : OGRERR_FAILURE;
+OGRErr FeatureLayer::Create(OGRFeature& feature) {
+  return m_writer->Write(feature, m_targets) ? OGRERR_NONE : OGRERR_FAILURE;
 }
 
 OGRErr FeatureLayer::ISetFeature(OGRFeature* feature) {
@@ -238,6 +241,18 @@ OGRErr FeatureLayer::ISetFeature(OGRFeature* feature) {
   if (!(isReplaced ? Replace(*records, changes) : Amend(position, changes))) return OGRERR_FAILURE;
   if (isToBeDeleted == isDeleted) return OGRERR_NONE;
   return Mark(fid, isToBeDeleted ? Marking::kDelete : Marking::kRestore) ? OGRERR_NONE : OGRERR_FAILURE;
+}
+
+// For features that come back from another format. What it has no field for stays.
+OGRErr FeatureLayer::IUpsertFeature(OGRFeature* feature) {
+  const std::unique_ptr<OGRFeature> before(GetFeature(feature->GetFID()));
+  if (before == nullptr) return CreateFeature(feature);
+  for (int field = 0; field < m_definition->GetFieldCount(); ++field) {
+    if (!before->IsFieldSetAndNotNull(field)) continue;
+    const bool stays = feature->IsFieldSet(field) == FALSE || IsSameElsewhere(*before, *feature, field);
+    if (stays) feature->SetField(field, before->GetRawFieldRef(field));
+  }
+  return SetFeature(feature);
 }
 
 bool FeatureLayer::Amend(std::uint64_t position, const Changes& changes) {
@@ -281,7 +296,7 @@ bool FeatureLayer::MarkRecords(const FeatureRecords& records, Marking marking) {
   survey.isEdited = true;
   if (m_dataset.File().IncludesDeleted()) return true;
   --survey.layers[m_plan.index].features;
-  survey.directory.Drop(*survey.directory.At(records.feature->m_filePosition));
+  survey.directory.Drop(records.feature->FeatureNumber, records.feature->m_filePosition);
   survey.points -= records.points.size();
   return true;
 }

@@ -43,6 +43,7 @@ Editor::Editor(SurveyFile& file, const Survey& survey, std::string path, Origin 
       m_survey(survey),
       m_path(std::move(path)),
       m_sourceFlag(origin == Origin::kNew ? 0U : std::uint32_t{KESP_SRC_ADDED}),
+      m_lengthBefore(file.Length()),
       m_lastFeature(survey.lastFeature),
       m_lastPoint(survey.lastPoint) {
   ReadHeader();
@@ -63,17 +64,16 @@ void Editor::ReadHeader() {
 }
 
 bool Editor::IsFree(std::uint32_t featureNumber) const {
-  return !m_recent.Has(featureNumber) && !m_survey.directory.Find(featureNumber);
+  if (m_recent.Has(featureNumber)) return false;
+  return !m_survey.directory.Find(featureNumber) || m_survey.directory.IsGone(featureNumber);
 }
 
-void Editor::NoteNumbers(const Records& records) {
-  for (const auto& record : records) {
-    if (const auto* const feature = dynamic_cast<const CKespFeature*>(record.get())) {
-      m_recent.Add(feature->FeatureNumber);
-      m_lastFeature = std::max(m_lastFeature, feature->FeatureNumber);
-    } else if (const auto* const point = dynamic_cast<const CKespPoint*>(record.get())) {
-      m_lastPoint = std::max(m_lastPoint, point->PointNumber);
-    }
+void Editor::NoteNumber(const CKespRecord& record) {
+  if (const auto* const feature = dynamic_cast<const CKespFeature*>(&record)) {
+    m_recent.Add(feature->FeatureNumber);
+    m_lastFeature = std::max(m_lastFeature, feature->FeatureNumber);
+  } else if (const auto* const point = dynamic_cast<const CKespPoint*>(&record)) {
+    m_lastPoint = std::max(m_lastPoint, point->PointNumber);
   }
 }
 
@@ -88,7 +88,7 @@ bool Editor::Append(Records records) {
   const std::uint64_t bytes = BytesOf(records);
   if (!HasRoomFor(bytes)) return false;
   const std::size_t before = m_pending.size();
-  NoteNumbers(records);
+  for (const auto& record : records) NoteNumber(*record);
   std::move(records.begin(), records.end(), std::back_inserter(m_pending));
   m_pendingBytes += bytes;
   if (m_pendingBytes < kMostPending || WritePending()) return true;
@@ -185,6 +185,7 @@ bool Editor::PutBack(const std::vector<Original>& originals, std::size_t count) 
 }
 
 bool Editor::Amend(const Amendments& amendments) try {
+  if (amendments.empty()) return true;
   std::vector<Original> originals;
   if (!ReadOriginals(amendments, originals) || !MarkOpen()) return false;
   m_hasChanged = m_isUnsynced = true;
@@ -192,6 +193,9 @@ bool Editor::Amend(const Amendments& amendments) try {
     if (m_file.ForWriting().AmendRecord(*amendments[i].before, *amendments[i].after)) continue;
     PutBack(originals, i + 1);
     return Fail("a record can't be changed");
+  }
+  for (const Amendment& amendment : amendments) {
+    if (amendment.after->m_recordType == KESP_RECORD_POINT) NoteNumber(*amendment.after);
   }
   if (m_isInTransaction) std::move(originals.begin(), originals.end(), std::back_inserter(m_originals));
   return true;

@@ -46,6 +46,10 @@ class Editor {
   bool IsFree(std::uint32_t featureNumber) const;
   std::uint64_t NextFeature() const noexcept { return std::uint64_t{m_lastFeature} + 1; }
   std::uint64_t NextPoint() const noexcept { return std::uint64_t{m_lastPoint} + 1; }
+  // The length of the file when it was opened.
+  std::uint64_t LengthBefore() const noexcept { return m_lengthBefore; }
+  // Where the next record that is appended will be.
+  std::uint64_t NextPosition() const noexcept { return m_file.Length() + m_pendingBytes; }
 
   // Takes records of which all fit into their version. If it fails, none of them will be in the file, but records that
   // were gathered before may be written later.
@@ -79,7 +83,7 @@ class Editor {
   bool WritePending();
   bool MarkOpen();
   bool Sync();
-  void NoteNumbers(const Records& records);
+  void NoteNumber(const CKespRecord& record);
   void ReadHeader();
   bool ReadOriginals(const Amendments& amendments, std::vector<Original>& originals);
   bool PutBack(const std::vector<Original>& originals, std::size_t count);
@@ -88,6 +92,7 @@ class Editor {
   const Survey& m_survey;
   std::string m_path;
   std::uint32_t m_sourceFlag;
+  std::uint64_t m_lengthBefore;
   std::unique_ptr<CKespTavoHeader> m_header;  // as it is in the file; null if there is none
   Records m_pending;
   std::uint64_t m_pendingBytes = 0;

@@ -19,7 +19,7 @@ FeatureLayer::FeatureLayer(Dataset& dataset, const std::string& name, const Laye
 }
 
 int FeatureLayer::TestCapability(const char* capability) {
-  if (EQUAL(capability, OLCCreateField)) return m_writer ? TRUE : FALSE;
+  if (EQUAL(capability, OLCCreateField) || EQUAL(capability, OLCUpsertFeature)) return m_writer ? TRUE : FALSE;
   if (!EQUAL(capability, OLCFastSetNextByIndex)) return Layer::TestCapability(capability);
   return IsFiltered() || m_survey.isEdited || m_survey.directory.IsMerged() ? FALSE : TRUE;
 }

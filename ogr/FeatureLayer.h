@@ -29,8 +29,9 @@ class FeatureLayer final : public Layer {
   OGRErr DeleteFeature(GIntBig fid) override;
 
  protected:
-  OGRErr ICreateFeature(OGRFeature* feature) override;
+  OGRErr Create(OGRFeature& feature) override;
   OGRErr ISetFeature(OGRFeature* feature) override;
+  OGRErr IUpsertFeature(OGRFeature* feature) override;
   bool CanAdd() const override { return true; }
   bool CanChange() const override { return true; }
   bool CanDelete() const override { return true; }

@@ -209,7 +209,7 @@ bool FeatureWriter::AddRecords(const Shape& shape, const OGRFeature& feature, co
 bool FeatureWriter::ChooseNumber(const OGRFeature& feature, const std::vector<FieldTarget>& targets,
                                  std::uint64_t& number) {
   const int field = FieldOf(feature, targets, Role::kNumber);
-  GIntBig wanted = feature.GetFID();
+  GIntBig wanted = m_settings.takesFids ? feature.GetFID() : OGRNullFID;
   if (wanted == OGRNullFID && field != Schema::kNone) wanted = feature.GetFieldAsInteger64(field);
   number = wanted != OGRNullFID ? static_cast<std::uint64_t>(wanted) : m_editor.NextFeature();
   if (wanted == OGRNullFID) return true;
@@ -221,7 +221,12 @@ bool FeatureWriter::ChooseNumber(const OGRFeature& feature, const std::vector<Fi
 }
 
 bool FeatureWriter::Write(OGRFeature& feature, const std::vector<FieldTarget>& targets) {
-  std::optional<std::vector<Shape>> shapes = Shapes(feature);
+  std::optional<std::vector<Shape>> shapes;
+  if (feature.GetGeometryRef() == nullptr && m_settings.kind) {
+    shapes.emplace(1).front().kind = *m_settings.kind;  // a feature without points
+  } else {
+    shapes = Shapes(feature);
+  }
   std::uint64_t first = 0;
   if (!shapes || !ChooseNumber(feature, targets, first)) return false;
   Records all;

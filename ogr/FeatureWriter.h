@@ -24,6 +24,7 @@ class FeatureWriter {
     MultiGeometries multi = MultiGeometries::kRefuse;
     std::string name;          // of features for which no field gives one
     bool isNameFixed = false;  // no feature may have another
+    bool takesFids = true;     // as numbers
     ColorOrder colors = ColorOrder::kBgr;
   };
   FeatureWriter(Editor& editor, Settings settings) : m_editor(editor), m_settings(std::move(settings)) {}

@@ -2,6 +2,8 @@
 
 #include <bit>
 #include <cstring>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include <ogr_geometry.h>
@@ -34,6 +36,20 @@ bool HasSameValue(const OGRFeature& a, const OGRFeature& b, int field) {
     default:
       return std::strcmp(a.GetFieldAsString(field), b.GetFieldAsString(field)) == 0;
   }
+}
+
+bool IsSameElsewhere(const OGRFeature& value, const OGRFeature& other, int field) {
+  if (!value.IsFieldSetAndNotNull(field) || !other.IsFieldSetAndNotNull(field)) return false;
+  const OGRFieldType type = value.GetFieldDefnRef(field)->GetType();
+  if (type == OFTReal) {
+    const std::string text = value.GetFieldAsString(field);  // both use one buffer
+    return text == other.GetFieldAsString(field);
+  }
+  if (type != OFTDateTime) return false;
+  const auto& a = value.GetRawFieldRef(field)->Date;
+  const auto& b = other.GetRawFieldRef(field)->Date;
+  return std::tie(a.Year, a.Month, a.Day, a.Hour, a.Minute, a.Second) ==
+         std::tie(b.Year, b.Month, b.Day, b.Hour, b.Minute, b.Second);
 }
 
 bool HasSameGeometry(const OGRFeature& a, const OGRFeature& b) {

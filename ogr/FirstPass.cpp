@@ -24,7 +24,7 @@ void FirstPass::Run() {
   while (const RecordView* record = m_cursor.Read()) Take(*record);
   m_survey.openFeature = m_run.Number();
   EndRun();
-  if (m_end == 0) m_survey.directory.Finish();
+  m_survey.directory.Finish();
   m_survey.end = m_cursor.End();
   m_end = m_file.Length();
 }

@@ -70,7 +70,7 @@ void RegisterOGRKesp() {
   driver->SetMetadataItem(GDAL_DMD_OPENOPTIONLIST, kesp::ogr::kOptionList);
   driver->SetMetadataItem(GDAL_DMD_CREATIONOPTIONLIST, kesp::ogr::kCreationOptionList);
   driver->SetMetadataItem(GDAL_DS_LAYER_CREATIONOPTIONLIST, kesp::ogr::kLayerCreationOptionList);
-  driver->SetMetadataItem(GDAL_DMD_CREATIONFIELDDATATYPES, "Integer Integer64 Real String Date DateTime");
+  driver->SetMetadataItem(GDAL_DMD_CREATIONFIELDDATATYPES, "Integer Integer64 Real String Date DateTime Binary");
   driver->SetMetadataItem(GDAL_DMD_CREATIONFIELDDATASUBTYPES, "Boolean Int16 Float32 JSON");
   driver->SetMetadataItem(GDAL_DMD_CREATION_FIELD_DOMAIN_TYPES, "Coded");
   for (const char* const capability :

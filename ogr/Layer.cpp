@@ -35,6 +35,14 @@ GIntBig Layer::GetFeatureCount(int force) {
   return IsFiltered() ? OGRLayer::GetFeatureCount(force) : Count();
 }
 
+OGRErr Layer::ICreateFeature(OGRFeature* feature) {
+  if (m_dataset.Editing() == nullptr) return OGRERR_UNSUPPORTED_OPERATION;
+  const GIntBig given = feature->GetFID();
+  const OGRErr result = Create(*feature);
+  if (m_leavesFids && given != OGRNullFID) feature->SetFID(given);
+  return result;
+}
+
 OGRErr Layer::StartTransaction() { return m_dataset.StartTransaction(FALSE); }
 OGRErr Layer::CommitTransaction() { return m_dataset.CommitTransaction(); }
 OGRErr Layer::RollbackTransaction() { return m_dataset.RollbackTransaction(); }

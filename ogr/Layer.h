@@ -28,12 +28,19 @@ class Layer : public OGRLayer {
   OGRErr CommitTransaction() override;
   OGRErr RollbackTransaction() override;
   OGRErr SyncToDisk() override;
+  // What was written since the transaction began is gone.
+  virtual void AfterRollback() { ResetReading(); }
+  // Features that are created keep the FIDs that they come with, which mean nothing here. ogr2ogr warns of each that
+  // changes.
+  void LeaveFids() noexcept { m_leavesFids = true; }
 
  protected:
   Layer(Dataset& dataset, const std::string& name, OGRwkbGeometryType geometryType);
 
   // Of the whole layer, known from the first walk.
   virtual GIntBig Count() const = 0;
+  // Writes a new feature and sets its FID.
+  virtual OGRErr Create(OGRFeature& /*feature*/) { return OGRERR_UNSUPPORTED_OPERATION; }
   virtual const Box* Bounds() const { return nullptr; }  // null without geometry
   virtual bool IsIndexed() const { return false; }       // GetFeature doesn't search the whole file
   // Whether it can do so in a data set that is open for changes.
@@ -50,7 +57,10 @@ class Layer : public OGRLayer {
   OGRFeatureDefn* m_definition;
 
  private:
+  OGRErr ICreateFeature(OGRFeature* feature) final;
+
   bool m_hasReported = false;
+  bool m_leavesFids = false;
 };
 
 }  // namespace kesp::ogr

@@ -27,13 +27,14 @@ int NewLayer::TestCapability(const char* capability) {
   return Layer::TestCapability(capability);
 }
 
-OGRErr NewLayer::ICreateFeature(OGRFeature* feature) {
-  if (!m_writer.Write(*feature, m_targets)) return OGRERR_FAILURE;
+OGRErr NewLayer::Create(OGRFeature& feature) {
+  if (!m_writer.Write(feature, m_targets)) return OGRERR_FAILURE;
+  ++m_count;
+  if (feature.GetGeometryRef() == nullptr) return OGRERR_NONE;
   OGREnvelope extent;
-  feature->GetGeometryRef()->getEnvelope(&extent);
+  feature.GetGeometryRef()->getEnvelope(&extent);
   m_box.Include(extent.MinX, extent.MinY);
   m_box.Include(extent.MaxX, extent.MaxY);
-  ++m_count;
   return OGRERR_NONE;
 }
 

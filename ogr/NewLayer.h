@@ -16,7 +16,7 @@ class NewLayer final : public Layer {
   int TestCapability(const char* capability) override;
 
  protected:
-  OGRErr ICreateFeature(OGRFeature* feature) override;
+  OGRErr Create(OGRFeature& feature) override;
   GIntBig Count() const override { return m_count; }
   const Box* Bounds() const override { return &m_box; }
   bool CanAdd() const override { return true; }

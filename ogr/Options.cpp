@@ -28,6 +28,9 @@ const char* const kLayerCreationOptionList =
     "<LayerCreationOptionList>"
     "  <Option name='SPLIT_MULTI' type='boolean' description='Whether a feature is written for each part of a "
     "geometry' default='NO'/>"
+    "  <Option name='FID' type='string' description='Name of the column of the FIDs; only those of feature_number "
+    "become "
+    "feature numbers' default='feature_number'/>"
     "</LayerCreationOptionList>";
 
 namespace {

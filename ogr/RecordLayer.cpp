@@ -109,6 +109,26 @@ void RecordLayer::Mark(CKespRecord& record, bool isDeleted) {
   record.SetSourceFlag(KESP_SRC_DELETED);
 }
 
+OGRErr RecordLayer::AcceptOwnField(const OGRFieldDefn& field) const {
+  if (m_definition->GetFieldIndex(field.GetNameRef()) >= 0) return OGRERR_NONE;
+  CPLError(CE_Failure, CPLE_NotSupported, "Kesp: %s can't have a field %s", GetDescription(), field.GetNameRef());
+  return OGRERR_FAILURE;
+}
+
+OGRErr RecordLayer::Add(std::unique_ptr<CKespRecord> record, OGRFeature& row) const {
+  Editor& editor = *m_dataset.Editing();
+  const auto isMarked = [&row](int field) {
+    return row.IsFieldSetAndNotNull(field) && row.GetFieldAsInteger(field) != 0;
+  };
+  const int edited = m_definition->GetFieldCount() - 1;
+  if (isMarked(edited)) record->SetSourceFlag(KESP_SRC_MODIFIED);
+  if (isMarked(edited - 1)) record->SetDelete();
+  row.SetFID(static_cast<GIntBig>(editor.NextPosition()));
+  Records records;
+  records.push_back(std::move(record));
+  return editor.Append(std::move(records)) ? OGRERR_NONE : OGRERR_FAILURE;
+}
+
 OGRErr RecordLayer::ISetFeature(OGRFeature* feature) {
   if (m_dataset.Editing() == nullptr || !CanChange()) return OGRERR_UNSUPPORTED_OPERATION;
   const std::unique_ptr<OGRFeature> before(GetFeature(feature->GetFID()));
@@ -122,8 +142,11 @@ OGRErr RecordLayer::ISetFeature(OGRFeature* feature) {
   CKespRecord& record = *amendments.front().after;
   record.SetSourceFlag(KESP_SRC_MODIFIED);
   if (!Change(record, *before, *feature)) return OGRERR_FAILURE;
-  if (CanDelete() && !HasSameValue(*before, *feature, deleted)) Mark(record, feature->GetFieldAsInteger(deleted) != 0);
-  return m_dataset.Editing()->Amend(amendments) ? OGRERR_NONE : OGRERR_FAILURE;
+  const bool isMarked = CanDelete() && !HasSameValue(*before, *feature, deleted);
+  if (isMarked) Mark(record, feature->GetFieldAsInteger(deleted) != 0);
+  if (!m_dataset.Editing()->Amend(amendments)) return OGRERR_FAILURE;
+  if (isMarked && !m_dataset.File().IncludesDeleted()) CountDeletion(m_dataset.Editable());
+  return OGRERR_NONE;
 }
 
 OGRErr RecordLayer::DeleteFeature(GIntBig fid) {

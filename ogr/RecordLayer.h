@@ -37,6 +37,11 @@ class RecordLayer : public Layer {
   // Sets the fields for the flags, which come last.
   void SetFlags(OGRFeature& row, std::uint32_t flags) const;
   void AddFlagFields() const;
+  // Only a field that is there already can be created, as other programs copy fields.
+  OGRErr AcceptOwnField(const OGRFieldDefn& field) const;
+  static void Mark(CKespRecord& record, bool isDeleted);
+  // Marks a new record by the fields for flags, and appends it. Sets the FID.
+  OGRErr Add(std::unique_ptr<CKespRecord> record, OGRFeature& row) const;
   int AddField(const char* name, OGRFieldType type, OGRFieldSubType subtype = OFSTNone) const;
 
   std::string m_buffer;
@@ -47,7 +52,6 @@ class RecordLayer : public Layer {
   bool Skip(const RecordView& feature);
   // Reads the record twice, for an Amendment.
   bool ReadForChange(GIntBig fid, Amendments& amendments);
-  static void Mark(CKespRecord& record, bool isDeleted);
 
   Cursor m_cursor, m_random;
   Run m_run;

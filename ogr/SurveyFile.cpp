@@ -57,6 +57,7 @@ std::unique_ptr<SurveyFile> SurveyFile::Open(const std::string& path, bool inclu
 
 std::unique_ptr<SurveyFile> SurveyFile::Create(const std::string& path, std::uint16_t version) {
   auto file = std::make_unique<SurveyFile>();
+  file->m_includeDeleted = true;  // a new layer knows what is written to it
   CKespDataFile& container = file->m_container;
   container.m_version = version;
   VSIStatBufL info;

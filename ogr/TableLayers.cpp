@@ -18,6 +18,27 @@ enum NoteField : int { kNoteText };
 enum TagField : int { kTagKind, kTagKindName, kTagName, kTagValue, kTagData };
 enum LinkField : int { kFrom, kFromQualifier, kTo, kToQualifier, kLinkValue, kSpare };
 
+constexpr GIntBig kMostNumber = 0xFFFFFFFF;
+
+bool Refuse(const std::string& why) {
+  CPLError(CE_Failure, CPLE_NotSupported, "Kesp: %s", why.c_str());
+  return false;
+}
+
+std::optional<KESP_TAG> KindIn(const OGRFeature& row) {
+  if (!row.IsFieldSetAndNotNull(kTagKind)) return TagKindOf(row.GetFieldAsString(kTagKindName));
+  const GIntBig kind = row.GetFieldAsInteger64(kTagKind);
+  if (kind < 0 || kind > kMostNumber) return std::nullopt;
+  return KESP_TAG{static_cast<std::uint32_t>(kind)};
+}
+
+bool HasSameFields(const OGRFeature& a, const OGRFeature& b, int last) {
+  for (int field = 0; field <= last; ++field) {
+    if (!HasSameValue(a, b, field)) return false;
+  }
+  return true;
+}
+
 std::unique_ptr<OGRFeature> NewRow(OGRFeatureDefn* definition, const RecordView& record) {
   auto row = std::make_unique<OGRFeature>(definition);
   row->SetFID(static_cast<GIntBig>(record.Position()));
@@ -26,7 +47,15 @@ std::unique_ptr<OGRFeature> NewRow(OGRFeatureDefn* definition, const RecordView&
 
 }  // namespace
 
-NoteLayer::NoteLayer(Dataset& dataset) : RecordLayer(dataset, kName, wkbNone) {
+OGRErr TableLayer::CreateField(OGRFieldDefn* field, int /*approximates*/) { return AcceptOwnField(*field); }
+
+std::unique_ptr<CKespTag> TableLayer::NewTag() const {
+  auto tag = std::make_unique<CKespTag>();
+  tag->m_recordVersion = m_dataset.Editing()->RecordVersion(tag->m_recordVersion);
+  return tag;
+}
+
+NoteLayer::NoteLayer(Dataset& dataset) : TableLayer(dataset, kName) {
   AddField("text", OFTString);
   AddFlagFields();
 }
@@ -49,32 +78,18 @@ std::unique_ptr<OGRFeature> NoteLayer::MakeRow(const RecordView& record) {
   return row;
 }
 
-OGRErr NoteLayer::CreateField(OGRFieldDefn* field, int /*approximates*/) {
-  if (m_definition->GetFieldIndex(field->GetNameRef()) >= 0) return OGRERR_NONE;
-  CPLError(CE_Failure, CPLE_NotSupported, "Kesp: notes can't have a field %s", field->GetNameRef());
-  return OGRERR_FAILURE;
-}
-
-OGRErr NoteLayer::ICreateFeature(OGRFeature* feature) {
-  Editor* const editor = m_dataset.Editing();
-  if (editor == nullptr) return OGRERR_UNSUPPORTED_OPERATION;
+OGRErr NoteLayer::Create(OGRFeature& feature) {
+  const Editor& editor = *m_dataset.Editing();
   CKespNote blank;
-  blank.m_recordVersion = editor->RecordVersion(blank.m_recordVersion);
+  blank.m_recordVersion = editor.RecordVersion(blank.m_recordVersion);
   auto note = std::make_unique<CKespNote>(blank);
-  note->NoteText = CString::FromUtf8(feature->GetFieldAsString(kNoteText));
+  note->NoteText = CString::FromUtf8(feature.GetFieldAsString(kNoteText));
   if (!CKespDataFile::CanAmend(blank, *note)) {
     CPLError(CE_Failure, CPLE_NotSupported, "Kesp: a note has at most 255 characters%s",
-             editor->FileVersion() == 1 ? ", all of Latin-1" : "");
+             editor.FileVersion() == 1 ? ", all of Latin-1" : "");
     return OGRERR_FAILURE;
   }
-  const int edited = m_definition->GetFieldCount() - 1;
-  if (feature->IsFieldSetAndNotNull(edited) && feature->GetFieldAsInteger(edited) != 0) {
-    note->SetSourceFlag(KESP_SRC_MODIFIED);
-  }
-  if (feature->IsFieldSetAndNotNull(edited - 1) && feature->GetFieldAsInteger(edited - 1) != 0) note->SetDelete();
-  Records records;
-  records.push_back(std::move(note));
-  return editor->Append(std::move(records)) ? OGRERR_NONE : OGRERR_FAILURE;
+  return Add(std::move(note), feature);
 }
 
 bool NoteLayer::Change(CKespRecord& record, const OGRFeature& before, const OGRFeature& now) {
@@ -83,7 +98,7 @@ bool NoteLayer::Change(CKespRecord& record, const OGRFeature& before, const OGRF
   return true;
 }
 
-TagLayer::TagLayer(Dataset& dataset) : RecordLayer(dataset, kName, wkbNone) {
+TagLayer::TagLayer(Dataset& dataset) : TableLayer(dataset, kName) {
   AddField("kind", OFTInteger64);
   AddField("kind_name", OFTString);
   AddField("name", OFTString);
@@ -136,7 +151,34 @@ void TagLayer::SetLongContent(OGRFeature& row, std::uint64_t position) {
   if (parts.payload) SetContent(row, tag->GetType(), *parts.payload);
 }
 
-LinkLayer::LinkLayer(Dataset& dataset) : RecordLayer(dataset, kName, wkbNone) {
+// The kind decides what the value can be. Without a value the bytes are taken as they are.
+bool TagLayer::Put(const OGRFeature& row, CKespTag& tag) {
+  const std::optional<KESP_TAG> kind = KindIn(row);
+  if (!kind) return Refuse("a tag needs a kind, or the name of one");
+  const CString name = CString::FromUtf8(row.GetFieldAsString(kTagName));
+  const std::string value = row.GetFieldAsString(kTagValue);
+  const bool hasValue = !value.empty() || (*kind == KESP_TAG_STRING && row.IsFieldSetAndNotNull(kTagValue));
+  if (!hasValue) {
+    int size = 0;
+    const GByte* const data = row.IsFieldSetAndNotNull(kTagData) ? row.GetFieldAsBinary(kTagData, &size) : nullptr;
+    return tag.Set(*kind, name, data, static_cast<unsigned long>(size));
+  }
+  const auto payload = TagPayloadOf(*kind, value);
+  if (!payload)
+    return Refuse(std::string("a tag of the kind ") + TagKindName(*kind) + " can't have the value " + value);
+  return tag.Set(*kind, name, payload->data(), payload->size());
+}
+
+OGRErr TagLayer::Create(OGRFeature& feature) {
+  std::unique_ptr<CKespTag> tag = NewTag();
+  return Put(feature, *tag) ? Add(std::move(tag), feature) : OGRERR_FAILURE;
+}
+
+bool TagLayer::Change(CKespRecord& record, const OGRFeature& before, const OGRFeature& now) {
+  return HasSameFields(before, now, kTagData) || Put(now, static_cast<CKespTag&>(record));
+}
+
+LinkLayer::LinkLayer(Dataset& dataset) : TableLayer(dataset, kName) {
   for (const char* const name : {kFromField, "from_qualifier", kToField, "to_qualifier", "value", "spare"}) {
     AddField(name, OFTInteger64);
   }
@@ -161,6 +203,29 @@ std::unique_ptr<OGRFeature> LinkLayer::MakeRow(const RecordView& record) {
   }
   SetFlags(*row, record.Flags());
   return row;
+}
+
+bool LinkLayer::Put(const OGRFeature& row, CKespTag& tag) const {
+  std::vector<std::byte> payload;
+  for (int field = 0; field <= kSpare; ++field) {
+    const GIntBig number = row.GetFieldAsInteger64(field);
+    const bool isMissing = (field == kFrom || field == kTo) && !row.IsFieldSetAndNotNull(field);
+    if (isMissing || number < 0 || number > kMostNumber) {
+      return Refuse(std::string(m_definition->GetFieldDefn(field)->GetNameRef()) + " of a link must be from 0 to " +
+                    std::to_string(kMostNumber));
+    }
+    PutWord(static_cast<std::uint32_t>(number), payload);
+  }
+  return tag.Set(KESP_TAG_FEATURE_LINK, PartsOf(tag).name.value_or(CString()), payload.data(), payload.size());
+}
+
+OGRErr LinkLayer::Create(OGRFeature& feature) {
+  std::unique_ptr<CKespTag> tag = NewTag();
+  return Put(feature, *tag) ? Add(std::move(tag), feature) : OGRERR_FAILURE;
+}
+
+bool LinkLayer::Change(CKespRecord& record, const OGRFeature& before, const OGRFeature& now) {
+  return HasSameFields(before, now, kSpare) || Put(now, static_cast<CKespTag&>(record));
 }
 
 }  // namespace kesp::ogr

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <bit>
+#include <charconv>
 #include <cmath>
 
+#include <cpl_conv.h>
 #include <cpl_string.h>
 
 #include "kesp/util/Fields.h"
@@ -54,6 +56,46 @@ std::string NumberText(char letter, const std::byte* at) {
   }
 }
 
+template <class Number>
+void Put(Number number, std::vector<std::byte>& payload) {
+  for (std::size_t i = 0; i < sizeof number; ++i) payload.push_back(static_cast<std::byte>(number >> 8 * i));
+}
+
+template <class Number>
+bool PutInteger(std::string_view text, std::vector<std::byte>& payload) {
+  Number number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return false;
+  Put(static_cast<std::uint32_t>(number), payload);
+  return true;
+}
+
+bool PutNumber(char letter, const std::string& text, std::vector<std::byte>& payload) {
+  if (letter == 'i') return PutInteger<std::int32_t>(text, payload);
+  if (letter == 'u') return PutInteger<std::uint32_t>(text, payload);
+  char* end = nullptr;
+  const double number = CPLStrtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0') return false;
+  if (letter == 'd') {
+    Put(std::bit_cast<std::uint64_t>(number), payload);
+    return true;
+  }
+  const auto value = static_cast<float>(number);
+  const auto bits = std::bit_cast<std::uint32_t>(value);
+  Put(bits, payload);
+  const bool isWhole = letter == 'n' || letter == 'k';
+  const double least = letter == 'n' ? 0 : -2147483648.0;
+  const double most = letter == 'n' ? 4294967295.0 : 2147483647.0;
+  return isWhole ? WholeText(value, least, most) == text : std::isinf(value) == std::isinf(number);
+}
+
+std::vector<std::byte> TextPayload(const CString& text) {
+  std::vector<std::byte> payload;
+  for (const char16_t unit : text.View()) Put(static_cast<std::uint16_t>(unit), payload);
+  Put(std::uint16_t{0}, payload);
+  return payload;
+}
+
 }  // namespace
 
 std::optional<LinkValues> LinkOf(const TagView& tag) {
@@ -96,6 +138,27 @@ std::optional<std::string> TagValueText(KESP_TAG kind, std::span<const std::byte
     at += WidthOf(letter);
   }
   return text;
+}
+
+void PutWord(std::uint32_t word, std::vector<std::byte>& payload) { Put(word, payload); }
+
+std::optional<KESP_TAG> TagKindOf(std::string_view name) {
+  const auto* const kind = std::find_if(std::begin(kKinds), std::end(kKinds), [&](auto& k) { return k.name == name; });
+  if (kind == std::end(kKinds)) return std::nullopt;
+  return KESP_TAG{static_cast<std::uint32_t>(kind - kKinds)};
+}
+
+std::optional<std::vector<std::byte>> TagPayloadOf(KESP_TAG kind, const std::string& text) {
+  if (kind == KESP_TAG_BLOB || kind >= std::size(kKinds)) return std::nullopt;
+  const std::string_view layout = kKinds[kind].layout;
+  if (layout == "t") return TextPayload(CString::FromUtf8(text));
+  const CPLStringList numbers(CSLTokenizeString2(text.c_str(), " ", 0));
+  if (static_cast<std::size_t>(numbers.size()) != layout.size()) return std::nullopt;
+  std::vector<std::byte> payload;
+  for (int i = 0; i < numbers.size(); ++i) {
+    if (!PutNumber(layout[static_cast<std::size_t>(i)], numbers[i], payload)) return std::nullopt;
+  }
+  return payload;
 }
 
 }  // namespace kesp::ogr

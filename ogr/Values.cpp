@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <cmath>
+#include <ctime>
 #include <limits>
 #include <optional>
 
 #include <cpl_string.h>
+#include <cpl_time.h>
 
 #include "ogr/Utf8Text.h"
 
@@ -77,6 +79,25 @@ void SetText(OGRFeature& feature, int field, const TextView& text, std::string& 
 void SetTime(OGRFeature& feature, int field, std::int64_t time) {
   if (time == 0) return feature.SetFieldNull(field);
   Set(feature, field, FromSeconds(time), kUtc);
+}
+
+std::optional<std::int32_t> TimeIn(const OGRFeature& feature, int field) {
+  if (!feature.IsFieldSetAndNotNull(field)) return 0;
+  std::tm clock{};
+  int zone = 0;
+  float second = 0;
+  feature.GetFieldAsDateTime(field, &clock.tm_year, &clock.tm_mon, &clock.tm_mday, &clock.tm_hour, &clock.tm_min,
+                             &second, &zone);
+  constexpr int kFirstYear = 1900;
+  constexpr int kSecondsPerZone = 900;
+  clock.tm_year -= kFirstYear;
+  --clock.tm_mon;
+  clock.tm_sec = static_cast<int>(second);
+  const GIntBig time = CPLYMDHMSToUnixTime(&clock) - (zone > 1 ? GIntBig{zone - kUtc} * kSecondsPerZone : 0);
+  const bool isTime =
+      time > 0 && time <= std::numeric_limits<std::int32_t>::max() && second == static_cast<float>(clock.tm_sec);
+  if (!isTime) return std::nullopt;
+  return static_cast<std::int32_t>(time);
 }
 
 double MeasureOf(const PointView& point) {

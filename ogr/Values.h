@@ -1,6 +1,7 @@
 // Values of the format as OGR's fields and as texts.
 #pragma once
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include <ogr_feature.h>
@@ -13,6 +14,9 @@ namespace kesp::ogr {
 void SetText(OGRFeature& feature, int field, const TextView& text, std::string& buffer);
 // Seconds since 1970 UTC; 0 means none and sets null.
 void SetTime(OGRFeature& feature, int field, std::int64_t time);
+// The time in a field of dates and times, 0 for none. One without a zone is taken for UTC. Null if it is not one of
+// whole seconds from 1970 to 19 January 2038.
+std::optional<std::int32_t> TimeIn(const OGRFeature& feature, int field);
 // The M of a point: its time, or NaN if it has none.
 double MeasureOf(const PointView& point);
 std::string TimeText(std::int64_t time);  // 2024-06-10T08:15:00Z

@@ -10,23 +10,6 @@
 #include "ogr/Values.h"
 
 namespace kesp::ogr {
-namespace {
-
-enum Field : int {
-  kFeatureNumber,
-  kPointNumber,
-  kText,
-  kTime,
-  kZ,
-  kStatus,
-  kGpsValue,
-  kGpsNumber,
-  kHasOffset,
-  kOffset1,
-  kOffset2
-};
-
-}  // namespace
 
 VertexLayer::VertexLayer(Dataset& dataset) : RecordLayer(dataset, kName, wkbPointZM) {
   AddField("feature_number", OFTInteger64);
@@ -42,6 +25,30 @@ VertexLayer::VertexLayer(Dataset& dataset) : RecordLayer(dataset, kName, wkbPoin
   AddField("offset_1", OFTReal);
   AddField("offset_2", OFTReal);
   AddFlagFields();
+  if (dataset.Editing() != nullptr) m_writer.emplace(dataset, *this);
+}
+
+OGRErr VertexLayer::CreateField(OGRFieldDefn* field, int /*approximates*/) { return AcceptOwnField(*field); }
+
+OGRErr VertexLayer::Create(OGRFeature& feature) { return m_writer->Write(feature) ? OGRERR_NONE : OGRERR_FAILURE; }
+
+OGRErr VertexLayer::DeleteFeature(GIntBig fid) {
+  const std::unique_ptr<OGRFeature> row(m_writer ? GetFeature(fid) : nullptr);
+  const OGRErr result = RecordLayer::DeleteFeature(fid);
+  if (result != OGRERR_NONE) return result;
+  m_writer->NoteDeletion(static_cast<std::uint32_t>(row->GetFieldAsInteger64(kFeatureNumber)),
+                         static_cast<std::uint32_t>(row->GetFieldAsInteger64(kPointNumber)));
+  return OGRERR_NONE;
+}
+
+void VertexLayer::AfterRollback() {
+  ResetReading();
+  if (m_writer) m_writer->Forget();
+}
+
+void VertexLayer::CountDeletion(Survey& survey) const {
+  --survey.points;
+  survey.isEdited = true;
 }
 
 GIntBig VertexLayer::Count() const { return static_cast<GIntBig>(m_dataset.Contents().points); }
@@ -104,49 +111,64 @@ std::unique_ptr<OGRFeature> VertexLayer::MakeRow(const RecordView& record) {
   return row;
 }
 
+// The place first: it decides which time and height are right.
 bool VertexLayer::Change(CKespRecord& record, const OGRFeature& before, const OGRFeature& now) {
   auto& point = static_cast<CKespPoint&>(record);
-  for (int field = 0; field < m_definition->GetFieldCount() - 1; ++field) {
+  const bool hasMoved = m_definition->IsGeometryIgnored() == 0 && !HasSameGeometry(before, now);
+  if (hasMoved && !PutPlace(point, now)) return false;
+  for (int field = 0; field < kDeleted; ++field) {
     if (!HasSameValue(before, now, field) && !PutValue(point, now, field)) return false;
   }
-  return m_definition->IsGeometryIgnored() != 0 || HasSameGeometry(before, now) || PutPlace(point, now);
+  return true;
 }
 
-bool VertexLayer::PutValue(CKespPoint& point, const OGRFeature& now, int field) const {
-  const auto number = [&](GIntBig most) -> std::optional<std::uint16_t> {
-    const GIntBig value = now.GetFieldAsInteger64(field);
+bool VertexLayer::PutValue(CKespPoint& point, const OGRFeature& row, int field) const {
+  const auto number = [&](GIntBig most) -> std::optional<std::uint32_t> {
+    const GIntBig value = row.GetFieldAsInteger64(field);
     if (value < 0 || value > most) return std::nullopt;
-    return static_cast<std::uint16_t>(value);
+    return static_cast<std::uint32_t>(value);
   };
   constexpr GIntBig kMost16 = 0xFFFF;
-  constexpr GIntBig kMostStatus = 10;
+  constexpr GIntBig kMost32 = 0xFFFFFFFF;
   switch (field) {
+    case kPointNumber:
+      if (const auto value = number(kMost32)) return point.PointNumber = *value, true;
+      break;
     case kText:
-      point.PointText = CString::FromUtf8(now.GetFieldAsString(field));
+      point.PointText = CString::FromUtf8(row.GetFieldAsString(field));
       return true;
+    case kTime:
+      if (TimeIn(row, field) == point.PointTime) return true;
+      break;
+    case kZ:
+      if (row.GetFieldAsDouble(field) == point.CoordZ) return true;
+      break;
     case kGpsValue:
-      point.GpsValue = now.GetFieldAsDouble(field);
+      point.GpsValue = row.GetFieldAsDouble(field);
       return true;
     case kOffset1:
-      point.Offset1 = now.GetFieldAsDouble(field);
+      point.Offset1 = row.GetFieldAsDouble(field);
       return true;
     case kOffset2:
-      point.Offset2 = now.GetFieldAsDouble(field);
+      point.Offset2 = row.GetFieldAsDouble(field);
       return true;
     case kStatus:
-      if (const auto status = number(kMostStatus)) return point.SignalStatus = KESP_SIGNAL_STATUS{*status}, true;
+      if (const auto status = number(kMost16)) return point.SignalStatus = KESP_SIGNAL_STATUS{*status}, true;
       break;
     case kGpsNumber:
-      if (const auto value = number(kMost16)) return point.GpsNumber = *value, true;
+      if (const auto value = number(kMost16)) return point.GpsNumber = static_cast<std::int32_t>(*value), true;
       break;
     case kHasOffset:
-      if (const auto value = number(1)) return point.HasOffset = *value, true;
+      if (const auto value = number(1)) return point.HasOffset = static_cast<std::uint16_t>(*value), true;
       break;
+    case kDeleted:
+      Mark(point, row.GetFieldAsInteger(field) != 0);
+      return true;
     default:
       break;
   }
   CPLError(CE_Failure, CPLE_NotSupported, "Kesp: %s of a vertex can't be changed to %s%s",
-           m_definition->GetFieldDefn(field)->GetNameRef(), now.GetFieldAsString(field),
+           m_definition->GetFieldDefn(field)->GetNameRef(), row.GetFieldAsString(field),
            field == kTime || field == kZ ? ": change its geometry" : "");
   return false;
 }

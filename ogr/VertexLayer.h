@@ -1,7 +1,10 @@
 // The layer `vertices`: a row for each point that belongs to a feature.
 #pragma once
+#include <optional>
+
 #include "kesp/records/KespPoint.h"
 #include "ogr/RecordLayer.h"
+#include "ogr/VertexWriter.h"
 
 namespace kesp::ogr {
 
@@ -10,7 +13,29 @@ class VertexLayer final : public RecordLayer {
   static constexpr const char* kName = "vertices";
   static constexpr const char* kStatusDomain = "vertices.status";
 
+  enum Field : int {
+    kFeatureNumber,
+    kPointNumber,
+    kText,
+    kTime,
+    kZ,
+    kStatus,
+    kGpsValue,
+    kGpsNumber,
+    kHasOffset,
+    kOffset1,
+    kOffset2,
+    kDeleted,
+    kEdited
+  };
+
   explicit VertexLayer(Dataset& dataset);
+  OGRErr CreateField(OGRFieldDefn* field, int approximates) override;
+  OGRErr DeleteFeature(GIntBig fid) override;
+  void AfterRollback() override;
+  // Puts the value of a field into the point. False, with an error, if it can't have it. Time and height must be those
+  // that the point has.
+  bool PutValue(CKespPoint& point, const OGRFeature& row, int field) const;
 
  protected:
   GIntBig Count() const override;
@@ -19,13 +44,18 @@ class VertexLayer final : public RecordLayer {
   bool IsRow(const RecordView& record, const Run& run) const override;
   std::unique_ptr<OGRFeature> MakeRow(const RecordView& record) override;
   bool IsOutside(const RecordView& record) const override;
+  bool CanAdd() const override { return true; }
   bool CanChange() const override { return true; }
+  bool CanDelete() const override { return true; }
+  OGRErr Create(OGRFeature& feature) override;
+  void CountDeletion(Survey& survey) const override;
   bool Change(CKespRecord& record, const OGRFeature& before, const OGRFeature& now) override;
   std::uint64_t SkipFrom(std::uint64_t position) override;
 
  private:
-  bool PutValue(CKespPoint& point, const OGRFeature& now, int field) const;
   bool PutPlace(CKespPoint& point, const OGRFeature& now);
+
+  std::optional<VertexWriter> m_writer;
 };
 
 }  // namespace kesp::ogr

@@ -1,6 +1,8 @@
 // Changes of files that are there.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "tests/ogr/Gdal.h"
 
 namespace kesp::test {
@@ -174,6 +176,69 @@ TEST_P(Editing, AppendsDeletesAndRestores) {
   EXPECT_NE(Row("points", 1).find("Girth=3 Kind=Old"), std::string::npos);
   EXPECT_NE(Row("notes", kAfterHeader).find("text=Wet"), std::string::npos);
   EXPECT_EQ((*this)["areas"].GetFeatureCount(), 0);
+}
+
+// As ogr2ogr -upsert does with what comes back from a database.
+TEST_P(Editing, TakesBackWhatWasEditedElsewhere) {
+  const ByteVector before = ReadFile(m_path);
+  const auto put = [this](GIntBig fid, const std::vector<std::pair<const char*, const char*>>& values) {
+    const FeaturePtr row(OGRFeature::CreateFeature((*this)["points"].GetLayerDefn()));
+    row->SetFID(fid);
+    for (const auto& [name, value] : values) row->SetField(name, value);
+    if (fid == 1) row->SetField("Girth", std::nextafter(2.25, 3));
+    row->SetGeometryDirectly(new OGRPoint(10.5, 50.25, 0, 1700000000));
+    EXPECT_EQ((*this)["points"].UpsertFeature(row.get()), OGRERR_NONE) << fid;
+  };
+  EXPECT_EQ((*this)["points"].TestCapability(OLCUpsertFeature), TRUE);
+  put(1, {{"feature_name", "Oak"}, {"Seen", "2024/06/10 06:00:00+02"}});
+  EXPECT_EQ(ReadFile(m_path), before);
+  put(1, {{"feature_name", "Elm"}});
+  put(77, {{"feature_name", "Ash"}});
+  EXPECT_NE(Row("points", 1).find("feature_name=Elm"), std::string::npos);
+  EXPECT_NE(Row("points", 1).find("Girth=2.25 Kind=Old Kind_sub=sick Seen=2024/06/10 06:00:00"), std::string::npos);
+  EXPECT_NE(Row("points", 77).find("feature_name=Ash"), std::string::npos);
+  ExpectSameWhenReopened();
+}
+
+// Rows of records: an added vertex becomes the last one of its feature, and a deleted number can be used again.
+TEST_P(Editing, AddsAndDeletesVerticesTagsAndLinks) {
+  const auto add = [this](const char* layer, const char* wkt,
+                          const std::vector<std::pair<const char*, const char*>>& values) {
+    const FeaturePtr row(OGRFeature::CreateFeature((*this)[layer].GetLayerDefn()));
+    OGRGeometry* geometry = nullptr;
+    if (wkt != nullptr) OGRGeometryFactory::createFromWkt(wkt, nullptr, &geometry);
+    row->SetGeometryDirectly(geometry);
+    for (const auto& [name, value] : values) row->SetField(name, value);
+    EXPECT_EQ((*this)[layer].CreateFeature(row.get()), OGRERR_NONE) << layer;
+    return row->GetFID();
+  };
+  const GIntBig last = add("vertices", "POINT ZM (9 9 1 7)", {{"feature_number", "2"}, {"text", "d"}});
+  const GIntBig other = add("vertices", "POINT (8 8)", {{"feature_number", "2"}});
+  EXPECT_NE(Row("lines", 2).find("(1 2 0 nan,3 4 0 5,5 4 0 6,9 9 1 7,8 8 0 nan)"), std::string::npos);
+  EXPECT_NE(Row("vertices", last).find("feature_number=2 point_number=9 text=d"), std::string::npos);
+  EXPECT_EQ((*this)["vertices"].DeleteFeature(other), OGRERR_NONE);
+  const FeaturePtr middle((*this)["vertices"].GetFeature(last));
+  EXPECT_EQ((*this)["vertices"].DeleteFeature(last), OGRERR_NONE);
+  EXPECT_NE(Row("lines", 2).find("(1 2 0 nan,3 4 0 5,5 4 0 6)"), std::string::npos);
+  EXPECT_EQ((*this)["vertices"].CreateFeature(middle.get()), OGRERR_NONE);  // as an editor undoes it
+  EXPECT_NE(Row("vertices", middle->GetFID()).find("point_number=9 text=d"), std::string::npos);
+  const GIntBig tag = add("tags", nullptr, {{"kind_name", "integer"}, {"name", "Depth"}, {"value", "7"}});
+  const GIntBig link = add("links", nullptr, {{"from_feature", "1"}, {"to_feature", "2"}});
+  EXPECT_EQ(Set("tags", tag, {{"value", "-8"}}), OGRERR_NONE);
+  EXPECT_NE(Set("tags", tag, {{"name", "A longer name"}}), OGRERR_NONE);
+  EXPECT_EQ(Set("links", link, {{"value", "4"}}), OGRERR_NONE);
+  EXPECT_NE(Row("tags", tag).find("kind=1 kind_name=integer name=Depth value=-8"), std::string::npos);
+  const FeaturePtr path((*this)["lines"].GetFeature(2));
+  EXPECT_EQ((*this)["lines"].DeleteFeature(2), OGRERR_NONE);
+  EXPECT_EQ((*this)["lines"].CreateFeature(path.get()), OGRERR_NONE);
+  EXPECT_NE(Row("lines", 2).find("(1 2 0 nan,3 4 0 5,5 4 0 6,9 9 1 7)"), std::string::npos);
+  EXPECT_NE((*this)["lines"].CreateFeature(path.get()), OGRERR_NONE);
+  ExpectSameWhenReopened();
+  EXPECT_EQ((*this)["tags"].DeleteFeature(tag), OGRERR_NONE);
+  EXPECT_EQ(Set("links", link, {{"deleted", "1"}}), OGRERR_NONE);
+  EXPECT_EQ((*this)["tags"].GetFeatureCount() + (*this)["links"].GetFeatureCount(), 0);
+  EXPECT_EQ(Row("tags", tag), "none");
+  ExpectSameWhenReopened();
 }
 
 TEST_P(Editing, UndoesATransaction) {

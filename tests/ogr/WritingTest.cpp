@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 
@@ -209,8 +210,8 @@ TEST(Writing, RefusesWhatFeaturesCantHold) {
       EXPECT_NE(layer.CreateFeature(feature.get()), OGRERR_NONE) << x;
     }
     EXPECT_NE(Put(lines, "POINT (1 1)"), OGRERR_NONE);
-    for (const char* const name : {"tags", "vertices"}) {
-      EXPECT_EQ(file->CreateLayer(name, nullptr, name[0] == 't' ? wkbNone : wkbPoint), nullptr) << name;
+    for (const auto& [name, type] : {std::pair{"crew", wkbNone}, {"tags", wkbPoint}, {"vertices", wkbLineString}}) {
+      EXPECT_EQ(file->CreateLayer(name, nullptr, type), nullptr) << name;
     }
     file->FlushCache(false);
     EXPECT_EQ(ReadFile(path), before);
@@ -220,6 +221,166 @@ TEST(Writing, RefusesWhatFeaturesCantHold) {
   EXPECT_FALSE(Create(dir / "new.kesp" / "no directory"));
   EXPECT_FALSE(Create(dir / "c.kesp", {"FILE_VERSION=4"}));
   EXPECT_EQ(errors.failures, 2) << errors.text;
+}
+
+// Numbers that don't ascend, a feature without points, an area whose last point closes it, points and an attribute
+// after the end of their feature, a deleted point and a deleted feature, values of points, tags of all kinds, and
+// links.
+ByteVector Orchard() {
+  const auto measured = [](std::uint32_t feature, std::uint32_t number, double x, std::uint32_t flags = 0) {
+    return Record(2, 2, flags,
+                  Body(2, 2,
+                       {{"feature", feature},
+                        {"point", number},
+                        {"time", 1'700'000'000 + static_cast<int>(number)},
+                        {"x", x},
+                        {"y", 2},
+                        {"z", 3.25},
+                        {"text", "P"},
+                        {"signal", 4},
+                        {"gps", 0.1},
+                        {"number", 12},
+                        {"offset1", 1.5},
+                        {"offset2", -2},
+                        {"hasOffset", 1}}));
+  };
+  return Survey({Record(3, 2, 0, Body(3, 2, {{"status", 1}, {"t1", "Orchard"}, {"slotText1", "slot"}})),
+                 Feature(7, "Row", 0, 3, 2),
+                 Value(7, "Length", 2, "", 10.5, 1),
+                 measured(7, 40, 1),
+                 measured(7, 41, 2),
+                 EndOf(7),
+                 Feature(3, "Tree"),
+                 Point(3, 10, {0, 5, 6}),
+                 EndOf(3),
+                 Record(1, 3, 0, Body(1, 3, {{"feature", 5}, {"name", "Plot"}, {"kind", 3}})),
+                 Point(5, 11, {1, 0, 0}),
+                 Point(5, 12, {1, 4, 0}),
+                 Point(5, 13, {1, 4, 4}),
+                 Point(5, 14, {1, 0, 0}),
+                 EndOf(5),
+                 Feature(4, "Felled"),
+                 EndOf(4),
+                 measured(7, 42, 3),
+                 Point(3, 9, {2, 5, 7}, 1),
+                 Value(3, "Kind", 3, "Old", 0, 0, "sick"),
+                 Feature(8, "Gone", 1),
+                 Point(8, 15, {}, 1),
+                 EndOf(8, 1),
+                 Note("Dry"),
+                 Tag(0, "Blob", Words({0x01020304})),
+                 Tag(1, "Depth", Words({0xFFFFFFFE})),
+                 Tag(3, "Text", {'e', 0, 0xAC, 0x20, 0, 0}),
+                 Tag(3, "", {0, 0}),
+                 Tag(4, "Base", ByteVector(24, 0x40)),
+                 Tag(6, "Color", Words({0xFF00FF00})),
+                 Tag(9, "", Floats({3, 0.1F, 1e20F, 3, 4})),
+                 Tag(11, "", Floats({3, 0.1F, 2, 3, 4, -7})),
+                 Tag(13, "flag", Words({3, 8}), 4),
+                 Tag(99, "new kind", Words({1})),
+                 Tag(10, "", Words({7, 1, 3, 2, 5, 0xFFFFFFFF})),
+                 Tag(10, "", Words({3, 0, 7, 0, 0, 0}), 1)});
+}
+
+// All rows of all layers in any order. The FIDs of records are offsets.
+std::string ShowAll(GDALDataset& dataset) {
+  std::string all;
+  for (OGRLayer* const layer : dataset.GetLayers()) {
+    std::vector<std::string> rows;
+    while (const FeaturePtr row{layer->GetNextFeature()}) {
+      const std::string shown = Show(*row);
+      rows.push_back(*layer->GetFIDColumn() != 0 ? shown : shown.substr(shown.find(' ')));
+    }
+    std::sort(rows.begin(), rows.end());
+    all += ShowSchema(*layer) + '\n';
+    for (const std::string& row : rows) all += row + '\n';
+  }
+  return all;
+}
+
+// By ogr2ogr from file to file, and by way of GeoPackage, with deleted records and without.
+TEST(Writing, CopiesAllLayers) {
+  for (const char* const deleted : {"DELETED=NO", "DELETED=YES"}) {
+    const TempDir dir;
+    WriteFile(dir / "a.kesp", Orchard());
+    const DatasetPtr first = Open(dir / "a.kesp", {deleted});
+    const std::string wanted = ShowAll(*first);
+    EXPECT_NE(wanted.find("feature_number=7 point_number=42 text=P time=2023/11/14 22:14:02+00 z=3.25 status=4 "
+                          "gps_value=0.1 gps_number=12 has_offset=1 offset_1=1.5 offset_2=-2"),
+              std::string::npos)
+        << wanted;
+    const DatasetPtr between = Translate(first.get(), dir / "b.gpkg", {"-f", "GPKG"});
+    ASSERT_TRUE(between);
+    for (GDALDataset* const source : {first.get(), between.get()}) {
+      const std::filesystem::path path = dir / (source == first.get() ? "c.kesp" : "d.kesp");
+      Errors errors;
+      ASSERT_TRUE(Translate(source, path, {"-f", "Kesp"})) << errors.text;
+      EXPECT_EQ(errors.text, "");
+      const DatasetPtr again = Open(path, {deleted});
+      EXPECT_EQ(ShowAll(*again), wanted);
+      EXPECT_STREQ(again->GetMetadataItem("SLOT_TEXT_1"), "slot");
+    }
+  }
+}
+
+// As with a long file, of which a part is on the disk before the next layer is created.
+TEST(Writing, CompletesFeaturesThatAreOnTheDisk) {
+  const TempDir dir;
+  const DatasetPtr file = Create(dir / "a.kesp");
+  EXPECT_EQ(Put(Add(*file, "lines", wkbLineString, {}), "LINESTRING (1 1,2 2)"), OGRERR_NONE);
+  file->FlushCache(false);
+  OGRLayer& vertices = *file->CreateLayer("vertices", nullptr, wkbPoint);
+  EXPECT_EQ(Put(vertices, "POINT (1 1)", {{"feature_number", "1"}, {"point_number", "5"}, {"text", "a"}}), OGRERR_NONE);
+  EXPECT_EQ(Put(vertices, "POINT (2 2)", {{"feature_number", "1"}, {"point_number", "6"}, {"text", "b"}}), OGRERR_NONE);
+  const std::string shown = Show(vertices);
+  EXPECT_NE(shown.find("point_number=5 text=a"), std::string::npos) << shown;
+  EXPECT_NE(shown.find("point_number=6 text=b"), std::string::npos) << shown;
+}
+
+TEST(Writing, RefusesWhatVerticesTagsAndLinksCantBe) {
+  const TempDir dir;
+  const std::filesystem::path path = dir / "a.kesp";
+  WriteFile(path, Orchard());
+  const DatasetPtr file = Open(path, {}, GDAL_OF_UPDATE);
+  const FeaturePtr added = Make(*file->GetLayerByName("lines"), "LINESTRING ZM (1 1 1 1,2 2 2 2)");
+  ASSERT_EQ(file->GetLayerByName("lines")->CreateFeature(added.get()), OGRERR_NONE);
+  ASSERT_EQ(added->GetFID(), 9);
+  file->FlushCache(false);
+  const ByteVector before = ReadFile(path);
+  const struct {
+    const char *layer, *wkt;
+    std::vector<std::pair<const char*, const char*>> values;
+    const char* cause;
+  } cases[] = {
+      {"vertices", "POINT (1 1)", {}, "needs a feature_number"},
+      {"vertices", "POINT (1 1)", {{"feature_number", "6"}}, "no feature 6"},
+      {"vertices", "POINT (1 1)", {{"feature_number", "-1"}}, "32 bits"},
+      {"vertices", "POINT (5 6)", {{"feature_number", "3"}, {"point_number", "10"}}, "has its points already"},
+      {"vertices", "POINT (1 2)", {{"feature_number", "9"}, {"point_number", "1"}}, "elsewhere"},
+      {"vertices", nullptr, {{"feature_number", "3"}}, "not empty"},
+      {"vertices", "LINESTRING (1 1,2 2)", {{"feature_number", "3"}}, "must be a point"},
+      {"vertices", "POINT (1 1)", {{"feature_number", "3"}, {"time", "1969/12/31 00:00:00"}}, "1970"},
+      {"vertices", "POINT M (1 1 5)", {{"feature_number", "3"}, {"time", "1970/01/01 00:00:06+00"}}, "both 5 and 6"},
+      {"vertices", "POINT (1 1)", {{"feature_number", "3"}, {"text", "more than 20 characters"}}, "can't be stored"},
+      {"vertices", "POINT (1 1)", {{"feature_number", "3"}, {"status", "65536"}}, "status"},
+      {"tags", nullptr, {{"name", "Depth"}}, "needs a kind"},
+      {"tags", nullptr, {{"kind", "4294967296"}}, "needs a kind"},
+      {"tags", nullptr, {{"kind_name", "integer"}, {"value", "2147483648"}}, "integer can't have the value 2147483648"},
+      {"tags", nullptr, {{"kind", "4"}, {"value", "1 2"}}, "point can't"},
+      {"tags", nullptr, {{"kind", "9"}, {"value", "16777217 0 0 0 0"}}, "quality can't"},  // a float, so it is rounded
+      {"tags", nullptr, {{"kind", "2"}, {"value", "x"}}, "double can't"},
+      {"links", nullptr, {{"from_feature", "3"}}, "to_feature"},
+      {"links", nullptr, {{"from_feature", "3"}, {"to_feature", "4294967296"}}, "to_feature"},
+  };
+  for (const auto& [layer, wkt, values, cause] : cases) {
+    OGRLayer& target = *file->GetLayerByName(layer);
+    const FeaturePtr row = Make(target, wkt, values);
+    Errors errors;
+    EXPECT_NE(target.CreateFeature(row.get()), OGRERR_NONE) << cause;
+    EXPECT_NE(errors.text.find(cause), std::string::npos) << errors.text << cause;
+  }
+  file->FlushCache(false);
+  EXPECT_EQ(ReadFile(path), before);
 }
 
 TEST(Writing, SplitsGeometriesIfAsked) {

@@ -1,9 +1,11 @@
-"""check_programs.py KESP PLUGIN_DIR WRITER...: GDAL's programs, its Python and GeoPandas read what KESP shows.
+"""check_programs.py KESP PLUGIN_DIR WRITER...: GDAL's programs, its Python and GeoPandas read what KESP shows, and
+write what they have read.
 
-Each WRITER writes a survey. The first one's is in degrees."""
+Each WRITER writes a survey. The first one's is in degrees, the last one's in UTM 32N."""
 import csv
 import json
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -37,7 +39,7 @@ def expected(survey, dimensions, layers=tuple(LAYERS.values())):
         girth = [round(a["Value"], 6) for a in feature["attributes"] if a["AttributeName"] == "Girth"]
         row = (feature["name"], girth[0] if girth else None, points + points[:1] if layer == "areas" else points)
         result.setdefault(layer, []).append(row)
-    return {layer: result[layer] for layer in layers}
+    return {layer: result.get(layer, []) for layer in layers}
 
 
 def vertices(geometry, dimensions):
@@ -113,14 +115,62 @@ def check_sql(survey):
              sorted([r[0], r[1]] for r in wanted["points"] if r[1] and r[1] > 2 and r[0] != "Oak"))
 
 
-def check_geopandas(survey):
-    fiona.drvsupport.supported_drivers["Kesp"] = "r"
+def check_geopandas(survey, folder):
+    fiona.drvsupport.supported_drivers["Kesp"] = "raw"
+    new = f"{folder}/new.kesp"
     same("fiona.listlayers", set(LAYERS.values()) <= set(fiona.listlayers(survey)), True)
     for layer, rows in expected(survey, 3).items():
         frame = geopandas.read_file(survey, layer=layer)
         got = [(r["feature_name"], vertices(r.geometry and ogr.CreateGeometryFromWkb(r.geometry.wkb), 3))
                for _, r in frame.iterrows()]
         same("GeoPandas", got, [(r[0], r[2]) for r in rows])
+        frame.to_file(new, driver="Kesp", layer=layer)
+    same("GeoPandas, written", expected(new, 3), expected(survey, 3))
+    with fiona.open(new, "a", layer="points") as points:
+        values = {name: None for name in points.schema["properties"]} | {"feature_name": "New"}
+        points.write({"geometry": {"type": "Point", "coordinates": (1, 2, 3)}, "properties": values})
+    same("Fiona, appended", expected(new, 3)["points"], expected(survey, 3)["points"] + [("New", None, [[1, 2, 3]])])
+    dataset = gdal.OpenEx(new, gdal.OF_UPDATE)
+    feature = next(iter(dataset.GetLayer("points")))
+    feature.SetField("feature_name", "Elm")
+    dataset.GetLayer("points").SetFeature(feature)
+    dataset.GetLayer("lines").DeleteFeature(next(iter(dataset.GetLayer("lines"))).GetFID())
+    del feature, dataset
+    same("osgeo.ogr, changed", [expected(new, 3)["points"][0][0], expected(new, 3)["lines"]],
+         ["Elm", expected(survey, 3)["lines"][1:]])
+
+
+def every_row(path):
+    """{layer: its rows in any order}, without FIDs that are offsets in a file."""
+    dataset = gdal.OpenEx(path)
+    layers = [dataset.GetLayer(i) for i in range(dataset.GetLayerCount())]
+    return {layer.GetName(): sorted(str((f.GetFID() if layer.GetFIDColumn() else None, f.items(),
+                                         f.GetGeometryRef() and f.GetGeometryRef().ExportToIsoWkt())) for f in layer)
+            for layer in layers}
+
+
+def check_recipes(survey, other, folder):
+    """Those in the document but for PostgreSQL's, which scripts/test-gdal runs."""
+    shutil.copy(survey, f"{folder}/survey.kesp")
+    shutil.copy(other, f"{folder}/other.kesp")
+    with open(f"{os.path.dirname(os.path.abspath(__file__))}/../../docs/gdal.md", encoding="utf-8") as document:
+        recipes = [line for line in document.read().split("## Recipes")[1].split("\n\n- ")[0].splitlines()
+                   if line.startswith("    ogr2ogr") and "PG:" not in line]
+    for recipe in recipes:
+        result = subprocess.run(recipe, shell=True, cwd=folder, text=True, stderr=subprocess.PIPE)
+        errors = [line for line in result.stderr.splitlines() if "Normalized/laundered field name" not in line]
+        same(recipe, [result.returncode, errors], [0, []])
+    source = every_row(survey)
+    same("copy.kesp", every_row(f"{folder}/copy.kesp"), source)
+    counts = {"shapes/areas.shp": len(source["areas"]), "trees.kesp": len(source["points"]),
+              "points.geojson": len(source["points"]), "oaks.kesp": sum("'Oak'" in row for row in source["points"]),
+              "season.kesp": len(source["points"]) + len(every_row(other)["points"]), "lists/points.csv":
+              len(source["points"]), "track.gpx": len(source["vertices"]), "degrees.kesp": len(source["points"])}
+    datasets = {name: gdal.OpenEx(f"{folder}/{name}") for name in counts}
+    same("recipes", {name: dataset.GetLayer(0).GetFeatureCount() for name, dataset in datasets.items()}, counts)
+    same("names", {r[0] for r in expected(f"{folder}/trees.kesp", 2, ["points"])["points"]}, {"Tree"})
+    for place in (p for rows in expected(f"{folder}/degrees.kesp", 2).values() for r in rows for p in r[2]):
+        same("degrees", [round(v) for v in place], [8, 49])
 
 
 with tempfile.TemporaryDirectory() as root:
@@ -130,6 +180,8 @@ with tempfile.TemporaryDirectory() as root:
         run(writer, f"{work}/survey.kesp")
         check_formats(f"{work}/survey.kesp", work)
         check_sql(f"{work}/survey.kesp")
-        check_geopandas(f"{work}/survey.kesp")
+        check_geopandas(f"{work}/survey.kesp", work)
     check_degrees(f"{root}/0/survey.kesp", f"{root}/0")
+    os.mkdir(f"{root}/recipes")
+    check_recipes(f"{work}/survey.kesp", f"{root}/1/survey.kesp", f"{root}/recipes")
 print("ogr2ogr, SQL, osgeo.ogr, Fiona and GeoPandas agree with", os.path.basename(kesp))
