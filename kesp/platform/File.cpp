@@ -450,7 +450,7 @@ void CFile::Write(const void* from, std::size_t count) {
     if (m_gathered.empty()) m_gatherStart = m_position;
     try {
       m_gathered.insert(m_gathered.end(), bytes, bytes + count);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {  // no memory, or more bytes than a vector can have
       throw CMemoryException();
     }
     m_position += count;

@@ -1,12 +1,12 @@
 // kesp set: changes values of a feature's attributes in their places, all that were asked for or none.
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 
 #include "tools/kesp/Amending.h"
 #include "tools/kesp/Commands.h"
 #include "tools/kesp/Inventory.h"
 #include "tools/kesp/JsonWriter.h"
+#include "tools/kesp/Numbers.h"
 #include "tools/kesp/Times.h"
 
 namespace kesp::tool {
@@ -16,13 +16,6 @@ namespace {
 CString ValueOf(const CKespAttribute& attribute) {
   if (attribute.AttributeKind == KESP_ATTRIBUTE_NUMERIC) return {ShortestText(attribute.Value)};
   return attribute.GetAsFormatedString(true);
-}
-
-std::optional<double> ParseNumber(const std::string& text) {
-  double value = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  return error == std::errc() && stop == end && std::isfinite(value) ? std::optional(value) : std::nullopt;
 }
 
 // Days since 30 December 1899. That day itself is what means no date, and display text ends at the year 100.
