@@ -182,7 +182,7 @@ struct Liar : MemorySource {
     if (kind == 6) return count + 1;
     for (std::size_t i = 0; i < count; ++i) {
       if (kind < 5 && offset + i >= bytes.size()) return i;
-      static_cast<std::uint8_t*>(to)[i] = bytes[(offset + i) % bytes.size()];
+      static_cast<std::uint8_t*>(to)[i] = bytes[static_cast<std::size_t>((offset + i) % bytes.size())];
     }
     if (kind > 6 && count > 1) static_cast<std::uint8_t*>(to)[random() % count] ^= static_cast<std::uint8_t>(random());
     return count;
