@@ -42,10 +42,11 @@ constexpr std::size_t kGranule = 8;
 constexpr std::size_t kSizes = kLargestPooledBlock / kGranule;
 constexpr std::size_t kCacheLine = 64;
 constexpr std::size_t kRunSize = std::size_t{16} << 10;  // what a thread takes from a span at once
-constexpr std::size_t kMostSpareRegions = 64;            // 128 MiB
-constexpr std::size_t kReadyRegions = 4;                 // what PoolPrepare keeps ready
-constexpr std::size_t kFetchedAhead = 4;                 // blocks
-constexpr std::size_t kMostRegionsAtOnce = 16;           // address space of 32 MiB
+constexpr bool kWide = sizeof(void*) >= 8;               // addresses are plentiful
+constexpr std::size_t kMostSpareRegions = kWide ? 64 : 16;
+constexpr std::size_t kReadyRegions = 4;  // what PoolPrepare keeps ready
+constexpr std::size_t kFetchedAhead = 4;  // blocks
+constexpr std::size_t kMostRegionsAtOnce = kWide ? 16 : 4;
 
 struct FreeBlock {
   FreeBlock* next;
@@ -388,8 +389,8 @@ struct ThreadStocks {
   }
 };
 
-// Read for each block, so its place is fixed when the library is loaded, where the C library allows that. Null before the thread's first block, while
-// the thread ends, and if there was no memory for it.
+// Read for each block, so its place is fixed when the library is loaded, where the C library allows that. Null before
+// the thread's first block, while the thread ends, and if there was no memory for it.
 #if KESP_HAS_SPARE_STATIC_TLS
 #define KESP_FIXED_PLACE [[gnu::tls_model("initial-exec")]]
 #else

@@ -642,7 +642,7 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
     source.m_length = std::max(source.m_length, source.m_position);
     m_bufferSize = 0;
   }
-  const auto block = std::make_unique_for_overwrite<std::byte[]>(blockSize);
+  const auto block = std::unique_ptr<std::byte[]>(new std::byte[blockSize]);
   while (const std::size_t count = source.Read(block.get(), blockSize)) Write(block.get(), count);
 }
 

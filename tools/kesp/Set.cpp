@@ -57,9 +57,10 @@ std::string Assign(CKespAttribute& attribute, const std::string& value) {
 }
 
 std::string WhyNotStored(const CKespAttribute& attribute) {
-  const auto isWide = [](char16_t unit) { return unit > 0xFF; };
-  const bool hasWide =
-      std::ranges::any_of(attribute.TextValue.View(), isWide) || std::ranges::any_of(attribute.SubValue.View(), isWide);
+  const auto isWide = [](std::u16string_view text) {
+    return std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit > 0xFF; });
+  };
+  const bool hasWide = isWide(attribute.TextValue.View()) || isWide(attribute.SubValue.View());
   const std::string version = "an attribute of version " + std::to_string(attribute.m_recordVersion);
   return attribute.m_recordVersion == 1 && hasWide ? "has characters that " + version + " can't hold"
                                                    : "is longer than " + version + " can hold";
@@ -86,7 +87,7 @@ class Setter {
   std::string Amend(const Assignment& assignment) {
     const std::string name = "attribute \"" + PrintablePath(assignment.name) + "\"";
     const std::string whose = "feature " + std::to_string(m_options.feature);
-    if (std::ranges::any_of(changes, [&](const ValueChange& c) { return c.name == assignment.name; })) {
+    if (std::any_of(changes.begin(), changes.end(), [&](const ValueChange& c) { return c.name == assignment.name; })) {
       return name + " is set twice";
     }
     std::string names;
