@@ -22,7 +22,7 @@ TEST(String, KeepsItsTextOnBothSidesOfTheInlineLimit) {
     SCOPED_TRACE(length);
     ASSERT_EQ(Units(text), model);
     EXPECT_EQ(text[text.GetLength()], 0);
-    for (const std::size_t otherLength : {0, 1, 6, 7, 8, 10, 11, 12, 13, 24}) {
+    for (const std::size_t otherLength : {0u, 1u, 6u, 7u, 8u, 10u, 11u, 12u, 13u, 24u}) {
       const std::u16string other(otherLength, u'z');
       CString copy(text);
       copy = CString(other);
