@@ -11,9 +11,9 @@
 
 namespace kesp::test {
 
-inline std::uint32_t Number(std::span<const std::uint8_t> bytes, std::size_t at, std::size_t width) {
+inline std::uint32_t Number(std::span<const std::uint8_t> bytes, std::uint64_t at, std::size_t width) {
   std::uint32_t value = 0;
-  for (std::size_t i = width; i-- > 0;) value = value << 8 | bytes[at + i];
+  for (std::size_t i = width; i-- > 0;) value = value << 8 | bytes[static_cast<std::size_t>(at + i)];
   return value;
 }
 
@@ -43,7 +43,7 @@ inline Walked ReadFrom(std::span<const std::uint8_t> file, std::uint64_t at, boo
     const std::uint64_t left = at < file.size() ? file.size() - at : 0;
     if (left == 0) return end(KESP_ERROR_NORMAL_EOF);
     if (left < 14) return end(KESP_ERROR_EOF);
-    const auto header = file.subspan(at, 14);
+    const auto header = file.subspan(static_cast<std::size_t>(at), 14);
     const std::uint32_t type = Number(header, 0, 4);
     const std::uint32_t version = Number(header, 4, 2);
     const std::uint32_t flags = Number(header, 6, 4);

@@ -143,7 +143,8 @@ std::optional<std::string> TagValueText(KESP_TAG kind, std::span<const std::byte
 void PutWord(std::uint32_t word, std::vector<std::byte>& payload) { Put(word, payload); }
 
 std::optional<KESP_TAG> TagKindOf(std::string_view name) {
-  const auto* const kind = std::find_if(std::begin(kKinds), std::end(kKinds), [&](auto& k) { return k.name == name; });
+  const auto* const kind =
+      std::find_if(std::begin(kKinds), std::end(kKinds), [&](const auto& k) { return k.name == name; });
   if (kind == std::end(kKinds)) return std::nullopt;
   return KESP_TAG{static_cast<std::uint32_t>(kind - kKinds)};
 }

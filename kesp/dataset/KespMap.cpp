@@ -63,7 +63,7 @@ struct MapOfWords::State {
     return z ^ (z >> 31);
   }
   std::size_t Home(std::uint64_t key) const noexcept {
-    return (Mixed(key / kGroup) * kGroup + key % kGroup) & (slots.size() - 1);
+    return static_cast<std::size_t>(Mixed(key / kGroup) * kGroup + key % kGroup) & (slots.size() - 1);
   }
   // Returns the key's slot, or the empty slot where it would go. There is always an empty slot.
   std::size_t SlotOf(std::uint64_t key) const noexcept {

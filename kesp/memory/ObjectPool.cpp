@@ -42,10 +42,11 @@ constexpr std::size_t kGranule = 8;
 constexpr std::size_t kSizes = kLargestPooledBlock / kGranule;
 constexpr std::size_t kCacheLine = 64;
 constexpr std::size_t kRunSize = std::size_t{16} << 10;  // what a thread takes from a span at once
-constexpr std::size_t kMostSpareRegions = 64;            // 128 MiB
-constexpr std::size_t kReadyRegions = 4;                 // what PoolPrepare keeps ready
-constexpr std::size_t kFetchedAhead = 4;                 // blocks
-constexpr std::size_t kMostRegionsAtOnce = 16;           // address space of 32 MiB
+constexpr bool kWide = sizeof(void*) >= 8;               // addresses are plentiful
+constexpr std::size_t kMostSpareRegions = kWide ? 64 : 16;
+constexpr std::size_t kReadyRegions = 4;  // what PoolPrepare keeps ready
+constexpr std::size_t kFetchedAhead = 4;  // blocks
+constexpr std::size_t kMostRegionsAtOnce = kWide ? 16 : 4;
 
 struct FreeBlock {
   FreeBlock* next;
@@ -141,11 +142,11 @@ struct Stock {
   void* freedSpan = nullptr;  // the start of the span of the blocks in `freed`, if there are any
 };
 
-// How many more regions get small pages because a huge one was slow to come.
-std::atomic<int> g_smallToCome{0};
-
 // Brings in all pages of a region at once. Returns false when that fails: some systems can't, and bring in pages at the
 // first touch only.
+#if KESP_HAS_MADVISE
+std::atomic<int> g_smallToCome{0};  // how many more regions get small pages because a huge one was slow to come
+
 bool MakePages(void* region) noexcept {
   using Clock = std::chrono::steady_clock;
   constexpr Clock::duration kSlow = std::chrono::milliseconds(1);  // a huge page that is at hand takes far less
@@ -162,6 +163,13 @@ bool MakePages(void* region) noexcept {
   }
   return true;
 }
+
+// The system may take these pages back until they are used again.
+void LetGo(void* pages, std::size_t size) noexcept { ::madvise(pages, size, MADV_FREE); }
+#else
+bool MakePages(void* /*region*/) noexcept { return false; }
+void LetGo(void* /*pages*/, std::size_t /*size*/) noexcept {}
+#endif
 
 // Hands out regions and takes back empty ones. Pages are brought in, and address space is mapped and unmapped, without
 // the lock: other threads wait only for changes to the lists.
@@ -189,7 +197,7 @@ class Regions {
       (region->previousInUse != nullptr ? region->previousInUse->nextInUse : m_inUse) = region->nextInUse;
       if (region->nextInUse != nullptr) region->nextInUse->previousInUse = region->previousInUse;
     }
-    ::madvise(reinterpret_cast<std::byte*>(region) + kSmallestPage, kRegionSize - kSmallestPage, MADV_FREE);
+    LetGo(reinterpret_cast<std::byte*>(region) + kSmallestPage, kRegionSize - kSmallestPage);
     {
       const std::lock_guard lock(g_regionsLock);
       if (m_spareCount < kMostSpareRegions) return PushSpare(region);
@@ -381,10 +389,15 @@ struct ThreadStocks {
   }
 };
 
-// Read for each block, so its place is fixed when the library is loaded. Null before the thread's first block, while
-// the thread ends, and if there was no memory for it.
-[[gnu::tls_model("initial-exec")]] thread_local ThreadStocks* t_stocks = nullptr;
-[[gnu::tls_model("initial-exec")]] thread_local bool t_stocksMade = false;
+// Read for each block, so its place is fixed when the library is loaded, where the C library allows that. Null before
+// the thread's first block, while the thread ends, and if there was no memory for it.
+#if KESP_HAS_SPARE_STATIC_TLS
+#define KESP_FIXED_PLACE [[gnu::tls_model("initial-exec")]]
+#else
+#define KESP_FIXED_PLACE
+#endif
+KESP_FIXED_PLACE thread_local ThreadStocks* t_stocks = nullptr;
+KESP_FIXED_PLACE thread_local bool t_stocksMade = false;
 
 // Gives a thread's stocks back when it ends. Blocks that other destructors free later go back to the pool at once.
 void EndStocks(void* ended) {

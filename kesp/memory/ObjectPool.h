@@ -6,9 +6,10 @@
 // where the system leaves the choice. The very first region also uses small pages, brought in on first touch, for
 // programs that need little.
 // A region is cut into spans of 64 KiB, each for blocks of one size, so that many sizes waste little. When the last
-// block of a region is freed, the region is kept for the next data set. Up to 128 MiB of such regions are kept, and the
-// system may take back their pages; beyond that a region is unmapped. Blocks larger than kLargestPooledBlock bytes come
-// from the ordinary heap. In a build with the address sanitizer all blocks do, so that it sees the bounds of each.
+// block of a region is freed, the region is kept for the next data set. Up to 128 MiB of such regions are kept (32 MiB
+// where pointers have 32 bits), and the system may take back their pages; beyond that a region is unmapped. Blocks
+// larger than kLargestPooledBlock bytes come from the ordinary heap. In a build with the address sanitizer all blocks
+// do, so that it sees the bounds of each.
 //
 // Each thread has a stock for each size: a run of up to 16 KiB of a span, which no other thread allocates from, and the
 // blocks that it freed last, as long as they are in one span. Only getting a run and giving such blocks back takes the

@@ -54,9 +54,13 @@ void BlockReader::Allow(bool allowed) noexcept { g_allowed = allowed; }
 
 bool BlockReader::IsWorthwhile() noexcept {
   if (!g_allowed) return false;
+#if KESP_HAS_SCHED_AFFINITY
   cpu_set_t mine;
   if (::sched_getaffinity(0, sizeof mine, &mine) != 0) return true;  // too many processors for the set
   return CPU_COUNT(&mine) > 1;
+#else
+  return std::thread::hardware_concurrency() > 1;
+#endif
 }
 
 BlockReader::BlockReader(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept)

@@ -450,7 +450,7 @@ void CFile::Write(const void* from, std::size_t count) {
     if (m_gathered.empty()) m_gatherStart = m_position;
     try {
       m_gathered.insert(m_gathered.end(), bytes, bytes + count);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {  // no memory, or more bytes than a vector can have
       throw CMemoryException();
     }
     m_position += count;
@@ -642,7 +642,7 @@ void CFile::CopyFrom(CFile& source, std::size_t blockSize) {
     source.m_length = std::max(source.m_length, source.m_position);
     m_bufferSize = 0;
   }
-  const auto block = std::make_unique_for_overwrite<std::byte[]>(blockSize);
+  const auto block = std::unique_ptr<std::byte[]>(new std::byte[blockSize]);
   while (const std::size_t count = source.Read(block.get(), blockSize)) Write(block.get(), count);
 }
 

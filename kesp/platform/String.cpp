@@ -15,10 +15,10 @@ constexpr char16_t kFirstHigh = 0xD800;
 constexpr char16_t kFirstLow = 0xDC00;
 constexpr char16_t kPastLow = 0xE000;
 
-// The code point of a wide character. wchar_t is signed here; a value outside Unicode becomes U+FFFD.
+// The code point of a wide character, which is signed or not; a value outside Unicode becomes U+FFFD.
 std::uint32_t CodePoint(wchar_t c) {
-  return c >= 0 && c <= 0x10FFFF ? static_cast<std::uint32_t>(c)  // NOLINT(bugprone-signed-char-misuse,cert-str34-c)
-                                 : 0xFFFD;
+  const auto code = static_cast<std::uint32_t>(c);  // NOLINT(bugprone-signed-char-misuse,cert-str34-c)
+  return code <= 0x10FFFF ? code : 0xFFFD;
 }
 bool IsHigh(char16_t unit) { return unit >= kFirstHigh && unit < kFirstLow; }
 bool IsLow(char16_t unit) { return unit >= kFirstLow && unit < kPastLow; }

@@ -8,7 +8,7 @@
 // survive a round trip through a record field or through UTF-8. Comparison goes unit by unit; case folding affects A to
 // Z only, whatever the locale.
 //
-// Texts of up to 11 units are stored inside the object and allocate nothing.
+// Texts of up to 11 units (7 where pointers have 32 bits) are stored inside the object and allocate nothing.
 //
 // Errors: CMemoryException when a longer text can't be allocated; the text is then unchanged. Unless a function says
 // otherwise, positions and counts are in units and are clamped to the text.
@@ -22,8 +22,19 @@
 #include "kesp/platform/Export.h"
 
 class KESP_EXPORT CString {
+ private:
+  // The last two bytes tell long texts from short ones, so they belong to no other member: they would be the top of a
+  // wider one on a little-endian machine, its low end on a big-endian one.
+  struct Long {
+    char16_t* data;
+    std::size_t size;
+    std::uint32_t capacity;  // units, without the terminating zero
+    std::uint16_t unused;
+    char16_t mark;
+  };
+
  public:
-  static constexpr std::size_t kInline = 11;  // units that fit into the object
+  static constexpr std::size_t kInline = sizeof(Long) / sizeof(char16_t) - 1;  // units that fit into the object
 
   CString() noexcept { SetSmallLength(0); }
   CString(const char* utf8);  // null is an empty text, here and below
@@ -102,18 +113,11 @@ class KESP_EXPORT CString {
   CString& Trim();                // white space at both ends, of all of Unicode's basic plane
 
  private:
-  static constexpr char16_t kLongMark = 0x8000;          // set in the last unit; a short text has 11 - length there
+  static constexpr char16_t kLongMark = 0x8000;  // set in the last unit; a short text has kInline - length there
   static constexpr std::size_t kMaxLength = 0x3FFFFFFF;  // units
 
-  // A long text's mark has a member of its own, since the last two bytes would otherwise belong to `capacity`: its top
-  // on a little-endian machine, its low end on a big-endian one.
-  struct Long {
-    char16_t* data;
-    std::uint64_t size;
-    std::uint32_t capacity;  // units, without the terminating zero
-    std::uint16_t unused;
-    char16_t mark;
-  };
+  static_assert(sizeof(Long) == (sizeof(char16_t*) == 8 ? 24 : 16));
+  static_assert(offsetof(Long, mark) == kInline * sizeof(char16_t));
 
   bool IsLong() const noexcept { return (m_small[kInline] & kLongMark) != 0; }
   char16_t* Data() noexcept { return IsLong() ? m_long.data : m_small; }

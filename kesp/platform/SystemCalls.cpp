@@ -29,7 +29,13 @@ ssize_t SystemCalls::Write(int fd, const void* from, std::size_t count, std::int
   return ::pwrite(fd, from, count, offset);
 }
 ssize_t SystemCalls::CopyRange(int from, std::int64_t fromOffset, int to, std::int64_t toOffset, std::size_t count) {
+#if KESP_HAS_COPY_FILE_RANGE
   return ::copy_file_range(from, &fromOffset, to, &toOffset, count, 0);
+#else
+  (void)from, (void)fromOffset, (void)to, (void)toOffset, (void)count;
+  errno = ENOSYS;
+  return -1;
+#endif
 }
 int SystemCalls::Truncate(int fd, std::int64_t length) { return ::ftruncate(fd, length); }
 int SystemCalls::DataSync(int fd) { return ::fdatasync(fd); }

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cmath>
 #include <cstring>
 #include <initializer_list>
@@ -372,7 +371,8 @@ void ColumnReader::Gather(Column<T>& column, std::span<const std::byte> points, 
   T* const to = column.m_data.get() + row;
   for (std::size_t i = 0; i < points.size() / kPlainPointSize; ++i, from += kPlainPointSize) {
     if constexpr (std::is_same_v<T, double>) {
-      to[i] = std::bit_cast<double>(LoadLittle<Stored>(from));
+      const auto bits = LoadLittle<Stored>(from);  // copied as bytes, as in FieldReader
+      std::memcpy(to + i, &bits, sizeof bits);
     } else {
       to[i] = static_cast<T>(
           static_cast<std::conditional_t<std::is_signed_v<T>, std::int32_t, Stored>>(LoadLittle<Stored>(from)));

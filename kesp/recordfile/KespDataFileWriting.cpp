@@ -34,11 +34,11 @@ struct Range {
 Range Patch(std::span<std::byte> record, const kesp::RecordHeader& header, const kesp::RecordChanges& changes) {
   Range range{record.size(), 0};
   const auto put = [&](std::size_t at, std::span<const std::byte> bytes) {
-    std::ranges::copy(bytes, record.subspan(at).begin());
+    std::copy(bytes.begin(), bytes.end(), record.subspan(at).begin());
     range = {std::min(range.from, at), at + bytes.size()};
   };
   const auto encoded = kesp::EncodeRecordHeader(header);
-  if (!std::ranges::equal(encoded, record.first(encoded.size()))) {
+  if (!std::equal(encoded.begin(), encoded.end(), record.begin())) {
     put(kesp::kFlagsOffset, std::span(encoded).subspan(kesp::kFlagsOffset, sizeof header.flags));
   }
   for (const auto& [offset, width] : changes.fields) {

@@ -77,7 +77,7 @@ std::optional<std::span<const std::byte>> PayloadAndName(const CKespTag& tag, CS
     kesp::LoadText16(*name, block.data() + kesp::TagBlockLayout::kName, *layout.nameBytes / 2);
   }
   if (!layout.payloadLength) return std::nullopt;
-  return block.subspan(layout.Payload(), *layout.payloadLength);
+  return block.subspan(static_cast<std::size_t>(layout.Payload()), *layout.payloadLength);
 }
 
 // Returns the payload if the tag is of the wanted kind and has at least `size` bytes, else null.

@@ -106,7 +106,11 @@ class BasicFieldReader {
     if (const std::byte* at = Take(4)) field = static_cast<T>(LoadLittle<std::uint32_t>(at));
   }
   void F64(double& field) noexcept {  // any bit pattern, NaNs too
-    if (const std::byte* at = Take(8)) field = std::bit_cast<double>(LoadLittle<std::uint64_t>(at));
+    if (const std::byte* at = Take(8)) {
+      // Copied as bytes: on 32-bit x86 a function returns a double in a register that changes signalling NaNs.
+      const auto bits = LoadLittle<std::uint64_t>(at);
+      std::memcpy(&field, &bits, sizeof field);
+    }
   }
   // `units` code units, 2 * units bytes. The text ends at the first zero unit or at the end of the field.
   void Text16(CString& field, std::size_t units) {
@@ -243,7 +247,7 @@ class FieldList {
   struct Field {
     bool HasValueOf(const Field& other) const noexcept {
       if (text != nullptr) return *text == *other.text;
-      return number == other.number && std::ranges::equal(bytes, other.bytes);
+      return number == other.number && std::equal(bytes.begin(), bytes.end(), other.bytes.begin(), other.bytes.end());
     }
 
     std::size_t offset = 0;         // in the body, in bytes
@@ -294,8 +298,9 @@ class FieldList {
   }
   void PutText(std::size_t width, const CString& field, std::size_t most, char16_t greatest) noexcept {
     const std::u16string_view text = field.View();
-    const bool fits = text.size() <= most &&
-                      std::ranges::all_of(text, [greatest](char16_t unit) { return unit != 0 && unit <= greatest; });
+    const bool fits = text.size() <= most && std::all_of(text.begin(), text.end(), [greatest](char16_t unit) {
+                        return unit != 0 && unit <= greatest;
+                      });
     Put({m_length, width, fits, &field, {}, 0});
   }
 

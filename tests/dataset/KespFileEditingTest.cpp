@@ -211,7 +211,8 @@ TEST(Deletion, FindsWhatASearchFindsThatWalksOverTheFile) {
       const ByteVector after = ReadFile(set.path);
       found += after != before;
       ASSERT_EQ(after, ReadFile(searched.path)) << round << ' ' << step;
-      for (const int i : {0, 1}) EXPECT_EQ(PointAndAttribute(feature)[i]->m_flags, PointAndAttribute(same)[i]->m_flags);
+      for (const std::size_t i : {0u, 1u})
+        EXPECT_EQ(PointAndAttribute(feature)[i]->m_flags, PointAndAttribute(same)[i]->m_flags);
       ASSERT_EQ(ours.GetSystemError(), other.GetSystemError()) << round << ' ' << step;
       ASSERT_TRUE(isReadOnly || ours.GetError() == other.GetError()) << round << ' ' << step;
       const unsigned what = step < 30 ? random(20) : 100 + random(6);

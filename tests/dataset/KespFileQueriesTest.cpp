@@ -52,13 +52,13 @@ TEST(Queries, CompareFlagsTypesTextsAndNumbers) {
   const std::string all = Names(f.m_recordList);
   // In the order of ByLogic. The flags are as the filter leaves them: 0xA becomes 0x202, and a feature has its
   // children's.
-  EXPECT_EQ(with(&F::GetFeaturesWhereFlags, 0x202), "F1 F3|F1 F3||F2|||F1 F2 F3||");
-  EXPECT_EQ(with(&F::GetPointsWhereFlags, 2), "P2/5|P2/5|||||P2/5||");
-  EXPECT_EQ(with(&F::GetAttributesWhereFlags, 6),
+  EXPECT_EQ(with(&F::GetFeaturesWhereFlags, 0x202U), "F1 F3|F1 F3||F2|||F1 F2 F3||");
+  EXPECT_EQ(with(&F::GetPointsWhereFlags, 2U), "P2/5|P2/5|||||P2/5||");
+  EXPECT_EQ(with(&F::GetAttributesWhereFlags, 6U),
             "A1:Height|A1:Height|A2:height A2:HEIGHT|A2:height A2:HEIGHT|||A1:Height||");
-  EXPECT_EQ(with(&F::GetNotesWhereFlags, 0xA), "|||N:rain|||N:rain||");
-  EXPECT_EQ(with(&F::GetTagsWhereFlags, 8), "T3|T3|T3 T1|T3 T1|||T3||");
-  EXPECT_EQ(with(&F::GetRecordsWhereFlags, 0),
+  EXPECT_EQ(with(&F::GetNotesWhereFlags, 0xAU), "|||N:rain|||N:rain||");
+  EXPECT_EQ(with(&F::GetTagsWhereFlags, 8U), "T3|T3|T3 T1|T3 T1|||T3||");
+  EXPECT_EQ(with(&F::GetRecordsWhereFlags, 0U),
             all + "|H A2:height A2:HEIGHT T3 T1|" + all + "|F1 A1:Height F2 P2/5 N:rain T3 F3|||||");
   EXPECT_EQ(type(2), "|F1||F2 F3|||||");
   EXPECT_EQ(type(0), "|||F1 F2 F3|||||");

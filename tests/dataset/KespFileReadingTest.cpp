@@ -8,7 +8,7 @@ using namespace kesp::test;
 namespace {
 
 // Its body would end 10 bytes after 4 GiB: the sum passes for a small one.
-const ByteVector kWrapping = WithLength(Record(200, 1, 0, {}), 10 - (50 + 4100 + 14));
+const ByteVector kWrapping = WithLength(Record(200, 1, 0, {}), 10u - (50 + 4100 + 14));
 const ByteVector kCut = Hex("01 00 00 00 03");  // of a record header
 const ByteVector kBroken = Hex("00*14");
 

@@ -60,12 +60,14 @@ TEST(ObjectPool, ThreadsShareBlocksAndLeaveNone) {
   std::vector<void*> first(kAll), second(kAll);
   const auto take = [](void*& block) { block = PoolAllocate(1000); };
   const auto free = [](void* block) { PoolFree(block, 1000); };
-  std::thread([&] { std::ranges::for_each(first, take), std::ranges::for_each(first, free); }).join();
-  std::ranges::for_each(second, take);
-  const auto wasThere = [&](void* block) { return std::ranges::count(first, block) != 0; };
+  std::thread([&] {
+    std::for_each(first.begin(), first.end(), take), std::for_each(first.begin(), first.end(), free);
+  }).join();
+  std::for_each(second.begin(), second.end(), take);
+  const auto wasThere = [&](void* block) { return std::count(first.begin(), first.end(), block) != 0; };
   const bool pooled = PoolBytesHeld() != 0;
-  EXPECT_GE(std::ranges::count_if(second, wasThere), pooled ? kAll - 64 : 0);
-  std::ranges::for_each(second, free);
+  EXPECT_GE(std::count_if(second.begin(), second.end(), wasThere), pooled ? kAll - 64 : 0);
+  std::for_each(second.begin(), second.end(), free);
   std::set<void*> used;  // that many threads use one after another
   for (int i = 0; i < 200; ++i) std::thread([&] { free(*used.insert(PoolAllocate(1000)).first); }).join();
   EXPECT_LE(used.size(), pooled ? 64u : 200u);

@@ -164,7 +164,7 @@ TEST_F(File, AFailureOfReadingAheadIsLeftToTheReadThere) {
 
 TEST_F(File, ReadsAheadWithoutTakingASignalOfTheHosts) {
   static std::atomic<int> taken = 0;
-  const auto threads = [] { return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/task")); };
+  const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
   const auto others = threads();
   WriteFile(path, ByteVector(9'000'001));
   CFile file(name, kReader);

@@ -182,7 +182,7 @@ struct Liar : MemorySource {
     if (kind == 6) return count + 1;
     for (std::size_t i = 0; i < count; ++i) {
       if (kind < 5 && offset + i >= bytes.size()) return i;
-      static_cast<std::uint8_t*>(to)[i] = bytes[(offset + i) % bytes.size()];
+      static_cast<std::uint8_t*>(to)[i] = bytes[static_cast<std::size_t>((offset + i) % bytes.size())];
     }
     if (kind > 6 && count > 1) static_cast<std::uint8_t*>(to)[random() % count] ^= static_cast<std::uint8_t>(random());
     return count;
@@ -191,6 +191,28 @@ struct Liar : MemorySource {
   const int kind;
   std::minstd_rand random{static_cast<unsigned>(kind)};
 };
+// A tag of 3 GiB, more than an address space of 32 bits has room for; with 64 bits it would just be read.
+TEST_F(ByteSources, MayHoldMoreThanMemoryCan) {
+  if (sizeof(void*) > 4) GTEST_SKIP() << "addresses have more than 32 bits";
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer ends a program that asks for so much";
+#endif
+  struct Long : ByteSource {
+    std::uint64_t Length() override { return 0xFFFFFFFF; }
+    std::size_t ReadAt(std::uint64_t offset, void* to, std::size_t count) override {
+      for (std::size_t i = 0; i < count; ++i) {
+        static_cast<std::uint8_t*>(to)[i] = offset + i < head.size() ? head[static_cast<std::size_t>(offset + i)] : 0;
+      }
+      return count;
+    }
+    const ByteVector head = FileHeader() + Record(9, 2, 0, Hex("01000000 000000c0"));
+  };
+  CKespDataFile whole;
+  ASSERT_TRUE(whole.OpenReadOnly(std::make_unique<Long>(), u"a") && whole.SeekToFirstRecord());
+  EXPECT_EQ(WalkOn(whole).positions.size(), 0u);
+  EXPECT_EQ(std::tuple(whole.GetSystemError(), whole.GetError()), std::tuple(ENOMEM, KESP_ERROR_NONE));
+}
+
 TEST_F(ByteSources, MayLie) {
   const ByteVector bytes = FileHeader() + Header2{3} + Sample(3, 2) + Tag(0, "t", ByteVector(200'000, 1)) + EndOf(7);
   OpenBoth(bytes);

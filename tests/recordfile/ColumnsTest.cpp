@@ -37,7 +37,7 @@ class ColumnsTest : public OneFile {
         }
       };
       expectSame(RowsAtOnce(file, includeDeleted), true);
-      for (const std::size_t batchRows : {0, 1, 2, 7, 400, 5000}) {
+      for (const std::size_t batchRows : {0u, 1u, 2u, 7u, 400u, 5000u}) {
         SCOPED_TRACE(batchRows);
         expectSame(RowsInBatches(file, includeDeleted, batchRows, batchRows == 2), placesInBatches);
       }

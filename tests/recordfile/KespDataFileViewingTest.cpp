@@ -46,7 +46,7 @@ TEST_F(KespDataFileViewing, ShowsTheRecordAsItIsStored) {
         ASSERT_TRUE(file.ReadNextView(view, true));
         EXPECT_EQ(std::tuple(view.Type(), view.Version(), view.StoredFlags(), view.StatedLength(), view.Position()),
                   std::tuple(type, version, flags, length, kFirst + 15));
-        EXPECT_TRUE(std::ranges::equal(view.Body(), std::as_bytes(std::span(body))));
+        EXPECT_TRUE(IsEqual(view.Body(), std::as_bytes(std::span(body))));
         EXPECT_FALSE(file.ReadNextView(view, true));
         EXPECT_EQ(file.GetError(), KESP_ERROR_NORMAL_EOF);
       }

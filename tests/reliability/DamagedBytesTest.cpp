@@ -1,6 +1,8 @@
 // One byte of a survey goes wrong, each in turn, or the file ends before it: how many records stay, to the walk, the
 // rebuild and the salvage, is what the layout says.
 
+#include <algorithm>
+
 #include "kesp/salvage/Salvage.h"
 #include "tests/recordfile/Survey.h"
 #include "tests/support/MemorySystem.h"
@@ -47,7 +49,7 @@ TEST(DamagedBytes, CostTheRecordsThatTheLayoutSays) {
       for (const ByteVector& record : records) {
         const bool isHit = at >= start && at < start + record.size();
         const bool isLive = Number(record, 0, 4) < 10 && (record[6] & 1) == 0;
-        salvaged += isHit ? std::ranges::binary_search(readable, start) : isLive;
+        salvaged += isHit ? std::binary_search(readable.begin(), readable.end(), start) : isLive;
         start += static_cast<std::uint32_t>(record.size());
       }
       kesp::SalvageReport report;

@@ -18,7 +18,7 @@ struct Event {
   // (w)rite, (t)runcate, (s)ync of the file, sync of its (d)irectory; or of what is promised: the record at `offset`
   // (b)egins to change into `bytes`, is (a)cknowledged.
   char kind;
-  std::uint64_t offset = 0;
+  std::size_t offset = 0;
   ByteVector bytes{};
 };
 
@@ -32,12 +32,12 @@ struct Recorder : IdleDisk {
   }
   ssize_t Write(int to, const void* from, std::size_t count, std::int64_t offset) override {
     const auto* const bytes = static_cast<const std::uint8_t*>(from);
-    Note(to, {'w', static_cast<std::uint64_t>(offset), {bytes, bytes + count}});
+    Note(to, {'w', static_cast<std::size_t>(offset), {bytes, bytes + count}});
     return SystemCalls::Write(to, from, count, offset);
   }
   ssize_t CopyRange(int, std::int64_t, int, std::int64_t, std::size_t) override { return -1; }
   int Truncate(int of, std::int64_t length) override {
-    Note(of, {'t', static_cast<std::uint64_t>(length)});
+    Note(of, {'t', static_cast<std::size_t>(length)});
     return SystemCalls::Truncate(of, length);
   }
   int DataSync(int of) override { return Note(of, {'s'}); }
@@ -47,7 +47,7 @@ struct Recorder : IdleDisk {
     return 0;
   }
   // The record that is at `offset` now.
-  Event Now(char kind, std::uint64_t offset) const {
+  Event Now(char kind, std::size_t offset) const {
     const ByteVector file = ReadFile(path);
     const auto at = file.begin() + static_cast<std::ptrdiff_t>(offset);
     return {kind, offset, {at, at + 14 + at[10] + 256 * at[11]}};
@@ -96,7 +96,7 @@ class PowerCuts : public testing::Test {
   struct State {  // of a record that was acknowledged: as it was, and as it may be
     ByteVector before, after;
   };
-  void Examine(const ByteVector& image, const std::map<std::uint64_t, State>& acknowledged) {
+  void Examine(const ByteVector& image, const std::map<std::size_t, State>& acknowledged) {
     fs::remove(path);
     fs::remove(copy);
     WriteFile(path, image);
@@ -132,7 +132,7 @@ TEST_F(PowerCuts, LoseNothingAcknowledgedAtAnyPointOfAWorkload) {
     Recorder recorder(path);
     CKespFile set;
     CKespDataFile& file = *set.m_pDataFile;
-    std::vector<std::uint64_t> at;  // of each record
+    std::vector<std::size_t> at;  // of each record
     const auto acknowledge = [&](std::initializer_list<std::size_t> places) {
       for (const std::size_t place : places) recorder.events.push_back(recorder.Now('a', at[place]));
     };
@@ -186,7 +186,7 @@ TEST_F(PowerCuts, LoseNothingAcknowledgedAtAnyPointOfAWorkload) {
   bool directorySynced = false;
   ByteVector durable, written;
   std::vector<Event> pending;
-  std::map<std::uint64_t, State> acknowledged;
+  std::map<std::size_t, State> acknowledged;
   for (const Event& event : events) {
     directorySynced |= event.kind == 'd';
     EXPECT_TRUE(directorySynced || event.kind != 'a');

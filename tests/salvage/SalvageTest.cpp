@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <functional>
 #include <random>
-#include <source_location>
 #include <tuple>
 
 #include "tests/recordfile/Survey.h"
@@ -41,8 +40,8 @@ class Salvaging : public OneFile {
   }
   // The gaps are the offset, length and reason of each.
   void Expect(const ByteVector& source, const ByteVector& salvaged, const std::vector<std::uint64_t>& gaps,
-              Counts counts = {}, std::source_location at = std::source_location::current()) {
-    const testing::ScopedTrace trace(at.file_name(), static_cast<int>(at.line()), "expected here");
+              Counts counts = {}, int line = __builtin_LINE()) {
+    const testing::ScopedTrace trace(__FILE__, line, "expected here");
     EXPECT_EQ(Salvaged(source), salvaged);
     std::vector<std::uint64_t> found;
     std::uint64_t bytes = 0;
@@ -69,8 +68,8 @@ TEST_F(Salvaging, GoesOnAfterEachKindOfDamage) {
   const ByteVector unknown = Record(200, 1, 0, Hex("01 02"));
   const ByteVector badText = Note(std::string_view("rain\0x", 6));  // more after the end of the text
   const auto expect = [&](const ByteVector& damage, const std::vector<std::uint64_t>& gaps, const ByteVector& kept = {},
-                          Counts counts = {}, std::source_location at = std::source_location::current()) {
-    Expect(FileHeader() + before + damage + after, FileHeader() + before + kept + after, gaps, counts, at);
+                          Counts counts = {}, int line = __builtin_LINE()) {
+    Expect(FileHeader() + before + damage + after, FileHeader() + before + kept + after, gaps, counts, line);
   };
   expect(unknown, {}, {}, {.unknown = 1});
   expect(EndOf(9, 1), {}, {}, {.deleted = 1});
@@ -148,9 +147,9 @@ TEST_F(Salvaging, LooksIntoNoRecordThatTheWalkStepsOverBeforeTheDamage) {
   // A note whose text is one of a record that ends where the note does.
   const ByteVector gone = Record(6, 2, 1, Hex("61 00*493") + EndOf(5));
   const auto expect = [&](const ByteVector& stepped, const ByteVector& kept, Counts counts,
-                          std::source_location at = std::source_location::current()) {
+                          int line = __builtin_LINE()) {
     Expect(FileHeader() + stepped + ends + damage + ends, FileHeader() + kept + ends + ends,
-           {kFirst + stepped.size() + 36, 40, kHeader}, counts, at);
+           {kFirst + stepped.size() + 36, 40, kHeader}, counts, line);
   };
   expect(unknown, {}, {.unknown = 1});
   expect(gone, {}, {.deleted = 1});

@@ -92,7 +92,7 @@ inline void WriteFile(const std::filesystem::path& path, const ByteVector& bytes
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 inline ByteVector ReadFile(const std::filesystem::path& path) {
-  ByteVector bytes(std::filesystem::exists(path) ? std::filesystem::file_size(path) : 0);
+  ByteVector bytes(std::filesystem::exists(path) ? static_cast<std::size_t>(std::filesystem::file_size(path)) : 0);
   std::ifstream(path, std::ios::binary)
       .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   return bytes;

@@ -46,15 +46,16 @@ class MemorySystem : public SystemCalls {
   int Lock(int /*fd*/, int /*operation*/) override { return 0; }
   ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {
     const ByteVector& bytes = *m_open.at(fd);
-    const auto start = static_cast<std::size_t>(offset);
-    const std::size_t size = start < bytes.size() ? std::min(count, bytes.size() - start) : 0;
+    const auto start = static_cast<std::uint64_t>(offset);
+    const std::uint64_t left = start < bytes.size() ? bytes.size() - start : 0;
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(count, left));
     if (size != 0) std::memcpy(to, bytes.data() + start, size);
     m_bytesRead += size;
     return static_cast<ssize_t>(size);
   }
   ssize_t Write(int fd, const void* from, std::size_t count, std::int64_t offset) override {
+    if (static_cast<std::uint64_t>(offset) + count > kLargestFile) return Fail(EFBIG);
     const std::size_t end = static_cast<std::size_t>(offset) + count;
-    if (end > kLargestFile) return Fail(EFBIG);
     ByteVector& bytes = *m_open.at(fd);
     if (bytes.size() < end) bytes.resize(end);
     std::memcpy(bytes.data() + offset, from, count);

@@ -21,6 +21,9 @@
 
 namespace kesp::test {
 
+inline bool IsEqual(std::span<const std::byte> a, std::span<const std::byte> b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end());
+}
 // An accessor has the type of its member.
 template <class T>
 requires std::integral<T> || std::is_enum_v<T>
@@ -32,7 +35,7 @@ inline bool IsSame(double object, double view) {
 template <std::size_t kSize>
 bool IsSame(const std::array<std::uint8_t, kSize>& object, std::span<const std::byte> view) {
   const auto bytes = std::as_bytes(std::span(object));
-  return view.empty() ? object == std::array<std::uint8_t, kSize>{} : std::ranges::equal(bytes, view);
+  return view.empty() ? object == std::array<std::uint8_t, kSize>{} : IsEqual(bytes, view);
 }
 inline bool IsSame(const CString& object, const TextView& view) {
   const std::string kept = object.ToUtf8();
@@ -87,9 +90,9 @@ inline std::string Differing(const CKespTag& object, const TagView& view) {
   std::string differing;
   if (object.m_tagType != view.Type()) differing += " kind";
   if (object.m_dataLength != view.BlockLength() || view.IsWhole() != (held == block.size())) differing += " length";
-  if (!std::ranges::equal(block.first(held), view.Block())) differing += " block";
+  if (!IsEqual(block.first(held), view.Block())) differing += " block";
   if (name.has_value() != hasName || (hasName && !IsSame(*parts.name, *name))) differing += " name";
-  if (payload.has_value() != hasPayload || (hasPayload && !std::ranges::equal(*parts.payload, *payload))) {
+  if (payload.has_value() != hasPayload || (hasPayload && !IsEqual(*parts.payload, *payload))) {
     differing += " payload";
   }
   return differing;

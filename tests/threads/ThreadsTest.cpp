@@ -65,7 +65,7 @@ TEST(Threads, ShareTheFillingOfColumns) {
   InThreads(2, [&](unsigned i) {
     CKespDataFile file;
     ASSERT_TRUE(file.OpenReadOnly(Text(dir / "a.kesp")));
-    for (const std::size_t batchRows : {1000, 100'000})
+    for (const std::size_t batchRows : {1000u, 100'000u})
       EXPECT_EQ(RowsInBatches(file, false, batchRows, i == 0).points, expected.points);
     EXPECT_EQ(RowsAtOnce(file, false), expected);
     EXPECT_FALSE(ReadColumns(file, AllColumns(false, 3000), [](kesp::Columns&) { return false; }));

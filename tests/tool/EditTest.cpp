@@ -1,4 +1,6 @@
 // The sub-commands that change a file or join some: delete, undelete, header, set, append, merge.
+#include <algorithm>
+
 #include "tests/dataset/DataSet.h"
 #include "tests/tool/RunTool.h"
 
@@ -7,7 +9,8 @@ namespace {
 
 using Patches = std::vector<std::pair<std::size_t, ByteVector>>;  // where in the file, and what is there then
 ByteVector Patched(ByteVector bytes, const Patches& patches) {
-  for (const auto& [at, part] : patches) std::ranges::copy(part, bytes.begin() + static_cast<std::ptrdiff_t>(at));
+  for (const auto& [at, part] : patches)
+    std::copy(part.begin(), part.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
   return bytes;
 }
 std::string Verdict(const std::string& path) {

@@ -1,4 +1,5 @@
 // kesp find walks over a file without a data set. It has to find what is found in one.
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "kesp/search/KespSearch.h"
@@ -90,7 +91,8 @@ bool IsFound(const CKespFeature& feature, Question& question) {
     return *question.needsAttribute == 0 || attribute->AttributeName == question.needsAttribute;
   };
   return question.search.Validate(&feature) && (!question.needsPoint || feature.GetNumPoints() != 0) &&
-         (question.needsAttribute == nullptr || std::ranges::any_of(feature.m_attributeList, isNeeded));
+         (question.needsAttribute == nullptr ||
+          std::any_of(feature.m_attributeList.begin(), feature.m_attributeList.end(), isNeeded));
 }
 
 TEST_F(Tool, FindsWhatIsInADataSet) {

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <optional>
 #include <sstream>
 
@@ -30,7 +31,11 @@ inline std::string TextOf(const std::filesystem::path& path) {
 inline ToolResult RunTool(const std::vector<std::string>& arguments, std::optional<int> output = {}) {
   const TempDir dir;
   const std::string out = dir / "out", err = dir / "err";
-  std::vector<char*> argv{const_cast<char*>(KESP_TOOL)};
+  std::vector<char*> argv;
+  std::istringstream emulator(KESP_EMULATOR);  // empty where the tool runs by itself
+  const std::vector<std::string> words{std::istream_iterator<std::string>(emulator), {}};
+  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(const_cast<char*>(KESP_TOOL));
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   const pid_t child = ::fork();
@@ -41,7 +46,7 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments, std::option
     ::dup2(output ? *output : create(out), STDOUT_FILENO);
     ::dup2(create(err), STDERR_FILENO);
     if (output == -1) ::close(STDOUT_FILENO);
-    ::execv(argv[0], argv.data());
+    ::execvp(argv[0], argv.data());
     ::_exit(127);
   }
   int status = 0;

@@ -7,6 +7,7 @@ every file, on none, and on what is no data file. Those that change a file are r
 """
 
 import json
+import os
 import pathlib
 import struct
 import subprocess
@@ -37,13 +38,13 @@ CHANGING = {
 
 class Checker:
     def __init__(self, tool, schema):
-        self.tool = tool
+        self.tool = [*os.environ.get("KESP_EMULATOR", "").split(), tool]
         self.definitions = json.loads(pathlib.Path(schema).read_text())
         self.checked = 0
         self.failed = 0
 
     def run(self, definition, arguments):
-        done = subprocess.run([self.tool, *arguments], capture_output=True, text=True, errors="surrogateescape")
+        done = subprocess.run([*self.tool, *arguments], capture_output=True, text=True, errors="surrogateescape")
         validator = jsonschema.Draft202012Validator({**self.definitions, "$ref": "#/$defs/" + definition})
         # Lone surrogates are the tool's business; Python's parser keeps them.
         lines = [json.loads(line) for line in done.stdout.splitlines()]

@@ -10,7 +10,8 @@ namespace {
 
 bool WriteAll(CKespDataFile& file, const std::vector<Amendment>& amendments) {
   try {
-    return std::ranges::all_of(amendments, [&](const Amendment& a) { return file.AmendRecord(*a.before, *a.after); }) &&
+    return std::all_of(amendments.begin(), amendments.end(),
+                       [&](const Amendment& a) { return file.AmendRecord(*a.before, *a.after); }) &&
            file.Flush() && file.Close();
   } catch (const CFileException&) {
     return false;  // the container has the reason
@@ -26,7 +27,7 @@ bool IsCarriedOut(const std::string& path, const std::vector<Amendment>& amendme
     const std::unique_ptr<CKespRecord> now = ReadAt(file, amendment.after->m_filePosition);
     return now && file.AmendRecord(*now, *amendment.after);
   };
-  if (!std::ranges::all_of(amendments, isThere)) return false;
+  if (!std::all_of(amendments.begin(), amendments.end(), isThere)) return false;
   RecordWalk walk(file, DeletedRecords::kPassOver);
   while (walk.Next() != RecordWalk::Step::kEnd) {
   }
@@ -95,7 +96,8 @@ CKespRecord* AddAmendment(std::vector<Amendment>& amendments, CKespDataFile& fil
 }
 
 bool Carry(CKespDataFile& file, const std::string& path, std::vector<Amendment>& amendments) {
-  std::ranges::sort(amendments, {}, [](const Amendment& a) { return a.before->m_filePosition; });
+  std::sort(amendments.begin(), amendments.end(),
+            [](const Amendment& a, const Amendment& b) { return a.before->m_filePosition < b.before->m_filePosition; });
   if (!WriteAll(file, amendments)) {
     Complain(path, "not all could be written: " + WhyNotWritten(file));
     return false;

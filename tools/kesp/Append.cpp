@@ -40,7 +40,7 @@ bool IsApart(const AppendOptions& options, const CKespDataFile& file) {
   const auto isDestination = [&](const std::string& path) {
     return file.m_file.IsSameFile(CString::FromPathBytes(path));
   };
-  const auto found = std::ranges::find_if(options.sources, isDestination);
+  const auto found = std::find_if(options.sources.begin(), options.sources.end(), isDestination);
   if (found != options.sources.end()) Complain(*found, "is the destination itself");
   return found == options.sources.end();
 }

@@ -35,7 +35,8 @@ struct Plan {
 std::string Number(const char* what, std::uint32_t number) { return what + std::to_string(number); }
 
 std::size_t CountLive(const std::vector<Inventory::Item>& items) {
-  return static_cast<std::size_t>(std::ranges::count(items, false, &Inventory::Item::isDeleted));
+  return static_cast<std::size_t>(
+      std::count_if(items.begin(), items.end(), [](const Inventory::Item& item) { return !item.isDeleted; }));
 }
 
 void PlanDeletion(Plan& plan, const Inventory& inventory, const DeleteOptions& options) {
@@ -104,7 +105,8 @@ std::vector<const Inventory::Item*> ItemsOf(const Plan& plan, Mode mode) {
   };
   for (const auto& [feature, forItsPoints] : plan.features) {
     add(feature->record);
-    for (const auto* list : {&feature->points, &feature->attributes, &feature->ends}) std::ranges::for_each(*list, add);
+    for (const auto* list : {&feature->points, &feature->attributes, &feature->ends})
+      std::for_each(list->begin(), list->end(), add);
   }
   for (const Plan::Single& single : plan.points) add(*single.point);
   return items;

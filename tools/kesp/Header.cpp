@@ -36,7 +36,7 @@ std::string Take(std::vector<Setting>& settings, const std::string& argument) {
   const std::string& name = assignment->name;
   for (const HeaderText& field : kTexts) {
     if (name != field.name) continue;
-    if (std::ranges::any_of(settings, [&](const Setting& s) { return s.field == &field; })) {
+    if (std::any_of(settings.begin(), settings.end(), [&](const Setting& s) { return s.field == &field; })) {
       return name + " is set twice";
     }
     const CString text = CString::FromUtf8(assignment->value);
@@ -56,7 +56,8 @@ std::string Take(std::vector<Setting>& settings, const std::string& argument) {
 std::string WhyNotInVersion1(const Setting& setting) {
   const std::string name = setting.field->name;
   if (!setting.field->inVersion1) return name + " has no place in a header of version 1";
-  if (std::ranges::any_of(setting.text.View(), [](char16_t unit) { return unit > 0xFF; })) {
+  const std::u16string_view text = setting.text.View();
+  if (std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit > 0xFF; })) {
     return "the text for " + name + " has characters that a header of version 1 can't hold";
   }
   return {};
@@ -95,7 +96,7 @@ ExitStatus Header(const HeaderOptions& options, Output& out) {
     changes.push_back({setting.field->name, text, setting.text});
     text = setting.text;
   }
-  const bool differs = std::ranges::any_of(changes, [](const ValueChange& c) { return c.from != c.to; });
+  const bool differs = std::any_of(changes.begin(), changes.end(), [](const ValueChange& c) { return c.from != c.to; });
   if (differs && !options.dryRun && !Carry(file, options.path, amendments)) return kExitTrouble;
   ReportChanges(options, options.path, options.dryRun, inventory.end, changes, out);
   return kExitWhole;

@@ -148,7 +148,7 @@ std::string SomeOf(const NumberMap& map) {
   constexpr std::size_t kMostShown = 10;
   std::vector<std::uint32_t> numbers;
   for (const auto& [number, given] : map) numbers.push_back(number);
-  std::ranges::sort(numbers);
+  std::sort(numbers.begin(), numbers.end());
   std::string text;
   for (std::size_t i = 0; i < std::min(numbers.size(), kMostShown); ++i) {
     text += (i == 0 ? "" : ", ") + std::to_string(numbers[i]);

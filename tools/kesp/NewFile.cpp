@@ -28,6 +28,18 @@ std::string Reason(int osError) { return std::generic_category().message(osError
 
 constexpr const char* kExists = "exists; --force replaces it";
 
+// Fails with EEXIST when there is a file of the new name.
+int RenameToNew(const char* from, const char* to) {
+#if KESP_HAS_RENAMEAT2
+  const int result = ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+  if (result == 0 || (errno != EINVAL && errno != ENOSYS)) return result;
+#endif
+  // Not every file system knows the flag; a second name isn't given to a file that exists either.
+  if (::link(from, to) != 0) return errno == EEXIST ? -1 : ::rename(from, to);
+  ::unlink(from);
+  return 0;
+}
+
 // The file in the folder for temporary files that is put out on standard output.
 std::string TemporaryPlace() {
   std::error_code failure;
@@ -165,17 +177,8 @@ bool NewFile::PutOut() {
 
 bool NewFile::Keep() {
   if (IsStandardOutput(m_given)) return PutOut();
-  const unsigned flags = m_existing == Existing::kRefuse ? RENAME_NOREPLACE : 0;
-  int result = ::renameat2(AT_FDCWD, m_made.c_str(), AT_FDCWD, m_place.c_str(), flags);
-  // Not every file system knows the flag; a second name isn't given to a file that exists either.
-  if (result != 0 && errno == EINVAL) {
-    result = ::link(m_made.c_str(), m_place.c_str());
-    if (result == 0) {
-      ::unlink(m_made.c_str());
-    } else if (errno != EEXIST) {
-      result = ::rename(m_made.c_str(), m_place.c_str());
-    }
-  }
+  const int result = m_existing == Existing::kRefuse ? RenameToNew(m_made.c_str(), m_place.c_str())
+                                                     : ::rename(m_made.c_str(), m_place.c_str());
   if (result != 0) {
     Fail(errno == EEXIST ? kExists : Reason(errno));
     return false;
@@ -191,13 +194,18 @@ bool NewFile::Keep() {
 
 Growth::Growth(const NewFile& file, std::uint64_t expected) {
   if (!Progress::OnTerminal()) return;
-  m_thread = std::jthread([&file, expected](const std::stop_token& stop) {
+  m_thread = std::thread([this, &file, expected] {
     Progress progress(expected, true);
-    while (!stop.stop_requested()) {
+    while (!m_ends) {
       progress.Update(file.Size());
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
   });
+}
+
+Growth::~Growth() {
+  m_ends = true;
+  if (m_thread.joinable()) m_thread.join();
 }
 
 }  // namespace kesp::tool

@@ -12,6 +12,7 @@
 //
 // Errors: complains and returns false.
 #pragma once
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -74,9 +75,13 @@ class NewFile {
 class Growth {
  public:
   Growth(const NewFile& file, std::uint64_t expected);
+  ~Growth();
+  Growth(const Growth&) = delete;
+  Growth& operator=(const Growth&) = delete;
 
  private:
-  std::jthread m_thread;  // looks at the file by its name, and at nothing of the library
+  std::atomic<bool> m_ends{false};
+  std::thread m_thread;  // looks at the file by its name, and at nothing of the library
 };
 
 }  // namespace kesp::tool

@@ -1,12 +1,12 @@
 // kesp set: changes values of a feature's attributes in their places, all that were asked for or none.
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 
 #include "tools/kesp/Amending.h"
 #include "tools/kesp/Commands.h"
 #include "tools/kesp/Inventory.h"
 #include "tools/kesp/JsonWriter.h"
+#include "tools/kesp/Numbers.h"
 #include "tools/kesp/Times.h"
 
 namespace kesp::tool {
@@ -16,13 +16,6 @@ namespace {
 CString ValueOf(const CKespAttribute& attribute) {
   if (attribute.AttributeKind == KESP_ATTRIBUTE_NUMERIC) return {ShortestText(attribute.Value)};
   return attribute.GetAsFormatedString(true);
-}
-
-std::optional<double> ParseNumber(const std::string& text) {
-  double value = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  return error == std::errc() && stop == end && std::isfinite(value) ? std::optional(value) : std::nullopt;
 }
 
 // Days since 30 December 1899. That day itself is what means no date, and display text ends at the year 100.
@@ -64,9 +57,10 @@ std::string Assign(CKespAttribute& attribute, const std::string& value) {
 }
 
 std::string WhyNotStored(const CKespAttribute& attribute) {
-  const auto isWide = [](char16_t unit) { return unit > 0xFF; };
-  const bool hasWide =
-      std::ranges::any_of(attribute.TextValue.View(), isWide) || std::ranges::any_of(attribute.SubValue.View(), isWide);
+  const auto isWide = [](std::u16string_view text) {
+    return std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit > 0xFF; });
+  };
+  const bool hasWide = isWide(attribute.TextValue.View()) || isWide(attribute.SubValue.View());
   const std::string version = "an attribute of version " + std::to_string(attribute.m_recordVersion);
   return attribute.m_recordVersion == 1 && hasWide ? "has characters that " + version + " can't hold"
                                                    : "is longer than " + version + " can hold";
@@ -93,7 +87,7 @@ class Setter {
   std::string Amend(const Assignment& assignment) {
     const std::string name = "attribute \"" + PrintablePath(assignment.name) + "\"";
     const std::string whose = "feature " + std::to_string(m_options.feature);
-    if (std::ranges::any_of(changes, [&](const ValueChange& c) { return c.name == assignment.name; })) {
+    if (std::any_of(changes.begin(), changes.end(), [&](const ValueChange& c) { return c.name == assignment.name; })) {
       return name + " is set twice";
     }
     std::string names;

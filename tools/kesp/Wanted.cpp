@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <optional>
 #include <string_view>
 
 #include "tools/kesp/Console.h"
+#include "tools/kesp/Numbers.h"
 #include "tools/kesp/Times.h"
 
 namespace kesp::tool {
@@ -20,8 +20,9 @@ bool ReadNumber(std::string_view text, std::optional<double> otherwise, double& 
     number = *otherwise;
     return true;
   }
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc() && end == text.data() + text.size() && std::isfinite(number);
+  const std::optional<double> parsed = ParseNumber(text);
+  number = parsed.value_or(0);
+  return parsed.has_value();
 }
 
 // LOW:HIGH, LOW: or :HIGH.
