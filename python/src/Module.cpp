@@ -32,4 +32,6 @@ PYBIND11_MODULE(_kesp, module) {
   kp::BindReading(module);
   kp::BindBatches(module);
   kp::BindAssembly(module);
+  kp::BindStore(module);
+  kp::BindChecking(module);
 }
