@@ -58,6 +58,8 @@ class BatchReader {
     try {
       const bool isWhole = ReadColumns(m_file, m_choice.choice, [&](Columns& columns) { return Put(columns, stop); });
       if (!isWhole && !stop.stop_requested()) end = FindDamage(m_file);
+    } catch (const CFileException&) {  // a feature of version 1 that is cut short
+      end = FindDamage(m_file);
     } catch (const std::exception&) {
       end.cause = tool::Verdict::Cause::kUnreadable;
       end.systemError = ENOMEM;

@@ -74,7 +74,15 @@ struct Result {
 Result Read(CKespDataFile& file, const TableChoice& choice) {
   Columns columns;
   Result result;
-  if (!ReadColumns(file, choice.choice, columns)) result.end = FindDamage(file);
+  try {
+    if (!ReadColumns(file, choice.choice, columns)) result.end = FindDamage(file);
+  } catch (const CFileException&) {
+    // A feature of version 1 that is cut short is raised. Then read what comes before it.
+    result.end = FindDamage(file);
+    file.LimitLength(result.end.offset);
+    columns = {};
+    (void)ReadColumns(file, choice.choice, columns);
+  }
   result.table = TakeTable(columns, choice);
   return result;
 }

@@ -69,7 +69,11 @@ void Store::ReadAll(bool includeDeleted, Watch& watch) {
     } else {
       result = m_dataset->OpenKespReadOnly(m_path, message);
     }
-    if (result == ERR_NONE) result = m_dataset->ReadKespFile(includeDeleted);
+    try {
+      if (result == ERR_NONE) result = m_dataset->ReadKespFile(includeDeleted);
+    } catch (const CFileException&) {
+      // A feature of version 1 that is cut short. What was read before it is there.
+    }
     m_end = FindDamage(first);
     (void)m_dataset->CloseKesp();
   }

@@ -86,11 +86,15 @@ TablePointer TakeExported(ArrowSchema* schema, ArrowArray* array, const std::vec
   const auto owner = std::make_shared<const Exported>(*array);
   auto table = std::make_shared<TableData>();
   table->rows = array->length;
+  std::vector<ColumnData> all;
   for (std::int64_t i = 0; i < schema->n_children; ++i) {
-    const ArrowSchema& child = *schema->children[i];
-    if (!wanted.empty() && std::ranges::find(wanted, std::string_view(child.name)) == wanted.end()) continue;
-    table->columns.push_back(ColumnOf(child, *array->children[i], owner));
+    all.push_back(ColumnOf(*schema->children[i], *array->children[i], owner));
   }
+  for (const std::string& name : wanted) {
+    const auto found = std::ranges::find(all, name, &ColumnData::name);
+    if (found != all.end() && table->Find(name) == nullptr) table->columns.push_back(*found);
+  }
+  if (wanted.empty()) table->columns = std::move(all);
   return table;
 }
 

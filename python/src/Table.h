@@ -48,7 +48,7 @@ struct TableData {
 };
 using TablePointer = std::shared_ptr<const TableData>;
 
-// Takes the columns of a table of the library; only those whose name is in `wanted`, unless that is empty.
+// Takes the columns of a table of the library; those in `wanted`, in that order, or all if it is empty.
 template <class Columns>
 TablePointer TakeTable(Columns&& columns, const std::vector<std::string>& wanted);
 TablePointer TakeExported(ArrowSchema* schema, ArrowArray* array, const std::vector<std::string>& wanted);
