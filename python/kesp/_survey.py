@@ -383,8 +383,14 @@ class Features(Sequence):
         return isinstance(number, int) and self._survey._store.find_number(number) is not None
 
     def __iter__(self) -> Iterator[Feature]:
-        store = self._survey._store
-        return (Feature(store, at) for at in store.features())
+        return self._each(self._survey._store, self._survey._store.features())
+
+    @staticmethod
+    def _each(store: _kesp.Store, features: list) -> Iterator[Feature]:
+        for at in features:
+            if not store.is_open:
+                raise ValueError("the survey is closed")
+            yield Feature(store, at)
 
     def __reversed__(self) -> Iterator[Feature]:
         return reversed(list(self))

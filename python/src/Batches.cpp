@@ -47,7 +47,11 @@ class BatchReader {
   // At the end.
   const tool::Verdict& End() const noexcept { return m_end; }
   void Stop() {
-    m_thread.request_stop();
+    {
+      // Under the mutex, or the thread may miss it between its look and its wait.
+      const std::scoped_lock lock(m_mutex);
+      m_thread.request_stop();
+    }
     m_changed.notify_all();
     if (m_thread.joinable()) m_thread.join();
   }
@@ -151,7 +155,7 @@ class NoRecords : public ByteSource {
   }
 
  private:
-  static constexpr std::string_view kBytes{"Corvanthe Survey Devices -- Kesp Data File\3\0\0\0\2\0\0\0", 50};
+  static constexpr std::string_view kBytes{"Corvanthe Survey Devices -- Kesp Data File\3\0\2\0\0\0\0\0", 50};
 };
 
 TablePointer Batches::TakeShape(Columns& none) {

@@ -37,6 +37,6 @@ def dump():
 
     def run(path):
         out = subprocess.run([os.environ["KESP_TOOL"], "dump", path], capture_output=True, check=True).stdout
-        return [{**r, **r.get("fields", {})} for r in map(json.loads, out.splitlines())]
+        return [{**r, **r.get("fields", {})} for r in map(json.loads, out.splitlines()) if "type" in r]
 
     return run
