@@ -5,7 +5,7 @@ from html import escape
 from typing import Any, Mapping, Sequence
 
 
-def table_html(names: Sequence[str], columns: Sequence[Sequence[Any]], rows: int) -> str:
+def table_html(names: Sequence[str], columns: Sequence[Any], rows: int) -> str:
     """The first rows of columns, and how many rows there are."""
     head = "".join(f"<th>{escape(name)}</th>" for name in names)
     body = "".join(

@@ -2,7 +2,7 @@
 from __future__ import annotations
 
 import os
-from collections.abc import Mapping, MutableMapping, Sequence
+from collections.abc import Collection, Mapping, MutableMapping
 from contextlib import contextmanager
 from dataclasses import dataclass
 from datetime import date, datetime
@@ -365,7 +365,7 @@ class Note:
         return f"<kesp.Note {self.text!r}>" if self._store.is_open else "<kesp.Note of a closed survey>"
 
 
-class Features(Sequence):
+class Features(Collection):
     """The features of a survey in file order. ``features[n]`` is the one with the number n, so iterate to go through."""
 
     def __init__(self, survey: "Survey") -> None:
@@ -391,9 +391,6 @@ class Features(Sequence):
             if not store.is_open:
                 raise ValueError("the survey is closed")
             yield Feature(store, at)
-
-    def __reversed__(self) -> Iterator[Feature]:
-        return reversed(list(self))
 
     def __len__(self) -> int:
         return len(self._survey._store.features())

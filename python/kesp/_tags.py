@@ -86,8 +86,11 @@ class Tag:
     @property
     def link(self) -> Optional[Link]:
         """What it links, if it is a link."""
-        value = self.value if self.kind == _LINK else None
-        return None if value is None else Link(*value, self.offset, self.flags)
+        value: Any = self.value if self.kind == _LINK else None
+        if value is None:
+            return None
+        first, first_qualifier, second, second_qualifier, number, spare = value
+        return Link(first, first_qualifier, second, second_qualifier, number, spare, self.offset, self.flags)
 
     @property
     def flags(self) -> int:
