@@ -240,12 +240,12 @@ std::optional<bool> Scan::ClosedCleanly() const {
   return header->WasCleanClose();
 }
 
-Scan ScanFile(CKespDataFile& file) {
+Scan ScanFile(CKespDataFile& file, ShowsProgress showsProgress) {
   Scan scan;
   Assembly assembly;
   Tallies tallies(scan);
   RecordWalk walk(file, DeletedRecords::kPassOver);
-  Progress progress(file.m_file.KnownLength(), Progress::OnTerminal());
+  Progress progress(file.m_file.KnownLength(), showsProgress == ShowsProgress::kYes && Progress::OnTerminal());
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
     const RecordView& record = walk.View();
     progress.Update(record.Position());

@@ -61,7 +61,9 @@ struct Scan {
   Verdict end;
 };
 
-Scan ScanFile(CKespDataFile& file);
+// On a terminal, if standard error is one.
+enum class ShowsProgress { kNo, kYes };
+Scan ScanFile(CKespDataFile& file, ShowsProgress progress = ShowsProgress::kYes);
 // Opens the file read-only first. Where that fails, `end` says why and the rest is empty.
 Scan OpenAndScan(CKespDataFile& file, const std::string& path);
 

@@ -1,0 +1,278 @@
+"""Layers as pandas and GeoPandas frames, with the names that the plugin for GDAL has."""
+from __future__ import annotations
+
+import json
+import os
+import struct
+from datetime import datetime, timedelta
+from typing import Any, Optional
+
+import numpy as np
+
+from . import _kesp
+from ._errors import report
+from ._tables import Path, Progress, times_of
+from ._values import EDITED_FLAGS, TAG_KINDS, date_of
+
+LAYERS = ("points", "lines", "areas", "vertices", "notes", "tags", "links")
+_TYPES = {"points": 1, "lines": 2, "areas": 3}
+_FIELDS = ["feature_name", "feature_color", "feature_symbol", "deleted", "edited"]
+_TEXT, _NUMBER, _MENU, _DATE = 1, 2, 3, 4
+
+
+def _words(column: tuple) -> np.ndarray:
+    codes, words = column
+    table = np.empty(len(words), dtype=object)
+    table[:] = words
+    return table[codes]
+
+
+def _fold(name: str) -> str:
+    """Equal for names that differ in the case of A to Z only."""
+    return "".join(c.lower() if "A" <= c <= "Z" else c for c in name)
+
+
+def _take_name(name: str, taken: set) -> str:
+    """The name, or with _2, _3 ... if it is taken."""
+    unique, n = name, 2
+    while _fold(unique) in taken:
+        unique, n = f"{name}_{n}", n + 1
+    taken.add(_fold(unique))
+    return unique
+
+
+def _as_text(kind: int, text: str, number: float, decimals: int) -> str:
+    if kind == _NUMBER:
+        return f"{number:.{decimals}f}"
+    if kind == _DATE:
+        date = date_of(number)
+        return "" if date is None else date.isoformat()
+    return text
+
+
+class _AttributeColumns:
+    """Makes a column for each attribute name of some features, whose rows are given by ``row_of``."""
+
+    def __init__(self, attributes: dict, row_of: np.ndarray, rows: int) -> None:
+        codes, names = attributes["name"]
+        folded: dict = {}
+        merged = np.array([folded.setdefault(_fold(n), len(folded)) for n in names], dtype=np.int64)
+        keep = row_of[attributes["feature"]] >= 0 if len(row_of) else np.zeros(0, dtype=bool)
+        self._rows = rows
+        self._row = row_of[attributes["feature"]][keep]
+        self._name = merged[codes[keep]] if len(names) else np.zeros(0, dtype=np.int64)
+        self._spelling = [names[i] for i in np.unique(merged, return_index=True)[1]] if len(names) else []
+        self._kind = attributes["kind"][keep]
+        self._number = attributes["number"][keep]
+        self._decimals = attributes["decimals"][keep]
+        self._text = _words((attributes["text"][0][keep], attributes["text"][1]))
+        self._sub = _words((attributes["sub"][0][keep], attributes["sub"][1]))
+
+    def columns(self, taken: set) -> dict:
+        # Of several attributes of a name in a feature, the first counts.
+        key = self._name * max(self._rows, 1) + self._row
+        first = np.zeros(len(key), dtype=bool)
+        first[np.unique(key, return_index=True)[1]] = True
+        out: dict = {}
+        order = np.unique(self._name, return_index=True)
+        for name in order[0][np.argsort(order[1])]:
+            at = np.flatnonzero((self._name == name) & first)
+            spelled = self._spelling[name] or "attribute"
+            column = _take_name(spelled, taken)
+            out[column] = self._column(at)
+            if any(self._sub[at][self._kind[at] == _MENU]):
+                out[_take_name(f"{column}_sub", taken)] = self._objects(at, [s or None for s in self._sub[at]])
+        if not first.all():
+            out[_take_name("further_attributes", taken)] = self._further(np.flatnonzero(~first))
+        return out
+
+    def _objects(self, at: np.ndarray, values: list) -> np.ndarray:
+        column = np.full(self._rows, None, dtype=object)
+        column[self._row[at]] = values
+        return column
+
+    def _column(self, at: np.ndarray) -> Any:
+        import pandas
+
+        kinds = set(self._kind[at].tolist())
+        if kinds == {_NUMBER}:
+            column = np.full(self._rows, np.nan)
+            column[self._row[at]] = self._number[at]
+            return column
+        if kinds == {_DATE}:
+            dates = [date_of(d) for d in self._number[at]]
+            return pandas.to_datetime(pandas.Series(self._objects(at, dates)), errors="coerce").to_numpy()
+        if kinds == {_MENU}:
+            return pandas.Categorical(self._objects(at, list(self._text[at])))
+        return self._objects(at, [self._text_of(i) for i in at])
+
+    def _text_of(self, i: int) -> str:
+        return _as_text(self._kind[i], self._text[i], float(self._number[i]), int(self._decimals[i]))
+
+    def _further(self, at: np.ndarray) -> np.ndarray:
+        lists: dict = {}
+        for i in at:
+            entry = {"name": self._spelling[self._name[i]], "value": self._text_of(i), "sub": self._sub[i]}
+            lists.setdefault(self._row[i], []).append(entry)
+        column = np.full(self._rows, None, dtype=object)
+        for row, entries in lists.items():
+            column[row] = json.dumps(entries)
+        return column
+
+
+# Types of well-known binary, with Z.
+_POINT, _LINE, _POLYGON, _MULTIPOINT = 1001, 1002, 1003, 1004
+
+
+def _wkb(layer: str, xyz: np.ndarray, several: bool) -> Optional[bytes]:
+    """The geometry of a feature. A line of one point is a point, and an area of fewer than three is a line or a point,
+    since GEOS takes no others."""
+    count = len(xyz)
+    if count == 0:
+        return None
+    if layer == "points" and several:
+        parts = b"".join(struct.pack("<BI", 1, _POINT) + point.tobytes() for point in xyz)
+        return struct.pack("<BII", 1, _MULTIPOINT, count) + parts
+    if layer == "points" or count == 1:
+        return struct.pack("<BI", 1, _POINT) + xyz[0].tobytes()
+    if layer == "areas" and count >= 3:
+        ring = xyz if (xyz[0] == xyz[-1]).all() and count > 3 else np.concatenate([xyz, xyz[:1]])
+        return struct.pack("<BIII", 1, _POLYGON, 1, len(ring)) + ring.tobytes()
+    return struct.pack("<BII", 1, _LINE, count) + xyz.tobytes()
+
+
+def _geometries(layer: str, points: dict, row_of: np.ndarray, rows: int) -> list:
+    row = row_of[points["feature"]] if len(row_of) else np.zeros(0, dtype=np.int64)
+    keep = (row >= 0) & np.isfinite(points["x"]) & np.isfinite(points["y"]) & np.isfinite(points["z"])
+    order = np.flatnonzero(keep)[np.argsort(row[keep], kind="stable")]
+    xyz = np.column_stack([points["x"][order], points["y"][order], points["z"][order]])
+    bounds = np.searchsorted(row[order], np.arange(rows + 1))
+    several = bool((np.diff(bounds) > 1).any())
+    return [_wkb(layer, xyz[bounds[i] : bounds[i + 1]], several) for i in range(rows)]
+
+
+def _crs_beside(path: Path) -> Optional[Any]:
+    """The reference system in survey.qpj or survey.prj."""
+    stem = os.path.splitext(os.fsdecode(path))[0]
+    for ending in (".qpj", ".prj"):
+        try:
+            with open(stem + ending, encoding="utf-8") as file:
+                text = file.read()
+            from pyproj import CRS
+
+            return CRS.from_user_input(text.strip())
+        except (OSError, ImportError, ValueError, RuntimeError):
+            continue
+    return None
+
+
+def _finish(frame: Any, wkb: Optional[list], path: Path, crs: Any) -> Any:
+    if wkb is None:
+        return frame
+    try:
+        import geopandas
+    except ImportError:
+        return frame.assign(geometry=wkb)
+    geometry = geopandas.GeoSeries.from_wkb(wkb, index=frame.index, crs=crs if crs is not None else _crs_beside(path))
+    return geopandas.GeoDataFrame(frame, geometry=geometry)
+
+
+def _marks(flags: np.ndarray) -> dict:
+    return {"deleted": (flags & 1) != 0, "edited": (flags & EDITED_FLAGS) != 0}
+
+
+def _feature_frame(layer: str, features: dict, points: dict, attributes: dict) -> tuple:
+    import pandas
+
+    wanted = np.flatnonzero(features["type"] == _TYPES[layer])
+    rows = len(wanted)
+    row_of = np.full(len(features["type"]), -1, dtype=np.int64)
+    row_of[wanted] = np.arange(rows)
+    edited = features["flags"] & EDITED_FLAGS
+    for part in (points, attributes):
+        if len(part["feature"]):
+            np.bitwise_or.at(edited, part["feature"], part["flags"] & EDITED_FLAGS)
+    columns = {
+        "feature_name": _words(features["name"])[wanted],
+        "feature_color": features["color"][wanted].astype(np.int64),
+        "feature_symbol": features["symbol"][wanted].astype(np.int32),
+        "deleted": (features["flags"][wanted] & 1) != 0,
+        "edited": edited[wanted] != 0,
+    }
+    taken = {*_FIELDS, "feature_number", "geometry"}
+    columns.update(_AttributeColumns(attributes, row_of, rows).columns(taken))
+    number = features["number"][wanted].astype(np.int64)
+    fid = np.where(features["owns_number"][wanted] != 0, number, features["offset"][wanted].astype(np.int64) + (1 << 32))
+    frame = pandas.DataFrame(columns, index=pandas.Index(fid, name="feature_number"))
+    return frame, _geometries(layer, points, row_of, rows)
+
+
+def _vertex_frame(features: dict, points: dict) -> tuple:
+    import pandas
+
+    names = ["text", "time", "z", "status", "gps_value", "gps_number", "has_offset", "offset_1", "offset_2"]
+    columns = {"feature_number": features["number"][points["feature"]], "point_number": points["point_number"]}
+    for name in names:
+        columns[name] = points[name] if name != "text" else _words(points["text"])
+    columns["time"] = times_of(points["time"]).astype("datetime64[ns]")
+    columns["has_offset"] = points["has_offset"] != 0
+    columns.update(_marks(points["flags"]))
+    frame = pandas.DataFrame(columns, index=pandas.Index(points["offset"].astype(np.int64), name="offset"))
+    rows = len(frame)
+    each = dict(points, feature=np.arange(rows))
+    return frame, _geometries("points", each, np.arange(rows), rows)
+
+
+def _record_frame(layer: str, path: Path, deleted: bool, progress: Optional[Progress], on_damage: str) -> Any:
+    import pandas
+
+    from ._survey import Survey
+
+    with Survey(path, "r", deleted=deleted, progress=progress) as survey:
+        report(survey.damage, survey.path, on_damage)
+        records: Any = getattr(survey, layer)
+        columns: dict = {"text": [note.text for note in records]} if layer == "notes" else {}
+        if layer == "tags":
+            columns["kind"] = [tag.kind for tag in records]
+            columns["kind_name"] = [TAG_KINDS.get(tag.kind) for tag in records]
+            columns["name"] = [tag.name for tag in records]
+            columns["value"] = [tag.value_text for tag in records]
+            columns["data"] = [tag.data if tag.value is None or tag.kind == 0 else None for tag in records]
+        if layer == "links":
+            for name in ("from_feature", "from_qualifier", "to_feature", "to_qualifier", "value", "spare"):
+                columns[name] = np.array([getattr(link, name) for link in records], dtype=np.int64)
+        columns.update(_marks(np.array([record.flags for record in records], dtype=np.uint32)))
+        return pandas.DataFrame(columns, index=pandas.Index([r.offset for r in records], name="offset", dtype="int64"))
+
+
+def read_dataframe(
+    path: Path,
+    layer: str = "points",
+    *,
+    geometry: bool = True,
+    crs: Any = None,
+    deleted: bool = False,
+    on_damage: str = "raise",
+    progress: Optional[Progress] = None,
+) -> Any:
+    """Reads a layer as a frame: points, lines, areas, vertices, notes, tags or links.
+
+    The first four are a GeoDataFrame if GeoPandas is there; without it ``geometry`` is a column of well-known binary.
+    ``geometry=False`` leaves it out and gives a DataFrame. Features have the columns feature_name, feature_color,
+    feature_symbol, deleted, edited, and one for each attribute name; their index is the feature number. Coordinates are
+    east, north, height in the units of the survey. ``crs`` is the reference system; without it the one in a .qpj or .prj
+    file of the same name beside the file, if any.
+
+    ``deleted``, ``on_damage`` and ``progress`` are those of read_points. Raises OSError, kesp.Error and ValueError.
+    """
+    if layer not in LAYERS:
+        raise ValueError(f"the layers are {', '.join(LAYERS)}, not {layer!r}")
+    if layer in ("notes", "tags", "links"):
+        return _record_frame(layer, path, deleted, progress, on_damage)
+    features, points, attributes, damage = _kesp.assemble(path, deleted, progress)
+    report(damage, os.fsdecode(path), on_damage)
+    if layer == "vertices":
+        frame, wkb = _vertex_frame(features, points)
+    else:
+        frame, wkb = _feature_frame(layer, features, points, attributes)
+    return _finish(frame, wkb if geometry else None, path, crs)
