@@ -19,14 +19,14 @@ constexpr std::pair<const char*, const char*> kGenerations[] = {{"b", "c"}, {"c"
 // One version for each input: trying both would halve the number of inputs.
 unsigned short VersionFor(Input input) { return input.size() % 2 == 0 ? 1 : 2; }
 
-struct Walked {
+struct CopiedWalk {
   std::uint64_t records = 0;
   KESP_ERROR_TYPE error = KESP_ERROR_NONE;
 };
-Walked WalkFrom(const CString& path, std::size_t first, bool skipDeleted = false) {
+CopiedWalk WalkFrom(const CString& path, std::size_t first, bool skipDeleted = false) {
   CKespDataFile file;
   KESP_REQUIRE(file.OpenReadOnly(path) && file.Seek(first));
-  Walked walked;
+  CopiedWalk walked;
   try {
     while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(skipDeleted)}) ++walked.records;
     walked.error = file.GetError();
@@ -117,7 +117,7 @@ void Salvage(Input input) {
   KESP_REQUIRE(report.gaps.size() == std::min<std::uint64_t>(report.gapCount, SalvageReport::kMostGaps));
   KESP_REQUIRE(report.gaps.size() != report.gapCount || sum == report.gapBytes);
 
-  const Walked walked = WalkFrom(u"b", kFirst);
+  const CopiedWalk walked = WalkFrom(u"b", kFirst);
   KESP_REQUIRE(walked.error == KESP_ERROR_NORMAL_EOF && walked.records == report.kept);
   KESP_REQUIRE(version != 0 || report.loss.IsNone());
   // The salvaged file is whole.

@@ -18,14 +18,14 @@ namespace {
 
 using ogr::SurveyFile;
 
-constexpr const char* kPath = "a.kesp";  // in memory; only a path of GDAL's file layer is read through that
-constexpr int kMostFeatures = 100;       // of a layer
+constexpr const char* kEditedPath = "a.kesp";  // in memory; only a path of GDAL's file layer is read through that
+constexpr int kMostFeatures = 100;             // of a layer
 constexpr GIntBig kFirstPosition = GIntBig{1} << 32;  // of features whose number a later one has
 
 std::unique_ptr<ogr::Dataset> Open(bool includeDeleted, SurveyFile::Access access) {
   ogr::Options options;
   options.includeDeleted = includeDeleted;
-  return ogr::Dataset::Open(kPath, options, nullptr, access);
+  return ogr::Dataset::Open(kEditedPath, options, nullptr, access);
 }
 
 bool IsVertices(OGRLayer& layer) { return EQUAL(layer.GetName(), "vertices"); }
@@ -210,7 +210,7 @@ class Editing {
 void OgrEdit(Input input) {
   CPLSetErrorHandler(CPLQuietErrorHandler);
   MemorySystem system;
-  system.Put(kPath, Bytes(input.begin(), input.end()));
+  system.Put(kEditedPath, Bytes(input.begin(), input.end()));
   const bool includeDeleted = !input.empty() && input.size() % 2 == 0;
   std::unique_ptr<ogr::Dataset> dataset = Open(includeDeleted, SurveyFile::Access::kWrite);
   if (dataset == nullptr) return;

@@ -99,9 +99,8 @@ std::uint64_t Directory::NextWithNumber(std::uint32_t number, std::uint64_t posi
 }
 
 std::int64_t Directory::FidOf(std::uint32_t number, std::uint64_t position) const noexcept {
-  constexpr std::int64_t kFirstForRepeated = std::int64_t{1} << 32;
   const bool isLast = NextWithNumber(number, position) == UINT64_MAX;
-  return isLast ? std::int64_t{number} : kFirstForRepeated + static_cast<std::int64_t>(position);
+  return isLast ? std::int64_t{number} : kFirstPosition + static_cast<std::int64_t>(position);
 }
 
 std::span<const Directory::Straggler> Directory::StragglersOf(std::uint32_t number,

@@ -42,6 +42,8 @@ static_assert(sizeof(Entry) == 32);
 class Directory {
  public:
   static constexpr std::size_t kMostEntries = std::size_t{1} << 20;
+  // A feature whose number a later one has is found by its position plus this, beyond all numbers.
+  static constexpr std::int64_t kFirstPosition = std::int64_t{1} << 32;
 
   explicit Directory(std::size_t mostEntries = kMostEntries) noexcept : m_mostEntries(mostEntries) {}
 

@@ -13,8 +13,6 @@
 namespace kesp::ogr {
 namespace {
 
-constexpr GIntBig kFirstPosition = GIntBig{1} << 32;  // of FIDs of features whose number a later one has
-
 bool IsAt(const CKespPoint& point, const Vertex& vertex) {
   return point.CoordX == vertex.x && point.CoordY == vertex.y && point.CoordZ == vertex.z;
 }
@@ -234,7 +232,7 @@ OGRErr FeatureLayer::ISetFeature(OGRFeature* feature) {
   const bool isToBeDeleted =
       HasSameValue(*before, *feature, kDeletedField) ? isDeleted : feature->GetFieldAsInteger(kDeletedField) != 0;
   const bool isReplaced = !changes.added.empty() || changes.vertices;
-  if ((isReplaced && isDeleted) || ((isReplaced || isToBeDeleted != isDeleted) && fid >= kFirstPosition)) {
+  if ((isReplaced && isDeleted) || ((isReplaced || isToBeDeleted != isDeleted) && fid >= Directory::kFirstPosition)) {
     m_writer->Refuse("feature " + std::to_string(fid) + " is deleted, or another one has its number");
     return OGRERR_FAILURE;
   }

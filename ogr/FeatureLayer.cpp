@@ -130,12 +130,11 @@ OGRFeature* FeatureLayer::GetFeature(GIntBig fid) {
 }
 
 const RecordView* FeatureLayer::Find(GIntBig fid) {
-  constexpr GIntBig kFirstPosition = GIntBig{1} << 32;
   m_dataset.CatchUp();
   if (fid < 0) return nullptr;
-  const bool isPosition = fid >= kFirstPosition;
+  const bool isPosition = fid >= Directory::kFirstPosition;
   const Directory& directory = m_survey.directory;
-  const auto at = isPosition ? directory.At(static_cast<std::uint64_t>(fid - kFirstPosition))
+  const auto at = isPosition ? directory.At(static_cast<std::uint64_t>(fid - Directory::kFirstPosition))
                              : directory.Find(static_cast<std::uint32_t>(fid));
   if (!at) return nullptr;
   const Entry& entry = directory.Entries()[*at];

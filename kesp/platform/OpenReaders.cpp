@@ -7,17 +7,17 @@
 namespace kesp {
 namespace {
 
-OpenReader* first = nullptr;  // guarded by g_openReadersLock
+OpenReader* g_firstReader = nullptr;  // guarded by g_openReadersLock
 
 }  // namespace
 
 OpenReader::OpenReader(std::uint64_t device, std::uint64_t fileNumber) noexcept
     : m_device(device), m_fileNumber(fileNumber) {
   const std::lock_guard lock(g_openReadersLock);
-  m_next = first;   // NOLINT(cppcoreguidelines-prefer-member-initializer): under the lock
-  m_link = &first;  // NOLINT(cppcoreguidelines-prefer-member-initializer): as above
-  if (first != nullptr) first->m_link = &m_next;
-  first = this;
+  m_next = g_firstReader;   // NOLINT(cppcoreguidelines-prefer-member-initializer): under the lock
+  m_link = &g_firstReader;  // NOLINT(cppcoreguidelines-prefer-member-initializer): as above
+  if (g_firstReader != nullptr) g_firstReader->m_link = &m_next;
+  g_firstReader = this;
 }
 
 OpenReader::~OpenReader() {
@@ -28,7 +28,7 @@ OpenReader::~OpenReader() {
 
 bool OpenReader::Reads(std::uint64_t device, std::uint64_t fileNumber) noexcept {
   const std::lock_guard lock(g_openReadersLock);
-  for (const OpenReader* reader = first; reader != nullptr; reader = reader->m_next) {
+  for (const OpenReader* reader = g_firstReader; reader != nullptr; reader = reader->m_next) {
     if (reader->m_device == device && reader->m_fileNumber == fileNumber) return true;
   }
   return false;

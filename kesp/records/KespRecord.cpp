@@ -4,12 +4,7 @@
 
 #include "kesp/memory/ObjectPool.h"
 #include "kesp/platform/Exception.h"
-
-namespace {
-
-std::uint32_t Low32(unsigned long value) { return static_cast<std::uint32_t>(value); }
-
-}  // namespace
+#include "kesp/util/Fields.h"
 
 // NOLINTBEGIN(cert-dcl54-cpp,misc-new-delete-overloads): see the header
 void* CKespRecord::operator new(std::size_t size) { return kesp::PoolAllocate(size); }
@@ -55,22 +50,22 @@ bool CKespRecord::IsSameKespRecord(CKespRecord* /*other*/) { return false; }
 void CKespRecord::SetDelete() noexcept {
   if (!IsDeleted()) m_flags |= KESP_SRC_DELETED;
   m_flags |= KESP_FLAG_DELETED;
-  m_flags = Low32(FilterSourceFlagsForZelk(m_flags));
+  m_flags = kesp::Low32(FilterSourceFlagsForZelk(m_flags));
 }
 
 void CKespRecord::ClearDelete() noexcept {
   if (IsDeleted()) m_flags |= KESP_SRC_RESTORED;
   m_flags &= ~std::uint32_t{KESP_FLAG_DELETED};
-  m_flags = Low32(FilterSourceFlagsForZelk(RestoreHistoricalFlags(m_flags)));
+  m_flags = kesp::Low32(FilterSourceFlagsForZelk(RestoreHistoricalFlags(m_flags)));
 }
 
 void CKespRecord::ApplySourceFlag(unsigned long flag) noexcept {
-  m_flags = Low32(RestoreHistoricalFlags(m_flags)) | Low32(flag);
-  m_flags = Low32(FilterSourceFlagsForZelk(m_flags));
+  m_flags = kesp::Low32(RestoreHistoricalFlags(m_flags)) | kesp::Low32(flag);
+  m_flags = kesp::Low32(FilterSourceFlagsForZelk(m_flags));
 }
 
 unsigned long CKespRecord::RestoreHistoricalFlags(unsigned long flags) const noexcept {
-  std::uint32_t v = Low32(flags);
+  std::uint32_t v = kesp::Low32(flags);
   if ((v & KESP_SRC_HIST_MODIFIED) != 0) v |= KESP_SRC_MODIFIED;
   if ((v & KESP_SRC_HIST_ADDED) != 0) v |= KESP_SRC_ADDED;
   if ((v & KESP_SRC_HIST_CHANGE_B) != 0) v |= KESP_SRC_CHANGE_B;
@@ -80,7 +75,7 @@ unsigned long CKespRecord::RestoreHistoricalFlags(unsigned long flags) const noe
 }
 
 unsigned long CKespRecord::FilterSourceFlagsForZelk(unsigned long flags) const noexcept {
-  return kesp::CanonicalFlags(Low32(flags));
+  return kesp::CanonicalFlags(kesp::Low32(flags));
 }
 
 std::uint32_t kesp::CanonicalFlags(std::uint32_t stored) noexcept {

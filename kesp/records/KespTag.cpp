@@ -56,7 +56,6 @@ std::array<std::byte, 8 * Count> PackDoubles(const std::array<double, Count>& va
   }
   return bytes;
 }
-std::uint32_t Low32(unsigned long value) { return static_cast<std::uint32_t>(value); }
 std::uint32_t WordAt(const std::byte* payload, std::size_t index) {
   return kesp::LoadLittle<std::uint32_t>(payload + 4 * index);
 }
@@ -148,7 +147,7 @@ bool CKespTag::Set(KESP_TAG type, const CString& name, const void* data, unsigne
   const auto blockLength = static_cast<std::uint32_t>(kesp::TagBlockLength(name.Size(), length));
   std::unique_ptr<unsigned char[]> block = AllocateBytes(blockLength);
   std::memset(block.get(), 0, blockLength);
-  const auto payload = kesp::ComposeTagBlock({Bytes(block.get()), blockLength}, name, Low32(length));
+  const auto payload = kesp::ComposeTagBlock({Bytes(block.get()), blockLength}, name, kesp::Low32(length));
   if (length != 0 && data != nullptr) std::memcpy(payload.data(), data, payload.size());
   m_tagType = type;
   m_dataLength = blockLength;
@@ -184,7 +183,7 @@ bool CKespTag::Set(const CString& name, const CRect2D& rect) {
 }
 
 bool CKespTag::Set(const CString& name, const unsigned long& color) {
-  const auto payload = Pack<1>({Low32(color)});
+  const auto payload = Pack<1>({kesp::Low32(color)});
   return Set(KESP_TAG_COLOR, name, payload.data(), payload.size());
 }
 
@@ -194,17 +193,18 @@ bool CKespTag::Set(const CString& name, const std::uint32_t& color) {
 
 bool CKespTag::Set(const CString& name, unsigned long featureNumber, unsigned long pointNumber,
                    unsigned long timeFirstPart, unsigned long timeSecondPart) {
-  const auto payload = Pack<4>({Low32(featureNumber), Low32(pointNumber), Low32(timeFirstPart), Low32(timeSecondPart)});
+  const auto payload = Pack<4>(
+      {kesp::Low32(featureNumber), kesp::Low32(pointNumber), kesp::Low32(timeFirstPart), kesp::Low32(timeSecondPart)});
   return Set(KESP_TAG_GPS_MARK, name, payload.data(), payload.size());
 }
 
 bool CKespTag::Set(unsigned long number, const CString& fileName) {
-  const auto payload = Pack<1>({Low32(number)});
+  const auto payload = Pack<1>({kesp::Low32(number)});
   return Set(KESP_TAG_FILE_LINK, fileName, payload.data(), payload.size());
 }
 
 bool CKespTag::Set(unsigned long number, float value1, float value2, float value3, float value4) {
-  const auto payload = PackFloats<5>({static_cast<float>(Low32(number)), value1, value2, value3, value4});
+  const auto payload = PackFloats<5>({static_cast<float>(kesp::Low32(number)), value1, value2, value3, value4});
   return Set(KESP_TAG_QUALITY_MARK, CString(), payload.data(), payload.size());
 }
 
@@ -215,18 +215,18 @@ bool CKespTag::Set(const CKespFeatureLink& link) {
 }
 
 bool CKespTag::Set(unsigned long number, float value1, float value2, float value3, float value4, int integer) {
-  const auto payload =
-      PackFloats<6>({static_cast<float>(Low32(number)), value1, value2, value3, value4, static_cast<float>(integer)});
+  const auto payload = PackFloats<6>(
+      {static_cast<float>(kesp::Low32(number)), value1, value2, value3, value4, static_cast<float>(integer)});
   return Set(KESP_TAG_QUALITY_MARK_EX, CString(), payload.data(), payload.size());
 }
 
 bool CKespTag::Set(unsigned long number, float value1, float value2, float value3) {
-  const auto payload = PackFloats<4>({static_cast<float>(Low32(number)), value1, value2, value3});
+  const auto payload = PackFloats<4>({static_cast<float>(kesp::Low32(number)), value1, value2, value3});
   return Set(KESP_TAG_POS_ERR_MARK, CString(), payload.data(), payload.size());
 }
 
 bool CKespTag::Set(unsigned long first, unsigned long second, const CString& name) {
-  const auto payload = Pack<2>({Low32(first), Low32(second)});
+  const auto payload = Pack<2>({kesp::Low32(first), kesp::Low32(second)});
   return Set(KESP_TAG_NAMED_FLAG, name, payload.data(), payload.size());
 }
 

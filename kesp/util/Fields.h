@@ -26,6 +26,9 @@
 
 namespace kesp {
 
+// What a file can hold of a value of the interface, whose `unsigned long` may have 64 bits.
+inline std::uint32_t Low32(unsigned long value) noexcept { return static_cast<std::uint32_t>(value); }
+
 // Loads a `T` from its little-endian bytes, and stores it.
 template <class T>
 T LoadLittle(const std::byte* from) noexcept {

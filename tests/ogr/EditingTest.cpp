@@ -10,7 +10,7 @@ namespace {
 
 // A tree with its attributes, a path of three points, a lawn, a feature that has lost its number, and one that is
 // deleted.
-ByteVector Garden() {
+ByteVector EditedGarden() {
   return Survey({Record(3, 2, 0, Body(3, 2, {{"status", 1}, {"t1", "Garden"}})),
                  Note("Dry"),
                  Feature(1, "Oak"),
@@ -39,7 +39,7 @@ class Editing : public testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
     CPLSetConfigOption("KESP_DIRECTORY_ENTRIES", GetParam());
-    WriteFile(m_path, Garden());
+    WriteFile(m_path, EditedGarden());
     Reopen();
   }
   void TearDown() override { CPLSetConfigOption("KESP_DIRECTORY_ENTRIES", nullptr); }

@@ -14,10 +14,10 @@ using namespace kesp::test;
 
 namespace {
 
-const ByteVector kLargeTag = Tag(0, "blob", ByteVector(150'000, 1));
+const ByteVector kPictureTag = Tag(0, "blob", ByteVector(150'000, 1));
 const ByteVector kStored =
     Survey({Header2{}, Feature(7, "a name of more than eleven"), Point(7, 1), Point(7, 2),
-            Attribute(7, "Girth", "a text of more than eleven"), EndOf(7), kLargeTag, Note("rain and more rain")});
+            Attribute(7, "Girth", "a text of more than eleven"), EndOf(7), kPictureTag, Note("rain and more rain")});
 
 constexpr std::size_t kSecond = kFirst + 4100;  // after the header record
 const ByteVector kDamaged = Part(kStored, 0, kSecond) + ByteVector(40) + Part(kStored, kSecond);
@@ -49,7 +49,7 @@ const struct {
   char open;  // (o)pen for writing, (r)ead-only, (d)amaged, - not at all; in capitals for the data set
   std::function<bool(Place&)> run;
   // clang-format off
-} kOperations[] = {
+} kAllocating[] = {
     {"open", '-', [](Place& p) { return p.file.Open(p.path); }},
     {"open read-only", '-', [](Place& p) { return p.file.OpenReadOnly(p.path); }},
     {"create", '-', [](Place& p) { return p.file.Create(p.fresh); }},
@@ -89,7 +89,7 @@ const struct {
 TEST(ShortMemory, IsToldAndHarmsNoFile) {
   const TempDir dir;
   int points = 0;
-  for (const auto& operation : kOperations) {
+  for (const auto& operation : kAllocating) {
     bool struck = true;
     for (int at = 1; struck; ++at) {
       SCOPED_TRACE(testing::Message() << operation.name << ": allocation " << at);
@@ -125,7 +125,7 @@ TEST(ShortMemory, IsToldAndHarmsNoFile) {
       if (HasFailure()) return;
     }
   }
-  std::printf("%d allocations in %zu operations\n", points, std::size(kOperations));
+  std::printf("%d allocations in %zu operations\n", points, std::size(kAllocating));
 }
 
 }  // namespace

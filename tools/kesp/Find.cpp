@@ -17,7 +17,7 @@ namespace kesp::tool {
 namespace {
 
 // As --type takes them; empty for another one.
-std::string_view TypeName(KESP_FEATURE_TYPE type) {
+std::string_view FeatureTypeName(KESP_FEATURE_TYPE type) {
   switch (type) {
     case KESP_FEATURE_POINT:
       return "point";
@@ -76,7 +76,7 @@ void WriteFeatureLine(JsonWriter& json, const CKespFeature& feature) {
   json.BeginObject();
   json.Key("number").Number(std::int64_t{feature.FeatureNumber});
   json.Key("name").Text(feature.FeatureName.View());
-  json.Key("type").Text(TypeName(feature.FeatureType));
+  json.Key("type").Text(FeatureTypeName(feature.FeatureType));
   json.Key("deleted").Bool(feature.IsDeleted());
   const Times times = TimesOf(feature);
   WriteTime(json, "firstTime", times.first);
@@ -92,12 +92,12 @@ void WriteFeatureLine(JsonWriter& json, const CKespFeature& feature) {
 }
 
 // Rows of columns that are as wide as their longest cells. Keeps the features, not the cells: there may be millions.
-class Table {
+class FeatureTable {
  public:
   void Add(const FoundFeature& feature) {
     m_rows.push_back(&feature);
     Widen(kNumber, Digits(feature.number).View());
-    Widen(kType, TypeName(static_cast<KESP_FEATURE_TYPE>(feature.type)));
+    Widen(kType, FeatureTypeName(static_cast<KESP_FEATURE_TYPE>(feature.type)));
     Widen(kPoints, Digits(feature.points).View());
     Widen(kAttributes, Digits(feature.attributes).View());
     if (feature.firstTime != 0) Widen(kFirstTime, IsoText(feature.firstTime).View());
@@ -112,7 +112,7 @@ class Table {
     out.Put(kHeadings[kName]).Put('\n');
     for (const FoundFeature* const feature : m_rows) {
       put(kNumber, Digits(feature->number).View());
-      put(kType, TypeName(static_cast<KESP_FEATURE_TYPE>(feature->type)));
+      put(kType, FeatureTypeName(static_cast<KESP_FEATURE_TYPE>(feature->type)));
       put(kPoints, Digits(feature->points).View());
       put(kAttributes, Digits(feature->attributes).View());
       put(kFirstTime, feature->firstTime != 0 ? IsoText(feature->firstTime).View() : "-");
@@ -155,7 +155,7 @@ ExitStatus Find(const FindOptions& options, Output& out) {
                          options.json ? FoundFeatures::Keep::kPlaces : FoundFeatures::Keep::kNames);
   features.Find();
   std::size_t found = 0;
-  Table table;
+  FeatureTable table;
   features.ForEach([&](const FoundFeature& feature) {
     ++found;
     if (!options.json) table.Add(feature);

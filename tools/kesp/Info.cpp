@@ -206,7 +206,7 @@ ExitStatus InfoOfOne(const InfoOptions& options, Output& out) {
 }
 
 // A line for each file: its state, what it holds, its name.
-class Table {
+class FileTable {
  public:
   void Add(const std::string& path, const CKespDataFile& file, const Scan& scan) {
     const bool isOpen = file.IsOpen();
@@ -240,7 +240,7 @@ class Table {
 
 ExitStatus InfoOfMany(const InfoOptions& options, Output& out) {
   ExitStatus status = kExitWhole;
-  Table table;
+  FileTable table;
   for (const std::string& path : options.paths) {
     CKespDataFile file;
     const Scan scan = OpenAndScan(file, path);

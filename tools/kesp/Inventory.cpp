@@ -3,8 +3,6 @@
 namespace kesp::tool {
 namespace {
 
-constexpr std::uint64_t kRecordHeaderSize = 14;
-
 template <class Map>
 auto FindIn(const Map& map, std::uint32_t number) -> const typename Map::mapped_type* {
   const auto entry = map.find(number);

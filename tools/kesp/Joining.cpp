@@ -8,12 +8,12 @@
 
 #include "tools/kesp/Console.h"
 #include "tools/kesp/Opening.h"
+#include "tools/kesp/RecordWalk.h"
 
 namespace kesp::tool {
 namespace {
 
 constexpr std::uint32_t kFileHeaderSize = 50;
-constexpr std::uint64_t kRecordHeaderSize = 14;
 
 bool StartsWith(const CKespRecord& record, std::u16string_view key) {
   return record.m_recordType == KESP_RECORD_NOTE &&

@@ -22,6 +22,8 @@
 
 namespace kesp::tool {
 
+constexpr std::uint64_t kRecordHeaderSize = 14;
+
 // The name that the JSON has for a type of record; null for one that is stepped over or refused.
 const char* TypeName(KESP_RECORD_TYPE type) noexcept;
 
