@@ -81,7 +81,7 @@ std::unique_ptr<Dataset> Dataset::Open(const std::string& path, const Options& o
 std::unique_ptr<Dataset> Dataset::Create(const std::string& path, const CreationOptions& options) {
   Options own;
   own.colors = options.colors;
-  std::unique_ptr<Dataset> dataset(new Dataset(path, own));
+  std::unique_ptr<Dataset> dataset(new Dataset(path, std::move(own)));
   dataset->m_crs = FindCrs({}, path, nullptr).value_or(Crs{});
   dataset->m_file = SurveyFile::Create(path, options.fileVersion);
   if (dataset->m_file == nullptr) return nullptr;

@@ -63,7 +63,7 @@ class Dataset final : public GDALDataset {
   void ReportEnd(const WalkEnd& end);
 
  private:
-  Dataset(std::string path, const Options& options) : m_path(std::move(path)), m_options(options) {}
+  Dataset(std::string path, Options options) : m_path(std::move(path)), m_options(std::move(options)) {}
   OGRLayer* ICreateLayer(const char* name, OGRSpatialReference* crs, OGRwkbGeometryType type, char** options) override;
   bool ReadFile(SurveyFile::Access access);
   void ReadAll();

@@ -27,8 +27,7 @@ py::tuple Validate(const py::object& path, const py::object& progress) {
   py::list findings;
   for (const tool::Finding& finding : scan.findings) {
     findings.append(py::make_tuple(ToStr(std::string_view(finding.code)), finding.count,
-                                   py::tuple(py::cast(finding.numbers)), ToStr(std::string_view(finding.text)),
-                                   finding.isRemark));
+                                   py::tuple(py::cast(finding.numbers)), ToStr(finding.text), finding.isRemark));
   }
   py::dict counts;
   for (const auto& [kind, tally] : scan.records) {

@@ -58,7 +58,8 @@ CString Store::Fit(const CString& text, std::size_t most, LongText longText, con
   if (!isLatin1)
     std::ranges::replace_if(
         cut, [](char16_t unit) { return unit > 0xFF; }, u'?');
-  return CString(std::u16string_view(cut));
+  const std::u16string_view kept = cut;
+  return kept;
 }
 
 FeatureValue Store::Fit(const FeatureValue& value, LongText longText) const {
@@ -231,7 +232,7 @@ void Store::SetPoints(std::size_t index, const std::vector<PointValue>& points, 
   std::vector<PointValue> fitting;
   fitting.reserve(points.size());
   for (const PointValue& point : points) fitting.push_back(Fit(point, longText));
-  const std::size_t old = static_cast<std::size_t>(feature.GetNumPoints());
+  const auto old = static_cast<std::size_t>(feature.GetNumPoints());
   const std::size_t common = std::min(old, fitting.size());
   std::vector<std::unique_ptr<CKespPoint>> added;
   for (std::size_t i = common; i < fitting.size(); ++i) added.push_back(NewPoint(fitting[i]));
@@ -289,6 +290,8 @@ void Store::DeleteFeature(std::size_t index) {
   CKespFeature& feature = Feature(index);
   CheckWritable();
   std::vector<CKespRecord*> records;
+  records.reserve(static_cast<std::size_t>(feature.GetNumPoints()) +
+                  static_cast<std::size_t>(feature.GetNumAttributes()));
   for (int i = 0; i < feature.GetNumAttributes(); ++i) records.push_back(feature.GetAttribute(i));
   for (int i = 0; i < feature.GetNumPoints(); ++i) records.push_back(feature.GetPoint(i));
   if (feature.GetFeatureEnd() != nullptr) records.push_back(feature.GetFeatureEnd());

@@ -69,7 +69,7 @@ std::vector<std::size_t> Find(const Store& store, const py::dict& asked) {
     if (!attributes.empty() && feature->GetNumAttributes() == 0) continue;
     if (!points.Validate(feature.get())) continue;
     const bool passes = std::ranges::all_of(
-        attributes, [&](const CKespSearch& search) { return search.Validate(std::as_const(feature).get()); });
+        attributes, [tested = feature.get()](const CKespSearch& search) { return search.Validate(tested); });
     if (passes) found.push_back(i);
   }
   return found;

@@ -15,6 +15,7 @@ namespace py = pybind11;
 py::str ToStr(std::u16string_view units);
 inline py::str ToStr(const CString& text) { return ToStr(text.View()); }
 py::str ToStr(std::string_view utf8);
+inline py::str ToStr(const std::string& utf8) { return ToStr(std::string_view(utf8.data(), utf8.size())); }
 CString FromStr(const py::handle& text);  // TypeError for anything but a str
 
 // A str, bytes or os.PathLike, as the bytes that the system takes.
