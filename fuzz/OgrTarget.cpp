@@ -1,6 +1,7 @@
 // The driver for GDAL: opens the file with several options, reads up to a thousand features of up to ten layers, and
 // some of them again by their FID. Built only with GDAL.
 #include <gdal_priv.h>
+#include <ogr_recordbatch.h>
 #include <ogrsf_frmts.h>
 
 #include <memory>
@@ -33,9 +34,22 @@ bool AreSame(OGRFeature& a, OGRFeature& b) {
   return true;
 }
 
+GIntBig CountRows(OGRLayer& layer) {
+  ArrowArrayStream stream;
+  KESP_REQUIRE(layer.GetArrowStream(&stream, nullptr));
+  GIntBig rows = 0;
+  for (ArrowArray batch; stream.get_next(&stream, &batch) == 0 && batch.release != nullptr; batch.release(&batch)) {
+    rows += batch.length;
+  }
+  stream.release(&stream);
+  return rows;
+}
+
 void ReadLayer(OGRLayer& layer) {
   constexpr int kMost = 1000;
   const GIntBig count = layer.GetFeatureCount();
+  KESP_REQUIRE(CountRows(layer) == count);
+  layer.ResetReading();
   GIntBig given = 0;
   while (given < kMost) {
     const OGRFeatureUniquePtr feature(layer.GetNextFeature());

@@ -223,6 +223,7 @@ OGRErr FeatureLayer::ISetFeature(OGRFeature* feature) {
   const std::uint64_t position = record->Position();
   const std::unique_ptr<OGRFeature> before = m_builder.Collect(*record, m_random);
   m_builder.AddGeometry(*before);
+  if (IsFiltered()) UnsetIgnored(*before);
   std::optional<FeatureRecords> records = ReadRecords(m_dataset.File(), m_survey.directory, position);
   if (!records) return OGRERR_FAILURE;
   Changes changes(*m_writer, m_targets, *records, *before, *feature);

@@ -8,8 +8,8 @@
 
 #include "ogr/Flags.h"
 #include "ogr/Style.h"
-#include "ogr/Utf8Text.h"
 #include "ogr/Values.h"
+#include "ogr/Wkb.h"
 
 namespace kesp::ogr {
 FeatureBuilder::FeatureBuilder(SurveyFile& file, const Survey& survey, const LayerPlan& layer, const Schema& schema,
@@ -24,30 +24,45 @@ FeatureBuilder::FeatureBuilder(SurveyFile& file, const Survey& survey, const Lay
       m_lastWith(survey.attributes.Size()) {}
 
 std::unique_ptr<OGRFeature> FeatureBuilder::Collect(const RecordView& record, Cursor& cursor) {
+  auto feature = std::make_unique<OGRFeature>(&m_definition);
+  // QGIS 3 sets OGR_STYLE ignored whenever it reads, also when it then draws by the style.
+  const FeatureView view = record.AsFeature();
+  const std::string style = StyleOf(view.FeatureType(), view.Color(), m_colors);
+  if (!style.empty()) feature->SetStyleString(style.c_str());
+  CollectInto(*feature, record, cursor);
+  return feature;
+}
+
+void FeatureBuilder::AddRow(const RecordView& record, Cursor& cursor, ArrowRows& rows) {
+  CollectInto(rows, record, cursor);
+  if (!m_vertices.empty() && m_definition.IsGeometryIgnored() == FALSE) AddWkb(rows);
+  rows.EndRow();
+}
+
+template <class Row>
+void FeatureBuilder::CollectInto(Row& row, const RecordView& record, Cursor& cursor) {
   m_vertices.clear();
   m_further.clear();
   m_bounds = {};
   ++m_feature;
   m_ownFlags = m_allFlags = record.Flags();
-  auto feature = std::make_unique<OGRFeature>(&m_definition);
   const FeatureView view = record.AsFeature();
   const std::uint32_t number = view.FeatureNumber();
   const std::uint64_t position = record.Position();
-  feature->SetFID(m_survey.directory.FidOf(number, position));
-  if (IsWanted(kNameField)) SetText(*feature, kNameField, view.FeatureName(), m_buffer);
-  if (IsWanted(kColorField)) feature->SetField(kColorField, static_cast<GIntBig>(view.Color()));
-  if (IsWanted(kSymbolField)) feature->SetField(kSymbolField, static_cast<int>(view.SymbolIndex()));
-  // QGIS 3 sets OGR_STYLE ignored whenever it reads, also when it then draws by the style.
-  const std::string style = StyleOf(view.FeatureType(), view.Color(), m_colors);
-  if (!style.empty()) feature->SetStyleString(style.c_str());
-  ReadRun(number, cursor, *feature);
-  ReadStragglers(number, position, *feature);
-  if (!m_further.empty()) SetFurther(*feature);
-  SetFlags(number, *feature);
-  return feature;
+  const GIntBig fid = m_survey.directory.FidOf(number, position);
+  row.SetFID(fid);
+  if (IsWanted(kNameField)) SetText(row, kNameField, view.FeatureName(), m_buffer);
+  if (IsWanted(kColorField)) row.SetField(kColorField, static_cast<GIntBig>(view.Color()));
+  if (IsWanted(kSymbolField)) row.SetField(kSymbolField, static_cast<int>(view.SymbolIndex()));
+  ReadRun(number, cursor, row);
+  ReadStragglers(number, position, row);
+  if (!m_further.empty()) row.SetField(m_schema.further, FurtherText().c_str());
+  if (IsWanted(kDeletedField)) row.SetField(kDeletedField, (m_ownFlags & KESP_FLAG_DELETED) != 0 ? 1 : 0);
+  if (IsWanted(kEditedField)) row.SetField(kEditedField, IsEdited(number, fid) ? 1 : 0);
 }
 
-void FeatureBuilder::ReadRun(std::uint32_t number, Cursor& cursor, OGRFeature& feature) {
+template <class Row>
+void FeatureBuilder::ReadRun(std::uint32_t number, Cursor& cursor, Row& row) {
   while (const RecordView* const record = cursor.Read()) {
     switch (record->Type()) {
       case KESP_RECORD_FEATURE:
@@ -59,7 +74,7 @@ void FeatureBuilder::ReadRun(std::uint32_t number, Cursor& cursor, OGRFeature& f
         if (record->AsPoint().FeatureNumber() == number) TakePoint(*record);
         break;
       case KESP_RECORD_ATTRIBUTE:
-        if (record->AsAttribute().FeatureNumber() == number) TakeAttribute(*record, feature);
+        if (record->AsAttribute().FeatureNumber() == number) TakeAttribute(*record, row);
         break;
       default:
         break;
@@ -67,14 +82,15 @@ void FeatureBuilder::ReadRun(std::uint32_t number, Cursor& cursor, OGRFeature& f
   }
 }
 
-void FeatureBuilder::ReadStragglers(std::uint32_t number, std::uint64_t position, OGRFeature& feature) {
+template <class Row>
+void FeatureBuilder::ReadStragglers(std::uint32_t number, std::uint64_t position, Row& row) {
   for (const Directory::Straggler& straggler : m_survey.directory.StragglersOf(number, position)) {
     m_stragglers.GoTo(straggler.position);
     const RecordView* const record = m_stragglers.Read();
     if (record == nullptr) return;
     if (record->Position() != straggler.position) continue;  // it has been deleted
     if (record->Type() == KESP_RECORD_POINT) TakePoint(*record);
-    if (record->Type() == KESP_RECORD_ATTRIBUTE) TakeAttribute(*record, feature);
+    if (record->Type() == KESP_RECORD_ATTRIBUTE) TakeAttribute(*record, row);
   }
 }
 
@@ -88,7 +104,8 @@ void FeatureBuilder::TakePoint(const RecordView& record) {
   m_vertices.push_back({x, y, point.CoordZ(), MeasureOf(point)});
 }
 
-void FeatureBuilder::TakeAttribute(const RecordView& record, OGRFeature& feature) {
+template <class Row>
+void FeatureBuilder::TakeAttribute(const RecordView& record, Row& row) {
   m_allFlags |= record.Flags();
   const AttributeView attribute = record.AsAttribute();
   const std::size_t code = m_survey.attributes.Find(attribute.AttributeName());
@@ -98,10 +115,10 @@ void FeatureBuilder::TakeAttribute(const RecordView& record, OGRFeature& feature
     return AddFurther(attribute);
   }
   if (IsWanted(field.value)) {
-    SetValue(feature, field.value, m_definition.GetFieldDefn(field.value)->GetType(), attribute, m_buffer);
+    SetValue(row, field.value, m_definition.GetFieldDefn(field.value)->GetType(), attribute, m_buffer);
   }
   if (field.subValue == Schema::kNone || !IsWanted(field.subValue)) return;
-  if (!attribute.SubValue().IsEmpty()) SetText(feature, field.subValue, attribute.SubValue(), m_buffer);
+  if (!attribute.SubValue().IsEmpty()) SetText(row, field.subValue, attribute.SubValue(), m_buffer);
 }
 
 void FeatureBuilder::AddFurther(const AttributeView& attribute) {
@@ -112,7 +129,7 @@ void FeatureBuilder::AddFurther(const AttributeView& attribute) {
   CopyText(attribute.SubValue(), further.subValue);
 }
 
-void FeatureBuilder::SetFurther(OGRFeature& feature) const {
+std::string FeatureBuilder::FurtherText() const {
   CPLJSONArray list;
   for (const Further& further : m_further) {
     CPLJSONObject object;
@@ -121,16 +138,16 @@ void FeatureBuilder::SetFurther(OGRFeature& feature) const {
     if (!further.subValue.empty()) object.Add("sub", further.subValue);
     list.Add(object);
   }
-  feature.SetField(m_schema.further, list.Format(CPLJSONObject::PrettyFormat::Plain).c_str());
+  return list.Format(CPLJSONObject::PrettyFormat::Plain);
 }
 
-void FeatureBuilder::SetFlags(std::uint32_t number, OGRFeature& feature) const {
+bool FeatureBuilder::IsEdited(std::uint32_t number, GIntBig fid) const {
   std::uint32_t flags = m_allFlags;
-  const auto change = m_survey.changeFlags.find(number);
-  const bool hasNumber = feature.GetFID() == std::int64_t{number};
-  if (hasNumber && change != m_survey.changeFlags.end()) flags |= change->second;
-  if (IsWanted(kDeletedField)) feature.SetField(kDeletedField, (m_ownFlags & KESP_FLAG_DELETED) != 0 ? 1 : 0);
-  if (IsWanted(kEditedField)) feature.SetField(kEditedField, (flags & kEditedFlags) != 0 ? 1 : 0);
+  if (!m_survey.changeFlags.empty() && fid == std::int64_t{number}) {
+    const auto change = m_survey.changeFlags.find(number);
+    if (change != m_survey.changeFlags.end()) flags |= change->second;
+  }
+  return (flags & kEditedFlags) != 0;
 }
 
 OGRwkbGeometryType FeatureBuilder::GeometryType(const LayerPlan& layer) noexcept {
@@ -160,25 +177,60 @@ std::unique_ptr<OGRGeometry> FeatureBuilder::MakeGeometry() const {
     return area;
   }
   const auto makePoint = [](const Vertex& v) { return std::make_unique<OGRPoint>(v.x, v.y, v.z, v.m); };
-  if (wkbFlatten(m_definition.GetGeomType()) == wkbPoint && m_vertices.size() == 1)
-    return makePoint(m_vertices.front());
+  if (IsSinglePoint()) return makePoint(m_vertices.front());
   auto points = std::make_unique<OGRMultiPoint>();
   for (const Vertex& vertex : m_vertices) points->addGeometryDirectly(makePoint(vertex).release());
   return points;
 }
 
-void FeatureBuilder::PutVertices(OGRSimpleCurve& curve, bool close) const {
+bool FeatureBuilder::IsSinglePoint() const {
+  return wkbFlatten(m_definition.GetGeomType()) == wkbPoint && m_vertices.size() == 1;
+}
+
+std::size_t FeatureBuilder::CountOfCurve(bool close) const noexcept {
   const Vertex& first = m_vertices.front();
   const Vertex& last = m_vertices.back();
   const bool isClosed = m_vertices.size() > 1 && first.x == last.x && first.y == last.y && first.z == last.z;
+  return m_vertices.size() + (close && !isClosed ? 1 : 0);
+}
+
+void FeatureBuilder::PutVertices(OGRSimpleCurve& curve, bool close) const {
   const int count = static_cast<int>(m_vertices.size());
-  curve.setNumPoints(count + (close && !isClosed ? 1 : 0));
+  curve.setNumPoints(static_cast<int>(CountOfCurve(close)));
   curve.set3D(TRUE);
   curve.setMeasured(TRUE);
   for (int i = 0; i < curve.getNumPoints(); ++i) {
-    const Vertex& v = i < count ? m_vertices[static_cast<std::size_t>(i)] : first;
+    const Vertex& v = m_vertices[static_cast<std::size_t>(i < count ? i : 0)];
     curve.setPoint(i, v.x, v.y, v.z, v.m);
   }
+}
+
+std::byte* FeatureBuilder::PutWkb(std::byte* to, std::size_t count) const {
+  for (std::size_t i = 0; i < count; ++i) {
+    const Vertex& v = m_vertices[i < m_vertices.size() ? i : 0];
+    to = PutWkbVertex(to, v.x, v.y, v.z, v.m);
+  }
+  return to;
+}
+
+void FeatureBuilder::AddWkb(ArrowRows& rows) const {
+  if (IsSinglePoint()) {
+    (void)PutWkb(PutWkbHead(rows.AddGeometry(kWkbHead + kWkbVertex), wkbPoint), 1);
+    return;
+  }
+  if (m_layer.kind == KESP_FEATURE_LINE || m_layer.kind == KESP_FEATURE_AREA) {
+    const bool isArea = m_layer.kind == KESP_FEATURE_AREA;
+    const std::size_t count = CountOfCurve(isArea);
+    const std::size_t rings = isArea ? kWkbCount : 0;
+    std::byte* to = rows.AddGeometry(kWkbHead + rings + kWkbCount + count * kWkbVertex);
+    to = PutWkbHead(to, isArea ? wkbPolygon : wkbLineString);
+    if (isArea) to = PutWkbCount(to, 1);
+    (void)PutWkb(PutWkbCount(to, count), count);
+    return;
+  }
+  std::byte* to = rows.AddGeometry(kWkbHead + kWkbCount + m_vertices.size() * (kWkbHead + kWkbVertex));
+  to = PutWkbCount(PutWkbHead(to, wkbMultiPoint), m_vertices.size());
+  for (const Vertex& v : m_vertices) to = PutWkbVertex(PutWkbHead(to, wkbPoint), v.x, v.y, v.z, v.m);
 }
 
 }  // namespace kesp::ogr

@@ -14,6 +14,7 @@
 
 #include <ogr_feature.h>
 
+#include "ogr/ArrowRows.h"
 #include "ogr/Box.h"
 #include "ogr/Crs.h"
 #include "ogr/Schema.h"
@@ -31,11 +32,15 @@ class FeatureBuilder {
                  ColorOrder colors, OGRFeatureDefn& definition, OGRSpatialReference* crs);
 
   // Reads the records of the feature whose record `cursor` has just returned, and leaves the cursor after them. The
-  // feature has its fields, but those that are ignored, and its style, but no geometry.
+  // feature has its fields, but those that aren't needed, and its style, but no geometry.
   std::unique_ptr<OGRFeature> Collect(const RecordView& record, Cursor& cursor);
   // Of the collected feature's points; empty if it has none.
   const Box& Bounds() const noexcept { return m_bounds; }
   void AddGeometry(OGRFeature& feature) const;
+  // Does both for columns.
+  void AddRow(const RecordView& record, Cursor& cursor, ArrowRows& rows);
+  // A filter may ask for fields that are ignored.
+  void NeedIgnoredFields(bool needs) noexcept { m_needsIgnored = needs; }
 
   static OGRwkbGeometryType GeometryType(const LayerPlan& layer) noexcept;
 
@@ -46,16 +51,27 @@ class FeatureBuilder {
   struct Further {
     std::string name, value, subValue;
   };
-  void ReadRun(std::uint32_t number, Cursor& cursor, OGRFeature& feature);
-  void ReadStragglers(std::uint32_t number, std::uint64_t position, OGRFeature& feature);
+  // `Row` is an OGRFeature or ArrowRows.
+  template <class Row>
+  void CollectInto(Row& row, const RecordView& record, Cursor& cursor);
+  template <class Row>
+  void ReadRun(std::uint32_t number, Cursor& cursor, Row& row);
+  template <class Row>
+  void ReadStragglers(std::uint32_t number, std::uint64_t position, Row& row);
   void TakePoint(const RecordView& record);
-  void TakeAttribute(const RecordView& record, OGRFeature& feature);
+  template <class Row>
+  void TakeAttribute(const RecordView& record, Row& row);
   void AddFurther(const AttributeView& attribute);
-  void SetFurther(OGRFeature& feature) const;
-  void SetFlags(std::uint32_t number, OGRFeature& feature) const;
-  bool IsWanted(int field) const { return m_definition.GetFieldDefn(field)->IsIgnored() == FALSE; }
+  std::string FurtherText() const;
+  bool IsEdited(std::uint32_t number, GIntBig fid) const;
+  bool IsWanted(int field) const { return m_needsIgnored || m_definition.GetFieldDefn(field)->IsIgnored() == FALSE; }
   std::unique_ptr<OGRGeometry> MakeGeometry() const;
+  // How many vertices the geometry has, with the one that closes the ring of an area.
+  std::size_t CountOfCurve(bool close) const noexcept;
   void PutVertices(OGRSimpleCurve& curve, bool close) const;
+  bool IsSinglePoint() const;
+  void AddWkb(ArrowRows& rows) const;
+  std::byte* PutWkb(std::byte* to, std::size_t count) const;
 
   const Survey& m_survey;
   const LayerPlan& m_layer;
@@ -69,6 +85,7 @@ class FeatureBuilder {
   std::vector<Further> m_further;
   std::vector<std::uint64_t> m_lastWith;  // by attribute code, the last feature that had it, as m_feature was then
   std::uint64_t m_feature = 0;
+  bool m_needsIgnored = false;
   Box m_bounds;
   std::uint32_t m_ownFlags = 0, m_allFlags = 0;
   std::string m_buffer;

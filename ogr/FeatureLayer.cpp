@@ -32,7 +32,8 @@ void FeatureLayer::ResetReading() {
 
 OGRErr FeatureLayer::SetAttributeFilter(const char* query) {
   const OGRErr result = OGRLayer::SetAttributeFilter(query);
-  m_nameFilter.Set(m_poAttrQuery, m_survey.names, m_definition->GetFieldCount());
+  m_nameFilter.Set(m_poAttrQuery, m_survey, m_definition->GetFieldCount());
+  m_builder.NeedIgnoredFields(m_poAttrQuery != nullptr);
   return result;
 }
 
@@ -83,19 +84,30 @@ bool FeatureLayer::IsMine(const RecordView& record) const {
   const FeatureView feature = record.AsFeature();
   if (feature.FeatureType() != m_plan.kind) return false;
   if (m_survey.split == LayerSplit::kByKind) return true;
-  const std::size_t code = m_survey.names.Find(feature.FeatureName());
-  const auto name = code == TextTable::kNone ? Survey::kFurtherName : static_cast<std::uint16_t>(code);
-  return m_survey.LayerOf(m_plan.kind, name) == m_plan.index;
+  return m_survey.LayerOf(m_plan.kind, m_survey.NameCodeOf(feature.FeatureName())) == m_plan.index;
 }
 
-OGRFeature* FeatureLayer::GetNextFeature() {
+const RecordView* FeatureLayer::NextOfMine() {
   if (!m_hasBegun) m_dataset.CatchUp();
   while (const RecordView* const record = NextRecord()) {
-    if (!IsMine(*record)) continue;
-    if (std::unique_ptr<OGRFeature> feature = Filtered(*record)) return feature.release();
+    if (IsMine(*record)) return record;
   }
   ReportEnd(m_cursor.End());
   return nullptr;
+}
+
+OGRFeature* FeatureLayer::GetNextFeature() {
+  while (const RecordView* const record = NextOfMine()) {
+    if (std::unique_ptr<OGRFeature> feature = Filtered(*record)) return feature.release();
+  }
+  return nullptr;
+}
+
+bool FeatureLayer::AddNextRow(ArrowRows& rows) {
+  const RecordView* const record = NextOfMine();
+  if (record == nullptr) return false;
+  m_builder.AddRow(*record, m_cursor, rows);
+  return true;
 }
 
 std::unique_ptr<OGRFeature> FeatureLayer::Filtered(const RecordView& record) {
@@ -111,7 +123,7 @@ std::unique_ptr<OGRFeature> FeatureLayer::Filtered(const RecordView& record) {
   feature = Finish(std::move(feature));
   if (m_poFilterGeom != nullptr && FilterGeometry(feature->GetGeometryRef()) == 0) return nullptr;
   if (m_poAttrQuery != nullptr && !isByFields && m_poAttrQuery->Evaluate(feature.get()) == 0) return nullptr;
-  if (m_definition->IsGeometryIgnored() != FALSE) feature->SetGeometryDirectly(nullptr);
+  if (IsFiltered()) UnsetIgnored(*feature);
   return feature;
 }
 
@@ -126,6 +138,7 @@ OGRFeature* FeatureLayer::GetFeature(GIntBig fid) {
   if (record == nullptr) return nullptr;
   std::unique_ptr<OGRFeature> feature = m_builder.Collect(*record, m_random);
   if (m_definition->IsGeometryIgnored() == FALSE) m_builder.AddGeometry(*feature);
+  if (IsFiltered()) UnsetIgnored(*feature);
   return feature.release();
 }
 

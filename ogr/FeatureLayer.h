@@ -32,6 +32,8 @@ class FeatureLayer final : public Layer {
   OGRErr Create(OGRFeature& feature) override;
   OGRErr ISetFeature(OGRFeature* feature) override;
   OGRErr IUpsertFeature(OGRFeature* feature) override;
+  bool CanMakeColumns() const override { return true; }
+  bool AddNextRow(ArrowRows& rows) override;
   bool CanAdd() const override { return true; }
   bool CanChange() const override { return true; }
   bool CanDelete() const override { return true; }
@@ -43,6 +45,8 @@ class FeatureLayer final : public Layer {
   bool MayHaveMine(const Entry& entry, bool filtered) const;
   bool EnterNextEntry();
   const RecordView* NextRecord();
+  // Of this layer. Null at the end.
+  const RecordView* NextOfMine();
   bool IsMine(const RecordView& record) const;
   std::unique_ptr<OGRFeature> Filtered(const RecordView& record);
   std::unique_ptr<OGRFeature> Finish(std::unique_ptr<OGRFeature> feature);

@@ -1,7 +1,12 @@
 #include "ogr/Layer.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <new>
 
+#include <ogr_recordbatch.h>
+
+#include "ogr/ArrowRows.h"
 #include "ogr/Dataset.h"
 
 namespace kesp::ogr {
@@ -48,8 +53,39 @@ OGRErr Layer::CommitTransaction() { return m_dataset.CommitTransaction(); }
 OGRErr Layer::RollbackTransaction() { return m_dataset.RollbackTransaction(); }
 OGRErr Layer::SyncToDisk() { return m_dataset.Flush() ? OGRERR_NONE : OGRERR_FAILURE; }
 
+void Layer::UnsetIgnored(OGRFeature& feature) const {
+  for (int field = 0; field < m_definition->GetFieldCount(); ++field) {
+    if (m_definition->GetFieldDefn(field)->IsIgnored() != FALSE) feature.UnsetField(field);
+  }
+  if (m_definition->IsGeometryIgnored() != FALSE) feature.SetGeometryDirectly(nullptr);
+}
+
+int Layer::GetArrowSchema(ArrowArrayStream* stream, ArrowSchema* schema) {
+  const int result = OGRLayer::GetArrowSchema(stream, schema);
+  if (result == 0) RemoveDictionaries(*schema);
+  return result;
+}
+
+int Layer::GetNextArrowArray(ArrowArrayStream* stream, ArrowArray* batch) try {
+  *batch = {};
+  if (!CanMakeColumns() || IsFiltered()) {
+    const int result = OGRLayer::GetNextArrowArray(stream, batch);
+    if (result == 0) RemoveDictionaries(*batch);
+    return result;
+  }
+  ArrowRows rows(*m_definition, m_aosArrowArrayStreamOptions);
+  while (!rows.IsFull() && AddNextRow(rows)) {
+  }
+  if (rows.Size() != 0) std::move(rows).Export(*batch);
+  return 0;
+} catch (const std::bad_alloc&) {
+  CPLError(CE_Failure, CPLE_OutOfMemory, "%s: no memory for a batch", m_dataset.GetDescription());
+  return ENOMEM;
+}
+
 int Layer::TestCapability(const char* capability) {
   const auto is = [capability](const char* name) { return EQUAL(capability, name); };
+  if (is(OLCFastGetArrowStream)) return CanMakeColumns() && !IsFiltered() ? TRUE : FALSE;
   if (is(OLCFastFeatureCount)) return IsFiltered() ? FALSE : TRUE;
   const bool isWritable = m_dataset.Editing() != nullptr;
   if (is(OLCSequentialWrite)) return isWritable && CanAdd() ? TRUE : FALSE;

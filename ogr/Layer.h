@@ -9,6 +9,7 @@
 
 namespace kesp::ogr {
 
+class ArrowRows;
 class Dataset;
 
 class Layer : public OGRLayer {
@@ -35,6 +36,15 @@ class Layer : public OGRLayer {
   void LeaveFids() noexcept { m_leavesFids = true; }
 
  protected:
+  // A stream gets its columns without features, if there is no filter and the layer can.
+  int GetNextArrowArray(ArrowArrayStream* stream, ArrowArray* batch) override;
+  int GetArrowSchema(ArrowArrayStream* stream, ArrowSchema* schema) override;
+  virtual bool CanMakeColumns() const { return false; }
+  // Adds the next row; false at the end.
+  virtual bool AddNextRow(ArrowRows& /*rows*/) { return false; }
+  // Filters see fields that are ignored; the feature that is returned doesn't have them.
+  void UnsetIgnored(OGRFeature& feature) const;
+
   Layer(Dataset& dataset, const std::string& name, OGRwkbGeometryType geometryType);
 
   // Of the whole layer, known from the first walk.

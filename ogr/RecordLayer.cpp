@@ -4,7 +4,6 @@
 
 #include "ogr/Dataset.h"
 #include "ogr/FieldValues.h"
-#include "ogr/Flags.h"
 
 namespace kesp::ogr {
 
@@ -23,12 +22,6 @@ void RecordLayer::AddFlagFields() const {
   AddField("edited", OFTInteger, OFSTBoolean);
 }
 
-void RecordLayer::SetFlags(OGRFeature& row, std::uint32_t flags) const {
-  const int edited = m_definition->GetFieldCount() - 1;
-  row.SetField(edited - 1, (flags & KESP_FLAG_DELETED) != 0 ? 1 : 0);
-  row.SetField(edited, (flags & kEditedFlags) != 0 ? 1 : 0);
-}
-
 void RecordLayer::ResetReading() {
   m_cursor.GoToFirst();
   m_run = {};
@@ -43,32 +36,32 @@ bool RecordLayer::Skip(const RecordView& feature) {
   return true;
 }
 
-OGRFeature* RecordLayer::GetNextFeature() {
+const RecordView* RecordLayer::NextRow() {
   if (!std::exchange(m_hasBegun, true)) m_dataset.CatchUp();
   while (const RecordView* const record = m_cursor.Read()) {
     if (record->Type() == KESP_RECORD_FEATURE && Skip(*record)) continue;
     m_run.See(*record);
     if (!IsRow(*record, m_run)) continue;
-    if (m_poFilterGeom != nullptr && IsOutside(*record)) continue;
-    std::unique_ptr<OGRFeature> row = MakeRow(*record);
-    if (PassesFilters(*row)) return WithoutIgnored(std::move(row)).release();
+    if (m_poFilterGeom == nullptr || !IsOutside(*record)) return record;
   }
   ReportEnd(m_cursor.End());
+  return nullptr;
+}
+
+// Most fields of a row cost less than asking whether they are wanted.
+OGRFeature* RecordLayer::GetNextFeature() {
+  while (const RecordView* const record = NextRow()) {
+    std::unique_ptr<OGRFeature> row = MakeRow(*record);
+    if (!PassesFilters(*row)) continue;
+    UnsetIgnored(*row);
+    return row.release();
+  }
   return nullptr;
 }
 
 bool RecordLayer::PassesFilters(OGRFeature& row) {
   if (m_poFilterGeom != nullptr && Bounds() != nullptr && FilterGeometry(row.GetGeometryRef()) == 0) return false;
   return m_poAttrQuery == nullptr || m_poAttrQuery->Evaluate(&row) != 0;
-}
-
-// Filters may need what is ignored, and most fields cost less than asking whether they are wanted.
-std::unique_ptr<OGRFeature> RecordLayer::WithoutIgnored(std::unique_ptr<OGRFeature> row) const {
-  for (int field = 0; field < m_definition->GetFieldCount(); ++field) {
-    if (!IsWanted(field)) row->UnsetField(field);
-  }
-  if (m_definition->IsGeometryIgnored() != 0) row->SetGeometryDirectly(nullptr);
-  return row;
 }
 
 // A position is only good if a walk comes by there: anything may be in the body of a record.
@@ -87,7 +80,10 @@ OGRFeature* RecordLayer::GetFeature(GIntBig fid) {
     if (record->Position() > wanted) return nullptr;
     run.See(*record);
     if (record->Position() != wanted) continue;
-    return IsRow(*record, run) ? WithoutIgnored(MakeRow(*record)).release() : nullptr;
+    if (!IsRow(*record, run)) return nullptr;
+    std::unique_ptr<OGRFeature> row = MakeRow(*record);
+    UnsetIgnored(*row);
+    return row.release();
   }
   return nullptr;
 }
@@ -157,6 +153,7 @@ OGRErr RecordLayer::DeleteFeature(GIntBig fid) {
   if (!ReadForChange(fid, amendments)) return OGRERR_FAILURE;
   Mark(*amendments.front().after, true);
   if (!m_dataset.Editing()->Amend(amendments)) return OGRERR_FAILURE;
+  AfterDeletion(*amendments.front().after);
   if (!m_dataset.File().IncludesDeleted()) CountDeletion(m_dataset.Editable());
   return OGRERR_NONE;
 }

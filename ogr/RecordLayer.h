@@ -4,6 +4,7 @@
 
 #include "ogr/Box.h"
 #include "ogr/Editor.h"
+#include "ogr/Flags.h"
 #include "ogr/Layer.h"
 #include "ogr/Run.h"
 
@@ -31,11 +32,21 @@ class RecordLayer : public Layer {
     return false;
   }
   virtual void CountDeletion(Survey& /*survey*/) const {}
+  virtual void AfterDeletion(const CKespRecord& /*record*/) {}
   // Where to go on, when the walk is at a feature.
   virtual std::uint64_t SkipFrom(std::uint64_t position) { return position; }
-  bool IsWanted(int field) const { return m_definition->GetFieldDefn(field)->IsIgnored() == FALSE; }
-  // Sets the fields for the flags, which come last.
-  void SetFlags(OGRFeature& row, std::uint32_t flags) const;
+  bool IsWanted(int field) const {
+    return m_poAttrQuery != nullptr || m_definition->GetFieldDefn(field)->IsIgnored() == FALSE;
+  }
+  // The record of the next row, but for the filters that need the row itself. Null at the end.
+  const RecordView* NextRow();
+  // Sets the fields for the flags, which come last. The row is an OGRFeature or ArrowRows.
+  template <class Row>
+  void SetFlags(Row& row, std::uint32_t flags) const {
+    const int edited = m_definition->GetFieldCount() - 1;
+    row.SetField(edited - 1, (flags & KESP_FLAG_DELETED) != 0 ? 1 : 0);
+    row.SetField(edited, (flags & kEditedFlags) != 0 ? 1 : 0);
+  }
   void AddFlagFields() const;
   // Only a field that is there already can be created, as other programs copy fields.
   OGRErr AcceptOwnField(const OGRFieldDefn& field) const;
@@ -48,7 +59,6 @@ class RecordLayer : public Layer {
 
  private:
   bool PassesFilters(OGRFeature& row);
-  std::unique_ptr<OGRFeature> WithoutIgnored(std::unique_ptr<OGRFeature> row) const;
   bool Skip(const RecordView& feature);
   // Reads the record twice, for an Amendment.
   bool ReadForChange(GIntBig fid, Amendments& amendments);

@@ -9,7 +9,7 @@
 #include <cpl_string.h>
 #include <cpl_time.h>
 
-#include "ogr/Utf8Text.h"
+#include "ogr/ArrowRows.h"
 
 namespace kesp::ogr {
 namespace {
@@ -19,7 +19,9 @@ struct DateTime {
   float second;
 };
 
-DateTime Split(std::chrono::sys_time<std::chrono::milliseconds> time) {
+using Milliseconds = ArrowRows::Milliseconds;
+
+DateTime Split(Milliseconds time) {
   const auto day = std::chrono::floor<std::chrono::days>(time);
   const std::chrono::year_month_day date(day);
   const std::chrono::hh_mm_ss clock(time - day);
@@ -32,13 +34,11 @@ DateTime Split(std::chrono::sys_time<std::chrono::milliseconds> time) {
           static_cast<float>(millisecond) / 1000.0F};
 }
 
-DateTime FromSeconds(std::int64_t time) {
-  return Split(std::chrono::sys_time<std::chrono::milliseconds>(std::chrono::seconds(time)));
-}
+Milliseconds FromSeconds(std::int64_t time) { return Milliseconds(std::chrono::seconds(time)); }
 
 // Days since 30 December 1899; the fraction counts forward from the day, also below zero. Null for no date and for what
 // is not between the years 100 and 9999.
-std::optional<DateTime> FromDate(double date) {
+std::optional<Milliseconds> FromDate(double date) {
   constexpr double kFirst = -657434;
   constexpr double kLast = 2958465;
   constexpr double kMillisecondsPerDay = 86400e3;
@@ -46,14 +46,17 @@ std::optional<DateTime> FromDate(double date) {
   if (date == 0 || !(day >= kFirst && day <= kLast)) return std::nullopt;
   constexpr std::chrono::sys_days kZero = std::chrono::year(1899) / 12 / 30;
   const std::chrono::milliseconds inDay(std::llround(std::fabs(date - day) * kMillisecondsPerDay));
-  return Split(kZero + std::chrono::days(static_cast<int>(day)) + inDay);
+  return kZero + std::chrono::days(static_cast<int>(day)) + inDay;
 }
 
-void Set(OGRFeature& feature, int field, const DateTime& t, int zone) {
+void Set(OGRFeature& feature, int field, Milliseconds time, int zone) {
+  const DateTime t = Split(time);
   feature.SetField(field, t.year, t.month, t.day, t.hour, t.minute, t.second, zone);
 }
+void Set(ArrowRows& rows, int field, Milliseconds time, int /*zone*/) { rows.SetTime(field, time); }
 
-std::string IsoText(const DateTime& t) {
+std::string IsoText(Milliseconds time) {
+  const DateTime t = Split(time);
   const bool isWhole = t.second == std::floor(t.second);
   return CPLSPrintf(isWhole ? "%04d-%02d-%02dT%02d:%02d:%02.0f" : "%04d-%02d-%02dT%02d:%02d:%06.3f", t.year, t.month,
                     t.day, t.hour, t.minute, double{t.second});
@@ -71,15 +74,13 @@ constexpr int kUtc = 100;
 
 }  // namespace
 
-void SetText(OGRFeature& feature, int field, const TextView& text, std::string& buffer) {
-  CopyText(text, buffer);
-  feature.SetField(field, buffer.c_str());
+template <class Row>
+void SetTime(Row& row, int field, std::int64_t time) {
+  if (time == 0) return row.SetFieldNull(field);
+  Set(row, field, FromSeconds(time), kUtc);
 }
-
-void SetTime(OGRFeature& feature, int field, std::int64_t time) {
-  if (time == 0) return feature.SetFieldNull(field);
-  Set(feature, field, FromSeconds(time), kUtc);
-}
+template void SetTime(OGRFeature&, int, std::int64_t);
+template void SetTime(ArrowRows&, int, std::int64_t);
 
 std::optional<std::int32_t> TimeIn(const OGRFeature& feature, int field) {
   if (!feature.IsFieldSetAndNotNull(field)) return 0;
@@ -111,25 +112,28 @@ void CopyValueText(const AttributeView& attribute, std::string& utf8) {
   if (attribute.AttributeKind() == KESP_ATTRIBUTE_NUMERIC) {
     utf8 = NumberText(attribute.Value(), attribute.Decimals());
   } else if (attribute.AttributeKind() == KESP_ATTRIBUTE_DATE) {
-    const std::optional<DateTime> date = FromDate(attribute.Value());
+    const std::optional<Milliseconds> date = FromDate(attribute.Value());
     utf8 = date ? IsoText(*date) : std::string();
   } else {
     CopyText(attribute.TextValue(), utf8);
   }
 }
 
-void SetValue(OGRFeature& feature, int field, OGRFieldType type, const AttributeView& attribute, std::string& buffer) {
+template <class Row>
+void SetValue(Row& row, int field, OGRFieldType type, const AttributeView& attribute, std::string& buffer) {
   const int kind = attribute.AttributeKind();
-  if (type != OFTString && kind == KESP_ATTRIBUTE_NUMERIC) return feature.SetField(field, attribute.Value());
+  if (type != OFTString && kind == KESP_ATTRIBUTE_NUMERIC) return row.SetField(field, attribute.Value());
   if (type != OFTString && kind == KESP_ATTRIBUTE_DATE) {
-    const std::optional<DateTime> date = FromDate(attribute.Value());
-    if (!date) return feature.SetFieldNull(field);
-    return Set(feature, field, *date, kUnknownZone);
+    const std::optional<Milliseconds> date = FromDate(attribute.Value());
+    if (!date) return row.SetFieldNull(field);
+    return Set(row, field, *date, kUnknownZone);
   }
-  if (type != OFTString) return feature.SetFieldNull(field);
+  if (type != OFTString) return row.SetFieldNull(field);
   CopyValueText(attribute, buffer);
-  if (buffer.empty() && kind != KESP_ATTRIBUTE_STRING) return feature.SetFieldNull(field);
-  feature.SetField(field, buffer.c_str());
+  if (buffer.empty() && kind != KESP_ATTRIBUTE_STRING) return row.SetFieldNull(field);
+  row.SetField(field, buffer.c_str());
 }
+template void SetValue(OGRFeature&, int, OGRFieldType, const AttributeView&, std::string&);
+template void SetValue(ArrowRows&, int, OGRFieldType, const AttributeView&, std::string&);
 
 }  // namespace kesp::ogr

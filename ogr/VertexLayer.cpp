@@ -4,10 +4,12 @@
 
 #include <ogr_geometry.h>
 
+#include "ogr/ArrowRows.h"
 #include "ogr/Dataset.h"
 #include "ogr/FieldValues.h"
 #include "ogr/Shapes.h"
 #include "ogr/Values.h"
+#include "ogr/Wkb.h"
 
 namespace kesp::ogr {
 
@@ -32,13 +34,9 @@ OGRErr VertexLayer::CreateField(OGRFieldDefn* field, int /*approximates*/) { ret
 
 OGRErr VertexLayer::Create(OGRFeature& feature) { return m_writer->Write(feature) ? OGRERR_NONE : OGRERR_FAILURE; }
 
-OGRErr VertexLayer::DeleteFeature(GIntBig fid) {
-  const std::unique_ptr<OGRFeature> row(m_writer ? GetFeature(fid) : nullptr);
-  const OGRErr result = RecordLayer::DeleteFeature(fid);
-  if (result != OGRERR_NONE) return result;
-  m_writer->NoteDeletion(static_cast<std::uint32_t>(row->GetFieldAsInteger64(kFeatureNumber)),
-                         static_cast<std::uint32_t>(row->GetFieldAsInteger64(kPointNumber)));
-  return OGRERR_NONE;
+void VertexLayer::AfterDeletion(const CKespRecord& record) {
+  const auto& point = static_cast<const CKespPoint&>(record);
+  m_writer->NoteDeletion(point.FeatureNumber, point.PointNumber);
 }
 
 void VertexLayer::AfterRollback() {
@@ -85,30 +83,51 @@ std::uint64_t VertexLayer::SkipFrom(std::uint64_t position) {
   return position;
 }
 
+template <class Row>
+void VertexLayer::Fill(Row& row, const RecordView& record) {
+  const PointView point = record.AsPoint();
+  row.SetFID(static_cast<GIntBig>(record.Position()));
+  row.SetField(kFeatureNumber, static_cast<GIntBig>(point.FeatureNumber()));
+  row.SetField(kPointNumber, static_cast<GIntBig>(point.PointNumber()));
+  if (IsWanted(kText)) SetText(row, kText, point.PointText(), m_buffer);
+  if (IsWanted(kTime)) SetTime(row, kTime, point.PointTime());
+  row.SetField(kZ, point.CoordZ());
+  row.SetField(kStatus, static_cast<int>(point.SignalStatus()));
+  row.SetField(kGpsValue, point.GpsValue());
+  row.SetField(kGpsNumber, static_cast<int>(point.GpsNumber()));
+  row.SetField(kHasOffset, point.HasOffset() != 0 ? 1 : 0);
+  row.SetField(kOffset1, point.Offset1());
+  row.SetField(kOffset2, point.Offset2());
+  SetFlags(row, record.Flags());
+}
+
 std::unique_ptr<OGRFeature> VertexLayer::MakeRow(const RecordView& record) {
   auto row = std::make_unique<OGRFeature>(m_definition);
+  Fill(*row, record);
+  if (m_definition->IsGeometryIgnored() != FALSE && m_poFilterGeom == nullptr && m_poAttrQuery == nullptr) return row;
   const PointView point = record.AsPoint();
-  row->SetFID(static_cast<GIntBig>(record.Position()));
-  row->SetField(kFeatureNumber, static_cast<GIntBig>(point.FeatureNumber()));
-  row->SetField(kPointNumber, static_cast<GIntBig>(point.PointNumber()));
-  if (IsWanted(kText)) SetText(*row, kText, point.PointText(), m_buffer);
-  if (IsWanted(kTime)) SetTime(*row, kTime, point.PointTime());
-  row->SetField(kZ, point.CoordZ());
-  row->SetField(kStatus, static_cast<int>(point.SignalStatus()));
-  row->SetField(kGpsValue, point.GpsValue());
-  row->SetField(kGpsNumber, static_cast<int>(point.GpsNumber()));
-  row->SetField(kHasOffset, point.HasOffset() != 0 ? 1 : 0);
-  row->SetField(kOffset1, point.Offset1());
-  row->SetField(kOffset2, point.Offset2());
-  SetFlags(*row, record.Flags());
   const double x = point.CoordX();
   const double y = point.CoordY();
-  if (m_definition->IsGeometryIgnored() != FALSE && m_poFilterGeom == nullptr) return row;
   if (!std::isfinite(x) || !std::isfinite(y)) return row;
   auto geometry = std::make_unique<OGRPoint>(x, y, point.CoordZ(), MeasureOf(point));
   geometry->assignSpatialReference(m_dataset.CoordinateSystem());
   row->SetGeometryDirectly(geometry.release());
   return row;
+}
+
+bool VertexLayer::AddNextRow(ArrowRows& rows) {
+  const RecordView* const record = NextRow();
+  if (record == nullptr) return false;
+  Fill(rows, *record);
+  const PointView point = record->AsPoint();
+  const double x = point.CoordX();
+  const double y = point.CoordY();
+  if (m_definition->IsGeometryIgnored() == FALSE && std::isfinite(x) && std::isfinite(y)) {
+    std::byte* const wkb = PutWkbHead(rows.AddGeometry(kWkbHead + kWkbVertex), wkbPoint);
+    (void)PutWkbVertex(wkb, x, y, point.CoordZ(), MeasureOf(point));
+  }
+  rows.EndRow();
+  return true;
 }
 
 // The place first: it decides which time and height are right.

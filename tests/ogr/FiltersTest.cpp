@@ -125,6 +125,12 @@ TEST(Reading, LeavesOutWhatIsIgnored) {
   EXPECT_EQ(shown.find("Girth"), std::string::npos);
   EXPECT_EQ(shown.find("POLYGON"), std::string::npos);
   EXPECT_NE(shown.find("Text="), std::string::npos);
+  areas.SetAttributeFilter("Girth = 0.5");  // filters see it
+  const std::string filtered = Show(areas);
+  EXPECT_EQ(filtered.find("Girth"), std::string::npos);
+  areas.SetIgnoredFields(nullptr);
+  EXPECT_EQ(std::count(filtered.begin(), filtered.end(), '\n'), areas.GetFeatureCount());
+  areas.SetAttributeFilter(nullptr);
 
   for (const auto& layer : file->GetLayers()) {
     OGRFeatureDefn& definition = *layer->GetLayerDefn();
