@@ -38,7 +38,7 @@ class Attributes {
   std::size_t AddName(const CString& name);
   std::size_t Find(const TextView& name) const { return m_names.Find(name); }
   std::size_t Size() const noexcept { return m_names.Size(); }
-  const std::string& NameOf(std::size_t code) const noexcept { return m_names[code]; }
+  std::string NameOf(std::size_t code) const { return m_names[code]; }
   const AttributeTraits& operator[](std::size_t code) const noexcept { return m_traits[code]; }
 
  private:

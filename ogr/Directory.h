@@ -29,7 +29,7 @@ struct Entry {
   std::uint32_t position;  // of the first feature
   std::uint32_t number;    // of the first feature
   std::uint32_t count;     // of features that were not deleted since
-  std::uint16_t name;      // see FeatureNames; kMixedNames if they differ
+  std::uint16_t name;      // see Survey::NameCodeOf; kMixedNames if they differ
   std::uint16_t kinds;     // a bit for each KESP_FEATURE_TYPE
 
   static constexpr std::uint16_t kMixedNames = 0xFFFE;

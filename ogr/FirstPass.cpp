@@ -66,8 +66,7 @@ void FirstPass::TakeFeature(const RecordView& record) {
   EndRun();
   m_run.See(record);
   const FeatureView feature = record.AsFeature();
-  const std::size_t code = m_survey.names.Add(feature.FeatureName());
-  const auto name = code == TextTable::kNone ? Survey::kFurtherName : static_cast<std::uint16_t>(code);
+  const std::uint16_t name = m_survey.AddName(feature.FeatureName());
   m_survey.directory.Add(static_cast<std::uint32_t>(record.Position()), feature.FeatureNumber(), name,
                          feature.FeatureType());
   m_layer = m_survey.MakeLayerOf(feature.FeatureType(), name);

@@ -10,17 +10,17 @@ class Fields {
   explicit Fields(OGRFeatureDefn& definition) : m_definition(definition) {}
 
   void Reserve(const std::string& name) { (void)m_names.Take(name); }
-  int Add(const std::string& name, OGRFieldType type) {
+  int Add(const std::string name, OGRFieldType type) {
     OGRFieldDefn field(m_names.Take(name).c_str(), type);
     return Add(field);
   }
-  int Add(const std::string& name, OGRFieldType type, OGRFieldSubType subtype) {
+  int Add(const std::string name, OGRFieldType type, OGRFieldSubType subtype) {
     OGRFieldDefn field(m_names.Take(name).c_str(), type);
     field.SetSubType(subtype);
     return Add(field);
   }
   int AddAttribute(const Survey& survey, std::size_t code) {
-    const std::string& name = survey.attributes.NameOf(code);
+    const std::string name = survey.attributes.NameOf(code);
     const AttributeTraits& traits = survey.attributes[code];
     OGRFieldDefn field(m_names.Take(name.empty() ? "attribute" : name).c_str(), traits.FieldType());
     if (traits.FieldType() == OFTReal) field.SetPrecision(traits.decimals);
@@ -41,7 +41,7 @@ class Fields {
 }  // namespace
 
 std::string DomainName(const Survey& survey, std::size_t attribute) {
-  const std::string& name = survey.attributes.NameOf(attribute);
+  const std::string name = survey.attributes.NameOf(attribute);
   return name.empty() ? "attribute" : name;
 }
 

@@ -44,6 +44,16 @@ void Survey::Forget() {
   isEdited = hasHeader = false;
 }
 
+std::uint16_t Survey::NameCodeOf(const TextView& name) const {
+  const std::size_t code = names.Find(name);
+  return code != TextTable::kNone ? static_cast<std::uint16_t>(code) : FurtherName(TextTable::HashOf(name));
+}
+
+std::uint16_t Survey::AddName(const TextView& name) {
+  const std::size_t code = names.Add(name);
+  return code != TextTable::kNone ? static_cast<std::uint16_t>(code) : FurtherName(TextTable::HashOf(name));
+}
+
 std::size_t Survey::LayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) const {
   if (split == LayerSplit::kByKind) return IndexOfKind(kind);
   const auto found = m_layerOf.find({kind, name});
@@ -51,7 +61,7 @@ std::size_t Survey::LayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) const {
 }
 
 std::size_t Survey::MakeLayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) {
-  if (split == LayerSplit::kByName && name != kFurtherName && layers.size() < kMostLayers) {
+  if (split == LayerSplit::kByName && name < kMostNames && layers.size() < kMostLayers) {
     const auto [place, isNew] = m_layerOf.try_emplace({kind, name}, layers.size());
     if (isNew) AddLayer(kind).name = name;
     return place->second;

@@ -36,12 +36,18 @@ struct LayerPlan {
 };
 
 struct Survey {
-  static constexpr std::size_t kMostNames = 65'000;  // fewer than 0xFFFE, see Entry
+  static constexpr std::size_t kMostNames = 4096;
   static constexpr std::size_t kMostLayers = 250;
-  static constexpr std::uint16_t kFurtherName = 0xFFFF;  // of a feature, when there are kMostNames
 
   Survey(LayerSplit layerSplit, std::size_t mostEntries);
 
+  // The code of a feature's name. Those of names beyond kMostNames follow: one for all names of the same hash.
+  std::uint16_t NameCodeOf(const TextView& name) const;
+  std::uint16_t AddName(const TextView& name);
+  // A name has no code of its own, and its hash is this.
+  static std::uint16_t FurtherName(std::uint32_t hash) noexcept {
+    return static_cast<std::uint16_t>(kMostNames + hash % (Entry::kMixedNames - kMostNames));
+  }
   // The layer of a feature, as an index of `layers`. While the file is read, it is made if it isn't there.
   std::size_t LayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) const;
   std::size_t MakeLayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name);
