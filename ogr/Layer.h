@@ -68,6 +68,8 @@ class Layer : public OGRLayer {
 
  private:
   OGRErr ICreateFeature(OGRFeature* feature) final;
+  bool CanRead(const char* capability);
+  bool CanWrite(const char* capability);
 
   bool m_hasReported = false;
   bool m_leavesFids = false;
