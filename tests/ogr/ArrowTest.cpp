@@ -24,7 +24,9 @@ std::string ShowValue(const ArrowArray& array, const std::string& format, std::i
   const void* const values = array.buffers[1];
   if (array.buffers[0] != nullptr && !Bit(array.buffers[0], row)) return "null";
   if (format == "b") return Bit(values, row) ? "yes" : "no";
-  if (format == "i") return std::to_string(At<std::int32_t>(values, row));
+  if (format == "s") return std::to_string(At<std::int16_t>(values, row));
+  if (format == "i" || format == "tdD") return std::to_string(At<std::int32_t>(values, row));
+  if (format == "f") return std::to_string(At<float>(values, row));
   if (format == "l" || format == "tsm:") return std::to_string(At<std::int64_t>(values, row));
   if (format == "g") return std::to_string(At<double>(values, row));
   const std::int32_t begin = At<std::int32_t>(values, row);
@@ -131,6 +133,33 @@ TEST(ArrowStreams, EndWhereTheFileIsDamaged) {
     file[name].SetAttributeFilter("FID >= 0");
     EXPECT_EQ(ours, ShowStream(file[name]));
   }
+}
+
+// Fields that a program has created may have types that reading gives none.
+TEST(ArrowStreams, HaveFieldsThatWereCreated) {
+  const TempDir dir;
+  WriteFile(dir / "a.kesp", Mixture());
+  const DatasetPtr file = Open(dir / "a.kesp", {}, GDAL_OF_UPDATE);
+  OGRLayer& layer = *file->GetLayerByName("points");
+  for (const auto& [name, type, subtype] : {std::tuple{"whole", OFTInteger, OFSTNone},
+                                            {"long", OFTInteger64, OFSTNone},
+                                            {"yes", OFTInteger, OFSTBoolean},
+                                            {"short", OFTInteger, OFSTInt16},
+                                            {"float", OFTReal, OFSTFloat32},
+                                            {"day", OFTDate, OFSTNone}}) {
+    OGRFieldDefn field(name, type);
+    field.SetSubType(subtype);
+    ASSERT_EQ(layer.CreateField(&field), OGRERR_NONE) << name;
+  }
+  const FeaturePtr feature(layer.GetNextFeature());
+  for (const char* const name : {"whole", "long", "yes", "short", "float"}) feature->SetField(name, 1);
+  feature->SetField("day", "2024/06/10");
+  ASSERT_EQ(layer.SetFeature(feature.get()), OGRERR_NONE);
+  EXPECT_FALSE(layer.TestCapability(OLCFastGetArrowStream));
+  const std::string ours = ShowStream(layer);
+  layer.SetAttributeFilter("FID >= 0");
+  EXPECT_EQ(ours, ShowStream(layer));
+  EXPECT_NE(ours.find("whole=1 long=1 yes=yes short=1 float=1.000000 day=19884"), std::string::npos) << ours;
 }
 
 // A long line makes a batch of its own, so that memory doesn't grow with the file.
