@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <ogr_recordbatch.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "tests/ogr/Gdal.h"
@@ -39,14 +40,15 @@ std::string ShowValue(const ArrowArray& array, const std::string& format, std::i
   return hex;
 }
 
-// A line for each row, one for each batch if `showsBatches`.
+// A line for each row, one for each batch if `showsBatches`, and one for an error at the end.
 std::string ShowStream(OGRLayer& layer, const std::vector<std::string>& options = {}, bool showsBatches = false) {
   ArrowArrayStream stream;
   EXPECT_TRUE(layer.GetArrowStream(&stream, ListOf(options).List()));
   ArrowSchema schema;
   EXPECT_EQ(stream.get_schema(&stream, &schema), 0);
   std::string text;
-  for (ArrowArray batch; stream.get_next(&stream, &batch) == 0 && batch.release != nullptr;) {
+  int error = 0;
+  for (ArrowArray batch; (error = stream.get_next(&stream, &batch)) == 0 && batch.release != nullptr;) {
     EXPECT_EQ(batch.n_children, schema.n_children);
     if (showsBatches) text += std::to_string(batch.length) + " rows\n";
     // As a consumer that keeps columns one by one.
@@ -72,6 +74,7 @@ std::string ShowStream(OGRLayer& layer, const std::vector<std::string>& options 
       if (!showsBatches) column.release(&column);
     }
   }
+  if (error != 0) text += std::to_string(error) + ' ' + stream.get_last_error(&stream) + '\n';
   schema.release(&schema);
   stream.release(&stream);
   return text;
@@ -122,6 +125,13 @@ TEST(ArrowStreams, AreWhatGdalMakesOfFeatures) {
   }
 }
 
+TEST(ArrowStreams, AreEmptyForEmptyLayers) {
+  const Opened file(Survey({Header2()}));
+  ASSERT_EQ(file->GetLayerCount(), 4);
+  for (OGRLayer* const layer : file->GetLayers()) EXPECT_EQ(ShowStream(*layer), "") << layer->GetName();
+}
+
+// The error comes after the rows, each time.
 TEST(ArrowStreams, EndWhereTheFileIsDamaged) {
   ByteVector bytes = Mixture();
   bytes.resize(bytes.size() - 300);
@@ -130,8 +140,13 @@ TEST(ArrowStreams, EndWhereTheFileIsDamaged) {
     Errors errors;
     const std::string ours = ShowStream(file[name]);
     EXPECT_EQ(errors.failures, 1) << errors.text;
+    EXPECT_NE(ours.find("wkb_geometry=01"), std::string::npos);
+    EXPECT_NE(ours.find('\n' + std::to_string(EIO) + ' '), std::string::npos) << ours;
+    EXPECT_NE(ours.find("damaged at offset"), std::string::npos);
+    EXPECT_EQ(ours, ShowStream(file[name]));
     file[name].SetAttributeFilter("FID >= 0");
     EXPECT_EQ(ours, ShowStream(file[name]));
+    EXPECT_EQ(errors.failures, 3) << errors.text;
   }
 }
 
