@@ -13,6 +13,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "bench/Measure.h"
 #include "kesp/kesp.h"
@@ -36,7 +37,7 @@ class Surveyor {
     Write(header);
   }
 
-  void WriteFeature(std::uint32_t number) {
+  void WriteFeature(std::uint32_t number, std::uint32_t points = 10) {
     CKespFeature feature;
     feature.FeatureNumber = number;
     feature.FeatureName = CString(std::string(OneOf(kThings)) + " no. " + std::to_string(number));
@@ -50,9 +51,9 @@ class Surveyor {
     point.FeatureNumber = number;
     point.CoordX = Between(6, 15);
     point.CoordY = Between(47, 55);
-    for (std::uint32_t i = 0; i < 10; ++i) {
-      point.PointNumber = 10 * number + i;
-      point.PointTime = static_cast<std::int32_t>(1600000000 + 10 * number + i);
+    for (std::uint32_t i = 0; i < points; ++i) {
+      point.PointNumber = points * number + i;
+      point.PointTime = static_cast<std::int32_t>(1600000000 + points * number + i);
       point.CoordX += Between(-1e-5, 1e-5);
       point.CoordY += Between(-1e-5, 1e-5);
       point.CoordZ = Between(100, 101);
@@ -101,13 +102,13 @@ class Surveyor {
   std::mt19937 m_random{20240229};
 };
 
-// The file with that many features; made at the first call.
-inline const std::string& FileOf(long features) {
+// The file with that many features of so many points; made at the first call.
+inline const std::string& FileOf(long features, std::uint32_t points = 10) {
   static const ScratchFolder folder;
-  static std::map<long, std::string> files;
-  std::string& path = files[features];
+  static std::map<std::pair<long, std::uint32_t>, std::string> files;
+  std::string& path = files[{features, points}];
   if (!path.empty()) return path;
-  path = folder / std::to_string(features);
+  path = folder / (std::to_string(features) + "x" + std::to_string(points));
   CKespDataFile created;
   created.m_version = 3;
   if (!created.Create(CString(path)) || !created.Close()) throw std::runtime_error("can't create " + path);
@@ -119,7 +120,7 @@ inline const std::string& FileOf(long features) {
   for (long i = 0; i < features;) {
     CFile::Gather gather(file);
     for (const long end = std::min(features, i + kBlock / kBytesEach); i < end;) {
-      surveyor.WriteFeature(static_cast<std::uint32_t>(++i));
+      surveyor.WriteFeature(static_cast<std::uint32_t>(++i), points);
     }
     gather.Commit();
   }

@@ -228,7 +228,7 @@ const GDALRelationship* Dataset::GetRelationship(const std::string& name) const 
 }
 
 // A failure and not a warning: a script that converts a file must not take a part of it for the whole.
-void Dataset::ReportEnd(const WalkEnd& walkEnd) {
+bool Dataset::ReportEnd(const WalkEnd& walkEnd) {
   const WalkEnd& end = walkEnd.isWhole ? m_survey->end : walkEnd;
   const std::optional<std::uint32_t>& open = m_survey->openFeature;
   const std::string incomplete =
@@ -240,6 +240,7 @@ void Dataset::ReportEnd(const WalkEnd& walkEnd) {
   } else if (open && !std::exchange(m_hasWarnedOfOpenFeature, true)) {
     CPLError(CE_Warning, CPLE_AppDefined, "%s: %s", m_path.c_str(), incomplete.c_str());
   }
+  return end.isWhole;
 }
 
 void Dataset::CatchUp() {

@@ -59,8 +59,9 @@ class Dataset final : public GDALDataset {
   // Makes what was appended known to Contents().
   void CatchUp();
   bool Flush();
-  // Tells GDAL what the end of a walk, or else of the first walk, says of the file.
-  void ReportEnd(const WalkEnd& end);
+  // Tells GDAL what the end of a walk, or else of the first walk, says of the file. False if a part of it
+  // was not read.
+  bool ReportEnd(const WalkEnd& end);
 
  private:
   Dataset(std::string path, Options options) : m_path(std::move(path)), m_options(std::move(options)) {}

@@ -207,6 +207,7 @@ OGRErr FeatureLayer::CreateField(OGRFieldDefn* field, int approximates) {
   }
   m_schema.fields[code].*member = m_definition->GetFieldCount();
   m_definition->AddFieldDefn(&adapted);
+  m_hasCreatedFields = true;
   m_targets.push_back(target);
   return OGRERR_NONE;
 }

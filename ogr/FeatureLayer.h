@@ -32,7 +32,8 @@ class FeatureLayer final : public Layer {
   OGRErr Create(OGRFeature& feature) override;
   OGRErr ISetFeature(OGRFeature* feature) override;
   OGRErr IUpsertFeature(OGRFeature* feature) override;
-  bool CanMakeColumns() const override { return true; }
+  // A field that a program creates may have a type that columns here don't have.
+  bool CanMakeColumns() const override { return !m_hasCreatedFields; }
   bool AddNextRow(ArrowRows& rows) override;
   bool CanAdd() const override { return true; }
   bool CanChange() const override { return true; }
@@ -68,6 +69,7 @@ class FeatureLayer final : public Layer {
   Cursor m_cursor, m_random;
   std::size_t m_nextEntry = 0;
   bool m_hasBegun = false;
+  bool m_hasCreatedFields = false;
   std::uint64_t m_entryEnd = 0;  // of the entry before
   std::uint32_t m_left = 0;      // features of the entry before, still to be read
 };

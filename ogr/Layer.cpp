@@ -66,7 +66,17 @@ int Layer::GetArrowSchema(ArrowArrayStream* stream, ArrowSchema* schema) {
   return result;
 }
 
-int Layer::GetNextArrowArray(ArrowArrayStream* stream, ArrowArray* batch) try {
+// A consumer of the stream has only its return values, so an error comes after the rows and not with the last of them.
+int Layer::GetNextArrowArray(ArrowArrayStream* stream, ArrowArray* batch) {
+  m_isStreaming = true;
+  const int result = MakeBatch(stream, batch);
+  m_isStreaming = false;
+  if (result != 0 || batch->release != nullptr) return result;
+  m_hasReported = true;
+  return m_dataset.ReportEnd(m_end) ? 0 : EIO;
+}
+
+int Layer::MakeBatch(ArrowArrayStream* stream, ArrowArray* batch) try {
   *batch = {};
   if (!CanMakeColumns() || IsFiltered()) {
     const int result = OGRLayer::GetNextArrowArray(stream, batch);
@@ -109,7 +119,8 @@ Box Layer::FilterBox() const noexcept {
 }
 
 void Layer::ReportEnd(const WalkEnd& end) {
-  if (std::exchange(m_hasReported, true)) return;
+  m_end = end;
+  if (m_isStreaming || std::exchange(m_hasReported, true)) return;
   m_dataset.ReportEnd(end);
 }
 

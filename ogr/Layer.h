@@ -60,7 +60,8 @@ class Layer : public OGRLayer {
 
   bool IsFiltered() const noexcept { return m_poFilterGeom != nullptr || m_poAttrQuery != nullptr; }
   Box FilterBox() const noexcept;
-  // Tells GDAL, once for each layer, that a walk ended before the end of the file.
+  // Tells GDAL, once for each layer, that a walk ended before the end of the file. A stream tells it at each of its
+  // ends.
   void ReportEnd(const WalkEnd& end);
 
   Dataset& m_dataset;
@@ -70,8 +71,11 @@ class Layer : public OGRLayer {
   OGRErr ICreateFeature(OGRFeature* feature) final;
   bool CanRead(const char* capability);
   bool CanWrite(const char* capability);
+  int MakeBatch(ArrowArrayStream* stream, ArrowArray* batch);
 
+  WalkEnd m_end;  // of the last walk that ended
   bool m_hasReported = false;
+  bool m_isStreaming = false;
   bool m_leavesFids = false;
 };
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <ogr_recordbatch.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "tests/ogr/Gdal.h"
@@ -24,7 +25,9 @@ std::string ShowValue(const ArrowArray& array, const std::string& format, std::i
   const void* const values = array.buffers[1];
   if (array.buffers[0] != nullptr && !Bit(array.buffers[0], row)) return "null";
   if (format == "b") return Bit(values, row) ? "yes" : "no";
-  if (format == "i") return std::to_string(At<std::int32_t>(values, row));
+  if (format == "s") return std::to_string(At<std::int16_t>(values, row));
+  if (format == "i" || format == "tdD") return std::to_string(At<std::int32_t>(values, row));
+  if (format == "f") return std::to_string(At<float>(values, row));
   if (format == "l" || format == "tsm:") return std::to_string(At<std::int64_t>(values, row));
   if (format == "g") return std::to_string(At<double>(values, row));
   const std::int32_t begin = At<std::int32_t>(values, row);
@@ -37,14 +40,15 @@ std::string ShowValue(const ArrowArray& array, const std::string& format, std::i
   return hex;
 }
 
-// A line for each row, one for each batch if `showsBatches`.
+// A line for each row, one for each batch if `showsBatches`, and one for an error at the end.
 std::string ShowStream(OGRLayer& layer, const std::vector<std::string>& options = {}, bool showsBatches = false) {
   ArrowArrayStream stream;
   EXPECT_TRUE(layer.GetArrowStream(&stream, ListOf(options).List()));
   ArrowSchema schema;
   EXPECT_EQ(stream.get_schema(&stream, &schema), 0);
   std::string text;
-  for (ArrowArray batch; stream.get_next(&stream, &batch) == 0 && batch.release != nullptr;) {
+  int error = 0;
+  for (ArrowArray batch; (error = stream.get_next(&stream, &batch)) == 0 && batch.release != nullptr;) {
     EXPECT_EQ(batch.n_children, schema.n_children);
     if (showsBatches) text += std::to_string(batch.length) + " rows\n";
     // As a consumer that keeps columns one by one.
@@ -70,6 +74,7 @@ std::string ShowStream(OGRLayer& layer, const std::vector<std::string>& options 
       if (!showsBatches) column.release(&column);
     }
   }
+  if (error != 0) text += std::to_string(error) + ' ' + stream.get_last_error(&stream) + '\n';
   schema.release(&schema);
   stream.release(&stream);
   return text;
@@ -120,6 +125,13 @@ TEST(ArrowStreams, AreWhatGdalMakesOfFeatures) {
   }
 }
 
+TEST(ArrowStreams, AreEmptyForEmptyLayers) {
+  const Opened file(Survey({Header2()}));
+  ASSERT_EQ(file->GetLayerCount(), 4);
+  for (OGRLayer* const layer : file->GetLayers()) EXPECT_EQ(ShowStream(*layer), "") << layer->GetName();
+}
+
+// The error comes after the rows, each time.
 TEST(ArrowStreams, EndWhereTheFileIsDamaged) {
   ByteVector bytes = Mixture();
   bytes.resize(bytes.size() - 300);
@@ -128,9 +140,41 @@ TEST(ArrowStreams, EndWhereTheFileIsDamaged) {
     Errors errors;
     const std::string ours = ShowStream(file[name]);
     EXPECT_EQ(errors.failures, 1) << errors.text;
+    EXPECT_NE(ours.find("wkb_geometry=01"), std::string::npos);
+    EXPECT_NE(ours.find('\n' + std::to_string(EIO) + ' '), std::string::npos) << ours;
+    EXPECT_NE(ours.find("damaged at offset"), std::string::npos);
+    EXPECT_EQ(ours, ShowStream(file[name]));
     file[name].SetAttributeFilter("FID >= 0");
     EXPECT_EQ(ours, ShowStream(file[name]));
+    EXPECT_EQ(errors.failures, 3) << errors.text;
   }
+}
+
+// Fields that a program has created may have types that reading gives none.
+TEST(ArrowStreams, HaveFieldsThatWereCreated) {
+  const TempDir dir;
+  WriteFile(dir / "a.kesp", Mixture());
+  const DatasetPtr file = Open(dir / "a.kesp", {}, GDAL_OF_UPDATE);
+  OGRLayer& layer = *file->GetLayerByName("points");
+  for (const auto& [name, type, subtype] : {std::tuple{"whole", OFTInteger, OFSTNone},
+                                            {"long", OFTInteger64, OFSTNone},
+                                            {"yes", OFTInteger, OFSTBoolean},
+                                            {"short", OFTInteger, OFSTInt16},
+                                            {"float", OFTReal, OFSTFloat32},
+                                            {"day", OFTDate, OFSTNone}}) {
+    OGRFieldDefn field(name, type);
+    field.SetSubType(subtype);
+    ASSERT_EQ(layer.CreateField(&field), OGRERR_NONE) << name;
+  }
+  const FeaturePtr feature(layer.GetNextFeature());
+  for (const char* const name : {"whole", "long", "yes", "short", "float"}) feature->SetField(name, 1);
+  feature->SetField("day", "2024/06/10");
+  ASSERT_EQ(layer.SetFeature(feature.get()), OGRERR_NONE);
+  EXPECT_FALSE(layer.TestCapability(OLCFastGetArrowStream));
+  const std::string ours = ShowStream(layer);
+  layer.SetAttributeFilter("FID >= 0");
+  EXPECT_EQ(ours, ShowStream(layer));
+  EXPECT_NE(ours.find("whole=1 long=1 yes=yes short=1 float=1.000000 day=19884"), std::string::npos) << ours;
 }
 
 // A long line makes a batch of its own, so that memory doesn't grow with the file.

@@ -167,6 +167,14 @@ TEST(Reading, LeavesOutWhatIsIgnored) {
   areas.SetIgnoredFields(nullptr);
   EXPECT_EQ(std::count(filtered.begin(), filtered.end(), '\n'), areas.GetFeatureCount());
   areas.SetAttributeFilter(nullptr);
+  OGRLayer& vertices = file["vertices"];
+  const char* texts[] = {"text", "time", nullptr};
+  vertices.SetIgnoredFields(texts);
+  vertices.SetAttributeFilter("text = '' AND time IS NOT NULL");
+  EXPECT_EQ(FeaturePtr(vertices.GetNextFeature())->IsFieldSet(2), FALSE);
+  const GIntBig passed = vertices.GetFeatureCount();
+  vertices.SetAttributeFilter(nullptr);
+  EXPECT_EQ(passed, vertices.GetFeatureCount());
 
   for (const auto& layer : file->GetLayers()) {
     OGRFeatureDefn& definition = *layer->GetLayerDefn();
