@@ -126,7 +126,7 @@ void ArrowColumn::PutNull() {
 void ArrowColumn::Export(ArrowArray& array) && {
   auto exported = std::make_unique<Exported>();
   const bool hasOffsets = m_layout == Layout::kBytes;
-  if (hasOffsets) (void)m_values.Append(0);  // a buffer also for nothing but empty texts
+  if (hasOffsets) (void)m_values.Append(std::size_t{0});  // a buffer also for nothing but empty texts
   exported->pointers = {m_nulls != 0 ? m_isThere.Data() : nullptr};
   if (hasOffsets) exported->pointers.push_back(m_offsets.Data());
   exported->pointers.push_back(m_values.Data());

@@ -51,18 +51,18 @@ std::string ShowStream(OGRLayer& layer, const std::vector<std::string>& options 
   for (ArrowArray batch; (error = stream.get_next(&stream, &batch)) == 0 && batch.release != nullptr;) {
     EXPECT_EQ(batch.n_children, schema.n_children);
     if (showsBatches) text += std::to_string(batch.length) + " rows\n";
-    // As a consumer that keeps columns one by one. GDAL's own batches lose memory then.
-    const bool keepsColumns = layer.TestCapability(OLCFastGetArrowStream) != 0;
+    // As a consumer that keeps columns one by one. GDAL's own batches don't free what was taken out of them.
+    const bool takesColumns = !showsBatches && batch.private_data != nullptr;
     std::vector<ArrowArray> columns;
     for (std::int64_t i = 0; i < batch.n_children; ++i) {
       EXPECT_EQ(batch.children[i]->length, batch.length);
       EXPECT_EQ(batch.children[i]->dictionary, nullptr);
       EXPECT_EQ(schema.children[i]->dictionary, nullptr);
       columns.push_back(*batch.children[i]);
-      if (keepsColumns) batch.children[i]->release = nullptr;
+      if (takesColumns) batch.children[i]->release = nullptr;
     }
     const std::int64_t length = batch.length;
-    if (keepsColumns) batch.release(&batch);
+    if (takesColumns) batch.release(&batch);
     for (std::int64_t row = 0; row < length; ++row) {
       for (std::size_t i = 0; i < columns.size(); ++i) {
         const ArrowSchema& column = *schema.children[i];
@@ -70,9 +70,9 @@ std::string ShowStream(OGRLayer& layer, const std::vector<std::string>& options 
       }
       text += '\n';
     }
-    if (!keepsColumns) batch.release(&batch);
+    if (!takesColumns) batch.release(&batch);
     for (ArrowArray& column : columns) {
-      if (keepsColumns) column.release(&column);
+      if (takesColumns) column.release(&column);
     }
   }
   if (error != 0) text += std::to_string(error) + ' ' + stream.get_last_error(&stream) + '\n';
