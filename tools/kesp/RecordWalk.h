@@ -36,8 +36,9 @@ class RecordWalk {
     kEnd
   };
 
-  // Begins at the first record of an open file.
-  RecordWalk(CKespDataFile& file, DeletedRecords deleted);
+  // Begins at the first record of an open file, or at `start`, which must be the offset of a record header that a walk
+  // from the first record finds. From there on the walk does not read ahead, and needs no header record.
+  RecordWalk(CKespDataFile& file, DeletedRecords deleted, std::uint64_t start = 0);
   RecordWalk(const RecordWalk&) = delete;
   RecordWalk& operator=(const RecordWalk&) = delete;
 
