@@ -149,14 +149,22 @@ def _wkb(layer: str, xyz: np.ndarray, several: bool) -> Optional[bytes]:
     return struct.pack("<BII", 1, _LINE, count) + xyz.tobytes()
 
 
-def geometries(layer: str, points: dict, rows: int, kept: Optional[np.ndarray] = None) -> list:
-    """Well-known binary for each row, or for the ``kept`` ones."""
+def geometries(
+    layer: str, points: dict, rows: int, kept: Optional[np.ndarray] = None, mixed: bool = False
+) -> list:
+    """Well-known binary for each row, or for the ``kept`` ones. Of vertices, each point is a row. If a point feature has
+    several points, all are multipoints, or only those that have several if they may be ``mixed``."""
+    if layer == "vertices":
+        layer, rows = "points", len(points["feature"])
+        points = dict(points, feature=np.arange(rows))
     keep = np.isfinite(points["x"]) & np.isfinite(points["y"]) & np.isfinite(points["z"])
     order = np.flatnonzero(keep)[np.argsort(points["feature"][keep], kind="stable")]
     xyz = np.column_stack([points["x"][order], points["y"][order], points["z"][order]])
     bounds = np.searchsorted(points["feature"][order], np.arange(rows + 1))
-    several = bool((np.diff(bounds) > 1).any())
-    return [_wkb(layer, xyz[bounds[i] : bounds[i + 1]], several) for i in (range(rows) if kept is None else kept)]
+    counts = np.diff(bounds)
+    least = 1 if mixed or not (counts > 1).any() else 0
+    rows_kept = np.arange(rows) if kept is None else kept
+    return [_wkb(layer, xyz[bounds[i] : bounds[i + 1]], counts[i] > least) for i in rows_kept]
 
 
 def _crs_beside(path: Path) -> Optional[Any]:
@@ -216,18 +224,13 @@ def vertex_columns(features: dict, points: dict) -> dict:
     return {**columns, **_marks(points["flags"])}
 
 
-def vertex_geometries(points: dict) -> list:
-    rows = len(points["feature"])
-    return geometries("points", dict(points, feature=np.arange(rows)), rows)
-
-
-def record_frame(layer: str, path: Path, deleted: bool, progress: Optional[Progress], on_damage: str) -> Any:
+def record_frame(layer: str, path: Path, deleted: bool, progress: Optional[Progress] = None) -> tuple:
+    """Notes, tags or links, and the damage of the file."""
     import pandas
 
     from ._survey import Survey
 
     with Survey(path, "r", deleted=deleted, progress=progress) as survey:
-        report(survey.damage, survey.path, on_damage)
         records: Any = getattr(survey, layer)
         columns: dict = {"text": [note.text for note in records]} if layer == "notes" else {}
         if layer == "tags":
@@ -240,7 +243,8 @@ def record_frame(layer: str, path: Path, deleted: bool, progress: Optional[Progr
             for name in ("from_feature", "from_qualifier", "to_feature", "to_qualifier", "value", "spare"):
                 columns[name] = np.array([getattr(link, name) for link in records], dtype=np.int64)
         columns.update(_marks(np.array([record.flags for record in records], dtype=np.uint32)))
-        return pandas.DataFrame(columns, index=pandas.Index([r.offset for r in records], name="offset", dtype="int64"))
+        index = pandas.Index([r.offset for r in records], name="offset", dtype="int64")
+        return pandas.DataFrame(columns, index=index), survey.damage
 
 
 def read_dataframe(
@@ -266,20 +270,21 @@ def read_dataframe(
     if layer not in LAYERS:
         raise ValueError(f"the layers are {', '.join(LAYERS)}, not {layer!r}")
     if layer in ("notes", "tags", "links"):
-        return record_frame(layer, path, deleted, progress, on_damage)
+        frame, damage = record_frame(layer, path, deleted, progress)
+        report(damage, os.fsdecode(path), on_damage)
+        return frame
     import pandas
 
-    names = [] if layer == "vertices" else None
+    names: Optional[list[str]] = [] if layer == "vertices" else None
     with_points = geometry or layer == "vertices"
     features, points, attributes, damage = _kesp.assemble(path, deleted, progress, TYPES.get(layer, 0), names, with_points)
     report(damage, os.fsdecode(path), on_damage)
     if layer == "vertices":
         columns = vertex_columns(features, points)
-        wkb = vertex_geometries(points) if geometry else None
     else:
         columns = feature_columns(features)
-        rows = len(features["type"])
-        columns.update(AttributeColumns(attributes, rows).columns({*FIELDS, "feature_number", "geometry"}))
-        wkb = geometries(layer, points, rows) if geometry else None
+        taken = {*FIELDS, "feature_number", "geometry"}
+        columns.update(AttributeColumns(attributes, len(features["type"])).columns(taken))
+    wkb = geometries(layer, points, len(features["type"])) if geometry else None
     frame = pandas.DataFrame(columns)
     return _finish(frame.set_index(frame.columns[0]), wkb, path, crs)

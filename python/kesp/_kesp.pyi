@@ -72,6 +72,7 @@ def assemble(
     start: int = 0,
     end: int = 0,
     stragglers: Sequence[int] = ...,
+    read_ahead: bool = True,
 ) -> tuple[dict, dict, dict, Optional[Damage]]: ...
 def find_parts(
     path: Any, bytes: int, deleted: bool = False, type: int = 0, progress: Any = None

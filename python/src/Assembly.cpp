@@ -234,12 +234,13 @@ class Assembly {
 struct Part {
   std::uint64_t start = 0, end = 0;
   std::vector<std::uint64_t> stragglers;
+  tool::SecondThread secondThread = tool::SecondThread::kReadsAhead;
 };
 
 // Without the GIL.
 tool::Verdict AssemblePart(CKespDataFile& file, const Part& part, tool::DeletedRecords deleted, Assembly& assembly) {
   using Step = tool::RecordWalk::Step;
-  tool::RecordWalk walk(file, deleted, part.start);
+  tool::RecordWalk walk(file, deleted, part.start, part.secondThread);
   Step step = walk.Next();
   for (; step != Step::kEnd && (part.end == 0 || walk.View().Position() < part.end); step = walk.Next()) {
     if (step == Step::kRecord) assembly.Add(walk.View());
@@ -256,7 +257,7 @@ tool::Verdict AssemblePart(CKespDataFile& file, const Part& part, tool::DeletedR
 
 py::tuple Assemble(const py::object& path, bool includeDeleted, const py::object& progress, std::int32_t type,
                    const std::optional<std::vector<std::string>>& names, bool withPoints, std::uint64_t start,
-                   std::uint64_t end, const std::vector<std::uint64_t>& stragglers) {
+                   std::uint64_t end, const std::vector<std::uint64_t>& stragglers, bool readAhead) {
   AssemblyChoice choice{type, std::nullopt, withPoints};
   if (names) {
     choice.names.emplace();
@@ -271,7 +272,8 @@ py::tuple Assemble(const py::object& path, bool includeDeleted, const py::object
   {
     const py::gil_scoped_release released;
     const auto deleted = includeDeleted ? tool::DeletedRecords::kInclude : tool::DeletedRecords::kPassOver;
-    verdict = AssemblePart(file, {start, end, stragglers}, deleted, assembly);
+    const auto secondThread = readAhead ? tool::SecondThread::kReadsAhead : tool::SecondThread::kNone;
+    verdict = AssemblePart(file, {start, end, stragglers, secondThread}, deleted, assembly);
   }
   watch.Rethrow();
   if (verdict.cause == tool::Verdict::Cause::kUnreadable) Raise(verdict, name);
@@ -283,7 +285,7 @@ py::tuple Assemble(const py::object& path, bool includeDeleted, const py::object
 void BindAssembly(py::module_& module) {
   module.def("assemble", &Assemble, py::arg("path"), py::arg("deleted"), py::arg("progress"), py::arg("type") = 0,
              py::arg("names") = py::none(), py::arg("points") = true, py::arg("start") = 0, py::arg("end") = 0,
-             py::arg("stragglers") = std::vector<std::uint64_t>{});
+             py::arg("stragglers") = std::vector<std::uint64_t>{}, py::arg("read_ahead") = true);
 }
 
 }  // namespace kesp::python

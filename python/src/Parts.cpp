@@ -130,7 +130,8 @@ py::tuple FindParts(const py::object& path, std::uint64_t bytes, bool includeDel
   KESP_RECORD_TYPE firstType = KESP_RECORD_NONE;
   {
     const py::gil_scoped_release released;
-    tool::RecordWalk walk(file, includeDeleted ? tool::DeletedRecords::kInclude : tool::DeletedRecords::kPassOver);
+    const auto deleted = includeDeleted ? tool::DeletedRecords::kInclude : tool::DeletedRecords::kPassOver;
+    tool::RecordWalk walk(file, deleted, 0, tool::SecondThread::kNone);
     for (auto step = walk.Next(); step != tool::RecordWalk::Step::kEnd; step = walk.Next()) {
       if (step == tool::RecordWalk::Step::kRecord) finder.Add(walk.View());
     }
