@@ -4,7 +4,8 @@
 //
 // The formats take turns. Each reading has its own process, where no memory is in use yet, and counts what it read. It
 // is timed from opening to closing; features that are kept are still held at the end. A figure is the median over the
-// rounds of this driver's time divided by another format's time in the same round, so less than 1 is faster.
+// rounds of this driver's time divided by another format's time in the same round, so less than 1 is faster. Other work
+// on the machine shows in the time that passes, and hardly in that of the processors.
 //
 // KESP_BENCH_ROUNDS sets how many rounds there are, 7 if it doesn't.
 #include <fcntl.h>
@@ -170,34 +171,47 @@ void ReadPlainly(const std::string& path) {
   ::close(file);
 }
 
-// Seconds that `work` takes in a process of its own.
+struct Cost {
+  double seconds = -1;           // that pass
+  double processorSeconds = -1;  // of all threads, in the system too
+};
+
+double ProcessorNow() {
+  timespec time{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + 1e-9 * static_cast<double>(time.tv_nsec);
+}
+
+// Of `work` in a process of its own.
 template <class Work>
-double SecondsInChild(Work&& work) {
+Cost CostInChild(Work&& work) {
   std::array<int, 2> ends{};
   Require(::pipe(ends.data()) == 0, "pipe");
   const pid_t child = ::fork();
   if (child == 0) {
-    double seconds = -1;
+    Cost cost;
     try {
-      seconds = bench::Seconds(work);
+      const double before = ProcessorNow();
+      cost.seconds = bench::Seconds(work);
+      cost.processorSeconds = ProcessorNow() - before;
     } catch (const std::exception& e) {
       (void)std::fprintf(stderr, "%s\n", e.what());
     }
-    ::_exit(::write(ends[1], &seconds, sizeof seconds) == sizeof seconds ? 0 : 1);
+    ::_exit(::write(ends[1], &cost, sizeof cost) == sizeof cost ? 0 : 1);
   }
-  double seconds = -1;
-  const bool isRead = ::read(ends[0], &seconds, sizeof seconds) == sizeof seconds;
+  Cost cost;
+  const bool isRead = ::read(ends[0], &cost, sizeof cost) == sizeof cost;
   ::close(ends[0]);
   ::close(ends[1]);
-  Require(::waitpid(child, nullptr, 0) == child && isRead && seconds >= 0, "a reading went wrong");
-  return seconds;
+  Require(::waitpid(child, nullptr, 0) == child && isRead && cost.seconds >= 0, "a reading went wrong");
+  return cost;
 }
 
-using Times = std::vector<double>;
+using Costs = std::vector<Cost>;
 
-double MedianRatio(const Times& ours, const Times& others) {
-  Times ratios;
-  for (std::size_t i = 0; i < ours.size(); ++i) ratios.push_back(ours[i] / others[i]);
+double MedianRatio(const Costs& ours, const Costs& others, double Cost::*clock) {
+  std::vector<double> ratios;
+  for (std::size_t i = 0; i < ours.size(); ++i) ratios.push_back(ours[i].*clock / others[i].*clock);
   return bench::Median(ratios);
 }
 
@@ -233,18 +247,26 @@ class Comparison {
   }
 
   void Beside(const char* title, Values values, const Question& question) {
-    std::array<Times, kFormats.size()> times;
-    Times plain;
+    constexpr std::size_t kPlain = kFormats.size();
+    std::array<Costs, kPlain + 1> costs;
     for (int round = 0; round < Rounds(); ++round) {
       for (std::size_t i = 0; i < kFormats.size(); ++i) {
-        const Format& format = kFormats[i];
-        times[i].push_back(SecondsInChild([&] { Check(Read(format, PathOf(format), values, question), question); }));
-        if (i == 0) plain.push_back(SecondsInChild([&] { ReadPlainly(PathOf(format)); }));
+        const std::string path = PathOf(kFormats[i]);
+        costs[i].push_back(CostInChild([&] { Check(Read(kFormats[i], path, values, question), question); }));
+        if (i == 0) costs[kPlain].push_back(CostInChild([&] { ReadPlainly(path); }));
       }
     }
-    std::printf("  %-10s %8.1f ms; times GeoPackage %.2f, Shapefile %.2f, FlatGeobuf %.2f, plain read() %.2f\n", title,
-                1e3 * bench::Median(times[0]), MedianRatio(times[0], times[1]), MedianRatio(times[0], times[2]),
-                MedianRatio(times[0], times[3]), MedianRatio(times[0], plain));
+    for (const bool ofProcessor : {false, true}) {
+      double Cost::*const clock = ofProcessor ? &Cost::processorSeconds : &Cost::seconds;
+      std::vector<double> ours;
+      for (const Cost& cost : costs[0]) ours.push_back(cost.*clock);
+      std::printf("  %-10s %-9s %6.1f ms", title, ofProcessor ? "processor" : "time", 1e3 * bench::Median(ours));
+      for (std::size_t i = 1; i < costs.size(); ++i) {
+        std::printf(", %.2f of %s", MedianRatio(costs[0], costs[i], clock),
+                    i == kPlain ? "plain read()" : kFormats[i].driver);
+      }
+      std::printf("\n");
+    }
   }
 
   Case m_case;
