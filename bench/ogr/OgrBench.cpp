@@ -273,16 +273,20 @@ class Comparison {
   bench::ScratchFolder m_folder;
 };
 
-// Of a reading that lets its features go, in files of one and of ten lengths.
+// Of a reading that lets its features go, in files of one and of ten lengths. The directory of the features grows up to
+// its limit.
 void CompareMemory() {
   const bench::ScratchFolder folder;
-  std::array<double, 2> grown{};
-  for (std::size_t i = 0; i < grown.size(); ++i) {
-    const std::string path = folder / ("memory_" + std::to_string(i) + ".kesp");
-    Write(kFormats[0], {i == 0 ? 20000 : 200000, 10, 1}, path);
-    grown[i] = bench::GrowthInChild([&] { Read(kFormats[0], path, Values::kLetGo); });
+  constexpr std::array<long, 2> kFeatures{20000, 200000};
+  const auto path = [&](long features) { return folder / (std::to_string(features) + ".kesp"); };
+  for (const long features : kFeatures) Write(kFormats[0], {features, 10, 1}, path(features));
+  for (const char* const limit : {"1048576", "10000"}) {
+    CPLSetConfigOption("KESP_DIRECTORY_ENTRIES", limit);
+    for (const long features : kFeatures) {
+      const double grown = bench::GrowthInChild([&] { Read(kFormats[0], path(features), Values::kLetGo); });
+      std::printf("Memory of reading %ld lines with at most %s entries: %.1f MiB\n", features, limit, grown);
+    }
   }
-  std::printf("Memory of reading 20,000 lines: %.1f MiB; 200,000 lines: %.1f MiB\n", grown[0], grown[1]);
 }
 
 }  // namespace
