@@ -27,21 +27,23 @@ std::unique_ptr<OGRFeature> FeatureBuilder::Collect(const RecordView& record, Cu
   auto feature = std::make_unique<OGRFeature>(&m_definition);
   // QGIS 3 sets OGR_STYLE ignored whenever it reads, also when it then draws by the style.
   const FeatureView view = record.AsFeature();
-  const std::string style = StyleOf(view.FeatureType(), view.Color(), m_colors);
-  if (!style.empty()) feature->SetStyleString(style.c_str());
+  if (view.Color() != std::exchange(m_styleColor, view.Color())) {
+    m_style = StyleOf(m_layer.kind, view.Color(), m_colors);
+  }
+  if (!m_style.empty()) feature->SetStyleString(m_style.c_str());
   CollectInto(*feature, record, cursor);
   return feature;
 }
 
 void FeatureBuilder::AddRow(const RecordView& record, Cursor& cursor, ArrowRows& rows) {
   CollectInto(rows, record, cursor);
-  if (!m_vertices.empty() && m_definition.IsGeometryIgnored() == FALSE) AddWkb(rows);
+  if (!m_vertices.IsEmpty() && m_definition.IsGeometryIgnored() == FALSE) AddWkb(rows);
   rows.EndRow();
 }
 
 template <class Row>
 void FeatureBuilder::CollectInto(Row& row, const RecordView& record, Cursor& cursor) {
-  m_vertices.clear();
+  m_vertices.Clear();
   m_further.clear();
   m_bounds = {};
   ++m_feature;
@@ -72,6 +74,7 @@ void FeatureBuilder::ReadRun(std::uint32_t number, Cursor& cursor, Row& row) {
         break;
       case KESP_RECORD_POINT:
         if (record->AsPoint().FeatureNumber() == number) TakePoint(*record);
+        TakePoints(number, cursor.ReadPoints());
         break;
       case KESP_RECORD_ATTRIBUTE:
         if (record->AsAttribute().FeatureNumber() == number) TakeAttribute(*record, row);
@@ -96,12 +99,21 @@ void FeatureBuilder::ReadStragglers(std::uint32_t number, std::uint64_t position
 
 void FeatureBuilder::TakePoint(const RecordView& record) {
   m_allFlags |= record.Flags();
-  const PointView point = record.AsPoint();
+  TakePoint(record.AsPoint());
+}
+
+void FeatureBuilder::TakePoints(std::uint32_t number, const PointRun& run) {
+  for (std::size_t i = 0; i < run.Size(); ++i) {
+    if (run[i].FeatureNumber() == number) TakePoint(run[i]);
+  }
+}
+
+void FeatureBuilder::TakePoint(const PointView& point) {
   const double x = point.CoordX();
   const double y = point.CoordY();
   if (!std::isfinite(x) || !std::isfinite(y)) return;
   m_bounds.Include(x, y);
-  m_vertices.push_back({x, y, point.CoordZ(), MeasureOf(point)});
+  m_vertices.Add({x, y, point.CoordZ(), MeasureOf(point)});
 }
 
 template <class Row>
@@ -157,7 +169,7 @@ OGRwkbGeometryType FeatureBuilder::GeometryType(const LayerPlan& layer) noexcept
 }
 
 void FeatureBuilder::AddGeometry(OGRFeature& feature) const {
-  if (m_vertices.empty()) return;
+  if (m_vertices.IsEmpty()) return;
   std::unique_ptr<OGRGeometry> geometry = MakeGeometry();
   geometry->assignSpatialReference(m_crs);
   feature.SetGeometryDirectly(geometry.release());
@@ -177,37 +189,34 @@ std::unique_ptr<OGRGeometry> FeatureBuilder::MakeGeometry() const {
     return area;
   }
   const auto makePoint = [](const Vertex& v) { return std::make_unique<OGRPoint>(v.x, v.y, v.z, v.m); };
-  if (IsSinglePoint()) return makePoint(m_vertices.front());
+  if (IsSinglePoint()) return makePoint(m_vertices[0]);
   auto points = std::make_unique<OGRMultiPoint>();
-  for (const Vertex& vertex : m_vertices) points->addGeometryDirectly(makePoint(vertex).release());
+  for (std::size_t i = 0; i < m_vertices.Size(); ++i) {
+    points->addGeometryDirectly(makePoint(m_vertices[i]).release());
+  }
   return points;
 }
 
 bool FeatureBuilder::IsSinglePoint() const {
-  return wkbFlatten(m_definition.GetGeomType()) == wkbPoint && m_vertices.size() == 1;
+  return wkbFlatten(m_definition.GetGeomType()) == wkbPoint && m_vertices.Size() == 1;
 }
 
 std::size_t FeatureBuilder::CountOfCurve(bool close) const noexcept {
-  const Vertex& first = m_vertices.front();
-  const Vertex& last = m_vertices.back();
-  const bool isClosed = m_vertices.size() > 1 && first.x == last.x && first.y == last.y && first.z == last.z;
-  return m_vertices.size() + (close && !isClosed ? 1 : 0);
+  const Vertex first = m_vertices[0];
+  const Vertex last = m_vertices[m_vertices.Size() - 1];
+  const bool isClosed = m_vertices.Size() > 1 && first.x == last.x && first.y == last.y && first.z == last.z;
+  return m_vertices.Size() + (close && !isClosed ? 1 : 0);
 }
 
 void FeatureBuilder::PutVertices(OGRSimpleCurve& curve, bool close) const {
-  const int count = static_cast<int>(m_vertices.size());
-  curve.setNumPoints(static_cast<int>(CountOfCurve(close)));
-  curve.set3D(TRUE);
-  curve.setMeasured(TRUE);
-  for (int i = 0; i < curve.getNumPoints(); ++i) {
-    const Vertex& v = m_vertices[static_cast<std::size_t>(i < count ? i : 0)];
-    curve.setPoint(i, v.x, v.y, v.z, v.m);
-  }
+  m_vertices.CopyTo(curve);
+  const Vertex first = m_vertices[0];
+  if (CountOfCurve(close) != m_vertices.Size()) curve.addPoint(first.x, first.y, first.z, first.m);
 }
 
 std::byte* FeatureBuilder::PutWkb(std::byte* to, std::size_t count) const {
   for (std::size_t i = 0; i < count; ++i) {
-    const Vertex& v = m_vertices[i < m_vertices.size() ? i : 0];
+    const Vertex v = m_vertices[i < m_vertices.Size() ? i : 0];
     to = PutWkbVertex(to, v.x, v.y, v.z, v.m);
   }
   return to;
@@ -228,9 +237,12 @@ void FeatureBuilder::AddWkb(ArrowRows& rows) const {
     (void)PutWkb(PutWkbCount(to, count), count);
     return;
   }
-  std::byte* to = rows.AddGeometry(kWkbHead + kWkbCount + m_vertices.size() * (kWkbHead + kWkbVertex));
-  to = PutWkbCount(PutWkbHead(to, wkbMultiPoint), m_vertices.size());
-  for (const Vertex& v : m_vertices) to = PutWkbVertex(PutWkbHead(to, wkbPoint), v.x, v.y, v.z, v.m);
+  std::byte* to = rows.AddGeometry(kWkbHead + kWkbCount + m_vertices.Size() * (kWkbHead + kWkbVertex));
+  to = PutWkbCount(PutWkbHead(to, wkbMultiPoint), m_vertices.Size());
+  for (std::size_t i = 0; i < m_vertices.Size(); ++i) {
+    const Vertex v = m_vertices[i];
+    to = PutWkbVertex(PutWkbHead(to, wkbPoint), v.x, v.y, v.z, v.m);
+  }
 }
 
 }  // namespace kesp::ogr

@@ -19,6 +19,7 @@
 #include "ogr/Crs.h"
 #include "ogr/Schema.h"
 #include "ogr/Survey.h"
+#include "ogr/Vertices.h"
 
 class OGRPoint;
 class OGRSimpleCurve;
@@ -45,9 +46,7 @@ class FeatureBuilder {
   static OGRwkbGeometryType GeometryType(const LayerPlan& layer) noexcept;
 
  private:
-  struct Vertex {
-    double x, y, z, m;
-  };
+  using Vertex = MeasuredVertex;
   struct Further {
     std::string name, value, subValue;
   };
@@ -59,6 +58,8 @@ class FeatureBuilder {
   template <class Row>
   void ReadStragglers(std::uint32_t number, std::uint64_t position, Row& row);
   void TakePoint(const RecordView& record);
+  void TakePoint(const PointView& point);
+  void TakePoints(std::uint32_t number, const PointRun& run);
   template <class Row>
   void TakeAttribute(const RecordView& record, Row& row);
   void AddFurther(const AttributeView& attribute);
@@ -80,8 +81,10 @@ class FeatureBuilder {
   OGRFeatureDefn& m_definition;
   OGRSpatialReference* m_crs;
   Cursor m_stragglers;
+  std::uint32_t m_styleColor = 0;  // of m_style
+  std::string m_style;
   // Of the feature that was collected last.
-  std::vector<Vertex> m_vertices;
+  Vertices m_vertices;
   std::vector<Further> m_further;
   std::vector<std::uint64_t> m_lastWith;  // by attribute code, the last feature that had it, as m_feature was then
   std::uint64_t m_feature = 0;

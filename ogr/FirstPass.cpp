@@ -41,7 +41,7 @@ void FirstPass::Take(const RecordView& record) {
       if (m_run.Has(record.AsFeatureEnd().FeatureNumber())) EndRun();
       return m_run.See(record);
     case KESP_RECORD_POINT:
-      return TakePoint(record);
+      return TakePoints(record);
     case KESP_RECORD_ATTRIBUTE:
       return TakeAttribute(record);
     case KESP_RECORD_NOTE:
@@ -83,24 +83,32 @@ void FirstPass::EndRun() {
   m_pointsOfFeature = 0;
 }
 
-void FirstPass::TakePoint(const RecordView& record) {
-  const PointView point = record.AsPoint();
+// With those that follow.
+void FirstPass::TakePoints(const RecordView& record) {
+  TakePoint(record.AsPoint(), record.Position());
+  const PointRun run = m_cursor.ReadPoints();
+  for (std::size_t i = 0; i < run.Size(); ++i) {
+    m_survey.lastPoint = std::max(m_survey.lastPoint, run[i].PointNumber());
+    TakePoint(run[i], run.PositionOf(i));
+  }
+}
+
+void FirstPass::TakePoint(const PointView& point, std::uint64_t position) {
   const double x = point.CoordX();
   const double y = point.CoordY();
   const bool isFinite = std::isfinite(x) && std::isfinite(y);
-  if (!m_run.Has(point.FeatureNumber())) return TakeStraggler(record, isFinite);
+  if (!m_run.Has(point.FeatureNumber())) return TakeStraggler(point, position, isFinite);
   ++m_survey.points;
   if (!isFinite) return;
   m_box.Include(x, y);
   if (++m_pointsOfFeature > 1) m_survey.layers[m_layer].hasSeveralPoints = true;
 }
 
-void FirstPass::TakeStraggler(const RecordView& record, bool isFinite) {
-  const PointView point = record.AsPoint();
+void FirstPass::TakeStraggler(const PointView& point, std::uint64_t position, bool isFinite) {
   const std::optional<std::size_t> owner = m_survey.directory.Find(point.FeatureNumber());
   if (!owner) return;
   ++m_survey.points;
-  m_survey.directory.AddStraggler(point.FeatureNumber(), static_cast<std::uint32_t>(record.Position()));
+  m_survey.directory.AddStraggler(point.FeatureNumber(), static_cast<std::uint32_t>(position));
   if (!isFinite) return;
   Box box;
   box.Include(point.CoordX(), point.CoordY());

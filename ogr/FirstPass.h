@@ -25,8 +25,9 @@ class FirstPass {
   void NoteNumber(const RecordView& record);
   void TakeFeature(const RecordView& record);
   void EndRun();
-  void TakePoint(const RecordView& record);
-  void TakeStraggler(const RecordView& record, bool isFinite);
+  void TakePoints(const RecordView& record);
+  void TakePoint(const PointView& point, std::uint64_t position);
+  void TakeStraggler(const PointView& point, std::uint64_t position, bool isFinite);
   void TakeAttribute(const RecordView& record);
   void TakeStragglingAttribute(const RecordView& record);
   void TakeTag(const RecordView& record);

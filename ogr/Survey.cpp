@@ -50,8 +50,9 @@ std::uint16_t Survey::NameCodeOf(const TextView& name) const {
 }
 
 std::uint16_t Survey::AddName(const TextView& name) {
-  const std::size_t code = names.Add(name);
-  return code != TextTable::kNone ? static_cast<std::uint16_t>(code) : FurtherName(TextTable::HashOf(name));
+  std::uint32_t hash = 0;
+  const std::size_t code = names.Add(name, hash);
+  return code != TextTable::kNone ? static_cast<std::uint16_t>(code) : FurtherName(hash);
 }
 
 std::size_t Survey::LayerOf(KESP_FEATURE_TYPE kind, std::uint16_t name) const {

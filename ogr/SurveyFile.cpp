@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <limits>
 #include <system_error>
+#include <utility>
 
 #include <cpl_error.h>
 #include <cpl_vsi.h>
@@ -145,6 +146,12 @@ const RecordView* Cursor::Read() {
   return Step() ? &m_view : nullptr;
 }
 
+PointRun Cursor::ReadPoints() {
+  const PointRun run = m_file.m_container.ReadPointRun();
+  if (run.Size() != 0) m_lastInRun = run.PositionOf(run.Size() - 1);
+  return run;
+}
+
 std::unique_ptr<CKespRecord> Cursor::ReadObject(std::uint64_t position) {
   GoTo(position);
   TakeOver();
@@ -156,7 +163,7 @@ std::unique_ptr<CKespRecord> Cursor::ReadObject(std::uint64_t position) {
 }
 
 bool Cursor::Step() {
-  m_before = m_view.Position();
+  m_before = std::max(m_view.Position(), std::exchange(m_lastInRun, 0));
   try {
     if (m_file.m_container.ReadNextView(m_view, m_skipsDeleted)) return true;
     EndWith(m_file.m_container.GetError());

@@ -69,6 +69,9 @@ class Cursor {
   void GoTo(std::uint64_t position, Wants wants = Wants::kSome);
   // The next record, valid until any cursor of the file reads; null at the end of the walk.
   const RecordView* Read();
+  // What the next calls of Read would return, as far as it is a run of points that can be had at once. Only after a
+  // Read that returned a record, which stays valid.
+  PointRun ReadPoints();
   // The record at an offset as an object; null if it can't be read. The cursor is then of no further use.
   std::unique_ptr<CKespRecord> ReadObject(std::uint64_t position);
   // The next Read returns the record of the last one again.
@@ -88,8 +91,9 @@ class Cursor {
   RecordView m_view;
   bool m_isPending = false;
   Start m_start = Start::kFirst;
-  std::uint64_t m_position = 0;  // where to go on after another cursor has read
-  std::uint64_t m_before = 0;    // of the record before
+  std::uint64_t m_position = 0;   // where to go on after another cursor has read
+  std::uint64_t m_before = 0;     // of the record before
+  std::uint64_t m_lastInRun = 0;  // of the last point that ReadPoints returned
   WalkEnd m_end;
 };
 

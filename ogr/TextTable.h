@@ -25,12 +25,17 @@ class TextTable {
   TextTable(std::size_t most, LetterCase letterCase) : m_most(most), m_letterCase(letterCase) {}
 
   static constexpr std::size_t kNone = ~std::size_t{0};
-  // The code of a text, which is how many others came before it; kNone if it is not there and the table is full.
+  // The code of a text, which is how many others came before it; kNone if it is not there and the table is full. `hash`
+  // is then the text's.
   std::size_t Add(const TextView& text) {
+    std::uint32_t hash = 0;
+    return Add(text, hash);
+  }
+  std::size_t Add(const TextView& text, std::uint32_t& hash) {
     if (const std::size_t next = Predicted(text); next != kNone) return next;
     Units units;
     const std::u16string_view spelling = text.CopyTo(units);
-    const std::uint32_t hash = HashOf(spelling);
+    hash = HashOf(spelling);
     const std::size_t found = Find(spelling, hash);
     if (found != kNone || Size() == m_most) return found;
     (m_units += spelling) += u'\0';

@@ -353,4 +353,21 @@ class RecordView {
   std::span<const std::byte> m_body;
 };
 
+// Points that lie one after another, all of the newest version and without flags. Valid as long as a view.
+class PointRun {
+ public:
+  std::size_t Size() const noexcept { return m_size; }
+  // Below Size().
+  PointView operator[](std::size_t index) const noexcept { return {m_body + index * m_stride, m_version}; }
+  std::uint64_t PositionOf(std::size_t index) const noexcept { return m_position + index * m_stride; }
+
+ private:
+  friend class ::CKespDataFile;
+  const std::byte* m_body = nullptr;  // of the first
+  std::size_t m_size = 0;
+  std::size_t m_stride = 0;  // bytes from one to the next
+  std::uint64_t m_position = 0;
+  std::uint16_t m_version = 0;
+};
+
 }  // namespace kesp

@@ -57,6 +57,7 @@ namespace kesp {
 class ByteSource;
 class ColumnReader;
 class RecordPlaces;
+class PointRun;
 class RecordView;
 class StoreReader;
 struct RecordHeader;
@@ -145,6 +146,9 @@ class KESP_EXPORT CKespDataFile {
   // The same, but stops at each record that ReadNextView skips too, and returns what its header says: IsSkipped() of
   // the view is true then, and it has no body.
   [[nodiscard]] bool ReadNextStep(kesp::RecordView& view, bool skipDeleted);
+  // What the next calls of ReadNextView would return, as far as it is in the read buffer and a run of points. An empty
+  // run says nothing of what comes next. Views that were returned before stay valid.
+  [[nodiscard]] kesp::PointRun ReadPointRun();
   // A lone position would convert to true.
   template <std::integral Number>
   requires(!std::same_as<Number, bool>) CKespRecord* ReadNextRecord(Number) = delete;

@@ -98,6 +98,19 @@ bool CKespDataFile::ReadNextStep(kesp::RecordView& view, bool skipDeleted) {
   return ViewNext(view, skipDeleted, Skipped::kReturned);
 }
 
+kesp::PointRun CKespDataFile::ReadPointRun() {
+  kesp::PointRun run;
+  if (!IsOpen()) return run;
+  run.m_position = m_file.GetPosition();
+  const std::span<const std::byte> points = ViewPlainPoints(std::numeric_limits<std::size_t>::max());
+  if (points.empty()) return run;
+  run.m_body = points.data() + kesp::kRecordHeaderSize;
+  run.m_size = points.size() / kesp::kPlainPointSize;
+  run.m_stride = kesp::kPlainPointSize;
+  run.m_version = kesp::kNewestPoint;
+  return run;
+}
+
 inline bool CKespDataFile::ViewNext(kesp::RecordView& view, bool skipDeleted, Skipped skipped) {
   m_error = KESP_ERROR_NONE;
   m_ranOutOfMemory = false;

@@ -85,6 +85,25 @@ TEST_F(KespDataFileViewing, StopsAtSkippedRecordsWhenAsked) {
   }
 }
 
+// Up to a flag, another version or another length.
+TEST_F(KespDataFileViewing, ReturnsPlainPointsAtOnce) {
+  const ByteVector body = SampleBody(KESP_RECORD_POINT, 2);
+  const ByteVector plain = Record(KESP_RECORD_POINT, 2, 0, body);
+  const ByteVector old = Record(KESP_RECORD_POINT, 1, 0, SampleBody(KESP_RECORD_POINT, 1));
+  const ByteVector longer = WithLength(plain, static_cast<std::uint32_t>(body.size() + 1));
+  for (const ByteVector& other : {EndOf(1), old, longer, Record(KESP_RECORD_POINT, 2, 1, body)}) {
+    Open(plain + plain + plain + other, true);
+    ASSERT_TRUE(file.ReadNextView(view, true));
+    const kesp::PointRun run = file.ReadPointRun();
+    ASSERT_EQ(run.Size(), 2u);
+    EXPECT_EQ(run.PositionOf(1), view.Position() + 2 * plain.size());
+    EXPECT_EQ(run[1].CoordX(), view.AsPoint().CoordX());
+    EXPECT_EQ(run[1].PointText().ToUtf8(), view.AsPoint().PointText().ToUtf8());
+    EXPECT_EQ(file.GetPosition(), kFirst + 3 * plain.size());
+    EXPECT_EQ(file.ReadPointRun().Size(), 0u);
+  }
+}
+
 TEST_F(KespDataFileViewing, HoldsTheFirstPartOfALongTag) {
   constexpr auto kMost = static_cast<std::uint32_t>(TagView::kMostBlock);
   const auto named = [](std::uint32_t nameBytes, std::uint32_t payload) {
