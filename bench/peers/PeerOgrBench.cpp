@@ -1,5 +1,5 @@
 // This format and the shapefile in the comparison with other formats, through OGR as the others are:
-// OgrBench NAME write|read|scan|bbox|name|raw PATH N P A
+// PeerOgrBench NAME write|read|scan|bbox|name|raw PATH N P A
 //
 // NAME begins with `kesp` or `shp`. Point features and lines are two layers, and two shapefiles in the folder PATH.
 // GDAL_DRIVER_PATH names the folder of the plugin. If NAME ends with `arrow`, `read` and `scan` take columns from a
