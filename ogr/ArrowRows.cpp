@@ -69,7 +69,7 @@ std::byte* ArrowBuffer::Append(std::size_t size) {
   if (m_data == nullptr || size > m_room - m_size) {
     constexpr std::size_t kLeast = 1024;
     const std::size_t room = std::max({kLeast, 2 * m_room, m_size + size});
-    void* const data = std::realloc(m_data.get(), room);
+    void* const data = std::realloc(m_data.get(), room);  // NOLINT(cppcoreguidelines-no-malloc): may grow in place
     if (data == nullptr) throw std::bad_alloc();
     (void)m_data.release();
     m_data.reset(static_cast<std::byte*>(data));
@@ -140,7 +140,7 @@ void ArrowColumn::Export(ArrowArray& array) && {
 
 ArrowRows::ArrowRows(const OGRFeatureDefn& definition, const CPLStringList& options)
     : m_mostRows(static_cast<std::size_t>(
-          std::max(1, std::atoi(options.FetchNameValueDef("MAX_FEATURES_IN_BATCH", "65536"))))) {
+          std::max(1L, std::strtol(options.FetchNameValueDef("MAX_FEATURES_IN_BATCH", "65536"), nullptr, 10)))) {
   const auto add = [this](ArrowColumn::Layout layout) {
     m_columns.emplace_back(layout);
     return static_cast<int>(m_columns.size()) - 1;

@@ -33,7 +33,7 @@ class ArrowBuffer {
 
  private:
   struct Free {
-    void operator()(std::byte* data) const noexcept { std::free(data); }
+    void operator()(std::byte* data) const noexcept { std::free(data); }  // NOLINT(cppcoreguidelines-no-malloc)
   };
   std::unique_ptr<std::byte, Free> m_data;
   std::size_t m_size = 0, m_room = 0;

@@ -78,7 +78,7 @@ int Layer::GetNextArrowArray(ArrowArrayStream* stream, ArrowArray* batch) {
 
 int Layer::MakeBatch(ArrowArrayStream* stream, ArrowArray* batch) try {
   *batch = {};
-  if (!CanMakeColumns() || IsFiltered()) {
+  if (!HasFastStream()) {
     const int result = OGRLayer::GetNextArrowArray(stream, batch);
     if (result == 0) RemoveDictionaries(*batch);
     return result;
@@ -95,7 +95,7 @@ int Layer::MakeBatch(ArrowArrayStream* stream, ArrowArray* batch) try {
 
 int Layer::TestCapability(const char* capability) {
   const auto is = [capability](const char* name) { return EQUAL(capability, name); };
-  if (is(OLCFastGetArrowStream)) return CanMakeColumns() && !IsFiltered() ? TRUE : FALSE;
+  if (is(OLCFastGetArrowStream)) return static_cast<int>(HasFastStream());
   if (is(OLCFastFeatureCount)) return IsFiltered() ? FALSE : TRUE;
   const bool isWritable = m_dataset.Editing() != nullptr;
   if (is(OLCSequentialWrite)) return isWritable && CanAdd() ? TRUE : FALSE;

@@ -40,6 +40,7 @@ class Layer : public OGRLayer {
   int GetNextArrowArray(ArrowArrayStream* stream, ArrowArray* batch) override;
   int GetArrowSchema(ArrowArrayStream* stream, ArrowSchema* schema) override;
   virtual bool CanMakeColumns() const { return false; }
+  bool HasFastStream() const { return CanMakeColumns() && !IsFiltered(); }
   // Adds the next row; false at the end.
   virtual bool AddNextRow(ArrowRows& /*rows*/) { return false; }
   // Filters see fields that are ignored; the feature that is returned doesn't have them.
