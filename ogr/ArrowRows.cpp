@@ -69,7 +69,7 @@ std::byte* ArrowBuffer::Append(std::size_t size) {
   if (m_data == nullptr || size > m_room - m_size) {
     constexpr std::size_t kLeast = 1024;
     const std::size_t room = std::max({kLeast, 2 * m_room, m_size + size});
-    void* const data = std::realloc(m_data.get(), room);  // NOLINT(cppcoreguidelines-no-malloc): may grow in place
+    void* const data = VSIRealloc(m_data.get(), room);
     if (data == nullptr) throw std::bad_alloc();
     (void)m_data.release();
     m_data.reset(static_cast<std::byte*>(data));

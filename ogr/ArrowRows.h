@@ -6,12 +6,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
 
 #include <cpl_string.h>
+#include <cpl_vsi.h>
 #include <ogr_feature.h>
 
 struct ArrowArray;
@@ -33,7 +33,7 @@ class ArrowBuffer {
 
  private:
   struct Free {
-    void operator()(std::byte* data) const noexcept { std::free(data); }  // NOLINT(cppcoreguidelines-no-malloc)
+    void operator()(std::byte* data) const noexcept { VSIFree(data); }
   };
   std::unique_ptr<std::byte, Free> m_data;
   std::size_t m_size = 0, m_room = 0;

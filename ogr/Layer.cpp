@@ -78,7 +78,7 @@ int Layer::GetNextArrowArray(ArrowArrayStream* stream, ArrowArray* batch) {
 
 int Layer::MakeBatch(ArrowArrayStream* stream, ArrowArray* batch) try {
   *batch = {};
-  if (!HasFastStream()) {
+  if (!CanMakeColumns() || IsFiltered()) {
     const int result = OGRLayer::GetNextArrowArray(stream, batch);
     if (result == 0) RemoveDictionaries(*batch);
     return result;
@@ -93,22 +93,26 @@ int Layer::MakeBatch(ArrowArrayStream* stream, ArrowArray* batch) try {
   return ENOMEM;
 }
 
-int Layer::TestCapability(const char* capability) {
+bool Layer::CanWrite(const char* capability) {
   const auto is = [capability](const char* name) { return EQUAL(capability, name); };
-  if (is(OLCFastGetArrowStream)) return static_cast<int>(HasFastStream());
-  if (is(OLCFastFeatureCount)) return IsFiltered() ? FALSE : TRUE;
-  const bool isWritable = m_dataset.Editing() != nullptr;
-  if (is(OLCSequentialWrite)) return isWritable && CanAdd() ? TRUE : FALSE;
-  if (is(OLCRandomWrite)) return isWritable && CanChange() ? TRUE : FALSE;
-  if (is(OLCDeleteFeature)) return isWritable && CanDelete() ? TRUE : FALSE;
-  if (is(OLCTransactions)) return isWritable ? TRUE : FALSE;
-  if (is(OLCFastGetExtent) && m_dataset.Contents().isEdited) return FALSE;
-  if (is(OLCRandomRead)) return IsIndexed() ? TRUE : FALSE;
-  if (is(OLCFastGetExtent) || is(OLCFastSpatialFilter) || is(OLCZGeometries) || is(OLCMeasuredGeometries)) {
-    return Bounds() != nullptr ? TRUE : FALSE;
-  }
-  return is(OLCStringsAsUTF8) || is(OLCIgnoreFields) ? TRUE : FALSE;
+  if (m_dataset.Editing() == nullptr) return false;
+  if (is(OLCSequentialWrite)) return CanAdd();
+  if (is(OLCRandomWrite)) return CanChange();
+  if (is(OLCDeleteFeature)) return CanDelete();
+  return is(OLCTransactions);
 }
+
+bool Layer::CanRead(const char* capability) {
+  const auto is = [capability](const char* name) { return EQUAL(capability, name); };
+  if (is(OLCFastGetArrowStream)) return CanMakeColumns() && !IsFiltered();
+  if (is(OLCFastFeatureCount)) return !IsFiltered();
+  if (is(OLCRandomRead)) return IsIndexed();
+  if (is(OLCFastGetExtent)) return Bounds() != nullptr && !m_dataset.Contents().isEdited;
+  if (is(OLCFastSpatialFilter) || is(OLCZGeometries) || is(OLCMeasuredGeometries)) return Bounds() != nullptr;
+  return is(OLCStringsAsUTF8) || is(OLCIgnoreFields);
+}
+
+int Layer::TestCapability(const char* capability) { return CanRead(capability) || CanWrite(capability) ? TRUE : FALSE; }
 
 Box Layer::FilterBox() const noexcept {
   return {m_sFilterEnvelope.MinX, m_sFilterEnvelope.MinY, m_sFilterEnvelope.MaxX, m_sFilterEnvelope.MaxY};

@@ -40,7 +40,6 @@ class Layer : public OGRLayer {
   int GetNextArrowArray(ArrowArrayStream* stream, ArrowArray* batch) override;
   int GetArrowSchema(ArrowArrayStream* stream, ArrowSchema* schema) override;
   virtual bool CanMakeColumns() const { return false; }
-  bool HasFastStream() const { return CanMakeColumns() && !IsFiltered(); }
   // Adds the next row; false at the end.
   virtual bool AddNextRow(ArrowRows& /*rows*/) { return false; }
   // Filters see fields that are ignored; the feature that is returned doesn't have them.
@@ -70,6 +69,8 @@ class Layer : public OGRLayer {
 
  private:
   OGRErr ICreateFeature(OGRFeature* feature) final;
+  bool CanRead(const char* capability);
+  bool CanWrite(const char* capability);
   int MakeBatch(ArrowArrayStream* stream, ArrowArray* batch);
 
   WalkEnd m_end;  // of the last walk that ended

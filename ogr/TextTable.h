@@ -79,7 +79,7 @@ class TextTable {
   }
   std::u16string_view Spelling(std::size_t code) const noexcept {
     const std::size_t begin = code == 0 ? 0 : m_ends[code - 1];
-    return std::u16string_view(m_units).substr(begin, m_ends[code] - begin - 1);
+    return {m_units.data() + begin, m_ends[code] - begin - 1};
   }
   bool IsSame(std::u16string_view a, std::u16string_view b) const noexcept {
     if (m_letterCase == LetterCase::kMatters) return a == b;

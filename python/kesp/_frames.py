@@ -15,9 +15,9 @@ from ._tables import Path, Progress, times_of
 from ._values import EDITED_FLAGS, TAG_KINDS, date_of
 
 LAYERS = ("points", "lines", "areas", "vertices", "notes", "tags", "links")
-_TYPES = {"points": 1, "lines": 2, "areas": 3}
-_FIELDS = ["feature_name", "feature_color", "feature_symbol", "deleted", "edited"]
-_TEXT, _NUMBER, _MENU, _DATE = 1, 2, 3, 4
+TYPES = {"points": 1, "lines": 2, "areas": 3}
+FIELDS = ["feature_name", "feature_color", "feature_symbol", "deleted", "edited"]
+TEXT, NUMBER, MENU, DATE = 1, 2, 3, 4
 
 
 def _words(column: tuple) -> np.ndarray:
@@ -27,91 +27,99 @@ def _words(column: tuple) -> np.ndarray:
     return table[codes]
 
 
-def _fold(name: str) -> str:
+def fold(name: str) -> str:
     """Equal for names that differ in the case of A to Z only."""
     return "".join(c.lower() if "A" <= c <= "Z" else c for c in name)
 
 
-def _take_name(name: str, taken: set) -> str:
+def take_name(name: str, taken: set) -> str:
     """The name, or with _2, _3 ... if it is taken."""
     unique, n = name, 2
-    while _fold(unique) in taken:
+    while fold(unique) in taken:
         unique, n = f"{name}_{n}", n + 1
-    taken.add(_fold(unique))
+    taken.add(fold(unique))
     return unique
 
 
 def _as_text(kind: int, text: str, number: float, decimals: int) -> str:
-    if kind == _NUMBER:
+    if kind == NUMBER:
         return f"{number:.{decimals}f}"
-    if kind == _DATE:
+    if kind == DATE:
         date = date_of(number)
         return "" if date is None else date.isoformat()
     return text
 
 
-class _AttributeColumns:
-    """Makes a column for each attribute name of some features, whose rows are given by ``row_of``."""
+class AttributeColumns:
+    """Makes a column for each attribute name of some features."""
 
-    def __init__(self, attributes: dict, row_of: np.ndarray, rows: int) -> None:
+    def __init__(self, attributes: dict, rows: int) -> None:
         codes, names = attributes["name"]
-        folded: dict = {}
-        merged = np.array([folded.setdefault(_fold(n), len(folded)) for n in names], dtype=np.int64)
-        keep = row_of[attributes["feature"]] >= 0 if len(row_of) else np.zeros(0, dtype=bool)
+        self._ids: dict = {}
+        merged = np.array([self._ids.setdefault(fold(n), len(self._ids)) for n in names], dtype=np.int64)
         self._rows = rows
-        self._row = row_of[attributes["feature"]][keep]
-        self._name = merged[codes[keep]] if len(names) else np.zeros(0, dtype=np.int64)
+        self._row = attributes["feature"]
+        self._name = merged[codes] if len(names) else np.zeros(0, dtype=np.int64)
         self._spelling = [names[i] for i in np.unique(merged, return_index=True)[1]] if len(names) else []
-        self._kind = attributes["kind"][keep]
-        self._number = attributes["number"][keep]
-        self._decimals = attributes["decimals"][keep]
-        self._text = _words((attributes["text"][0][keep], attributes["text"][1]))
-        self._sub = _words((attributes["sub"][0][keep], attributes["sub"][1]))
+        self._kind = attributes["kind"]
+        self._number = attributes["number"]
+        self._decimals = attributes["decimals"]
+        self._text = _words(attributes["text"])
+        self._sub = _words(attributes["sub"])
+        # Of several attributes of a name in a feature, the first counts.
+        key = self._name * max(rows, 1) + self._row
+        self._first = np.zeros(len(key), dtype=bool)
+        self._first[np.unique(key, return_index=True)[1]] = True
 
     def columns(self, taken: set) -> dict:
-        # Of several attributes of a name in a feature, the first counts.
-        key = self._name * max(self._rows, 1) + self._row
-        first = np.zeros(len(key), dtype=bool)
-        first[np.unique(key, return_index=True)[1]] = True
+        """All of them, by column name."""
         out: dict = {}
         order = np.unique(self._name, return_index=True)
         for name in order[0][np.argsort(order[1])]:
-            at = np.flatnonzero((self._name == name) & first)
+            at = np.flatnonzero((self._name == name) & self._first)
             spelled = self._spelling[name] or "attribute"
-            column = _take_name(spelled, taken)
-            out[column] = self._column(at)
-            if any(self._sub[at][self._kind[at] == _MENU]):
-                out[_take_name(f"{column}_sub", taken)] = self._objects(at, [s or None for s in self._sub[at]])
-        if not first.all():
-            out[_take_name("further_attributes", taken)] = self._further(np.flatnonzero(~first))
+            column = take_name(spelled, taken)
+            kinds = set(self._kind[at].tolist())
+            out[column] = self._column(at, kinds.pop() if len(kinds) == 1 else TEXT)
+            if any(self._sub[at][self._kind[at] == MENU]):
+                out[take_name(f"{column}_sub", taken)] = self._objects(at, [s or None for s in self._sub[at]])
+        if not self._first.all():
+            out[take_name("further_attributes", taken)] = self.further()
         return out
+
+    def column(self, name: str, kind: int, sub: bool = False) -> Any:
+        """The column of a folded name. As NUMBER or DATE, what is of another kind is missing."""
+        at = np.flatnonzero((self._name == self._ids.get(name, -1)) & self._first)
+        if kind in (NUMBER, DATE):
+            at = at[self._kind[at] == kind]
+        return self._objects(at, [s or None for s in self._sub[at]]) if sub else self._column(at, kind)
 
     def _objects(self, at: np.ndarray, values: list) -> np.ndarray:
         column = np.full(self._rows, None, dtype=object)
         column[self._row[at]] = values
         return column
 
-    def _column(self, at: np.ndarray) -> Any:
+    def _column(self, at: np.ndarray, kind: int) -> Any:
         import pandas
 
-        kinds = set(self._kind[at].tolist())
-        if kinds == {_NUMBER}:
+        if kind == NUMBER:
             column = np.full(self._rows, np.nan)
             column[self._row[at]] = self._number[at]
             return column
-        if kinds == {_DATE}:
-            dates = [date_of(d) for d in self._number[at]]
-            return pandas.to_datetime(pandas.Series(self._objects(at, dates)), errors="coerce").to_numpy()
-        if kinds == {_MENU}:
+        if kind == DATE:
+            dates = pandas.Series(self._objects(at, [date_of(d) for d in self._number[at]]))
+            return pandas.to_datetime(dates, errors="coerce").to_numpy()
+        if kind == MENU:
             return pandas.Categorical(self._objects(at, list(self._text[at])))
         return self._objects(at, [self._text_of(i) for i in at])
 
     def _text_of(self, i: int) -> str:
         return _as_text(self._kind[i], self._text[i], float(self._number[i]), int(self._decimals[i]))
 
-    def _further(self, at: np.ndarray) -> np.ndarray:
+    def further(self) -> np.ndarray:
+        """Those after the first of their name in a feature, as JSON."""
         lists: dict = {}
-        for i in at:
+        for i in np.flatnonzero(~self._first):
             entry = {"name": self._spelling[self._name[i]], "value": self._text_of(i), "sub": self._sub[i]}
             lists.setdefault(self._row[i], []).append(entry)
         column = np.full(self._rows, None, dtype=object)
@@ -141,14 +149,22 @@ def _wkb(layer: str, xyz: np.ndarray, several: bool) -> Optional[bytes]:
     return struct.pack("<BII", 1, _LINE, count) + xyz.tobytes()
 
 
-def _geometries(layer: str, points: dict, row_of: np.ndarray, rows: int) -> list:
-    row = row_of[points["feature"]] if len(row_of) else np.zeros(0, dtype=np.int64)
-    keep = (row >= 0) & np.isfinite(points["x"]) & np.isfinite(points["y"]) & np.isfinite(points["z"])
-    order = np.flatnonzero(keep)[np.argsort(row[keep], kind="stable")]
+def geometries(
+    layer: str, points: dict, rows: int, kept: Optional[np.ndarray] = None, mixed: bool = False
+) -> list:
+    """Well-known binary for each row, or for the ``kept`` ones. Of vertices, each point is a row. If a point feature has
+    several points, all are multipoints, or only those that have several if they may be ``mixed``."""
+    if layer == "vertices":
+        layer, rows = "points", len(points["feature"])
+        points = dict(points, feature=np.arange(rows))
+    keep = np.isfinite(points["x"]) & np.isfinite(points["y"]) & np.isfinite(points["z"])
+    order = np.flatnonzero(keep)[np.argsort(points["feature"][keep], kind="stable")]
     xyz = np.column_stack([points["x"][order], points["y"][order], points["z"][order]])
-    bounds = np.searchsorted(row[order], np.arange(rows + 1))
-    several = bool((np.diff(bounds) > 1).any())
-    return [_wkb(layer, xyz[bounds[i] : bounds[i + 1]], several) for i in range(rows)]
+    bounds = np.searchsorted(points["feature"][order], np.arange(rows + 1))
+    counts = np.diff(bounds)
+    least = 1 if mixed or not (counts > 1).any() else 0
+    rows_kept = np.arange(rows) if kept is None else kept
+    return [_wkb(layer, xyz[bounds[i] : bounds[i + 1]], counts[i] > least) for i in rows_kept]
 
 
 def _crs_beside(path: Path) -> Optional[Any]:
@@ -181,55 +197,40 @@ def _marks(flags: np.ndarray) -> dict:
     return {"deleted": (flags & 1) != 0, "edited": (flags & EDITED_FLAGS) != 0}
 
 
-def _feature_frame(layer: str, features: dict, points: dict, attributes: dict) -> tuple:
-    import pandas
-
-    wanted = np.flatnonzero(features["type"] == _TYPES[layer])
-    rows = len(wanted)
-    row_of = np.full(len(features["type"]), -1, dtype=np.int64)
-    row_of[wanted] = np.arange(rows)
-    edited = features["flags"] & EDITED_FLAGS
-    for part in (points, attributes):
-        if len(part["feature"]):
-            np.bitwise_or.at(edited, part["feature"], part["flags"] & EDITED_FLAGS)
-    columns = {
-        "feature_name": _words(features["name"])[wanted],
-        "feature_color": features["color"][wanted].astype(np.int64),
-        "feature_symbol": features["symbol"][wanted].astype(np.int32),
-        "deleted": (features["flags"][wanted] & 1) != 0,
-        "edited": edited[wanted] != 0,
+def feature_columns(features: dict) -> dict:
+    """The index, and the columns that each layer of features has."""
+    number = features["number"].astype(np.int64)
+    return {
+        "feature_number": np.where(features["owns_number"] != 0, number, features["offset"].astype(np.int64) + (1 << 32)),
+        "feature_name": _words(features["name"]),
+        "feature_color": features["color"].astype(np.int64),
+        "feature_symbol": features["symbol"].astype(np.int32),
+        "deleted": (features["flags"] & 1) != 0,
+        "edited": (features["all_flags"] & EDITED_FLAGS) != 0,
     }
-    taken = {*_FIELDS, "feature_number", "geometry"}
-    columns.update(_AttributeColumns(attributes, row_of, rows).columns(taken))
-    number = features["number"][wanted].astype(np.int64)
-    fid = np.where(features["owns_number"][wanted] != 0, number, features["offset"][wanted].astype(np.int64) + (1 << 32))
-    frame = pandas.DataFrame(columns, index=pandas.Index(fid, name="feature_number"))
-    return frame, _geometries(layer, points, row_of, rows)
 
 
-def _vertex_frame(features: dict, points: dict) -> tuple:
-    import pandas
-
-    names = ["text", "time", "z", "status", "gps_value", "gps_number", "has_offset", "offset_1", "offset_2"]
-    columns = {"feature_number": features["number"][points["feature"]], "point_number": points["point_number"]}
-    for name in names:
-        columns[name] = points[name] if name != "text" else _words(points["text"])
-    columns["time"] = times_of(points["time"]).astype("datetime64[ns]")
-    columns["has_offset"] = points["has_offset"] != 0
-    columns.update(_marks(points["flags"]))
-    frame = pandas.DataFrame(columns, index=pandas.Index(points["offset"].astype(np.int64), name="offset"))
-    rows = len(frame)
-    each = dict(points, feature=np.arange(rows))
-    return frame, _geometries("points", each, np.arange(rows), rows)
+def vertex_columns(features: dict, points: dict) -> dict:
+    """The index, and the columns of vertices."""
+    columns = {
+        "offset": points["offset"].astype(np.int64),
+        "feature_number": features["number"][points["feature"]],
+        "point_number": points["point_number"],
+        "text": _words(points["text"]),
+        "time": times_of(points["time"]).astype("datetime64[ns]"),
+    }
+    for name in ("z", "status", "gps_value", "gps_number", "has_offset", "offset_1", "offset_2"):
+        columns[name] = points[name] if name != "has_offset" else points[name] != 0
+    return {**columns, **_marks(points["flags"])}
 
 
-def _record_frame(layer: str, path: Path, deleted: bool, progress: Optional[Progress], on_damage: str) -> Any:
+def record_frame(layer: str, path: Path, deleted: bool, progress: Optional[Progress] = None) -> tuple:
+    """Notes, tags or links, and the damage of the file."""
     import pandas
 
     from ._survey import Survey
 
     with Survey(path, "r", deleted=deleted, progress=progress) as survey:
-        report(survey.damage, survey.path, on_damage)
         records: Any = getattr(survey, layer)
         columns: dict = {"text": [note.text for note in records]} if layer == "notes" else {}
         if layer == "tags":
@@ -242,7 +243,8 @@ def _record_frame(layer: str, path: Path, deleted: bool, progress: Optional[Prog
             for name in ("from_feature", "from_qualifier", "to_feature", "to_qualifier", "value", "spare"):
                 columns[name] = np.array([getattr(link, name) for link in records], dtype=np.int64)
         columns.update(_marks(np.array([record.flags for record in records], dtype=np.uint32)))
-        return pandas.DataFrame(columns, index=pandas.Index([r.offset for r in records], name="offset", dtype="int64"))
+        index = pandas.Index([r.offset for r in records], name="offset", dtype="int64")
+        return pandas.DataFrame(columns, index=index), survey.damage
 
 
 def read_dataframe(
@@ -268,11 +270,21 @@ def read_dataframe(
     if layer not in LAYERS:
         raise ValueError(f"the layers are {', '.join(LAYERS)}, not {layer!r}")
     if layer in ("notes", "tags", "links"):
-        return _record_frame(layer, path, deleted, progress, on_damage)
-    features, points, attributes, damage = _kesp.assemble(path, deleted, progress)
+        frame, damage = record_frame(layer, path, deleted, progress)
+        report(damage, os.fsdecode(path), on_damage)
+        return frame
+    import pandas
+
+    names: Optional[list[str]] = [] if layer == "vertices" else None
+    with_points = geometry or layer == "vertices"
+    features, points, attributes, damage = _kesp.assemble(path, deleted, progress, TYPES.get(layer, 0), names, with_points)
     report(damage, os.fsdecode(path), on_damage)
     if layer == "vertices":
-        frame, wkb = _vertex_frame(features, points)
+        columns = vertex_columns(features, points)
     else:
-        frame, wkb = _feature_frame(layer, features, points, attributes)
-    return _finish(frame, wkb if geometry else None, path, crs)
+        columns = feature_columns(features)
+        taken = {*FIELDS, "feature_number", "geometry"}
+        columns.update(AttributeColumns(attributes, len(features["type"])).columns(taken))
+    wkb = geometries(layer, points, len(features["type"])) if geometry else None
+    frame = pandas.DataFrame(columns)
+    return _finish(frame.set_index(frame.columns[0]), wkb, path, crs)

@@ -32,6 +32,7 @@ PYBIND11_MODULE(_kesp, module) {
   kp::BindReading(module);
   kp::BindBatches(module);
   kp::BindAssembly(module);
+  kp::BindParts(module);
   kp::BindStore(module);
   kp::BindChecking(module);
 }

@@ -32,6 +32,7 @@ tool::Verdict FindDamage(CKespDataFile& file);
 void BindReading(py::module_& module);
 void BindBatches(py::module_& module);
 void BindAssembly(py::module_& module);
+void BindParts(py::module_& module);
 void BindStore(py::module_& module);
 void BindChecking(py::module_& module);
 

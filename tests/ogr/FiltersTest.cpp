@@ -70,6 +70,42 @@ TEST_P(Filters, PassWhatGdalItselfWouldPass) {
   }
 }
 
+// More names than have a code of their own. Half a surrogate pair is U+FFFD in the layer.
+TEST_P(Filters, FindOneNameAmongThousands) {
+  std::vector<ByteVector> records{Header2()};
+  std::uint32_t number = 0;
+  // Each # stands for one of these units.
+  const auto add = [&](std::string_view name, std::vector<std::uint16_t> units = {}) {
+    ByteVector& record = records.emplace_back(Feature(++number, name));
+    for (const std::uint16_t unit : units) {
+      const auto at = std::find(record.begin(), record.end(), '#');
+      at[0] = static_cast<std::uint8_t>(unit);
+      at[1] = static_cast<std::uint8_t>(unit >> 8);
+    }
+  };
+  for (int i = 0; i < 5000; ++i) add("Pole " + std::to_string(i));
+  add("Last \xE4");
+  add("last \xE4");
+  add("half #", {0xD83C});
+  add("pair ##", {0xD83C, 0xDF32});
+  add("");
+  const Opened file(Survey(records));
+  OGRLayer& points = file["points"];
+  for (const auto& [query, count] : {std::pair{"feature_name = 'POLE 17'", 1},
+                                     {"feature_name = 'pole 4990'", 1},
+                                     {"feature_name = 'LAST ä'", 2},
+                                     {"feature_name = 'half \uFFFD'", 1},
+                                     {"feature_name = 'pair \U0001F332'", 1},
+                                     {"feature_name = 'none'", 0},
+                                     {"feature_name <> 'pole 4990'", 5004},
+                                     {"feature_name IN ('Pole 4990', 'x', 'LAST ä')", 3},
+                                     {"feature_name = 'Pole 4991' OR FID = 4993", 2},
+                                     {"feature_name = '' OR feature_name LIKE 'Pole 499_'", 11}}) {
+    points.SetAttributeFilter(query);
+    EXPECT_EQ(points.GetFeatureCount(), count) << query;
+  }
+}
+
 TEST_P(Filters, DontMatterWhenReadingByFidOrIndex) {
   const Opened file(Town());
   for (OGRLayer* const layer : file->GetLayers()) {

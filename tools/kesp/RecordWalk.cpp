@@ -23,9 +23,15 @@ const char* TypeName(KESP_RECORD_TYPE type) noexcept {
   }
 }
 
-RecordWalk::RecordWalk(CKespDataFile& file, DeletedRecords deleted) : m_file(file), m_deleted(deleted) {
-  m_file.SeekToFirstRecord();
-  m_file.ReadAhead();
+RecordWalk::RecordWalk(CKespDataFile& file, DeletedRecords deleted, std::uint64_t start, SecondThread secondThread)
+    : m_file(file), m_deleted(deleted) {
+  if (start == 0) {
+    m_file.SeekToFirstRecord();
+    if (secondThread == SecondThread::kReadsAhead) m_file.ReadAhead();
+    return;
+  }
+  m_file.m_file.Seek(static_cast<std::int64_t>(start), CFile::begin);
+  m_firstType = KESP_RECORD_HEADER;
 }
 
 CKespRecord* RecordWalk::Record() {

@@ -29,6 +29,8 @@ const char* TypeName(KESP_RECORD_TYPE type) noexcept;
 
 // What is done with records that are marked deleted.
 enum class DeletedRecords { kPassOver, kInclude };
+// Where every processor has its own walk, a second thread only takes time from the others.
+enum class SecondThread { kReadsAhead, kNone };
 
 class RecordWalk {
  public:
@@ -38,8 +40,10 @@ class RecordWalk {
     kEnd
   };
 
-  // Begins at the first record of an open file.
-  RecordWalk(CKespDataFile& file, DeletedRecords deleted);
+  // Begins at the first record of an open file, or at `start`, which must be the offset of a record header that a walk
+  // from the first record finds. From there on the walk does not read ahead, and needs no header record.
+  RecordWalk(CKespDataFile& file, DeletedRecords deleted, std::uint64_t start = 0,
+             SecondThread secondThread = SecondThread::kReadsAhead);
   RecordWalk(const RecordWalk&) = delete;
   RecordWalk& operator=(const RecordWalk&) = delete;
 
