@@ -19,7 +19,7 @@ class Vertices {
     m_measures.clear();
   }
   void Add(const MeasuredVertex& v) {
-    m_places.push_back({v.x, v.y});
+    m_places.emplace_back(v.x, v.y);
     m_heights.push_back(v.z);
     m_measures.push_back(v.m);
   }

@@ -86,10 +86,11 @@ def _local(path: str, storage_options: Optional[dict]) -> Iterator[str]:
 
 
 def _list(paths: Paths, storage_options: Optional[dict]) -> list[str]:
-    """Each path once, those of a pattern in the order of their names."""
+    """Each path once, absolute since workers have folders of their own; those of a pattern in the order of their names."""
     given = [paths] if isinstance(paths, (str, bytes, os.PathLike)) else list(paths)
     found: dict = {}
     for path in map(os.fsdecode, given):
+        path = os.path.abspath(path) if storage_options is None else path
         matches = [path]
         if _glob.has_magic(path) and storage_options is not None:
             import fsspec
@@ -396,7 +397,7 @@ def repair_all(
     _check(errors)
     if method not in ("repair", "salvage"):
         raise ValueError(f"the methods are repair and salvage, not {method!r}")
-    sources = [os.path.abspath(path) for path in _list(paths, None)]
+    sources = _list(paths, None)
     common = os.path.commonpath([os.path.dirname(path) for path in sources])
     places = [os.path.join(os.path.abspath(os.fsdecode(folder)), os.path.relpath(path, common)) for path in sources]
     tasks = [(source, place, os.path.exists(place)) for source, place in zip(sources, places)]
