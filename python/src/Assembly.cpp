@@ -43,7 +43,7 @@ py::array ToArray(const std::vector<T>& values) {
 
 py::tuple Words::ToPython() const {
   py::list words;
-  for (const std::string& word : m_words) words.append(ToStr(std::string_view(word)));
+  for (const std::string& word : m_words) words.append(ToStr(std::string_view{word}));
   return py::make_tuple(ToArray(m_rows), words);
 }
 

@@ -169,6 +169,7 @@ TablePointer Batches::TakeShape(Columns& none) {
 class BatchStream : public TableStream {
  public:
   explicit BatchStream(std::shared_ptr<Batches> batches) : m_batches(std::move(batches)) {}
+  // NOLINTNEXTLINE(bugprone-exception-escape): taking the GIL throws only where no thread state can be made
   ~BatchStream() override {
     const py::gil_scoped_acquire held;
     m_batches.reset();

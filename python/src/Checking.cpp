@@ -26,8 +26,8 @@ py::tuple Validate(const py::object& path, const py::object& progress) {
   if (scan.end.cause == tool::Verdict::Cause::kUnreadable) Raise(scan.end, name);
   py::list findings;
   for (const tool::Finding& finding : scan.findings) {
-    findings.append(py::make_tuple(ToStr(std::string_view(finding.code)), finding.count,
-                                   py::tuple(py::cast(finding.numbers)), ToStr(std::string_view(finding.text)),
+    findings.append(py::make_tuple(ToStr(std::string_view{finding.code}), finding.count,
+                                   py::tuple(py::cast(finding.numbers)), ToStr(std::string_view{finding.text}),
                                    finding.isRemark));
   }
   py::dict counts;

@@ -58,7 +58,7 @@ CString Store::Fit(const CString& text, std::size_t most, LongText longText, con
   if (!isLatin1)
     std::ranges::replace_if(
         cut, [](char16_t unit) { return unit > 0xFF; }, u'?');
-  return CString(std::u16string_view(cut));
+  return CString{std::u16string_view{cut}};
 }
 
 FeatureValue Store::Fit(const FeatureValue& value, LongText longText) const {
@@ -231,7 +231,7 @@ void Store::SetPoints(std::size_t index, const std::vector<PointValue>& points, 
   std::vector<PointValue> fitting;
   fitting.reserve(points.size());
   for (const PointValue& point : points) fitting.push_back(Fit(point, longText));
-  const std::size_t old = static_cast<std::size_t>(feature.GetNumPoints());
+  const auto old = static_cast<std::size_t>(feature.GetNumPoints());
   const std::size_t common = std::min(old, fitting.size());
   std::vector<std::unique_ptr<CKespPoint>> added;
   for (std::size_t i = common; i < fitting.size(); ++i) added.push_back(NewPoint(fitting[i]));
@@ -283,7 +283,8 @@ void Store::SetAttributes(std::size_t index, const std::vector<AttributeValue>& 
 
   Keep(feature, index);
   for (const auto& [attribute, value] : changed) {
-    Alter(*attribute, "an attribute", [&](CKespAttribute& record) { Apply(value, record); });
+    const AttributeValue& fitting = value;
+    Alter(*attribute, "an attribute", [&](CKespAttribute& record) { Apply(fitting, record); });
   }
   for (auto& attribute : added) {
     attribute->FeatureNumber = feature.FeatureNumber;

@@ -13,7 +13,7 @@ py::object Class(const char* name) { return py::module_::import("kesp._errors").
 [[noreturn]] void RaiseAs(const char* name, KESP_ERROR_TYPE code, const std::string& text, const CString& path,
                           const py::object& offset) {
   const py::object type = Class(name);
-  const py::object error = type(ToStr(std::string_view(text)), static_cast<int>(code), PathToStr(path), offset);
+  const py::object error = type(ToStr(std::string_view{text}), static_cast<int>(code), PathToStr(path), offset);
   PyErr_SetObject(type.ptr(), error.ptr());
   throw py::error_already_set();
 }
@@ -57,7 +57,7 @@ void RaiseWriteFailure(const CKespDataFile& file, const CString& path) {
 
 py::object DamageOf(const tool::Verdict& verdict) {
   if (verdict.IsWhole()) return py::none();
-  return Class("Damage")(verdict.offset, static_cast<int>(verdict.error), ToStr(std::string_view(verdict.Describe())));
+  return Class("Damage")(verdict.offset, static_cast<int>(verdict.error), ToStr(std::string_view{verdict.Describe()}));
 }
 
 }  // namespace kesp::python

@@ -62,7 +62,7 @@ class PartFinder {
     py::list out;
     for (const std::string& name : m_names) {
       const Attribute& found = m_attributes.at(name);
-      out.append(py::make_tuple(ToStr(std::string_view(name)), found.kinds, found.hasSub));
+      out.append(py::make_tuple(ToStr(std::string_view{name}), found.kinds, found.hasSub));
     }
     return out;
   }

@@ -115,7 +115,7 @@ TableChoice ChooseTable(const std::string& kind, const std::vector<std::string>&
   for (const std::string& name : names) {
     const auto columns = ColumnsOf(choice.kind);
     const auto found = std::ranges::find(columns, name, &Choosable::name);
-    if (found == columns.end()) throw py::value_error(kind + " have no column " + name);
+    if (found == columns.end()) throw py::value_error(std::string(kind).append(" have no column ").append(name));
     bits |= found->bit;
   }
   choice.choice.points = choice.kind == TableKind::kPoints ? bits & kPointAll : 0;

@@ -76,7 +76,7 @@ class TableStream {
   virtual TablePointer Next() = 0;
   virtual TablePointer Shape() = 0;  // a table with the same columns
 };
-py::capsule StreamCapsule(std::unique_ptr<TableStream> stream);
+py::capsule StreamCapsule(std::unique_ptr<TableStream> tables);
 py::capsule StreamCapsule(TablePointer table);  // a stream of this one table
 
 }  // namespace kesp::python
