@@ -121,8 +121,7 @@ class Attributes(MutableMapping):
         return self._feature._store.attributes(self._feature._at)
 
     def _find(self, name: str) -> Optional[tuple]:
-        folded = _fold(name)
-        return next((a for a in self._tuples() if _fold(a[0]) == folded), None)
+        return self._feature._store.attribute(self._feature._at, name)
 
     def __getitem__(self, name: str) -> Value:
         found = self._find(name)
@@ -143,15 +142,10 @@ class Attributes(MutableMapping):
         self._feature._store.remove_attribute(self._feature._at, name)
 
     def __iter__(self) -> Iterator[str]:
-        seen = set()
-        for attribute in self._tuples():
-            folded = _fold(attribute[0])
-            if folded not in seen:
-                seen.add(folded)
-                yield attribute[0]
+        return iter(self._feature._store.attribute_names(self._feature._at))
 
     def __len__(self) -> int:
-        return sum(1 for _ in self)
+        return len(self._feature._store.attribute_names(self._feature._at))
 
     @property
     def all(self) -> list[tuple[str, Value]]:
@@ -275,15 +269,12 @@ class Feature:
 
     @attributes.setter
     def attributes(self, values: Mapping) -> None:
-        """Sets these attributes, and deletes all others."""
+        """Sets these attributes, and deletes all others: all of that, or nothing if a value does not fit."""
         attributes = self.attributes
-        wanted = {_fold(name) for name in values}
-        tuples = [_attribute_tuple(n, v, attributes._find(n)) for n, v in values.items()]
-        for value in tuples:
-            self._store.set_attribute(self._at, value, False)
-        for name in list(attributes):
-            if _fold(name) not in wanted:
-                del attributes[name]
+        last = {_fold(name): (name, value) for name, value in values.items()}
+        self._store.replace_attributes(
+            self._at, [_attribute_tuple(name, value, attributes._find(name)) for name, value in last.values()]
+        )
 
     def delete(self) -> None:
         """Marks the feature, its points and its attributes as deleted."""

@@ -257,33 +257,63 @@ void Store::SetPoints(std::size_t index, const std::vector<PointValue>& points, 
   }
 }
 
-void Store::SetAttribute(std::size_t index, const AttributeValue& value, LongText longText) {
+void Store::SetAttributes(std::size_t index, const std::vector<AttributeValue>& values, OtherAttributes others,
+                          LongText longText) {
   CKespFeature& feature = Feature(index);
   CheckWritable();
-  const AttributeValue fitting = Fit(value, longText);
-  Keep(feature, index);
-  if (CKespAttribute* const attribute = feature.GetAttribute(fitting.name)) {
-    return Alter(*attribute, "an attribute", [&](CKespAttribute& record) { Apply(fitting, record); });
+  std::vector<std::pair<CKespAttribute*, AttributeValue>> changed;
+  std::vector<std::unique_ptr<CKespAttribute>> added;
+  for (const AttributeValue& value : values) {
+    const AttributeValue fitting = Fit(value, longText);
+    CKespAttribute* const there = feature.GetAttribute(fitting.name);
+    if (there == nullptr) {
+      added.push_back(NewAttribute(fitting));
+      continue;
+    }
+    CheckFits<CKespAttribute>(there->m_recordVersion, "an attribute", [&](CKespAttribute& a) { Apply(fitting, a); });
+    if (there->m_filePosition != 0) (void)AmendmentOf(*there);
+    changed.emplace_back(there, fitting);
   }
-  auto attribute = NewAttribute(fitting);
-  attribute->FeatureNumber = feature.FeatureNumber;
-  Append(*attribute);
-  feature.AddAttribute(attribute.release());
+  std::vector<CKespAttribute*> removed;
+  for (int i = 0; others == OtherAttributes::kRemove && i < feature.GetNumAttributes(); ++i) {
+    const CString& name = feature.GetAttribute(i)->AttributeName;
+    const auto isSet = [&](const AttributeValue& value) { return value.name.CompareNoCase(name) == 0; };
+    if (std::ranges::none_of(values, isSet)) removed.push_back(feature.GetAttribute(i));
+  }
+  for (const CKespAttribute* const attribute : removed) CheckSteppable(*attribute);
+
+  Keep(feature, index);
+  for (const auto& [attribute, value] : changed) {
+    const AttributeValue& fitting = value;
+    Alter(*attribute, "an attribute", [&](CKespAttribute& record) { Apply(fitting, record); });
+  }
+  for (auto& attribute : added) {
+    attribute->FeatureNumber = feature.FeatureNumber;
+    Append(*attribute);
+    feature.AddAttribute(attribute.release());
+  }
+  Remove(feature, removed);
+}
+
+void Store::Remove(CKespFeature& feature, const std::vector<CKespAttribute*>& attributes) {
+  for (int i = feature.GetNumAttributes() - 1; i >= 0; --i) {
+    if (std::ranges::find(attributes, feature.GetAttribute(i)) == attributes.end()) continue;
+    MarkDeleted(*feature.GetAttribute(i));
+    m_graveyard.emplace_back(feature.RemoveAttribute(i));
+  }
 }
 
 void Store::RemoveAttribute(std::size_t index, const CString& name) {
   CKespFeature& feature = Feature(index);
   CheckWritable();
-  Keep(feature, index);
-  bool isFound = false;
-  for (int i = feature.GetNumAttributes() - 1; i >= 0; --i) {
-    if (feature.GetAttribute(i)->AttributeName.CompareNoCase(name) != 0) continue;
-    CheckSteppable(*feature.GetAttribute(i));
-    MarkDeleted(*feature.GetAttribute(i));
-    m_graveyard.emplace_back(feature.RemoveAttribute(i));
-    isFound = true;
+  std::vector<CKespAttribute*> removed;
+  for (int i = 0; i < feature.GetNumAttributes(); ++i) {
+    if (feature.GetAttribute(i)->AttributeName.CompareNoCase(name) == 0) removed.push_back(feature.GetAttribute(i));
   }
-  if (!isFound) throw py::key_error(name.ToUtf8());
+  if (removed.empty()) throw py::key_error(name.ToUtf8());
+  for (const CKespAttribute* const attribute : removed) CheckSteppable(*attribute);
+  Keep(feature, index);
+  Remove(feature, removed);
 }
 
 void Store::DeleteFeature(std::size_t index) {

@@ -64,8 +64,8 @@ std::vector<std::size_t> Find(const Store& store, const py::dict& asked) {
   const std::vector<CKespSearch> attributes = AttributeSearches(asked);
   std::vector<std::size_t> found;
   for (std::size_t i = 0; i < store.Features().size(); ++i) {
-    const auto& [feature, isGone] = store.Features()[i];
-    if (isGone || (needsPoints && feature->GetNumPoints() == 0)) continue;
+    const std::shared_ptr<CKespFeature>& feature = store.Features()[i].record;
+    if (store.Features()[i].isGone || (needsPoints && feature->GetNumPoints() == 0)) continue;
     if (!attributes.empty() && feature->GetNumAttributes() == 0) continue;
     if (!points.Validate(feature.get())) continue;
     const bool passes = std::ranges::all_of(

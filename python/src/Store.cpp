@@ -22,6 +22,13 @@ std::shared_ptr<Record> Borrow(Record* record) {
   return std::shared_ptr<Record>(record, [](Record*) {});
 }
 
+// After a read: whether it came to the end of the file, and nothing claims to go on there.
+bool IsWhole(const CKespFile& dataset, ErrorEnum result) {
+  if ((result != ERR_NONE && result != ERR_OLD_VERSION) || !dataset.WasReadToEnd()) return false;
+  CFile& file = dataset.m_pDataFile->m_file;
+  return file.GetPosition() == file.KnownLength();
+}
+
 }  // namespace
 
 Store::Store(const CString& path, Mode mode, bool includeDeleted, std::uint16_t version, Watch& watch)
@@ -69,12 +76,15 @@ void Store::ReadAll(bool includeDeleted, Watch& watch) {
     } else {
       result = m_dataset->OpenKespReadOnly(m_path, message);
     }
+    bool isWhole = false;
     try {
       if (result == ERR_NONE) result = m_dataset->ReadKespFile(includeDeleted);
+      isWhole = IsWhole(*m_dataset, result);
     } catch (const CFileException&) {
       // A feature of version 1 that is cut short. What was read before it is there.
     }
-    m_end = FindDamage(first);
+    // A data set does not tell where and why it ended.
+    if (!isWhole) m_end = FindDamage(first);
     (void)m_dataset->CloseKesp();
   }
   watch.Rethrow();

@@ -49,6 +49,8 @@ struct FeatureValue {
 };
 // What happens to a text that is too long for its field.
 enum class LongText { kRefuse, kCut };
+// What happens to attributes that are not among those that are set.
+enum class OtherAttributes { kKeep, kRemove };
 
 class Store {
  public:
@@ -88,8 +90,10 @@ class Store {
                          LongText longText);
   void ChangeFeature(std::size_t index, const FeatureValue& value, LongText longText);
   void SetPoints(std::size_t index, const std::vector<PointValue>& points, LongText longText);
-  // Of several attributes of that name, ignoring the case of A to Z, the first. Adds one if there is none.
-  void SetAttribute(std::size_t index, const AttributeValue& value, LongText longText);
+  // Of several attributes of a name, ignoring the case of A to Z, sets the first. Adds one if there is none. The names
+  // of the values must differ.
+  void SetAttributes(std::size_t index, const std::vector<AttributeValue>& values, OtherAttributes others,
+                     LongText longText);
   void RemoveAttribute(std::size_t index, const CString& name);
   void DeleteFeature(std::size_t index);
   std::size_t AddNote(const CString& text, LongText longText);
@@ -135,6 +139,7 @@ class Store {
   void Append(CKespRecord& record) { m_appends.push_back(&record); }
   void CheckSteppable(const CKespRecord& record);
   void MarkDeleted(const CKespRecord& record);
+  void Remove(CKespFeature& feature, const std::vector<CKespAttribute*>& attributes);
   void Keep(CKespFeature& feature, std::size_t index);
 
   CString Fit(const CString& text, std::size_t most, LongText longText, const char* what) const;

@@ -52,15 +52,33 @@ py::array Coordinates(const Store& store, std::size_t index) {
   return coordinates;
 }
 
+py::tuple AttributeTuple(const CKespAttribute& a) {
+  return py::make_tuple(ToStr(a.AttributeName), a.AttributeKind, ToStr(a.TextValue), ToStr(a.SubValue), a.Value,
+                        a.Decimals, a.m_flags);
+}
+
 py::list AttributeTuples(const Store& store, std::size_t index) {
   const CKespFeature& feature = store.Feature(index);
   py::list attributes;
-  for (int i = 0; i < feature.GetNumAttributes(); ++i) {
-    const CKespAttribute& a = *feature.GetAttribute(i);
-    attributes.append(py::make_tuple(ToStr(a.AttributeName), a.AttributeKind, ToStr(a.TextValue), ToStr(a.SubValue),
-                                     a.Value, a.Decimals, a.m_flags));
-  }
+  for (int i = 0; i < feature.GetNumAttributes(); ++i) attributes.append(AttributeTuple(*feature.GetAttribute(i)));
   return attributes;
+}
+
+py::object AttributeByName(const Store& store, std::size_t index, const py::str& name) {
+  const CKespAttribute* const attribute = store.Feature(index).GetAttribute(FromStr(name));
+  if (attribute == nullptr) return py::none();
+  return AttributeTuple(*attribute);
+}
+
+// Each name once, as its first attribute spells it.
+py::list AttributeNames(const Store& store, std::size_t index) {
+  const CKespFeature& feature = store.Feature(index);
+  py::list names;
+  for (int i = 0; i < feature.GetNumAttributes(); ++i) {
+    const CString& name = feature.GetAttribute(i)->AttributeName;
+    if (feature.GetAttribute(name) == feature.GetAttribute(i)) names.append(ToStr(name));
+  }
+  return names;
 }
 
 py::tuple TagTuple(const Store& store, std::size_t index) {
@@ -165,8 +183,14 @@ void BindEditing(py::class_<Store>& store) {
                                 bool truncate) { s.ChangeFeature(index, ToFeature(value), LongTextOf(truncate)); })
       .def("set_points", [](Store& s, std::size_t index, const py::list& points,
                             bool truncate) { s.SetPoints(index, ToPoints(points), LongTextOf(truncate)); })
-      .def("set_attribute", [](Store& s, std::size_t index, const py::tuple& value,
-                               bool truncate) { s.SetAttribute(index, ToAttribute(value), LongTextOf(truncate)); })
+      .def("set_attribute",
+           [](Store& s, std::size_t index, const py::tuple& value, bool truncate) {
+             s.SetAttributes(index, {ToAttribute(value)}, OtherAttributes::kKeep, LongTextOf(truncate));
+           })
+      .def("replace_attributes",
+           [](Store& s, std::size_t index, const py::list& values) {
+             s.SetAttributes(index, ToAttributes(values), OtherAttributes::kRemove, LongText::kRefuse);
+           })
       .def("remove_attribute",
            [](Store& s, std::size_t index, const py::str& name) { s.RemoveAttribute(index, FromStr(name)); })
       .def("delete_feature", &Store::DeleteFeature)
@@ -209,6 +233,8 @@ void BindStore(py::module_& module) {
       .def("points", &PointTuples)
       .def("coordinates", &Coordinates)
       .def("attributes", &AttributeTuples)
+      .def("attribute", &AttributeByName)
+      .def("attribute_names", &AttributeNames)
       .def("note",
            [](const Store& s, std::size_t index) {
              const CKespNote& note = s.Note(index);

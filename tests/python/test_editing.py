@@ -292,3 +292,17 @@ def test_any_date_number_becomes_a_date_or_none(days):
     elif date != datetime(1899, 12, 30):
         days = abs(days) if abs(days) < 1 else days  # both signs mean that time of the first day
         assert abs(days_of(date) - days) < 1e-8 * max(1, abs(days))
+
+
+def test_all_attributes_are_set_or_none(survey_path):
+    with kesp.open(survey_path, "r+") as survey:
+        tree = survey.features[1]
+        before = dict(tree.attributes)
+        for value, error in (("x" * 300, kesp.FitError), (b"", TypeError)):
+            with pytest.raises(error):
+                tree.attributes = {"Height": 9, "New": 1, "Remark": value}
+            assert dict(tree.attributes) == before
+        tree.attributes = {"height": 9, "HEIGHT": 8, "Species": "Elm", "New": 1}
+        assert list(tree.attributes.all) == [("Height", 8), ("Species", kesp.Menu("Elm")), ("New", 1)]
+    with kesp.open(survey_path) as survey:
+        assert survey.whole and dict(survey.features[1].attributes) == {"Height": 8, "Species": "Elm", "New": 1}
