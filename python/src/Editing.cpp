@@ -320,8 +320,8 @@ void Store::DeleteFeature(std::size_t index) {
   CKespFeature& feature = Feature(index);
   CheckWritable();
   std::vector<CKespRecord*> records;
-  records.reserve(static_cast<std::size_t>(feature.GetNumPoints()) +
-                  static_cast<std::size_t>(feature.GetNumAttributes()));
+  records.reserve(static_cast<std::size_t>(feature.GetNumAttributes()) +
+                  static_cast<std::size_t>(feature.GetNumPoints()) + 2);
   for (int i = 0; i < feature.GetNumAttributes(); ++i) records.push_back(feature.GetAttribute(i));
   for (int i = 0; i < feature.GetNumPoints(); ++i) records.push_back(feature.GetPoint(i));
   if (feature.GetFeatureEnd() != nullptr) records.push_back(feature.GetFeatureEnd());
