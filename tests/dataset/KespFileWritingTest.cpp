@@ -132,7 +132,7 @@ TEST(WriteQueue, LeavesAloneWhatExists) {
   };
   {
     struct LateLook : IdleDisk {  // as if the file came there after the look for it
-      int Stat(const char*, struct stat*) override {
+      int Stat(const char*, kesp::FileInfo*) override {
         errno = ENOENT;
         return -1;
       }

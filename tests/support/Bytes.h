@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,8 +76,9 @@ inline ByteVector Record(std::uint32_t type, std::uint16_t version, std::uint32_
 class TempDir {
  public:
   TempDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "kesp-test-XXXXXX").string();
-    m_path = ::mkdtemp(name.data());
+    std::random_device random;
+    do m_path = std::filesystem::temp_directory_path() / ("kesp-test-" + std::to_string(random()));
+    while (!std::filesystem::create_directory(m_path));
   }
   ~TempDir() { std::filesystem::remove_all(m_path); }
   TempDir(const TempDir&) = delete;
@@ -105,6 +107,6 @@ inline std::string ValidUtf8(const CString& text) {
   }
   return valid;
 }
-inline CString Text(const std::filesystem::path& path) { return CString(path.string()); }
+inline CString Text(const std::filesystem::path& path) { return {path.c_str()}; }
 
 }  // namespace kesp::test
