@@ -24,10 +24,11 @@ int OpenFile(const char* path, unsigned openFlags, bool& created) {
   const unsigned shared = SharedWithOthers(openFlags);
   const bool mustBeNew = (openFlags & CFile::modeNew) != 0;
   created = false;
-  if (!mustBeNew && (openFlags & CFile::modeCreate) == 0) return System().Open(path, flags, shared);
-  int fd = System().Open(path, flags | O_CREAT | O_EXCL, shared);
+  const auto open = [&](int how) { return Uninterrupted([&] { return System().Open(path, flags | how, shared); }); };
+  if (!mustBeNew && (openFlags & CFile::modeCreate) == 0) return open(0);
+  int fd = open(O_CREAT | O_EXCL);
   created = fd >= 0;
-  if (fd < 0 && errno == EEXIST && !mustBeNew) fd = System().Open(path, flags | O_CREAT, shared);
+  if (fd < 0 && errno == EEXIST && !mustBeNew) fd = open(O_CREAT);
   return fd;
 }
 
@@ -38,7 +39,7 @@ bool CFile::AcquireLock(unsigned /*openFlags*/) { return true; }  // opening did
 // Returns an errno value, 0 for success.
 int CFile::CloseDescriptor() noexcept {
   if (m_fd < 0) return 0;
-  return kesp::System().Close(m_fd) != 0 ? errno : 0;
+  return kesp::System().Close(m_fd) != 0 && errno != EINTR ? errno : 0;
 }
 
 // The file system writes its own log of new files. Folders can't be synced here.
