@@ -99,6 +99,14 @@ inline ByteVector ReadFile(const std::filesystem::path& path) {
       .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   return bytes;
 }
+// Where programs may not make symbolic links, it is another name of the file.
+inline void MakeSoftLink(const std::filesystem::path& to, const std::filesystem::path& link) {
+#ifdef _WIN32
+  std::filesystem::create_hard_link(to, link);
+#else
+  std::filesystem::create_symlink(to, link);
+#endif
+}
 // With U+FFFD for each lone surrogate, which ToUtf8 keeps as ED A0 80 to ED BF BF.
 inline std::string ValidUtf8(const CString& text) {
   std::string valid = text.ToUtf8();
