@@ -188,7 +188,8 @@ void Write(const std::string& path) {
   link.m_featureNumber2 = 3;
   survey.AddTag(link);
   constexpr unsigned char kThumbnail[] = {0x1F, 0x3C, 0x7E, 0x7E, 0x3C, 0x18, 0x18, 0x18};
-  survey.AddTag(KESP_TAG_BLOB, CString("Thumbnail"), static_cast<const void*>(kThumbnail), sizeof kThumbnail);
+  survey.AddTag(KESP_TAG_BLOB, CString("Thumbnail"), static_cast<const void*>(kThumbnail),
+                static_cast<unsigned long>(sizeof kThumbnail));
 
   survey.Finish();
 }

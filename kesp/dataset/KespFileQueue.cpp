@@ -1,6 +1,4 @@
 // Fills the write queue and writes it to files.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
@@ -20,7 +18,7 @@ namespace {
 // Whether anything exists at the path: a directory blocks a new file too. Also true when the system can't tell, since
 // an existing file would be emptied. False for a path that leads nowhere: the attempt to create the file decides.
 bool MayExist(const CString& path) {
-  struct stat info {};
+  kesp::FileInfo info;
   const std::string name = path.ToPathBytes();
   if (kesp::Uninterrupted([&] { return kesp::System().Stat(name.c_str(), &info); }) == 0) return true;
   const int leadsNowhere[] = {ENOENT, ENOTDIR, EACCES, ELOOP, ENAMETOOLONG};
@@ -30,10 +28,10 @@ bool MayExist(const CString& path) {
 // Deletes the file if not even its file header could be written, so that it doesn't pass for a Kesp file and block the
 // next attempt. A longer or locked file was made by someone else meanwhile, and stays.
 void RemoveUnfinished(const CString& path, const CKespDataFile& file) {
-  struct stat info {};
+  kesp::FileInfo info;
   const std::string name = path.ToPathBytes();
   if (file.GetSystemError() == EWOULDBLOCK || kesp::System().Stat(name.c_str(), &info) != 0) return;
-  if (S_ISREG(info.st_mode) && info.st_size < static_cast<off_t>(kesp::kFileHeaderSize)) {
+  if (info.kind == kesp::FileInfo::Kind::kRegular && info.length < kesp::kFileHeaderSize) {
     (void)kesp::System().Unlink(name.c_str());
   }
 }

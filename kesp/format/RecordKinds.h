@@ -104,9 +104,9 @@ static_assert([] {
 constexpr const RecordKind& KindOfRecord(std::uint32_t type) {
   return kRecordKinds[type < kRecordKinds.size() ? type : kRecordKinds.size() - 1];
 }
-constexpr std::size_t BodyLengthOf(std::uint32_t type, std::uint16_t version) {
+constexpr std::uint32_t BodyLengthOf(std::uint32_t type, std::uint16_t version) {
   const RecordKind& kind = KindOfRecord(type);
-  return version <= kind.newest ? kind.length[version] : 0;
+  return version <= kind.newest ? static_cast<std::uint32_t>(kind.length[version]) : 0;
 }
 // The record version for a file of the given version.
 constexpr std::uint16_t RecordVersionFor(std::uint32_t type, std::uint16_t fileVersion) {

@@ -1,7 +1,6 @@
 #include "kesp/memory/ObjectPool.h"
 
 #include <pthread.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <array>
@@ -17,6 +16,7 @@
 
 #include "kesp/platform/Exception.h"
 #include "kesp/platform/Locks.h"
+#include "kesp/platform/Pages.h"
 
 namespace kesp {
 namespace {
@@ -46,7 +46,7 @@ constexpr bool kWide = sizeof(void*) >= 8;               // addresses are plenti
 constexpr std::size_t kMostSpareRegions = kWide ? 64 : 16;
 constexpr std::size_t kReadyRegions = 4;  // what PoolPrepare keeps ready
 constexpr std::size_t kFetchedAhead = 4;  // blocks
-constexpr std::size_t kMostRegionsAtOnce = kWide ? 16 : 4;
+constexpr std::size_t kMostRegionsAtOnce = !kUnmapsParts ? 1 : kWide ? 16 : 4;
 
 struct FreeBlock {
   FreeBlock* next;
@@ -142,20 +142,16 @@ struct Stock {
   void* freedSpan = nullptr;  // the start of the span of the blocks in `freed`, if there are any
 };
 
-// Brings in all pages of a region at once. Returns false when that fails: some systems can't, and bring in pages at the
-// first touch only.
-#if KESP_HAS_MADVISE
 std::atomic<int> g_smallToCome{0};  // how many more regions get small pages because a huge one was slow to come
 
+// Brings in all pages of a region at once. Returns false where that fails.
 bool MakePages(void* region) noexcept {
   using Clock = std::chrono::steady_clock;
   constexpr Clock::duration kSlow = std::chrono::milliseconds(1);  // a huge page that is at hand takes far less
   constexpr int kSmallRegions = 64;                                // 128 MiB; trying again after that costs little
-  constexpr int kPopulateWrite = 23;                               // missing in older headers
   const bool huge = g_smallToCome.load(std::memory_order_relaxed) <= 0;
-  if (huge) ::madvise(region, kRegionSize, MADV_HUGEPAGE);  // best effort
   const Clock::time_point start = Clock::now();
-  if (::madvise(region, kRegionSize, kPopulateWrite) != 0) return false;
+  if (!FillPages(region, kRegionSize, huge)) return false;
   if (!huge) {
     --g_smallToCome;
   } else if (Clock::now() - start > kSlow) {
@@ -163,13 +159,6 @@ bool MakePages(void* region) noexcept {
   }
   return true;
 }
-
-// The system may take these pages back until they are used again.
-void LetGo(void* pages, std::size_t size) noexcept { ::madvise(pages, size, MADV_FREE); }
-#else
-bool MakePages(void* /*region*/) noexcept { return false; }
-void LetGo(void* /*pages*/, std::size_t /*size*/) noexcept {}
-#endif
 
 // Hands out regions and takes back empty ones. Pages are brought in, and address space is mapped and unmapped, without
 // the lock: other threads wait only for changes to the lists.
@@ -197,12 +186,12 @@ class Regions {
       (region->previousInUse != nullptr ? region->previousInUse->nextInUse : m_inUse) = region->nextInUse;
       if (region->nextInUse != nullptr) region->nextInUse->previousInUse = region->previousInUse;
     }
-    LetGo(reinterpret_cast<std::byte*>(region) + kSmallestPage, kRegionSize - kSmallestPage);
+    LetGoPages(reinterpret_cast<std::byte*>(region) + kSmallestPage, kRegionSize - kSmallestPage);
     {
       const std::lock_guard lock(g_regionsLock);
       if (m_spareCount < kMostSpareRegions) return PushSpare(region);
     }
-    ::munmap(region, kRegionSize);
+    UnmapPages(region, kRegionSize);
   }
   bool Prepare() noexcept {
     {
@@ -265,19 +254,11 @@ class Regions {
       }
     }
     // Another thread mapped some meanwhile.
-    if (atOnce > 1) ::munmap(piece + kRegionSize, (atOnce - 1) * kRegionSize);
+    if (atOnce > 1) UnmapPages(piece + kRegionSize, (atOnce - 1) * kRegionSize);
     return piece;
   }
   static std::byte* Map(std::size_t regions) noexcept {
-    // Maps one region more than needed and keeps the aligned part.
-    const std::size_t wanted = regions * kRegionSize;
-    void* const raw = ::mmap(nullptr, wanted + kRegionSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (raw == MAP_FAILED) return nullptr;
-    auto* const begin = static_cast<std::byte*>(raw);
-    const std::size_t lead = (kRegionSize - reinterpret_cast<std::uintptr_t>(begin) % kRegionSize) % kRegionSize;
-    if (lead != 0) ::munmap(begin, lead);
-    ::munmap(begin + lead + wanted, kRegionSize - lead);
-    return begin + lead;
+    return static_cast<std::byte*>(MapPages(regions * kRegionSize, kRegionSize));
   }
 
   Region* m_inUse = nullptr;
@@ -417,7 +398,7 @@ void EndStocks(void* ended) {
 // Returns null if there is no memory. Uses a key: a thread_local object that can't be registered would end the process.
 ThreadStocks* MakeStocks() noexcept {
   static pthread_key_t key{};
-  static const bool hasKey = ::pthread_key_create(&key, EndStocks) == 0;
+  static const bool hasKey = (StayLoaded(), ::pthread_key_create(&key, EndStocks) == 0);
   if (!hasKey) return nullptr;
   auto stocks = std::unique_ptr<ThreadStocks>(new (std::nothrow) ThreadStocks);
   if (stocks == nullptr || ::pthread_setspecific(key, stocks.get()) != 0) return nullptr;

@@ -1,36 +1,19 @@
 #include "kesp/platform/BlockReader.h"
 
-#include <sched.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <new>
 #include <thread>
 
 #include "kesp/memory/ObjectPool.h"
 #include "kesp/platform/SystemCalls.h"
+#include "kesp/platform/Threads.h"
 
 namespace kesp {
 namespace {
 
 std::atomic<bool> g_allowed{true};
-
-// The new thread inherits the blocked signals, so it never runs the host's handlers.
-class SignalsBlocked {
- public:
-  SignalsBlocked() noexcept {
-    sigset_t all;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &m_before);
-  }
-  ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t m_before{};
-};
 
 // Waits until `mustWait(number)` is false. Usually the other thread is quick, and waking up would take longer, so this
 // spins first and sleeps only if that takes too long.
@@ -52,16 +35,7 @@ void WaitWhile(const std::atomic<std::size_t>& number, MustWait mustWait) noexce
 
 void BlockReader::Allow(bool allowed) noexcept { g_allowed = allowed; }
 
-bool BlockReader::IsWorthwhile() noexcept {
-  if (!g_allowed) return false;
-#if KESP_HAS_SCHED_AFFINITY
-  cpu_set_t mine;
-  if (::sched_getaffinity(0, sizeof mine, &mine) != 0) return true;  // too many processors for the set
-  return CPU_COUNT(&mine) > 1;
-#else
-  return std::thread::hardware_concurrency() > 1;
-#endif
-}
+bool BlockReader::IsWorthwhile() noexcept { return g_allowed && HasSecondProcessor(); }
 
 BlockReader::BlockReader(int fd, std::uint64_t offset, std::size_t roomInFront, bool objectsAreKept)
     : m_fd(fd),
@@ -71,8 +45,7 @@ BlockReader::BlockReader(int fd, std::uint64_t offset, std::size_t roomInFront, 
       m_objectsAreKept(objectsAreKept),
       m_memory(kBlocks * (roomInFront + kBlockSize)) {
   if (!m_memory) throw std::bad_alloc();
-  const SignalsBlocked blocked;
-  if (::pthread_create(&m_thread, nullptr, RunThread, this) != 0) throw std::bad_alloc();
+  if (!StartThread(m_thread, RunThread, this)) throw std::bad_alloc();
 }
 
 BlockReader::~BlockReader() {

@@ -29,7 +29,9 @@ CFileException::Cause CauseOf(int osError) {
     case EWOULDBLOCK:
       return CFileException::sharingViolation;
     case ENOSPC:
+#ifdef EDQUOT  // not every system has quotas
     case EDQUOT:
+#endif
     case EFBIG:
       return CFileException::diskFull;
     case EIO:

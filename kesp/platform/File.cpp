@@ -1,14 +1,8 @@
 #include "kesp/platform/File.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -19,12 +13,12 @@
 #include "kesp/memory/AlignedBytes.h"
 #include "kesp/platform/BlockReader.h"
 #include "kesp/platform/ByteSource.h"
+#include "kesp/platform/OpenFile.h"
 #include "kesp/platform/OpenReaders.h"
 #include "kesp/platform/SystemCalls.h"
 
 namespace {
 
-constexpr unsigned kNewFileMode = 0666;  // before the process's umask
 constexpr std::size_t kCopyAtOnce = std::size_t{1} << 30;
 // A read may skip up to this many bytes and still use the read-ahead.
 constexpr std::uint64_t kMostSkipped = std::uint64_t{1} << 20;
@@ -32,11 +26,7 @@ constexpr std::uint64_t kLargestOffset = std::numeric_limits<std::int64_t>::max(
 
 using kesp::Uninterrupted;
 
-int OpenRetrying(const char* path, int flags) {
-  return Uninterrupted([&] { return kesp::System().Open(path, flags, kNewFileMode); });
-}
-
-int StatRetrying(int fd, struct stat& info) {
+int StatRetrying(int fd, kesp::FileInfo& info) {
   return Uninterrupted([&] { return kesp::System().FileStat(fd, &info); });
 }
 
@@ -44,49 +34,18 @@ int TruncateRetrying(int fd, std::int64_t length) {
   return Uninterrupted([&] { return kesp::System().Truncate(fd, length); });
 }
 
-// 0 when no lock is wanted.
-int LockOperation(unsigned openFlags, bool writable) {
-  if ((openFlags & (CFile::shareDenyWrite | CFile::shareExclusive)) != 0) {
-    return LOCK_EX;
-  }
-  // A writer that denies nothing shares the file with others like it, and fails while someone denies writing.
-  return writable ? LOCK_SH : 0;
-}
-
-bool IsWritableBy(unsigned openFlags) { return (openFlags & (CFile::modeWrite | CFile::modeReadWrite)) != 0; }
-
-// The descriptor, or -1 with the reason in errno. `created` is whether the file is new.
-int OpenPath(const char* path, unsigned openFlags, bool& created) {
-  const bool writable = IsWritableBy(openFlags);
-  // Non-blocking, so that opening a pipe in the file's place doesn't hang. Always opened for reading too: the buffer
-  // needs it.
-  const int flags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (writable ? O_RDWR : O_RDONLY);
-  const bool mustBeNew = (openFlags & CFile::modeNew) != 0;
-  if (mustBeNew || (openFlags & CFile::modeCreate) != 0) {
-    int fd = OpenRetrying(path, flags | O_CREAT | O_EXCL);
-    created = fd >= 0;
-    // No O_TRUNC: the lock comes first.
-    if (fd < 0 && errno == EEXIST && !mustBeNew) fd = OpenRetrying(path, flags | O_CREAT);
-    return fd;
-  }
-  created = false;
-  // Only the file's owner may use O_NOATIME.
-  const int fd = writable ? -1 : OpenRetrying(path, flags | O_NOATIME);
-  return fd >= 0 ? fd : OpenRetrying(path, flags);
-}
-
 // Returns false with errno set when an object of this process reads the file or the system refuses.
-bool EmptyFile(int fd, const struct stat& info) {
-  if (!kesp::OpenReader::Reads(info.st_dev, info.st_ino)) return TruncateRetrying(fd, 0) == 0;
+bool EmptyFile(int fd, const kesp::FileInfo& info) {
+  if (!kesp::OpenReader::Reads(info.device, info.fileNumber)) return TruncateRetrying(fd, 0) == 0;
   errno = EWOULDBLOCK;
   return false;
 }
 
 // With the lock held: empties the file if that is asked for, else asks again for its length, since it may have grown
 // until the lock was ours. False with the reason in errno.
-bool SettleLength(int fd, bool toEmpty, struct stat& info) {
+bool SettleLength(int fd, bool toEmpty, kesp::FileInfo& info) {
   if (!toEmpty) return StatRetrying(fd, info) == 0;
-  info.st_size = 0;
+  info.length = 0;
   return EmptyFile(fd, info);
 }
 
@@ -156,25 +115,26 @@ bool CFile::TryOpen(const CString& path, unsigned openFlags, CFileException* err
     return fail(CFileException(CFileException::badPath, EINVAL, wanted));
   }
   bool created = false;
-  m_fd = OpenPath(name.c_str(), openFlags, created);
+  m_fd = kesp::OpenFile(name.c_str(), openFlags, created);
   if (m_fd < 0) return fail(CFileException(errno, wanted));
 
-  struct stat info {};
+  kesp::FileInfo info;
   if (StatRetrying(m_fd, info) != 0) return fail(CFileException(errno, wanted));
-  if (!S_ISREG(info.st_mode)) {
-    return fail(CFileException(CFileException::invalidFile, S_ISDIR(info.st_mode) ? EISDIR : EINVAL, wanted));
+  if (info.kind != kesp::FileInfo::Kind::kRegular) {
+    const bool isFolder = info.kind == kesp::FileInfo::Kind::kFolder;
+    return fail(CFileException(CFileException::invalidFile, isFolder ? EISDIR : EINVAL, wanted));
   }
-  const bool writable = IsWritableBy(openFlags);
+  const bool writable = kesp::IsWritableBy(openFlags);
   const bool create = (openFlags & (modeCreate | modeNew)) != 0;
-  if (!AcquireLock(LockOperation(openFlags, writable)) || !SettleLength(m_fd, create && !created, info)) {
+  if (!AcquireLock(openFlags) || !SettleLength(m_fd, create && !created, info)) {
     return fail(CFileException(errno, wanted));
   }
-  m_length = static_cast<std::uint64_t>(info.st_size);
+  m_length = info.length;
   m_path = wanted;
-  m_identity = {info.st_dev, info.st_ino};
+  m_identity = {info.device, info.fileNumber};
   m_writable = writable;
   m_directoryUnsynced = create;  // even if it existed: it may have been created just before, or through a link
-  if (!writable) m_reader = std::make_unique<kesp::OpenReader>(info.st_dev, info.st_ino);
+  if (!writable) m_reader = std::make_unique<kesp::OpenReader>(info.device, info.fileNumber);
   return true;
 }
 
@@ -207,16 +167,6 @@ bool CFile::TryOpen(std::unique_ptr<kesp::ByteSource> source, const CString& nam
   return true;
 }
 
-// Also true when no lock is needed or the file system has none. If false, errno has the reason.
-bool CFile::AcquireLock(int operation) {
-  if (operation == 0) return true;
-  if (Uninterrupted([&] { return kesp::System().Lock(m_fd, operation | LOCK_NB); }) == 0) {
-    m_lockedBy = ::getpid();
-    return true;
-  }
-  return errno == ENOLCK || errno == EOPNOTSUPP;
-}
-
 void CFile::Close() {
   if (!IsOpen()) return;
   try {
@@ -236,16 +186,6 @@ void CFile::Abort() noexcept {
   EndBlockReader();
   (void)CloseDescriptor();
   Reset();
-}
-
-// Returns an errno value, 0 for success.
-int CFile::CloseDescriptor() noexcept {
-  if (m_fd < 0) return 0;
-  // A forked child that has not called exec still has the descriptor, and with it the lock, so release the lock
-  // explicitly. In the child itself the lock is the parent's: leave it.
-  if (m_lockedBy != 0 && m_lockedBy == ::getpid()) (void)kesp::System().Lock(m_fd, LOCK_UN);
-  // No retry after EINTR: the descriptor is already closed.
-  return kesp::System().Close(m_fd) != 0 && errno != EINTR ? errno : 0;
 }
 
 void CFile::Reset() noexcept {
@@ -568,53 +508,18 @@ void CFile::Flush() {
   if (m_directoryUnsynced) SyncDirectory();
 }
 
-// After a power cut a new file is only found if its directory was synced. Some file systems can't sync a directory, and
-// some directories can't be opened or have moved: these errors are ignored, since nothing is known to be lost. If there
-// was no descriptor or memory for it, the next flush tries again.
-void CFile::SyncDirectory() {
-  std::string directory;
-  try {
-    directory = DirectoryOfFile();
-  } catch (const std::bad_alloc&) {
-    Raise(ENOMEM);
-  }
-  const int fd = OpenRetrying(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0 && errno != EACCES && errno != EPERM && errno != ENOENT && errno != ENOTDIR) Raise(errno);
-  m_directoryUnsynced = false;
-  if (fd < 0) return;
-  const int result = Uninterrupted([&] { return kesp::System().FullSync(fd); });
-  const int reason = errno;
-  kesp::System().Close(fd);
-  if (result != 0 && (reason == EIO || reason == ENOSPC || reason == EDQUOT)) {
-    m_syncFailed = true;
-    Raise(reason);
-  }
-}
-
-// The directory that the file is in now, even if the working directory has changed or the path goes through links. If
-// the system doesn't tell, the directory in the path.
-std::string CFile::DirectoryOfFile() const {
-  std::string place(PATH_MAX, '\0');
-  const std::string self = "/proc/self/fd/" + std::to_string(m_fd);
-  const ssize_t size = Uninterrupted([&] { return kesp::System().ReadLink(self.c_str(), place.data(), place.size()); });
-  const bool isKnown = size > 0 && static_cast<std::size_t>(size) < place.size() && place.front() == '/';
-  const std::string name = isKnown ? place.substr(0, static_cast<std::size_t>(size)) : m_path.ToPathBytes();
-  const std::size_t slash = name.rfind('/');
-  return slash == std::string::npos ? "." : name.substr(0, slash + 1);
-}
-
 void CFile::TouchModified() noexcept {
   if (m_fd >= 0 && m_writable) Uninterrupted([this] { return kesp::System().TouchModified(m_fd); });
 }
 
 bool CFile::IsSameFile(const CString& path) const {
   if (m_fd < 0) return false;
-  struct stat other {};
+  kesp::FileInfo other;
   const std::string name = path.ToPathBytes();
   if (Uninterrupted([&] { return kesp::System().Stat(name.c_str(), &other); }) != 0) {
     return errno != ENOENT && errno != ENOTDIR;
   }
-  return m_identity == kesp::FileIdentity{other.st_dev, other.st_ino};
+  return m_identity == kesp::FileIdentity{other.device, other.fileNumber};
 }
 
 void CFile::CopyFrom(CFile& source, std::size_t blockSize) {

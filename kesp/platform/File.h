@@ -201,7 +201,7 @@ class KESP_EXPORT CFile {
 
   bool TryOpen(const CString& path, unsigned openFlags, CFileException* error);
   bool TryOpen(std::unique_ptr<kesp::ByteSource> source, const CString& name);
-  bool AcquireLock(int operation);
+  bool AcquireLock(unsigned openFlags);
   int CloseDescriptor() noexcept;
   [[noreturn]] void Raise(int osError);
   void RequireOpen() const;
@@ -216,7 +216,6 @@ class KESP_EXPORT CFile {
   bool FillFromBlockReader(std::size_t count);
   void UpdateBuffer(const std::byte* from, std::size_t count, std::uint64_t position) noexcept;
   void SyncDirectory();
-  std::string DirectoryOfFile() const;
   void Reset() noexcept;
 
   int m_fd = -1;  // also when a source is open

@@ -8,8 +8,23 @@
 
 namespace kesp {
 
-extern constinit std::mutex g_openReadersLock;
-extern constinit std::mutex g_poolLock;
-extern constinit std::mutex g_regionsLock;
+// Needs no initialisation at run time: records may be made by the constructors of other static objects.
+#ifdef _WIN32
+class Mutex {
+ public:
+  constexpr Mutex() noexcept = default;
+  void lock() noexcept;    // NOLINT(readability-identifier-naming): as the standard library's
+  void unlock() noexcept;  // NOLINT(readability-identifier-naming)
+
+ private:
+  void* m_lock = nullptr;  // an SRWLOCK
+};
+#else
+using Mutex = std::mutex;
+#endif
+
+extern constinit Mutex g_openReadersLock;
+extern constinit Mutex g_poolLock;
+extern constinit Mutex g_regionsLock;
 
 }  // namespace kesp

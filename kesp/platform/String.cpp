@@ -11,6 +11,11 @@
 
 namespace {
 
+#ifdef _WIN32
+constexpr bool kNamesAreBytes = false;  // file names are UTF-16 themselves
+#else
+constexpr bool kNamesAreBytes = true;
+#endif
 constexpr char16_t kFirstHigh = 0xD800;
 constexpr char16_t kFirstLow = 0xDC00;
 constexpr char16_t kPastLow = 0xE000;
@@ -155,7 +160,7 @@ CString CString::FromUtf8(std::string_view utf8) {
 
 CString CString::FromPathBytes(std::string_view bytes) {
   CString text;
-  text.Decode(bytes, false);
+  text.Decode(bytes, !kNamesAreBytes);
   return text;
 }
 
@@ -174,7 +179,7 @@ void CString::Decode(std::string_view bytes, bool surrogatesPass) {
 
 std::string CString::ToUtf8() const { return EncodeUtf8(View(), false); }
 
-std::string CString::ToPathBytes() const { return EncodeUtf8(View(), true); }
+std::string CString::ToPathBytes() const { return EncodeUtf8(View(), kNamesAreBytes); }
 
 CString CString::FromLatin1(std::string_view bytes) {
   CString text;

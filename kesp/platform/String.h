@@ -55,7 +55,8 @@ class KESP_EXPORT CString {
   // written as the three bytes that UTF-8 would give its number, and those are read back as that surrogate.
   static CString FromUtf8(std::string_view utf8);
   std::string ToUtf8() const;
-  // The same for file names, which may be any bytes: a name converted to a CString and back is unchanged.
+  // The same for file names, which may be any bytes: a name converted to a CString and back is unchanged. Under Windows
+  // they are UTF-16, and these do the same as the two above.
   static CString FromPathBytes(std::string_view bytes);
   std::string ToPathBytes() const;
   // Each byte becomes the character of the same value.

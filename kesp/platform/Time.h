@@ -5,6 +5,10 @@
 
 #include "kesp/platform/Export.h"
 
+#ifdef _WIN32
+#undef GetCurrentTime  // <windows.h> has a macro of this name; include it before this header
+#endif
+
 class KESP_EXPORT CTime {
  public:
   constexpr CTime() noexcept = default;

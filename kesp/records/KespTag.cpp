@@ -166,7 +166,7 @@ bool CKespTag::Set(const CString& name, double value) {
 }
 
 bool CKespTag::Set(const CString& name, const CString& value) {
-  const std::size_t length = 2 * (value.Size() + 1);
+  const auto length = static_cast<unsigned long>(2 * (value.Size() + 1));
   (void)Set(KESP_TAG_STRING, name, nullptr, length);
   kesp::StoreUnits(Bytes(m_pData) + (m_dataLength - length), value.GetString(), value.Size());  // before its zero
   return true;

@@ -1,7 +1,5 @@
 #include "kesp/util/Utilities.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -66,10 +64,10 @@ constexpr double kSecondsPerDay = 86400;
 }  // namespace
 
 bool FileExists(CString path) {  // NOLINT(performance-unnecessary-value-param): by value, as hosts link to it
-  struct stat info {};
+  kesp::FileInfo info;
   const std::string name = path.ToPathBytes();
   const int result = kesp::Uninterrupted([&] { return kesp::System().Stat(name.c_str(), &info); });
-  return result == 0 && !S_ISDIR(info.st_mode);
+  return result == 0 && info.kind != kesp::FileInfo::Kind::kFolder;
 }
 
 CString GetStringRes(int id) {

@@ -200,7 +200,11 @@ TEST(Summary, OfNoPointsHasNoExtentAndTimesThatAnyPointReplaces) {
   CBoundingBox extent(100, 200, 100, 200);
   CString text = u"old";
   unsigned long points = 9, features = 9;
-  std::tm start{1, 1, 1, 2, 0, 70, 0, 0, -1, 0, nullptr};
+  std::tm start{};
+  start.tm_sec = start.tm_min = start.tm_hour = 1;
+  start.tm_mday = 2;
+  start.tm_year = 70;
+  start.tm_isdst = -1;
   const std::int64_t inTenThousandDays = CTime::GetCurrentTime().GetTime() + 864000000;
   EXPECT_EQ(CKespFile().GetKespDataSummary(points, features, extent, first, last, text), ERR_NONE);
   EXPECT_EQ(points + features, 0u);

@@ -177,7 +177,7 @@ TEST(ReadKespFile, InterpretsTags) {
   EXPECT_EQ(*file.m_featureChangesIndex.Find(4), tags[11]);
 
   // Nothing of it is left after another reading.
-  WriteFile(set.path, Survey({}));
+  file.m_pDataFile->m_file.SetLength(kFirst);
   EXPECT_EQ(file.ReadKespFile(false), ERR_NO_HEADER);
   EXPECT_FALSE(file.m_extent.IsValid());
   EXPECT_EQ(file.m_lastPointTime, CTime());

@@ -127,7 +127,7 @@ TEST_F(ByteSources, FailAsTheSystemDoes) {
     std::function<void()> raise;
     int reason;
   } rows[] = {{[] { throw std::system_error(ETIMEDOUT, std::generic_category()); }, ETIMEDOUT},
-              {[] { throw std::system_error(EINTR, std::system_category()); }, EINTR},
+              {[] { throw std::system_error(EINTR, std::generic_category()); }, EINTR},
               {[] { throw CFileException(EACCES, u"b"); }, EACCES},
               {[] { throw CFileException(CFileException::endOfFile, u"b"); }, EIO},
               {[] { throw std::system_error(std::make_error_code(std::future_errc::no_state)); }, EIO},

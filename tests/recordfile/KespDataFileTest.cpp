@@ -1,12 +1,10 @@
 #include "kesp/recordfile/KespDataFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <array>
 #include <cerrno>
 
 #include "tests/recordfile/Survey.h"
+#include "tests/support/System.h"
 
 using namespace kesp::test;
 
@@ -103,16 +101,13 @@ TEST_F(KespDataFile, CreatesFiftyBytesAndSaysWhyAPathCantBeOpened) {
 }
 
 TEST_F(KespDataFile, StampsTheModificationTimeAloneAndNoneWhenOpenedForReading) {
-  constexpr time_t kLongAgo = 1'000'000'000;
   const auto stamped = [&](const auto& run) {  // whether the modification time is a new one
-    const timespec times[2] = {{kLongAgo, 0}, {kLongAgo, 0}};
-    struct stat info {};
-    EXPECT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    SetLongAgo(path);
     run();
-    EXPECT_EQ(::stat(path.c_str(), &info), 0);
-    EXPECT_EQ(info.st_atime, kLongAgo);
-    EXPECT_TRUE(info.st_mtime == kLongAgo || info.st_mtime > ::time(nullptr) - 5);
-    return info.st_mtime != kLongAgo;
+    const Times now = TimesOf(path);
+    EXPECT_TRUE(now.read == kLongAgo || !kKeepsTimeOfReading);
+    EXPECT_TRUE(now.modified == kLongAgo || now.modified > ::time(nullptr) - 5);
+    return now.modified != kLongAgo;
   };
   Open(EndOf(7));
   EXPECT_TRUE(stamped([&] { file.Flush(); }));

@@ -64,7 +64,7 @@ TEST_F(Samples, Agree) {
       if (wanted.extension() != ".kesp" || !fs::exists(wanted.replace_extension(c.ending))) continue;
       SCOPED_TRACE(wanted.string());
       std::vector<std::string> arguments = c.command;
-      arguments.push_back(entry.path());
+      arguments.push_back(entry.path().string());
       const ToolResult result = RunTool(arguments);
       const auto got = Parse(result.out), want = Parse(TextOf(wanted));
       for (std::size_t i = 0; i < std::min(got.size(), want.size()); ++i) {

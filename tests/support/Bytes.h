@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,8 +76,9 @@ inline ByteVector Record(std::uint32_t type, std::uint16_t version, std::uint32_
 class TempDir {
  public:
   TempDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "kesp-test-XXXXXX").string();
-    m_path = ::mkdtemp(name.data());
+    std::random_device random;
+    do m_path = std::filesystem::temp_directory_path() / ("kesp-test-" + std::to_string(random()));
+    while (!std::filesystem::create_directory(m_path));
   }
   ~TempDir() { std::filesystem::remove_all(m_path); }
   TempDir(const TempDir&) = delete;
@@ -97,6 +99,14 @@ inline ByteVector ReadFile(const std::filesystem::path& path) {
       .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   return bytes;
 }
+// Where programs may not make symbolic links, it is another name of the file.
+inline void MakeSoftLink(const std::filesystem::path& to, const std::filesystem::path& link) {
+#ifdef _WIN32
+  std::filesystem::create_hard_link(to, link);
+#else
+  std::filesystem::create_symlink(to, link);
+#endif
+}
 // With U+FFFD for each lone surrogate, which ToUtf8 keeps as ED A0 80 to ED BF BF.
 inline std::string ValidUtf8(const CString& text) {
   std::string valid = text.ToUtf8();
@@ -105,6 +115,6 @@ inline std::string ValidUtf8(const CString& text) {
   }
   return valid;
 }
-inline CString Text(const std::filesystem::path& path) { return CString(path.string()); }
+inline CString Text(const std::filesystem::path& path) { return {path.c_str()}; }
 
 }  // namespace kesp::test

@@ -68,8 +68,8 @@ class FaultySystem : public IdleDisk {
     const int result = SystemCalls::Close(fd);
     return Fails("close") ? -1 : result;
   }
-  int Stat(const char* path, struct stat* info) override { return Fails("stat") ? -1 : SystemCalls::Stat(path, info); }
-  int FileStat(int fd, struct stat* info) override { return Fails("fstat") ? -1 : SystemCalls::FileStat(fd, info); }
+  int Stat(const char* path, FileInfo* info) override { return Fails("stat") ? -1 : SystemCalls::Stat(path, info); }
+  int FileStat(int fd, FileInfo* info) override { return Fails("fstat") ? -1 : SystemCalls::FileStat(fd, info); }
   std::int64_t End(int fd) override { return Fails("lseek") ? -1 : SystemCalls::End(fd); }
   int Lock(int fd, int operation) override { return Fails("flock") ? -1 : SystemCalls::Lock(fd, operation); }
   ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {

@@ -2,7 +2,6 @@
 // No times, permissions or locks; a file that was not made can't be opened.
 #pragma once
 #include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -37,11 +36,11 @@ class MemorySystem : public SystemCalls {
     return m_nextDescriptor++;
   }
   int Close(int fd) override { return m_open.erase(fd) == 1 ? 0 : Fail(EBADF); }
-  int Stat(const char* path, struct stat* info) override {
+  int Stat(const char* path, FileInfo* info) override {
     const auto found = m_files.find(path);
     return found == m_files.end() ? Fail(ENOENT) : Describe(*found->second, info);
   }
-  int FileStat(int fd, struct stat* info) override { return Describe(*m_open.at(fd), info); }
+  int FileStat(int fd, FileInfo* info) override { return Describe(*m_open.at(fd), info); }
   std::int64_t End(int fd) override { return static_cast<std::int64_t>(m_open.at(fd)->size()); }
   int Lock(int /*fd*/, int /*operation*/) override { return 0; }
   ssize_t Read(int fd, void* to, std::size_t count, std::int64_t offset) override {
@@ -79,11 +78,8 @@ class MemorySystem : public SystemCalls {
     errno = error;
     return -1;
   }
-  static int Describe(const ByteVector& bytes, struct stat* info) {
-    *info = {};
-    info->st_mode = S_IFREG | 0600;
-    info->st_ino = static_cast<ino_t>(reinterpret_cast<std::uintptr_t>(&bytes));
-    info->st_size = static_cast<off_t>(bytes.size());
+  static int Describe(const ByteVector& bytes, FileInfo* info) {
+    *info = {0, reinterpret_cast<std::uintptr_t>(&bytes), bytes.size(), FileInfo::Kind::kRegular};
     return 0;
   }
 

@@ -26,6 +26,7 @@ TEST_F(Tool, HelpFitsTheScreenAndEveryPageAndCompletionNamesAllThatItNames) {
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_NE(help.out.find("\nExamples:\n  kesp " + command), std::string::npos) << help.out;
     EXPECT_TRUE(AllIn(main + help.out, "(?:^|\n)([^\n]{81,})").empty()) << help.out;
+    if (*KESP_TOOL_SHARE == 0) continue;  // not made for this system
     // Unescaped: the page's hyphens, and what separates the options of fish.
     const std::string page = Replaced(TextOf(share / ("man/man1/kesp-" + command + ".1")), "\\-", "-");
     const std::string bash = TextOf(share / "bash-completion/completions/kesp");

@@ -24,6 +24,9 @@ class ToolEdit : public Tool {
   void Expect(const ByteVector& before, const std::string& line, const ToolResult& want,
               const ByteVector& after) const {
     SCOPED_TRACE(line);
+#ifdef _WIN32
+    if (line.find('\xFF') != std::string::npos) return;  // an argument is UTF-16 there
+#endif
     WriteFile(dir / "a", before);
     const ToolResult dry = Run(line + " --dry-run");
     EXPECT_EQ(ReadFile(dir / "a"), before);

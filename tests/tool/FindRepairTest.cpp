@@ -138,7 +138,7 @@ TEST_F(Tool, NothingIsReplacedUnaskedAndNothingIsLeftLyingAbout) {
   WriteFile(dir / "a", bytes);
   WriteFile(dir / "held", bytes);
   fs::create_hard_link(dir / "a", dir / "hard");
-  fs::create_symlink(dir / "a", dir / "soft");
+  MakeSoftLink(dir / "a", dir / "soft");
   CKespDataFile holder;
   ASSERT_TRUE(holder.Open(Text(dir / "held")));
   for (const std::string command : {"copy ", "repair "}) {

@@ -1,13 +1,18 @@
 // Runs the command-line tool and keeps its output. No shell is involved: arguments are passed as they are.
 #pragma once
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <iterator>
 #include <optional>
 #include <sstream>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
 
 #include "tests/support/Bytes.h"
 
@@ -27,6 +32,48 @@ inline std::string TextOf(const std::filesystem::path& path) {
   return {bytes.begin(), bytes.end()};
 }
 
+#ifdef _WIN32
+// As CommandLineToArgvW takes it apart.
+inline std::wstring Quoted(const std::wstring& argument) {
+  std::wstring quoted = L"\"";
+  std::size_t slashes = 0;
+  for (const wchar_t c : argument) {
+    if (c == L'"') quoted.append(slashes + 1, L'\\');
+    slashes = c == L'\\' ? slashes + 1 : 0;
+    quoted += c;
+  }
+  return quoted.append(slashes, L'\\') + L"\"";
+}
+
+inline ToolResult RunTool(const std::vector<std::string>& arguments, std::optional<int> /*output*/ = {}) {
+  const TempDir dir;
+  std::wstring line = Quoted(std::filesystem::path(KESP_TOOL).wstring());
+  for (const std::string& argument : arguments) {
+    const CString text(argument);
+    line += L' ' + Quoted({text.View().begin(), text.View().end()});
+  }
+  SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
+  const auto create = [&](const std::filesystem::path& path) {
+    return ::CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherited, CREATE_NEW, 0, nullptr);
+  };
+  STARTUPINFOW start{};
+  start.cb = sizeof start;
+  start.dwFlags = STARTF_USESTDHANDLES;
+  start.hStdOutput = create(dir / "out");
+  start.hStdError = create(dir / "err");
+  PROCESS_INFORMATION tool{};
+  DWORD status = 127;
+  if (::CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start, &tool) != 0) {
+    ::WaitForSingleObject(tool.hProcess, INFINITE);
+    ::GetExitCodeProcess(tool.hProcess, &status);
+    ::CloseHandle(tool.hThread);
+    ::CloseHandle(tool.hProcess);
+  }
+  ::CloseHandle(start.hStdOutput);
+  ::CloseHandle(start.hStdError);
+  return {static_cast<int>(status), TextOf(dir / "out"), TextOf(dir / "err")};
+}
+#else
 // `output` is the descriptor that the tool gets instead of one whose text is kept; with -1 it gets none.
 inline ToolResult RunTool(const std::vector<std::string>& arguments, std::optional<int> output = {}) {
   const TempDir dir;
@@ -53,6 +100,7 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments, std::option
   ::waitpid(child, &status, 0);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, TextOf(out), TextOf(err)};
 }
+#endif
 
 inline std::string Replaced(std::string text, const std::string& what, const std::string& with) {
   for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size()) {
@@ -75,7 +123,7 @@ class Tool : public testing::Test {
     return {got.status, Replaced(got.out, folder, "@"), Replaced(got.err, folder, "@")};
   }
   const TempDir dir;
-  const std::string folder = dir / "";
+  const std::string folder = (dir / "").generic_string();
 };
 
 }  // namespace kesp::test

@@ -111,9 +111,14 @@ TEST_F(Tool, InfoCountsAndFindsTheFirstDamage) {
 }
 
 TEST_F(Tool, TakesEveryFileNameAndTellsWhatIsWrong) {
-  for (const std::string name : {"\xFF\xFE", "\xED\xB2\x80", "\xF0\x9F\x8C\xB3", "dump", " ", "[a,b]", "a\nb"}) {
+#ifdef _WIN32
+  const auto names = {"\xC3\xA9", "\xF0\x9F\x8C\xB3", "dump", "a b", "[a,b]", "'a'"};
+#else
+  const auto names = {"\xFF\xFE", "\xED\xB2\x80", "\xF0\x9F\x8C\xB3", "dump", " ", "[a,b]", "a\nb"};
+#endif
+  for (const std::string name : names) {
     WriteFile(dir / name, kHead + kEnd7);
-    EXPECT_EQ(RunTool({"dump", dir / name}).status, 0) << name;
+    EXPECT_EQ(RunTool({"dump", (dir / name).string()}).status, 0) << name;
   }
   EXPECT_EQ(Run("info /none/\x1b[1m").err, "/none/\\u001b[1m: No such file or directory") << "can't steer a terminal";
   EXPECT_EQ(Run("info /none/x"), (ToolResult{2, "", "/none/x: No such file or directory"}));
@@ -121,6 +126,7 @@ TEST_F(Tool, TakesEveryFileNameAndTellsWhatIsWrong) {
   EXPECT_EQ(Run("--help").status + Run("--version").status, 0);
 }
 
+#ifndef _WIN32  // scripts/platforms does this there
 TEST_F(Tool, OutputThatIsLostIsAnErrorUnlessNobodyWantsIt) {
   ByteVector many = kHead;
   for (int i = 0; i < 5000; ++i) Append(many, kEnd7);  // more than a pipe and the tool's buffer hold
@@ -138,6 +144,7 @@ TEST_F(Tool, OutputThatIsLostIsAnErrorUnlessNobodyWantsIt) {
   ::close(full);
   ::close(pipeEnds[1]);
 }
+#endif
 
 }  // namespace
 }  // namespace kesp::test

@@ -160,9 +160,10 @@ TEST(Utilities, TextsFillFixedFields) {
     EXPECT_EQ(units, c.units);
     EXPECT_EQ(copied, c.length == 2 ? copied : c.units);  // units may be cut inside a pair, characters not
   }
+  const std::wstring face = L"a\U0001F600";  // of one wide character or two
   std::wstring wide(4, L'?');
-  StringToChar16(wide.data(), L"a\U0001F600", 2);
-  EXPECT_EQ(wide, (std::wstring{L'a', L'\U0001F600', 0, L'?'}));
+  StringToChar16(wide.data(), face.c_str(), 2);
+  EXPECT_EQ(wide, (std::wstring{face[0], face[1], 0, L'?'}));
 }
 
 }  // namespace

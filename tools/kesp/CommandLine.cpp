@@ -89,14 +89,14 @@ const CLI::Validator& Decimal() {
 
 // As the parser takes them, last to first. Where several files may be named it takes [a,b] for a list of them; ./[a,b]
 // is the same file and no list.
-std::vector<std::string> ArgumentsOf(const CLI::App& app, int argc, const char* const* argv) {
-  const CLI::App* const command = CommandNamed(app, argv[1]);
+std::vector<std::string> ArgumentsOf(const CLI::App& app, const std::vector<std::string>& given) {
+  const CLI::App* const command = CommandNamed(app, given[1]);
   const auto files = command != nullptr ? PositionalsOf(*command) : std::vector<const CLI::Option*>();
   const bool takesFiles =
       std::any_of(files.begin(), files.end(), [](const CLI::Option* file) { return TakesMany(*file); });
   std::vector<std::string> arguments;
-  for (int i = argc - 1; i > 0; --i) {
-    arguments.emplace_back(takesFiles && argv[i][0] == '[' ? "./" + std::string(argv[i]) : argv[i]);
+  for (std::size_t i = given.size() - 1; i > 0; --i) {
+    arguments.emplace_back(takesFiles && given[i].starts_with('[') ? "./" + given[i] : given[i]);
   }
   return arguments;
 }
@@ -133,6 +133,7 @@ CommandLine::CommandLine()
   m_app.formatter(std::make_shared<HelpFormatter>());
   m_app.set_help_flag("-h,--help", "Show this help");
   m_app.set_version_flag("--version", "kesp " KESP_TOOL_VERSION, "Show the version");
+  m_app.allow_windows_style_options(false);  // /survey.kesp is a path everywhere
   m_app.require_subcommand(1);
   m_app.footer(kExitStatuses);
   AddInfo();
@@ -447,10 +448,10 @@ ExitStatus CommandLine::Complain(const CLI::ParseError& error) const {
   return kExitTrouble;
 }
 
-ExitStatus CommandLine::Run(int argc, const char* const* argv, Output& out) {
-  if (argc < 2) return ShowHelp(out);
+ExitStatus CommandLine::Run(const std::vector<std::string>& arguments, Output& out) {
+  if (arguments.size() < 2) return ShowHelp(out);
   try {
-    m_app.parse(ArgumentsOf(m_app, argc, argv));
+    m_app.parse(ArgumentsOf(m_app, arguments));
   } catch (const CLI::Success& asked) {  // --help or --version
     std::ostringstream text;
     (void)m_app.exit(asked, text, text);

@@ -1,7 +1,7 @@
 // The command line of the tool: which sub-commands and options there are, what their help says, and what they run.
 //
 //   CommandLine line;
-//   return line.Run(argc, argv, out);
+//   return line.Run(arguments, out);
 //
 // Help, manual pages and completions are made from these definitions (Help.h says how they are read).
 #pragma once
@@ -21,7 +21,7 @@ class CommandLine {
 
   // Runs the sub-command and returns its exit status. Wrong usage is complained about. Passes on what the sub-command
   // throws, as OutputError.
-  ExitStatus Run(int argc, const char* const* argv, Output& out);
+  ExitStatus Run(const std::vector<std::string>& arguments, Output& out);  // the name of the program first
   const CLI::App& App() const noexcept { return m_app; }
 
  private:

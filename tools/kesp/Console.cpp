@@ -1,11 +1,11 @@
 #include "tools/kesp/Console.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+
+#include "tools/kesp/System.h"
 
 namespace kesp::tool {
 namespace {
@@ -16,6 +16,7 @@ bool namesPath = false;
 }  // namespace
 
 void Complain(std::string_view path, std::string_view what) {
+  PauseIfEnded();
   // Advice follows without a path.
   if (!path.empty() || !namesPath) lastComplaint = what;
   namesPath = namesPath || !path.empty();
@@ -59,7 +60,7 @@ std::string Counted(std::uint64_t count, std::string_view what) {
 
 bool HasColours() {
   const char* const no = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): nothing here sets one
-  return (no == nullptr || *no == 0) && ::isatty(STDOUT_FILENO) != 0;
+  return (no == nullptr || *no == 0) && IsTerminal(Stream::kOutput);
 }
 
 std::string Coloured(std::string_view text, Colour colour) {

@@ -1,7 +1,5 @@
 // kesp dump: every record as a line of JSON, and a last line that says how the walk ended; or one document of the data
 // set.
-#include <unistd.h>
-
 #include "tools/kesp/Commands.h"
 #include "tools/kesp/Dataset.h"
 #include "tools/kesp/Opening.h"
@@ -39,7 +37,7 @@ ExitStatus DumpRecords(const DumpOptions& options, DeletedRecords deleted, Outpu
   }
   RecordWalk walk(file, deleted);
   // Records that run over the screen tell enough.
-  Progress progress(file.m_file.KnownLength(), Progress::OnTerminal() && ::isatty(STDOUT_FILENO) == 0);
+  Progress progress(file.m_file.KnownLength(), Progress::OnTerminal() && !IsTerminal(Stream::kOutput));
   JsonWriter json(out);
   for (auto step = walk.Next(); step != RecordWalk::Step::kEnd; step = walk.Next()) {
     progress.Update(walk.View().Position());

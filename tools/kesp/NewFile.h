@@ -34,8 +34,8 @@ class SteadyFile {
   bool IsWritten() const noexcept { return m_isWritten; }
 
  private:
-  int m_descriptor;
-  bool m_isWritten;
+  bool m_isWritten = false;
+  std::intptr_t m_held;  // sets m_isWritten
 };
 
 constexpr const char* kIsWritten = "is open for writing elsewhere";
@@ -68,7 +68,7 @@ class NewFile {
   std::string m_made;
   std::string m_why;
   Existing m_existing;
-  CFile m_replaced;  // held until its name is taken
+  CFile m_replaced;  // held until its name is taken, or just before where the system wants that
 };
 
 // Shows how far a file has grown, on a terminal, while the library makes it.

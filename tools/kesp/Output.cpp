@@ -1,8 +1,5 @@
 #include "tools/kesp/Output.h"
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -25,16 +22,9 @@ void Output::Flush() {
   m_size = 0;
   m_isUsed = m_isUsed || size != 0;
   for (std::size_t done = 0; done < size;) {
-    const ssize_t written = ::write(m_descriptor, m_buffer.get() + done, size - done);
-    if (written >= 0) {
-      done += static_cast<std::size_t>(written);
-    } else if (errno == EAGAIN) {
-      // The other end of a pipe may have made it non-blocking.
-      pollfd ready{m_descriptor, POLLOUT, 0};
-      ::poll(&ready, 1, -1);
-    } else if (errno != EINTR) {
-      throw OutputError(errno);
-    }
+    const std::ptrdiff_t written = WriteSome(m_stream, m_buffer.get() + done, size - done);
+    if (written < 0) throw OutputError(errno);
+    done += static_cast<std::size_t>(written);
   }
 }
 

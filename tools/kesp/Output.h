@@ -1,10 +1,9 @@
 // Standard output, collected into pieces of 64 KiB.
 //
-//   Output out(STDOUT_FILENO);
+//   Output out(Stream::kOutput);
 //   out.Put("offset ").Put(text);
 //   out.Flush();
 //
-// Ownership: borrows the descriptor.
 // Errors: OutputError with the system's error number; what was collected by then is dropped. The destructor drops what
 //   was never flushed, so that an exception on its way isn't met by a second one.
 #pragma once
@@ -13,6 +12,8 @@
 #include <exception>
 #include <memory>
 #include <string_view>
+
+#include "tools/kesp/System.h"
 
 namespace kesp::tool {
 
@@ -28,7 +29,7 @@ class OutputError : public std::exception {
 
 class Output {
  public:
-  explicit Output(int descriptor) : m_descriptor(descriptor), m_buffer(std::make_unique<char[]>(kCapacity)) {}
+  explicit Output(Stream stream) : m_stream(stream), m_buffer(std::make_unique<char[]>(kCapacity)) {}
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
@@ -57,7 +58,7 @@ class Output {
 
   static constexpr std::size_t kCapacity = std::size_t{64} * 1024;
 
-  int m_descriptor;
+  Stream m_stream;
   std::unique_ptr<char[]> m_buffer;
   std::size_t m_size = 0;
   bool m_isUsed = false;

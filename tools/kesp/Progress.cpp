@@ -1,9 +1,9 @@
 #include "tools/kesp/Progress.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
+
+#include "tools/kesp/System.h"
 
 namespace kesp::tool {
 namespace {
@@ -12,7 +12,7 @@ constexpr std::chrono::milliseconds kPatience{500};
 
 }  // namespace
 
-bool Progress::OnTerminal() noexcept { return ::isatty(STDERR_FILENO) == 1; }
+bool Progress::OnTerminal() noexcept { return IsTerminal(Stream::kErrors); }
 
 Progress::Progress(std::uint64_t total, bool enabled) noexcept
     : m_total(total), m_enabled(enabled && total != 0), m_start(std::chrono::steady_clock::now()) {}

@@ -4,9 +4,9 @@
 
 namespace kesp {
 
-constinit std::mutex g_openReadersLock;
-constinit std::mutex g_poolLock;
-constinit std::mutex g_regionsLock;
+constinit Mutex g_openReadersLock;
+constinit Mutex g_poolLock;
+constinit Mutex g_regionsLock;
 
 namespace {
 
