@@ -25,7 +25,7 @@ struct CopiedWalk {
 };
 CopiedWalk WalkFrom(const CString& path, std::size_t first, bool skipDeleted = false) {
   CKespDataFile file;
-  KESP_REQUIRE(file.OpenReadOnly(path) && file.Seek(first));
+  KESP_REQUIRE(file.OpenReadOnly(path) && file.Seek(static_cast<unsigned long>(first)));
   CopiedWalk walked;
   try {
     while (const std::unique_ptr<CKespRecord> record{file.ReadNextRecord(skipDeleted)}) ++walked.records;

@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
   if (paths.empty()) return 2;  // an empty corpus proves nothing
   std::sort(paths.begin(), paths.end());
   for (const fs::path& path : paths) {
-    std::fprintf(stderr, "%s\n", path.c_str());
+    std::fprintf(stderr, "%s\n", path.string().c_str());
     std::ifstream in(path, std::ios::binary);
     if (!in) return 2;
     // On the heap, without a spare byte after it, so that an overrun is detected.

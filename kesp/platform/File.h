@@ -17,6 +17,11 @@
 // default and blocks nobody, with one exception: a file that an object of this process has open read-only can't be
 // emptied. One thread at a time may use an object.
 //
+// Under Windows the system itself keeps others, of whatever program, from what is denied, from the opening on:
+// shareDenyWrite lets others read, but not write, delete or rename the file; two that only read may both deny writing.
+// shareExclusive keeps readers out too, and fails while somebody reads. Nothing is denied without these flags; a reader
+// then shares the file with everybody, unless that one wants it alone.
+//
 // Opened from a ByteSource, the object reads what the host gives it: read-only, with the length that the source had
 // when it was opened, and with the same buffer.
 //

@@ -5,8 +5,8 @@
 // handle interrupted and short calls. Paths are UTF-8, as CString::ToPathBytes gives them. Not installed; hosts have no
 // use for it.
 //
-// Under Windows a descriptor is a handle of the system, which fits into an int. Its errors become the errno values that
-// Linux has for them (windows/Errors.h).
+// Under Windows a descriptor is a handle of the system, which fits into an int. Its errors become errno
+// values, by the names that Linux has for them (windows/Errors.h).
 #pragma once
 #include <sys/types.h>
 
