@@ -36,6 +36,9 @@ TEST_F(WindowsFile, IsSharedAsTheSystemSharesIt) {
     EXPECT_EQ(OpenedByAnother(path, DELETE, kAll), c.deletes);
     EXPECT_EQ(OpenedByAnother(path, GENERIC_READ, FILE_SHARE_READ), c.denies);
   }
+  const CFile reader(name, kReader);
+  EXPECT_FALSE(CFile().Open(name, CFile::modeReadWrite | CFile::shareExclusive));
+  EXPECT_TRUE(CFile().Open(name, kWriter));
 }
 
 TEST_F(WindowsFile, MayHaveAPathOfAnyLength) {
