@@ -62,13 +62,11 @@ int OpenFile(const char* path, unsigned openFlags, bool& created) {
 
 }  // namespace kesp
 
-using kesp::Uninterrupted;
-
 // Also true when no lock is needed or the file system has none. If false, errno has the reason.
 bool CFile::AcquireLock(unsigned openFlags) {
   const int operation = kesp::LockOperation(openFlags);
   if (operation == 0) return true;
-  if (Uninterrupted([&] { return kesp::System().Lock(m_fd, operation | LOCK_NB); }) == 0) {
+  if (kesp::Uninterrupted([&] { return kesp::System().Lock(m_fd, operation | LOCK_NB); }) == 0) {
     m_lockedBy = ::getpid();
     return true;
   }
@@ -99,7 +97,7 @@ void CFile::SyncDirectory() {
   if (fd < 0 && errno != EACCES && errno != EPERM && errno != ENOENT && errno != ENOTDIR) Raise(errno);
   m_directoryUnsynced = false;
   if (fd < 0) return;
-  const int result = Uninterrupted([&] { return kesp::System().FullSync(fd); });
+  const int result = kesp::Uninterrupted([&] { return kesp::System().FullSync(fd); });
   const int reason = errno;
   kesp::System().Close(fd);
   if (result != 0 && (reason == EIO || reason == ENOSPC || reason == EDQUOT)) {
