@@ -106,8 +106,8 @@ class ArrowRows {
   std::size_t m_size = 0, m_mostRows, m_bytes = 0;
 };
 
-// GDAL gives the indices of a dictionary to consumers as the values of a field with coded values. These would lose a
-// value that has no code, so the layers here give numbers.
+// For a field with coded values GDAL adds a dictionary, into which its numbers are indices. A number without a code
+// would point outside, so the layers here give plain numbers.
 void RemoveDictionaries(ArrowArray& batch) noexcept;
 void RemoveDictionaries(ArrowSchema& schema) noexcept;
 

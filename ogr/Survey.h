@@ -44,7 +44,7 @@ struct Survey {
   // The code of a feature's name. Those of names beyond kMostNames follow: one for all names of the same hash.
   std::uint16_t NameCodeOf(const TextView& name) const;
   std::uint16_t AddName(const TextView& name);
-  // A name has no code of its own, and its hash is this.
+  // The code of a name that came when kMostNames others were there, by its hash.
   static std::uint16_t FurtherName(std::uint32_t hash) noexcept {
     return static_cast<std::uint16_t>(kMostNames + hash % (Entry::kMixedNames - kMostNames));
   }

@@ -359,6 +359,7 @@ class PointRun {
   std::size_t Size() const noexcept { return m_size; }
   // Below Size().
   PointView operator[](std::size_t index) const noexcept { return {m_body + index * m_stride, m_version}; }
+  // The offset of its record in the file, in bytes.
   std::uint64_t PositionOf(std::size_t index) const noexcept { return m_position + index * m_stride; }
 
  private:

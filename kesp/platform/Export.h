@@ -3,7 +3,7 @@
 
 #ifndef _WIN32
 #define KESP_EXPORT __attribute__((visibility("default")))
-#elif defined(KESP_STATIC)  // whoever links the static library defines it, as the CMake package does
+#elif defined(KESP_STATIC)  // defined by hosts of the static library; the CMake package does it
 #define KESP_EXPORT
 #elif defined(KESP_BUILDING_DLL)
 #define KESP_EXPORT __declspec(dllexport)

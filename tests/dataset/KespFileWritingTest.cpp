@@ -148,7 +148,7 @@ TEST(WriteQueue, LeavesAloneWhatExists) {
 }
 
 #ifndef _WIN32
-// By a program that takes no lock, and behind a link that leads nowhere. Windows has neither.
+// By a program that takes no lock, and through a link that leads nowhere. Windows has neither.
 TEST(WriteQueue, LeavesAloneWhatComesToExist) {
   const ByteVector before = Survey({Header2{}});
   DataSet set(before);
