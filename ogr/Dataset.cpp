@@ -112,6 +112,11 @@ bool Dataset::ReadFile(SurveyFile::Access access) {
              m_path.c_str(), static_cast<unsigned long long>(m_survey->end.offset), m_survey->end.Cause().c_str());
     return false;
   }
+  if (m_file->IsWritable() && m_file->Container().m_version == 0) {
+    CPLError(CE_Failure, CPLE_NotSupported, "%s: is of file version 0, which no record can be written for",
+             m_path.c_str());
+    return false;
+  }
   if (isDamaged && m_options.salvage && !Salvage()) return false;
   if (!m_survey->hasHeader) {
     CPLError(CE_Warning, CPLE_AppDefined, "%s: the first record is no header record", m_path.c_str());

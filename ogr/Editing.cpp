@@ -238,6 +238,9 @@ OGRErr FeatureLayer::ISetFeature(OGRFeature* feature) {
     m_writer->Refuse("feature " + std::to_string(fid) + " is deleted, or another one has its number");
     return OGRERR_FAILURE;
   }
+  Amendments marks;
+  if (isReplaced || isToBeDeleted) AddMarks(*records, Marking::kDelete, marks);
+  if (!m_dataset.Editing()->CanAmend(marks)) return OGRERR_FAILURE;  // before anything is written
   if (!(isReplaced ? Replace(*records, changes) : Amend(position, changes))) return OGRERR_FAILURE;
   if (isToBeDeleted == isDeleted) return OGRERR_NONE;
   return Mark(fid, isToBeDeleted ? Marking::kDelete : Marking::kRestore) ? OGRERR_NONE : OGRERR_FAILURE;

@@ -175,6 +175,13 @@ bool Editor::ReadOriginals(const Amendments& amendments, std::vector<Original>& 
   return true;
 }
 
+bool Editor::CanAmend(const Amendments& amendments) try {
+  std::vector<Original> originals;
+  return ReadOriginals(amendments, originals);
+} catch (const CFileException&) {
+  return Fail("a record can't be read any more");
+}
+
 bool Editor::PutBack(const std::vector<Original>& originals, std::size_t count) {
   CFile& file = m_file.ForWriting().m_file;
   while (count-- != 0) {
@@ -197,7 +204,11 @@ bool Editor::Amend(const Amendments& amendments) try {
   for (const Amendment& amendment : amendments) {
     if (amendment.after->m_recordType == KESP_RECORD_POINT) NoteNumber(*amendment.after);
   }
-  if (m_isInTransaction) std::move(originals.begin(), originals.end(), std::back_inserter(m_originals));
+  for (Original& original : originals) {
+    // What the transaction itself has appended is cut off by a rollback.
+    const bool isOlder = original.position < m_start;
+    if (m_isInTransaction && isOlder) m_originals.push_back(std::move(original));
+  }
   return true;
 } catch (const CFileException&) {
   return Fail("a record can't be changed");

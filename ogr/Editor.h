@@ -56,6 +56,8 @@ class Editor {
   bool Append(Records records);
   // Changes records that are in the file, all or none of them.
   bool Amend(const Amendments& amendments);
+  // Whether Amend would take them; else says why not.
+  bool CanAmend(const Amendments& amendments);
   // Changes the header record. Refuses values that it can't hold. False without an error if there is no header record.
   using Change = std::function<void(CKespTavoHeader&)>;
   bool ChangeHeader(const Change& change);

@@ -26,12 +26,15 @@ void FirstPass::Run() {
   EndRun();
   m_survey.directory.Finish();
   m_survey.end = m_cursor.End();
+  if (m_misstated) m_survey.end = {KESP_ERROR_RECORD_HEADER, 0, *m_misstated, false};
   m_end = m_file.Length();
 }
 
 void FirstPass::Take(const RecordView& record) {
   NoteNumber(record);
-  if ((record.Flags() & KESP_FLAG_DELETED) != 0 && !m_file.IncludesDeleted()) return;
+  const bool isDeleted = (record.Flags() & KESP_FLAG_DELETED) != 0;
+  if (isDeleted && m_file.IsWritable() && !StatesItsLength(record)) m_misstated = record.Position();
+  if (isDeleted && !m_file.IncludesDeleted()) return;
   const bool isFirst = !std::exchange(m_hasBegun, true);
   m_afterHeader.See(record, m_survey, isFirst);
   switch (record.Type()) {
@@ -52,6 +55,11 @@ void FirstPass::Take(const RecordView& record) {
     default:
       return;
   }
+}
+
+bool FirstPass::StatesItsLength(const RecordView& record) {
+  constexpr std::uint64_t kRecordHeader = 14;
+  return record.Position() + kRecordHeader + record.StatedLength() == m_file.Container().GetPosition();
 }
 
 void FirstPass::NoteNumber(const RecordView& record) {

@@ -1,6 +1,7 @@
 // The walk that fills a Survey: over the whole file, and later over what has been appended.
 #pragma once
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "ogr/HeaderTexts.h"
@@ -22,6 +23,7 @@ class FirstPass {
 
  private:
   void Take(const RecordView& record);
+  bool StatesItsLength(const RecordView& record);
   void NoteNumber(const RecordView& record);
   void TakeFeature(const RecordView& record);
   void EndRun();
@@ -36,6 +38,9 @@ class FirstPass {
   Cursor m_cursor;
   Survey& m_survey;
   std::uint64_t m_end = 0;  // of what was read
+  // A deleted record in a file to be changed. Readers step over it by a length that isn't its own, and would not come
+  // to what is appended.
+  std::optional<std::uint64_t> m_misstated;
   HeaderTexts m_afterHeader;
   ogr::Run m_run;
   bool m_hasBegun = false;

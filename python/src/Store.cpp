@@ -42,6 +42,7 @@ Store::Store(const CString& path, Mode mode, bool includeDeleted, std::uint16_t 
   ReadAll(includeDeleted, watch);
   if (mode == Mode::kRead) return;
   if (!m_end.IsWhole()) Raise(m_end, path);
+  if (m_version == 0) RaiseError(KESP_ERROR_NONE, "no record can be written in a file of version 0", path);
   const py::gil_scoped_release released;
   FindLastNumbers();
 }

@@ -254,6 +254,7 @@ TEST_P(Editing, UndoesATransaction) {
   EXPECT_NE(m_file->StartTransaction(), OGRERR_NONE);
   EXPECT_EQ(Set("points", 1, {{"Girth", "9"}}, "POINT (0 0)"), OGRERR_NONE);
   EXPECT_EQ(Set("lines", 2, {}, "LINESTRING (0 0,1 1)"), OGRERR_NONE);
+  EXPECT_EQ((*this)["lines"].DeleteFeature(2), OGRERR_NONE);  // marks records that the transaction has appended
   EXPECT_EQ((*this)["areas"].DeleteFeature(3), OGRERR_NONE);
   EXPECT_EQ((*this)["areas"].GetFeatureCount(), 0);
   EXPECT_EQ(m_file->SetMetadataItem("HEADER_TEXT_2", "Park"), CE_None);
@@ -285,6 +286,10 @@ TEST_P(Editing, RefusesAllOrNothing) {
   EXPECT_EQ(ReadFile(m_path), before);
   WriteFile(m_path, ByteVector(before.begin(), before.end() - 3));
   EXPECT_FALSE(Open(m_path, {}, GDAL_OF_UPDATE));  // what is after damage can't be read
+  ByteVector ofVersion0 = before;
+  ofVersion0[kFirst - 8] = ByteVector::value_type{0};
+  WriteFile(m_path, ofVersion0);
+  EXPECT_FALSE(Open(m_path, {}, GDAL_OF_UPDATE));
   WriteFile(m_path, before);
   Reopen({"LAYERS=NAMES"});
   EXPECT_NE(Set("Oak", 1, {{"feature_name", "Elm"}}), OGRERR_NONE);
