@@ -1,5 +1,6 @@
 // The driver for GDAL, open for changes: creates, changes and deletes what the last bytes of the file say, with
-// transactions, closes it and reads it again. What was not touched must be as it was. Built only with GDAL.
+// transactions, closes it and reads it again. What was not touched must be as it was, and the file after a refusal.
+// Built only with GDAL.
 #include <gdal_priv.h>
 #include <ogrsf_frmts.h>
 
@@ -22,9 +23,14 @@ constexpr const char* kEditedPath = "a.kesp";  // in memory; only a path of GDAL
 constexpr int kMostFeatures = 100;             // of a layer
 constexpr GIntBig kFirstPosition = GIntBig{1} << 32;  // of features whose number a later one has
 
-std::unique_ptr<ogr::Dataset> Open(bool includeDeleted, SurveyFile::Access access) {
+ogr::Options OptionsFor(Input input) {
   ogr::Options options;
-  options.includeDeleted = includeDeleted;
+  options.includeDeleted = !input.empty() && input.size() % 2 == 0;
+  if (input.size() % 8 >= 6) options.layers = ogr::LayerSplit::kByName;
+  return options;
+}
+
+std::unique_ptr<ogr::Dataset> Open(const ogr::Options& options, SurveyFile::Access access) {
   return ogr::Dataset::Open(kEditedPath, options, nullptr, access);
 }
 
@@ -58,7 +64,8 @@ std::string Show(OGRFeature& row) {
 
 class Editing {
  public:
-  Editing(Input input, ogr::Dataset& dataset) : m_input(input), m_dataset(dataset) {
+  Editing(Input input, ogr::Dataset& dataset, const MemorySystem& system)
+      : m_input(input), m_dataset(dataset), m_system(system) {
     for (OGRLayer* const layer : dataset.GetLayers()) {
       for (int i = 0; i < kMostFeatures; ++i) {
         const OGRFeatureUniquePtr row(layer->GetNextFeature());
@@ -117,14 +124,15 @@ class Editing {
         if (m_dataset.RollbackTransaction() == OGRERR_NONE) m_touched = m_touchedBefore;
         return;
       case 3:
-        (void)layer.SyncToDisk();
-        return;
+        return AddField(layer);
       case 4:
         return Create(layer);
       case 5:
         return Delete(layer);
+      case 6:
+        return Change(layer, [](OGRLayer& changed, OGRFeature& row) { return changed.UpsertFeature(&row); });
       default:
-        return Change(layer);
+        return Change(layer, [](OGRLayer& changed, OGRFeature& row) { return changed.SetFeature(&row); });
     }
   }
 
@@ -138,6 +146,16 @@ class Editing {
 
   void Touch(OGRLayer& layer, OGRFeature& row) { m_touched.insert({GroupOf(layer.GetName()), OwnerOf(layer, row)}); }
 
+  template <class Operation>
+  bool IsDone(OGRLayer& layer, Operation operation) const {
+    (void)layer.SyncToDisk();
+    const Bytes before = m_system.At(kEditedPath);
+    if (operation() == OGRERR_NONE) return true;
+    (void)layer.SyncToDisk();
+    KESP_REQUIRE(m_system.At(kEditedPath) == before);
+    return false;
+  }
+
   void Create(OGRLayer& layer) {
     const OGRFeatureUniquePtr row(OGRFeature::CreateFeature(layer.GetLayerDefn()));
     const unsigned fid = Next();
@@ -145,7 +163,7 @@ class Editing {
     for (unsigned changes = Next() % 8; changes > 0; --changes) PutField(*row);
     PutGeometry(*row);
     const GIntBig count = layer.GetFeatureCount();
-    if (layer.CreateFeature(row.get()) != OGRERR_NONE) return;
+    if (!IsDone(layer, [&] { return layer.CreateFeature(row.get()); })) return;
     Touch(layer, *row);
     const bool isHidden = row->GetFieldIndex("deleted") >= 0 && row->GetFieldAsInteger("deleted") != 0;
     const bool mayBeLink = EQUAL(layer.GetName(), "tags");
@@ -156,16 +174,24 @@ class Editing {
     const GIntBig fid = Choose(layer);
     const OGRFeatureUniquePtr row(layer.GetFeature(fid));
     if (row == nullptr || fid >= kFirstPosition) return;
-    if (layer.DeleteFeature(fid) == OGRERR_NONE) Touch(layer, *row);
+    if (IsDone(layer, [&] { return layer.DeleteFeature(fid); })) Touch(layer, *row);
   }
 
-  void Change(OGRLayer& layer) {
+  void AddField(OGRLayer& layer) {
+    constexpr OGRFieldType kTypes[] = {OFTString, OFTReal, OFTInteger, OFTDateTime};
+    const std::string name(1, static_cast<char>('A' + Next() % 4));
+    OGRFieldDefn field(name.c_str(), kTypes[Next() % std::size(kTypes)]);
+    (void)layer.CreateField(&field);
+  }
+
+  template <class Operation>
+  void Change(OGRLayer& layer, Operation operation) {
     const OGRFeatureUniquePtr row(layer.GetFeature(Choose(layer)));
     if (row == nullptr || row->GetFID() >= kFirstPosition) return;
     const OGRFeatureUniquePtr before(row->Clone());
     for (unsigned changes = Next() % 4; changes > 0; --changes) PutField(*row);
     if (Next() % 2 == 0) PutGeometry(*row);
-    if (layer.SetFeature(row.get()) == OGRERR_NONE) Touch(layer, *before);
+    if (IsDone(layer, [&] { return operation(layer, *row); })) Touch(layer, *before);
   }
 
   void PutField(OGRFeature& row) {
@@ -201,6 +227,7 @@ class Editing {
 
   Input m_input;
   ogr::Dataset& m_dataset;
+  const MemorySystem& m_system;
   std::map<std::string, std::map<GIntBig, Row>> m_before;
   std::set<std::pair<std::string, GIntBig>> m_touched, m_touchedBefore;
 };
@@ -211,13 +238,13 @@ void OgrEdit(Input input) {
   CPLSetErrorHandler(CPLQuietErrorHandler);
   MemorySystem system;
   system.Put(kEditedPath, Bytes(input.begin(), input.end()));
-  const bool includeDeleted = !input.empty() && input.size() % 2 == 0;
-  std::unique_ptr<ogr::Dataset> dataset = Open(includeDeleted, SurveyFile::Access::kWrite);
+  const ogr::Options options = OptionsFor(input);
+  std::unique_ptr<ogr::Dataset> dataset = Open(options, SurveyFile::Access::kWrite);
   if (dataset == nullptr) return;
-  Editing editing(input, *dataset);
+  Editing editing(input, *dataset, system);
   editing.Run();
   dataset.reset();
-  dataset = Open(includeDeleted, SurveyFile::Access::kRead);
+  dataset = Open(options, SurveyFile::Access::kRead);
   KESP_REQUIRE(dataset != nullptr && dataset->GetMetadataItem("DAMAGE") == nullptr);
   editing.ExpectTheRest(*dataset);
 }

@@ -1,6 +1,7 @@
 #include "ogr/Dataset.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include <cpl_conv.h>
@@ -230,6 +231,13 @@ std::vector<std::string> Dataset::GetRelationshipNames(CSLConstList /*options*/)
 const GDALRelationship* Dataset::GetRelationship(const std::string& name) const {
   const auto found = m_relationships.find(name);
   return found != m_relationships.end() ? found->second.get() : nullptr;
+}
+
+// FIDs are numbers of features, or positions in the file.
+bool Dataset::HasWideFids() const noexcept {
+  constexpr std::uint32_t kLast = std::numeric_limits<std::int32_t>::max();
+  return m_editor != nullptr || m_survey->lastFeature > kLast || m_file->Length() > kLast ||
+         m_survey->directory.HasRepeats();
 }
 
 // A failure and not a warning: a script that converts a file must not take a part of it for the whole.

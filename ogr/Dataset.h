@@ -55,6 +55,8 @@ class Dataset final : public GDALDataset {
   OGRSpatialReference* CoordinateSystem() const noexcept { return m_crs.system.get(); }
   // Null if the data set is open for reading.
   Editor* Editing() noexcept { return m_editor.get(); }
+  // Whether there are, or may come to be, FIDs above 2^31 - 1.
+  bool HasWideFids() const noexcept;
   Survey& Editable() noexcept { return *m_survey; }
   // Makes what was appended known to Contents().
   void CatchUp();

@@ -83,6 +83,7 @@ class Directory {
   std::uint64_t NextWithNumber(std::uint32_t number, std::uint64_t position) const noexcept;
   // The number of a feature, or, if a later one has the same number, 2^32 + its position.
   std::int64_t FidOf(std::uint32_t number, std::uint64_t position) const noexcept;
+  bool HasRepeats() const noexcept { return !m_repeats.empty(); }
 
   struct Straggler {
     std::uint32_t number;  // of the feature

@@ -54,11 +54,12 @@ class Changes {
     return Schema::kNone;
   }
 
-  const CKespAttribute* Find(const CString& name) const {
+  std::vector<const CKespAttribute*> FindAll(const CString& name) const {
+    std::vector<const CKespAttribute*> found;
     for (const auto& attribute : m_records.attributes) {
-      if (attribute->AttributeName.CompareNoCase(name) == 0) return attribute.get();
+      if (attribute->AttributeName.CompareNoCase(name) == 0) found.push_back(attribute.get());
     }
-    return nullptr;
+    return found;
   }
 
   bool CollectAttribute(int field) {
@@ -67,23 +68,35 @@ class Changes {
     if (!Differs(field) && !hasOtherSub) return true;
     const bool hasValue =
         m_now.IsFieldSetAndNotNull(field) || (sub != Schema::kNone && m_now.IsFieldSetAndNotNull(sub));
-    const CKespAttribute* const attribute = Find(m_targets[static_cast<std::size_t>(field)].name);
-    if (attribute == nullptr) return !hasValue || Add(field);
-    if (!hasValue) {
-      return AddAmendment(*attribute, amendments, [](CKespAttribute& gone) {
-        gone.SetDelete();
-        gone.SetSourceFlag(KESP_SRC_DELETED);
-        return true;
-      });
-    }
-    return AddAmendment(*attribute, amendments, [&](CKespAttribute& changed) {
+    const std::vector<const CKespAttribute*> found = FindAll(m_targets[static_cast<std::size_t>(field)].name);
+    if (found.empty()) return !hasValue || Add(field);
+    if (!hasValue) return Remove(found, field);
+    return AddAmendment(*found.front(), amendments, [&](CKespAttribute& changed) {
       if (hasOtherSub) changed.SubValue = CString::FromUtf8(m_now.GetFieldAsString(sub));
       changed.SetSourceFlag(KESP_SRC_MODIFIED);
-      std::string why;
-      const bool isPut = !Differs(field) || !m_now.IsFieldSetAndNotNull(field) || PutValue(changed, m_now, field, why);
-      return (isPut || m_writer.Refuse(m_now.GetFieldDefnRef(field)->GetNameRef() + (": " + why))) &&
-             m_writer.Fits(changed);
+      return (!Differs(field) || Put(changed, field)) && m_writer.Fits(changed);
     });
+  }
+
+  bool RefuseField(int field, const std::string& why) {
+    return m_writer.Refuse(m_now.GetFieldDefnRef(field)->GetNameRef() + (": " + why));
+  }
+
+  bool Remove(const std::vector<const CKespAttribute*>& found, int field) {
+    if (found.size() > 1) return RefuseField(field, "can't be null, one of further_attributes would take its place");
+    return AddAmendment(*found.front(), amendments, [](CKespAttribute& gone) {
+      gone.SetDelete();
+      gone.SetSourceFlag(KESP_SRC_DELETED);
+      return true;
+    });
+  }
+
+  // A null, beside a sub-value, becomes an empty text.
+  bool Put(CKespAttribute& changed, int field) {
+    const bool isText = m_now.GetFieldDefnRef(field)->GetType() == OFTString;
+    if (!isText && !m_now.IsFieldSetAndNotNull(field)) return RefuseField(field, "can't be null beside a sub-value");
+    std::string why;
+    return PutValue(changed, m_now, field, why) || RefuseField(field, why);
   }
 
   bool Add(int field) {
@@ -288,6 +301,8 @@ bool FeatureLayer::Replace(const FeatureRecords& old, Changes& changes) {
   SetNumbers(records, old.feature->FeatureNumber, editor.NextPoint());
   if (!editor.Append(std::move(records)) || !editor.Flush()) return false;
   m_dataset.CatchUp();
+  const std::uint32_t position = old.feature->m_filePosition;
+  if (m_hasBegun && position > m_lastRead && position < m_readingEnd) m_moved.insert(old.feature->FeatureNumber);
   return MarkRecords(old, Marking::kDelete);
 }
 

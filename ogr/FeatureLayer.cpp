@@ -28,6 +28,8 @@ void FeatureLayer::ResetReading() {
   m_nextEntry = 0;
   m_left = 0;
   m_hasBegun = false;
+  m_lastRead = 0;
+  m_moved.clear();
 }
 
 OGRErr FeatureLayer::SetAttributeFilter(const char* query) {
@@ -87,10 +89,19 @@ bool FeatureLayer::IsMine(const RecordView& record) const {
   return m_survey.LayerOf(m_plan.kind, m_survey.NameCodeOf(feature.FeatureName())) == m_plan.index;
 }
 
+bool FeatureLayer::IsOfReading(const RecordView& record) {
+  return record.Position() < m_readingEnd || m_moved.erase(record.AsFeature().FeatureNumber()) != 0;
+}
+
 const RecordView* FeatureLayer::NextOfMine() {
-  if (!m_hasBegun) m_dataset.CatchUp();
+  if (!m_hasBegun) {
+    m_dataset.CatchUp();
+    m_readingEnd = m_dataset.File().Length();
+  }
   while (const RecordView* const record = NextRecord()) {
-    if (IsMine(*record)) return record;
+    if (!IsMine(*record) || !IsOfReading(*record)) continue;
+    m_lastRead = record->Position();
+    return record;
   }
   ReportEnd(m_cursor.End());
   return nullptr;

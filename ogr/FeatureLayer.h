@@ -3,6 +3,7 @@
 // Editing.cpp has what changes features.
 #pragma once
 #include <memory>
+#include <set>
 
 #include "ogr/FeatureBuilder.h"
 #include "ogr/FeatureRecords.h"
@@ -49,6 +50,8 @@ class FeatureLayer final : public Layer {
   // Of this layer. Null at the end.
   const RecordView* NextOfMine();
   bool IsMine(const RecordView& record) const;
+  // Whether it was there when the reading began, at this place or at another, or has been read already.
+  bool IsOfReading(const RecordView& record);
   std::unique_ptr<OGRFeature> Filtered(const RecordView& record);
   std::unique_ptr<OGRFeature> Finish(std::unique_ptr<OGRFeature> feature);
   // Leaves the cursor after the record. Null if the feature is not in this layer.
@@ -72,6 +75,10 @@ class FeatureLayer final : public Layer {
   bool m_hasCreatedFields = false;
   std::uint64_t m_entryEnd = 0;  // of the entry before
   std::uint32_t m_left = 0;      // features of the entry before, still to be read
+  // A reading gives each feature once that was there when it began, so that a program may change what it reads.
+  std::uint64_t m_readingEnd = 0;   // the length of the file when it began
+  std::uint64_t m_lastRead = 0;     // position of the feature read last
+  std::set<std::uint32_t> m_moved;  // features still to be read that have been appended anew
 };
 
 }  // namespace kesp::ogr

@@ -17,6 +17,8 @@ Layer::Layer(Dataset& dataset, const std::string& name, OGRwkbGeometryType geome
   m_definition->SetGeomType(geometryType);
   if (geometryType != wkbNone) m_definition->GetGeomFieldDefn(0)->SetSpatialRef(dataset.CoordinateSystem());
   SetDescription(name.c_str());
+  // Without it, SQL cuts FIDs to 32 bits.
+  if (dataset.HasWideFids()) SetMetadataItem(OLMD_FID64, "YES");
 }
 
 Layer::~Layer() { m_definition->Release(); }
@@ -27,6 +29,7 @@ OGRErr Layer::GetExtent(OGREnvelope* extent, int force) {
   m_dataset.CatchUp();
   if (m_dataset.Contents().isEdited) return OGRLayer::GetExtent(extent, force);
   const Box* const box = Bounds();
+  extent->MinX = extent->MinY = extent->MaxX = extent->MaxY = 0;  // as other drivers return without geometries
   if (box == nullptr || box->IsEmpty()) return OGRERR_FAILURE;
   extent->MinX = box->minX;
   extent->MinY = box->minY;

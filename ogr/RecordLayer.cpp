@@ -37,8 +37,12 @@ bool RecordLayer::Skip(const RecordView& feature) {
 }
 
 const RecordView* RecordLayer::NextRow() {
-  if (!std::exchange(m_hasBegun, true)) m_dataset.CatchUp();
+  if (!std::exchange(m_hasBegun, true)) {
+    m_dataset.CatchUp();
+    m_readingEnd = m_dataset.File().Length();
+  }
   while (const RecordView* const record = m_cursor.Read()) {
+    if (record->Position() >= m_readingEnd) return nullptr;  // appended by a program that changes what it reads
     if (record->Type() == KESP_RECORD_FEATURE && Skip(*record)) continue;
     m_run.See(*record);
     if (!IsRow(*record, m_run)) continue;

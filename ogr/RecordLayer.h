@@ -66,6 +66,7 @@ class RecordLayer : public Layer {
   Cursor m_cursor, m_random;
   Run m_run;
   bool m_hasBegun = false;
+  std::uint64_t m_readingEnd = 0;  // the length of the file when the reading began
 };
 
 }  // namespace kesp::ogr

@@ -105,32 +105,33 @@ class Batches {
     m_shape = TakeShape(none);
     {
       const py::gil_scoped_release released;
-      m_reader = std::make_unique<BatchReader>(m_path, m_choice);
+      m_reader = std::make_shared<BatchReader>(m_path, m_choice);
     }
     if (!m_reader->HasEnded()) return;
     if (m_reader->OpenError() != 0) RaiseOs(m_reader->OpenError(), m_path);
     if (!m_reader->End().IsWhole()) Raise(m_reader->End(), m_path);
   }
 
-  // Raises what ended the file, if it is not whole. With the GIL.
+  // Raises what ended the file, if it is not whole. With the GIL. While it waits without, another thread may take the
+  // last batch or close the reader.
   TablePointer Next() {
-    while (m_reader) {
+    while (const std::shared_ptr<BatchReader> reader = m_reader) {
       TablePointer batch;
       {
         const py::gil_scoped_release released;
-        batch = m_reader->Take(kBetweenLooks);
+        batch = reader->Take(kBetweenLooks);
       }
       if (batch) return batch;
       if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-      if (!m_reader->HasEnded()) continue;
-      const tool::Verdict end = m_reader->End();
+      if (!reader->HasEnded()) continue;
+      const tool::Verdict end = reader->End();
       Close();
       if (!end.IsWhole()) Raise(end, m_path);
     }
     return nullptr;
   }
   void Close() {
-    const std::unique_ptr<BatchReader> reader = std::move(m_reader);
+    const std::shared_ptr<BatchReader> reader = std::exchange(m_reader, nullptr);
     const py::gil_scoped_release released;
     if (reader) reader->Stop();
   }
@@ -143,7 +144,7 @@ class Batches {
   CString m_path;
   TableChoice m_choice;
   TablePointer m_shape;
-  std::unique_ptr<BatchReader> m_reader;
+  std::shared_ptr<BatchReader> m_reader;
 };
 
 // The smallest file that can be opened.
