@@ -72,6 +72,7 @@ class Changes {
     if (found.empty()) return !hasValue || Add(field);
     if (!hasValue) return Remove(found, field);
     return AddAmendment(*found.front(), amendments, [&](CKespAttribute& changed) {
+      if (changed.IsDeleted() && !m_records.feature->IsDeleted()) changed.ClearDelete();
       if (hasOtherSub) changed.SubValue = CString::FromUtf8(m_now.GetFieldAsString(sub));
       changed.SetSourceFlag(KESP_SRC_MODIFIED);
       return (!Differs(field) || Put(changed, field)) && m_writer.Fits(changed);
@@ -124,7 +125,10 @@ class Changes {
     for (const auto& point : m_records.points) {
       if (std::isfinite(point->CoordX) && std::isfinite(point->CoordY)) shown.push_back(point.get());
     }
-    if (shape.vertices.size() != shown.size()) OpenRing(shape);
+    // A ring may be stored with or without a point that closes it.
+    const bool storesClosing =
+        shown.size() > 1 && IsAt(*shown.front(), {shown.back()->CoordX, shown.back()->CoordY, shown.back()->CoordZ, 0});
+    if (!storesClosing || shape.vertices.size() != shown.size()) OpenRing(shape);
     if (shape.vertices.size() != shown.size()) {
       vertices = std::move(shape.vertices);
       return true;

@@ -14,6 +14,7 @@ namespace kesp::ogr {
 namespace {
 
 constexpr std::uint16_t kDefaultSymbol = 34;
+constexpr const char* kReplacement = "\xEF\xBF\xBD";  // U+FFFD, for half a surrogate pair
 
 std::string WhatDoesNotFit(const CKespRecord& record) {
   if (const auto* const attribute = dynamic_cast<const CKespAttribute*>(&record)) {
@@ -103,6 +104,9 @@ bool FeatureWriter::PutOwn(CKespFeature& record, const OGRFeature& feature, cons
     const std::string text = name != Schema::kNone ? feature.GetFieldAsString(name) : m_settings.name;
     if (m_settings.isNameFixed && text != m_settings.name) {
       return Refuse("has features of one name, which is not " + text);
+    }
+    if (m_settings.isNameFixed && text.find(kReplacement) != std::string::npos) {
+      return Refuse("has features of a name that is no Unicode text");
     }
     record.FeatureName = CString::FromUtf8(text);
   }

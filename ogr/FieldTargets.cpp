@@ -45,13 +45,12 @@ KESP_ATTRIBUTE_KIND KindOf(const OGRFieldDefn& field) {
 // The decimals with which a number is written in full, if it has no more than 15 digits.
 std::uint16_t DecimalsOf(double value) {
   const std::string digits = CPLSPrintf("%.15g", value);
-  const std::size_t point = digits.find('.');
-  if (point == std::string::npos) return 0;
   const std::size_t exponent = std::min(digits.find('e'), digits.size());
+  const std::size_t point = digits.find('.');
+  const int ofMantissa = point != std::string::npos ? static_cast<int>(exponent - point) - 1 : 0;
   const int more =
       exponent < digits.size() ? -static_cast<int>(std::strtol(digits.c_str() + exponent + 1, nullptr, 10)) : 0;
-  return static_cast<std::uint16_t>(
-      std::clamp(static_cast<int>(exponent - point) - 1 + more, 0, AttributeTraits::kMostDecimals));
+  return static_cast<std::uint16_t>(std::clamp(ofMantissa + more, 0, AttributeTraits::kMostDecimals));
 }
 
 // Days since 30 December 1899; the fraction counts forward from the day, also below zero. A time with a zone is given

@@ -41,7 +41,7 @@ void FirstPass::Take(const RecordView& record) {
     case KESP_RECORD_FEATURE:
       return TakeFeature(record);
     case KESP_RECORD_FEATURE_END:
-      if (m_run.Has(record.AsFeatureEnd().FeatureNumber())) EndRun();
+      TakeEnd(record);
       return m_run.See(record);
     case KESP_RECORD_POINT:
       return TakePoints(record);
@@ -80,6 +80,13 @@ void FirstPass::TakeFeature(const RecordView& record) {
   m_layer = m_survey.MakeLayerOf(feature.FeatureType(), name);
   ++m_survey.layers[m_layer].features;
   ++m_feature;
+}
+
+void FirstPass::TakeEnd(const RecordView& record) {
+  const std::uint32_t number = record.AsFeatureEnd().FeatureNumber();
+  if (m_run.Has(number)) return EndRun();
+  if (!m_survey.directory.Find(number)) return;
+  m_survey.directory.AddStraggler(number, static_cast<std::uint32_t>(record.Position()));
 }
 
 void FirstPass::EndRun() {

@@ -26,6 +26,7 @@ class FirstPass {
   bool StatesItsLength(const RecordView& record);
   void NoteNumber(const RecordView& record);
   void TakeFeature(const RecordView& record);
+  void TakeEnd(const RecordView& record);
   void EndRun();
   void TakePoints(const RecordView& record);
   void TakePoint(const PointView& point, std::uint64_t position);

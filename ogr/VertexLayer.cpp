@@ -172,7 +172,8 @@ bool VertexLayer::PutValue(CKespPoint& point, const OGRFeature& row, int field) 
       point.Offset2 = row.GetFieldAsDouble(field);
       return true;
     case kStatus:
-      if (const auto status = number(kMost16)) return point.SignalStatus = KESP_SIGNAL_STATUS{*status}, true;
+      if (const auto status = number(point.m_recordVersion == 1 ? CKespPoint::kHighestOldStatus : kMost16))
+        return point.SignalStatus = KESP_SIGNAL_STATUS{*status}, true;
       break;
     case kGpsNumber:
       if (const auto value = number(kMost16)) return point.GpsNumber = static_cast<std::int32_t>(*value), true;

@@ -34,6 +34,9 @@ void AddTo(FormatLoss::Kind& kind, const Written& written, const std::tuple<Bodi
     body(reader, kept);
   });
   if constexpr (std::is_same_v<Record, CKespTavoHeader>) kept.KespVersion = record.KespVersion;
+  if constexpr (std::is_same_v<Record, CKespPoint>) {
+    if (version == 1 && kept.SignalStatus > CKespPoint::kHighestOldStatus) kept.SignalStatus = KESP_SIGNAL_STATUS_10;
+  }
 
   FieldList before;
   FieldList after;

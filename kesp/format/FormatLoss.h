@@ -21,7 +21,8 @@ struct KESP_EXPORT FormatLoss {
     // Texts that are cut: too long for their field, with a zero inside or, in version 1, with a character above U+00FF;
     // and texts that the older body has no field for.
     std::uint64_t texts = 0;
-    // Numbers other than the default that the older body has no field for, or whose field is too narrow. Each slot of
+    // Numbers other than the default that the older body has no field for, or whose field is too narrow; in version 1
+    // also a SignalStatus above 10, which reading turns into 10. Each slot of
     // raw bytes in a header counts as one. A header's KespVersion follows the version and is not counted.
     std::uint64_t numbers = 0;
 

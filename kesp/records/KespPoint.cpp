@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr std::uint32_t kHighestOldStatus = 10;  // the highest that reading version 1 returns
 
 }  // namespace
 

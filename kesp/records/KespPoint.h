@@ -54,6 +54,7 @@ class KESP_EXPORT CKespPoint : public CKespRecord {
   double GpsValue = 0;
   std::int32_t GpsNumber = 0;                              // the low 16 bits on disk, read as unsigned
   KESP_SIGNAL_STATUS SignalStatus = KESP_SIGNAL_STATUS_0;  // the low 16 bits on disk
+  static constexpr std::uint32_t kHighestOldStatus = 10;   // the highest that reading version 1 returns
   double Offset1 = 0;
   double Offset2 = 0;
   std::uint16_t HasOffset = 0;  // 1 if the offset is set

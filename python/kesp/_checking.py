@@ -1,6 +1,7 @@
 """Whether a file is whole, and a copy of what can be saved."""
 from __future__ import annotations
 
+import contextlib
 import os
 import tempfile
 from dataclasses import dataclass, field
@@ -107,11 +108,19 @@ def _rebuild(
     if version not in (0, 1, 2, 3):
         raise ValueError(f"the file versions are 1, 2 and 3, or 0 for the one of the source, not {version!r}")
     place = os.path.realpath(os.fsdecode(destination))
-    if os.path.exists(place):
-        if not replace:
-            raise FileExistsError(17, "File exists", place)
-        if os.path.samefile(place, os.fsdecode(source)):
-            raise ValueError("the source can't be the destination")
+    with contextlib.ExitStack() as held:
+        if os.path.exists(place):
+            if not replace:
+                raise FileExistsError(17, "File exists", place)
+            if os.path.samefile(place, os.fsdecode(source)):
+                raise ValueError("the source can't be the destination")
+            held.enter_context(contextlib.closing(_kesp.Hold(place)))
+        return _rebuild_at(place, source, destination, salvage, version, replace, lossy, progress)
+
+
+def _rebuild_at(
+    place: str, source: Path, destination: Path, salvage: bool, version: int, replace: bool, lossy: bool, progress: Optional[Progress]
+) -> Report:
     handle, made = tempfile.mkstemp(prefix=".kesp-", dir=os.path.dirname(place))
     os.close(handle)
     try:
@@ -149,7 +158,8 @@ def repair(
 
     ``version``: the file version of the copy; 0 is that of the source. ``replace`` replaces a file that exists. An older
     version may not hold all: then kesp.Error is raised and nothing is written, unless ``lossy``. The file appears under
-    its name when it is whole and on the disk. Raises FileExistsError, other OSErrors, and kesp.Error.
+    its name when it is whole and on the disk. Raises FileExistsError, BlockingIOError (the file to replace is open for
+    writing), other OSErrors, and kesp.Error.
     """
     return _rebuild(source, destination, False, version, replace, lossy, progress)
 

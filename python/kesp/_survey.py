@@ -1,11 +1,13 @@
 """One survey: its features, notes, tags and links, read, searched and edited."""
 from __future__ import annotations
 
+import math
 import os
 from collections.abc import Collection, Mapping, MutableMapping
 from contextlib import contextmanager
 from dataclasses import dataclass
 from datetime import date, datetime
+from decimal import Decimal
 from numbers import Real
 from typing import Any, Callable, Iterable, Iterator, Optional, Union
 
@@ -72,8 +74,10 @@ def _value_of(kind: int, text: str, sub: str, number: float) -> Value:
 
 
 def _decimals_of(number: float) -> int:
-    digits = repr(number).partition(".")[2]
-    return min(len(digits), _MOST_DECIMALS) if digits.isdigit() and digits != "0" else 0
+    if not math.isfinite(number):
+        return 0
+    exponent = Decimal(repr(number)).normalize().as_tuple().exponent
+    return min(max(0, -int(exponent)), _MOST_DECIMALS)
 
 
 def _attribute_tuple(name: str, value: Any, old: Optional[tuple]) -> tuple:

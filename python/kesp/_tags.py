@@ -129,7 +129,11 @@ def payload_of(name: str, value: Any, kind: Optional[str]) -> tuple[int, str, by
     if kind is not None and kind not in _KIND_NUMBERS:
         raise ValueError(f"the kinds of tags are {', '.join(_KIND_NUMBERS)}, not {kind!r}")
     number = _kind_of(value) if kind is None else _KIND_NUMBERS[kind]
+    if "\0" in name or (isinstance(value, str) and "\0" in value):
+        raise ValueError("names and texts of tags end at the first zero, so they can't contain one")
     if number == _BLOB:
+        if not isinstance(value, (bytes, bytearray, memoryview)):
+            raise TypeError(f"a blob is bytes, not {type(value).__name__}")
         return number, name, bytes(value)
     if number == _STRING:
         return number, name, (value + "\0").encode("utf-16-le", "surrogatepass")

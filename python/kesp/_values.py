@@ -31,14 +31,17 @@ def date_of(days: float) -> Optional[datetime]:
 
 
 def days_of(value: date) -> float:
-    """The number that date_of turns into this date. A time with a zone is taken in UTC."""
+    """The number that date_of turns into this date. A time with a zone is taken in UTC. ValueError if there is none."""
     if not isinstance(value, datetime):
         value = datetime(value.year, value.month, value.day)
     if value.tzinfo is not None:
         value = value.astimezone(timezone.utc).replace(tzinfo=None)
     whole = (value.replace(hour=0, minute=0, second=0, microsecond=0) - _EPOCH).days
     fraction = (value - value.replace(hour=0, minute=0, second=0, microsecond=0)) / timedelta(days=1)
-    return whole + fraction if whole >= 0 else whole - fraction
+    days = whole + fraction if whole >= 0 else whole - fraction
+    if date_of(days) is None:
+        raise ValueError(f"a date is in the years 100 to 9999 and not 30 December 1899, 0:00, which is no date: {value}")
+    return days
 
 
 def seconds_of(value: Any) -> int:

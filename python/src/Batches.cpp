@@ -1,5 +1,7 @@
 // Tables in batches. The library passes batches to a function; here a thread takes them and hands them over one by one,
 // so that Python can ask for the next one.
+#include <unistd.h>
+
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -94,6 +96,14 @@ class BatchReader {
   std::jthread m_thread;
 };
 
+// A child of fork has no such thread, and would wait for it.
+struct DeleteInThisProcess {
+  void operator()(BatchReader* reader) const {
+    if (getpid() == m_process) delete reader;
+  }
+  pid_t m_process = getpid();
+};
+
 class Batches {
  public:
   Batches(const std::string& kind, const py::object& path, const std::vector<std::string>& names, bool includeDeleted,
@@ -105,7 +115,7 @@ class Batches {
     m_shape = TakeShape(none);
     {
       const py::gil_scoped_release released;
-      m_reader = std::make_shared<BatchReader>(m_path, m_choice);
+      m_reader = std::shared_ptr<BatchReader>(new BatchReader(m_path, m_choice), DeleteInThisProcess{});
     }
     if (!m_reader->HasEnded()) return;
     if (m_reader->OpenError() != 0) RaiseOs(m_reader->OpenError(), m_path);
@@ -115,6 +125,7 @@ class Batches {
   // Raises what ended the file, if it is not whole. With the GIL. While it waits without, another thread may take the
   // last batch or close the reader.
   TablePointer Next() {
+    if (m_reader && getpid() != m_process) throw std::runtime_error("a child of fork can't go on with batches");
     while (const std::shared_ptr<BatchReader> reader = m_reader) {
       TablePointer batch;
       {
@@ -133,7 +144,7 @@ class Batches {
   void Close() {
     const std::shared_ptr<BatchReader> reader = std::exchange(m_reader, nullptr);
     const py::gil_scoped_release released;
-    if (reader) reader->Stop();
+    if (reader && getpid() == m_process) reader->Stop();
   }
   TablePointer Shape() const { return m_shape; }
 
@@ -145,6 +156,7 @@ class Batches {
   TableChoice m_choice;
   TablePointer m_shape;
   std::shared_ptr<BatchReader> m_reader;
+  pid_t m_process = getpid();
 };
 
 // The smallest file that can be opened.

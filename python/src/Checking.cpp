@@ -85,6 +85,20 @@ void OpenForSalvage(CKespDataFile& source, const CString& path, Watch& watch) {
   OpenWatched(source, path, watch);
 }
 
+// Keeps others from opening a file for writing, until it is closed. Fails if somebody has it open so.
+class Hold {
+ public:
+  explicit Hold(const py::object& path) {
+    const CString name = ToPath(path);
+    CFileException failure(CFileException::none, name);
+    if (!m_file.Open(name, CFile::modeReadWrite | CFile::shareDenyWrite, &failure)) RaiseOs(failure.m_lOsError, name);
+  }
+  void Close() noexcept { m_file.Abort(); }
+
+ private:
+  CFile m_file;
+};
+
 // Writes the copy to `destination`, which is there and empty.
 py::dict Rebuild(const py::object& path, const py::object& destination, bool salvage, unsigned short version,
                  const py::object& progress) {
@@ -113,6 +127,7 @@ py::dict Rebuild(const py::object& path, const py::object& destination, bool sal
 void BindChecking(py::module_& module) {
   module.def("validate", &Validate);
   module.def("rebuild", &Rebuild);
+  py::class_<Hold>(module, "Hold").def(py::init<const py::object&>()).def("close", &Hold::Close);
 }
 
 }  // namespace kesp::python

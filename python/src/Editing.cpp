@@ -89,7 +89,11 @@ void Store::CheckFits(std::uint16_t version, const char* what, const Edit& chang
   blank.m_recordVersion = version;
   Record probe(blank);
   change(probe);
-  if (CKespDataFile::CanAmend(blank, probe)) return;
+  bool fits = CKespDataFile::CanAmend(blank, probe);
+  if constexpr (std::is_same_v<Record, CKespPoint>) {
+    fits = fits && (version != 1 || probe.SignalStatus <= CKespPoint::kHighestOldStatus);
+  }
+  if (fits) return;
   RaiseDoesNotFit("a value of " + std::string(what) + " can't be stored in its record, which has version " +
                       std::to_string(version),
                   m_path);
@@ -160,7 +164,9 @@ void Store::Keep(CKespFeature& feature, std::size_t index) {
 }
 
 std::uint32_t Store::ChooseNumber(std::optional<std::uint32_t> wanted) const {
-  if (!wanted && m_nextFeature > 0xFFFFFFFF) RaiseDoesNotFit("there is no free feature number", m_path);
+  if (!wanted && m_nextFeature > 0xFFFFFFFF) {
+    RaiseDoesNotFit("the highest feature number is taken, so the feature must be given one", m_path);
+  }
   const std::uint32_t number = wanted.value_or(static_cast<std::uint32_t>(m_nextFeature));
   if (FindNumber(number)) RaiseDoesNotFit("there is a feature " + std::to_string(number) + " already", m_path);
   return number;

@@ -76,7 +76,7 @@ class Assembly {
     Coverage all;
     for (const Feature& feature : m_features) {
       all.points += feature.points;
-      if (feature.points == 0) continue;
+      if (!feature.extent.IsValid()) continue;
       all.extent.Include(feature.extent.MinX(), feature.extent.MinY());
       all.extent.Include(feature.extent.MaxX(), feature.extent.MaxY());
     }
