@@ -263,7 +263,8 @@ def read_dataframe(
     ``geometry=False`` leaves it out and gives a DataFrame. Features have the columns feature_name, feature_color,
     feature_symbol, deleted, edited, and one for each attribute name; their index is the feature number. Coordinates are
     east, north, height in the units of the survey. ``crs`` is the reference system; without it the one in a .qpj or .prj
-    file of the same name beside the file, if any.
+    file of the same name beside the file, if any. A line of one point is a point, and an area of one or two points a
+    point or a line; to_file makes lines and areas of these again, by ``frame.attrs["kesp_layer"]``.
 
     ``deleted``, ``on_damage`` and ``progress`` are those of read_points. Raises OSError, kesp.Error and ValueError.
     """
@@ -287,4 +288,7 @@ def read_dataframe(
         columns.update(AttributeColumns(attributes, len(features["type"])).columns(taken))
     wkb = geometries(layer, points, len(features["type"])) if geometry else None
     frame = pandas.DataFrame(columns)
-    return _finish(frame.set_index(frame.columns[0]), wkb, path, crs)
+    frame = _finish(frame.set_index(frame.columns[0]), wkb, path, crs)
+    if layer in TYPES:
+        frame.attrs["kesp_layer"] = layer
+    return frame

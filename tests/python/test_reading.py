@@ -92,6 +92,11 @@ def test_frames_come_back_as_they_were(survey_path, tmp_path):
         kesp.to_file(frame, copy)
         again = kesp.read_dataframe(copy, layer)
         assert again.to_dict("list") == frame.to_dict("list") and list(again.index) == list(frame.index)
+    with kesp.open(survey_path, "r+") as survey:
+        survey.add_feature("Short", "area", [(1, 2), (3, 4)])
+    frame = kesp.read_dataframe(survey_path, "areas")
+    kesp.to_file(frame.set_index(frame.index + [2**32, 0]), tmp_path / "short.kesp")
+    assert [(f.number, f.type) for f in kesp.open(tmp_path / "short.kesp")] == [(5, "area"), (4, "area")]
     frame["feature_name"] = "x" * 300
     with pytest.raises(kesp.FitError):
         kesp.to_file(frame, tmp_path / "long.kesp")
