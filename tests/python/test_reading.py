@@ -137,6 +137,10 @@ def test_damage_is_raised_warned_of_or_shown(survey_path):
     with pytest.raises(kesp.Error):
         for _ in batches:
             pass
+    batches = kesp.read_points(survey_path, batch_rows=3, on_damage="ignore")
+    assert sum(batch.rows for batch in batches) == 7 and batches.damage.offset == damage.value.offset
+    with pytest.raises(ValueError, match="on_damage"):
+        kesp.read_points(survey_path, batch_rows=3, on_damage="no")
     assert "damaged at offset" in read_stream(kesp.read_points(survey_path, batch_rows=3))[1]
     with kesp.open(survey_path) as survey:
         assert not survey.whole and survey.damage.offset == damage.value.offset and len(survey) == 3
