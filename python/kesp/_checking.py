@@ -1,7 +1,6 @@
 """Whether a file is whole, and a copy of what can be saved."""
 from __future__ import annotations
 
-import contextlib
 import os
 import tempfile
 from dataclasses import dataclass, field
@@ -108,14 +107,18 @@ def _rebuild(
     if version not in (0, 1, 2, 3):
         raise ValueError(f"the file versions are 1, 2 and 3, or 0 for the one of the source, not {version!r}")
     place = os.path.realpath(os.fsdecode(destination))
-    with contextlib.ExitStack() as held:
-        if os.path.exists(place):
-            if not replace:
-                raise FileExistsError(17, "File exists", place)
-            if os.path.samefile(place, os.fsdecode(source)):
-                raise ValueError("the source can't be the destination")
-            held.enter_context(contextlib.closing(_kesp.Hold(place)))
+    held = None
+    if os.path.exists(place):
+        if not replace:
+            raise FileExistsError(17, "File exists", place)
+        if os.path.samefile(place, os.fsdecode(source)):
+            raise ValueError("the source can't be the destination")
+        held = _kesp.Hold(place)
+    try:
         return _rebuild_at(place, source, destination, salvage, version, replace, lossy, progress)
+    finally:
+        if held is not None:
+            held.close()
 
 
 def _rebuild_at(

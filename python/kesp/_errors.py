@@ -43,10 +43,14 @@ class Damage:
     text: str
 
 
-def report(damage: Optional[Damage], path: str, on_damage: str) -> None:
-    """Raises or warns, as the caller of a reading function asked."""
+def check(on_damage: str) -> None:
     if on_damage not in ("raise", "warn", "ignore"):
         raise ValueError(f"on_damage is 'raise', 'warn' or 'ignore', not {on_damage!r}")
+
+
+def report(damage: Optional[Damage], path: str, on_damage: str) -> None:
+    """Raises or warns, as the caller of a reading function asked."""
+    check(on_damage)
     if damage is None or on_damage == "ignore":
         return
     if on_damage == "raise":

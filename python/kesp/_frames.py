@@ -149,6 +149,12 @@ def _wkb(layer: str, xyz: np.ndarray, several: bool) -> Optional[bytes]:
     return struct.pack("<BII", 1, _LINE, count) + xyz.tobytes()
 
 
+def _is_short(layer: str, wkb: Optional[bytes]) -> bool:
+    """Whether a line or an area has too few points for its own type of geometry."""
+    type_ = None if wkb is None else struct.unpack_from("<I", wkb, 1)[0]
+    return layer in ("lines", "areas") and (type_ == _POINT or (type_ == _LINE and layer == "areas"))
+
+
 def geometries(
     layer: str, points: dict, rows: int, kept: Optional[np.ndarray] = None, mixed: bool = False
 ) -> list:
@@ -263,7 +269,8 @@ def read_dataframe(
     ``geometry=False`` leaves it out and gives a DataFrame. Features have the columns feature_name, feature_color,
     feature_symbol, deleted, edited, and one for each attribute name; their index is the feature number. Coordinates are
     east, north, height in the units of the survey. ``crs`` is the reference system; without it the one in a .qpj or .prj
-    file of the same name beside the file, if any.
+    file of the same name beside the file, if any. A line of one point is a point, and an area of one or two points a
+    point or a line; to_file makes lines and areas of these again, which ``frame.attrs["kesp_short"]`` lists.
 
     ``deleted``, ``on_damage`` and ``progress`` are those of read_points. Raises OSError, kesp.Error and ValueError.
     """
@@ -287,4 +294,8 @@ def read_dataframe(
         columns.update(AttributeColumns(attributes, len(features["type"])).columns(taken))
     wkb = geometries(layer, points, len(features["type"])) if geometry else None
     frame = pandas.DataFrame(columns)
-    return _finish(frame.set_index(frame.columns[0]), wkb, path, crs)
+    frame = _finish(frame.set_index(frame.columns[0]), wkb, path, crs)
+    short = [int(label) for label, g in zip(frame.index, wkb or ()) if _is_short(layer, g)]
+    if short:
+        frame.attrs["kesp_short"] = {layer: short}
+    return frame

@@ -2,6 +2,7 @@
 from __future__ import annotations
 
 import math
+import operator
 import os
 from collections.abc import Collection, Mapping, MutableMapping
 from contextlib import contextmanager
@@ -18,11 +19,12 @@ from ._errors import Damage
 from ._html import pairs_html, table_html
 from ._tables import Path, Progress
 from ._tags import Link, Tag, link_payload, payload_of
-from ._values import EDITED_FLAGS, TYPES, date_of, days_of, seconds_of, time_of
+from ._values import EDITED_FLAGS, TYPES, date_of, days_of, integer, naive_of, real, seconds_of, time_of
 
 _TEXT, _NUMBER, _MENU, _DATE, _OTHER = 1, 2, 3, 4, 5
 _TYPE_NUMBERS = {name: number for number, name in TYPES.items()}
 _MOST_DECIMALS = 9
+_MOST_16, _MOST_32 = 2**16 - 1, 2**32 - 1
 
 
 class Menu(str):
@@ -80,6 +82,16 @@ def _decimals_of(number: float) -> int:
     return min(max(0, -int(exponent)), _MOST_DECIMALS)
 
 
+def _python_date(value: Any) -> Any:
+    """A datetime64 as a datetime (None for NaT), and all else as it is."""
+    if not isinstance(value, np.datetime64):
+        return value
+    day = value.astype("datetime64[ms]").item()
+    if isinstance(day, int):
+        raise ValueError(f"{value} is outside the years 1 to 9999")
+    return day
+
+
 def _attribute_tuple(name: str, value: Any, old: Optional[tuple]) -> tuple:
     """What the store takes. A plain text leaves a menu a menu, and a number that is there keeps its decimals."""
     if isinstance(value, Menu):
@@ -87,14 +99,13 @@ def _attribute_tuple(name: str, value: Any, old: Optional[tuple]) -> tuple:
     if isinstance(value, str):
         kind = _MENU if old is not None and old[1] == _MENU else _TEXT
         return name, kind, str(value), "", 0.0, None
-    if isinstance(value, np.datetime64):
-        value = value.astype("datetime64[ms]").item()
+    value = _python_date(value)
     if isinstance(value, date):
         return name, _DATE, "", "", days_of(value), None
     if value is None:
         return name, _DATE, "", "", 0.0, None
     if isinstance(value, Real) and not isinstance(value, (bool, np.bool_)):
-        number = float(value)
+        number = real(value, "an attribute's number")
         kept = old is not None and old[1] == _NUMBER
         return name, _NUMBER, "", "", number, None if kept else _decimals_of(number)
     raise TypeError(f"an attribute is a str, a number, a date, a Menu or None (no date), not {type(value).__name__}")
@@ -103,12 +114,17 @@ def _attribute_tuple(name: str, value: Any, old: Optional[tuple]) -> tuple:
 def _point_tuple(point: Any) -> tuple:
     if isinstance(point, Point):
         seconds = seconds_of(point.time)
-        rest = (point.text, point.status, float(point.gps_value), point.gps_number)
-        return (float(point.x), float(point.y), float(point.z), seconds, *rest)
+        status = integer(point.status, _MOST_16, "a point's status")
+        gps = real(point.gps_value, "gps_value"), integer(point.gps_number, _MOST_16, "gps_number")
+        return (*_position(point.x, point.y, point.z), seconds, point.text, status, *gps)
     x, y, *z = point
     if len(z) > 1:
         raise TypeError("a point is (x, y), (x, y, z) or a kesp.Point")
-    return float(x), float(y), float(z[0]) if z else 0.0, 0, "", 0, 0.0, 0
+    return (*_position(x, y, z[0] if z else 0.0), 0, "", 0, 0.0, 0)
+
+
+def _position(x: Any, y: Any, z: Any) -> tuple[float, float, float]:
+    return real(x, "a coordinate"), real(y, "a coordinate"), real(z, "a coordinate")
 
 
 class Attributes(MutableMapping):
@@ -232,8 +248,8 @@ class Feature:
         """Changes several values at once; what is None stays."""
         old = self._store.feature(self._at)
         number = old[2] if type is None else _type_number(type)
-        new = (old[1] if name is None else name, number, old[3] if color is None else color)
-        self._store.change_feature(self._at, (*new, old[4] if symbol is None else symbol), truncate)
+        look = _look(old[3] if color is None else color, old[4] if symbol is None else symbol)
+        self._store.change_feature(self._at, (old[1] if name is None else name, number, *look), truncate)
 
     @property
     def flags(self) -> int:
@@ -327,6 +343,10 @@ def _type_number(name: str) -> int:
     return _TYPE_NUMBERS[name]
 
 
+def _look(color: Any, symbol: Any) -> tuple[int, int]:
+    return integer(color, _MOST_32, "a feature's color"), integer(symbol, _MOST_16, "a feature's symbol")
+
+
 class Note:
     """A free text of a survey, at most 255 UTF-16 units. Setting ``text`` changes the survey."""
 
@@ -366,8 +386,16 @@ class Features(Collection):
     def __init__(self, survey: "Survey") -> None:
         self._survey = survey
 
+    def _find(self, number: Any) -> Optional[int]:
+        """None also for what can't be a number of a feature."""
+        try:
+            wanted = operator.index(number)
+        except TypeError:
+            return None
+        return self._survey._store.find_number(wanted) if 0 <= wanted <= _MOST_32 else None
+
     def __getitem__(self, number: Any) -> Feature:
-        at = self._survey._store.find_number(number)
+        at = self._find(number)
         if at is None:
             raise KeyError(number)
         return Feature(self._survey._store, at)
@@ -375,7 +403,7 @@ class Features(Collection):
     def __contains__(self, number: object) -> bool:
         if isinstance(number, Feature):
             return any(feature == number for feature in self)
-        return isinstance(number, int) and self._survey._store.find_number(number) is not None
+        return self._find(number) is not None
 
     def __iter__(self) -> Iterator[Feature]:
         return self._each(self._survey._store, self._survey._store.features())
@@ -391,15 +419,27 @@ class Features(Collection):
         return len(self._survey._store.features())
 
     def get(self, number: int, default: Any = None) -> Any:
-        return self[number] if number in self else default
+        at = self._find(number)
+        return default if at is None else Feature(self._survey._store, at)
 
 
 @dataclass(frozen=True)
 class between:
-    """A range for find: numbers or datetimes, both ends included."""
+    """A range for find: numbers or dates, both ends included. Raises ValueError if low is above high."""
 
     low: Any
     high: Any
+
+    def __post_init__(self) -> None:
+        low, high = self._ends()
+        if low > high:
+            raise ValueError(f"low is above high: {self.low!r}, {self.high!r}")
+
+    def _ends(self) -> tuple[Any, Any]:
+        low, high = _comparable(self.low), _comparable(self.high)
+        if isinstance(low, float) != isinstance(high, float):
+            raise TypeError("a range is of two numbers or of two dates")
+        return low, high
 
 
 class Survey:
@@ -422,6 +462,7 @@ class Survey:
         self._store = _kesp.Store(path, mode, deleted, version, progress)
         self.path: str = os.fsdecode(path)
         self.mode = mode
+        self._is_editing = False
 
     @property
     def closed(self) -> bool:
@@ -511,28 +552,34 @@ class Survey:
     ) -> list[Feature]:
         """The features that meet all that is asked, in file order.
 
-        ``name``: one of these names. ``type``: 'point', 'line' or 'area'. ``where``: attributes and their values: a text,
-        a number, between(low, high), a date, or a function of the value. ``rect`` (minimum x, minimum y, maximum x,
-        maximum y), ``since``, ``until`` (datetimes, both included) and ``text``: a point has all of these. Texts and
-        attribute names ignore the case of A to Z with ``ignore_case``; ``partial`` finds texts that contain the wanted
-        one. A feature without points, or without the attribute, is not found where they are asked for.
+        ``name``: one of these names; of none, nothing is found. ``type``: 'point', 'line' or 'area'. ``where``: attributes
+        and their values: a text, a number, between(low, high), a date, or a function of the value. A date is found as it
+        is stored: in UTC if it has a zone, to the millisecond; the ends of a range are not rounded. ``rect`` (minimum x,
+        minimum y, maximum x, maximum y), ``since``, ``until`` (datetimes, both included) and ``text``: a point has all of
+        these; the points after one with the text count as having it. Texts and attribute names ignore the case of A to Z
+        with ``ignore_case``; ``partial`` finds texts that contain the wanted one. A feature without points, or without
+        the attribute, is not found where they are asked for.
         """
+        names = None if name is None else [name] if isinstance(name, str) else list(name)
+        edges = None if rect is None else tuple(real(edge, "an edge of rect") for edge in rect)
+        if edges is not None and len(edges) != 4:
+            raise ValueError("rect is minimum x, minimum y, maximum x, maximum y")
         conditions, tests = _conditions(where or {})
         times = None
         if since is not None or until is not None:
             low = -(2**31) if since is None else seconds_of(since)
             times = (low, 2**31 - 1 if until is None else seconds_of(until))
         asked = {
-            "names": [] if name is None else [name] if isinstance(name, str) else list(name),
+            "names": names or [],
             "types": 7 if type is None else 1 << (_type_number(type) - 1),
             "ignore_case": ignore_case,
             "partial": partial,
             "text": text,
-            "rect": None if rect is None else tuple(float(edge) for edge in rect),
+            "rect": edges,
             "times": times,
             "where": conditions,
         }
-        found = (Feature(self._store, at) for at in self._store.find(asked))
+        found = [Feature(self._store, at) for at in self._store.find(asked) if names != []]
         return [f for f in found if all(_passes(f, n, test, ignore_case) for n, test in tests)]
 
     def add_feature(
@@ -552,7 +599,8 @@ class Survey:
         ``number``: a free one, or the next. ``truncate`` cuts texts that are too long; without it kesp.FitError is
         raised, and nothing is added.
         """
-        values = (name, _type_number(type), color, symbol)
+        values = (name, _type_number(type), *_look(color, symbol))
+        number = None if number is None else integer(number, _MOST_32, "a feature's number")
         tuples = [_attribute_tuple(n, v, None) for n, v in (attributes or {}).items()]
         at = self._store.add_feature(number, values, [_point_tuple(p) for p in points], tuples, truncate)
         return Feature(self._store, at)
@@ -566,9 +614,24 @@ class Survey:
         numbers a point and four a rect. The other kinds are in the list of kinds in docs/python.md."""
         return Tag(self._store, self._store.add_tag(*payload_of(name, value, kind)))
 
-    def add_link(self, source: int, target: int, value: int = 0, *, qualifiers: tuple[int, int] = (0, 0)) -> Tag:
-        """Links two features by their numbers."""
-        return Tag(self._store, self._store.add_tag(10, "", link_payload(source, target, value, qualifiers)))
+    def add_link(
+        self,
+        source: Union[int, Feature],
+        target: Union[int, Feature],
+        value: int = 0,
+        *,
+        qualifiers: tuple[int, int] = (0, 0),
+    ) -> Tag:
+        """Links two features: of this survey, or by their numbers. All numbers of a link have 32 bits."""
+        payload = link_payload(self._number_of(source), self._number_of(target), value, qualifiers)
+        return Tag(self._store, self._store.add_tag(10, "", payload))
+
+    def _number_of(self, feature: Union[int, Feature]) -> int:
+        if not isinstance(feature, Feature):
+            return feature
+        if feature._store is not self._store:
+            raise ValueError("a link is between features of one survey")
+        return feature.number
 
     def delete(self, record: Union[Feature, Note, Tag]) -> None:
         """Marks a feature (with its points and attributes), a note or a tag as deleted."""
@@ -577,19 +640,28 @@ class Survey:
     @contextmanager
     def edit(self) -> Iterator["Survey"]:
         """All changes in the block reach the disk when it ends, or none if it raises. What was changed before is written
-        first."""
-        self.flush()
+        first. In the block, another edit(), flush() and close() raise RuntimeError."""
+        self._check_no_edit("edit()")
+        self._store.flush()
+        self._is_editing = True
         try:
             yield self
-            self.flush()
+            self._store.flush()
         except BaseException:
             if not self.closed:
                 self.rollback()
             raise
+        finally:
+            self._is_editing = False
+
+    def _check_no_edit(self, what: str) -> None:
+        if self._is_editing:
+            raise RuntimeError(f"no {what} inside an edit(), which is all or nothing")
 
     def flush(self) -> None:
         """Writes the changes; when it returns they are on the disk. Raises OSError or kesp.Error; what could not be
-        written is kept for the next flush."""
+        written is kept for the next flush. Raises RuntimeError inside an edit()."""
+        self._check_no_edit("flush()")
         self._store.flush()
 
     def rollback(self) -> None:
@@ -597,14 +669,16 @@ class Survey:
         self._store.rollback()
 
     def close(self) -> None:
-        """Writes the changes, and the summary in the header, and closes the file. Closing twice does nothing."""
+        """Writes the changes, and the summary in the header, and closes the file. Closing twice does nothing. Raises
+        RuntimeError inside an edit()."""
+        self._check_no_edit("close()")
         self._store.close(False)
 
     def __enter__(self) -> "Survey":
         return self
 
     def __exit__(self, kind: object, error: object, trace: object) -> None:
-        self._store.close(kind is not None and self.mode != "r")
+        self._store.close((kind is not None or self._is_editing) and self.mode != "r")
 
     def __repr__(self) -> str:
         return f"<kesp.Survey {self.path!r}, {'closed' if self.closed else f'{len(self)} features'}>"
@@ -617,24 +691,40 @@ class Survey:
         return table_html(["number", "type", "name", "attributes"], columns, len(self))
 
 
+def _comparable(value: Any) -> Any:
+    """A number as a float, and a date as a datetime without a zone."""
+    value = _python_date(value)
+    if isinstance(value, date):
+        return naive_of(value)
+    if isinstance(value, Real):
+        return real(value, "a wanted number")
+    kind = type(value).__name__
+    raise TypeError(f"wanted is a text, a number, a date, a range of numbers or dates, or a function, not {kind}")
+
+
 def _conditions(where: Mapping) -> tuple[list, list]:
     """What the library tests, and what is tested here."""
     conditions: list = []
     tests: list = []
     for name, wanted in where.items():
+        if not isinstance(name, str):
+            raise TypeError(f"an attribute's name is a str, not {type(name).__name__}")
         if isinstance(wanted, str):
             conditions.append((name, str(wanted)))
-        elif isinstance(wanted, between) and isinstance(wanted.low, Real) and isinstance(wanted.high, Real):
-            conditions.append((name, float(wanted.low), float(wanted.high)))
-        elif isinstance(wanted, between):
-            tests.append((name, lambda v, w=wanted: isinstance(v, datetime) and w.low <= v <= w.high))
-        elif isinstance(wanted, Real):
-            conditions.append((name, float(wanted), float(wanted)))
-        elif callable(wanted):
+            continue
+        if callable(wanted):
             tests.append((name, wanted))
+            continue
+        if isinstance(wanted, between):
+            low, high = wanted._ends()
         else:
-            day = wanted if isinstance(wanted, datetime) else datetime(wanted.year, wanted.month, wanted.day)
-            tests.append((name, lambda v, d=day: v == d))
+            low = high = _comparable(wanted)
+            if isinstance(low, datetime):
+                low = high = date_of(days_of(low)) or low
+        if isinstance(low, float):
+            conditions.append((name, low, high))
+        else:
+            tests.append((name, lambda v, low=low, high=high: isinstance(v, datetime) and low <= v <= high))
     return conditions, tests
 
 

@@ -1,6 +1,7 @@
 """Columns of points, features and attributes as NumPy arrays, and for Arrow."""
 from __future__ import annotations
 
+import operator
 import os
 from collections.abc import Mapping
 from typing import Any, Callable, Iterator, Optional, Sequence, Union
@@ -8,7 +9,7 @@ from typing import Any, Callable, Iterator, Optional, Sequence, Union
 import numpy as np
 
 from . import _kesp
-from ._errors import Damage, report
+from ._errors import Damage, Error, check, report
 
 Path = Union[str, bytes, "os.PathLike[Any]"]
 Progress = Callable[[int, int], Any]
@@ -86,17 +87,32 @@ class Batches:
     """Tables of a file one after another, so that memory does not grow with the file.
 
     An iterator, and a context manager that ends the reading. It also speaks the Arrow PyCapsule protocol; iterator and
-    stream take their batches from the same reading. At damage the batches before it come first, then kesp.Error.
+    stream take their batches from the same reading. At damage the batches before it come first. Then the iterator does
+    what ``on_damage`` says, and has it in ``damage``; the stream ends with an error.
     """
 
-    def __init__(self, kind: str, path: Path, names: Sequence[str], deleted: bool, rows: int) -> None:
+    def __init__(
+        self, kind: str, path: Path, names: Sequence[str], deleted: bool, rows: int, on_damage: str = "raise"
+    ) -> None:
+        check(on_damage)
+        if not 1 <= operator.index(rows) < 2**63:
+            raise ValueError(f"batch_rows is an integer of 1 or more, not {rows}")
         self._batches = _kesp.Batches(kind, path, list(names), deleted, rows)
+        self._on_damage = on_damage
+        self.damage: Optional[Damage] = None
 
     def __iter__(self) -> "Batches":
         return self
 
     def __next__(self) -> Table:
-        table = self._batches.next()
+        try:
+            table = self._batches.next()
+        except Error as error:
+            if error.offset is None or self._on_damage == "raise":
+                raise
+            self.damage = Damage(error.offset, error.code, error.text)
+            report(self.damage, error.path, self._on_damage)
+            table = None
         if table is None:
             raise StopIteration
         return Table(table)
@@ -131,7 +147,9 @@ def _read(
     if columns is not None and not names:
         raise ValueError("no columns are asked for")
     if batch_rows is not None:
-        return Batches(kind, path, names, deleted, batch_rows)
+        if progress is not None:
+            raise ValueError("batches don't tell their progress: give batch_rows or progress")
+        return Batches(kind, path, names, deleted, batch_rows, on_damage)
     table, damage = _kesp.read_table(kind, path, names, deleted, progress)
     report(damage, os.fsdecode(path), on_damage)
     return Table(table, damage)
@@ -154,8 +172,8 @@ def read_points(
 
     Returns a Table of arrays of shape (rows,); with ``batch_rows``, Batches of at most that many rows. ``deleted`` adds
     the records that are marked as deleted (flags & 1). ``on_damage`` is 'raise', 'warn' or 'ignore'; the last two return
-    what comes before the damage. ``progress`` is called with (bytes done, bytes in all) some 20 times a second.
-    Raises OSError, kesp.Error, and ValueError for a column that does not exist.
+    what comes before the damage. ``progress`` is called with (bytes done, bytes in all) some 20 times a second, and
+    refused with ``batch_rows``. Raises OSError, kesp.Error, and ValueError for a column that does not exist.
     """
     return _read("points", path, columns, deleted, batch_rows, on_damage, progress)
 

@@ -3,14 +3,20 @@ from __future__ import annotations
 
 import struct
 from dataclasses import dataclass
+from numbers import Real
 from typing import Any, Optional
 
 from . import _kesp
-from ._values import TAG_KINDS
+from ._errors import FitError
+from ._values import TAG_KINDS, integer
 
 _KIND_NUMBERS = {name: number for number, name in TAG_KINDS.items()}
 _LAYOUTS = {1: "<i", 2: "<d", 4: "<3d", 5: "<4d", 6: "<I", 7: "<4I", 8: "<I", 9: "<5f", 10: "<6I", 11: "<6f", 12: "<4f", 13: "<2I"}
 _BLOB, _STRING, _LINK = 0, 3, 10
+_NUMBERS = {
+    "i": f"integers from {-(2**31)} to {2**31 - 1}", "I": f"integers from 0 to {2**32 - 1}",
+    "f": "numbers of 32 bits, at most 3.4e38", "d": "numbers of 64 bits, at most 1.8e308",
+}  # fmt: skip
 
 
 @dataclass(frozen=True)
@@ -130,20 +136,32 @@ def payload_of(name: str, value: Any, kind: Optional[str]) -> tuple[int, str, by
         raise ValueError(f"the kinds of tags are {', '.join(_KIND_NUMBERS)}, not {kind!r}")
     number = _kind_of(value) if kind is None else _KIND_NUMBERS[kind]
     if "\0" in name or (isinstance(value, str) and "\0" in value):
-        raise ValueError("names and texts of tags end at the first zero, so they can't contain one")
+        raise FitError("names and texts of tags end at the first zero, so they can't contain one")
     if number == _BLOB:
-        if not isinstance(value, (bytes, bytearray, memoryview)):
-            raise TypeError(f"a blob is bytes, not {type(value).__name__}")
-        return number, name, bytes(value)
+        data: Any = value
+        return number, name, bytes(memoryview(data))
     if number == _STRING:
         return number, name, (value + "\0").encode("utf-16-le", "surrogatepass")
     values = value if isinstance(value, (tuple, list)) else (value,)
+    for part in values:
+        if not isinstance(part, Real):
+            raise TypeError(f"a tag of the kind {TAG_KINDS[number]} has numbers, not {type(part).__name__}")
+    layout = _LAYOUTS[number]
+    count = int(layout[1:-1] or 1)
+    if len(values) != count:
+        raise ValueError(f"numbers in a tag of the kind {TAG_KINDS[number]}: {count}, not {len(values)}")
     try:
-        return number, name, struct.pack(_LAYOUTS[number], *values)
-    except struct.error as e:
-        raise ValueError(f"{value!r} is no {TAG_KINDS[number]}: {e}") from None
+        return number, name, struct.pack(layout, *values)
+    except (struct.error, OverflowError):
+        raise FitError(f"a tag of the kind {TAG_KINDS[number]} has {_NUMBERS[layout[-1]]}") from None
 
 
 def link_payload(source: int, target: int, value: int, qualifiers: tuple[int, int]) -> bytes:
     """The bytes of a link."""
-    return struct.pack("<6I", source, qualifiers[0], target, qualifiers[1], value, 0xFFFFFFFF)
+    if len(qualifiers) != 2:
+        raise ValueError(f"a link has two qualifiers, not {len(qualifiers)}")
+    most = 2**32 - 1
+    first, second = (integer(number, most, "a feature's number") for number in (source, target))
+    first_qualifier, second_qualifier = (integer(number, most, "a link's qualifier") for number in qualifiers)
+    value = integer(value, most, "a link's value")
+    return struct.pack("<6I", first, first_qualifier, second, second_qualifier, value, most)

@@ -2,8 +2,11 @@
 from __future__ import annotations
 
 import math
+import operator
 from datetime import date, datetime, timedelta, timezone
 from typing import Any, Optional
+
+from ._errors import FitError
 
 TYPES = {1: "point", 2: "line", 3: "area"}
 TAG_KINDS = {
@@ -15,6 +18,25 @@ EDITED_FLAGS = 0x1FEA
 
 _EPOCH = datetime(1899, 12, 30)
 _FIRST, _LAST = -657434, 2958465  # 1 January 100 and 31 December 9999, in days
+
+
+def integer(value: Any, most: int, what: str) -> int:
+    """As an int that a field holds, from anything with __index__."""
+    try:
+        number = operator.index(value)
+    except TypeError:
+        raise TypeError(f"{what} is an integer, not {type(value).__name__}") from None
+    if not 0 <= number <= most:
+        raise FitError(f"{what} is an integer from 0 to {most}, not {number}")
+    return number
+
+
+def real(value: Any, what: str) -> float:
+    """As a float, which many an int is too large for."""
+    try:
+        return float(value)
+    except OverflowError:
+        raise FitError(f"{what} is a number of 64 bits, at most 1.8e308") from None
 
 
 def date_of(days: float) -> Optional[datetime]:
@@ -30,17 +52,26 @@ def date_of(days: float) -> Optional[datetime]:
         return None
 
 
-def days_of(value: date) -> float:
-    """The number that date_of turns into this date. A time with a zone is taken in UTC. ValueError if there is none."""
+def naive_of(value: date) -> datetime:
+    """A date as a datetime without a zone: midnight, or the time in UTC if it has a zone."""
     if not isinstance(value, datetime):
-        value = datetime(value.year, value.month, value.day)
-    if value.tzinfo is not None:
-        value = value.astimezone(timezone.utc).replace(tzinfo=None)
+        return datetime(value.year, value.month, value.day)
+    if value.tzinfo is None:
+        return value
+    try:
+        return value.astimezone(timezone.utc).replace(tzinfo=None)
+    except OverflowError:
+        raise FitError(f"{value} is outside the years 1 to 9999 in UTC") from None
+
+
+def days_of(value: date) -> float:
+    """The number that date_of turns into this date. A time with a zone is taken in UTC."""
+    value = naive_of(value)
     whole = (value.replace(hour=0, minute=0, second=0, microsecond=0) - _EPOCH).days
     fraction = (value - value.replace(hour=0, minute=0, second=0, microsecond=0)) / timedelta(days=1)
     days = whole + fraction if whole >= 0 else whole - fraction
     if date_of(days) is None:
-        raise ValueError(f"a date is in the years 100 to 9999 and not 30 December 1899, 0:00, which is no date: {value}")
+        raise FitError(f"a date is in the years 100 to 9999 and not 30 December 1899, 0:00, which is no date: {value}")
     return days
 
 
@@ -55,6 +86,8 @@ def seconds_of(value: Any) -> int:
     if isinstance(value, datetime):
         moment = value if value.tzinfo is not None else value.replace(tzinfo=timezone.utc)
         seconds = math.floor(moment.timestamp())
+    elif isinstance(value, float) and not math.isfinite(value):
+        raise ValueError(f"{value} is no time")
     else:
         seconds = int(value)
     if not -(2**31) <= seconds < 2**31:

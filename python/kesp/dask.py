@@ -53,11 +53,13 @@ _FILES_PER_TASK = 16
 
 @dataclass(frozen=True)
 class _Column:
-    """Of an attribute: its folded name, the kind that it is read as, and whether it has the second texts of menus."""
+    """Of an attribute: its folded name, the kind that it is read as, and whether it has the second texts of menus. Where
+    a feature has no such attribute, the second text of ``menu`` is there."""
 
     name: str
     kind: int
     sub: bool = False
+    menu: Optional[str] = None
 
 
 @dataclass(frozen=True)
@@ -154,6 +156,11 @@ def _attribute_columns(found: Iterable[list]) -> dict:
     return columns
 
 
+def _declared(name: str, kind: int) -> _Column:
+    folded = _frames.fold(name)
+    return _Column(folded, kind, menu=folded[:-4] if kind == TEXT and folded.endswith("_sub") else None)
+
+
 _OPERATIONS = {
     "==": lambda a, b: a == b, "!=": lambda a, b: a != b, "<": lambda a, b: a < b, "<=": lambda a, b: a <= b,
     ">": lambda a, b: a > b, ">=": lambda a, b: a >= b, "in": lambda a, b: a.isin(list(b)),
@@ -223,7 +230,9 @@ class _Reader:
         if self.layer in ("notes", "tags", "links"):
             frame, damage = _frames.record_frame(self.layer, place, self.deleted)
             return frame[self._matches(frame)], damage
-        names = None if "further_attributes" in needed else [self.attributes[n].name for n in needed & {*self.attributes}]
+        used = [self.attributes[n] for n in needed & {*self.attributes}]
+        named = [n for column in used for n in (column.name, column.menu) if n is not None]
+        names = None if "further_attributes" in needed else named
         features, points, attributes, damage = _kesp.assemble(
             place, self.deleted, None, _frames.TYPES.get(self.layer, 0), names,
             self.layer == "vertices" or "geometry" in needed, piece.start, piece.end, piece.stragglers, False,
@@ -244,6 +253,9 @@ class _Reader:
         for name in needed & {*self.attributes}:
             column = self.attributes[name]
             columns[name] = made.column(column.name, column.kind, column.sub)
+            if column.menu is not None:
+                second = made.column(column.menu, MENU, True)
+                columns[name] = np.where(pandas.isna(columns[name]), second, columns[name])
         if "further_attributes" in needed:
             columns["further_attributes"] = made.further()
         return pandas.DataFrame(columns).set_index(self.index)
@@ -283,10 +295,11 @@ def read_dataframe(
 
     ``columns``: the columns to read. As a list, each file is read once now, by Dask, to find which attributes there are
     and of which kinds; so it is without ``columns``. A mapping from names to 'text', 'number' or 'date' says it instead:
-    only files of ``part_bytes`` and more are read now, and a value of another kind is missing in a number or a date.
+    only files of ``part_bytes`` and more are read now, and a value of another kind is missing in a number or a date. A
+    text ``<name>_sub`` has the second texts of the menu ``<name>``, where there is no attribute of that name itself.
 
     ``filters``: a list of (column, operation, value), all of which must hold, or a list of such lists, of which one must.
-    Operations are == != < <= > >= in, not in. A missing value meets none.
+    Operations are == != < <= > >= in, not in; columns are all but geometry, path and error. A missing value meets none.
 
     ``errors``: 'report' makes a file that can't be read to its end a row whose ``error`` says why, after the rows that
     come before the damage; 'ignore' leaves this row out; 'raise' raises OSError or kesp.Error when it is computed.
@@ -305,7 +318,7 @@ def read_dataframe(
     options = {"layer": layer, "deleted": deleted, "part_bytes": part_bytes, "storage_options": storage_options}
     plans.update(zip(wanted, _each(_plan, wanted, **options)))
     if isinstance(columns, Mapping):
-        attributes = {n: _Column(_frames.fold(n), _kind(k)) for n, k in columns.items() if n not in _TAKEN}
+        attributes = {n: _declared(n, _kind(k)) for n, k in columns.items() if n not in _TAKEN}
     else:
         attributes = _attribute_columns(names for _, names in plans.values())
     fixed: dict[str, str] = _FIXED.get(layer) or {
@@ -315,9 +328,11 @@ def read_dataframe(
     dtypes = {**fixed, **_SOURCE}
     names = [*dtypes] if columns is None else [*dict.fromkeys([*columns, *_SOURCE])]
     reader = _Reader(layer, dtypes, attributes, tuple(names), alternatives, deleted, errors, storage_options)
-    filterable = {*dtypes, reader.index} - {*_SOURCE}
-    unknown = [n for n in names if n not in dtypes]
-    unknown += [c[0] for all_of in alternatives for c in all_of if c[0] not in filterable]
+    filtered = [c[0] for all_of in alternatives for c in all_of]
+    unfit = [n for n in filtered if n in ("geometry", *_SOURCE)]
+    if unfit:
+        raise ValueError(f"no filter can be on {unfit[0]}")
+    unknown = [n for n in names if n not in dtypes] + [n for n in filtered if n not in {*dtypes, reader.index}]
     if unknown:
         raise ValueError(f"there is no column {unknown[0]!r} in the layer {layer}")
     pieces = [piece for path in files for piece in plans[path][0]]

@@ -148,7 +148,20 @@ TEST_P(Editing, MakesAFeatureAnewWhereItMust) {
   }
   EXPECT_EQ(texts, "2a 9 3b 4c ");
   (*this)["vertices"].SetAttributeFilter(nullptr);
+  // A program that changes what it reads sees each feature once.
+  int seen = 0;
+  for (OGRLayer& lines = (*this)["lines"]; const FeaturePtr row{lines.GetNextFeature()}; ++seen) {
+    row->GetGeometryRef()->toLineString()->addPoint(seen, 9, 9, 9);
+    ASSERT_EQ(lines.SetFeature(row.get()), OGRERR_NONE);
+    ASSERT_EQ(seen, 0);
+  }
   EXPECT_EQ(Set("lines", 2, {}, "LINESTRING (1 2,5 4)"), OGRERR_NONE);
+  EXPECT_EQ(Set("areas", 3, {}, "POLYGON ((1 1,4 4,1 1))"), OGRERR_NONE);  // as many points as before, with the last
+  (*this)["vertices"].SetAttributeFilter("feature_number = 3");
+  EXPECT_EQ((*this)["vertices"].GetFeatureCount(), 2);
+  (*this)["vertices"].SetAttributeFilter(nullptr);
+  EXPECT_EQ(Set("points", 1, {{"Kind", nullptr}}), OGRERR_NONE);
+  EXPECT_EQ(Row("points", 1).find("Kind=Old"), std::string::npos) << Row("points", 1);
   ExpectSameWhenReopened();
 }
 
@@ -160,6 +173,8 @@ TEST_P(Editing, AppendsDeletesAndRestores) {
   EXPECT_EQ(points.CreateFeature(feature.get()), OGRERR_NONE);
   EXPECT_EQ(feature->GetFID(), 10);  // not that of the deleted one
   EXPECT_NE(Row("points", 10).find("edited=1 Girth=1.125"), std::string::npos);
+  EXPECT_EQ(Set("points", 10, {{"Girth", nullptr}}), OGRERR_NONE);
+  EXPECT_STREQ(points.GetMetadataItem(OLMD_FID64), "YES");  // or SQL takes one FID for another
   EXPECT_EQ(points.DeleteFeature(1), OGRERR_NONE);
   EXPECT_EQ(points.DeleteFeature(1), OGRERR_NON_EXISTING_FEATURE);
   EXPECT_EQ((*this)["notes"].DeleteFeature(kAfterHeader), OGRERR_NONE);
@@ -168,12 +183,14 @@ TEST_P(Editing, AppendsDeletesAndRestores) {
   ExpectSameWhenReopened();
   Reopen({"DELETED=YES"});
   EXPECT_EQ((*this)["points"].GetFeatureCount(), 3);
+  EXPECT_EQ(Set("points", 10, {{"Girth", "4"}}), OGRERR_NONE);
   EXPECT_EQ(Set("points", 1, {{"deleted", "0"}, {"Girth", "3"}}), OGRERR_NONE);
   EXPECT_EQ(Set("notes", kAfterHeader, {{"deleted", "0"}, {"text", "Wet"}}), OGRERR_NONE);
   EXPECT_EQ(Set("areas", 3, {{"deleted", "1"}}), OGRERR_NONE);
   ExpectSameWhenReopened({"DELETED=YES"});
   Reopen();
   EXPECT_NE(Row("points", 1).find("Girth=3 Kind=Old"), std::string::npos);
+  EXPECT_NE(Row("points", 10).find("Girth=4"), std::string::npos);
   EXPECT_NE(Row("notes", kAfterHeader).find("text=Wet"), std::string::npos);
   EXPECT_EQ((*this)["areas"].GetFeatureCount(), 0);
 }

@@ -105,9 +105,11 @@ def test_columns_filters_and_errors(many, tmp_path):
     assert len(either.Height.dropna()) == 5 + 10
     declared = kesp.dask.read_dataframe(many, columns={"height": "number", "Crew": "number"}, errors="ignore").compute()
     assert (len(declared), declared.height.sum(), declared.Crew.isna().all()) == (20, 40, True)
+    assert set(kesp.dask.read_dataframe(many, columns={"Crew_sub": "text"}).Crew_sub.dropna().compute()) == {"sub"}
     with pytest.raises(kesp.Error):
         kesp.dask.read_dataframe(many, errors="raise").compute()
-    for wrong in ({"columns": ["no"]}, {"filters": [("path", "==", 1)]}, {"errors": "no"}, {"columns": {"a": "int"}}):
+    filters = [{"filters": [(name, "==", 1)]} for name in ("path", "geometry")]
+    for wrong in (*filters, {"columns": ["no"]}, {"errors": "no"}, {"columns": {"a": "int"}}):
         with pytest.raises(ValueError):
             kesp.dask.read_dataframe(many, **wrong)
     remote = kesp.dask.read_dataframe(f"file://{tmp_path}/[0-3].kesp", "lines", storage_options={}, part_bytes=1000)

@@ -92,6 +92,13 @@ def test_frames_come_back_as_they_were(survey_path, tmp_path):
         kesp.to_file(frame, copy)
         again = kesp.read_dataframe(copy, layer)
         assert again.to_dict("list") == frame.to_dict("list") and list(again.index) == list(frame.index)
+    with kesp.open(survey_path, "r+") as survey:
+        survey.add_feature("Short", "area", [(1, 2), (3, 4)])
+    frame = kesp.read_dataframe(survey_path, "areas")
+    kesp.to_file(frame, tmp_path / "noted.kesp")
+    assert [f.type for f in kesp.open(tmp_path / "noted.kesp")] == ["area", "area"]
+    kesp.to_file(frame.set_index(frame.index + [2**32, 0]), tmp_path / "short.kesp", layer="areas")
+    assert [(f.number, f.type) for f in kesp.open(tmp_path / "short.kesp")] == [(5, "area"), (4, "area")]
     frame["feature_name"] = "x" * 300
     with pytest.raises(kesp.FitError):
         kesp.to_file(frame, tmp_path / "long.kesp")
@@ -132,6 +139,10 @@ def test_damage_is_raised_warned_of_or_shown(survey_path):
     with pytest.raises(kesp.Error):
         for _ in batches:
             pass
+    batches = kesp.read_points(survey_path, batch_rows=3, on_damage="ignore")
+    assert sum(batch.rows for batch in batches) == 7 and batches.damage.offset == damage.value.offset
+    with pytest.raises(ValueError, match="on_damage"):
+        kesp.read_points(survey_path, batch_rows=3, on_damage="no")
     assert "damaged at offset" in read_stream(kesp.read_points(survey_path, batch_rows=3))[1]
     with kesp.open(survey_path) as survey:
         assert not survey.whole and survey.damage.offset == damage.value.offset and len(survey) == 3
@@ -192,9 +203,16 @@ def test_threads_read_side_by_side(survey_path):
             failures.append(e)
 
     threads = [threading.Thread(target=work) for _ in range(4)]
+    batches, rows = kesp.read_points(survey_path, batch_rows=1), []
+    threads += [threading.Thread(target=lambda: rows.extend(t.rows for t in batches)) for _ in range(4)]
     [t.start() for t in threads]
     [t.join() for t in threads]
-    assert failures == []
+    assert failures == [] and sum(rows) == 7
+
+
+def test_a_child_of_fork_can_end_with_batches(survey_path):
+    code = "import kesp, os, sys; b = kesp.read_points(sys.argv[1], batch_rows=1); next(b); p = os.fork(); p and sys.exit(os.wait()[1])"
+    subprocess.run([sys.executable, "-c", code, survey_path], timeout=60, check=True)
 
 
 @pytest.fixture(scope="module")
