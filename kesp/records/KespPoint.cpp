@@ -3,11 +3,6 @@
 #include "kesp/format/BodyIo.h"
 #include "kesp/format/RecordKinds.h"
 
-namespace {
-
-
-}  // namespace
-
 bool CKespPoint::SetFeatureNumber(unsigned long featureNumber, unsigned long, bool) noexcept {
   FeatureNumber = static_cast<std::uint32_t>(featureNumber);
   return true;

@@ -233,6 +233,7 @@ TEST(WriteQueue, IsBroughtToAnOldVersion) {
                 Then::Read);
     const std::string names = Names(set.file.m_recordList);
     set.Point(1)->SetOffset(1.5, 2.5);
+    set.Point(1)->SignalStatus = KESP_SIGNAL_STATUS{11};
     kesp::FormatLoss loss;
     set.file.SetQueueVersion(3, loss);
     EXPECT_TRUE(loss.IsNone());
@@ -240,7 +241,7 @@ TEST(WriteQueue, IsBroughtToAnOldVersion) {
     set.file.SetQueueVersion(version, loss);
     kesp::FormatLoss expected;
     expected.features = expected.notes = {1, 1, 0};
-    if (version == 1) expected.points = {1, 0, 3}, expected.headers = {1, 0, 1};
+    if (version == 1) expected.points = {1, 0, 4}, expected.headers = {1, 0, 1};
     EXPECT_EQ(loss, expected);
     const CString path = Text(set.dir / "old");
     EXPECT_EQ((set.file.*kWriters[version])(path), ERR_NONE);
