@@ -166,6 +166,10 @@ TEST_P(Editing, MakesAFeatureAnewWhereItMust) {
 }
 
 TEST_P(Editing, AppendsDeletesAndRestores) {
+  m_file.reset();
+  const std::size_t flagsOfSecondEnd = ReadFile(m_path).size() + 6;
+  WriteFile(m_path, ReadFile(m_path) + EndOf(1));
+  Reopen();
   OGRLayer& points = (*this)["points"];
   const FeaturePtr feature(OGRFeature::CreateFeature(points.GetLayerDefn()));
   feature->SetGeometryDirectly(new OGRPoint(3, 4));
@@ -177,6 +181,7 @@ TEST_P(Editing, AppendsDeletesAndRestores) {
   EXPECT_STREQ(points.GetMetadataItem(OLMD_FID64), "YES");  // or SQL takes one FID for another
   EXPECT_EQ(points.DeleteFeature(1), OGRERR_NONE);
   EXPECT_EQ(points.DeleteFeature(1), OGRERR_NON_EXISTING_FEATURE);
+  EXPECT_EQ(static_cast<unsigned>(ReadFile(m_path)[flagsOfSecondEnd]) & 1U, 1U);
   EXPECT_EQ((*this)["notes"].DeleteFeature(kAfterHeader), OGRERR_NONE);
   EXPECT_EQ(points.GetFeatureCount(), 1);
   EXPECT_EQ(Row("points", 1), "none");
