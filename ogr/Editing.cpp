@@ -256,7 +256,7 @@ OGRErr FeatureLayer::ISetFeature(OGRFeature* feature) {
     return OGRERR_FAILURE;
   }
   Amendments marks;
-  if (isReplaced || isToBeDeleted) AddMarks(*records, Marking::kDelete, marks);
+  if (isReplaced || (isToBeDeleted && !isDeleted)) AddMarks(*records, Marking::kDelete, marks);
   if (!m_dataset.Editing()->CanAmend(marks)) return OGRERR_FAILURE;  // before anything is written
   if (!(isReplaced ? Replace(*records, changes) : Amend(position, changes))) return OGRERR_FAILURE;
   if (isToBeDeleted == isDeleted) return OGRERR_NONE;

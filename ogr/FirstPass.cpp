@@ -33,7 +33,7 @@ void FirstPass::Run() {
 void FirstPass::Take(const RecordView& record) {
   NoteNumber(record);
   const bool isDeleted = (record.Flags() & KESP_FLAG_DELETED) != 0;
-  if (isDeleted && m_file.IsWritable() && !StatesItsLength(record)) m_misstated = record.Position();
+  if (isDeleted && !m_misstated && m_file.IsWritable() && !StatesItsLength(record)) m_misstated = record.Position();
   if (isDeleted && !m_file.IncludesDeleted()) return;
   const bool isFirst = !std::exchange(m_hasBegun, true);
   m_afterHeader.See(record, m_survey, isFirst);

@@ -39,8 +39,8 @@ class FirstPass {
   Cursor m_cursor;
   Survey& m_survey;
   std::uint64_t m_end = 0;  // of what was read
-  // A deleted record in a file to be changed. Readers step over it by a length that isn't its own, and would not come
-  // to what is appended.
+  // The first deleted record, in a file to be changed, that readers step over by a length that isn't its own. They
+  // would not come to what is appended.
   std::optional<std::uint64_t> m_misstated;
   HeaderTexts m_afterHeader;
   ogr::Run m_run;

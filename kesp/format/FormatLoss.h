@@ -22,8 +22,8 @@ struct KESP_EXPORT FormatLoss {
     // and texts that the older body has no field for.
     std::uint64_t texts = 0;
     // Numbers other than the default that the older body has no field for, or whose field is too narrow; in version 1
-    // also a SignalStatus above 10, which reading turns into 10. Each slot of
-    // raw bytes in a header counts as one. A header's KespVersion follows the version and is not counted.
+    // also a SignalStatus above 10, which reading turns into 10. Each slot of raw bytes in a header counts as one. A
+    // header's KespVersion follows the version and is not counted.
     std::uint64_t numbers = 0;
 
     bool operator==(const Kind&) const = default;

@@ -155,6 +155,7 @@ TEST_P(Editing, MakesAFeatureAnewWhereItMust) {
     ASSERT_EQ(lines.SetFeature(row.get()), OGRERR_NONE);
     ASSERT_EQ(seen, 0);
   }
+  EXPECT_EQ(seen, 1);
   EXPECT_EQ(Set("lines", 2, {}, "LINESTRING (1 2,5 4)"), OGRERR_NONE);
   EXPECT_EQ(Set("areas", 3, {}, "POLYGON ((1 1,4 4,1 1))"), OGRERR_NONE);  // as many points as before, with the last
   (*this)["vertices"].SetAttributeFilter("feature_number = 3");

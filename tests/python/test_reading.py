@@ -211,7 +211,7 @@ def test_threads_read_side_by_side(survey_path):
 
 
 def test_a_child_of_fork_can_end_with_batches(survey_path):
-    code = "import kesp, os, sys; b = kesp.read_points(sys.argv[1], batch_rows=1); next(b); p = os.fork(); p and sys.exit(os.wait()[1])"
+    code = "import kesp, os, sys; b = kesp.read_points(sys.argv[1], batch_rows=1); next(b); p = os.fork(); p and sys.exit(os.wait()[1] != 0)"
     subprocess.run([sys.executable, "-c", code, survey_path], timeout=60, check=True)
 
 
